@@ -1,0 +1,39 @@
+// The staged end of a process. Main thread, unless told otherwise.
+#pragma once
+
+struct EX_PCX;
+
+enum loop_state {
+    loop_leave = 0,
+    loop_running = 1,
+    loop_shutdown = 2,  // wanted
+    loop_farewell = 3,  // the agent says good-bye
+    loop_draining = 4   // until the send queues are empty
+};
+
+inline constexpr int drain_silence_limit = 60;  // seconds without a write after which a child is given up
+
+enum module_mask : unsigned {
+    module_jp = 1,
+    module_var = 2,
+    module_rep = 4,
+    module_cmd = 8,
+    module_fh = 16,
+    module_ft = 32,
+    module_ftx = 64,
+    module_getfile = 128,
+    module_all = 0xffffff
+};
+
+// Only `loop_running` becomes `loop_shutdown`; later calls do nothing.
+int initiate_agent_shutdown(EX_PCX* pcx);
+// One stage for each pass of the loop.
+int shutdown_in_progress(EX_PCX* pcx);
+
+// Closes everything in a fixed order and frees the context. Every step tolerates what was never opened, so a
+// start that failed half-way ends here too.
+void Close_All(EX_PCX* pcx, int exit_code, int close_ccm);
+int close_selected_modules(EX_PCX* pcx, unsigned mask);
+// The last resort for a call that cannot fail. Any thread; off the main thread it ends the process at once.
+[[noreturn]] void ExitCall(const char* call, const char* text, int error_number);
+void freePcx();

@@ -1,0 +1,24 @@
+// Signals: a handler sets a bit and wakes the main loop, which does the work.
+#pragma once
+
+struct EX_PCX;
+struct qx7_error;
+
+inline constexpr int signal_pending_child = 1 << 0;  // bits of EX_PCX.flag_signal
+inline constexpr int signal_pending_terminate = 1 << 3;
+
+// Reads the settings of section GLOBAL, installs the dispositions and unblocks what is handled on this
+// thread. 0, or -1 with `error`.
+int signal_open(EX_PCX* pcx, qx7_error* error);
+int signal_close(EX_PCX* pcx, qx7_error* error);
+// What `signal_open` would store in `flag_signal`.
+int signal_read_settings(EX_PCX* pcx);
+
+// Main loop: answers the pending bits.
+int maintenance_signals(EX_PCX* pcx);
+// Collects the ended children that this process forked itself; each gives one SIGCHLD record.
+int signal_handle_sigchild(EX_PCX* pcx);
+int signal_handle_sigterm(EX_PCX* pcx);
+
+// Default disposition for every signal of the table, for a child before it runs something else.
+void signal_reset_for_child();
