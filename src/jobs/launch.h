@@ -1,0 +1,120 @@
+// From an accepted activation to a process: shell, job file, report, fork, and in the child identity,
+// environment and exec. Main thread.
+#pragma once
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "base/error.h"
+#include "identity/accounts.h"
+#include "identity/pam.h"
+
+struct EX_PCX;
+struct JP_AREA;
+
+// Exit codes of a child that did not become a job.
+enum launch_exit : int {
+    LAUNCH_EXIT_SETGID = 201,
+    LAUNCH_EXIT_INITGROUPS = 202,
+    LAUNCH_EXIT_SETUID = 203,
+    LAUNCH_EXIT_PAM_SESSION = 204,
+    LAUNCH_EXIT_CHDIR = 205,
+    LAUNCH_EXIT_OPEN = 206,
+    LAUNCH_EXIT_DUP_STDOUT = 208,
+    LAUNCH_EXIT_DUP_STDIN = 208,
+    LAUNCH_EXIT_DUP_STDERR = 209,
+    LAUNCH_EXIT_EXEC = 210,
+};
+
+// What start_job made of it.
+enum launch_result : int {
+    LAUNCH_STARTED = 1,  // *pid holds the child, under start type B the status of the start command
+    LAUNCH_NO_PROCESS =
+        0,  // fork ran out of processes (EAGAIN); files are gone again, try later. Never under B.
+    LAUNCH_FAILED = -1,  // number and insert in the error, already logged
+};
+
+// The fields of an activation that the launch needs, from the received message or the kept copy. Texts
+// without their padding; `rest` and `jcl` only as far as they lie inside the received message. Borrowed for
+// the call.
+struct launch_order {
+    std::string_view jobfile;    // completed against the work directory, see launch_complete_path
+    std::string_view jobreport;  // the same; empty means /dev/null
+    std::string_view name;       // object name
+    std::string_view rest;
+    std::string_view jcl;
+};
+
+// Starts the job. `pamHandle` may be null; it stays the caller's, who ends it with PamEndAfterStart or
+// PamEnd. `job` gives run number, client, code table and resources and is not changed.
+launch_result start_job(EX_PCX* pcx, const launch_order& order, const my_passwd_unlimited& passwd,
+                        pam_handle_t* pamHandle, const JP_AREA* job, uint32_t* pid, qx7_error* error);
+
+// A name of a message as an absolute path: relative names stand below the agent's work directory. Empty stays
+// empty.
+std::string launch_complete_path(const EX_PCX* pcx, std::string_view name);
+// Brings the texts that a child may have to write into memory, for a child has no message library. Called by
+// the set-up; repeatable.
+void launch_load_texts(EX_PCX* pcx);
+
+// Value of `key` ("M=", "N=", "2=", "Y=") in a run of items: key up to '=', delimiter, value, delimiter. The
+// items are walked from the start; what does not parse ends the walk. Empty when there is none. At most
+// `limit` characters.
+std::string GetRestString(std::string_view rest, std::string_view key, size_t limit);
+
+// ---- The start's scratch record, also for the commands of the agent
+// -----------------------------------------------
+
+enum launch_kind : char { LAUNCH_JOB = 'J', LAUNCH_COMMAND = 'C' };  // jsvType
+enum launch_batch : char { BATCH_FILE = 'J', BATCH_COMMAND = 'C' };  // BatFlag
+enum launch_flag : int { LAUNCH_STDIN_DUMMY = 1, LAUNCH_STDIN_CLOSE = 2 };
+
+struct JOB_START_VAR {
+    char jsvKey[17] = "%JOB_START_VAR% ";
+    char jsvType = LAUNCH_JOB;
+    int Return = 0;  // message number of a failure in CreateJobFile
+    int jobNr = 0;
+    uint16_t clientNr = 0;
+    std::string jobReport;  // up to 255 characters
+    std::string objName;
+    std::string jobFile;  // job file, or the command text (up to 512 characters)
+    char UserName[64] = {};
+    char GrpName[64] = {};
+    std::string path_sh;  // full path of the shell, up to 63 characters
+    std::string sh;       // name as given, up to 31 characters
+    std::string sh_opt;   // up to 15 characters
+    char BatFlag = BATCH_FILE;
+    char sh_flag = 'x';
+    int flag1 = LAUNCH_STDIN_DUMMY;
+    std::string_view jcl;
+    const unsigned char* cCodeTab = nullptr;  // 256 bytes; null: no conversion
+    std::string rettext;                      // insert of a failure
+    const JP_AREA* job = nullptr;             // its resources are told at the head of the report; may be null
+    std::vector<gid_t> groups;                // all gids of the user, the primary one first, without the -1
+    // The report as it was made; a child that finds another file under its name does not write to it. Inode
+    // 0: no test.
+    dev_t report_device = 0;
+    ino_t report_inode = 0;
+    std::string failure;  // in the child: the line for descriptor 2
+};
+
+// Forks under the fork locks, makes the child leader of its own group, and in the child runs doit_Child; it
+// never returns there. The pid, or -1 with errno and `error` filled ("fork|<errno>|<text>|", logged). `type`
+// 'F' or 'V' names the function in the insert; both fork.
+pid_t launch_fork(EX_PCX* pcx, char type, const my_passwd_unlimited& passwd, JOB_START_VAR* startVar,
+                  pam_handle_t* pamHandle, qx7_error* error);
+
+// The child's way to exec. Returns only if the job did not start: one of launch_exit, number and insert in
+// `error`.
+int doit_Child(EX_PCX* pcx, const my_passwd_unlimited& passwd, JOB_START_VAR* startVar,
+               pam_handle_t* pamHandle, qx7_error* error);
+// The batch start: the command of the user's shell through system(). Its status, or -1 with `error`.
+int doit_cmd(EX_PCX* pcx, const my_passwd_unlimited& passwd, const JOB_START_VAR& startVar, qx7_error* error);
+
+// For tests: takes the place of fork().
+void launch_set_fork(pid_t (*function)());
