@@ -18,5 +18,5 @@ int listener_create_listener_channels(EX_PCX* pcx, qx7_error* error);
 int listener_shutdown(EX_PCX* pcx);
 
 // Timer callbacks: the agent's ping every minute, the listener's watch over it.
-int listener_ping_wd_handler(void* pcx, char* name, char* minor);
-int listener_ping_watchdog(void* pcx, char* name, char* minor);
+int listener_ping_wd_handler(void* pcx, const char* name, const char* minor);
+int listener_ping_watchdog(void* pcx, const char* name, const char* minor);

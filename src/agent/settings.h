@@ -17,17 +17,6 @@ EX_PCX* PcxMalloc(const char* ini, qx7_error* error);
 // `Close_All`.
 EX_PCX* PcxInit(const char* ini, const char* program_path, qx7_error* error);
 
-// Values from the INI file of `pcx`. `out` has `size` bytes and always gets a closing zero; a list of keys
-// (empty `key`) is copied whole with its two closing zeros. Result: length of the value.
-int m_getProfileString(EX_PCX* pcx, const char* section, const char* key, const char* default_value,
-                       char* out, size_t size);
-// Decimal value; text that is no number is 0.
-int m_getProfileInt(EX_PCX* pcx, const char* section, const char* key, int default_value);
-// 1 for "1", "Y", "YE", "YES" in any case, else 0.
-int m_getProfileBool(EX_PCX* pcx, const char* section, const char* key, int default_value);
-// Writes into the INI file. 0 or -1.
-int m_putProfileString(EX_PCX* pcx, const char* section, const char* key, const char* value);
-
 // A number with an optional suffix "K" (times 2^10) or "M" (times 2^20), in any case. Negative text and
 // garbage are 0; what does not fit an int is the largest int.
 int settings_size_value(const char* text);
@@ -40,6 +29,16 @@ void settings_languages(const char* text, char* main_language, char* sub_languag
 // `TCP/IP/port`: a port, or address, ":" and port (an IPv6 address stands in brackets). `address` is empty
 // for the first form. Result: the port, 0 when there is none or it is no port.
 int settings_listener_port(const char* text, char* address, size_t size);
+
+// The check that `GLOBAL/login_check` asks for where the server lets jobs, transfers or events run without a
+// login.
+int ReadLoginCheck(EX_PCX* pcx);
+// 1 or 2.
+int ReadEventVersion(EX_PCX* pcx);
+// Largest frame in bytes.
+int SetMaxMsgSize(EX_PCX* pcx);
+// Supplementary groups of the agent's own process into the context.
+int GetGroupsForAgent(EX_PCX* pcx);
 
 // Log the settings at start: INI file, context, system variables, job module.
 void LOG_IniFile(EX_PCX* pcx);

@@ -3,14 +3,6 @@
 
 struct EX_PCX;
 
-enum loop_state {
-    loop_leave = 0,
-    loop_running = 1,
-    loop_shutdown = 2,  // wanted
-    loop_farewell = 3,  // the agent says good-bye
-    loop_draining = 4   // until the send queues are empty
-};
-
 inline constexpr int drain_silence_limit = 60;  // seconds without a write after which a child is given up
 
 enum module_mask : unsigned {
@@ -25,7 +17,7 @@ enum module_mask : unsigned {
     module_all = 0xffffff
 };
 
-// Only `loop_running` becomes `loop_shutdown`; later calls do nothing.
+// Only LOOP_RUNNING becomes LOOP_STOP_WANTED; later calls do nothing.
 int initiate_agent_shutdown(EX_PCX* pcx);
 // One stage for each pass of the loop.
 int shutdown_in_progress(EX_PCX* pcx);

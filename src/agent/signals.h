@@ -4,9 +4,6 @@
 struct EX_PCX;
 struct qx7_error;
 
-inline constexpr int signal_pending_child = 1 << 0;  // bits of EX_PCX.flag_signal
-inline constexpr int signal_pending_terminate = 1 << 3;
-
 // Reads the settings of section GLOBAL, installs the dispositions and unblocks what is handled on this
 // thread. 0, or -1 with `error`.
 int signal_open(EX_PCX* pcx, qx7_error* error);
