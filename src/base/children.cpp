@@ -7,69 +7,74 @@
 
 namespace {
 
-std::unordered_set<pid_t>& children() {
-    static std::unordered_set<pid_t> pids;
-    return pids;
-}
+std::unordered_set<pid_t> noted;
 
-pid_t collect(pid_t pid, int* status) {
+// waitpid that is repeated when a signal came in between.
+pid_t wait_for(pid_t pid, int* status) {
     pid_t result;
     do {
         result = waitpid(pid, status, WNOHANG);
     } while (result < 0 && errno == EINTR);
-    if (result != 0) {
-        children().erase(pid);  // also when somebody else has taken it: nobody will tell of it any more
-    }
     return result;
 }
 
-// Somebody else's ended child stands in front of ours: ask for each of ours.
-pid_t collect_any(int* status) {
-    for (auto at = children().begin(); at != children().end();) {
-        const pid_t pid = *at++;
-        const pid_t result = collect(pid, status);
-        if (result > 0) {
-            return result;
-        }
-        if (result < 0 && errno != ECHILD) {
-            return -1;
-        }
+// The pid of some ended child, which stays waitable; 0 when there is none.
+pid_t peek_ended_child() {
+    siginfo_t info;
+    info.si_pid = 0;
+    int result;
+    do {
+        result = waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT);
+    } while (result < 0 && errno == EINTR);
+    return result < 0 ? 0 : info.si_pid;
+}
+
+bool collect(pid_t candidate, pid_t* pid, int* status) {
+    if (wait_for(candidate, status) != candidate) {
+        return false;
     }
-    return 0;
+    noted.erase(candidate);
+    *pid = candidate;
+    return true;
 }
 
 }  // namespace
 
-void child_started(pid_t pid) {
-    children().insert(pid);
+void children_note(pid_t pid) {
+    if (pid > 0) {
+        noted.insert(pid);
+    }
 }
 
-bool child_is_ours(pid_t pid) {
-    return children().count(pid) != 0;
+bool children_known(pid_t pid) {
+    return noted.contains(pid);
 }
 
-pid_t child_wait_next(int* status) {
-    siginfo_t info = {};
-    while (waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) != 0) {
-        if (errno == ECHILD) {
-            // With SIGCHLD ignored the system collects them itself.
-            children().clear();
-            return 0;
+bool children_collect(pid_t* pid, int* status) {
+    if (noted.empty()) {
+        return false;
+    }
+    const pid_t ended = peek_ended_child();
+    if (ended == 0) {
+        return false;
+    }
+    if (children_known(ended)) {
+        return collect(ended, pid, status);
+    }
+    // Somebody else's child stands in front and isn't ours to collect.
+    const std::unordered_set<pid_t> candidates = noted;
+    for (pid_t candidate : candidates) {
+        if (collect(candidate, pid, status)) {
+            return true;
         }
-        if (errno != EINTR) {
-            return -1;
-        }
     }
-    if (info.si_pid == 0) {
-        return 0;
-    }
-    if (!child_is_ours(info.si_pid)) {
-        return collect_any(status);
-    }
-    const pid_t result = collect(info.si_pid, status);
-    return result < 0 && errno == ECHILD ? 0 : result;
+    return false;
 }
 
-void children_forget() {
-    children().clear();
+size_t children_count() {
+    return noted.size();
+}
+
+void children_forget_all() {
+    noted.clear();
 }
