@@ -27,6 +27,7 @@ struct __qx_upgrade_item;
 struct ccm_addr_t;
 struct ccm_context_t;
 struct cp_connection_t;
+struct gss_name_struct;
 struct log_message_stack;
 struct qx_code_tables;
 
@@ -114,7 +115,7 @@ struct EX_PCX {
     char hlpFile[qx_path_size] = {};
     char logFile[qx_path_size] = {};
     int pcx_tcpRecv = 0;
-    char pcx_sName[256] = {};
+    gss_name_struct* pcx_sName = nullptr;  // the agent's own name; set by GssOpen, released by GssClose
     char pcx_cPIAttrib[128] = {};
 
     // Connections and handles

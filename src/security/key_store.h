@@ -55,12 +55,11 @@ struct key_manager {
     std::string file;
     std::string systemName;
     std::string exName;
-    uint8_t g_pCompKey[gss_key_size] = {};
+    qx_secret<gss_key_size> g_pCompKey;
     uint64_t generator = 0;  // of the key exchange, both from the company key
     uint64_t modulus = 0;
 
     key_manager() = default;
-    ~key_manager();
     key_manager(const key_manager&) = delete;
     key_manager& operator=(const key_manager&) = delete;
 };
@@ -133,10 +132,8 @@ struct initial_package {
     std::string plugin;
     std::string attributes;
     uint8_t plugin_hash[16] = {};
-    uint8_t company_key[gss_key_size] = {};
-    uint8_t transfer_key[gss_key_size] = {};
-
-    ~initial_package();
+    qx_secret<gss_key_size> company_key;
+    qx_secret<gss_key_size> transfer_key;
 };
 inline constexpr uint32_t initial_package_company_only = 4;
 

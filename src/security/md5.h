@@ -26,6 +26,3 @@ void MD5Generate(const void* data, size_t length, uint8_t digest[md5_size]);
 
 // The digest of a file's content. 0, or -1 with errno set.
 int MD5FileHash(const char* file, uint8_t digest[md5_size]);
-
-// Whether two byte strings of the same length are equal; the time taken doesn't tell where they differ.
-bool equal_in_constant_time(const void* a, const void* b, size_t length);

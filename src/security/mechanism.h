@@ -14,6 +14,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/memory.h"
 #include "security/aes.h"
 
 using OM_uint32 = uint32_t;
@@ -145,18 +146,13 @@ struct gss_name_struct {
 using gss_name_t = gss_name_struct*;
 
 struct gss_cred_entry {
-    std::vector<uint8_t> m_Imp_SessionKey;  // from a delegated credential token, else empty
-    std::vector<uint8_t> m_Imp_ContToken;   // likewise: the init token to be presented
+    qx_secret<gss_key_size> m_Imp_SessionKey;  // from a delegated credential token
+    std::vector<uint8_t> m_Imp_ContToken;      // likewise: the init token to be presented, else empty
     OM_uint32 m_CtxId = 0;
     OM_uint32 m_Imp_CtxFlag = 0;
-    uint8_t m_TransferKey[gss_key_size] = {};
+    qx_secret<gss_key_size> m_TransferKey;
     uint8_t m_UsageCode = GSS_C_BOTH;
     char m_CredName[gss_name_size + 1] = {};
-
-    gss_cred_entry() = default;
-    ~gss_cred_entry();
-    gss_cred_entry(const gss_cred_entry&) = default;
-    gss_cred_entry& operator=(const gss_cred_entry&) = default;
 };
 
 // Entry 0 is the side's own. An initiator that delegates holds the target's as entry 1.
@@ -173,8 +169,8 @@ struct gss_ctx_id_struct {
     OM_uint32 m_PartnerCtxID = 0;
     OM_uint32 m_InMsgCounter = 0;
     OM_uint32 m_OutMsgCounter = 0;
-    uint8_t m_SessionKey[gss_key_size] = {};
-    uint8_t m_InitVect[gss_key_size] = {};
+    qx_secret<gss_key_size> m_SessionKey;
+    qx_secret<gss_key_size> m_InitVect;
     char m_PartnerName[gss_name_size] = {};  // zero-padded; not terminated when it fills the field
     uint8_t m_CtxState = GSS_CTX_NONE;
     OM_uint32 m_ReqFlags = 0;
