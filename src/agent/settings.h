@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdio>
 
 struct EX_PCX;
 struct qx7_error;
@@ -16,6 +17,9 @@ EX_PCX* PcxMalloc(const char* ini, qx7_error* error);
 // opened; every other failure returns the context with `error` filled, and the caller ends through
 // `Close_All`.
 EX_PCX* PcxInit(const char* ini, const char* program_path, qx7_error* error);
+
+// One line for the operator about a failed PcxInit: which setting, what is wrong with it, what to do.
+void settings_explain(const EX_PCX* pcx, const qx7_error& error, FILE* out);
 
 // A number with an optional suffix "K" (times 2^10) or "M" (times 2^20), in any case. Negative text and
 // garbage are 0; what does not fit an int is the largest int.

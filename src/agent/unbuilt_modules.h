@@ -1,0 +1,23 @@
+// The contracts of modules that this build does not have: transfers, file events, file retrieval, commands,
+// upgrade. They open and close, hold nothing, and have no waiting work; their table rows answer that they are
+// not implemented.
+#pragma once
+
+struct EX_PCX;
+struct qx7_error;
+
+int FT_Open(EX_PCX* pcx);
+int FT_Close(EX_PCX* pcx);
+int FTX_Open(EX_PCX* pcx);
+int FTX_Close(EX_PCX* pcx);
+int GET_fileOpen(EX_PCX* pcx);
+int GET_fileClose(EX_PCX* pcx);
+int cmdOpen(EX_PCX* pcx);
+int cmdClose(EX_PCX* pcx);
+int REP_Open(EX_PCX* pcx);
+int REP_Close(EX_PCX* pcx);
+int FH_Open(EX_PCX* pcx);
+int FH_Close(EX_PCX* pcx);
+
+// Whether any transfer, event, event request or command stands in the way of a restart.
+bool unbuilt_modules_busy(const EX_PCX* pcx);
