@@ -1,0 +1,290 @@
+// The console's side of the server: a socket in the data folder, one JSON object a line both ways.
+#include <fmt/format.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <nlohmann/json.hpp>
+
+#include "server_state.h"
+
+using nlohmann::json;
+
+namespace {
+
+constexpr size_t line_limit = size_t{256} << 20;
+
+void tell(cp_control_client& client, const json& answer) {
+    client.out += answer.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
+}
+
+void finish(cp_control_client& client, const json& answer) {
+    tell(client, answer);
+    client.close_when_written = true;
+}
+
+void refuse(cp_control_client& client, const std::string& text) {
+    finish(client, {{"ok", false}, {"error", text}});
+}
+
+cp_control_client* find_client(cp_server& server, int id) {
+    for (auto& client : server.clients) {
+        if (client->id == id) {
+            return client.get();
+        }
+    }
+    return nullptr;
+}
+
+std::string answer_text(const cp_answer& answer) {
+    if (answer.status == "--") {
+        return "the connection to the agent was lost";
+    }
+    return answer.number == 0 ? std::string{answer.status}
+                              : fmt::format("{} U{:08} {}", answer.status, answer.number, answer.insert);
+}
+
+void run_job(cp_server& server, cp_control_client& client, const json& request) {
+    cp_job job;
+    job.script = request.value("script", "");
+    job.name = request.value("name", "");
+    job.agent = request.value("agent", "");
+    job.user = request.value("user", "");
+    job.shell = request.value("shell", "");
+    job.password = request.value("password", "");
+    job.client = request.value("client", 100);
+    job.wrap = request.value("wrap", true);
+    if (job.script.empty()) {
+        refuse(client, "the script is empty");
+        return;
+    }
+    if (job.client < 0 || job.client > 9999) {
+        refuse(client, "a client is a number from 0 to 9999");
+        return;
+    }
+    std::string error;
+    const int run = cp_submit(&server, std::move(job), error);
+    if (run == 0) {
+        refuse(client, error);
+        return;
+    }
+    client.watched_run = run;
+    cp_control_tell_job(server, *cp_find_job(&server, run));
+}
+
+void ask_agent(cp_server& server, cp_control_client& client, int run, bool cancel) {
+    if (cp_find_job(&server, run) == nullptr) {
+        refuse(client, fmt::format("there is no job {}: see 'qxcp jobs'", run));
+        return;
+    }
+    const int id = client.id;
+    auto handler = [&server, id, run, cancel](const cp_answer& answer) {
+        cp_control_client* asker = find_client(server, id);
+        const cp_job* job = cp_find_job(&server, run);
+        if (asker == nullptr || job == nullptr) {
+            return;
+        }
+        const std::string text = answer_text(answer);
+        if (cancel && answer.status != "OK") {
+            refuse(*asker, fmt::format("job {} was not cancelled: {}", run, text));
+            return;
+        }
+        finish(*asker, {{"ok", true},
+                        {"text", cancel ? fmt::format("job {} is being cancelled: {}", run, text) : text},
+                        {"job", cp_job_json(*job)}});
+    };
+    const bool sent = cancel ? cp_cancel(&server, run, handler) : cp_job_info(&server, run, handler);
+    if (!sent && cancel) {
+        refuse(client, fmt::format("the agent of job {} is not logged on", run));
+    } else if (!sent) {
+        finish(client, {{"ok", true}, {"text", "the agent is not logged on"}, {"job", cp_job_json(*cp_find_job(&server, run))}});
+    }
+}
+
+void get_report(cp_server& server, cp_control_client& client, const json& request) {
+    const int run = request.value("run", 0);
+    const cp_job* job = cp_find_job(&server, run);
+    if (job == nullptr) {
+        refuse(client, fmt::format("there is no job {}: see 'qxcp jobs'", run));
+        return;
+    }
+    cp_report_wish wish;
+    wish.match = request.value("match", "");
+    wish.tail = request.value("tail", false);
+    if (wish.match.empty() && !wish.tail && !job->report_copy.empty()) {
+        finish(client, {{"ok", true}, {"path", job->report_copy}});
+        return;
+    }
+    wish.path = fmt::format("{}/reports/{:07}.part.txt", server.store.folder, run);
+    const int id = client.id;
+    const bool sent = cp_fetch_report(&server, run, wish, [&server, id, run, path = wish.path](const cp_answer& answer) {
+        cp_control_client* asker = find_client(server, id);
+        if (asker == nullptr) {
+            return;
+        }
+        if (answer.status == "OK") {
+            finish(*asker, {{"ok", true}, {"path", path}});
+        } else {
+            refuse(*asker, fmt::format("no report of job {}: {}", run, answer_text(answer)));
+        }
+    });
+    if (!sent) {
+        refuse(client, fmt::format("the agent of job {} is not logged on", run));
+    }
+}
+
+void handle_request(cp_server& server, cp_control_client& client, const std::string& line) {
+    json request = json::parse(line, nullptr, false);
+    if (!request.is_object()) {
+        refuse(client, "the request is no JSON object");
+        return;
+    }
+    try {  // the library reports a value of a wrong type by an exception
+        const std::string op = request.value("op", "");
+        if (op == "run") {
+            run_job(server, client, request);
+        } else if (op == "agents") {
+            json list = json::array();
+            for (auto& agent : server.agents) {
+                if (agent->logged_on) {
+                    list.push_back(cp_agent_json(*agent));
+                }
+            }
+            finish(client, {{"ok", true}, {"agents", list}});
+        } else if (op == "jobs") {
+            json list = json::array();
+            for (auto& [run, job] : server.store.jobs) {
+                list.push_back(cp_job_json(job));
+            }
+            finish(client, {{"ok", true}, {"jobs", list}});
+        } else if (op == "cancel" || op == "info") {
+            ask_agent(server, client, request.value("run", 0), op == "cancel");
+        } else if (op == "report") {
+            get_report(server, client, request);
+        } else if (op == "stop") {
+            const std::string agent = request.value("agent", "");
+            if (cp_stop_agent(&server, agent)) {
+                finish(client, {{"ok", true}, {"text", fmt::format("agent {} was told to stop", agent)}});
+            } else {
+                refuse(client, fmt::format("agent '{}' is not logged on: see 'qxcp agents'", agent));
+            }
+        } else {
+            refuse(client, fmt::format("unknown request '{}'", op));
+        }
+    } catch (const json::exception& fault) {
+        refuse(client, fault.what());
+    }
+}
+
+}  // namespace
+
+bool cp_control_open(cp_server& server, std::string& error) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const std::string path = server.store.folder + "/control.sock";
+    if (path.size() >= sizeof address.sun_path) {
+        error = fmt::format("the path '{}' is too long for a socket: choose a shorter folder", path);
+        return false;
+    }
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const bool alive = probe >= 0 && connect(probe, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    if (probe >= 0) {
+        close(probe);
+    }
+    if (alive) {
+        error = fmt::format("another server uses the folder '{}'", server.store.folder);
+        return false;
+    }
+    unlink(path.c_str());  // left by a server that was killed
+    server.control_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (server.control_fd < 0 || bind(server.control_fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        chmod(path.c_str(), 0600) != 0 || listen(server.control_fd, 16) != 0) {
+        error = fmt::format("cannot open '{}': {}", path, std::strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+void cp_control_accept(cp_server& server) {
+    const int fd = accept4(server.control_fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (fd < 0) {
+        return;  // gone again, or descriptors are short: the next step tries once more
+    }
+    auto client = std::make_unique<cp_control_client>();
+    client->id = server.next_id++;
+    client->fd = fd;
+    server.clients.push_back(std::move(client));
+}
+
+void cp_control_read(cp_server& server, cp_control_client& client) {
+    char chunk[65536];
+    const ssize_t n = recv(client.fd, chunk, sizeof chunk, 0);
+    if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
+        return;
+    }
+    if (n <= 0 || client.in.size() > line_limit) {
+        close(client.fd);
+        client.fd = -1;
+        return;
+    }
+    client.in.append(chunk, static_cast<size_t>(n));
+    for (size_t end; (end = client.in.find('\n')) != std::string::npos;) {
+        const std::string line = client.in.substr(0, end);
+        client.in.erase(0, end + 1);
+        handle_request(server, client, line);
+    }
+}
+
+void cp_control_tell_job(cp_server& server, const cp_job& job) {
+    for (auto& client : server.clients) {
+        if (client->watched_run != job.run) {
+            continue;
+        }
+        const std::string told = fmt::format("{}|{}|{}", cp_state_name(job.state), job.process_id, job.info_text);
+        if (told != client->last_told) {
+            client->last_told = told;
+            tell(*client, {{"job", cp_job_json(job)}});
+        }
+        // With the report fetched (or none to come) the job is over for its submitter.
+        if (cp_state_is_final(job.state) && (job.forgotten || !server.options.fetch_reports)) {
+            client->watched_run = 0;
+            finish(*client, {{"ok", true}, {"job", cp_job_json(job)}});
+        }
+    }
+}
+
+json cp_job_json(const cp_job& job) {
+    return {{"run", job.run},
+            {"name", job.name},
+            {"client", job.client},
+            {"agent", job.agent},
+            {"user", job.user},
+            {"shell", job.shell},
+            {"state", cp_state_name(job.state)},
+            {"return_code", job.return_code},
+            {"process_id", job.process_id},
+            {"program", job.program},
+            {"info_text", job.info_text},
+            {"start_time", job.start_time},
+            {"end_time", job.end_time},
+            {"cpu_ms", job.cpu_ms},
+            {"io_count", job.io_count},
+            {"status_count", job.status_count},
+            {"message_number", job.message_number},
+            {"message_insert", job.message_insert},
+            {"variables", job.variables},
+            {"output_files", job.output_files},
+            {"job_file", job.job_file},
+            {"report_file", job.report_file},
+            {"report_copy", job.report_copy}};
+}
+
+json cp_agent_json(const cp_agent& agent) {
+    return {{"name", agent.link.agent},   {"address", agent.listener}, {"port", agent.listener_port},
+            {"version", agent.version},   {"platform", agent.platform}, {"since", agent.since},
+            {"start", std::string(1, agent.start_type)}, {"variables", agent.variables}};
+}

@@ -1,0 +1,127 @@
+// The development server: agents log on to it, jobs run through it, a console talks to it.
+//
+// One thread. cp_server_step does what is due and returns; nothing else blocks. The library is what the command
+// `qxcp serve` runs and what the tests drive in their own process.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+#include <vector>
+
+#include "link.h"
+#include "store.h"
+
+struct cp_options {
+    std::string system = "QX7";
+    std::string name = "CP001";
+    std::string address = "127.0.0.1";
+    int port = 0;  // 0: any free one
+    std::string folder;
+    int ranking = 1;
+    std::string cp_list;
+
+    // What agents are told at logon, in seconds where a time.
+    int job_check = 30;
+    int keep_alive = 60;
+    int reconnect = 60;
+    int report_interval = 20;
+    int block_size = 32000;
+    bool log_to_server = true;
+    bool check_passwords = false;
+
+    bool fetch_reports = true;  // after a job's end, then the agent may forget the job
+    bool control = true;        // open the console's socket
+};
+
+// One line of the server's log: `kind` is a word, `text` is for people, `agent` and `run` where they apply.
+struct cp_event {
+    std::string time;  // UTC
+    std::string kind;
+    std::string agent;
+    int run = 0;
+    std::string text;
+};
+
+// An agent as its logon message describes it.
+struct cp_agent {
+    int id = 0;
+    int fd = -1;
+    cp_link link;
+    bool logged_on = false;
+    std::string address;       // of the peer
+    std::string listener;      // address of its listener
+    int listener_port = 0;
+    std::string version;
+    std::string platform;
+    std::string since;
+    char start_type = ' ';
+    int report_id = 0;
+    std::map<std::string, std::string> variables;
+    bool stopping = false;
+};
+
+struct cp_server;
+
+// An answer to a request: QUITT's status, number and insert; `status` is "--" when the line was lost.
+struct cp_answer {
+    std::string status;
+    int number = 0;
+    std::string insert;
+    std::string data;
+};
+using cp_answer_handler = std::function<void(const cp_answer&)>;
+using cp_observer = std::function<void(const cp_event&)>;
+// Sees each message before the server does; true takes it.
+using cp_message_tap = std::function<bool(cp_agent&, const cp_received&)>;
+
+// Null with `error` filled when the folder or the port cannot be used.
+std::unique_ptr<cp_server, void (*)(cp_server*)> cp_server_open(const cp_options& options, std::string& error);
+void cp_server_close(cp_server* server);
+
+int cp_server_port(const cp_server* server);
+cp_options& cp_server_options(cp_server* server);
+cp_store& cp_server_store(cp_server* server);
+void cp_server_observe(cp_server* server, cp_observer observer);
+void cp_server_tap(cp_server* server, cp_message_tap tap);
+
+// Waits at most `timeout_ms` for something to do and does it.
+void cp_server_step(cp_server* server, int timeout_ms);
+// Steps until `done` or the time is over. Returns what `done` says then.
+bool cp_server_run_until(cp_server* server, int timeout_ms, const std::function<bool()>& done);
+
+// The logged-on agent of that name; with an empty name the only one, or null.
+cp_agent* cp_find_agent(cp_server* server, const std::string& name);
+const std::vector<std::unique_ptr<cp_agent>>& cp_agents(const cp_server* server);
+
+// Takes a job over (`script`, `name`, `agent`, `user`, … filled) and gives it a run number. It is sent at once, or
+// when its agent logs on. 0 with `error` filled when it can't be taken.
+int cp_submit(cp_server* server, cp_job job, std::string& error);
+cp_job* cp_find_job(cp_server* server, int run);
+
+// Orders and questions; the handler is called from cp_server_step. False when no agent is there for it.
+bool cp_cancel(cp_server* server, int run, cp_answer_handler handler);
+bool cp_job_info(cp_server* server, int run, cp_answer_handler handler);
+bool cp_forget(cp_server* server, int run);
+// Fetches lines of a job's report to `path`: all, those that match a pattern with * and ?, or the tail.
+struct cp_report_wish {
+    std::string path;
+    std::string match;
+    bool tail = false;
+    int block_size = 0;   // 0: that of the options
+    int max_records = 0;  // 0: all
+    bool erase = false;
+};
+bool cp_fetch_report(cp_server* server, int run, const cp_report_wish& wish, cp_answer_handler handler);
+bool cp_stop_agent(cp_server* server, const std::string& agent);
+// Ends the connection without a word.
+void cp_drop_line(cp_server* server, const std::string& agent);
+
+// Sends any message to a module of the agent; QUITT for it goes to `handler` (may be empty).
+bool cp_send(cp_server* server, cp_agent& agent, std::string_view module, const void* message, size_t length,
+             cp_answer_handler handler = {});
+
+nlohmann::json cp_job_json(const cp_job& job);
+nlohmann::json cp_agent_json(const cp_agent& agent);

@@ -1,0 +1,73 @@
+// The server's record, shared by the files that make it up. Callers use server.h.
+#pragma once
+
+#include <cstdio>
+#include <map>
+#include <string>
+
+#include "server.h"
+
+// A request that waits for its answer; the number travels as access code.
+struct cp_pending {
+    int agent_id = 0;
+    std::string type;
+    int run = 0;
+    cp_answer_handler handler;
+};
+
+struct cp_transfer {
+    int agent_id = 0;
+    int run = 0;
+    FILE* file = nullptr;
+    cp_report_wish wish;
+    int block = 0;
+    bool tail_held = false;
+    std::string tail;  // the block received last, when only the end is wanted
+    cp_answer_handler handler;
+};
+
+struct cp_control_client {
+    int id = 0;
+    int fd = -1;
+    std::string in;
+    std::string out;
+    int watched_run = 0;  // a `run` whose states are told
+    std::string last_told;
+    bool close_when_written = false;
+};
+
+struct cp_server {
+    cp_options options;
+    cp_identity identity;
+    cp_store store;
+    key_manager keys;
+    int listen_fd = -1;
+    int control_fd = -1;
+    int port = 0;
+    int next_id = 1;
+    uint32_t next_access_code = 1;
+    int next_transfer = 1;
+    std::vector<std::unique_ptr<cp_agent>> agents;
+    std::vector<std::unique_ptr<cp_control_client>> clients;
+    std::map<uint32_t, cp_pending> pending;
+    std::map<int, cp_transfer> transfers;
+    cp_observer observer;
+    cp_message_tap tap;
+
+    ~cp_server();
+};
+
+void cp_emit(cp_server& server, const std::string& kind, const std::string& agent, int run, const std::string& text);
+std::string cp_time_text();
+
+// job_control.cpp
+void cp_handle_message(cp_server& server, cp_agent& agent);
+void cp_handle_lost_line(cp_server& server, cp_agent& agent);
+void cp_job_changed(cp_server& server, cp_job& job);  // stores the job and tells those who watch it
+void cp_activate(cp_server& server, cp_agent& agent, cp_job& job);
+
+// control.cpp
+bool cp_control_open(cp_server& server, std::string& error);
+void cp_control_accept(cp_server& server);
+void cp_control_read(cp_server& server, cp_control_client& client);
+void cp_control_tell_job(cp_server& server, const cp_job& job);

@@ -1,0 +1,177 @@
+#include "store.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "hex.h"
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+namespace {
+
+constexpr std::array<const char*, 9> state_names = {"waiting", "submitted", "activated", "running", "cancelled",
+                                                    "ended",   "vanished",  "refused",   "lost"};
+
+cp_job_state state_from_name(const std::string& name) {
+    for (size_t i = 0; i < state_names.size(); ++i) {
+        if (name == state_names[i]) {
+            return static_cast<cp_job_state>(i);
+        }
+    }
+    return cp_job_state::lost;
+}
+
+// The new content appears under its name only when it is whole.
+std::string write_whole(const std::string& path, const std::string& text) {
+    const std::string temporary = path + ".tmp";
+    {
+        std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
+        out << text;
+        out.flush();
+        if (!out) {
+            return fmt::format("cannot write '{}': {}", temporary, std::strerror(errno));
+        }
+    }
+    if (rename(temporary.c_str(), path.c_str()) != 0) {
+        return fmt::format("cannot rename '{}': {}", temporary, std::strerror(errno));
+    }
+    return {};
+}
+
+json job_to_json(const cp_job& job) {
+    json j = {{"run", job.run},
+              {"client", job.client},
+              {"user_id", job.user_id},
+              {"name", job.name},
+              {"agent", job.agent},
+              {"user", job.user},
+              {"shell", job.shell},
+              {"job_file", job.job_file},
+              {"report_file", job.report_file},
+              {"state", cp_state_name(job.state)},
+              {"return_code", job.return_code},
+              {"process_id", job.process_id},
+              {"info_text", job.info_text},
+              {"program", job.program},
+              {"start_time", job.start_time},
+              {"end_time", job.end_time},
+              {"cpu_ms", job.cpu_ms},
+              {"io_count", job.io_count},
+              {"status_count", job.status_count},
+              {"end_count", job.end_count},
+              {"message_number", job.message_number},
+              {"message_insert", job.message_insert},
+              {"restart_record", cp_to_hex(job.restart_record)},
+              {"variables", job.variables},
+              {"output_files", job.output_files},
+              {"report_copy", job.report_copy},
+              {"forgotten", job.forgotten},
+              {"wrap", job.wrap}};
+    if (job.state == cp_job_state::waiting) {
+        j["script"] = job.script;
+    }
+    return j;
+}
+
+cp_job job_from_json(const json& j) {
+    cp_job job;
+    job.run = j.value("run", 0);
+    job.client = j.value("client", 100);
+    job.user_id = j.value("user_id", 1u);
+    job.name = j.value("name", "");
+    job.agent = j.value("agent", "");
+    job.user = j.value("user", "");
+    job.shell = j.value("shell", "");
+    job.job_file = j.value("job_file", "");
+    job.report_file = j.value("report_file", "");
+    job.state = state_from_name(j.value("state", "lost"));
+    job.return_code = j.value("return_code", 0);
+    job.process_id = j.value("process_id", "");
+    job.info_text = j.value("info_text", "");
+    job.program = j.value("program", "");
+    job.start_time = j.value("start_time", "");
+    job.end_time = j.value("end_time", "");
+    job.cpu_ms = j.value("cpu_ms", 0);
+    job.io_count = j.value("io_count", 0);
+    job.status_count = j.value("status_count", 0);
+    job.end_count = j.value("end_count", 0);
+    job.message_number = j.value("message_number", 0);
+    job.message_insert = j.value("message_insert", "");
+    job.restart_record = cp_from_hex(j.value("restart_record", "")).value_or("");
+    job.variables = j.value("variables", std::map<std::string, std::string>{});
+    job.output_files = j.value("output_files", std::vector<std::string>{});
+    job.report_copy = j.value("report_copy", "");
+    job.forgotten = j.value("forgotten", false);
+    job.wrap = j.value("wrap", true);
+    job.script = j.value("script", "");
+    return job;
+}
+
+}  // namespace
+
+const char* cp_state_name(cp_job_state state) {
+    return state_names[static_cast<size_t>(state)];
+}
+
+bool cp_state_is_final(cp_job_state state) {
+    return state >= cp_job_state::ended;
+}
+
+std::string cp_store_open(cp_store& store, const std::string& folder) {
+    store.folder = folder;
+    std::error_code error;
+    for (const char* part : {"", "/jobs", "/reports", "/agents"}) {
+        fs::create_directories(folder + part, error);
+        if (error) {
+            return fmt::format("cannot make the folder '{}{}': {}", folder, part, error.message());
+        }
+    }
+    fs::permissions(folder, fs::perms::owner_all, error);  // it holds keys
+    if (error) {
+        return fmt::format("cannot protect the folder '{}': {}", folder, error.message());
+    }
+    std::ifstream numbers(folder + "/state.json");
+    if (numbers) {
+        json j = json::parse(numbers, nullptr, false);
+        if (j.is_discarded()) {
+            return fmt::format("'{}/state.json' is damaged: remove it to start with new numbers", folder);
+        }
+        store.next_run = j.value("next_run", 1);
+        store.next_report_id = j.value("next_report_id", 1);
+    }
+    for (const auto& entry : fs::directory_iterator(folder + "/jobs", error)) {
+        if (entry.path().extension() != ".json") {
+            continue;
+        }
+        std::ifstream in(entry.path());
+        json j = json::parse(in, nullptr, false);
+        if (!j.is_object()) {
+            return fmt::format("'{}' is damaged: remove it to forget that job", entry.path().string());
+        }
+        cp_job job = job_from_json(j);
+        store.next_run = std::max(store.next_run, job.run + 1);
+        store.jobs[job.run] = std::move(job);
+    }
+    return {};
+}
+
+std::string cp_store_save_job(const cp_store& store, const cp_job& job) {
+    return write_whole(fmt::format("{}/jobs/{:07}.json", store.folder, job.run), job_to_json(job).dump(1) + "\n");
+}
+
+std::string cp_store_save_numbers(const cp_store& store) {
+    json j = {{"next_run", store.next_run}, {"next_report_id", store.next_report_id}};
+    return write_whole(store.folder + "/state.json", j.dump(1) + "\n");
+}
+
+std::string cp_store_report_path(const cp_store& store, int run) {
+    return fmt::format("{}/reports/{:07}.txt", store.folder, run);
+}

@@ -1,0 +1,75 @@
+// What the server keeps in its data folder, so that it can be restarted under a living agent.
+//
+//   KStore.ini          transfer keys of the agents, enciphered with the company key
+//   state.json          the next numbers to give
+//   jobs/RUN.json       a job with its restart record
+//   reports/RUN.txt     its report as it was fetched
+//   agents/NAME.log     log lines that the agent sent
+//   control.sock        where the console reaches the server
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+enum class cp_job_state {
+    waiting,    // no agent to send it to
+    submitted,  // EXAKTJ sent
+    activated,  // EXAKTJQU came: the process runs
+    running,    // the job told of itself
+    cancelled,  // a cancel was sent, the end is awaited
+    ended,
+    vanished,
+    refused,
+    lost,
+};
+
+const char* cp_state_name(cp_job_state state);
+bool cp_state_is_final(cp_job_state state);
+
+struct cp_job {
+    int run = 0;
+    int client = 100;
+    unsigned user_id = 1;
+    std::string name;
+    std::string agent;
+    std::string user;
+    std::string shell;
+    std::string password;  // kept only until the job was sent
+    std::string script;    // plain, kept only until the job was sent
+    bool wrap = true;
+    std::string job_file;     // on the agent's host
+    std::string report_file;  // on the agent's host
+    cp_job_state state = cp_job_state::waiting;
+    int return_code = 0;
+    std::string process_id;
+    std::string info_text;
+    std::string program;
+    std::string start_time;  // UTC, "YYYY-MM-DD hh:mm:ss"
+    std::string end_time;
+    int cpu_ms = 0;
+    int io_count = 0;
+    int status_count = 0;  // EXSTAJ received
+    int end_count = 0;     // of these, with a final state
+    int message_number = 0;
+    std::string message_insert;
+    std::string restart_record;  // opaque
+    std::map<std::string, std::string> variables;
+    std::vector<std::string> output_files;
+    std::string report_copy;  // path of the fetched report, empty while it is not here
+    bool forgotten = false;   // JOB_DEL sent
+};
+
+struct cp_store {
+    std::string folder;
+    int next_run = 1;
+    int next_report_id = 1;
+    std::map<int, cp_job> jobs;  // by run number
+};
+
+// Makes the folder where it is missing and reads what it holds. Returns an empty text, or what is wrong.
+std::string cp_store_open(cp_store& store, const std::string& folder);
+std::string cp_store_save_job(const cp_store& store, const cp_job& job);
+std::string cp_store_save_numbers(const cp_store& store);
+std::string cp_store_report_path(const cp_store& store, int run);
