@@ -86,3 +86,17 @@ struct catalogue_part {
     std::span<const msg_el> elements;
     int32_t msg_len;
 };
+
+// The record that an el_struct element names, null when there is none. Quick for the catalogue's own
+// elements.
+const msgtab_el* element_structure(const MSGTAB* table, const msg_el* element);
+
+// Compares names of the catalogue: `text` matches when `entry` begins with it and then ends or has a blank.
+constexpr bool catalogue_name_matches(std::string_view entry, std::string_view text) {
+    return entry.starts_with(text) && (entry.size() == text.size() || entry[text.size()] == ' ');
+}
+
+// A name without the blanks that pad it.
+constexpr std::string_view catalogue_trimmed_name(std::string_view entry) {
+    return entry.substr(0, entry.find(' '));
+}

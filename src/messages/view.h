@@ -30,7 +30,7 @@ inline message_view view_message(const void* data, size_t length) {
 // The head; what did not come is blank (texts) or 0 (numbers).
 QX_HEADM view_head(message_view view);
 
-// Reads the fixed part of the message or record `name` of the catalogue into `record` (`size` bytes, the
+// Reads the fixed part of the message `name` of the catalogue into `record` (`size` bytes, the
 // record of that name): each field that came whole at its place, texts also in part, all others zero or
 // blank. Fields of versions above that of the head did not come, and those behind them are found where that
 // version has them. False when `name` is not in the catalogue or `size` is not its length; `record` is zero
@@ -39,20 +39,20 @@ bool view_fixed_part(message_view view, std::string_view name, void* record, siz
 
 template <class Record>
 Record view_record(message_view view) {
-    static_assert(std::is_trivially_copyable_v<Record>);
+    static_assert(std::is_trivially_copyable_v<Record> && offsetof(Record, header) == 0);
     Record record;
     view_fixed_part(view, Record::catalogue_name, &record, sizeof record);
     return record;
 }
 
-// A record of the catalogue to be filled and sent: texts blank, numbers, binary fields and fillers zero.
+// A message to be filled and sent: texts blank, numbers, binary fields and fillers zero.
 // False as above.
 bool blank_fixed_part(std::string_view name, void* record, size_t size);
 
 // A message to be filled: blank, with its head.
 template <class Record>
 Record new_message(uint16_t mandant, uint32_t usridnr, int version = 1) {
-    static_assert(std::is_trivially_copyable_v<Record>);
+    static_assert(std::is_trivially_copyable_v<Record> && offsetof(Record, header) == 0);
     Record record;
     blank_fixed_part(Record::catalogue_name, &record, sizeof record);
     CreateQxHeadm(&record.header, Record::catalogue_name, mandant, usridnr);

@@ -1,0 +1,566 @@
+#include "messages/walk.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "messages/checks.h"
+#include "messages/head.h"
+
+namespace {
+
+constexpr int parent_list_size = 14;  // the deepest nesting of the catalogue is 3
+constexpr size_t path_limit = 228;
+constexpr size_t matrix_inline_length = 80;  // above the longest record of the catalogue
+
+// Ends the walk of one record without a fault: the message stops here.
+constexpr int walk_message_ended = 1;
+
+// One record's values so far, by index of its elements; -1 where an element did not come.
+struct matrix_t {
+    size_t length;
+    int32_t* ivals;
+    int32_t* inums;
+    int32_t* ipos;
+};
+
+struct list_entry_t {
+    const char* name;
+    int version;
+};
+
+// One call's state.
+struct internal_stack_t {
+    const msg_el* current;
+    byte_buffer_t buffer;
+    const walk_request* request;
+    const msgconv_ctx_t* ctx;
+    const MSGTAB* table;
+    msg_error* error;
+    int message_version;
+    bool checks;
+    int errorsFound;
+    struct {
+        int level;
+        list_entry_t entries[parent_list_size];
+    } parent_list;
+};
+
+// One record on its way.
+struct level_t {
+    const element_array_t* definition;
+    matrix_t matrix;
+    bool variableDataOnEnd;  // fields with a position of their own take no room here
+    int64_t structureSize;
+    int64_t value_offset;
+    int64_t int_val_index;
+};
+
+bool tracing(const msgconv_ctx_t* ctx, char level) {
+    return ctx != nullptr && ctx->trcflag != nullptr &&
+           ctx->trcflag->load(std::memory_order_relaxed) >= level;
+}
+
+void append(char* text, size_t size, size_t* length, std::string_view part) {
+    size_t room = size - 1 - *length;
+    size_t count = std::min(room, part.size());
+    memcpy(text + *length, part.data(), count);
+    *length += count;
+    text[*length] = '\0';
+}
+
+// "EXSTAJ.TIMESTAMP.jjjj" for inserts.
+const char* dump_path(const internal_stack_t* stack, char* text, size_t size) {
+    size_t length = 0;
+    text[0] = '\0';
+    for (int i = 0; i < stack->parent_list.level; i++) {
+        std::string_view name = catalogue_trimmed_name(stack->parent_list.entries[i].name);
+        if (length + name.size() > path_limit) {
+            append(text, size, &length,
+                   catalogue_trimmed_name(stack->parent_list.entries[stack->parent_list.level - 1].name));
+            append(text, size, &length, "...");
+            break;
+        }
+        append(text, size, &length, name);
+        append(text, size, &length, ".");
+    }
+    append(text, size, &length, stack->current != nullptr ? stack->current->name : "?NULL?");
+    return text;
+}
+
+void format_insert(char* text, const char* format, va_list arguments) {
+    vsnprintf(text, msg_error_text_size, format, arguments);
+}
+
+__attribute__((format(printf, 3, 4), noinline, cold)) int fail(internal_stack_t* stack, int code,
+                                                               const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    stack->error->code = code;
+    format_insert(stack->error->subst, format, arguments);
+    va_end(arguments);
+    return walk_failed;
+}
+
+__attribute__((format(printf, 3, 4), noinline, cold)) void warn(internal_stack_t* stack, int code,
+                                                                const char* format, ...) {
+    err_list_t* warnings = &stack->error->warning_list;
+    void* grown = realloc(warnings->list, (warnings->length + 1) * sizeof(err_element_t));
+    if (grown == nullptr) {
+        free_warning_list(stack->error);
+        return;
+    }
+    warnings->list = static_cast<err_element_t*>(grown);
+    err_element_t* warning = &warnings->list[warnings->length++];
+    warning->code = code;
+    va_list arguments;
+    va_start(arguments, format);
+    format_insert(warning->subst, format, arguments);
+    va_end(arguments);
+}
+
+// Inserts show positions and sizes as unsigned 32-bit numbers.
+unsigned shown(int64_t number) {
+    return static_cast<unsigned>(number);
+}
+
+// Error 1002404, whose position is the field's own.
+__attribute__((noinline, cold)) int fail_overflow(internal_stack_t* stack, int64_t position, int64_t size) {
+    char path[512];
+    int64_t remaining = position >= 0 && position <= stack->buffer.size ? stack->buffer.size - position : 0;
+    return fail(stack, 1002404, "%s|%u|%d|%u|%s|", type2string(stack->current->type), shown(position),
+                static_cast<int>(size), shown(remaining), dump_path(stack, path, sizeof path));
+}
+
+__attribute__((noinline, cold)) int fail_type(internal_stack_t* stack, int code, const char* name) {
+    char path[512];
+    return fail(stack, code, "%s|%u|%s|", name, shown(stack->buffer.offset),
+                dump_path(stack, path, sizeof path));
+}
+
+// Fails when `size` bytes at `position` do not stand inside the message.
+int check_element_overflow(internal_stack_t* stack, int64_t position, int64_t size) {
+    if (size >= 0 && position >= 0 && position <= stack->buffer.size && size <= stack->buffer.size - position)
+        [[likely]]
+        return walk_accepted;
+    return fail_overflow(stack, position, size);
+}
+
+// Index of the element that a negative reference names; the matrix's length when it has not come.
+size_t search_index(const matrix_t* matrix, int32_t reference) {
+    for (size_t i = 0; i < matrix->length; i++)
+        if (matrix->inums[i] == -static_cast<int64_t>(reference))
+            return i;
+    return matrix->length;
+}
+
+uint64_t read_integer(const unsigned char* bytes, int32_t size, byte_order order) {
+    uint64_t value = 0;
+    for (int32_t i = 0; i < size; i++)
+        value |= static_cast<uint64_t>(bytes[order == order_little ? i : size - 1 - i]) << (8 * i);
+    return value;
+}
+
+void visit(const internal_stack_t* stack, walk_event event, const msg_el* element, const unsigned char* data,
+           int64_t size, int64_t repetition) {
+    const walk_visitor* visitor = stack->request->visitor;
+    if (visitor == nullptr) [[likely]]
+        return;
+    byte_order order = stack->request->check == check_to_lan ? stack->buffer.order : stack->request->to_order;
+    if ((element->rule & rule_no_touch) != 0)
+        order = stack->request->check == check_to_lan ? stack->request->to_order : stack->buffer.order;
+    walk_field field = {event,
+                        element,
+                        data,
+                        static_cast<size_t>(size),
+                        static_cast<int>(repetition),
+                        element->dim != 0,
+                        order == order_big};
+    visitor->visit(visitor->context, field);
+}
+
+void evaluate_checks(internal_stack_t* stack, const unsigned char* data, int64_t size) {
+    char path[512];
+    dump_path(stack, path, sizeof path);
+    stack->errorsFound +=
+        readAndEvaluateStream(stack->ctx, stack->current, data, static_cast<size_t>(size), path);
+}
+
+// Swaps one integer between the orders. Outgoing, the value that counts is the one before the swap, incoming
+// the one behind it: lengths and positions are read in host order both ways. The swap is made at the walk's
+// place, which for the repetitions of an array is not the place that is read.
+int process_integer(internal_stack_t* stack, int64_t value_offset, const msg_el* element, uint64_t* value) {
+    if (element->size < 1 || element->size > 8 || value_offset < 0 || value_offset > stack->buffer.size ||
+        element->size > stack->buffer.size - value_offset) [[unlikely]]
+        return fail_overflow(stack, value_offset, element->size);
+    unsigned char* bytes = stack->buffer.data + value_offset;
+    byte_order to_order = stack->request->to_order;
+    bool swap = element->size > 1 && (element->rule & rule_no_touch) == 0 && stack->buffer.order != to_order;
+    if (!swap) {
+        *value = read_integer(bytes, element->size, to_order);
+        return walk_accepted;
+    }
+    *value = read_integer(bytes, element->size,
+                          stack->request->check == check_to_lan ? to_order : stack->buffer.order);
+    if (element->size > stack->buffer.size - stack->buffer.offset)
+        return fail_overflow(stack, stack->buffer.offset, element->size);
+    if ((stack->request->iflags & walk_swap_copy) == 0) {
+        unsigned char* place = stack->buffer.data + stack->buffer.offset;
+        std::reverse(place, place + element->size);
+    }
+    return walk_accepted;
+}
+
+// What later elements see of a value: 4 bytes as they are, 2 bytes with their sign, of all others the lowest
+// byte with its sign.
+int32_t reference_value(uint64_t value, int32_t size) {
+    if (size == 4)
+        return static_cast<int32_t>(value);
+    if (size == 2)
+        return static_cast<int16_t>(value);
+    return static_cast<int8_t>(value);
+}
+
+int walk_integer(internal_stack_t* stack, level_t* level, size_t index, int64_t repetition,
+                 int64_t* element_size) {
+    const msg_el* element = stack->current;
+    uint64_t value = 0;
+    if (process_integer(stack, level->value_offset, element, &value) == walk_failed) [[unlikely]]
+        return walk_failed;
+    if (stack->checks && element->chkptr != 0)
+        evaluate_checks(stack, reinterpret_cast<const unsigned char*>(&value), element->size);
+    if (static_cast<int64_t>(index) > level->int_val_index) {
+        level->matrix.ivals[index] = reference_value(value, element->size);
+        level->int_val_index = static_cast<int64_t>(index);
+    }
+    *element_size = element->size;
+    visit(stack, walk_value, element, stack->buffer.data + level->value_offset, element->size, repetition);
+    return walk_accepted;
+}
+
+// Size of a text or binary field by the rules of its type.
+int get_string_size(internal_stack_t* stack, const level_t* level, size_t index, int64_t* size) {
+    const msg_el* element = stack->current;
+    int64_t position = level->value_offset;
+    *size = element->size;
+    char path[512];
+    if (element->size < 0) {
+        size_t found = search_index(&level->matrix, element->size);
+        if (found >= index) [[unlikely]]
+            return fail(stack, 1002402, "%d|%s|%u|%s|", static_cast<int>(found), type2string(element->type),
+                        shown(position), dump_path(stack, path, sizeof path));
+        if (level->matrix.inums[found] < 0) [[unlikely]]
+            return fail(stack, 1002401, "%d|%s|%u|%s|", level->matrix.inums[found],
+                        type2string(element->type), shown(position), dump_path(stack, path, sizeof path));
+        *size = level->matrix.ivals[found];
+    }
+    bool terminated = (element->rule & rule_terminated) != 0;
+    if (!terminated && element->type != el_text_ended)
+        return walk_accepted;
+    if (position < 0 || position > stack->buffer.size) [[unlikely]]
+        return fail_overflow(stack, position, element->size);
+
+    const unsigned char* text = stack->buffer.data + position;
+    int64_t remaining = stack->buffer.size - position;
+    int64_t searched = terminated ? remaining : std::min<int64_t>(std::max(element->size, 0), remaining);
+    const void* nul = searched > 0 ? memchr(text, 0, static_cast<size_t>(searched)) : nullptr;
+    if (nul != nullptr) {
+        *size = static_cast<const unsigned char*>(nul) - text + 1;  // the terminator belongs to the field
+        return walk_accepted;
+    }
+    if (terminated) [[unlikely]]
+        return fail(stack, 1002403, "%s|%u|%s|", type2string(element->type), shown(position),
+                    dump_path(stack, path, sizeof path));
+    *size = searched;
+    return walk_accepted;
+}
+
+int walk_bytes(internal_stack_t* stack, level_t* level, size_t index, int64_t repetition,
+               int64_t* element_size) {
+    const msg_el* element = stack->current;
+    int64_t size = 0;
+    if (get_string_size(stack, level, index, &size) == walk_failed)
+        return walk_failed;
+    bool is_text = element->type != el_binary && element->type != el_binary_sized;
+    if ((element->size < 0 || element->type == el_text_ended) &&
+        check_element_overflow(stack, level->value_offset, size) == walk_failed)
+        return walk_failed;
+    // A fixed text that the message's end cuts is only found out by the next element.
+    int64_t position = level->value_offset;
+    if (position < 0 || position > stack->buffer.size) [[unlikely]]
+        return fail_overflow(stack, position, size);
+    int64_t there = std::min(size, stack->buffer.size - position);
+    const unsigned char* bytes = stack->buffer.data + position;
+    if (stack->checks && is_text && element->chkptr != 0 && (element->rule & rule_no_touch) == 0)
+        evaluate_checks(stack, bytes, there);
+    *element_size = size;
+    visit(stack, walk_value, element, bytes, there, repetition);
+    return walk_accepted;
+}
+
+int process_elements(internal_stack_t* stack, const msgtab_el* entry, bool variableDataOnEnd,
+                     int64_t* structureSize);
+
+int walk_struct(internal_stack_t* stack, const level_t* level, const msgtab_el* structure, int64_t repetition,
+                int64_t* element_size) {
+    const msg_el* element = stack->current;
+    if (structure == nullptr) [[unlikely]]
+        return fail_type(stack, 1002411, element->structure);
+    if (element->relation < 0 && (level->value_offset < 0 || level->value_offset > stack->buffer.size))
+        [[unlikely]]
+        return fail_overflow(stack, level->value_offset, element->size);
+    visit(stack, walk_struct_begin, element, nullptr, 0, repetition);
+    int64_t offset = stack->buffer.offset;
+    int result = process_elements(stack, structure, (element->rule & rule_displaced) != 0, element_size);
+    stack->buffer.offset = offset;
+    stack->current = element;
+    if (result == walk_failed) [[unlikely]]
+        return walk_failed;
+    visit(stack, walk_struct_end, element, nullptr, 0, repetition);
+    return walk_accepted;
+}
+
+// One repetition of the current element.
+int walk_repetition(internal_stack_t* stack, level_t* level, size_t index, const msgtab_el* structure,
+                    int64_t repetition, int64_t* element_size) {
+    const msg_el* element = stack->current;
+    switch (element->type) {
+        case el_signed:
+        case el_unsigned:
+            return walk_integer(stack, level, index, repetition, element_size);
+        case el_text_padded:
+        case el_text_sized:
+        case el_text_ended:
+        case el_zoned:
+        case el_binary:
+        case el_binary_sized:
+            return walk_bytes(stack, level, index, repetition, element_size);
+        case el_struct:
+            return walk_struct(stack, level, structure, repetition, element_size);
+        case el_filler:
+        case el_array:
+            *element_size = element->size;
+            return element->size < 0 ? check_element_overflow(stack, level->value_offset, element->size)
+                                     : walk_accepted;
+        case el_const:
+            return fail_type(stack, 1002410, type2string(element->type));
+        default:
+            return fail_type(stack, 1002412, type2string(element->type));
+    }
+}
+
+void set_value_offset(internal_stack_t* stack, level_t* level, size_t index) {
+    const msg_el* element = stack->current;
+    if (element->relation == 0) {
+        level->value_offset = stack->buffer.offset;
+        return;
+    }
+    size_t found =
+        element->relation < 0 ? search_index(&level->matrix, element->relation) : level->matrix.length;
+    if (found < index) {
+        level->value_offset = level->matrix.ivals[found];
+        return;
+    }
+    char path[512];
+    warn(stack, 1002407, "%d|%u|%s|", element->relation, shown(stack->buffer.offset),
+         dump_path(stack, path, sizeof path));
+}
+
+int64_t get_max_dimension(internal_stack_t* stack, const level_t* level, size_t index,
+                          const msg_el** counter) {
+    const msg_el* element = stack->current;
+    *counter = element;
+    if (element->dim >= 0)
+        return element->dim == 0 ? 1 : element->dim;
+    size_t found = search_index(&level->matrix, element->dim);
+    if (found < index) {
+        *counter = &level->definition->elements[found];
+        return level->matrix.ivals[found];
+    }
+    char path[512];
+    warn(stack, 1002408, "%d|%u|%s|", element->dim, shown(stack->buffer.offset),
+         dump_path(stack, path, sizeof path));
+    return 1;
+}
+
+void note_content(internal_stack_t* stack, const level_t* level) {
+    size_t found = search_index(&level->matrix, stack->current->size);
+    if (found == level->matrix.length)
+        return;
+    stack->request->info->content_field = stack->buffer.data + stack->buffer.offset;
+    stack->request->info->size_field = stack->buffer.data + level->matrix.ipos[found];
+}
+
+int walk_repetitions(internal_stack_t* stack, level_t* level, size_t index, int64_t max_dimension,
+                     const msg_el* counter) {
+    const msg_el* element = stack->current;
+    const msgtab_el* structure =
+        element->type == el_struct ? element_structure(stack->table, element) : nullptr;
+    for (int64_t repetition = 0; repetition < max_dimension; repetition++) {
+        bool ended = stack->buffer.offset >= stack->buffer.size;
+        if (ended) [[unlikely]]
+            warn(stack, 1005415, "%.8s.%s|%d|%d|", reinterpret_cast<const char*>(stack->buffer.data),
+                 counter->name, static_cast<int>(max_dimension), static_cast<int>(stack->buffer.size));
+        int64_t element_size = 0;
+        if (walk_repetition(stack, level, index, structure, repetition, &element_size) == walk_failed)
+            return walk_failed;
+        if ((element->rule & rule_content) != 0 && (stack->request->iflags & walk_find_content) != 0)
+            note_content(stack, level);
+        if (!level->variableDataOnEnd || element->relation >= 0 || element->dim != 0) {
+            level->structureSize += element_size;
+            stack->buffer.offset += element_size;
+            // With a constant number of repetitions all are read at the first one's place; that must stay.
+            if (element->dim < 0 && element->type != el_struct)
+                level->value_offset = stack->buffer.offset;
+        }
+        // Neither a repetition behind the end nor one that took no bytes would differ from the next.
+        if (ended || element_size == 0)
+            break;
+    }
+    return walk_accepted;
+}
+
+int walk_element(internal_stack_t* stack, level_t* level, size_t index) {
+    const msg_el* element = &level->definition->elements[index];
+    stack->current = element;
+    if (stack->buffer.offset == stack->buffer.size)
+        return walk_message_ended;
+    if (element->version > stack->message_version)
+        return walk_accepted;
+    level->matrix.inums[index] = element->count;
+    level->matrix.ipos[index] = static_cast<int32_t>(stack->buffer.offset);
+    set_value_offset(stack, level, index);
+    const msg_el* counter = nullptr;
+    int64_t max_dimension = get_max_dimension(stack, level, index, &counter);
+    if (stack->buffer.offset > stack->buffer.size) [[unlikely]] {
+        char path[512];
+        return fail(stack, 1002409, "%u|%u|%s|", shown(stack->buffer.offset), shown(stack->buffer.size),
+                    dump_path(stack, path, sizeof path));
+    }
+    if (max_dimension <= 0 && stack->request->visitor == nullptr)
+        return walk_accepted;
+
+    int64_t currentOffset = stack->buffer.offset;
+    bool displaced =
+        element->type == el_struct && element->relation < 0 && (element->rule & rule_displaced) != 0;
+    if (displaced && max_dimension > 0) {
+        if (level->value_offset < 0 || level->value_offset > stack->buffer.size) [[unlikely]]
+            return fail_overflow(stack, level->value_offset, element->size);
+        stack->buffer.offset = level->value_offset;
+    }
+    if (element->dim != 0)
+        visit(stack, walk_table_begin, element, nullptr, 0, max_dimension);
+    int result = walk_repetitions(stack, level, index, max_dimension, counter);
+    if (result != walk_failed && element->dim != 0)
+        visit(stack, walk_table_end, element, nullptr, 0, max_dimension);
+    if (displaced)
+        stack->buffer.offset = currentOffset;
+    return result;
+}
+
+int process_elements(internal_stack_t* stack, const msgtab_el* entry, bool variableDataOnEnd,
+                     int64_t* structureSize) {
+    if (stack->parent_list.level == parent_list_size)
+        return fail_type(stack, 1002411, entry->name);
+    stack->parent_list.entries[stack->parent_list.level++] = {entry->name, stack->message_version};
+
+    size_t length = entry->msg_def.length;
+    int32_t cells[3 * matrix_inline_length];
+    std::unique_ptr<int32_t[]> many;
+    int32_t* start = cells;
+    if (length > matrix_inline_length) {
+        many = std::make_unique<int32_t[]>(3 * length);
+        start = many.get();
+    }
+    std::fill_n(start, 3 * length, -1);
+    level_t level = {&entry->msg_def,      {length, start, start + length, start + 2 * length},
+                     variableDataOnEnd,    0,
+                     stack->buffer.offset, -1};
+    int result = walk_accepted;
+    for (size_t index = 0; index < length && result == walk_accepted; index++)
+        result = walk_element(stack, &level, index);
+    *structureSize = level.structureSize;
+    stack->parent_list.level--;
+    return result == walk_failed ? walk_failed : walk_accepted;
+}
+
+void swap_head(unsigned char* head) {
+    std::swap(head[10], head[11]);
+    std::reverse(head + 12, head + 16);
+}
+
+int parse_message(internal_stack_t* stack) {
+    std::string_view type(reinterpret_cast<const char*>(stack->buffer.data), message_type_size);
+    const msgtab_el* entry = find_definition(stack->table, type);
+    if (entry == nullptr)
+        return fail(stack, 1002413, "%.8s|%s:%u|", type.data(), "walk.cpp", static_cast<unsigned>(__LINE__));
+    QX_HEADM head;
+    memcpy(&head, stack->buffer.data, sizeof head);
+    stack->message_version = message_version(&head);
+    if (stack->buffer.order != stack->request->to_order && (stack->request->iflags & walk_swap_copy) == 0)
+        swap_head(stack->buffer.data);
+    stack->buffer.offset = sizeof head;
+    int64_t structureSize = 0;
+    int result = process_elements(stack, entry, false, &structureSize);
+    if (result != walk_failed && stack->error->warning_list.length > 0)
+        return walk_warned;
+    return result;
+}
+
+void report_failed_checks(const msgconv_ctx_t* ctx) {
+    if (ctx == nullptr || ctx->errorAction == nullptr)
+        return;
+    char name[255] = {};
+    ctx->errorAction(name, sizeof name);
+    char insert[sizeof name + 1];
+    snprintf(insert, sizeof insert, "%.253s|", name);
+    if (ctx->logWrite != nullptr)
+        ctx->logWrite(2000216, insert);
+}
+
+}  // namespace
+
+byte_order native_order() {
+    return std::endian::native == std::endian::little ? order_little : order_big;
+}
+
+int walk(void* msg, size_t msgs, const msgconv_ctx_t* ctx, const walk_request& request, msg_error* error) {
+    error->code = 0;
+    error->subst[0] = '\0';
+    error->warning_list = {0, nullptr};
+    const unsigned char* first = static_cast<const unsigned char*>(msg);
+    if (msgs == 0 || (msgs > 1 && first[0] == '<'))
+        return walk_accepted;
+
+    internal_stack_t stack;
+    stack.current = nullptr;
+    stack.buffer = {static_cast<unsigned char*>(msg), static_cast<int64_t>(msgs), 0, order_little};
+    stack.request = &request;
+    stack.ctx = ctx;
+    stack.table = ctx != nullptr && ctx->table != nullptr ? ctx->table : get_msgtab();
+    stack.error = error;
+    stack.message_version = 0;
+    stack.checks = check_stream_built();
+    stack.errorsFound = 0;
+    stack.parent_list.level = 0;
+    if (msgs < sizeof(QX_HEADM) || msgs > INT32_MAX)
+        return fail(&stack, 1002409, "%u|%u|%s|", static_cast<unsigned>(sizeof(QX_HEADM)),
+                    shown(stack.buffer.size), "?NULL?");
+
+    if (tracing(ctx, trace_level_dump) && ctx->trcDump != nullptr)
+        ctx->trcDump(request.check == check_to_lan ? "ToLAN" : "ToHOST", msg, msgs);
+    int result = parse_message(&stack);
+    if (stack.errorsFound != 0)
+        report_failed_checks(ctx);
+    if (tracing(ctx, trace_level_dump) && ctx->trcWrite != nullptr) {
+        char line[128];
+        snprintf(line, sizeof line, "walk: result %d, number %d, %lu warnings, %d failed checks", result,
+                 error->code, static_cast<unsigned long>(error->warning_list.length), stack.errorsFound);
+        ctx->trcWrite(line);
+    }
+    return result;
+}
