@@ -7,7 +7,8 @@
 
 inline constexpr size_t code_table_message_size = 512;  // 256 target bytes and 256 flag bytes
 
-enum code_table_flag : unsigned char { CODE_FLAG_SUBSTITUTE = 2 };
+// A byte without CODE_FLAG_MAPPED becomes the first one marked as substitute, a blank when there is none.
+enum code_table_flag : unsigned char { CODE_FLAG_MAPPED = 1, CODE_FLAG_SUBSTITUTE = 2 };
 
 struct qx_code_tables {
     unsigned char forward[256];

@@ -2,7 +2,8 @@
 
 #include <cstdio>
 
-int qx_error_set(qx7_error* error, int result, int error_number, int message_number, const char* format, ...) {
+int qx_error_set(qx7_error* error, int result, int error_number, int message_number, const char* format,
+                 ...) {
     if (error == nullptr) {
         return -1;
     }

@@ -14,6 +14,7 @@ struct qx_recursive_lock {
     qx_recursive_lock& operator=(const qx_recursive_lock&) = delete;
     void init();
     void lock();
+    bool try_lock();
     void unlock();
 };
 
@@ -22,6 +23,8 @@ struct qx_recursive_lock {
 void init_effUserLock();
 void set_effUserLock();
 void reset_effUserLock();
+// Takes it only if no other thread holds it; for code that already holds a lock of a later rank.
+bool try_effUserLock();
 void destroy_effUserLock();
 
 struct effUser_guard {
@@ -61,6 +64,8 @@ struct fork_lock {
 // Registers the locks of a rank; a second call replaces the first. Several of one rank are one callback's
 // matter. Called while only one thread runs, or by the thread that forks.
 void fork_lock_register(fork_lock_rank rank, const fork_lock& lock);
+// The same for a recursive lock, with the three functions that fit it.
+void fork_lock_register_recursive(fork_lock_rank rank, qx_recursive_lock* lock);
 void fork_lock_unregister(fork_lock_rank rank);
 
 // Before a fork: flushes all output streams, blocks all signals, takes the registered locks in order. Main

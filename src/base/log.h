@@ -5,11 +5,14 @@
 #include <sys/types.h>
 #include <time.h>
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <map>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "base/context.h"
 
@@ -20,35 +23,23 @@ inline constexpr char default_message_library[] = "QXX.msl";
 
 struct PZUHELP_KEYBUF_ENTRY {
     char key[9];  // number, left-padded with "0" to 8 digits, then the language letter
-    long pos;     // position of the line in the file
+    off_t pos;    // position of the line in the file
 };
 
-struct PZUHELP_KEYBUF {
-    char id[4];  // "%HLK"
-    PZUHELP_KEYBUF* nxt;
-    int cnt;
-    PZUHELP_KEYBUF_ENTRY entries[127];
-};
+// Records already read, by key; it never shrinks.
+using ZUHELP_Cache = std::map<std::array<char, 9>, std::string>;
 
-struct ZUHELP_Cache {
-    ZUHELP_Cache* nxt;
-    char key[9];
-    char record[2048];
-};
-
-struct zuhelp_index;  // key to entry and to cached record
-
+// The library is read by descriptor and position, so that a forked child never moves its parent's place in
+// the file.
 struct _pzuhelp {
     char id[4] = {'%', 'H', 'L', 'P'};
     char mainLang = 'D';
     char subLang = 'D';
-    PZUHELP_KEYBUF* first = nullptr;
     char filename[qx_path_size] = {};
-    FILE* fcb = nullptr;
-    int keylen = 0;  // position of the type character
-    ZUHELP_Cache* cache = nullptr;
-    zuhelp_index* index = nullptr;
-    char record[2080] = {};
+    int fd = -1;
+    int keylen = 0;                             // position of the type character
+    std::vector<PZUHELP_KEYBUF_ENTRY> entries;  // sorted by key; of equal keys only the first in the file
+    ZUHELP_Cache cache;
 };
 using PZUHELP = _pzuhelp*;
 extern PZUHELP GlbHlpHnd;

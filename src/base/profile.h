@@ -1,18 +1,20 @@
 // INI files: reading values and key lists, and the two ways of writing a value.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdio>
+#include <string>
 
 #include "base/context.h"
 
 inline constexpr int ini_record_size = 257;
 inline constexpr int ini_list_limit = 4096;
 
-// One line of a file that is rewritten as a whole.
+// One line of a file that is rewritten as a whole, without its line end.
 struct INI_FILE_RECORD {
-    INI_FILE_RECORD* pNext;
-    char cRec[ini_record_size];
+    std::string cRec;
 };
 
 // The value, or `preset` when section, key or value is missing. An empty key gives the section's key names,
@@ -23,9 +25,12 @@ const char* GetProfileString(const char* file, const char* section, const char* 
 int GetPrvProfileString(const char* section, const char* key, const char* preset, char* buffer, size_t size,
                         const char* file);
 // Sets, with a null value deletes, and rewrites the file; a file that does not exist starts empty. 1 or 0.
-int __PutProfileString(const char* section, const char* key, const char* value, const char* file);
+// A new file gets mode `new_mode`; an existing one keeps owner and mode.
+int __PutProfileString(const char* section, const char* key, const char* value, const char* file,
+                       mode_t new_mode = 0600);
 // 0 for a null or empty section or file, otherwise WritePPString.
 int WritePrivateProfileString(const char* section, const char* key, const char* value, const char* file);
+// A key or value with bytes below 32, a key with "=" and a section with "]" are refused (EINVAL).
 // Changes one line and copies all others byte for byte. The file keeps owner and mode, a link stays a link,
 // and it is replaced only after everything was written and synced. 1 when it was written or already held the
 // value, else 0 with errno (message 2003041 is logged when an existing file could not be replaced).

@@ -74,7 +74,8 @@ void str_replace_char(char* text, char from, char to);
 // argument.
 std::string_view get_word_delimited(std::string_view text, char delimiter, int number);
 std::vector<std::string_view> split_words(std::string_view text, char delimiter);
-// The descriptors of a set below `limit`, as "3,5,9".
+// The descriptors of a set below `limit`, as "3,5,9"; the set has room for `limit` bits, also above
+// FD_SETSIZE.
 std::string fdset2string(const fd_set* set, int limit);
 
 // ---- Wildcards and numbers

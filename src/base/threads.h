@@ -2,6 +2,7 @@
 #pragma once
 
 #include <pthread.h>
+#include <signal.h>
 #include <sys/types.h>
 
 #include <atomic>

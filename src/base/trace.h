@@ -104,6 +104,7 @@ struct _pzutrace {
     __ring_trace_block rtbs[ring_block_count] = {};
     char trigger_type = 0;
     char* trigger_text = nullptr;  // malloc'ed
+    time_t createFailed = 0;       // when the file could not be created; tried again after a minute
 };
 using PZUTRACE = _pzutrace*;
 
@@ -118,10 +119,13 @@ void iostrc(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 // All positions to '0', then what section TRACE of the INI file says. Main thread.
 void InitTrcFlgs(EX_PCX* pcx);
+// Trace calls of the whole process go to `trace`; the former handle is returned. For a caller that holds the
+// trace lock while it writes somewhere else.
+PZUTRACE trc_swap_handle(EX_PCX* pcx, PZUTRACE trace);
 // Sets all positions from at most 16 characters; what is no digit counts as '0'.
 void trc_set_flags(EX_PCX* pcx, std::string_view flags);
 // Passes the trace settings of the context to its handle: file, count, limit, ring, trigger; starts tracing.
-// The file itself is created with the first line. 0, or -1 for a bad handle.
+// A child's file is created with its first line. 0, or -1.
 int OpenTraceFile(EX_PCX* pcx);
 // The name of this process's trace: `text` goes behind the last "#" of the pattern, or to its end.
 void trace_name_for_child(const char* pattern, const char* text, char* out, size_t size);
@@ -141,7 +145,8 @@ int ZUTRACE_check_trigger(PZUTRACE handle, const char* text);
 int ZUTRACE_set_trigger(PZUTRACE handle, char type, const char* text);
 // Closes the file and continues in a new one; name null or empty: by the handle's pattern. 0, or 1.
 int ChangeTraceFile(PZUTRACE handle, const char* name);
-int zutrace_generate_filename(PZUTRACE handle, const char* fallback_format);
+// The next name of the handle's pattern, or `fallback` with "%s" replaced by the time stamp. 0, or 1.
+int zutrace_generate_filename(PZUTRACE handle, const char* fallback);
 int zutrace_create_tracefile(PZUTRACE handle);
 int zutrace_close_file(PZUTRACE handle);
 int zutrace_start_tracing(PZUTRACE handle);
