@@ -50,6 +50,8 @@ struct launch_order {
     std::string_view jcl;
 };
 
+inline constexpr char launch_no_report[] = "/dev/null";
+
 // Starts the job. `pamHandle` may be null; it stays the caller's, who ends it with PamEndAfterStart or
 // PamEnd. `job` gives run number, client, code table and resources and is not changed.
 launch_result start_job(EX_PCX* pcx, const launch_order& order, const my_passwd_unlimited& passwd,
@@ -100,7 +102,6 @@ struct JOB_START_VAR {
     // 0: no test.
     dev_t report_device = 0;
     ino_t report_inode = 0;
-    std::string failure;  // in the child: the line for descriptor 2
 };
 
 // Forks under the fork locks, makes the child leader of its own group, and in the child runs doit_Child; it

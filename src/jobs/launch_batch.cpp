@@ -1,0 +1,174 @@
+// The start through a batch system's command.
+#include <errno.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <iterator>
+
+#include "base/context.h"
+#include "base/files.h"
+#include "base/locks.h"
+#include "base/text.h"
+#include "jobs/job_context.h"
+#include "jobs/launch_steps.h"
+
+namespace {
+
+constexpr int command_message = 2003030;
+constexpr std::string_view plain_marks = "_./+-@%:,=";
+
+struct key_value {
+    std::string_view key;
+    std::string_view value;
+};
+
+// One pass, so that a value that holds a key is not looked at again.
+std::string replace_keys(std::string_view text, const key_value* pairs, size_t count) {
+    std::string result;
+    while (!text.empty()) {
+        const key_value* found = nullptr;
+        for (size_t i = 0; i < count && found == nullptr; ++i) {
+            if (text.size() >= pairs[i].key.size() &&
+                equal_ignore_case(text.substr(0, pairs[i].key.size()), pairs[i].key)) {
+                found = &pairs[i];
+            }
+        }
+        if (found != nullptr) {
+            result.append(found->value);
+            text.remove_prefix(found->key.size());
+        } else {
+            result.push_back(text.front());
+            text.remove_prefix(1);
+        }
+    }
+    return result;
+}
+
+const std::string& batch_command(const my_passwd_unlimited& passwd) {
+    const UNIX_CMD& commands = job_context()->cmdAddr;
+    std::string_view shell = passwd.pw_shell;
+    if (const size_t slash = shell.rfind('/'); slash != std::string_view::npos) {
+        shell.remove_prefix(slash + 1);
+    }
+    if (shell.empty() || shell.starts_with("sh")) {
+        return commands.BSHcmd;
+    }
+    if (shell.starts_with("csh")) {
+        return commands.CSHcmd;
+    }
+    return shell.starts_with("ksh") ? commands.KSHcmd : commands.OTHERcmd;
+}
+
+int call_failure(const char* call, int error_number, const char* reason, qx7_error* error) {
+    errno = error_number;
+    return qx_error_set(error, -1, error_number, system_message, "%s|%u|%s|", call,
+                        static_cast<unsigned>(error_number), reason);
+}
+
+// Only root may take up the command. A set-user-id agent is root by its effective uid alone.
+int become_root(bool* switched, qx7_error* error) {
+    *switched = false;
+    if (getuid() == 0) {
+        return 0;
+    }
+    if (geteuid() != 0) {
+        return call_failure("setuid(0)", EACCES, "switch to root user is not possible!", error);
+    }
+    if (job_context()->JP_SwitchToRealUser == 0) {
+        return call_failure("switch to real user(0)", EACCES, "StartBatchJobWithRootPrivileges=no", error);
+    }
+    if (setuid(0) != 0) {
+        const int error_number = errno;
+        return call_failure("setuid(0)", error_number, error_text(error_number).c_str(), error);
+    }
+    *switched = true;
+    return 0;
+}
+
+// What system() does, but the command starts with default signal actions: the agent's own would stick to the
+// job. The wait status, or -1.
+int run_command(const char* command) {
+    posix_spawnattr_t attributes;
+    sigset_t defaults, none;
+    sigfillset(&defaults);
+    sigemptyset(&none);
+    if (posix_spawnattr_init(&attributes) != 0) {
+        return -1;
+    }
+    posix_spawnattr_setsigdefault(&attributes, &defaults);
+    posix_spawnattr_setsigmask(&attributes, &none);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+    const char* arguments[] = {"sh", "-c", command, nullptr};
+    pid_t pid = 0;
+    const int spawned =
+        posix_spawn(&pid, "/bin/sh", nullptr, &attributes, const_cast<char**>(arguments), environ);
+    posix_spawnattr_destroy(&attributes);
+    if (spawned != 0) {
+        errno = spawned;
+        return -1;
+    }
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0) {
+        if (errno == ECHILD) {
+            return 0;  // with SIGCHLD ignored nobody tells how it ended, but it ran
+        }
+        if (errno != EINTR) {
+            return -1;
+        }
+    }
+    return status;
+}
+
+}  // namespace
+
+std::string Change_Key(std::string_view text, std::string_view key, std::string_view value) {
+    const key_value pair = {key, value};
+    return replace_keys(text, &pair, 1);
+}
+
+bool launch_plain_word(std::string_view text) {
+    for (char c : text) {
+        const bool letter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+        if (!letter && !(c >= '0' && c <= '9') && plain_marks.find(c) == std::string_view::npos) {
+            return false;
+        }
+    }
+    return !text.empty();
+}
+
+int doit_cmd(EX_PCX* pcx, const my_passwd_unlimited& passwd, const JOB_START_VAR& startVar,
+             qx7_error* error) {
+    (void)pcx;
+    const std::string& pattern = batch_command(passwd);
+    for (std::string_view word : {std::string_view(passwd.pw_name), std::string_view(startVar.jobFile),
+                                  std::string_view(startVar.jobReport)}) {
+        if (!launch_plain_word(word)) {
+            // The command runs as root: nothing but a name may get into it.
+            return qx_error_set(error, -1, EINVAL, command_message, "%s|", printable(word).c_str());
+        }
+    }
+    const key_value pairs[] = {
+        {"&user", passwd.pw_name}, {"&jobFile", startVar.jobFile}, {"&jobReport", startVar.jobReport}};
+    const std::string command = replace_keys(pattern, pairs, std::size(pairs));
+    const uid_t real = getuid();
+    const uid_t effective = geteuid();
+    effUser_guard lock;
+    bool switched = false;
+    if (become_root(&switched, error) != 0) {
+        return -1;
+    }
+    const int status = run_command(command.c_str());
+    const int command_errno = errno;
+    if (switched && setreuid(real, effective) != 0) {
+        const int error_number = errno;
+        return qx_error_set(error, -1, error_number, system_message, "setreuid(%d, %d)|%u|%s|",
+                            static_cast<int>(real), static_cast<int>(effective),
+                            static_cast<unsigned>(error_number), error_text(error_number).c_str());
+    }
+    if (status < 0) {
+        return qx_error_set(error, -1, command_errno, command_message, "%s|", command.c_str());
+    }
+    return status;
+}

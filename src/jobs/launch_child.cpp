@@ -1,0 +1,417 @@
+// What a job's child does between fork and exec. It runs in a copy of the agent: it frees, writes and closes
+// nothing of the parent, and ends by exec or _exit.
+#include <fcntl.h>
+#include <grp.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include "base/context.h"
+#include "base/files.h"
+#include "base/log.h"
+#include "base/time.h"
+#include "base/trace.h"
+#include "jobs/job_area.h"
+#include "jobs/job_context.h"
+#include "jobs/launch_steps.h"
+
+namespace {
+
+struct signal_row {
+    int number;
+    const char* failure;  // printed by perror
+};
+
+constexpr signal_row reset_signals[] = {
+    {SIGIO, "\nSet SIGIO Handler"},     {SIGALRM, "\nSet SIGALRM Handler"},
+    {SIGINT, "\nSet SIGINT Handler"},   {SIGUSR1, "\nSet SIGUSR1 Handler"},
+    {SIGUSR2, "\nSet SIGUSR2 Handler"}, {SIGTERM, "\nSet SIGTERM Handler"},
+    {SIGCHLD, "\nSet SIGCHLD Handler"}, {SIGPIPE, "\nSet SIGPIPE Handler"},
+    {SIGILL, "\nSet SIGILL Handler"},   {SIGFPE, "\nSet SIGFPE Handler"},
+    {SIGBUS, "\nSet SIGBUS Handler"},   {SIGSEGV, "\nSet SIGSEGV Handler"},
+};
+
+int call_failed(const char* call, int exit_code, qx7_error* error) {
+    const int error_number = errno;
+    qx_error_set(error, exit_code, error_number, system_message, "%s|%u|%s|", call,
+                 static_cast<unsigned>(error_number), error_text(error_number).c_str());
+    return exit_code;
+}
+
+int file_failed(const char* call, const char* file, int exit_code, qx7_error* error) {
+    const int error_number = errno;
+    qx_error_set(error, exit_code, error_number, file_message, "%s|%s|%u|%s|", call, file,
+                 static_cast<unsigned>(error_number), error_text(error_number).c_str());
+    return exit_code;
+}
+
+int write_text(int fd, std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t written = write(fd, text.data(), text.size());
+        if (written < 0 && errno == EINTR) {
+            continue;
+        }
+        if (written <= 0) {
+            return -1;
+        }
+        text.remove_prefix(static_cast<size_t>(written));
+    }
+    return 0;
+}
+
+// dup2 of a descriptor onto itself would leave close-on-exec set.
+int put_descriptor(int fd, int target) {
+    return fd == target ? fcntl(fd, F_SETFD, 0) : dup2(fd, target);
+}
+
+int redirect_output(const JOB_START_VAR& startVar, qx7_error* error) {
+    const int report = FileOpenChild(startVar.jobReport.c_str(), O_WRONLY | O_APPEND, startVar.report_device,
+                                     startVar.report_inode);
+    if (report < 0) {
+        return file_failed("FileOpenChild(STDOUT)", startVar.jobReport.c_str(), LAUNCH_EXIT_OPEN, error);
+    }
+    if (startVar.jobNr != 0 && startVar.job != nullptr) {
+        const std::string lines = launch_resource_lines(startVar);
+        if (write_text(report, lines) != 0) {
+            return file_failed("FileOpenChild(STDOUT)", startVar.jobReport.c_str(), LAUNCH_EXIT_OPEN, error);
+        }
+    }
+    if (put_descriptor(report, STDOUT_FILENO) < 0) {
+        return call_failed("dup2(STDOUT)", LAUNCH_EXIT_DUP_STDOUT, error);
+    }
+    if (put_descriptor(report, STDERR_FILENO) < 0) {
+        return call_failed("dup2(STDERR)", LAUNCH_EXIT_DUP_STDERR, error);
+    }
+    FileCloseChild(report);
+    return 0;
+}
+
+int redirect_input(const JOB_START_VAR& startVar, qx7_error* error) {
+    if ((startVar.flag1 & LAUNCH_STDIN_DUMMY) == 0) {
+        return 0;
+    }
+    const int null = FileOpenChild(launch_no_report, O_RDONLY, 0, 0);
+    if (null < 0) {
+        return file_failed("FileOpenChild(STDIN)", launch_no_report, LAUNCH_EXIT_OPEN, error);
+    }
+    if (put_descriptor(null, STDIN_FILENO) < 0) {
+        return call_failed("dup2(STDIN)", LAUNCH_EXIT_DUP_STDIN, error);
+    }
+    FileCloseChild(null);
+    return 0;
+}
+
+// A job must not be able to push input into the terminal from which the agent was started.
+void drop_terminal() {
+    const int terminal = open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (terminal >= 0) {
+        // Without a terminal there is nothing to give up.
+        (void)ioctl(terminal, TIOCNOTTY);
+        close(terminal);
+    }
+}
+
+bool session_belongs_to_child(const pam_handle_t* handle) {
+    return handle != nullptr && pam_options.do_pam_open_session && pam_options.do_pam_open_session_cp;
+}
+
+int open_session(const my_passwd_unlimited& passwd, pam_handle_t* handle, qx7_error* error) {
+    if (!session_belongs_to_child(handle) || PamOpenSession(handle, true) == PAM_SUCCESS) {
+        return 0;
+    }
+    qx_error_set(
+        error, LAUNCH_EXIT_PAM_SESSION, EPERM, 0,
+        "Error opening PAM session for user '%s'.  Typically this is a result of a wrong PAM or LDAP "
+        "configuration.",
+        passwd.pw_name);
+    return LAUNCH_EXIT_PAM_SESSION;
+}
+
+int take_user(const my_passwd_unlimited& passwd, const JOB_START_VAR& startVar, qx7_error* error) {
+    if (setgid(passwd.pw_gid) != 0) {
+        return call_failed("setgid()", LAUNCH_EXIT_SETGID, error);
+    }
+    // The parent looked the groups up: account databases are no place for a copy of a process with threads.
+    const int grouped = startVar.groups.empty() ? initgroups(passwd.pw_name, passwd.pw_gid)
+                                                : setgroups(startVar.groups.size(), startVar.groups.data());
+    if (grouped != 0) {
+        return call_failed("initgroup()", LAUNCH_EXIT_INITGROUPS, error);
+    }
+    if (setuid(passwd.pw_uid) != 0) {
+        return call_failed("setuid()", LAUNCH_EXIT_SETUID, error);
+    }
+    return 0;
+}
+
+int execute_shell(const JOB_START_VAR& startVar, qx7_error* error) {
+    std::string option = startVar.sh_opt;
+    if (startVar.BatFlag == BATCH_COMMAND) {
+        option = launch_command_option(option);
+    }
+    const std::string argument =
+        startVar.BatFlag == BATCH_FILE ? launch_file_argument(startVar.jobFile, option) : startVar.jobFile;
+    AllFdClose(STDERR_FILENO + 1, nullptr, 0);
+    if (option.empty()) {
+        execle(startVar.path_sh.c_str(), startVar.sh.c_str(), argument.c_str(), nullptr, environ);
+    } else {
+        execle(startVar.path_sh.c_str(), startVar.sh.c_str(), option.c_str(), argument.c_str(), nullptr,
+               environ);
+    }
+    return call_failed("execle()", LAUNCH_EXIT_EXEC, error);
+}
+
+void trace_nothing(EX_PCX* pcx) {
+    for (std::atomic<char>& flag : pcx->trcFlgs) {
+        flag.store('0', std::memory_order_relaxed);
+    }
+}
+
+// ---- Environment ----
+
+constexpr size_t environment_limit = 128;
+constexpr char root_name[] = "root";
+constexpr char root_path[] = ":/sbin:/usr/sbin";
+
+enum class passed_as { user, home, shell, mail, path, unchanged };
+struct passed_row {
+    std::string_view name;
+    passed_as as;
+};
+constexpr passed_row passed_names[] = {
+    {"LOGNAME", passed_as::user},      {"LOGIN", passed_as::user},     {"USER", passed_as::user},
+    {"PWD", passed_as::home},          {"HOME", passed_as::home},      {"SHELL", passed_as::shell},
+    {"MAIL", passed_as::mail},         {"PATH", passed_as::path},      {"LANG", passed_as::unchanged},
+    {"HZ", passed_as::unchanged},      {"TERM", passed_as::unchanged}, {"NETPATH", passed_as::unchanged},
+    {"NLSPATH", passed_as::unchanged}, {"TZ", passed_as::unchanged},
+};
+
+std::string mail_of_user(std::string_view old, const char* user) {
+    const size_t slash = old.rfind('/');
+    return slash == std::string_view::npos ? std::string(old) : std::string(old.substr(0, slash + 1)) + user;
+}
+
+std::string value_for_job(passed_as as, std::string_view old, const my_passwd_unlimited& passwd,
+                          const std::string& path_sh) {
+    switch (as) {
+        case passed_as::user:
+            return passwd.pw_name;
+        case passed_as::home:
+            return passwd.pw_dir;
+        case passed_as::shell:
+            return path_sh;
+        case passed_as::mail:
+            return mail_of_user(old, passwd.pw_name);
+        case passed_as::path:
+            return std::string(old) + (strcmp(passwd.pw_name, root_name) == 0 ? root_path : "");
+        case passed_as::unchanged:
+            break;
+    }
+    return std::string(old);
+}
+
+const passed_row* find_passed(std::string_view name) {
+    for (const passed_row& row : passed_names) {
+        if (row.name == name) {
+            return &row;
+        }
+    }
+    return nullptr;
+}
+
+bool holds_name(const std::vector<std::string>& environment, std::string_view name) {
+    for (const std::string& entry : environment) {
+        if (entry.size() > name.size() && entry.starts_with(name) && entry[name.size()] == '=') {
+            return true;
+        }
+    }
+    return false;
+}
+
+void add_missing(std::vector<std::string>* environment, const char* name, const char* value) {
+    if (!holds_name(*environment, name)) {
+        environment->push_back(std::string(name) + "=" + value);
+    }
+}
+
+}  // namespace
+
+void atfork_child(EX_PCX* pcx) {
+    // Channels, timers and sockets need nothing: their memory goes with exec, and so do their descriptors.
+    log_forget_in_child(pcx);
+    trace_nothing(pcx);
+    pcx->trcHnd = nullptr;
+}
+
+int FileOpenChild(const char* path, int flags, dev_t device, ino_t inode) {
+    const bool tested = inode != 0;
+    const int extra = tested ? O_NOFOLLOW | O_NONBLOCK : 0;
+    const int fd = open(path, flags | extra | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0 || !tested) {
+        return fd;
+    }
+    struct stat status;
+    if (fstat(fd, &status) == 0 && status.st_dev == device && status.st_ino == inode &&
+        fcntl(fd, F_SETFL, flags & O_APPEND) == 0) {
+        return fd;
+    }
+    // Somebody put another file in the place of the one that the agent made.
+    close(fd);
+    errno = EPERM;
+    return -1;
+}
+
+void FileCloseChild(int fd) {
+    if (fd > STDERR_FILENO) {
+        close(fd);
+    }
+}
+
+void Reset_Signals() {
+    sigset_t mask;
+    if (pthread_sigmask(SIG_SETMASK, nullptr, &mask) != 0) {
+        sigemptyset(&mask);
+    }
+    for (const signal_row& row : reset_signals) {
+        struct sigaction action = {};
+        action.sa_handler = SIG_DFL;
+        if (sigaction(row.number, &action, nullptr) != 0) {
+            perror(row.failure);
+        }
+        sigdelset(&mask, row.number);
+    }
+    pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+}
+
+int Init_User(const my_passwd_unlimited& passwd, const JOB_START_VAR& startVar, qx7_error* error) {
+    // The parent does the same; whoever comes second finds it done.
+    (void)setpgid(0, getpid());
+    const bool other_user = strcmp(passwd.pw_name, GlbPcx->pcx_runUserName) != 0;
+    if (other_user) {
+        const int failed = take_user(passwd, startVar, error);
+        if (failed != 0) {
+            return failed;
+        }
+    }
+    if (passwd.pw_uid != 0 && geteuid() == 0 && seteuid(passwd.pw_uid) != 0) {
+        return call_failed("seteuid()", LAUNCH_EXIT_EXEC, error);
+    }
+    if (chdir(passwd.pw_dir) != 0) {
+        return file_failed("chdir()", passwd.pw_dir, LAUNCH_EXIT_CHDIR, error);
+    }
+    return 0;
+}
+
+std::vector<std::string> launch_environment(char* const* from, const my_passwd_unlimited& passwd,
+                                            const std::string& path_sh) {
+    std::vector<std::string> environment;
+    environment.reserve(std::size(passed_names) + 3);
+    size_t seen = 0;
+    for (char* const* entry = from; entry != nullptr && *entry != nullptr; ++entry) {
+        if (++seen > environment_limit) {
+            break;
+        }
+        const std::string_view text = *entry;
+        const size_t equal = text.find('=');
+        const passed_row* row =
+            equal == std::string_view::npos ? nullptr : find_passed(text.substr(0, equal));
+        if (row != nullptr) {
+            environment.push_back(std::string(row->name) + "=" +
+                                  value_for_job(row->as, text.substr(equal + 1), passwd, path_sh));
+        }
+    }
+    add_missing(&environment, "LOGNAME", passwd.pw_name);
+    add_missing(&environment, "HOME", passwd.pw_dir);
+    add_missing(&environment, "USER", passwd.pw_name);
+    return environment;
+}
+
+void Init_Environment(const my_passwd_unlimited& passwd, const JOB_START_VAR& startVar) {
+    // Lives until exec, which is why it is never given back.
+    auto* texts = new std::vector<std::string>(launch_environment(environ, passwd, startVar.path_sh));
+    auto* entries = new std::vector<char*>;
+    entries->reserve(texts->size() + 1);
+    for (std::string& text : *texts) {
+        entries->push_back(text.data());
+    }
+    entries->push_back(nullptr);
+    environ = entries->data();
+}
+
+std::string launch_command_option(std::string option) {
+    if (option.empty()) {
+        return "-c";
+    }
+    if (option.find('c') == std::string::npos) {
+        option.push_back('c');
+    }
+    return option;
+}
+
+std::string launch_file_argument(const std::string& jobFile, const std::string& option) {
+    if (option.find('c') == std::string::npos || launch_plain_word(jobFile)) {
+        return jobFile;
+    }
+    std::string quoted = "'";
+    for (char c : jobFile) {
+        if (c == '\'') {
+            quoted.append("'\\''");
+        } else {
+            quoted.push_back(c);
+        }
+    }
+    return quoted + "'";
+}
+
+int doit_Child(EX_PCX* pcx, const my_passwd_unlimited& passwd, JOB_START_VAR* startVar,
+               pam_handle_t* pamHandle, qx7_error* error) {
+    if (startVar->jsvType == LAUNCH_COMMAND) {
+        trace_nothing(pcx);
+    }
+    // The order counts: output first, so that every later failure has a place to be told; the session while
+    // the process still is root; the identity before anything of the user's is touched.
+    int failed = redirect_output(*startVar, error);
+    if (failed == 0) {
+        failed = redirect_input(*startVar, error);
+    }
+    if (failed != 0) {
+        return failed;
+    }
+    Reset_Signals();
+    drop_terminal();
+    failed = open_session(passwd, pamHandle, error);
+    if (failed == 0) {
+        failed = Init_User(passwd, *startVar, error);
+    }
+    if (failed != 0) {
+        return failed;
+    }
+    Init_Environment(passwd, *startVar);
+    if (session_belongs_to_child(pamHandle)) {
+        PamGetSetEnvironment(pamHandle);
+    }
+    return execute_shell(*startVar, error);
+}
+
+void Put_PInfo(const my_passwd_unlimited& passwd, const char* traceHead, char* const* envp) {
+    if (!trc_on(TRC_JOB)) {
+        return;
+    }
+    _TraceText("%s user '%s' uid %u gid %u home '%s' shell '%s'", traceHead, passwd.pw_name, passwd.pw_uid,
+               passwd.pw_gid, passwd.pw_dir, passwd.pw_shell);
+    for (; envp != nullptr && *envp != nullptr; ++envp) {
+        _TraceText("%s %s", traceHead, *envp);
+    }
+}
+
+void Check_Signals(const sigset_t& set) {
+    for (const signal_row& row : reset_signals) {
+        if (trc_on(TRC_JOB, '2') && sigismember(&set, row.number) == 1) {
+            _TraceText("signal %d is blocked", row.number);
+        }
+    }
+}

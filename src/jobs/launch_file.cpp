@@ -1,0 +1,185 @@
+// The rest items of an activation, the job file and the report file.
+#include <cerrno>
+
+#include "base/code_tables.h"
+#include "base/context.h"
+#include "base/files.h"
+#include "base/log.h"
+#include "base/text.h"
+#include "identity/user_files.h"
+#include "jobs/launch_steps.h"
+
+namespace {
+
+constexpr std::string_view filter_mark = "##QX7[";
+constexpr std::string_view line_end = "\r\n";
+
+std::string_view without_dash(std::string_view sh) {
+    return sh.starts_with('-') ? sh.substr(1) : sh;
+}
+
+// A line for one shell only: false when it is for another one, else the mark is cut away.
+bool pass_filter(std::string_view sh, std::string_view* line) {
+    if (!line->starts_with(filter_mark)) {
+        return true;
+    }
+    const size_t close = line->find(']', filter_mark.size());
+    if (close == std::string_view::npos) {
+        return true;
+    }
+    if (line->substr(filter_mark.size(), close - filter_mark.size()) != without_dash(sh)) {
+        return false;
+    }
+    line->remove_prefix(close + 1);
+    return true;
+}
+
+void append_line(const JOB_START_VAR& startVar, std::string_view line, std::string* text) {
+    if (!pass_filter(startVar.sh, &line)) {
+        return;
+    }
+    const size_t begin = text->size();
+    text->append(line);
+    if (startVar.cCodeTab != nullptr) {
+        AreaConv(text->data() + begin, line.size(), startVar.cCodeTab);
+    }
+    text->push_back('\n');
+}
+
+// The first inserts of 2003041 by the step that failed.
+struct step_names {
+    const char* create;
+    const char* write;
+    const char* close;
+};
+constexpr step_names job_file_steps = {"FileFOpen()", "WriteFwrite()", "FileFClose()"};
+constexpr step_names report_steps = {"FileCreate()", "FileCreate()", "FileCreate()"};
+
+const char* step_name(const step_names& names, file_step step) {
+    switch (step) {
+        case FILE_STEP_WRITE:
+            return names.write;
+        case FILE_STEP_CLOSE:
+            return names.close;
+        case FILE_STEP_CHMOD:
+            return step_chmod;
+        case FILE_STEP_CHOWN:
+            return step_chown;
+        default:
+            return names.create;
+    }
+}
+
+int file_failure(const step_names& names, const std::string& file, const file_result& result,
+                 qx7_error* error) {
+    qx_error_set(error, -1, result.error_number, file_message, "%s|%s|%u|%s|",
+                 step_name(names, result.failed), file.c_str(), static_cast<unsigned>(result.error_number),
+                 error_text(result.error_number).c_str());
+    errno = result.error_number;
+    return -1;
+}
+
+void remove_file(const std::string& file) {
+    if (remove_on_order(file.c_str()) != 0 && errno != ENOENT) {
+        __log(file_message, "FileRemove|%s|%u|%s|", file.c_str(), static_cast<unsigned>(errno),
+              error_text(errno).c_str());
+    }
+}
+
+}  // namespace
+
+std::string GetRestString(std::string_view rest, std::string_view key, size_t limit) {
+    while (!rest.empty()) {
+        if (rest.front() == ' ' || rest.front() == '\0') {
+            rest.remove_prefix(1);
+            continue;
+        }
+        const size_t equal = rest.find('=');
+        if (equal == std::string_view::npos || equal + 2 > rest.size()) {
+            return {};
+        }
+        const std::string_view name = rest.substr(0, equal + 1);
+        rest.remove_prefix(equal + 1);
+        if (rest.empty()) {
+            return {};
+        }
+        const char delimiter = rest.front();
+        const size_t end = rest.find(delimiter, 1);
+        if (end == std::string_view::npos) {
+            return {};
+        }
+        if (name == key) {
+            return std::string(rest.substr(1, end - 1).substr(0, limit));
+        }
+        rest.remove_prefix(end + 1);
+    }
+    return {};
+}
+
+std::string launch_job_text(const JOB_START_VAR& startVar, std::string_view extraLine) {
+    std::string text;
+    text.reserve(startVar.jcl.size() + startVar.path_sh.size() + extraLine.size() + 16);
+    // Two blanks: the line must stay as it is, tools that look at job files know it so.
+    text.append("#!  ").append(startVar.path_sh).push_back('\n');
+    if (!extraLine.empty()) {
+        text.append(extraLine).push_back('\n');
+    }
+    std::string_view rest = startVar.jcl;
+    for (size_t end; (end = rest.find(line_end)) != std::string_view::npos;) {
+        append_line(startVar, rest.substr(0, end), &text);
+        rest.remove_prefix(end + line_end.size());
+    }
+    if (rest.ends_with('\r')) {
+        rest.remove_suffix(1);
+        append_line(startVar, rest, &text);
+    } else if (!rest.empty()) {
+        append_line(startVar, rest, &text);
+    }
+    return text;
+}
+
+int CreateJobFile(JOB_START_VAR* startVar, std::string_view extraLine, mode_t mode,
+                  const my_passwd_unlimited& passwd) {
+    const std::string text = launch_job_text(*startVar, extraLine);
+    const file_result result =
+        make_file_for(startVar->jobFile.c_str(), text, mode, passwd.pw_name, passwd.pw_uid, passwd.pw_gid);
+    if (result.failed == FILE_STEP_NONE) {
+        return 0;
+    }
+    qx7_error error;
+    file_failure(job_file_steps, startVar->jobFile, result, &error);
+    startVar->Return = error.qx_msgnr;
+    startVar->rettext = error.qx_msgInsert;
+    errno = result.error_number;
+    return -1;
+}
+
+int CreateCmdFile(const std::string& name, std::string_view text, mode_t mode,
+                  const my_passwd_unlimited& passwd, qx7_error* error) {
+    qx_error_clear(error);
+    const file_result result =
+        make_file_for(name.c_str(), text, mode, passwd.pw_name, passwd.pw_uid, passwd.pw_gid);
+    return result.failed == FILE_STEP_NONE ? 0 : file_failure(job_file_steps, name, result, error);
+}
+
+int launch_make_report(JOB_START_VAR* startVar, mode_t mode, const my_passwd_unlimited& passwd,
+                       qx7_error* error) {
+    if (startVar->jobReport == launch_no_report) {
+        return 0;
+    }
+    const file_result result =
+        make_file_for(startVar->jobReport.c_str(), {}, mode, passwd.pw_name, passwd.pw_uid, passwd.pw_gid);
+    startVar->report_device = result.device;
+    startVar->report_inode = result.inode;
+    return result.failed == FILE_STEP_NONE ? 0
+                                           : file_failure(report_steps, startVar->jobReport, result, error);
+}
+
+void launch_remove_files(const JOB_START_VAR& startVar) {
+    if (startVar.BatFlag == BATCH_FILE) {
+        remove_file(startVar.jobFile);
+    }
+    if (startVar.jobReport != launch_no_report) {
+        remove_file(startVar.jobReport);
+    }
+}
