@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "jobs/job_area.h"
+#include "jobs/job_send.h"
 
 struct EX_PCX;
 struct ccm_msg_t;
@@ -26,11 +27,6 @@ int process_aktj(EX_PCX* pcx, ccm_msg_t* msg, int row);
 // Tries the start of a job that waits. 0: started, or to be tried again while jobstart is not 0;
 // 1: given up, the server was told, the caller removes the entry when jobstart is not 0.
 int Start_Ex_Aktj(EX_PCX* pcx, JP_AREA* job);
-
-// QUITT to the activation of `job` from its kept header and address, "OK" for number 0. `extra` goes out as
-// the message's data. By name, for the channel of the activation may be gone. 0 or -1.
-int create_and_send_aktj_quitt_message(EX_PCX* pcx, JP_AREA* job, int msgnr, const char* insert,
-                                       const void* extra = nullptr, size_t extraLen = 0);
 
 // The restart record of `job`: empty while JP_RstInfo says that it went out, else 1336 bytes and the names.
 // Marks it as sent when `server_reachable`. `fresh_child`: read the child's own stat file only.

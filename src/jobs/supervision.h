@@ -17,10 +17,6 @@ struct ccm_msg_t;
 int process_exmeld(EX_PCX* pcx, ccm_msg_t* msg, int row);
 // Handler of NATMELD in the agent: acknowledges at once by NATQUITT, then takes the content over. 0 or -1.
 int process_ipc_exmeld(EX_PCX* pcx, ccm_msg_t* msg, int row);
-// Takes the content of a MELD over. `uid` is the uid at the other end, all ones when unknown. No answer.
-// Bytes from outside, of any length. 0, or -1 for an unknown job.
-int job_take_meld(EX_PCX* pcx, const unsigned char* meld, size_t length, uid_t uid);
-
 // End of child `pid`: exitCode as pr_exit gives it. 1 when the pid belonged to a job, else 0.
 int process_job_sigchild(EX_PCX* pcx, int pid, int exitCode, int rawStatus);
 // Exit status, or the number of the signal that ended or stopped the process.

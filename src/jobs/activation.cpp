@@ -1,0 +1,519 @@
+#include "jobs/activation.h"
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <optional>
+
+#include "base/code_tables.h"
+#include "base/context.h"
+#include "base/error.h"
+#include "base/log.h"
+#include "base/memory.h"
+#include "base/paths.h"
+#include "base/time.h"
+#include "identity/accounts.h"
+#include "identity/pam.h"
+#include "identity/password_check.h"
+#include "jobs/job_context.h"
+#include "jobs/job_files.h"
+#include "jobs/job_table.h"
+#include "jobs/job_time.h"
+#include "jobs/launch.h"
+#include "jobs/process_info.h"
+#include "jobs/who_may_start.h"
+#include "messages/records_job.h"
+#include "messages/view.h"
+
+namespace {
+
+constexpr int number_upgrade_running = 65;
+constexpr int number_received = 2000005;
+constexpr int number_started = 2000003;
+constexpr int number_start_failed = 2000109;
+constexpr int number_not_allowed = 2000029;
+constexpr int number_duplicate = 2003026;
+constexpr int number_bad_cache_path = 2000241;
+constexpr int number_file = 2003041;
+constexpr size_t restart_area_offset = 264;
+constexpr time_t retry_seconds = 5;
+constexpr unsigned last_try = 11;
+constexpr size_t path_limit = 255;
+
+// An activation as it came, over the received message or the kept copy of it.
+struct activation {
+    message_view view;
+    MSG_TYPE_EXAKTJ record;
+    std::string user;       // from logininfo
+    std::string jobfile;    // completed against the work directory
+    std::string jobreport;  // the same
+    launch_order order;     // borrows from the four above
+};
+
+void read_activation(EX_PCX* pcx, message_view view, activation* order) {
+    order->view = view;
+    order->record = view_record<MSG_TYPE_EXAKTJ>(view);
+    const MSG_TYPE_EXAKTJ& record = order->record;
+    order->user = std::string(get_text(record.logininfo));
+    order->jobfile = launch_complete_path(pcx, get_text(record.jobfile));
+    order->jobreport = launch_complete_path(pcx, get_text(record.jobreport));
+    order->order.jobfile = order->jobfile;
+    order->order.jobreport = order->jobreport;
+    order->order.name = get_text(record.name);
+    order->order.rest = view_text(view, record.rest_dist, record.rest_len);
+    order->order.jcl = view_text(view, record.jcl_dist, record.jcl_len);
+}
+
+// What the steps of one activation hand on.
+struct activation_run {
+    EX_PCX* pcx = nullptr;
+    ccm_msg_t* msg = nullptr;
+    activation order;
+    std::unique_ptr<my_passwd_unlimited> passwd = std::make_unique<my_passwd_unlimited>();
+    pam_handle_t* pam = nullptr;
+    JP_AREA* job = nullptr;
+};
+
+void remove_refused_file(const activation_run& run) {
+    if (job_file_is_ours(run.pcx, run.order.jobfile)) {
+        job_remove_file(run.order.jobfile.c_str());
+    }
+}
+
+void end_conversation(activation_run* run) {
+    if (run->pam != nullptr) {
+        PamEnd(run->pam, PAM_SUCCESS, true);
+        run->pam = nullptr;
+    }
+}
+
+int refuse(activation_run* run, int number, const char* log_insert, const char* quitt_insert) {
+    __log(number, "%s", log_insert);
+    remove_refused_file(*run);
+    end_conversation(run);
+    return create_and_send_quitt_message(run->pcx, run->msg, number, quitt_insert);
+}
+
+std::string with_bar(std::string_view text) {
+    return std::string(text) + "|";
+}
+
+int job_number(const activation_run& run) {
+    return run.order.record.ah_idnr;
+}
+
+uint16_t client_number(const activation_run& run) {
+    return run.order.record.header.i2Mandant;
+}
+
+// ---- The checks, in their order. An empty result goes on; a value ends the activation with it. ----
+
+using step_result = std::optional<int>;
+
+step_result check_upgrade(activation_run* run) {
+    if (run->pcx->upgrade_ah_idnr == 0) {
+        return std::nullopt;
+    }
+    return create_and_send_quitt_message(run->pcx, run->msg, number_upgrade_running, "");
+}
+
+step_result check_account(activation_run* run) {
+    qx7_error error;
+    const std::string& user = run->order.user;
+    if (user.empty() || user.size() > account_name_limit) {
+        FillMessageOnPasswordError(&error, 0, user.c_str());
+    } else if (GetPwdNameStruct(user.c_str(), run->passwd.get(), &error)) {
+        run->passwd->pw_passwd.clear();  // a job never holds the hash
+        return std::nullopt;
+    }
+    return refuse(run, error.qx_msgnr, error.qx_msgInsert, error.qx_msgInsert);
+}
+
+int check_password_of(EX_PCX* pcx, const activation& order, pam_handle_t** pam) {
+    std::string reason;
+    const auto field = view_data(order.view, order.record.pwd_dist, order.record.pwd_len);
+    const int result =
+        PasswordCheck(pcx->pcx_JobPwCheck, order.record.ah_idnr, field, order.user.c_str(), &reason, pam);
+    if (result != PASSWORD_ACCEPTED) {
+        __PutLogText("Job %d: %s", order.record.ah_idnr, reason.c_str());
+    }
+    return result;
+}
+
+step_result check_password(activation_run* run) {
+    if (check_password_of(run->pcx, run->order, &run->pam) == PASSWORD_ACCEPTED) {
+        return std::nullopt;
+    }
+    const std::string& user = run->order.user;
+    return refuse(run, account_unknown_message, with_bar(user).c_str(), user.c_str());
+}
+
+step_result check_user_allowed(activation_run* run) {
+    const std::string& user = run->order.user;
+    if (user_start_flag(run->pcx, job_context(), user.c_str(), run->passwd->pw_uid) == job_may_start) {
+        return std::nullopt;
+    }
+    return refuse(run, number_not_allowed, with_bar(user).c_str(), with_bar(user).c_str());
+}
+
+step_result check_number_allowed(activation_run* run) {
+    const uint32_t number = run->order.record.header.i4UsrIdNr;
+    if (number_start_flag(run->pcx, job_context(), number) == job_may_start) {
+        return std::nullopt;
+    }
+    return refuse(run, number_not_allowed, with_bar(std::to_string(number)).c_str(),
+                  with_bar(run->order.user).c_str());
+}
+
+step_result check_duplicate(activation_run* run) {
+    const JP_AREA* known = Find_JEntry(job_number(*run), client_number(*run));
+    if (job_number(*run) != 0 && known == nullptr) {
+        return std::nullopt;
+    }
+    const std::string insert = with_bar(std::to_string(job_number(*run)));
+    const int result = create_and_send_quitt_message(run->pcx, run->msg, number_duplicate, insert.c_str());
+    __log(number_duplicate, "%s", insert.c_str());
+    // While the known job waits for its start its shell may not have opened that very file yet.
+    if (known == nullptr || known->JP_status != job_status_waiting) {
+        remove_refused_file(*run);
+    }
+    end_conversation(run);
+    return result;
+}
+
+// The table and a restart record hold 255 characters of a path.
+step_result check_path_lengths(activation_run* run) {
+    for (const std::string* path : {&run->order.jobfile, &run->order.jobreport}) {
+        if (path->size() > path_limit) {
+            char insert[512];
+            snprintf(insert, sizeof insert, "FileCreate()|%.255s|%u|%s|", path->c_str(),
+                     static_cast<unsigned>(ENAMETOOLONG), error_text(ENAMETOOLONG).c_str());
+            return refuse(run, number_file, insert, insert);
+        }
+    }
+    return std::nullopt;
+}
+
+// ---- The entry ----
+
+void load_code_table(activation_run* run) {
+    const MSG_TYPE_EXAKTJ& record = run->order.record;
+    const auto code = view_data(run->order.view, record.code_dist, record.code_len);
+    if (record.code_dist != 0 && code.size() == code_table_message_size) {
+        SetCodeTab(run->job->cCodeTab, code.data());
+    } else {
+        memcpy(run->job->cCodeTab, GetDefaultCode(run->pcx).inverse, sizeof run->job->cCodeTab);
+    }
+}
+
+void make_entry(activation_run* run) {
+    run->job = Create_JEntry(job_number(*run), client_number(*run));
+    run->job->jp_headm = run->order.record.header;
+    run->job->jp_uid = run->passwd->pw_uid;
+    load_code_table(run);
+}
+
+// Takes everything back that an activation left which will not become a job.
+void undo_entry(activation_run* run) {
+    qx7_error error;
+    if (DeleteTaskResourceFiles(run->job, &error) != 0) {
+        __log_error(error);
+    }
+    if (RemoveJobFromResourceLists(run->pcx, run->job, &error) != 0) {
+        __log_error(error);
+    }
+    Erase_JEntry(job_number(*run), client_number(*run));
+    run->job = nullptr;
+}
+
+// A cache path counts only below the cache folder, without "..": the agent works there with its own rights.
+bool take_cache_path(const EX_PCX* pcx, std::string_view told, std::string* path) {
+    *path = std::string(told);
+    if (path->empty() || path->back() != '/') {
+        *path += '/';
+    }
+    std::string folder = path_clean(pcx->pcx_res_dir);
+    if (!folder.ends_with('/')) {
+        folder += '/';
+    }
+    const std::string clean = path_clean(*path);
+    const bool below = folder.size() > 1 && (clean + "/").starts_with(folder);
+    if (!below || clean.find("/../") != std::string::npos || clean.ends_with("/..")) {
+        path->clear();
+        return false;
+    }
+    return true;
+}
+
+int read_resources(activation_run* run, qx7_error* error) {
+    const MSG_TYPE_EXAKTJ& record = run->order.record;
+    if (record.binpaths_dist == 0 || record.binpaths_entries == 0) {
+        return 0;
+    }
+    table_cursor paths = view_table(run->order.view, record.binpaths_dist);
+    const auto told = cursor_record<MSG_TYPE_BINPATHS>(&paths);
+    const bool good =
+        take_cache_path(run->pcx, get_text(told.task_cache_path), &run->job->jp_task_cache_path) &&
+        take_cache_path(run->pcx, get_text(told.client_cache_path), &run->job->jp_client_cache_path);
+    if (record.bintab_dist == 0 || record.bintab_entries < 1) {
+        return 0;
+    }
+    if (!good) {
+        return qx_error_set(error, -1, EPERM, number_bad_cache_path, "%d:%.200s|%.200s|%d - %s|",
+                            client_number(*run), std::string(get_text(told.task_cache_path)).c_str(),
+                            std::string(get_text(told.client_cache_path)).c_str(), EPERM,
+                            error_text(EPERM).c_str());
+    }
+    table_cursor rows = view_table(run->order.view, record.bintab_dist);
+    for (int32_t count = record.bintab_entries; count > 0; --count) {
+        const auto row = cursor_record<MSG_TYPE_BINTAB>(&rows);
+        if (rows.failed) {
+            break;
+        }
+        if (ReadStorageObjectResource(run->pcx, run->job, std::string(get_text(row.object_name)).c_str(),
+                                      std::string(get_text(row.resource_name)).c_str(), error) != 0) {
+            return -1;
+        }
+    }
+    return 0;
+}
+
+step_result take_resources(activation_run* run) {
+    qx7_error error;
+    if (read_resources(run, &error) == 0) {
+        return std::nullopt;
+    }
+    __log_error(error);
+    remove_refused_file(*run);
+    undo_entry(run);
+    end_conversation(run);
+    return create_and_send_quitt_message(run->pcx, run->msg, error.qx_msgnr, error.qx_msgInsert);
+}
+
+void keep_address(JP_AREA* job, const ccm_msg_t* msg) {
+    if (job->ccmaddr == nullptr) {
+        job->ccmaddr = job_keep_address(msg);
+    }
+}
+
+void copy_order(JP_AREA* job, const activation& order, const my_passwd_unlimited& passwd) {
+    const MSG_TYPE_EXAKTJ& record = order.record;
+    memcpy(job->JP_Version, record.header.version, sizeof job->JP_Version);
+    job_set_text(job->JP_srv_msg, "SEND_AKTJ_QUITT ");
+    job->JP_uIdnr = record.header.i4UsrIdNr;
+    job_set_text(job->JP_oName, std::string(get_text(record.name)));
+    job_set_text(job->JP_jFile, order.jobfile);
+    job_set_text(job->JP_jReport, order.jobreport);
+    job_set_text(job->JP_user, order.user);
+    job_set_text(job->jp_userName, order.user);
+    job->JP_maxCPU = record.maxcpu;
+    job->JP_express = record.express;
+    memcpy(job->JP_jClass, record.jclass, sizeof job->JP_jClass);
+    memcpy(job->JP_jPrio, record.prio, sizeof job->JP_jPrio);
+    job->JP_uPwDir = passwd.pw_dir;
+    job->jp_uid = passwd.pw_uid;
+}
+
+// ---- A started job ----
+
+// Another entry under this process id is stale: the number was given anew. What the server has acknowledged
+// goes; what it has not heard yet stays, without the id.
+void push_out_stale(EX_PCX* pcx, const JP_AREA* job, uint32_t pid) {
+    if (job_context()->JobStartType == job_start_batch) {
+        return;
+    }
+    while (JP_AREA* stale = job_table_find_pid(pid, job)) {
+        if ((stale->JP_flag & job_flag_acknowledged) == 0) {
+            job_table_set_pid(stale, 0);
+            continue;
+        }
+        qx7_error error;
+        if (DeleteTaskResourceFiles(stale, &error) != 0) {
+            __log_error(error);
+        }
+        if (RemoveJobFromResourceLists(pcx, stale, &error) != 0) {
+            __log_error(error);
+        }
+        Erase_JEntry(stale->JP_jobNr, stale->JP_Mandant);
+    }
+}
+
+void take_process(EX_PCX* pcx, JP_AREA* job, uint32_t pid) {
+    push_out_stale(pcx, job, pid);
+    job_table_set_pid(job, pid);
+    job->akt_pid = pid;
+    job->m_ppid = 0;
+    job->jobstart = 0;
+    job->JP_alrmTime = 0;
+    if (job_context()->JobStartType == job_start_fork) {
+        job->JP_sTime = job->JP_cTime;
+        job->JP_sTime_t = job->JP_cTime_t;
+        job->JP_alrmTime = alarm_now() + pcx->Per_JobCheck;
+    }
+}
+
+std::vector<unsigned char> build_exaktjqu(JP_AREA* job, size_t length) {
+    std::vector<unsigned char> body = job_new_body(length, "EXAKTJQU", 1, job->jp_headm);
+    MSG_TYPE_EXAKTJQU record;
+    memcpy(&record, body.data(), sizeof record);
+    job_put_pid(record.processid, job->fork_pid);
+    put_text(record.filler, "");
+    record.startzeit = job->JP_cTime;
+    put_text(record.jobname, "");
+    put_text(record.logininfo, "");
+    memcpy(body.data(), &record, sizeof record);
+    return body;
+}
+
+void add_restart_record(EX_PCX* pcx, JP_AREA* job, std::vector<unsigned char>* body) {
+    const auto restart = CreateJobRstrtInfo(job, job->jp_userName, job_server_reachable(pcx), true);
+    if (restart.empty()) {
+        return;
+    }
+    MSG_TYPE_EXAKTJQU record;
+    memcpy(&record, body->data(), sizeof record);
+    record.restart_len = static_cast<int32_t>(restart.size());
+    record.restart_dist = static_cast<int32_t>(restart_area_offset);
+    memcpy(body->data(), &record, sizeof record);
+    body->insert(body->end(), restart.begin(), restart.end());
+}
+
+int acknowledge_start(activation_run* run) {
+    std::vector<unsigned char> body = build_exaktjqu(run->job, restart_area_offset);
+    if (job_context()->JobStartType == job_start_fork) {
+        add_restart_record(run->pcx, run->job, &body);
+    }
+    const int result = job_send_reply(run->pcx, run->msg, body);
+    if (result == 0) {
+        __log(number_started, "%s|%i|", run->job->JP_oName, run->job->JP_jobNr);
+    }
+    return result;
+}
+
+void log_no_process(int jobNr) {
+    __PutLogText(
+        "Error starting job with RunID %d: fork() returned error EAGAIN.  Trying to start job later.", jobNr);
+}
+
+void keep_for_later(activation_run* run) {
+    JP_AREA* job = run->job;
+    const auto* body = static_cast<const unsigned char*>(run->msg->msg_start);
+    job->jobstart = 1;
+    job->ccmmsg.assign(body, body + run->msg->len);
+    keep_address(job, run->msg);
+    copy_order(job, run->order, *run->passwd);
+    job->passwd = run->passwd.release();
+    job->JP_alrmTime = alarm_now() + retry_seconds;
+    log_no_process(job->JP_jobNr);
+}
+
+int fail_start(activation_run* run, const qx7_error& error) {
+    const std::string name(get_text(run->order.record.name));
+    undo_entry(run);
+    __log(number_start_failed, "%s|%i|", name.c_str(), job_number(*run));
+    const int result = create_and_send_quitt_message(run->pcx, run->msg, error.qx_msgnr, error.qx_msgInsert);
+    job_remove_file(run->order.jobfile.c_str());
+    return result;
+}
+
+int start_and_answer(activation_run* run) {
+    qx7_error error;
+    uint32_t pid = 0;
+    const launch_result started =
+        start_job(run->pcx, run->order.order, *run->passwd, run->pam, run->job, &pid, &error);
+    if (started == LAUNCH_STARTED) {
+        PamEndAfterStart(run->pam);  // tickets and credentials stay with the job
+        run->pam = nullptr;
+        keep_address(run->job, run->msg);
+        copy_order(run->job, run->order, *run->passwd);
+        take_process(run->pcx, run->job, pid);
+        return acknowledge_start(run);
+    }
+    end_conversation(run);
+    if (started == LAUNCH_NO_PROCESS) {
+        keep_for_later(run);
+        return 0;
+    }
+    return fail_start(run, error);
+}
+
+// ---- A deferred start ----
+
+int give_up_deferred(EX_PCX* pcx, JP_AREA* job, const activation& order, int number, const char* insert) {
+    create_and_send_aktj_quitt_message(pcx, job, number, insert);
+    job_remove_file(order.jobfile.c_str());
+    return 1;
+}
+
+int acknowledge_deferred(EX_PCX* pcx, JP_AREA* job) {
+    // The restart record goes out with the first status.
+    const std::vector<unsigned char> body = build_exaktjqu(job, sizeof(MSG_TYPE_EXAKTJQU));
+    if (job->ccmaddr != nullptr && job_send_kept(pcx, *job->ccmaddr, body) == 0) {
+        __log(number_started, "%s|%i|", job->JP_oName, job->JP_jobNr);
+    }
+    return 0;
+}
+
+int run_checks(activation_run* run) {
+    using step = step_result (*)(activation_run*);
+    // The order is part of the protocol: a server tells from the number how far an activation came.
+    constexpr step checks[] = {check_account,        check_password,  check_user_allowed,
+                               check_number_allowed, check_duplicate, check_path_lengths};
+    if (const step_result ended = check_upgrade(run)) {
+        return *ended;
+    }
+    __log(number_received, "%s|%i|", std::string(get_text(run->order.record.name)).c_str(), job_number(*run));
+    for (const step check : checks) {
+        if (const step_result ended = check(run)) {
+            return *ended;
+        }
+    }
+    make_entry(run);
+    if (const step_result ended = take_resources(run)) {
+        return *ended;
+    }
+    return start_and_answer(run);
+}
+
+}  // namespace
+
+int process_aktj(EX_PCX* pcx, ccm_msg_t* msg, int) {
+    activation_run run;
+    run.pcx = pcx;
+    run.msg = msg;
+    read_activation(pcx, view_message(msg->msg_start, static_cast<size_t>(msg->len)), &run.order);
+    const int result = run_checks(&run);
+    JP_after_call(pcx);
+    return result;
+}
+
+int Start_Ex_Aktj(EX_PCX* pcx, JP_AREA* job) {
+    activation order;
+    read_activation(pcx, view_message(job->ccmmsg.data(), job->ccmmsg.size()), &order);
+    if (job->passwd == nullptr || job->ccmmsg.empty()) {
+        return 1;
+    }
+    pam_handle_t* pam = nullptr;
+    if (check_password_of(pcx, order, &pam) != PASSWORD_ACCEPTED) {
+        __log(account_unknown_message, "%s|", order.user.c_str());
+        job->jobstart = last_try;
+        return give_up_deferred(pcx, job, order, account_unknown_message, order.user.c_str());
+    }
+    qx7_error error;
+    uint32_t pid = 0;
+    const launch_result started = start_job(pcx, order.order, *job->passwd, pam, job, &pid, &error);
+    if (started == LAUNCH_STARTED) {
+        PamEndAfterStart(pam);
+        job_time_now(&job->JP_cTime_t, &job->JP_cTime);
+        take_process(pcx, job, pid);
+        job_drop_kept_start(job);
+        return acknowledge_deferred(pcx, job);
+    }
+    PamEnd(pam, PAM_SUCCESS, true);
+    if (started == LAUNCH_NO_PROCESS && job->jobstart < last_try) {
+        log_no_process(job->JP_jobNr);
+        return 0;
+    }
+    __log(number_start_failed, "%s|%i|", job->JP_oName, job->JP_jobNr);
+    return give_up_deferred(pcx, job, order, error.qx_msgnr, error.qx_msgInsert);
+}

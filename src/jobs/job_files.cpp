@@ -1,0 +1,46 @@
+#include "jobs/job_files.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include "base/context.h"
+#include "base/log.h"
+#include "base/paths.h"
+#include "identity/accounts.h"
+#include "identity/user_files.h"
+
+namespace {
+
+constexpr int number_file = 2003041;
+
+bool lies_below(const std::string& path, const char* folder) {
+    std::string prefix = path_clean(folder);
+    if (prefix.empty() || prefix[0] != '/') {
+        return false;
+    }
+    if (prefix.back() != '/') {
+        prefix += '/';
+    }
+    return prefix.size() > 1 && path.size() > prefix.size() && path.starts_with(prefix);
+}
+
+}  // namespace
+
+void job_remove_file(const char* path) {
+    if (path[0] == 0 || strcmp(path, job_no_report) == 0) {
+        return;
+    }
+    if (remove_on_order(path) != 0 && errno != ENOENT) {
+        const int error_number = errno;
+        __log(number_file, "FileRemove|%.255s|%u|%s|", path, static_cast<unsigned>(error_number),
+              error_text(error_number).c_str());
+    }
+}
+
+bool job_file_is_ours(const EX_PCX* pcx, std::string_view path) {
+    const std::string clean = path_clean(path);
+    if (clean.find("/../") != std::string::npos || clean.ends_with("/..")) {
+        return false;
+    }
+    return lies_below(clean, pcx->pcx_TmpFolder) || lies_below(clean, pcx->pcx_OutFolder);
+}

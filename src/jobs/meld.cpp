@@ -1,0 +1,326 @@
+#include "jobs/meld.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <optional>
+
+#include "base/context.h"
+#include "base/log.h"
+#include "base/text.h"
+#include "base/time.h"
+#include "channels/ipc.h"
+#include "channels/ipc_records.h"
+#include "jobs/job_context.h"
+#include "jobs/job_send.h"
+#include "jobs/job_table.h"
+#include "jobs/job_time.h"
+#include "jobs/messenger_records.h"
+#include "jobs/process_info.h"
+#include "jobs/report_scan.h"
+#include "jobs/supervision.h"
+#include "messages/records_server.h"
+
+namespace {
+
+constexpr int number_wrong_version = 2000023;
+constexpr int number_restart_mark = 2000031;
+constexpr char agent_version_text[] = "12.2.0";
+constexpr size_t restart_mark_size = 8;
+
+// The bytes of a message as far as they came.
+struct meld_bytes {
+    const unsigned char* at;
+    size_t length;
+};
+
+template <class Record>
+std::optional<Record> record_at(const meld_bytes& bytes) {
+    if (bytes.length < sizeof(Record)) {
+        return std::nullopt;
+    }
+    Record record;
+    memcpy(&record, bytes.at, sizeof record);
+    return record;
+}
+
+template <class Record>
+bool version_fits(const Record& record) {
+    if (record.mdMajor == meld_major_version) {
+        return true;
+    }
+    __log(number_wrong_version, "%i.%i.%i|%s|", record.mdMajor, record.mdMinor, record.mdPatch,
+          agent_version_text);
+    return false;
+}
+
+bool is_blank(std::string_view text) {
+    return text.find_first_not_of(std::string_view(" \0", 2)) == std::string_view::npos;
+}
+
+// The entry, when the sender may speak for it and its end is still open.
+JP_AREA* find_job(EX_PCX* pcx, int jobNr, uint16_t client, uid_t uid, int* result) {
+    JP_AREA* job = Find_JEntry(jobNr, client);
+    if (job == nullptr) {
+        *result = -1;
+        return nullptr;
+    }
+    *result = 0;
+    const bool own_user = job->jp_uid != meld_unknown_uid && uid == job->jp_uid;
+    if (uid == meld_unknown_uid || (uid != 0 && uid != pcx->pcx_run_euid && uid != geteuid() && !own_user)) {
+        __PutLogText(
+            "MELD for job %d of client %d was ignored: it came from uid %d, which is not the job's user.",
+            jobNr, client, static_cast<int>(uid));
+        return nullptr;
+    }
+    job_set_text(job->JP_client_msg, "SEND_MLD_QUITT  ");
+    // A process that goes on in the background must not change what the server was told as the end.
+    return (job->JP_flag & job_flag_end_taken) != 0 || job->jobstart != 0 ? nullptr : job;
+}
+
+// A time from outside: one that is no date becomes now.
+void take_time(const MSG_TYPE_TIMESTAMP& told, time_t* seconds, MSG_TYPE_TIMESTAMP* stamp) {
+    const time_t time_told = job_time_of(told);
+    if (time_told == 0) {
+        job_time_now(seconds, stamp);
+        return;
+    }
+    *seconds = time_told;
+    *stamp = job_timestamp(time_told, told.ns >= 0 && told.ns <= 999999999 ? told.ns : 0);
+}
+
+// A process id counts only for a process of the job's user, for it may be signalled later.
+pid_t accepted_pid(const JP_AREA* job, int32_t pid) {
+    return pid > 1 && job->jp_uid != meld_unknown_uid && process_owner(pid) == job->jp_uid ? pid : 0;
+}
+
+void take_info_text(JP_AREA* job, const JP_EXMLDJ& record) {
+    if (record.status == meld_running) {
+        memset(job->infoText, ' ', sizeof job->infoText);
+        memcpy(job->infoText, record.infoText, strnlen(record.infoText, sizeof record.infoText));
+    } else {
+        memcpy(job->infoText + restart_mark_size, record.infoText + restart_mark_size,
+               sizeof job->infoText - restart_mark_size);
+    }
+    const std::string_view mark(job->infoText, restart_mark_size);
+    if (!is_blank(mark)) {
+        __log(number_restart_mark, "%.8s|%.24s|", job->infoText, job->infoText + restart_mark_size);
+        job_set_text(job->JP_client_msg, "RECV_MLD_RESTART");
+    } else if (record.status == meld_ended) {
+        job_set_text(job->JP_client_msg, "RECV_MLD_END    ");
+    } else {
+        job_set_text(job->JP_client_msg, "RECV_MLD_START  ");
+    }
+}
+
+void take_ids(JP_AREA* job, const JP_EXMLDJ& record) {
+    job->m_pid = accepted_pid(job, record.pid);
+    job->m_ppid = accepted_pid(job, record.ppid);
+    job->m_pgrp = accepted_pid(job, record.pgrp);
+    job->m_pgid = accepted_pid(job, record.pgid);
+    job->m_sid = accepted_pid(job, record.sid);
+    job->m_uid = record.uid;
+    job->m_euid = record.euid;
+    job->m_gid = record.gid;
+    job->m_egid = record.egid;
+}
+
+void take_report(EX_PCX* pcx, JP_AREA* job, const JP_EXMLDJ& record) {
+    if (job->JP_status != job_status_cancel) {
+        job->JP_status = record.status;
+    }
+    take_info_text(job, record);
+    job_set_text(job->JP_MeldVers, std::string(record.md_version, strnlen(record.md_version, 32)));
+    job->retCode = record.retCode;
+    if (job->JP_sTime_t == 0) {
+        take_time(record.sTime, &job->JP_sTime_t, &job->JP_sTime);
+        if (job_context()->JobStartType != job_start_fork) {
+            job->JP_alrmTime = alarm_now() + pcx->Per_JobCheck;
+        }
+    }
+    if (record.status == meld_ended) {
+        take_time(record.sTime, &job->JP_eTime_t, &job->JP_eTime);
+    }
+    job->cpuTime = record.cpuTime;
+    job->ioCount = record.ioCount;
+    job->m_ucpu = record.ucpu;
+    job->m_scpu = record.scpu;
+    take_ids(job, record);
+}
+
+void take_end(EX_PCX* pcx, JP_AREA* job) {
+    if (job->JP_status == job_status_cancel || job_awaits_sigchld(job)) {
+        job->JP_alrmTime = alarm_now() + pcx->Per_JobCheck;
+        return;
+    }
+    // No SIGCHLD will come: the messenger's word is the end.
+    if (job->retCode != 0) {
+        job->JP_status = job_status_failed;
+    }
+    job->JP_flag |= job_flag_end_taken;
+    job->JP_alrmTime = alarm_now() + pcx->Per_JobCheck;
+    create_and_send_exstaj(pcx, job);
+}
+
+int take_status(EX_PCX* pcx, const meld_bytes& bytes, uint16_t client, uid_t uid) {
+    const auto record = record_at<JP_EXMLDJ>(bytes);
+    int result = 0;
+    if (!record || !version_fits(*record)) {
+        return 0;
+    }
+    JP_AREA* job = find_job(pcx, record->jobNr, client, uid, &result);
+    if (job == nullptr) {
+        return result;
+    }
+    take_report(pcx, job, *record);
+    if (record->status == meld_ended) {
+        take_end(pcx, job);
+    } else {
+        create_and_send_exstaj(pcx, job);
+    }
+    return 0;
+}
+
+void AddRegVariable(JP_AREA* job, const MSG_TYPE_STATUS_VALUE& told, const char (&info)[32]) {
+    registered_variable variable;
+    variable.name = upper(std::string_view(told.name, strnlen(told.name, job_variable_name_limit)));
+    variable.value = std::string(told.value, strnlen(told.value, job_variable_value_limit));
+    variable.type = told.type == 0 ? ' ' : told.type;
+    if (variable.name.empty()) {
+        return;
+    }
+    const auto same =
+        std::find_if(job->jp_variables.begin(), job->jp_variables.end(),
+                     [&](const registered_variable& known) { return known.name == variable.name; });
+    if (same != job->jp_variables.end()) {
+        *same = variable;
+    } else if (job->jp_variables.size() < job_variables_limit) {
+        job->jp_variables.push_back(variable);
+    } else {
+        __PutLogText("Job %d has registered %zu variables; '%.199s' is not taken.", job->JP_jobNr,
+                     job_variables_limit, variable.name.c_str());
+        return;
+    }
+    memset(job->infoText, ' ', sizeof job->infoText);
+    memcpy(job->infoText, info, strnlen(info, sizeof info));
+}
+
+int take_variable(EX_PCX* pcx, const meld_bytes& bytes, uint16_t client, uid_t uid) {
+    const auto record = record_at<JP_EXMLDV>(bytes);
+    int result = 0;
+    if (!record || !version_fits(*record)) {
+        return 0;
+    }
+    JP_AREA* job = find_job(pcx, record->jobNr, client, uid, &result);
+    if (job == nullptr || record->variable_len == 0) {
+        return result;
+    }
+    if (record->variable_dist < 0 || static_cast<size_t>(record->variable_dist) > bytes.length) {
+        return 0;
+    }
+    const size_t dist = static_cast<size_t>(record->variable_dist);
+    const auto value = record_at<MSG_TYPE_STATUS_VALUE>({bytes.at + dist, bytes.length - dist});
+    if (value) {
+        AddRegVariable(job, *value, record->infoText);
+    }
+    return 0;
+}
+
+// A registered output file.
+int processOutputView(EX_PCX* pcx, const meld_bytes& bytes, uint16_t client, uid_t uid) {
+    const auto record = record_at<JP_EXMLDO>(bytes);
+    int result = 0;
+    if (!record || !version_fits(*record)) {
+        return 0;
+    }
+    JP_AREA* job = find_job(pcx, record->jobNr, client, uid, &result);
+    if (job == nullptr) {
+        return result;
+    }
+    const std::string_view name(record->fileName, strnlen(record->fileName, sizeof record->fileName));
+    const char login = record->loginCheck > ' ' ? record->loginCheck : 'Y';
+    if (!job_register_file(job, login, name, false) && !name.empty()) {
+        __PutLogText("Job %d has registered %zu output files; '%.511s' is not taken.", job->JP_jobNr,
+                     job_files_limit, std::string(name).c_str());
+    }
+    return 0;
+}
+
+// Acknowledges over the channel that brought the record; the listener gives it to the messenger.
+int send_natquitt(EX_PCX* pcx, const ccm_msg_t* msg, const QX_HEADM& head, int reply_id) {
+    constexpr size_t size = sizeof(ipcmsg_natquitt_t) + sizeof(MSG_TYPE_QUITT);
+    ccm_msg_t* out = ipc_record_alloc(pcx->ccm, ipc_natquitt, static_cast<int>(size));
+    if (out == nullptr) {
+        return -1;
+    }
+    ipcmsg_natquitt_t record;
+    memcpy(&record, out->msg_start, sizeof record);
+    record.dstID = reply_id;
+    record.len = static_cast<int32_t>(sizeof(MSG_TYPE_QUITT));
+    MSG_TYPE_QUITT quitt{};
+    CreateQxHeadm(&quitt.header, "QUITT", head.i2Mandant, head.i4UsrIdNr);
+    put_text(quitt.quitt, "OK");
+    put_text(quitt.msg, "MELD");
+    put_text(quitt.msg_insert, "");
+    memcpy(out->msg_start, &record, sizeof record);
+    memcpy(out->msg_start + sizeof record, &quitt, sizeof quitt);
+    out->len = static_cast<int>(size);
+    ccm_setaddr(out, msg->addr.src_ID, 0, ccm_name_ipc_listener, "", 0);
+    return send_IPC_message(pcx->ccm, out);
+}
+
+}  // namespace
+
+int job_take_meld(EX_PCX* pcx, const unsigned char* meld, size_t length, uid_t uid) {
+    if (length <= meld_record_offset + meld_status_offset) {
+        return 0;
+    }
+    QX_HEADM head;
+    memcpy(&head, meld, sizeof head);
+    const meld_bytes bytes{meld + meld_record_offset, length - meld_record_offset};
+    switch (bytes.at[meld_status_offset]) {
+        case meld_file:
+            return processOutputView(pcx, bytes, head.i2Mandant, uid);
+        case meld_variable:
+            return take_variable(pcx, bytes, head.i2Mandant, uid);
+        case meld_running:
+        case meld_continued:
+        case meld_ended:
+            return take_status(pcx, bytes, head.i2Mandant, uid);
+        default:
+            __PutLogText("MELD with the unknown status %u was ignored.", bytes.at[meld_status_offset]);
+            return 0;
+    }
+}
+
+int process_ipc_exmeld(EX_PCX* pcx, ccm_msg_t* msg, int) {
+    if (pcx->running_mode != MODE_AGENT) {
+        __PutLogText("IPC-MELD message can be only processed by AGENT.");
+        return -1;
+    }
+    ipcmsg_natmeld_t record;
+    if (msg->len < static_cast<int>(sizeof record)) {
+        return -1;
+    }
+    memcpy(&record, msg->msg_start, sizeof record);
+    const size_t behind = static_cast<size_t>(msg->len) - sizeof record;
+    if (record.len < static_cast<int>(sizeof(QX_HEADM)) || static_cast<size_t>(record.len) > behind) {
+        return -1;
+    }
+    const unsigned char* meld = msg->msg_start + sizeof record;
+    const size_t length = static_cast<size_t>(record.len);
+    QX_HEADM head;
+    memcpy(&head, meld, sizeof head);
+    if (memcmp(head.version, meld_message_version, sizeof head.version) != 0) {
+        __log(number_wrong_version, "%.2s|%s|", head.version, meld_message_version);
+        return 0;
+    }
+    // The messenger's wait ends here, whatever the content.
+    send_natquitt(pcx, msg, head, record.replyID);
+    uid_t uid = meld_unknown_uid;
+    if (behind >= length + sizeof uid) {
+        memcpy(&uid, meld + length, sizeof uid);
+    }
+    return job_take_meld(pcx, meld, length, uid);
+}

@@ -1,0 +1,271 @@
+#include "jobs/supervision.h"
+
+#include <sys/times.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <climits>
+
+#include "base/context.h"
+#include "base/error.h"
+#include "base/log.h"
+#include "base/time.h"
+#include "jobs/activation.h"
+#include "jobs/job_context.h"
+#include "jobs/job_table.h"
+#include "jobs/job_time.h"
+#include "jobs/process_info.h"
+#include "jobs/report_scan.h"
+
+namespace {
+
+constexpr int number_check = 2000015;
+constexpr int number_killed = 2003046;
+constexpr int code_end_without_word = 211;  // of a job whose state does not fit an end
+constexpr int code_killed = 9;
+constexpr int decisive_check = 4;  // of an own child that is gone and whose SIGCHLD does not come
+constexpr time_t retry_seconds = 5;
+
+tms counted_times{};
+
+void end_as_code(JP_AREA* job, int exitCode) {
+    if (job->retCode == 0) {
+        job->retCode = exitCode;
+    }
+    job->JP_status = job->retCode != 0 ? job_status_failed : job_status_ended;
+}
+
+void take_child_end(JP_AREA* job, int pid, int exitCode) {
+    switch (job->JP_status) {
+        case job_status_ended:
+        case job_status_running:
+        case job_status_waiting:
+            end_as_code(job, exitCode);
+            break;
+        case job_status_cancel:
+            if (job->JP_sigNum != 0 && job->JP_sigNum == exitCode) {
+                __log(number_killed, "%i|%i|", pid, exitCode);
+                job->JP_status = job_status_vanished;
+                job->retCode = exitCode;
+            } else {
+                end_as_code(job, exitCode);
+            }
+            break;
+        default:
+            job->JP_status = job_status_failed;
+            job->retCode = exitCode != 0 ? exitCode : code_end_without_word;
+            break;
+    }
+    job->JP_flag |= job_flag_end_taken;
+}
+
+void mark_vanished(JP_AREA* job) {
+    job->JP_status = job_status_vanished;
+    job->JP_flag |= job_flag_end_taken;
+    job_time_now(&job->JP_eTime_t, &job->JP_eTime);
+}
+
+// True while the SIGCHLD of a gone child may still be on its way. Counts first: the fourth check decides.
+bool wait_for_sigchld(JP_AREA* job) {
+    return job_awaits_sigchld(job) && ++job->maxRunCount < decisive_check;
+}
+
+void decide_by_report(JP_AREA* job) {
+    qx7_error error;
+    if (ReadReport(job, &error) == -1) {
+        mark_vanished(job);
+    }
+}
+
+// The messenger has told the end and the shell still exists, or its SIGCHLD is on its way: telling the server
+// would let it close a living job.
+bool reported_end_waits(JP_AREA* job) {
+    if ((job->JP_flag & job_flag_end_taken) != 0 || !job_awaits_sigchld(job)) {
+        return false;
+    }
+    if (CheckProzessId(job) != 0 || wait_for_sigchld(job)) {
+        return true;
+    }
+    job->JP_status = job->retCode != 0 ? job_status_failed : job_status_ended;
+    job->JP_flag |= job_flag_end_taken;
+    return false;
+}
+
+bool is_zombie(const JP_AREA* job) {
+    procArea_t process;
+    return GetLinuxProcEntry(SetCheckPid(job), &process) && process.pa_state == 'Z';
+}
+
+// false: nothing to tell the server in this pass.
+bool check_cancelled(JP_AREA* job) {
+    if (CheckProzessId(job) != 0) {
+        if (is_zombie(job)) {
+            return false;  // the signal hit; SIGCHLD closes the job
+        }
+        job->JP_status = job_status_running;  // it ignored the signal
+        return true;
+    }
+    if (wait_for_sigchld(job)) {
+        return false;
+    }
+    __log(number_killed, "%i|%i|", job->m_ppid, code_killed);
+    job->retCode = job_awaits_sigchld(job) && job->JP_sigNum != 0 ? job->JP_sigNum : code_killed;
+    mark_vanished(job);
+    return true;
+}
+
+bool check_running(JP_AREA* job) {
+    if (CheckProzessId(job) == 0 && !wait_for_sigchld(job)) {
+        decide_by_report(job);
+    }
+    return true;
+}
+
+bool check_waiting(JP_AREA* job) {
+    if (CheckProzessId(job) != 0) {
+        job->JP_status = job_status_running;
+        return true;
+    }
+    if (wait_for_sigchld(job)) {
+        return false;
+    }
+    decide_by_report(job);
+    return true;
+}
+
+bool check_state(JP_AREA* job) {
+    switch (job->JP_status) {
+        case job_status_failed:
+        case job_status_ended:
+        case job_status_vanished:
+            return !reported_end_waits(job);
+        case job_status_continued:
+        case job_status_running:
+            return check_running(job);
+        case job_status_cancel:
+            return check_cancelled(job);
+        case job_status_waiting:
+            return check_waiting(job);
+        default:
+            return false;
+    }
+}
+
+bool is_due(const JP_AREA* job, time_t now) {
+    return job->JP_alrmTime != 0 && job->JP_alrmTime <= now;
+}
+
+void give_up_start(EX_PCX* pcx, JP_AREA* job) {
+    qx7_error error;
+    if (DeleteTaskResourceFiles(job, &error) != 0) {
+        __log_error(error);
+    }
+    if (RemoveJobFromResourceLists(pcx, job, &error) != 0) {
+        __log_error(error);
+    }
+    Erase_JEntry(job->JP_jobNr, job->JP_Mandant);
+}
+
+void try_deferred_start(EX_PCX* pcx, JP_AREA* job) {
+    ++job->jobstart;
+    if (Start_Ex_Aktj(pcx, job) < 1) {
+        if (job->jobstart != 0) {
+            job->JP_alrmTime = alarm_now() + retry_seconds;
+        }
+    } else if (job->jobstart != 0) {
+        give_up_start(pcx, job);
+    }
+}
+
+}  // namespace
+
+bool job_awaits_sigchld(const JP_AREA* job) {
+    const JPPCX* context = job_context();
+    return context->JobStartType != job_start_batch && context->Fl_Sigchld != 0 &&
+           job->JP_create == job_origin_activation && (job->JP_flag & job_flag_own_child) != 0;
+}
+
+int pr_exit(int status) {
+    if (WIFEXITED(status)) {
+        return WEXITSTATUS(status);
+    }
+    if (WIFSIGNALED(status)) {
+        return WTERMSIG(status);
+    }
+    return WIFSTOPPED(status) ? WSTOPSIG(status) : 0;
+}
+
+void job_reset_cpu_times() {
+    if (times(&counted_times) == static_cast<clock_t>(-1)) {
+        counted_times = tms{};
+    }
+}
+
+void SetCpuEndTimes(JP_AREA* job) {
+    job_time_now(&job->JP_eTime_t, &job->JP_eTime);
+    tms now{};
+    job->m_ucpu = 0;
+    job->m_scpu = 0;
+    const long ticks = sysconf(_SC_CLK_TCK);
+    if (times(&now) != static_cast<clock_t>(-1) && ticks > 0) {
+        const auto milliseconds = [ticks](clock_t after, clock_t before) {
+            return static_cast<int>(std::clamp<long>((after - before) * 1000 / ticks, 0, INT_MAX / 2));
+        };
+        job->m_ucpu = milliseconds(now.tms_cutime, counted_times.tms_cutime);
+        job->m_scpu = milliseconds(now.tms_cstime, counted_times.tms_cstime);
+        counted_times = now;
+    }
+    job->cpuTime = job->m_ucpu + job->m_scpu;
+}
+
+int process_job_sigchild(EX_PCX* pcx, int pid, int exitCode, int) {
+    JP_AREA* job = job_table_find_child(static_cast<uint32_t>(pid));
+    if (job == nullptr) {
+        return 0;
+    }
+    SetCpuEndTimes(job);
+    take_child_end(job, pid, exitCode);
+    job_set_text(job->JP_client_msg, "RECV_MLD_END    ");
+    create_and_send_exstaj(pcx, job);
+    job->JP_alrmTime = alarm_now() + pcx->Per_JobCheck;
+    return 1;
+}
+
+int process_jobchk(EX_PCX* pcx, ccm_msg_t*, int) {
+    const time_t now = alarm_now();
+    bool first = true;
+    // By key, since an entry may be erased on the way.
+    for (JP_AREA* job = Next_JEntry(INT_MIN, 0); job != nullptr;) {
+        const int jobNr = job->JP_jobNr;
+        const uint16_t client = job->JP_Mandant;
+        if (job->jobstart != 0) {
+            if (is_due(job, now)) {
+                try_deferred_start(pcx, job);
+            }
+        } else if (is_due(job, now)) {
+            if (first) {
+                __PutLogMessage(number_check, "");
+                first = false;
+            }
+            if (check_state(job)) {
+                create_and_send_exstaj(pcx, job);
+            }
+            job->JP_alrmTime = now + pcx->Per_JobCheck;
+        }
+        job = Next_JEntry(jobNr, client);
+    }
+    jpGetJobAlarmTime(pcx);
+    return 0;
+}
+
+int jpGetJobAlarmTime(EX_PCX* pcx) {
+    pcx->Job_alarm_time = 0;
+    for (const JP_AREA* job = Next_JEntry(INT_MIN, 0); job != nullptr;
+         job = Next_JEntry(job->JP_jobNr, job->JP_Mandant)) {
+        if (job->JP_alrmTime != 0 && (pcx->Job_alarm_time == 0 || job->JP_alrmTime < pcx->Job_alarm_time)) {
+            pcx->Job_alarm_time = job->JP_alrmTime;
+        }
+    }
+    return jpGetJobCount();
+}

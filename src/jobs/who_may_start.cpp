@@ -1,0 +1,107 @@
+#include "jobs/who_may_start.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "base/context.h"
+#include "base/text.h"
+#include "jobs/job_context.h"
+
+namespace {
+
+constexpr char section_users[] = "USERID";
+constexpr char section_numbers[] = "QX_USER";
+constexpr char root_name[] = "root";
+constexpr char value_start[] = "START";
+constexpr char value_no_start[] = "NO_START";
+constexpr size_t largest_list = 16 * 1024 * 1024;
+
+std::string setting(EX_PCX* pcx, const char* section, const char* key, const char* preset) {
+    char value[256];
+    pcx->getProfileString(pcx, section, key, preset, value, sizeof value);
+    return upper(strip(value));
+}
+
+// Key lists have no bound: a forgotten NO_START behind one would let somebody in.
+std::vector<std::string> key_list(EX_PCX* pcx, const char* section) {
+    for (size_t size = 16384; size <= largest_list; size *= 2) {
+        std::vector<char> buffer(size);
+        const int length = pcx->getProfileString(pcx, section, "", "", buffer.data(), buffer.size());
+        if (length >= 0 && static_cast<size_t>(length) + 2 >= size) {
+            continue;
+        }
+        std::vector<std::string> keys;
+        for (const char* at = buffer.data(); *at != 0; at += strlen(at) + 1) {
+            keys.emplace_back(at);
+        }
+        return keys;
+    }
+    return {};
+}
+
+// An entry of an inclusive section admits only by START, one of an exclusive section refuses only by
+// NO_START.
+char entry_flag(EX_PCX* pcx, const char* section, const char* key, bool inclusive) {
+    if (inclusive) {
+        return setting(pcx, section, key, value_no_start) == value_start ? job_may_start : job_may_not_start;
+    }
+    return setting(pcx, section, key, value_start) == value_no_start ? job_may_not_start : job_may_start;
+}
+
+char user_entry_flag(EX_PCX* pcx, const JPPCX* context, const char* name) {
+    return entry_flag(pcx, section_users, name,
+                      context->Fl_UidType == job_list_inclusive || strcmp(name, root_name) == 0);
+}
+
+char unlisted_user_flag(const JPPCX* context, const char* name, uid_t uid) {
+    const bool as_root = strcmp(name, root_name) == 0 || uid == 0;
+    return as_root || context->Fl_UidType == job_list_inclusive ? job_may_not_start : job_may_start;
+}
+
+bool is_listed(EX_PCX* pcx, const char* section, const char* key) {
+    char value[8];
+    return pcx->getProfileString(pcx, section, key, "", value, sizeof value) > 0;
+}
+
+}  // namespace
+
+void read_start_lists(EX_PCX* pcx, JPPCX* context) {
+    context->userids.clear();
+    for (const std::string& name : key_list(pcx, section_users)) {
+        context->userids.push_back({name, user_entry_flag(pcx, context, name.c_str())});
+    }
+    context->qx_users.clear();
+    for (const std::string& number : key_list(pcx, section_numbers)) {
+        const bool inclusive = context->Qx_UidType == job_list_inclusive;
+        context->qx_users.push_back({strtol(number.c_str(), nullptr, 10),
+                                     entry_flag(pcx, section_numbers, number.c_str(), inclusive)});
+    }
+}
+
+char user_start_flag(EX_PCX* pcx, const JPPCX* context, const char* name, uid_t uid) {
+    if (context->JP_ReadUser == job_lists_always) {
+        return is_listed(pcx, section_users, name) ? user_entry_flag(pcx, context, name)
+                                                   : unlisted_user_flag(context, name, uid);
+    }
+    for (const userid& entry : context->userids) {
+        if (entry.username == name) {
+            return entry.flag;
+        }
+    }
+    return unlisted_user_flag(context, name, uid);
+}
+
+char number_start_flag(EX_PCX* pcx, const JPPCX* context, uint32_t number) {
+    const bool inclusive = context->Qx_UidType == job_list_inclusive;
+    if (context->JP_ReadUser == job_lists_always) {
+        return entry_flag(pcx, section_numbers, std::to_string(number).c_str(), inclusive);
+    }
+    for (const qx_user& entry : context->qx_users) {
+        if (entry.useridnr == static_cast<long>(number)) {
+            return entry.flag;
+        }
+    }
+    return inclusive ? job_may_not_start : job_may_start;
+}
