@@ -47,7 +47,6 @@ enum ccm_channel_flag : int {
     CH_FLAG_REQUEST_SENT = 32,       // the handshake's first token is out
     CH_FLAG_BIND_KNOWN = 64,         // `bind_addr` was read
     CH_FLAG_DELETE_WHEN_SENT = 128,  // deleted by the network thread once its send queue is empty
-    CH_FLAG_FRESH_ADOPTION = 256,    // adopted socket without a sealed message yet
 };
 
 // Names with a meaning.
@@ -128,7 +127,8 @@ struct ccm_backlog_t {
     std::atomic<int> references{1};
     std::atomic<int> unhandled{0};
     std::atomic<int> handshakes{
-        0};  // of them handshake frames: nothing behind one is read until it is handled
+        0};                      // of them handshake frames: nothing behind one is read until it is handled
+    std::atomic<int> paused{0};  // the network thread waits for the number to fall
 };
 
 // Descriptors that arrived on a socket pair and wait for their PASSFD record. Network thread only.
@@ -145,8 +145,8 @@ struct ccm_channel_t {
     // Atomic: written by either thread, by fetch_or and fetch_and where it is a flag word.
     std::atomic<int> type;
     std::atomic<int> flag;
-    std::atomic<int> s;  // socket, -1 without one
-    std::atomic<time_t> timestamp_last_io;
+    std::atomic<int> s;                       // socket, -1 without one
+    std::atomic<time_t> timestamp_last_io;    // both on the alarm clock
     std::atomic<time_t> timestamp_last_read;  // what the keep-alive looks at
 
     // Constant once chained.
@@ -163,7 +163,7 @@ struct ccm_channel_t {
     ccm_connect_user_context_t* cuc;  // owned
     int nof_connection;
     time_t connect_timeout_secs;
-    time_t connect_timeout;  // in the seconds of ccm_now; 0: no limit
+    time_t connect_timeout;  // on the alarm clock (alarm_now); 0: no limit
     int msgnr;               // why it is deleted, logged at destruction
     char msginsert[qx_insert_size];
     gss_ctx_id_t pATctx;       // owned; set before CH_FLAG_SEALED and constant from then on
@@ -207,13 +207,15 @@ struct ccm_channel_image_t {
     int64_t timestamp_last_io;
     int msgnr;
     char msginsert[qx_insert_size];
-    int recv_size;
-    uint64_t pointers[10];  // 0
+    int recv_size;  // 0
+    int64_t timestamp_last_read;
+    uint64_t pointers[9];  // 0
 };
 static_assert(sizeof(ccm_channel_image_t) == 1520);
 
 struct ccm_context_t {
     char eyec[16];  // "##CCM_CONEXT####"
+    EX_PCX* pcx;
     pthread_spinlock_t channel_lock;
     std::atomic<int> flag;
     ccm_channel_queue channelq;      // under channel_lock; only the network thread unlinks
@@ -229,6 +231,7 @@ struct ccm_context_t {
     ccm_msg_queue msgq_kept;  // messages that wait for their channel
     int nof_freemsg;
     int nof_kept;
+    bool in_dispatch;  // the network thread moves a message to its channel just now
     unsigned long unique_msg_ID;
 
     pthread_t thread;
@@ -252,8 +255,6 @@ int ccm_open(EX_PCX* pcx, ccm_context_t** ccm, ccm_error_t* err);
 int ccm_close(ccm_context_t* ccm, ccm_error_t* err);
 // Destroys all channels; the network thread has ended.
 void ccm_channel_closeall(ccm_context_t* ccm);
-// Seconds that no change of the clock moves: start time plus monotonic progress. All time limits of channels.
-time_t ccm_now();
 
 // ---- channels
 // ----------------------------------------------------------------------------------------------

@@ -1,0 +1,96 @@
+// What the files of this folder share. Not for others.
+#pragma once
+
+#include "base/context.h"
+#include "base/log.h"
+#include "base/memory.h"
+#include "base/text.h"
+#include "base/time.h"
+#include "base/trace.h"
+#include "channels/ipc_records.h"
+#include "channels/messages.h"
+#include "channels/network_thread.h"
+
+// ---- locks: counted for each thread, so that a lock held over something slow is found at once
+// -----------------
+
+void spin_take(pthread_spinlock_t* lock);
+void spin_release(pthread_spinlock_t* lock);
+
+struct spin_guard {
+    pthread_spinlock_t* lock;
+    explicit spin_guard(pthread_spinlock_t* spin) : lock(spin) { spin_take(lock); }
+    ~spin_guard() { spin_release(lock); }
+    spin_guard(const spin_guard&) = delete;
+    spin_guard& operator=(const spin_guard&) = delete;
+};
+
+// Forked child: this thread holds nothing any more.
+void spin_forget();
+void register_fork_locks(ccm_context_t* ccm);
+void unregister_fork_locks();
+
+// ---- queues: chained through nxt
+// ------------------------------------------------------------------------------
+
+void queue_append(ccm_msg_queue* queue, ccm_msg_t* msg);
+ccm_msg_t* queue_take(ccm_msg_queue* queue);
+void queue_append(ccm_channel_queue* queue, ccm_channel_t* channel);
+// Under the context's queue_lock.
+void inuse_link(ccm_context_t* ccm, ccm_msg_t* msg);
+void inuse_unlink(ccm_context_t* ccm, ccm_msg_t* msg);
+
+// Takes everything out of a queue and frees it; `lock` guards the queue.
+void queue_free_all(ccm_context_t* ccm, ccm_msg_queue* queue, pthread_spinlock_t* lock);
+
+void backlog_release(ccm_backlog_t* backlog);
+
+// ---- channels
+// ----------------------------------------------------------------------------------------------------
+
+inline bool channel_has(const ccm_channel_t* channel, int flag) {
+    return (channel->flag.load(std::memory_order_acquire) & flag) != 0;
+}
+
+// Network thread: notes the reason (0: none) and marks the channel deleted. Takes channel_lock.
+void channel_fail(ccm_context_t* ccm, ccm_channel_t* channel, int msgnr, const char* format, ...)
+    __attribute__((format(printf, 4, 5)));
+// Under channel_lock: notes the reason if there is none yet.
+void channel_note_reason(ccm_channel_t* channel, int msgnr, const char* insert);
+// Under channel_lock or before chaining.
+void channel_image(const ccm_channel_t* channel, ccm_channel_image_t* out);
+// The channel is in no queue any more: logs, posts CHANNEL_CLOSE, frees. No lock held.
+void channel_destroy(ccm_context_t* ccm, ccm_channel_t* channel);
+void channel_post_close(ccm_context_t* ccm, const ccm_channel_t* channel, bool with_user_context);
+// Frees the record and what it owns, without log or event. `free_user_context` false leaves `cuc`.
+void channel_free(ccm_context_t* ccm, ccm_channel_t* channel, bool free_user_context);
+
+// Whether a descriptor can be watched; one that is too high is closed, with errno EMFILE.
+int descriptor_in_range(int fd);
+
+// ---- network thread
+// ----------------------------------------------------------------------------------------------
+
+// 0, or -1 when the channel was marked deleted.
+int ccm_read_channel(ccm_context_t* ccm, ccm_channel_t* channel);
+int ccm_write_channel(ccm_context_t* ccm, ccm_channel_t* channel);
+// Cuts and queues what stands whole in the receive buffer. 0 or -1 likewise.
+int ccm_cut_frames(ccm_context_t* ccm, ccm_channel_t* channel);
+// Whether frames of the channel wait until the main thread has caught up.
+bool channel_held_back(ccm_channel_t* channel);
+void ccm_signal_on_listen(ccm_context_t* ccm, ccm_channel_t* channel);
+void descriptor_fifo_clear(ccm_descriptor_fifo* fifo);
+
+enum ccm_classified : int {
+    CCM_CLASS_QUEUE = 0,
+    CCM_CLASS_DROP = 1,  // the message is freed, the connection stays
+    CCM_CLASS_END = -1,  // the connection ends; the reason is noted
+};
+// Judges a whole frame (`len` bytes at `msg_start`), opens its seal, reads its items, converts it.
+ccm_classified ccm_classify_message(ccm_context_t* ccm, ccm_channel_t* channel, ccm_msg_t* msg);
+
+// A text field as a view, up to its NUL.
+template <size_t N>
+std::string_view field_text(const char (&field)[N]) {
+    return {field, strnlen(field, N)};
+}

@@ -1,0 +1,302 @@
+// Reading a channel: bytes, frames, messages.
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "channels/connect.h"
+#include "channels/handshake.h"
+#include "channels/internal.h"
+#include "messages/conversion.h"
+#include "messages/frame.h"
+
+namespace {
+
+constexpr int first_buffer = 8192;
+constexpr int busy_buffer = 65536;  // once a read has filled the buffer
+constexpr int header_checked_from = 10;
+
+int buffer_grow(ccm_context_t* ccm, ccm_channel_t* channel, int size) {
+    auto* buffer = static_cast<unsigned char*>(realloc(channel->recv_buffer, static_cast<size_t>(size)));
+    if (buffer == nullptr) {
+        channel_fail(ccm, channel, 3301, "%s/%s(%d)", "RECVBUFF", __FILE__, __LINE__);
+        return -1;
+    }
+    channel->recv_buffer = buffer;
+    channel->recv_size = size;
+    return 0;
+}
+
+int buffer_make_room(ccm_context_t* ccm, ccm_channel_t* channel) {
+    if (channel->recv_pos < channel->recv_size) {
+        return 0;
+    }
+    int size =
+        channel->recv_size == 0 ? first_buffer : std::max(channel->recv_size + first_buffer, busy_buffer);
+    return buffer_grow(ccm, channel, size);
+}
+
+int ccm_channel_bindaddr_inquire(ccm_context_t* ccm, ccm_channel_t* channel) {
+    sockaddr_storage own{};
+    socklen_t length = sizeof own;
+    bool pair = channel->type.load() == CH_TYPE_IPC;
+    if (!pair && getsockname(channel->s.load(), reinterpret_cast<sockaddr*>(&own), &length) != 0) {
+        int number = errno;
+        channel_fail(ccm, channel, 2000102, "getsockname()|%d(%s),S(%d(ID=%d))|", number, strerror(number),
+                     channel->s.load(), channel->ID);
+        return -1;
+    }
+    char address[64] = "";
+    if (!pair) {
+        ccm_address2string(&own, address, sizeof address);
+    }
+    spin_guard guard(&ccm->channel_lock);
+    memcpy(channel->bind_addr, address, sizeof channel->bind_addr);
+    channel->flag.fetch_or(CH_FLAG_BIND_KNOWN);
+    return 0;
+}
+
+// Descriptors that came with a read. False when they are more than a channel may have waiting.
+bool take_descriptors(ccm_channel_t* channel, msghdr* head) {
+    bool fits = (head->msg_flags & MSG_CTRUNC) == 0;
+    for (cmsghdr* item = CMSG_FIRSTHDR(head); item != nullptr; item = CMSG_NXTHDR(head, item)) {
+        if (item->cmsg_level != SOL_SOCKET || item->cmsg_type != SCM_RIGHTS) {
+            continue;
+        }
+        size_t count = (item->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+        for (size_t i = 0; i < count; ++i) {
+            int fd;
+            memcpy(&fd, CMSG_DATA(item) + i * sizeof(int), sizeof fd);
+            fd = descriptor_in_range(fd);
+            if (fd < 0) {
+                continue;
+            }
+            if (channel->fifo.count == ccm_descriptor_fifo_size) {
+                close(fd);
+                fits = false;
+            } else {
+                channel->fifo.descriptors[channel->fifo.count++] = fd;
+            }
+        }
+    }
+    return fits;
+}
+
+// Bytes read, 0 at the partner's end, -1 with errno; -2 when the channel was ended here.
+ssize_t receive_bytes(ccm_context_t* ccm, ccm_channel_t* channel) {
+    unsigned char* at = channel->recv_buffer + channel->recv_pos;
+    auto room = static_cast<size_t>(channel->recv_size - channel->recv_pos);
+    if (channel->type.load() != CH_TYPE_IPC) {
+        return recv(channel->s.load(), at, room, 0);
+    }
+    alignas(cmsghdr) unsigned char control[ccm_control_size];
+    iovec piece{at, room};
+    msghdr head{};
+    head.msg_iov = &piece;
+    head.msg_iovlen = 1;
+    head.msg_control = control;
+    head.msg_controllen = sizeof control;
+    ssize_t got = recvmsg(channel->s.load(), &head, MSG_CMSG_CLOEXEC);
+    if (got > 0 && !take_descriptors(channel, &head)) {
+        channel_fail(ccm, channel, 2002036, "%s|%d(%s),S(%d(ID=%d))|", channel->name, EMSGSIZE,
+                     "too many descriptors", channel->s.load(), channel->ID);
+        return -2;
+    }
+    return got;
+}
+
+// The header as far as it is here. 0, or -1 when the channel was ended.
+int check_header(ccm_context_t* ccm, ccm_channel_t* channel, unsigned char* at, int available) {
+    int type = channel->type.load();
+    unsigned flags = tcp_chk_reader;
+    if (type == CH_TYPE_SERVER) {
+        flags |= TCP_CHK_SERVER;
+    } else if (type == CH_TYPE_IPC) {
+        flags |= TCP_CHK_NO_LIMIT;
+    }
+    char reason[256] = "";
+    int length = std::min(available, static_cast<int>(frame_header_size));
+    int number = TCP_Chk(static_cast<const TCPMSG_WORK_AREA*>(ccm->pcx->pcx_hTcpMsg), at,
+                         static_cast<size_t>(length), flags, reason, sizeof reason);
+    if (number == 0) {
+        return 0;
+    }
+    if (trc_on(TRC_TCPIP)) {
+        trcdump_limited("frame with a bad header", at, available, 64);
+    }
+    channel_fail(ccm, channel, number, "%s%s(ID=%d)|", reason, channel->addr, channel->ID);
+    return -1;
+}
+
+// The frame's length, 0 while it isn't known or -1 when the channel was ended.
+int frame_length(ccm_context_t* ccm, ccm_channel_t* channel, const unsigned char* at) {
+    char digits[9] = "";
+    memcpy(digits, at, 8);
+    long length = strtol(digits, nullptr, 10);
+    bool open_tcp = channel->type.load() != CH_TYPE_IPC && !channel_has(channel, CH_FLAG_SEALED);
+    if (length <= static_cast<long>(frame_header_size) || (open_tcp && length > ccm_frame_open_max)) {
+        channel_fail(ccm, channel, 1002210, "%ld|%s(ID=%d)|", length, channel->addr, channel->ID);
+        return -1;
+    }
+    return static_cast<int>(length);
+}
+
+void enqueue_received(ccm_context_t* ccm, ccm_channel_t* channel, ccm_msg_t* msg) {
+    ccm_backlog_t* backlog = channel->backlog;
+    backlog->references.fetch_add(1);
+    backlog->unhandled.fetch_add(1);
+    if (msg->type == CCM_MSG_GSS) {
+        backlog->handshakes.fetch_add(1);
+    }
+    msg->backlog = backlog;
+    {
+        spin_guard guard(&ccm->queue_lock);
+        inuse_unlink(ccm, msg);
+        queue_append(&ccm->recvq, msg);
+    }
+    ccm_wakeup_processor(ccm);
+}
+
+// One whole frame. 0, or -1 when the channel was ended.
+int take_frame(ccm_context_t* ccm, ccm_channel_t* channel, const unsigned char* frame, int length) {
+    ccm_error_t error;
+    ccm_msg_t* msg =
+        length > ccm_msg_standard_size ? ccm_msg_alloc_huge(ccm, length, &error) : ccm_msg_alloc(ccm, &error);
+    if (msg == nullptr) {
+        channel_fail(ccm, channel, error.msgnr, "%s", error.msginsert);
+        return -1;
+    }
+    memcpy(msg->buffer1, frame, static_cast<size_t>(length));
+    msg->msg_start = msg->buffer1;
+    msg->len = length;
+    memcpy(msg->addr.eyec, "#CCMADDR", sizeof msg->addr.eyec);
+    msg->addr.src_ID = channel->ID;
+    msg->addr.src_type = channel->type.load();
+    ccm_classified result = ccm_classify_message(ccm, channel, msg);
+    if (trc_on(TRC_TCPIP, '3')) {
+        _TraceText("recv ID=%d: frame of %d bytes, kind %d, result %d", channel->ID, length, msg->type,
+                   result);
+    }
+    if (result == CCM_CLASS_QUEUE) {
+        enqueue_received(ccm, channel, msg);
+        return 0;
+    }
+    ccm_msg_free(ccm, msg);
+    if (result == CCM_CLASS_END) {
+        ccm_channel_delete(ccm, channel);
+        return -1;
+    }
+    return 0;
+}
+
+// What was cut leaves the buffer; a large buffer that has become empty is given back.
+void buffer_advance(ccm_channel_t* channel, int done) {
+    int rest = channel->recv_pos - done;
+    if (done > 0 && rest > 0) {
+        memmove(channel->recv_buffer, channel->recv_buffer + done, static_cast<size_t>(rest));
+    }
+    channel->recv_pos = rest;
+    if (rest == 0) {
+        // A descriptor without a frame to take it was sent by mistake or in bad faith.
+        descriptor_fifo_clear(&channel->fifo);
+        if (channel->recv_size > busy_buffer) {
+            free(channel->recv_buffer);
+            channel->recv_buffer = nullptr;
+            channel->recv_size = 0;
+        }
+    }
+}
+
+}  // namespace
+
+void descriptor_fifo_clear(ccm_descriptor_fifo* fifo) {
+    for (int i = 0; i < fifo->count; ++i) {
+        close(fifo->descriptors[i]);
+    }
+    fifo->count = 0;
+}
+
+bool channel_held_back(ccm_channel_t* channel) {
+    ccm_backlog_t* backlog = channel->backlog;
+    if (backlog->handshakes.load() > 0) {
+        return true;
+    }
+    if (backlog->paused.load() != 0) {
+        return true;
+    }
+    if (backlog->unhandled.load() < ccm_unhandled_limit) {
+        return false;
+    }
+    backlog->paused.store(1);
+    // The main thread may have caught up before it could see the mark.
+    return !(backlog->unhandled.load() <= ccm_unhandled_limit / 2 && backlog->paused.exchange(0) != 0);
+}
+
+int ccm_cut_frames(ccm_context_t* ccm, ccm_channel_t* channel) {
+    int done = 0;
+    channel->recv_ready = false;
+    while (channel->recv_pos - done >= header_checked_from) {
+        if (channel_has(channel, CH_FLAG_NO_READ | CH_FLAG_DELETED)) {
+            break;
+        }
+        if (channel_held_back(channel)) {
+            channel->recv_ready = true;
+            break;
+        }
+        unsigned char* at = channel->recv_buffer + done;
+        int available = channel->recv_pos - done;
+        if (check_header(ccm, channel, at, available) != 0) {
+            return -1;
+        }
+        int length = frame_length(ccm, channel, at);
+        if (length < 0) {
+            return -1;
+        }
+        if (available < length) {
+            if (length > channel->recv_size && available >= static_cast<int>(frame_header_size)) {
+                buffer_advance(channel, done);
+                return buffer_grow(ccm, channel,
+                                   length);  // in one step, now that the header was judged whole
+            }
+            break;
+        }
+        if (take_frame(ccm, channel, at, length) != 0) {
+            return -1;
+        }
+        done += length;
+    }
+    buffer_advance(channel, done);
+    return 0;
+}
+
+int ccm_read_channel(ccm_context_t* ccm, ccm_channel_t* channel) {
+    if (buffer_make_room(ccm, channel) != 0 ||
+        (!channel_has(channel, CH_FLAG_BIND_KNOWN) && ccm_channel_bindaddr_inquire(ccm, channel) != 0)) {
+        return -1;
+    }
+    channel->timestamp_last_io = alarm_now();
+    ssize_t got = receive_bytes(ccm, channel);
+    if (got == -2) {
+        return -1;
+    }
+    if (got < 0) {
+        int number = errno;
+        if (number == EAGAIN || number == EWOULDBLOCK || number == EINTR) {
+            return 0;
+        }
+        // A failed connect shows here, before any name or address of the partner is known for sure.
+        channel_fail(ccm, channel, 2002036, "%s|%d(%s),S(%d(ID=%d))|", channel->addr, number,
+                     strerror(number), channel->s.load(), channel->ID);
+        return -1;
+    }
+    if (got == 0) {
+        ccm_channel_delete(ccm, channel);  // the partner's end, which needs no reason
+        return -1;
+    }
+    channel->timestamp_last_read = alarm_now();
+    channel->recv_pos += static_cast<int>(got);
+    return ccm_cut_frames(ccm, channel);
+}

@@ -1,0 +1,205 @@
+// Writing what is queued on a channel, and accepting what a listening socket brings.
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "channels/connect.h"
+#include "channels/handshake.h"
+#include "channels/internal.h"
+
+namespace {
+
+ccm_msg_t* head_of_sendq(ccm_channel_t* channel) {
+    spin_guard guard(&channel->queue_lock);
+    return channel->sendq.first;
+}
+
+// The descriptor that the message owns becomes its control data.
+void fill_control_data(ccm_msg_t* msg) {
+    memset(msg->control_data, 0, CMSG_SPACE(sizeof(int)));
+    auto* head = reinterpret_cast<cmsghdr*>(msg->control_data);
+    head->cmsg_level = SOL_SOCKET;
+    head->cmsg_type = SCM_RIGHTS;
+    head->cmsg_len = CMSG_LEN(sizeof(int));
+    memcpy(CMSG_DATA(head), &msg->passfd, sizeof(int));
+    msg->control_len = CMSG_LEN(sizeof(int));
+}
+
+// Bytes written, 0 when the socket takes none now, -1 with errno.
+ssize_t write_piece(ccm_channel_t* channel, ccm_msg_t* msg, size_t offered) {
+    iovec piece{msg->msg_start + msg->pos, offered};
+    msghdr head{};
+    head.msg_iov = &piece;
+    head.msg_iovlen = 1;
+    // With the first byte only: a part that is sent later must not bring the descriptor once more.
+    if (msg->passfd >= 0) {
+        fill_control_data(msg);
+        head.msg_control = msg->control_data;
+        head.msg_controllen = msg->control_len;
+    }
+    ssize_t written = sendmsg(channel->s.load(), &head, MSG_NOSIGNAL);
+    if (written < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
+        return 0;
+    }
+    if (written > 0 && msg->passfd >= 0) {
+        close(msg->passfd);
+        msg->passfd = -1;
+        msg->control_len = 0;
+    }
+    return written;
+}
+
+int seal_if_wanted(ccm_context_t* ccm, ccm_channel_t* channel, ccm_msg_t* msg) {
+    if ((msg->flag & CCM_MSG_FLAG_SEAL) == 0) {
+        return 0;
+    }
+    msg->flag &= ~CCM_MSG_FLAG_SEAL;
+    ccm_error_t error;
+    if (ccm_chiffre_gss(msg, &error) == 0) {
+        return 0;
+    }
+    channel_fail(ccm, channel, error.msgnr, "%s", error.msginsert);
+    return -1;
+}
+
+int accepted_of(ccm_context_t* ccm, const char* address, int* same_address) {
+    int all = 0;
+    *same_address = 0;
+    spin_guard guard(&ccm->channel_lock);
+    for (ccm_channel_t* head : {ccm->channelq.first, ccm->channel_newq.first}) {
+        for (ccm_channel_t* channel = head; channel != nullptr; channel = channel->nxt) {
+            if (channel->type.load() == CH_TYPE_ACCEPTED && !channel_has(channel, CH_FLAG_DELETED)) {
+                ++all;
+                *same_address += strcmp(channel->addr, address) == 0 ? 1 : 0;
+            }
+        }
+    }
+    return all;
+}
+
+// One line a minute at most: who floods the listener shall not flood the log as well.
+void log_turned_away(const char* address) {
+    static time_t last = 0;
+    time_t now = alarm_now();
+    if (last == 0 || now - last >= 60) {
+        last = now;
+        __log(-1,
+              "too many open connections: a connection from %s was closed; further ones are closed without a "
+              "line",
+              address);
+    }
+}
+
+uint16_t port_of(const sockaddr_storage& peer) {
+    if (peer.ss_family == AF_INET6) {
+        return ntohs(reinterpret_cast<const sockaddr_in6&>(peer).sin6_port);
+    }
+    return ntohs(reinterpret_cast<const sockaddr_in&>(peer).sin_port);
+}
+
+// Everything is set before the channel is chained, and it is chained before the main thread hears of it.
+void adopt_accepted(ccm_context_t* ccm, int s, const sockaddr_storage& peer, const char* address) {
+    ccm_error_t error;
+    ccm_channel_t* channel = nullptr;
+    if (ccm_channel_new_entry(ccm, &channel, &error) != 0) {
+        close(s);
+        return;
+    }
+    channel->s = s;
+    channel->type = CH_TYPE_ACCEPTED;
+    channel->port = port_of(peer);
+    copy_text(channel->addr, address);
+    copy_text(channel->host, address);
+    // The socket works without linger as well; accept has made it non-blocking.
+    ccm_set_linger(ccm, channel, 1, ccm_linger_seconds, &error);
+    channel->timestamp_last_io = channel->timestamp_last_read = alarm_now();
+    channel->connect_timeout_secs = ccm_accepted_seconds;
+    channel->connect_timeout = alarm_now() + ccm_accepted_seconds;
+    channel->flag.fetch_or(CH_FLAG_CONNECTING);
+    int id = channel->ID;
+    ccm_channel_chain(ccm, channel);
+    ccm_msg_t* msg = ccm_msg_alloc_cleared(ccm, sizeof(ipcmsg_channel_id_t), &error);
+    if (msg == nullptr) {
+        return;  // nobody greets the caller, the time limit ends the channel
+    }
+    ipcmsg_channel_id_t record{};
+    memcpy(record.header.msgtype, ipc_channel_accept, sizeof record.header.msgtype);
+    record.ID = id;
+    memcpy(msg->msg_start, &record, sizeof record);
+    send_IPC_internal(ccm, msg);
+}
+
+// False when there is nothing more to accept now.
+bool accept_one(ccm_context_t* ccm, ccm_channel_t* listen_channel) {
+    sockaddr_storage peer{};
+    socklen_t length = sizeof peer;
+    int s = accept4(listen_channel->s.load(), reinterpret_cast<sockaddr*>(&peer), &length,
+                    SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (s >= 0) {
+        s = descriptor_in_range(s);
+    }
+    if (s < 0) {
+        int number = errno;
+        if (number == ECONNABORTED) {
+            return true;
+        }
+        if (number != EAGAIN && number != EWOULDBLOCK && number != EINTR) {
+            __log(2000102, "accept(...,FIONBIO)|%d-%s", number, strerror(number));
+            listen_channel->accept_rest = alarm_now() + 1;  // the condition won't pass in this cycle
+        }
+        return false;
+    }
+    char address[64];
+    ccm_address2string(&peer, address, sizeof address);
+    int same = 0;
+    if (accepted_of(ccm, address, &same) >= ccm_accepted_limit || same >= ccm_accepted_limit_address) {
+        close(s);
+        log_turned_away(address);
+        return true;
+    }
+    adopt_accepted(ccm, s, peer, address);
+    return true;
+}
+
+}  // namespace
+
+int ccm_write_channel(ccm_context_t* ccm, ccm_channel_t* channel) {
+    while (ccm_msg_t* msg = head_of_sendq(channel)) {
+        if (seal_if_wanted(ccm, channel, msg) != 0) {
+            return -1;
+        }
+        auto offered = static_cast<size_t>(std::min(msg->len - msg->pos, ccm_write_piece));
+        ssize_t written = write_piece(channel, msg, offered);
+        if (written < 0) {
+            int number = errno;
+            channel_fail(ccm, channel, 2002002, "%d(%s)|%s(%d/ID=%d)|", number, strerror(number),
+                         channel->addr, channel->s.load(), channel->ID);
+            return -1;
+        }
+        if (written > 0) {
+            channel->timestamp_last_io = alarm_now();
+        }
+        msg->pos += static_cast<int>(written);
+        if (msg->pos == msg->len) {
+            {
+                spin_guard guard(&channel->queue_lock);
+                queue_take(&channel->sendq);
+                --channel->nof_sendq;
+            }
+            ccm_msg_free(ccm, msg);
+        }
+        if (static_cast<size_t>(written) < offered) {
+            break;
+        }
+    }
+    return 0;
+}
+
+void ccm_signal_on_listen(ccm_context_t* ccm, ccm_channel_t* channel) {
+    // A few at a time: a burst of callers shall not keep the others waiting.
+    for (int i = 0; i < 16 && accept_one(ccm, channel); ++i) {
+    }
+}

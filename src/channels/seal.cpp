@@ -1,0 +1,68 @@
+// The seal on the frames of a channel. Network thread.
+
+#include <cstring>
+
+#include "channels/handshake.h"
+#include "channels/internal.h"
+#include "messages/frame.h"
+
+namespace {
+
+// Where the data stand inside a sealed message: behind the outer tag, its length and the inner head. 0 when
+// the head makes no sense.
+size_t data_offset(const unsigned char* sealed, size_t length) {
+    if (length < 2) {
+        return 0;
+    }
+    size_t length_bytes = sealed[1] < 0x80 ? 1 : 1 + static_cast<size_t>(sealed[1] & 0x7F);
+    size_t offset = 1 + length_bytes + gss_sealed_head_size;
+    return length_bytes <= 5 && offset < length ? offset : 0;
+}
+
+}  // namespace
+
+int ccm_chiffre_gss(ccm_msg_t* msg, ccm_error_t* error) {
+    const unsigned char* body = msg->msg_start + frame_header_size;
+    size_t length = static_cast<size_t>(msg->len) - frame_header_size;
+    size_t room = static_cast<size_t>(ccm_msg_headroom) + static_cast<size_t>(msg->size) + ccm_msg_tailroom -
+                  frame_header_size;
+    auto qop = static_cast<gss_qop_t>(GlbPcx->pcx_iGssQop);
+    OM_uint32 minor = 0;
+    size_t written = 0;
+    OM_uint32 major = msg->pATctx == nullptr
+                          ? static_cast<OM_uint32>(GSS_S_NO_CONTEXT)
+                          : gss_wrap_ex(&minor, msg->pATctx, qop != 0 ? 1 : 0, qop, {body, length},
+                                        {msg->buffer2 + frame_header_size, room}, &written);
+    if (major != GSS_S_COMPLETE) {
+        return ccm_error_set(error, 0, 2000143, "gss_wrap()/ret=%.8X(rsn=%d)", major,
+                             static_cast<int>(minor));
+    }
+    qx_wipe(msg->msg_start, static_cast<size_t>(msg->len));  // the plain form has served
+    msg->msg_start = msg->buffer2;
+    msg->len = static_cast<int>(frame_header_size + written);
+    if (ccm_msg_set_protocol_header(msg, protocol_native) != 0) {
+        return ccm_error_set(error, 0, 2000143, "gss_wrap()/ret=%.8X(rsn=%d)", 0U, msg->len);
+    }
+    return 0;
+}
+
+int ccm_dechiffre_gss(ccm_channel_t* channel, ccm_msg_t* msg, ccm_error_t* error) {
+    unsigned char* sealed = msg->msg_start + frame_header_size;
+    size_t length = static_cast<size_t>(msg->len) - frame_header_size;
+    size_t offset = data_offset(sealed, length);
+    auto own_qop = static_cast<gss_qop_t>(GlbPcx->pcx_iGssQop);
+    OM_uint32 minor = GSS_MINOR_PARAMETER;
+    OM_uint32 major = GSS_S_DEFECTIVE_TOKEN;
+    size_t written = 0;
+    gss_qop_t qop = 0;
+    if (offset != 0 && channel->pATctx != nullptr) {
+        major = gss_unwrap_ex(&minor, channel->pATctx, own_qop, {sealed, length},
+                              {sealed + offset, length - offset}, &written, &qop);
+    }
+    if (major != GSS_S_COMPLETE) {
+        return ccm_error_set(error, 0, 2000098, "%s|%u|%u|", channel->name, major, minor);
+    }
+    msg->msg_start = sealed + offset;
+    msg->len = static_cast<int>(written);
+    return 0;
+}
