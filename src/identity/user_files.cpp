@@ -61,6 +61,9 @@ int open_or_make(const char* path, int flags, mode_t mode) {
     constexpr int attempts = 8;  // somebody may remove and make the file between the two calls
     const int how = flags | O_NOCTTY | O_NONBLOCK | O_CLOEXEC;
     for (int i = 0; i < attempts; ++i) {
+        if ((flags & O_EXCL) != 0) {
+            return open(path, how | O_CREAT, mode);
+        }
         int fd = open(path, how & ~O_TRUNC);
         if (fd < 0 && errno == ENOENT) {
             fd = open(path, how | O_CREAT | O_EXCL, mode);
@@ -108,7 +111,7 @@ int flags_of_mode(const char* mode) {
         case 'r':
             return both ? O_RDWR : O_RDONLY;
         case 'w':
-            return (both ? O_RDWR : O_WRONLY) | O_TRUNC;
+            return (both ? O_RDWR : O_WRONLY) | O_TRUNC | (strchr(mode, 'x') != nullptr ? O_EXCL : 0);
         case 'a':
             return (both ? O_RDWR : O_WRONLY) | O_APPEND;
         default:

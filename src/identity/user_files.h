@@ -30,7 +30,7 @@ int Open_WriteEffUser(const char* user, const char* path, mode_t mode, qx7_error
 int Open_AppendEffUser(const char* user, const char* path, mode_t mode, qx7_error* error);
 int close_fdEffUser(const char* user, int fd, qx7_error* error);
 
-// `mode` as fopen has it ("r", "w", "a", with "+"). Null on failure.
+// `mode` as fopen has it ("r", "w", "a", with "+"; "wx" only makes a new file). Null on failure.
 FILE* StreamOpen_EffUser(const char* user, const char* path, const char* mode, qx7_error* error);
 // The same, and the file's mode is set to `file_mode`.
 FILE* StreamOpenChmod_EffUser(const char* user, const char* path, const char* mode, mode_t file_mode,

@@ -1,0 +1,517 @@
+#include "jobs/reports.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include "base/code_tables.h"
+#include "base/context.h"
+#include "base/files.h"
+#include "base/log.h"
+#include "base/paths.h"
+#include "base/profile.h"
+#include "base/text.h"
+#include "base/trace.h"
+#include "identity/accounts.h"
+#include "identity/rights.h"
+#include "identity/user_files.h"
+#include "messages/records_report.h"
+#include "messages/view.h"
+
+namespace {
+
+constexpr char report_eye_catcher[] = "%%REPID_CATCHER%";
+constexpr char module_reports[] = "QXREPEX";
+constexpr char server_module[] = "QXREPRTR";
+constexpr char shell_command[] = "<AGENTSHELL>";
+constexpr size_t message_extra = 768;
+constexpr size_t standard_body = 32000;
+
+REP_Area* first_area(const EX_PCX* pcx) {
+    return static_cast<REP_Area*>(pcx->firstREP);
+}
+
+ccm_msg_t* new_message(EX_PCX* pcx, size_t size) {
+    ccm_error_t error;
+    ccm_msg_t* msg = size <= standard_body
+                         ? ccm_msg_alloc(pcx->ccm, &error)
+                         : ccm_msg_alloc_huge(pcx->ccm, static_cast<int>(size + message_extra), &error);
+    if (msg == nullptr) {
+        __log(error.msgnr, "%s", error.msginsert);
+    }
+    return msg;
+}
+
+// ---- REP_END
+
+struct report_end {
+    int ah_idnr = 0;
+    int rep_ah_idnr = 0;
+    char rep_type[8] = {};
+    int rep_blk = 0;
+    QX_HEADM header = {};
+    int msgnr = 0;
+    std::string insert;
+    int64_t bytes = 0;
+    int64_t records = 0;
+};
+
+template <class Request>
+report_end end_from(const Request& request, int msgnr, std::string_view insert) {
+    report_end end;
+    end.ah_idnr = request.ah_idnr;
+    end.rep_ah_idnr = request.rep_ah_idnr;
+    memcpy(end.rep_type, request.rep_type, sizeof end.rep_type);
+    end.rep_blk = request.rep_blk;
+    end.header = request.header;
+    end.msgnr = msgnr;
+    end.insert = insert;
+    return end;
+}
+
+report_end iFillRepGetToRepEnd(const MSG_TYPE_REP_GET& get, int msgnr, std::string_view insert) {
+    return end_from(get, msgnr, insert);
+}
+
+report_end iFillRepQuitToRepEnd(const MSG_TYPE_REP_QUIT& quit, int msgnr, std::string_view insert) {
+    return end_from(quit, msgnr, insert);
+}
+
+void iChangeRepEndMessage(report_end* end, int msgnr, std::string_view insert) {
+    end->msgnr = msgnr;
+    end->insert = insert;
+}
+
+int send_report_end(EX_PCX* pcx, const report_end& end, const char* module, uint32_t acv) {
+    MSG_TYPE_REP_END body{};
+    CreateQxHeadm(&body.header, "REP_END", end.header.i2Mandant, end.header.i4UsrIdNr);
+    body.ah_idnr = end.ah_idnr;
+    body.rep_ah_idnr = end.rep_ah_idnr;
+    memcpy(body.rep_type, end.rep_type, sizeof body.rep_type);
+    body.rep_blk = end.rep_blk;
+    body.msgnr = end.msgnr;
+    put_text(body.msg_insert, std::string_view{end.insert}.substr(0, sizeof body.msg_insert - 1));
+    body.totalsize = end.bytes;
+    body.transfered = end.bytes;
+    body.reccnt = end.records;
+    ccm_msg_t* msg = new_message(pcx, sizeof body);
+    if (msg == nullptr) {
+        return -1;
+    }
+    memcpy(msg->msg_start, &body, sizeof body);
+    msg->len = sizeof body;
+    ccm_setaddr(msg, 0, 0, ccm_name_server, module, static_cast<int>(acv));
+    ccm_setback(msg, pcx->exName, module_reports, 0);
+    send_NAT_message(pcx->ccm, msg);
+    return 1;
+}
+
+// ---- opening
+
+// Where the request's file is, and who may read it. The failure's number and insert on -1.
+struct report_source {
+    std::string file;
+    std::string user;  // empty: the agent
+    bool with_login = false;
+    int number = 0;
+    std::string insert;
+};
+
+int open_failure(report_source* source, const char* step, int error_number, const std::string& text) {
+    source->number = REPORT_OPEN_FAILED;
+    source->insert = source->file + "(" + step + ")|" + std::to_string(error_number) + "|" + text + "|";
+    return -1;
+}
+
+int find_source(EX_PCX* pcx, const MSG_TYPE_REP_GET& get, report_source* source, my_passwd_unlimited* passwd) {
+    source->file = get_text(get.filename);
+    source->user = get_text(get.logininfo);
+    source->with_login = !source->user.empty();
+    char path[qx_path_size];
+    if (!source->with_login) {
+        if (GetPfad(pcx->pcx_WorkFolder, source->file.c_str(), path, sizeof path) != 0) {
+            return open_failure(source, "GetPfad()", errno, error_text(errno));
+        }
+        source->file = path;
+        return 0;
+    }
+    qx7_error error;
+    if (!GetPwdNameStruct(source->user.c_str(), passwd, &error)) {
+        source->number = error.qx_msgnr;
+        source->insert = error.qx_msgInsert;
+        return -1;
+    }
+    passwd->pw_passwd.clear();
+    if (GetFilePfad(source->file.c_str(), passwd->pw_dir, path, sizeof path) != 0) {
+        source->number = file_message;
+        source->insert = "GetFilePfad()|" + source->file + "|" + std::to_string(errno) + "|" + error_text(errno) + "|";
+        return -1;
+    }
+    source->file = path;
+    return 0;
+}
+
+int open_source(EX_PCX* pcx, report_source* source, const my_passwd_unlimited& passwd, qx_descriptor* out) {
+    std::string text;
+    const char* reader = source->with_login ? source->user.c_str() : pcx->pcx_runUserName;
+    errno = 0;
+    if (ReadFileAuthority(reader, source->file.c_str(), source->with_login ? 1 : 0,
+                          source->with_login ? &passwd : nullptr, &text) != 1) {
+        return open_failure(source, "ReadFileAuthority()", errno, text);
+    }
+    int fd;
+    qx7_error error;
+    if (source->with_login) {
+        fd = Open_ReadEffUser(source->user.c_str(), source->file.c_str(), &error);
+        errno = error.qx_errno;
+    } else {
+        fd = open_read_on_order(source->file.c_str());
+    }
+    if (fd < 0) {
+        return open_failure(source, "FileFOpen()", errno, error_text(errno));
+    }
+    out->reset(fd);
+    return 0;
+}
+
+void set_code_table(EX_PCX* pcx, REP_Area* area, message_view view, int32_t dist, int32_t length) {
+    const auto code = view_data(view, dist, length);
+    if (code.size() == code_table_message_size) {
+        SetCodeTab(area->cCodeTab, code.data());
+    } else {
+        memcpy(area->cCodeTab, GetDefaultCode(pcx).inverse, sizeof area->cCodeTab);
+    }
+    area->translate = memcmp(area->cCodeTab, identity_code_tables.inverse, sizeof area->cCodeTab) != 0;
+}
+
+std::unique_ptr<REP_Area> make_area(EX_PCX* pcx, const MSG_TYPE_REP_GET& get, message_view view,
+                                    const report_source& source, const ccm_addr_t& from) {
+    auto area = std::make_unique<REP_Area>();
+    memcpy(area->rep_ID, report_eye_catcher, sizeof area->rep_ID);
+    area->iRepGet_ah_idnr = get.ah_idnr;
+    area->rep_ah_idnr = get.rep_ah_idnr;
+    area->cFile = source.file;
+    area->erase_user = source.with_login ? source.user : "";
+    area->i4Blksize = std::min(std::max(get.blksize, report_block_min), report_block_max);
+    area->cErase = get.erase;
+    put_text(area->RepGet_bAddr, ccm_name_server);
+    put_text(area->RepGet_bName, server_module);
+    area->RepGet_bAcv = static_cast<uint32_t>(from.src_acv);
+    area->RepEnd_bName = from.src_name;
+    area->lMaxRecords = get.maxrecords;
+    area->lMaxBlk = get.maxblk;
+    set_code_table(pcx, area.get(), view, get.code_dist, get.code_len);
+    area->cMatch = view_text(view, get.match_dist, get.match_len);
+    if (area->cMatch == "*") {
+        area->cMatch.clear();
+    }
+    for (char& c : area->cMatch) {
+        c = ToUpperCase(c);
+    }
+    area->last_use = alarm_now();
+    return area;
+}
+
+// ---- data
+
+struct report_block {
+    MSG_TYPE_REP_DATA head{};
+    ccm_msg_t* msg = nullptr;
+    int length = 0;
+    unsigned char* data() const { return msg->msg_start + report_data_offset; }
+};
+
+bool start_block(EX_PCX* pcx, report_block* block, const REP_Area* area) {
+    block->msg = new_message(pcx, report_data_offset + static_cast<size_t>(area->i4Blksize));
+    return block->msg != nullptr;
+}
+
+int send_block(EX_PCX* pcx, report_block* block, const REP_Area* area) {
+    block->head.transfered = area->llByteSend;
+    block->head.reccnt = area->llRecCount;
+    block->head.data_dist = report_data_offset;
+    block->head.data_len = block->length;
+    memcpy(block->msg->msg_start, &block->head, sizeof block->head);
+    block->msg->len = report_data_offset + block->length;
+    ccm_setaddr(block->msg, 0, 0, ccm_name_server, server_module, static_cast<int>(area->RepGet_bAcv));
+    ccm_setback(block->msg, pcx->exName, module_reports, 0);
+    send_NAT_message(pcx->ccm, block->msg);
+    block->msg = nullptr;
+    return 0;
+}
+
+void drop_block(EX_PCX* pcx, report_block* block) {
+    ccm_msg_free(pcx->ccm, block->msg);
+    block->msg = nullptr;
+}
+
+int erase_file(const REP_Area* area, int* error_number) {
+    qx7_error error;
+    const int result = area->erase_user.empty() ? remove_on_order(area->cFile.c_str())
+                                                : removeFile_EffUser(area->erase_user.c_str(), area->cFile.c_str(), &error);
+    *error_number = area->erase_user.empty() ? errno : error.qx_errno;
+    return result;
+}
+
+// The end of a transfer: counters, erasing, log lines, REP_END.
+int finish_transfer(EX_PCX* pcx, const REP_Area* area, report_end end) {
+    end.bytes = area->llByteSend;
+    end.records = area->llRecCount;
+    if (end.msgnr == 0 && area->cErase == '1') {
+        int error_number = 0;
+        if (erase_file(area, &error_number) != 0) {
+            iChangeRepEndMessage(&end, REPORT_ERASE_FAILED,
+                                 area->cFile + "|" + std::to_string(error_number) + "|" + error_text(error_number) + "|");
+        }
+    }
+    if (end.msgnr != 0) {
+        __log(end.msgnr, "%s", end.insert.c_str());
+        __log(REPORT_FAILED, "%u|", static_cast<unsigned>(area->iRepGet_ah_idnr));
+    } else {
+        __log(REPORT_ENDED, "%u|", static_cast<unsigned>(area->iRepGet_ah_idnr));
+    }
+    return send_report_end(pcx, end, area->RepEnd_bName.c_str(), area->RepGet_bAcv);
+}
+
+std::string read_failure(const REP_Area* area) {
+    return area->cFile + "|" + std::to_string(area->i4Errno) + "|" + error_text(area->i4Errno) + "|";
+}
+
+// Fills the block that the server wants first; earlier ones are read and thrown away, each with counters of its
+// own.
+report_fill fill_first_block(REP_Area* area, report_block* block, int wanted) {
+    size_t size = static_cast<size_t>(area->i4Blksize) - 1;
+    for (int number = 0;; ++number) {
+        const report_fill fill = report_fill_block(area, block->data(), &block->length, size, true);
+        if (fill != REPORT_FILL_FULL || number >= wanted) {
+            if (number < wanted) {
+                block->length = 0;  // the file ends before the wanted block
+            }
+            return fill;
+        }
+        block->length = 0;
+        area->llByteSend = 0;
+        area->llRecCount = 0;
+        size = static_cast<size_t>(area->i4Blksize) - 2;
+    }
+}
+
+int refuse_opening(EX_PCX* pcx, const MSG_TYPE_REP_GET& get, const report_source& source, const ccm_addr_t& from) {
+    __log(source.number, "%s", source.insert.c_str());
+    const int result = send_report_end(pcx, iFillRepGetToRepEnd(get, source.number, source.insert), from.src_name,
+                                       static_cast<uint32_t>(from.src_acv));
+    __log(REPORT_FAILED, "%u|", static_cast<unsigned>(get.ah_idnr));
+    return result;
+}
+
+}  // namespace
+
+int REP_Open(EX_PCX* pcx) {
+    pcx->firstREP = nullptr;
+    char value[16];
+    GetPrvProfileString("GLOBAL", "allow_agentshell", "no", value, sizeof value, pcx->IniFile);
+    ToUpperStr(value);
+    const std::string_view text = value;
+    if (text == "1" || text == "Y" || text == "YE" || text == "YES") {
+        pcx->pcx_flag.fetch_or(PCX_FLAG_AGENTSHELL);
+    }
+    return 0;
+}
+
+int REP_Close(EX_PCX* pcx) {
+    while (REP_Area* area = first_area(pcx)) {
+        pcx->firstREP = area->pNext;
+        delete area;
+    }
+    pcx->pcx_reparea = nullptr;
+    return 0;
+}
+
+bool checkReportEntry(const REP_Area* area) {
+    if (memcmp(area->rep_ID, report_eye_catcher, sizeof area->rep_ID) == 0) {
+        return true;
+    }
+    LogDump("report-entry error", area, sizeof *area);
+    return false;
+}
+
+REP_Area* getReportEntry(EX_PCX* pcx, int ah_idnr) {
+    if (ah_idnr < 1) {
+        return nullptr;
+    }
+    for (REP_Area* area = first_area(pcx); area != nullptr && checkReportEntry(area); area = area->pNext) {
+        if (area->iRepGet_ah_idnr == ah_idnr) {
+            return area;
+        }
+    }
+    return nullptr;
+}
+
+void addReportEntry(EX_PCX* pcx, std::unique_ptr<REP_Area> area) {
+    deleteReportEntry(pcx, area->iRepGet_ah_idnr);
+    area->pNext = first_area(pcx);
+    pcx->firstREP = area.release();
+}
+
+void deleteReportEntry(EX_PCX* pcx, int ah_idnr) {
+    REP_Area* before = nullptr;
+    for (REP_Area* area = first_area(pcx); area != nullptr; before = area, area = area->pNext) {
+        if (area->iRepGet_ah_idnr == ah_idnr) {
+            if (before == nullptr) {
+                pcx->firstREP = area->pNext;
+            } else {
+                before->pNext = area->pNext;
+            }
+            delete area;
+            return;
+        }
+    }
+}
+
+void deleteAllReportEntry(EX_PCX* pcx) {
+    while (REP_Area* area = first_area(pcx)) {
+        __log(REPORT_FAILED, "%u|", static_cast<unsigned>(area->iRepGet_ah_idnr));
+        pcx->firstREP = area->pNext;
+        delete area;
+    }
+}
+
+void close_idle_reports(EX_PCX* pcx) {
+    const time_t now = alarm_now();
+    for (REP_Area* area = first_area(pcx); area != nullptr;) {
+        REP_Area* next = area->pNext;
+        if (now - area->last_use > report_idle_limit) {
+            __log(REPORT_FAILED, "%u|", static_cast<unsigned>(area->iRepGet_ah_idnr));
+            deleteReportEntry(pcx, area->iRepGet_ah_idnr);
+        }
+        area = next;
+    }
+}
+
+int process_repget(EX_PCX* pcx, ccm_msg_t* msg, int) {
+    const message_view view = view_message(msg->msg_start, static_cast<size_t>(msg->len));
+    const auto get = view_record<MSG_TYPE_REP_GET>(view);
+    close_idle_reports(pcx);
+    report_source source;
+    my_passwd_unlimited passwd;
+    if ((pcx->pcx_flag & PCX_FLAG_AGENTSHELL) != 0 && get_text(get.filename).starts_with(shell_command)) {
+        source.file = get_text(get.filename);
+        open_failure(&source, "process_agent_shell_command()", ENOSYS, "agent shell commands are not implemented");
+        return refuse_opening(pcx, get, source, msg->addr);
+    }
+    if (find_source(pcx, get, &source, &passwd) != 0) {
+        return refuse_opening(pcx, get, source, msg->addr);
+    }
+    __log(REPORT_STARTED, "%u|%s|", static_cast<unsigned>(get.ah_idnr), source.file.c_str());
+    qx_descriptor file;
+    if (open_source(pcx, &source, passwd, &file) != 0) {
+        return refuse_opening(pcx, get, source, msg->addr);
+    }
+    std::unique_ptr<REP_Area> area = make_area(pcx, get, view, source, msg->addr);
+    area->rep_fd = std::move(file);
+    text_reader_open(&area->pFile, area->rep_fd.fd, TEXT_CODE_BINARY + 1, 0);
+
+    report_block block;
+    if (!start_block(pcx, &block, area.get())) {
+        return -1;
+    }
+    CreateQxHeadm(&block.head.header, "REP_DATA", get.header.i2Mandant, get.header.i4UsrIdNr);
+    block.head.ah_idnr = get.ah_idnr;
+    block.head.rep_ah_idnr = get.rep_ah_idnr;
+    block.head.rep_rh_idnr = get.rep_rh_idnr;
+    memcpy(block.head.rep_type, get.rep_type, sizeof block.head.rep_type);
+    block.head.rep_blk = get.rep_blk;
+    const report_fill fill = fill_first_block(area.get(), &block, get.rep_blk);
+    if (block.length == 0) {
+        drop_block(pcx, &block);
+        report_end end = iFillRepGetToRepEnd(get, 0, "");
+        if (fill == REPORT_FILL_ERROR) {
+            iChangeRepEndMessage(&end, REPORT_READ_FAILED, read_failure(area.get()));
+        }
+        return finish_transfer(pcx, area.get(), end);
+    }
+    block.head.totalsize = area->llByteSend;
+    const int result = send_block(pcx, &block, area.get());
+    addReportEntry(pcx, std::move(area));
+    return result;
+}
+
+int process_repquit(EX_PCX* pcx, ccm_msg_t* msg, int) {
+    const message_view view = view_message(msg->msg_start, static_cast<size_t>(msg->len));
+    const auto quit = view_record<MSG_TYPE_REP_QUIT>(view);
+    REP_Area* area = getReportEntry(pcx, quit.ah_idnr);
+    if (area == nullptr) {
+        __log(REPORT_UNKNOWN, "%u|", static_cast<unsigned>(quit.ah_idnr));
+        return 0;
+    }
+    area->last_use = alarm_now();
+    area->RepQuit_bAddr = msg->addr.src_addr;
+    area->RepQuit_bName = msg->addr.src_name;
+    area->RepQuit_bAcv = static_cast<uint32_t>(msg->addr.src_acv);
+
+    const auto end_transfer = [&](const report_end& end) {
+        const int result = finish_transfer(pcx, area, end);
+        deleteReportEntry(pcx, quit.ah_idnr);
+        return result;
+    };
+    if (area->lLastRec < 0 || quit.msgnr != 0 || area->lRetCode != 0) {
+        if (area->lLastRec == read_failed) {
+            __log(REPORT_READ_FAILED, "%s", read_failure(area).c_str());
+        }
+        report_end end = iFillRepQuitToRepEnd(quit, quit.msgnr, get_text(quit.msg_insert));
+        if (quit.msgnr == 0 && area->lRetCode != 0) {
+            iChangeRepEndMessage(&end, area->lRetCode, area->cRetText);
+        }
+        return end_transfer(end);
+    }
+
+    report_block block;
+    if (!start_block(pcx, &block, area)) {
+        return -1;
+    }
+    CreateQxHeadm(&block.head.header, "REP_DATA", quit.header.i2Mandant, quit.header.i4UsrIdNr);
+    block.head.ah_idnr = quit.ah_idnr;
+    block.head.rep_ah_idnr = quit.rep_ah_idnr;
+    block.head.rep_rh_idnr = quit.rep_rh_idnr;
+    memcpy(block.head.rep_type, quit.rep_type, sizeof block.head.rep_type);
+    block.head.rep_blk = quit.rep_blk;
+    if (area->lMaxBlk > 0 && quit.rep_blk >= area->lMaxBlk) {
+        area->lRetCode = REPORT_BLOCK_LIMIT;
+        area->cRetText = area->cFile + "|" + std::to_string(area->lMaxBlk) + "|";
+    }
+    area->rep_llByteSend = area->llByteSend;
+    area->rep_llRecCount = area->llRecCount;
+    report_fill fill =
+        report_fill_block(area, block.data(), &block.length, static_cast<size_t>(area->i4Blksize) - 2, false);
+
+    if (fill == REPORT_FILL_END && area->lRetCode == REPORT_BLOCK_LIMIT) {
+        area->lRetCode = 0;  // the rest of the file fits into the last block
+    }
+    if (fill == REPORT_FILL_FULL && area->lRetCode == REPORT_BLOCK_LIMIT) {
+        qx7_error error;
+        if (create_lastRecBuf(area, block.data(), &block.length, &error) != 0) {
+            __log_error(error);
+            area->i4Errno = error.qx_errno;
+            block.length = 0;
+            fill = REPORT_FILL_ERROR;
+        } else {
+            send_block(pcx, &block, area);
+            return 1;
+        }
+    }
+    if (block.length == 0) {
+        drop_block(pcx, &block);
+        report_end end = iFillRepQuitToRepEnd(quit, 0, "");
+        if (fill == REPORT_FILL_ERROR) {
+            iChangeRepEndMessage(&end, REPORT_READ_FAILED, read_failure(area));
+        } else if (fill == REPORT_FILL_LIMIT) {
+            iChangeRepEndMessage(&end, area->lRetCode, area->cRetText);
+        }
+        return end_transfer(end);
+    }
+    return send_block(pcx, &block, area);
+}
+
+int process_repstop(EX_PCX* pcx, ccm_msg_t*, int) {
+    deleteAllReportEntry(pcx);
+    return 0;
+}

@@ -1,0 +1,118 @@
+// Report transfer: the server pulls a text file block by block. REP_GET opens the transfer and brings the first
+// REP_DATA, each REP_QUIT asks for the next block, REP_END closes it. Main thread.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "base/descriptor.h"
+#include "base/file_data.h"
+#include "base/time.h"
+#include "channels/messages.h"
+
+struct EX_PCX;
+struct qx7_error;
+
+inline constexpr int report_block_min = 128;
+inline constexpr int report_block_max = 32768;
+inline constexpr time_t report_idle_limit = 24 * 3600;  // seconds; an idle transfer is closed
+inline constexpr int report_data_offset = 72;           // of the text in REP_DATA
+
+enum report_number : int {
+    REPORT_STARTED = 29000,
+    REPORT_ENDED = 29001,
+    REPORT_FAILED = 29002,
+    REPORT_OPEN_FAILED = 29003,
+    REPORT_READ_FAILED = 29004,
+    REPORT_UNKNOWN = 29005,
+    REPORT_ERASE_FAILED = 29006,
+    REPORT_BLOCK_LIMIT = 29007,
+    REPORT_LINE_LIMIT = 29008,
+    REPORT_LINE_CUT = 29009,
+};
+
+// One open transfer. "constant" fields are set when it opens.
+struct REP_Area {
+    char rep_ID[16];  // "%%REPID_CATCHER%"
+    REP_Area* pNext = nullptr;
+
+    // constant
+    int iRepGet_ah_idnr = 0;  // key of the transfer
+    int rep_ah_idnr = 0;      // job whose report it is
+    std::string cFile;
+    std::string erase_user;  // who erases: the user of the login, empty for the agent
+    int i4Blksize = 0;
+    char cErase = '0';
+    char RepGet_bAddr[32] = {};
+    char RepGet_bName[8] = {};
+    uint32_t RepGet_bAcv = 0;
+    std::string RepEnd_bName;  // module that gets REP_END
+    int lMaxRecords = 0;       // 0: no limit
+    int lMaxBlk = 0;           // 0: no limit
+    bool translate = false;    // cCodeTab changes something
+    unsigned char cCodeTab[256] = {};
+    std::string cMatch;  // upper-cased pattern, empty: all lines
+
+    // position
+    qx_descriptor rep_fd;
+    text_reader pFile;
+    int64_t llByteSend = 0;
+    int64_t llRecCount = 0;
+    int64_t rep_llByteSend = 0;  // at the start of the current block
+    int64_t rep_llRecCount = 0;
+    int i4Errno = 0;
+    int lRetCode = 0;  // why the transfer ends at the next REP_QUIT
+    std::string cRetText;
+    int lLastRec = 0;             // length of the line in hand, or the reading's end
+    bool line_in_hand = false;    // pLastRec was read and not sent
+    bool last_was_cut = false;    // its full length is last_full
+    int64_t last_full = 0;
+    std::string pLastRec;
+    std::string pMatchRecord;
+    time_t last_use = 0;
+
+    // the asker of the last REP_QUIT
+    std::string RepQuit_bAddr;
+    std::string RepQuit_bName;
+    uint32_t RepQuit_bAcv = 0;
+};
+
+// Clears the list and reads whether agent shell commands are allowed. 0.
+int REP_Open(EX_PCX* pcx);
+int REP_Close(EX_PCX* pcx);
+
+// Null for an unknown key and for keys below 1.
+REP_Area* getReportEntry(EX_PCX* pcx, int ah_idnr);
+// The list owns the entry from here on; an older one of the same key is closed.
+void addReportEntry(EX_PCX* pcx, std::unique_ptr<REP_Area> area);
+void deleteReportEntry(EX_PCX* pcx, int ah_idnr);
+void deleteAllReportEntry(EX_PCX* pcx);
+// False for a damaged entry, which is dumped to the log.
+bool checkReportEntry(const REP_Area* area);
+// Closes transfers that nobody has asked for a day.
+void close_idle_reports(EX_PCX* pcx);
+
+// Handlers. 1: the transfer ended; 0: it goes on; -1: no message buffer.
+int process_repget(EX_PCX* pcx, ccm_msg_t* msg, int row);
+int process_repquit(EX_PCX* pcx, ccm_msg_t* msg, int row);
+int process_repstop(EX_PCX* pcx, ccm_msg_t* msg, int row);
+// Writes or extends a user's text file.
+int process_iprcwrite(EX_PCX* pcx, ccm_msg_t* msg, int row);
+
+// ---- reading, shared by its two users and the tests
+
+enum report_fill { REPORT_FILL_FULL, REPORT_FILL_END, REPORT_FILL_ERROR, REPORT_FILL_LIMIT };
+
+// Reads the next line into pLastRec, cut to what `size` allows (a line of more than size - 2 bytes is cut to
+// size - 1 and its rest passed over). lLastRec is its length, read_failed or read_end_of_file.
+void report_read_line(REP_Area* area, size_t size);
+// Fills `block` (i4Blksize bytes) with converted lines, each followed by CR LF, and counts them. `size` is for
+// report_read_line. `at_limit` decides whether the line limit has been reached for the count given.
+report_fill report_fill_block(REP_Area* area, unsigned char* block, int* length, size_t size, bool first);
+// The block that ends a report under a block limit: the mark, then the last lines of the file. 0 and the
+// length, or -1 with `error`.
+int create_lastRecBuf(REP_Area* area, unsigned char* block, int* length, qx7_error* error);
