@@ -7,6 +7,8 @@ struct qx7_error;
 inline constexpr int listener_ping_period = 60;     // seconds
 inline constexpr int listener_silence_limit = 240;  // seconds
 inline constexpr int listener_start_limit = 5;      // starts without LISTENER_OK
+inline constexpr int agent_child_failure = 1;
+inline constexpr char listener_watchdog_timer[] = "LISTENER_PING_WATCHDOG";
 
 // Agent, main thread. Starts a listener when there is none, drops one that fell silent. Returns in the child
 // too: `running_mode` is 1 then.

@@ -18,6 +18,7 @@
 #include "base/text.h"
 #include "base/trace.h"
 #include "jobs/activation.h"
+#include "jobs/reports.h"
 #include "messages/conversion.h"
 
 #ifndef QX_CHANGELIST

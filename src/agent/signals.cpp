@@ -186,13 +186,9 @@ int signal_handle_sigchild(EX_PCX* pcx) {
     // Cleared first: a child that ends from here on sets it again.
     pcx->flag_signal.fetch_and(~SIGNAL_PENDING_CHILD);
     int status = 0;
-    pid_t pid;
-    while ((pid = child_wait_next(&status)) > 0) {
+    pid_t pid = 0;
+    while (children_collect(&pid, &status)) {
         post_end_of_child(pcx, pid, status);
-    }
-    if (pid < 0) {
-        __log(2003043, "waitpid|%u|%s|", static_cast<unsigned>(errno), strerror(errno));
-        return -1;
     }
     return 0;
 }
@@ -200,10 +196,4 @@ int signal_handle_sigchild(EX_PCX* pcx) {
 int signal_handle_sigterm(EX_PCX* pcx) {
     pcx->flag_signal.fetch_and(~SIGNAL_PENDING_TERM);
     return initiate_agent_shutdown(pcx);
-}
-
-void signal_reset_for_child() {
-    for (const signal_row* row = static_handler_table; row->number != table_end; ++row) {
-        signal(row->number, SIG_DFL);
-    }
 }

@@ -16,6 +16,3 @@ int maintenance_signals(EX_PCX* pcx);
 // Collects the ended children that this process forked itself; each gives one SIGCHLD record.
 int signal_handle_sigchild(EX_PCX* pcx);
 int signal_handle_sigterm(EX_PCX* pcx);
-
-// Default disposition for every signal of the table, for a child before it runs something else.
-void signal_reset_for_child();

@@ -26,8 +26,6 @@ int cmdOpen(EX_PCX*) {
 int cmdClose(EX_PCX*) {
     return 0;
 }
-int REP_Open(EX_PCX*) { return 0; }
-int REP_Close(EX_PCX*) { return 0; }
 int FH_Open(EX_PCX*) {
     return 0;
 }

@@ -14,8 +14,6 @@ int GET_fileOpen(EX_PCX* pcx);
 int GET_fileClose(EX_PCX* pcx);
 int cmdOpen(EX_PCX* pcx);
 int cmdClose(EX_PCX* pcx);
-int REP_Open(EX_PCX* pcx);
-int REP_Close(EX_PCX* pcx);
 int FH_Open(EX_PCX* pcx);
 int FH_Close(EX_PCX* pcx);
 

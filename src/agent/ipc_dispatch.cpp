@@ -1,0 +1,223 @@
+#include "agent/ipc_dispatch.h"
+
+#include <cstring>
+#include <string>
+
+#include "agent/listener.h"
+#include "agent/server_connection.h"
+#include "agent/timers.h"
+#include "base/context.h"
+#include "base/log.h"
+#include "base/text.h"
+#include "base/time.h"
+#include "base/trace.h"
+#include "channels/network_thread.h"
+#include "jobs/activation.h"
+#include "jobs/supervision.h"
+
+namespace {
+
+constexpr int waiting_lines_max = 1000;
+constexpr size_t insert_max = 1023;
+
+// A record as a value. The policy has tested its size.
+template <class Record>
+Record record_of(const ccm_msg_t* msg) {
+    Record record = {};
+    memcpy(&record, msg->msg_start,
+           std::min(sizeof record, static_cast<size_t>(msg->len < 0 ? 0 : msg->len)));
+    return record;
+}
+
+void stop_child(EX_PCX* pcx) {
+    int expected = LOOP_RUNNING;
+    pcx->loop.compare_exchange_strong(expected, LOOP_STOP_WANTED);
+}
+
+// A check of a module that this build does not have: it has no waiting work.
+int check_nothing(EX_PCX*, ccm_msg_t*, int) {
+    return 0;
+}
+
+int process_ipc_ping(EX_PCX* pcx, ccm_msg_t* msg, int) {
+    const auto ping = record_of<ipcmsg_ping_t>(msg);
+    timer_reset(pcx->timer_ctx, listener_watchdog_timer, "*", 0, listener_silence_limit);
+    ccm_msg_t* reply = ipc_record_alloc(pcx->ccm, ipc_pingq, sizeof(ipcmsg_ping_t));
+    if (reply == nullptr) {
+        return -1;
+    }
+    auto answer = record_of<ipcmsg_ping_t>(reply);
+    answer.send_time = ping.send_time;
+    memcpy(ccm_msg_body(reply), &answer, sizeof answer);
+    ccm_setaddr_reply(reply, msg);
+    return send_IPC_message(pcx->ccm, reply);
+}
+
+int process_ipc_pingq(EX_PCX* pcx, ccm_msg_t*, int) {
+    pcx->listener_last_pingq = alarm_now();
+    return 0;
+}
+
+int listener_ended(EX_PCX* pcx, const ipcmsg_sigchld_t& end) {
+    pcx->listener_pid = 0;
+    // One that never was ready keeps the pause between two starts.
+    if (pcx->listener_start_counter == 0) {
+        pcx->listener_alarm_time = 0;
+    }
+    __log(2003059, "LISTENER|%i|%i(status=%i)", end.pid, end.ret, end.status);
+    return 0;
+}
+
+int process_ipc_sigchld(EX_PCX* pcx, ccm_msg_t* msg, int) {
+    const auto end = record_of<ipcmsg_sigchld_t>(msg);
+    if (end.pid == pcx->listener_pid) {
+        return listener_ended(pcx, end);
+    }
+    const int known = process_job_sigchild(pcx, end.pid, end.ret, end.status);
+    JP_after_call(pcx);
+    return known != 0 ? 0 : -1;
+}
+
+bool is_agent_channel(const ccm_channel_image_t& channel) {
+    return channel.type == CH_TYPE_IPC && strcmp(channel.name, ccm_name_ipc_agent) == 0;
+}
+
+// Another server channel may have taken the place already.
+bool other_server_stands(EX_PCX* pcx) {
+    int id;
+    return ccm_channel_collect(pcx->ccm, CH_TYPE_SERVER, &id, 1) > 0;
+}
+
+int process_ipc_channel_close(EX_PCX* pcx, ccm_msg_t* msg, int) {
+    const auto record = record_of<ipcmsg_channel_close_t>(msg);
+    const ccm_channel_image_t& channel = record.ccmch;
+    if (pcx->running_mode != MODE_AGENT) {
+        if (is_agent_channel(channel)) {
+            stop_child(pcx);
+        }
+        return 0;
+    }
+    if (channel.type == CH_TYPE_CP_CANDIDATE) {
+        cp_connection_closed(pcx, channel.ID, channel.port);
+    } else if (channel.type == CH_TYPE_SERVER && !other_server_stands(pcx)) {
+        server_connection_lost(pcx);
+    }
+    return 0;
+}
+
+int process_ipc_channel_accept(EX_PCX* pcx, ccm_msg_t* msg, int) {
+    const auto record = record_of<ipcmsg_channel_id_t>(msg);
+    ccm_channel_image_t channel;
+    if (ccm_channel_copy(pcx->ccm, record.ID, &channel) != 0) {
+        __log(2003066, "LISTENER/%s()|%d", "process_ipc_channel_accept", record.ID);
+        return -1;
+    }
+    __log(2002039, "s=%d(ID=%d)|%s:%d", channel.s, channel.ID, channel.addr, channel.port);
+    return send_visitcard(pcx, record.ID);
+}
+
+int process_ipc_gsshs_ok(EX_PCX* pcx, ccm_msg_t* msg, int) {
+    const auto record = record_of<ipcmsg_channel_id_t>(msg);
+    ccm_channel_t* channel = ccm_channel_getbyID(pcx->ccm, record.ID);
+    if (channel == nullptr) {
+        __log(2003066, "AGENT/%s()|%d", "process_ipc_gsshs_ok", record.ID);
+        return -1;
+    }
+    channel->flag.fetch_and(~CH_FLAG_CONNECTING);
+    channel->connect_timeout = 0;
+    pcx->ccm->flag.fetch_or(CCM_FLAG_CHANNELS_TO_DELETE);
+    const int type = channel->type;
+    ccm_channel_unlock(pcx->ccm);
+    // A connection to another agent belongs to a transfer, which this build does not have.
+    return type == CH_TYPE_SERVER ? server_connection_established(pcx, record.ID) : 0;
+}
+
+int process_ipc_listener_ok(EX_PCX* pcx, ccm_msg_t*, int) {
+    pcx->listener_start_counter = 0;
+    pcx->pcx_flag.fetch_or(PCX_FLAG_LISTENER_READY);
+    return 0;
+}
+
+int process_ipc_jobchk(EX_PCX* pcx, ccm_msg_t* msg, int row) {
+    const int result = process_jobchk(pcx, msg, row);
+    JP_after_call(pcx);
+    return result;
+}
+
+// The process name goes before the last "." of the file name, or to its end.
+std::string flush_name(const char* filename, const char* process) {
+    const std::string name = filename;
+    const size_t slash = name.rfind('/');
+    const size_t dot = name.rfind('.');
+    const bool extension = dot != std::string::npos && (slash == std::string::npos || dot > slash);
+    const std::string stem = extension ? name.substr(0, dot) : name;
+    const std::string rest = extension ? name.substr(dot) : "";
+    return (stem + "-" + process + rest).substr(0, 255);
+}
+
+int process_ipc_trace_flush(EX_PCX* pcx, ccm_msg_t* msg, int) {
+    auto record = record_of<ipcmsg_trace_flush_t>(msg);
+    record.filename[sizeof record.filename - 1] = '\0';
+    if (ChangeTraceFile(pcx->trcHnd, flush_name(record.filename, pcx->process_name).c_str()) != 0) {
+        return -1;
+    }
+    return trc_rt_flush(pcx->trcHnd) < 0 ? -1 : 0;
+}
+
+// Only a child obeys; a record of that name has no effect in the agent.
+int process_shutdown(EX_PCX* pcx, ccm_msg_t*, int) {
+    if (pcx->running_mode != MODE_AGENT) {
+        stop_child(pcx);
+    }
+    return 0;
+}
+
+}  // namespace
+
+const ipc_function_t ipc_function_list[] = {
+    {"PING", process_ipc_ping},
+    {"PINGQ", process_ipc_pingq},
+    {"LOGGING", process_ipc_logging},
+    {"SIGCHLD", process_ipc_sigchld},
+    {"CHANNEL_CLOSE", process_ipc_channel_close},
+    {"CHANNEL_ACCEPT", process_ipc_channel_accept},
+    {"GSSHS_OK", process_ipc_gsshs_ok},
+    {"NATMELD", process_ipc_exmeld},
+    {"NATQUITT", process_ipc_natquitt},
+    {"JOBCHK", process_ipc_jobchk},
+    {"FT_CHK", check_nothing},
+    {"FHCHK", check_nothing},
+    {"CMD_CHK", check_nothing},
+    {"IOSCHK", check_nothing},
+    {"FTXCHK", check_nothing},
+    {"GSSHS_REMOTE", process_ipc_gsshs_remote},
+    {"EXDATA_REMOTE", process_ipc_exdata_remote},
+    {"ROUTENAT", process_ipc_routenat},
+    {"PASSFD", process_ipc_passfd},
+    {"PASSFD_QUITT", process_ipc_passfd_quitt},
+    {"REMOTE_CLOSE", process_ipc_remote_close},
+    {"LISTENER_OK", process_ipc_listener_ok},
+    {"FTX_FINISH", process_ipc_not_implemented},
+    {"TRACE_FLUSH", process_ipc_trace_flush},
+    {"SHUTDOWN", process_shutdown},
+    {"TIMER_FIRE", process_ipc_timer_fire},
+    {"", process_ipc_unknown},
+};
+
+void ipc_logger(int number, const char* insert) {
+    EX_PCX* pcx = GlbPcx;
+    if (pcx == nullptr || pcx->ccm == nullptr || ccm_holds_spin_lock() ||
+        ccm_channel_get_sendq_count(pcx->ccm, ccm_name_ipc_agent) >= waiting_lines_max) {
+        return;
+    }
+    ccm_msg_t* msg = ipc_record_alloc(pcx->ccm, ipc_logging, sizeof(ipcmsg_logging_t));
+    if (msg == nullptr) {
+        return;
+    }
+    auto record = record_of<ipcmsg_logging_t>(msg);
+    record.msgnr = number;
+    copy_text(record.msginsert, insert_max + 1, insert);
+    memcpy(ccm_msg_body(msg), &record, sizeof record);
+    ccm_setaddr(msg, 0, 0, ccm_name_ipc_agent, "", 0);
+    send_IPC_message(pcx->ccm, msg);
+}

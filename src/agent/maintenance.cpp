@@ -1,0 +1,158 @@
+#include "agent/maintenance.h"
+
+#include <cerrno>
+
+#include "agent/listener.h"
+#include "agent/log_stream.h"
+#include "agent/server_connection.h"
+#include "agent/shutdown.h"
+#include "agent/signals.h"
+#include "agent/unbuilt_modules.h"
+#include "base/context.h"
+#include "base/log.h"
+#include "base/time.h"
+#include "base/trace.h"
+#include "channels/ipc.h"
+#include "channels/network_thread.h"
+#include "jobs/job_table.h"
+#include "jobs/reports.h"
+
+namespace {
+
+constexpr int check_period = 10;
+constexpr int exit_code_upgrade = 248;
+
+void stream_log(EX_PCX* pcx, time_t now) {
+    if (pcx->Log_alarm_time >= now) {
+        return;
+    }
+    pcx->Log_alarm_time = now + pcx->Per_Report;
+    const bool logged_in = (pcx->pcx_flag & PCX_FLAG_LOGGED_IN) != 0;
+    if (logged_in && ccm_channel_existbyName(pcx->ccm, ccm_name_server) != 0) {
+        send_log2server(pcx, log_blocks_each_turn);
+    }
+}
+
+// A post without memory is not tested: the next cycle posts again.
+void post_checks(EX_PCX* pcx, time_t now) {
+    if (pcx->timer_global >= now) {
+        return;
+    }
+    pcx->timer_global = now + check_period;
+    send_IPC_internal_name(pcx->ccm, ipc_jobchk);
+    send_IPC_internal_name(pcx->ccm, ipc_ft_chk);
+    send_IPC_internal_name(pcx->ccm, ipc_ioschk);
+    close_idle_reports(pcx);
+}
+
+void post_when_due(EX_PCX* pcx, time_t* alarm, time_t now, const char* record) {
+    if (*alarm != 0 && *alarm < now) {
+        *alarm = 0;
+        send_IPC_internal_name(pcx->ccm, record);
+    }
+}
+
+void find_server(EX_PCX* pcx, time_t now) {
+    const int flags = pcx->pcx_flag;
+    if ((flags & PCX_FLAG_CP_SEARCH) != 0) {
+        cp_search_check(pcx);
+        return;
+    }
+    if ((flags & PCX_FLAG_SERVER_CHANNEL) != 0) {
+        return;
+    }
+    if ((flags & PCX_FLAG_LOGGED_IN) != 0) {
+        pcx->pcx_flag.fetch_and(~PCX_FLAG_LOGGED_IN);
+        pcx->Srv_alarm_time = 0;
+    }
+    const bool ready = (flags & PCX_FLAG_LISTENER_READY) != 0;
+    if (pcx->Srv_alarm_time < now && ready && !cp_handshake_under_way(pcx)) {
+        qx7_error error;
+        if (server_connection_start(pcx, &error) < 0) {
+            __log_error(error);
+        }
+    }
+}
+
+// An upgrade waits for the moment in which nothing would be interrupted.
+void restart_when_quiet(EX_PCX* pcx) {
+    if (pcx->upgrade_exit_code == exit_code_upgrade && !unbuilt_modules_busy(pcx) && jpGetJobCount() == 0) {
+        initiate_agent_shutdown(pcx);
+    }
+}
+
+}  // namespace
+
+int maintenance_common(EX_PCX* pcx) {
+    switch (pcx->running_mode) {
+        case MODE_AGENT:
+            maintenance_agent(pcx);
+            break;
+        case MODE_LISTENER:
+            maintenance_listener(pcx);
+            break;
+        default:
+            maintenance_ftx(pcx);
+            break;
+    }
+    if (pcx->shutdown_timer != 0 && pcx->shutdown_timer <= alarm_now() && pcx->loop == LOOP_RUNNING) {
+        pcx->loop = LOOP_STOP_WANTED;
+    }
+    check_channel_timeout(pcx);
+    if ((pcx->pcx_todo_flag.fetch_and(~PCX_TODO_TRACE_FILE) & PCX_TODO_TRACE_FILE) != 0) {
+        ChangeTraceFile(pcx->trcHnd, nullptr);
+    }
+    if (pcx->flag_signal != 0) {
+        maintenance_signals(pcx);
+    }
+    if (pcx->loop != LOOP_RUNNING) {
+        shutdown_in_progress(pcx);
+    }
+    return 0;
+}
+
+int maintenance_agent(EX_PCX* pcx) {
+    const time_t now = alarm_now();
+    const bool running = pcx->loop < LOOP_STOP_WANTED;
+    if (running) {
+        stream_log(pcx, now);
+    }
+    post_checks(pcx, now);
+    post_when_due(pcx, &pcx->fsh_alarmTime, now, ipc_fhchk);
+    post_when_due(pcx, &pcx->Cmd_alarm_time, now, ipc_cmd_chk);
+    if (running) {
+        find_server(pcx, now);
+    }
+    if ((pcx->pcx_flag & PCX_FLAG_SERVER_CHANNEL) != 0) {
+        maintenance_server_connection(pcx);
+    }
+    if (!running) {
+        return 0;
+    }
+    if (pcx->listener_alarm_time < now) {
+        maintenance_listener_process(pcx);
+        if (pcx->running_mode == MODE_LISTENER) {
+            return 0;  // this is the forked listener now
+        }
+    }
+    restart_when_quiet(pcx);
+    check_log_change(pcx);
+    return 0;
+}
+
+int maintenance_listener(EX_PCX*) {
+    return 0;
+}
+
+int maintenance_ftx(EX_PCX* pcx) {
+    const time_t now = alarm_now();
+    if (pcx->timer_global < now) {
+        pcx->timer_global = now + check_period;
+        send_IPC_internal_name(pcx->ccm, ipc_ftxchk);
+    }
+    return 0;
+}
+
+int check_channel_timeout(EX_PCX* pcx) {
+    return ccm_channel_check_timeouts(pcx->ccm, alarm_now());
+}

@@ -1,0 +1,78 @@
+// The settings as the agent took them, in its log at start. Secrets are never written.
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "agent/settings.h"
+#include "agent/system_variables.h"
+#include "base/context.h"
+#include "base/descriptor.h"
+#include "base/log.h"
+#include "base/profile.h"
+#include "base/text.h"
+#include "jobs/job_context.h"
+
+namespace {
+
+bool is_secret(std::string_view key) {
+    const std::string name = lower(key);
+    return name.find("password") != std::string::npos || name.find("companykey") != std::string::npos;
+}
+
+void log_ini_line(const char* line) {
+    const char* equals = strchr(line, '=');
+    const std::string_view key(line, equals == nullptr ? 0 : static_cast<size_t>(equals - line));
+    if (equals != nullptr && is_secret(key)) {
+        __PutLogText("    %.*s=***", static_cast<int>(key.size()), key.data());
+    } else {
+        __PutLogText("    %s", printable(line).c_str());
+    }
+}
+
+}  // namespace
+
+void LOG_IniFile(EX_PCX* pcx) {
+    qx_stream file(fopen(pcx->IniFile, "re"));
+    if (!file.valid()) {
+        return;  // it was read a moment ago; the settings below tell what came of it
+    }
+    __PutLogText("INI file '%s'", pcx->IniFile);
+    char line[ini_record_size];
+    while (GetProfZeile(file.get(), line, sizeof line) >= 0) {
+        log_ini_line(line);
+    }
+}
+
+void LOG_Pcx(EX_PCX* pcx) {
+    __PutLogText("Agent '%s' of system '%s' on host '%s', version %s", pcx->exName, pcx->sysName,
+                 pcx->exNodeName, pcx->exVers);
+    __PutLogText("    program '%s', work folder '%s'", pcx->ProgPfad, pcx->pcx_WorkFolder);
+    __PutLogText("    temp '%s', out '%s', bin '%s'", pcx->pcx_TmpFolder, pcx->pcx_OutFolder,
+                 pcx->pcx_BinFolder);
+    __PutLogText("    backup '%s', cache '%s'", pcx->pcx_rb_dir, pcx->pcx_res_dir);
+    __PutLogText("    log '%s' (%d), trace '%s' (%d)", pcx->logFile, pcx->logCount, pcx->trc_file,
+                 pcx->trc_count);
+    __PutLogText("    started by '%s', runs as '%s' (%u/%u), status '%c'", pcx->pcx_strt_realUserName,
+                 pcx->efUserName, static_cast<unsigned>(pcx->pcx_strt_uid),
+                 static_cast<unsigned>(pcx->pcx_strt_euid), pcx->ExecutorStatus);
+    __PutLogText("    reconnect %d s, job check %d s, report %d s, keep alive %d s, command limit %d s",
+                 pcx->Per_Reconnect, pcx->Per_JobCheck, pcx->Per_Report, pcx->Per_KeepAlive,
+                 pcx->pcx_cmd_timeout);
+    __PutLogText("    connect wait %d s, largest frame %d bytes", pcx->connwait, SetMaxMsgSize(pcx));
+}
+
+void LOG_Varex(EX_PCX* pcx) {
+    const _ExecutorVar* var = pcx->pcx_varex;
+    if (var == nullptr) {
+        return;
+    }
+    __PutLogText("Host '%s': %s %s (%s) on %s, %d of %d processors, address %s", var->OS_nodename,
+                 var->OS_sysname, var->OS_release, var->OS_version, var->OS_machine, var->activeCPU,
+                 var->availCPU, var->ipAddr);
+}
+
+void LOG_Jpex(EX_PCX*) {
+    const JPPCX* jobs = job_context();
+    __PutLogText("Jobs: start type '%c', report mode %.4o, job file mode %.4o, messenger '%s'",
+                 jobs->JobStartType, jobs->FileReportMode, jobs->JobFileMode, jobs->meldName.c_str());
+}

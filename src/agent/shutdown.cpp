@@ -1,0 +1,226 @@
+#include "agent/shutdown.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <vector>
+
+#include "agent/listener.h"
+#include "agent/log_stream.h"
+#include "agent/server_connection.h"
+#include "agent/signals.h"
+#include "agent/system_variables.h"
+#include "agent/timers.h"
+#include "agent/unbuilt_modules.h"
+#include "base/context.h"
+#include "base/locks.h"
+#include "base/log.h"
+#include "base/time.h"
+#include "base/trace.h"
+#include "channels/network_thread.h"
+#include "identity/pam.h"
+#include "jobs/activation.h"
+#include "jobs/reports.h"
+#include "messages/conversion.h"
+#include "messages/frame.h"
+#include "security/key_store.h"
+
+namespace {
+
+constexpr int exit_code_upgrade = 248;
+constexpr int channels_max = 1024;
+
+// A child or partner that takes nothing must not hold the agent for ever. The server channel has no limit of
+// its own: the keep-alive bounds it.
+void give_up_silent_channels(EX_PCX* pcx, int type) {
+    std::vector<int> ids(channels_max);
+    const int count = ccm_channel_collect(pcx->ccm, type, ids.data(), channels_max);
+    for (int at = 0; at < count; ++at) {
+        const int id = ids[static_cast<size_t>(at)];
+        ccm_channel_image_t channel;
+        if (ccm_channel_copy(pcx->ccm, id, &channel) == 0 &&
+            channel.timestamp_last_io + drain_silence_limit < alarm_now()) {
+            ccm_channel_deletebyID(pcx->ccm, id);
+        }
+    }
+}
+
+// The time that draining began: a channel that was quiet before gets the whole limit.
+time_t drain_start = 0;
+
+void drain(EX_PCX* pcx) {
+    if (ccm_is_all_sendq_empty(pcx->ccm) != 0) {
+        pcx->loop = LOOP_LEAVE;
+        return;
+    }
+    if (drain_start == 0) {
+        drain_start = alarm_now();
+    }
+    if (drain_start + drain_silence_limit < alarm_now()) {
+        give_up_silent_channels(pcx, CH_TYPE_AGENT);
+        give_up_silent_channels(pcx, CH_TYPE_IPC);
+    }
+}
+
+void say_goodbye(EX_PCX* pcx) {
+    listener_shutdown(pcx);
+    send_log2server(pcx, log_blocks_at_end);
+    send_exstop(pcx);
+    pcx->loop = LOOP_DRAIN;
+}
+
+void close_channels(EX_PCX* pcx) {
+    if (pcx->ccm == nullptr) {
+        return;
+    }
+    ccm_error_t error;
+    ccm_channel_closeall(pcx->ccm);
+    ccm_close(pcx->ccm, &error);
+    pcx->ccm = nullptr;
+}
+
+void log_the_end(const EX_PCX* pcx, int exit_code) {
+    __log(2000041, "%s|", pcx->exName);
+    const bool normal = exit_code == 0 || exit_code == exit_code_upgrade;
+    __log(normal ? 2000001 : 2000002, "%s|%s|", pcx->exName, pcx->exVers);
+}
+
+void unload_pam(EX_PCX* pcx) {
+    if (pcx->pam_handle != nullptr) {
+        unloadDLL(pcx, pcx->pam_handle, pcx->pcx_PamLibrary, nullptr);
+        pcx->pam_handle = nullptr;
+    }
+}
+
+}  // namespace
+
+int initiate_agent_shutdown(EX_PCX* pcx) {
+    int expected = LOOP_RUNNING;
+    if (!pcx->loop.compare_exchange_strong(expected, LOOP_STOP_WANTED)) {
+        return 0;
+    }
+    __log(2003073, "%s|%i", pcx->process_name, static_cast<int>(getpid()));
+    if (pcx->ccm != nullptr) {
+        ccm_wakeup_network(pcx->ccm);
+    }
+    return 0;
+}
+
+int shutdown_in_progress(EX_PCX* pcx) {
+    switch (pcx->loop) {
+        case LOOP_STOP_WANTED:
+            pcx->loop = pcx->running_mode == MODE_AGENT ? LOOP_FAREWELL : LOOP_DRAIN;
+            break;
+        case LOOP_FAREWELL:
+            say_goodbye(pcx);
+            break;
+        case LOOP_DRAIN:
+            drain(pcx);
+            break;
+        default:
+            break;
+    }
+    return 0;
+}
+
+void Close_All(EX_PCX* pcx, int exit_code, int close_ccm) {
+    if (pcx == nullptr) {
+        return;
+    }
+    if (pcx->running_mode != MODE_AGENT) {
+        __log_set_logger(log_dummy);
+    }
+    close_selected_modules(pcx, module_all);
+    if (pcx->timer_ctx != nullptr) {
+        timer_close(&pcx->timer_ctx);
+    }
+    if (close_ccm != 0) {
+        close_channels(pcx);
+    }
+    log_the_end(pcx, exit_code);
+    unload_pam(pcx);
+    if (pcx->pcx_hTcpMsg != nullptr) {
+        TcpMsg_Close(static_cast<TCPMSG_WORK_AREA*>(pcx->pcx_hTcpMsg));
+        pcx->pcx_hTcpMsg = nullptr;
+    }
+    GssClose();
+    signal_close(pcx, nullptr);
+    msgconv_close();
+    LOG_FreeMsgStack(pcx);
+    if (pcx->trcHnd != nullptr) {
+        if (pcx->logHnd != nullptr) {
+            ZULOGG_Trace(pcx->logHnd, nullptr);
+        }
+        ZUTRACE_Close(pcx->trcHnd);
+        pcx->trcHnd = nullptr;
+    }
+    destroy_traceLock();
+    if (pcx->logHnd != nullptr) {
+        CloseLogFile(pcx);
+        DeleteLogHandle(pcx);
+    }
+    if (pcx->hlpHnd != nullptr) {
+        ZUHELP_Close(pcx->hlpHnd);
+        pcx->hlpHnd = nullptr;
+    }
+    destroy_logLock();
+    destroy_effUserLock();
+    freePcx();
+}
+
+int close_selected_modules(EX_PCX* pcx, unsigned mask) {
+    if ((mask & module_jp) != 0) {
+        JP_Close(pcx);
+    }
+    if ((mask & module_var) != 0) {
+        Var_Close(pcx);
+    }
+    if ((mask & module_rep) != 0) {
+        REP_Close(pcx);
+    }
+    if ((mask & module_cmd) != 0) {
+        cmdClose(pcx);
+    }
+    if ((mask & module_fh) != 0) {
+        FH_Close(pcx);
+    }
+    if ((mask & module_ft) != 0) {
+        FT_Close(pcx);
+    }
+    if ((mask & module_ftx) != 0) {
+        FTX_Close(pcx);
+    }
+    if ((mask & module_getfile) != 0) {
+        GET_fileClose(pcx);
+    }
+    return 0;
+}
+
+void ExitCall(const char* call, const char* text, int error_number) {
+    EX_PCX* pcx = GlbPcx;
+    if (pcx != nullptr) {
+        __log(2003049, "%s|%s|%d|", call, text, error_number);
+    }
+    if (std::string_view(call) == "calloc") {
+        abort();  // memory is gone, nothing can be closed in order
+    }
+    if (!on_main_thread()) {
+        _exit(1);
+    }
+    Close_All(pcx, 1, 0);
+    exit(1);
+}
+
+void freePcx() {
+    EX_PCX* pcx = GlbPcx;
+    GlbPcx = nullptr;
+    if (pcx == nullptr) {
+        return;
+    }
+    free(pcx->pcx_agent_gids);
+    free(pcx->pcx_pIPList);
+    free(pcx->trc_trigger_text);
+    free(pcx->cp_connections);
+    delete pcx;
+}
