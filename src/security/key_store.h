@@ -8,8 +8,10 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "base/error.h"
+#include "base/memory.h"
 #include "security/mechanism.h"
 
 enum km_result : int {
@@ -73,9 +75,12 @@ key_manager& agent_keys();
 // manager.
 int KComInit(key_manager* keys, std::string_view systemName, std::string_view exName,
              std::span<const uint8_t> key, const std::string& file);
+// Sets the company key and derives the numbers of the key exchange from it. 0, 5002 or 5023.
+int KCinit(key_manager* keys, std::span<const uint8_t> key);
 // Wipes. May be called repeatedly.
 void KComExit(key_manager* keys);
 const char* KComVersion();
+const char* KSVersion();
 
 // Opens the agent's key manager from the settings and hands the callbacks to the mechanism. Reads the initial
 // package when the store holds no key for the agent. -1 with `error` filled (2000104, insert
