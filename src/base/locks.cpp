@@ -8,6 +8,7 @@
 namespace {
 
 qx_recursive_lock effective_user_lock;
+int effective_user_depth = 0;  // of the thread that holds it
 fork_lock registered[FORK_LOCK_RANKS];
 sigset_t mask_before_fork;
 
@@ -23,7 +24,10 @@ void reinit_callback(void* context) {
 
 // The effective-user lock is always in the register: identity is changed before anything else is opened.
 [[maybe_unused]] const bool effective_user_registered =
-    (fork_lock_register_recursive(FORK_LOCK_EFF_USER, &effective_user_lock), true);
+    (fork_lock_register(FORK_LOCK_EFF_USER,
+                        {[](void*) { set_effUserLock(); }, [](void*) { reset_effUserLock(); },
+                         [](void*) { init_effUserLock(); }, nullptr}),
+     true);
 
 }  // namespace
 
@@ -49,16 +53,31 @@ void qx_recursive_lock::unlock() {
 
 void init_effUserLock() {
     effective_user_lock.init();
+    effective_user_depth = 0;
 }
+
 void set_effUserLock() {
     effective_user_lock.lock();
+    ++effective_user_depth;
 }
+
 void reset_effUserLock() {
+    --effective_user_depth;
     effective_user_lock.unlock();
 }
+
 bool try_effUserLock() {
-    return effective_user_lock.try_lock();
+    if (!effective_user_lock.try_lock()) {
+        return false;
+    }
+    if (effective_user_depth != 0) {
+        effective_user_lock.unlock();
+        return false;
+    }
+    ++effective_user_depth;
+    return true;
 }
+
 void destroy_effUserLock() {
     pthread_mutex_destroy(&effective_user_lock.mutex);
 }

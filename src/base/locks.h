@@ -23,7 +23,8 @@ struct qx_recursive_lock {
 void init_effUserLock();
 void set_effUserLock();
 void reset_effUserLock();
-// Takes it only if no other thread holds it; for code that already holds a lock of a later rank.
+// Takes it only if nobody holds it, the caller included; for code that makes files of the agent's own while
+// it already holds a lock of a later rank.
 bool try_effUserLock();
 void destroy_effUserLock();
 

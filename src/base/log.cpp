@@ -17,14 +17,10 @@ struct log_message_stack {
     std::vector<std::string> lines;
 };
 
-// log_file.cpp
-int log_reopen(PZULOGG handle, const char* filename);
-int log_close_file(PZULOGG handle);
-
 namespace {
 
 constexpr size_t insert_size = 1024;
-constexpr char line_on_screen_off = 'N';  // value of cLogToDb that keeps no lines in memory
+constexpr char no_lines_in_memory = 'N';  // value of cLogToDb
 constexpr int abnormal_end = 2000002;
 
 qx_recursive_lock log_lock;
@@ -143,7 +139,7 @@ int OpenLogFile(EX_PCX* pcx) {
     ZULOGG_Reorg(name, sizeof name, pcx->logCount);
     const int result = log_reopen(pcx->logHnd, name);
     const int kept = errno;
-    ZULOGG_UseMsg(pcx->logHnd, pcx->cLogToDb != line_on_screen_off);
+    ZULOGG_UseMsg(pcx->logHnd, pcx->cLogToDb != no_lines_in_memory);
     ZULOGG_SetLogThreadFlag(pcx->logHnd, pcx->logThreadFlag != 0);
     errno = kept;
     return result;

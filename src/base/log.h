@@ -121,6 +121,9 @@ void log_forget_in_child(EX_PCX* pcx);
 // Opens `filename` into a new handle; an empty name opens no file. Null with errno on failure.
 PZULOGG ZULOGG_Open(const char* filename, _pzutrace* trcHandle, PZUHELP hlpHandle, int cache);
 int ZULOGG_Close(PZULOGG handle);
+// Continues in a new file, or in none; lines in memory stay. 0, or -1 with errno.
+int log_reopen(PZULOGG handle, const char* filename);
+int log_close_file(PZULOGG handle);
 int ZULOGG_Msg(PZULOGG handle, int number, int insLen, const char* insTxt);
 int ZULOGG_Text(PZULOGG handle, const char* text, int length);
 int ZULOGG_Dump(PZULOGG handle, const char* title, const void* address, int length);

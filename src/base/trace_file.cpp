@@ -262,7 +262,12 @@ int zutrace_create_tracefile(PZUTRACE handle) {
     if (handle->filename[0] == '\0') {
         zutrace_generate_filename(handle, trace_default_name);
     }
+    // Not while a thread stands as another user: the file would be his.
+    if (!try_effUserLock()) {
+        return -1;
+    }
     const int fd = create_trace_descriptor(handle->filename);
+    reset_effUserLock();
     if (fd < 0) {
         const int number = errno;
         handle->createFailed = alarm_now();
