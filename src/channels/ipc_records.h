@@ -53,7 +53,7 @@ struct ipcmsg_channel_id_t {
 };
 static_assert(sizeof(ipcmsg_channel_id_t) == 20);
 
-// NATMELD: `len` bytes of a MELD message follow.
+// NATMELD: `len` bytes follow: a MELD message, and 4 bytes with the uid of its sender (all ones: unknown).
 struct ipcmsg_natmeld_t {
     ipcmsg_header_t header;
     int32_t replyID;

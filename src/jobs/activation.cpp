@@ -482,9 +482,7 @@ int process_aktj(EX_PCX* pcx, ccm_msg_t* msg, int) {
     run.pcx = pcx;
     run.msg = msg;
     read_activation(pcx, view_message(msg->msg_start, static_cast<size_t>(msg->len)), &run.order);
-    const int result = run_checks(&run);
-    JP_after_call(pcx);
-    return result;
+    return run_checks(&run);
 }
 
 int Start_Ex_Aktj(EX_PCX* pcx, JP_AREA* job) {

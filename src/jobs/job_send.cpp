@@ -36,7 +36,8 @@ const char* kept_destination(const ccm_addr_t& kept) {
 }  // namespace
 
 bool job_server_reachable(EX_PCX* pcx) {
-    return pcx->ccm != nullptr && ccm_channel_existbyName(pcx->ccm, ccm_name_server) != 0;
+    return pcx->ccm != nullptr && (pcx->pcx_flag.load() & PCX_FLAG_SERVER_CHANNEL) != 0 &&
+           ccm_channel_existbyName(pcx->ccm, ccm_name_server) != 0;
 }
 
 int job_send_reply(EX_PCX* pcx, const ccm_msg_t* request, const std::vector<unsigned char>& body) {

@@ -305,11 +305,15 @@ int process_ipc_exmeld(EX_PCX* pcx, ccm_msg_t* msg, int) {
     }
     memcpy(&record, msg->msg_start, sizeof record);
     const size_t behind = static_cast<size_t>(msg->len) - sizeof record;
-    if (record.len < static_cast<int>(sizeof(QX_HEADM)) || static_cast<size_t>(record.len) > behind) {
+    uid_t uid = meld_unknown_uid;
+    // `len` counts the message and the uid behind it.
+    if (record.len < static_cast<int>(sizeof(QX_HEADM) + sizeof uid) ||
+        static_cast<size_t>(record.len) != behind) {
         return -1;
     }
     const unsigned char* meld = msg->msg_start + sizeof record;
-    const size_t length = static_cast<size_t>(record.len);
+    const size_t length = behind - sizeof uid;
+    memcpy(&uid, meld + length, sizeof uid);
     QX_HEADM head;
     memcpy(&head, meld, sizeof head);
     if (memcmp(head.version, meld_message_version, sizeof head.version) != 0) {
@@ -318,9 +322,5 @@ int process_ipc_exmeld(EX_PCX* pcx, ccm_msg_t* msg, int) {
     }
     // The messenger's wait ends here, whatever the content.
     send_natquitt(pcx, msg, head, record.replyID);
-    uid_t uid = meld_unknown_uid;
-    if (behind >= length + sizeof uid) {
-        memcpy(&uid, meld + length, sizeof uid);
-    }
     return job_take_meld(pcx, meld, length, uid);
 }

@@ -239,7 +239,7 @@ int process_exmeld(EX_PCX* pcx, ccm_msg_t* msg, int) {
     ipcmsg_natmeld_t record;
     memcpy(&record, out->msg_start, sizeof record);
     record.replyID = msg->addr.src_ID;
-    record.len = msg->len;
+    record.len = static_cast<int32_t>(length + sizeof uid);  // all that stands behind the fixed part
     memcpy(out->msg_start, &record, sizeof record);
     memcpy(out->msg_start + sizeof record, msg->msg_start, length);
     memcpy(out->msg_start + sizeof record + length, &uid, sizeof uid);
