@@ -111,7 +111,8 @@ int ccm_channel_chain(ccm_context_t* ccm, ccm_channel_t* channel) {
         spin_guard guard(&ccm->channel_lock);
         queue_append(&ccm->channel_newq, channel);
     }
-    return ccm_wakeup_network(ccm);
+    ccm_wakeup_network(ccm);
+    return 0;
 }
 
 void ccm_channel_discard(ccm_context_t* ccm, ccm_channel_t* channel, bool post_close) {

@@ -326,7 +326,8 @@ int process_ipc_passfd_quitt(EX_PCX* pcx, ccm_msg_t* msg, int) {
         channel->flag.fetch_or(CH_FLAG_DELETE_WHEN_SENT);
     }
     ccm_channel_unlock(pcx->ccm);
-    return ccm_wakeup_network(pcx->ccm);
+    ccm_wakeup_network(pcx->ccm);
+    return 0;
 }
 
 int process_ipc_remote_close(EX_PCX* pcx, ccm_msg_t* msg, int) {

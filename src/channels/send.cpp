@@ -132,7 +132,8 @@ int ccm_send_message_common(ccm_context_t* ccm, ccm_msg_t* msg, const char* labe
         inuse_unlink(ccm, msg);
         queue_append(&ccm->sendq, msg);
     }
-    return ccm_wakeup_network(ccm);
+    ccm_wakeup_network(ccm);  // without a thread the message waits for one
+    return 0;
 }
 
 int send_native_message(ccm_context_t* ccm, ccm_msg_t* msg) {
@@ -188,7 +189,8 @@ int send_IPC_internal(ccm_context_t* ccm, ccm_msg_t* msg) {
         inuse_unlink(ccm, msg);
         queue_append(&ccm->recvq, msg);
     }
-    return ccm_wakeup_processor(ccm);
+    ccm_wakeup_processor(ccm);  // before the pipes exist nobody sleeps at one
+    return 0;
 }
 
 int send_IPC_internal_name(ccm_context_t* ccm, const char* msgtype) {

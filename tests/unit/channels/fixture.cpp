@@ -1,0 +1,350 @@
+#include "fixture.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "base/log.h"
+#include "base/time.h"
+#include "messages/conversion.h"
+#include "messages/head.h"
+#include "messages/records_server.h"
+#include "security/key_store.h"
+
+namespace {
+
+struct log_line {
+    int number;
+    std::string insert;
+};
+
+std::mutex log_mutex;
+std::vector<log_line> log_lines;
+
+void collect(int number, const char* insert) {
+    std::lock_guard guard(log_mutex);
+    log_lines.push_back({number, insert});
+}
+
+const uint8_t transfer_key[gss_key_size] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17};
+
+}  // namespace
+
+bytes text_bytes(std::string_view text) {
+    return {text.begin(), text.end()};
+}
+
+bytes quitt_body(std::string_view insert) {
+    MSG_TYPE_QUITT record{};
+    CreateQxHeadm(&record.header, "QUITT", 1, 2);
+    put_text(record.quitt, "OK");
+    put_text(record.filler, "");
+    put_text(record.msg, "EXINFO");
+    put_text(record.msg_insert, insert);
+    bytes body(sizeof record);
+    memcpy(body.data(), &record, sizeof record);
+    return body;
+}
+
+partner::partner(int socket) : fd(socket) {
+    timeval limit{wait_seconds, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+}
+
+partner::partner(partner&& other) noexcept : fd(other.fd), context(other.context) {
+    other.fd = -1;
+    other.context = nullptr;
+}
+
+partner::~partner() {
+    close();
+    OM_uint32 minor = 0;
+    gss_delete_sec_context(&minor, &context, nullptr);
+}
+
+void partner::close() {
+    if (fd >= 0) {
+        ::close(fd);
+        fd = -1;
+    }
+}
+
+void partner::send(const bytes& data) {
+    size_t done = 0;
+    while (done < data.size()) {
+        ssize_t sent = ::send(fd, data.data() + done, data.size() - done, MSG_NOSIGNAL);
+        if (sent <= 0) {
+            return;  // the other side has ended the connection; the test looks at that
+        }
+        done += static_cast<size_t>(sent);
+    }
+}
+
+namespace {
+
+bool read_whole(int fd, unsigned char* to, size_t length) {
+    size_t done = 0;
+    while (done < length) {
+        ssize_t got = recv(fd, to + done, length - done, 0);
+        if (got <= 0) {
+            return false;
+        }
+        done += static_cast<size_t>(got);
+    }
+    return true;
+}
+
+}  // namespace
+
+bytes partner::frame() {
+    bytes data(frame_header_size);
+    if (!read_whole(fd, data.data(), data.size())) {
+        return {};
+    }
+    int64_t length = GetProtocolLength(data.data());
+    data.resize(static_cast<size_t>(length));
+    if (!read_whole(fd, data.data() + frame_header_size, data.size() - frame_header_size)) {
+        return {};
+    }
+    return data;
+}
+
+bool partner::ended() {
+    unsigned char buffer[65536];
+    for (;;) {
+        ssize_t got = recv(fd, buffer, sizeof buffer, 0);
+        if (got <= 0) {
+            return got == 0 || errno == ECONNRESET;
+        }
+    }
+}
+
+bytes partner::sealed(const bytes& plain) {
+    size_t length = plain.size() - frame_header_size;
+    bytes frame(frame_header_size + CalcMsgSize(length));
+    OM_uint32 minor = 0;
+    size_t written = 0;
+    EXPECT_EQ(gss_wrap_ex(&minor, context, 1, 3, {plain.data() + frame_header_size, length},
+                          {frame.data() + frame_header_size, frame.size() - frame_header_size}, &written),
+              0U);
+    frame.resize(frame_header_size + written);
+    frame_set_header(frame.data(), protocol_native, static_cast<int64_t>(frame.size()));
+    return frame;
+}
+
+bytes partner::unsealed(const bytes& frame) {
+    bytes plain(frame.size());
+    OM_uint32 minor = 0;
+    size_t written = 0;
+    gss_qop_t qop = 0;
+    EXPECT_EQ(gss_unwrap_ex(&minor, context, 3,
+                            {frame.data() + frame_header_size, frame.size() - frame_header_size}, plain,
+                            &written, &qop),
+              0U)
+        << minor;
+    plain.resize(written);
+    return plain;
+}
+
+void tcp_pair(int ends[2]) {
+    int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), length), 0);
+    ASSERT_EQ(listen(listener, 1), 0);
+    ASSERT_EQ(getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    ends[0] = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(connect(ends[0], reinterpret_cast<sockaddr*>(&address), length), 0);
+    ends[1] = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    ASSERT_GE(ends[1], 0);
+    close(listener);
+}
+
+ccm_test::ccm_test() {
+    GlbPcx = &pcx;
+    {
+        std::lock_guard guard(log_mutex);
+        log_lines.clear();
+    }
+    __log_set_logger(collect);
+    strcpy(pcx.exName, own_name);
+    strcpy(pcx.sysName, own_system);
+    pcx.connwait = 10;
+    pcx.pcx_iGssQop = 3;
+    static msgconv_ctx_t conversion;
+    static bool opened = false;
+    if (!opened) {
+        opened = true;
+        msgconv_open(&conversion, nullptr, nullptr, nullptr, collect, nullptr, 0);
+    }
+    pcx.pcx_msgctx = &conversion;
+    TCPMSG_WORK_AREA* frames = TcpMsg_Open(tcp_used_by_agent);
+    TCPMSG_PARMS parms{};
+    parms.iSizeOfParms = tcp_parms_size;
+    parms.iMaxPhysMsgSize = 500000;
+    TCP_Parms(frames, &parms);
+    pcx.pcx_hTcpMsg = frames;
+    ccm_error_t error;
+    EXPECT_EQ(ccm_open(&pcx, &ccm, &error), 0);
+    pcx.ccm = ccm;
+}
+
+ccm_test::~ccm_test() {
+    ccm_thread_end(ccm);
+    ccm_channel_closeall(ccm);
+    ccm_close(ccm, nullptr);
+    TcpMsg_Close(static_cast<TCPMSG_WORK_AREA*>(pcx.pcx_hTcpMsg));
+    OM_uint32 minor = 0;
+    gss_release_name(&minor, &pcx.pcx_sName);
+    __log_set_logger(nullptr);
+    GlbPcx = nullptr;
+}
+
+void ccm_test::start() {
+    ccm_error_t error;
+    ASSERT_EQ(ccm_thread_start(ccm, &error), 0) << error.msginsert;
+}
+
+partner ccm_test::open_channel(int type, const char* name, int* id) {
+    int ends[2] = {-1, -1};
+    if (type == CH_TYPE_IPC) {
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    } else {
+        tcp_pair(ends);
+    }
+    ccm_channel_t* channel = nullptr;
+    ccm_error_t error;
+    EXPECT_EQ(ccm_channel_new_entry(ccm, &channel, &error), 0);
+    channel->s = ends[0];
+    channel->type = type;
+    strcpy(channel->name, name);
+    strcpy(channel->addr, "127.0.0.1");
+    EXPECT_EQ(ccm_set_nonblocking(ccm, channel, &error), 0);
+    *id = channel->ID;
+    ccm_channel_chain(ccm, channel);
+    return partner(ends[1]);
+}
+
+ccm_msg_t* ccm_test::receive(int seconds) {
+    int64_t end = alarm_now_ms() + seconds * 1000;
+    do {
+        ccm_msg_t* msg = nullptr;
+        ccm_error_t error;
+        if (ccm_receive_message(ccm, seconds, &msg, &error) != 0) {
+            return msg;
+        }
+    } while (alarm_now_ms() < end);
+    return nullptr;
+}
+
+ccm_msg_t* ccm_test::receive_type(int type) {
+    while (ccm_msg_t* msg = receive()) {
+        if (msg->type == type) {
+            return msg;
+        }
+        free(msg);
+    }
+    return nullptr;
+}
+
+ccm_msg_t* ccm_test::receive_record(const char* name) {
+    while (ccm_msg_t* msg = receive_type(CCM_MSG_IPC)) {
+        if (memcmp(msg->msg_start, name, 16) == 0) {
+            return msg;
+        }
+        free(msg);
+    }
+    return nullptr;
+}
+
+ccm_channel_image_t ccm_test::close_event(int id) {
+    ccm_channel_image_t image{};
+    while (ccm_msg_t* msg = receive_record(ipc_channel_close)) {
+        memcpy(&image, msg->msg_start + sizeof(ipcmsg_header_t), sizeof image);
+        free(msg);
+        if (image.ID == id) {
+            return image;
+        }
+    }
+    image = {};
+    ADD_FAILURE() << "no CHANNEL_CLOSE for " << id;
+    return image;
+}
+
+ccm_msg_t* ccm_test::nat_message(const bytes& body) {
+    ccm_error_t error;
+    ccm_msg_t* msg = ccm_msg_alloc_cleared(ccm, static_cast<int>(body.size()), &error);
+    memcpy(msg->msg_start, body.data(), body.size());
+    return msg;
+}
+
+bool ccm_test::eventually(const std::function<bool()>& done) {
+    int64_t end = alarm_now_ms() + wait_seconds * 1000;
+    while (!done()) {
+        if (alarm_now_ms() > end) {
+            return false;
+        }
+        poll(nullptr, 0, 1);
+    }
+    return true;
+}
+
+int ccm_test::logged(int number) {
+    std::lock_guard guard(log_mutex);
+    int count = 0;
+    for (const log_line& line : log_lines) {
+        count += line.number == number ? 1 : 0;
+    }
+    return count;
+}
+
+std::string ccm_test::log_text(int number) {
+    std::lock_guard guard(log_mutex);
+    for (const log_line& line : log_lines) {
+        if (line.number == number) {
+            return line.insert;
+        }
+    }
+    return "";
+}
+
+void ccm_test::open_security() {
+    char directory[] = "/tmp/channels-XXXXXX";
+    ASSERT_NE(mkdtemp(directory), nullptr);
+    std::string file = std::string(directory) + "/KStore.ini";
+    ASSERT_EQ(KComInit(&agent_keys(), own_system, own_name, {}, file), 0);
+    ASSERT_EQ(set_transfer_key(&agent_keys(), own_name, transfer_key), 0);
+    KMsetGSSCallback();
+    OM_uint32 minor = 0;
+    gss_buffer_desc text{strlen(own_name), const_cast<char*>(own_name)};
+    ASSERT_EQ(gss_import_name(&minor, &text, GSS_C_NT_MACHINE_UID_NAME, &pcx.pcx_sName), 0U);
+}
+
+void ccm_test::shake_hands(partner* far, const char* name) {
+    OM_uint32 minor = 0;
+    gss_cred_id_t cred = nullptr;
+    ASSERT_EQ(gss_acquire_cred_with_key(&minor, name, transfer_key, GSS_C_INITIATE, &cred), 0U);
+    gss_name_t target = nullptr;
+    gss_buffer_desc text{strlen(name), const_cast<char*>(name)};
+    ASSERT_EQ(gss_import_name(&minor, &text, GSS_C_NT_MACHINE_UID_NAME, &target), 0U);
+    gss_buffer_desc token;
+    OM_uint32 major =
+        gss_init_sec_context(&minor, cred, &far->context, target, GSS_MECH_KLVT_QX7, 0, GSS_C_INDEFINITE,
+                             nullptr, nullptr, nullptr, &token, nullptr, nullptr);
+    ASSERT_LE(major, 1U) << minor;
+    bytes frame(frame_header_size + token.length);
+    frame_set_header(frame.data(), protocol_gss, static_cast<int64_t>(frame.size()), "Q1");
+    memcpy(frame.data() + frame_header_size, token.value, token.length);
+    far->send(frame);
+    gss_release_buffer(&minor, &token);
+    gss_release_cred(&minor, &cred);
+    gss_release_name(&minor, &target);
+}

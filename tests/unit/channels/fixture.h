@@ -1,0 +1,90 @@
+// A channel manager with its context and log, and partners that speak the wire's form by hand.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "base/context.h"
+#include "channels/ccm.h"
+#include "channels/connect.h"
+#include "channels/handshake.h"
+#include "channels/ipc.h"
+#include "channels/messages.h"
+#include "channels/network_thread.h"
+#include "channels/policy.h"
+#include "messages/frame.h"
+#include "security/mechanism.h"
+
+using bytes = std::vector<unsigned char>;
+
+inline constexpr char own_name[] = "AGENT01";
+inline constexpr char own_system[] = "SYS1";
+inline constexpr int wait_seconds = 10;
+
+bytes text_bytes(std::string_view text);
+// A QUITT of the catalogue's 304 bytes with `insert`.
+bytes quitt_body(std::string_view insert = "");
+
+// The far end of a connection: a blocking socket with a time limit.
+struct partner {
+    int fd = -1;
+    gss_ctx_id_t context = nullptr;
+
+    explicit partner(int socket);
+    partner(partner&& other) noexcept;
+    partner(const partner&) = delete;
+    ~partner();
+
+    void send(const bytes& data);
+    // The next whole frame; empty at the end of the connection or after the time limit.
+    bytes frame();
+    // Whether the connection ends within the time limit; what comes before is thrown away.
+    bool ended();
+    // A frame whose body is sealed with `context`.
+    bytes sealed(const bytes& plain_frame);
+    // Body of a sealed frame, opened.
+    bytes unsealed(const bytes& frame);
+    void close();
+};
+
+struct ccm_test : testing::Test {
+    EX_PCX pcx;
+    ccm_context_t* ccm = nullptr;
+
+    ccm_test();
+    ~ccm_test() override;
+    void start();
+    // Ends and starts anew everything as a process of `mode`.
+    void be(int mode) { pcx.running_mode = mode; }
+
+    // A channel of `type` over a socket pair (for connections a loopback TCP pair), chained; its far end.
+    partner open_channel(int type, const char* name, int* id);
+    partner open_pair_channel(const char* name, int* id);
+    // The next message of the receive queue; null after the time limit. The caller frees.
+    ccm_msg_t* receive(int seconds = wait_seconds);
+    // The next message of `type`, others are freed.
+    ccm_msg_t* receive_type(int type);
+    // The next internal record `name`; others are freed.
+    ccm_msg_t* receive_record(const char* name);
+    void free(ccm_msg_t* msg) { ccm_msg_free(ccm, msg); }
+    // Runs until nothing new arrives: handshake frames and records of the default rows.
+    ccm_channel_image_t close_event(int id);
+
+    ccm_msg_t* nat_message(const bytes& body);
+    // Waits until `done`; false after the time limit. Looks at each millisecond.
+    static bool eventually(const std::function<bool()>& done);
+    int logged(int number);
+    std::string log_text(int number);
+
+    // Keys: the agent's transfer key is known to both sides.
+    void open_security();
+    // A handshake from the far side as `name`; sets the partner's context.
+    void shake_hands(partner* far, const char* name);
+};
+
+// Two connected TCP sockets on loopback.
+void tcp_pair(int ends[2]);
