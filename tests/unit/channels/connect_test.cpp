@@ -1,0 +1,201 @@
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "base/time.h"
+#include "fixture.h"
+
+namespace {
+
+int closed_port() {
+    int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    EXPECT_EQ(bind(s, reinterpret_cast<sockaddr*>(&address), length), 0);
+    EXPECT_EQ(getsockname(s, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    close(s);
+    return ntohs(address.sin_port);
+}
+
+partner call(int port, int family = AF_INET) {
+    int s = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in6 address{};
+    if (family == AF_INET) {
+        auto* v4 = reinterpret_cast<sockaddr_in*>(&address);
+        v4->sin_family = AF_INET;
+        v4->sin_port = htons(static_cast<uint16_t>(port));
+        v4->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    } else {
+        address.sin6_family = AF_INET6;
+        address.sin6_port = htons(static_cast<uint16_t>(port));
+        address.sin6_addr = in6addr_loopback;
+    }
+    EXPECT_EQ(connect(s, reinterpret_cast<sockaddr*>(&address), ccm_address_length(&address)), 0);
+    return partner(s);
+}
+
+}  // namespace
+
+TEST_F(ccm_test, a_refused_connect_tells_once_and_keeps_its_context) {
+    start();
+    ccm_connect_user_context_t* cuc = ccm_user_context_new(3);
+    memcpy(ccm_user_context_content(cuc), "tok", 3);
+    strcpy(cuc->key, "FTX 7");
+    ccm_error_t error;
+    int id = ccm_connect(ccm, "127.0.0.1", closed_port(), CH_TYPE_AGENT, cuc, 10, &error);
+    ASSERT_GT(id, 0) << error.msginsert;
+    ccm_msg_t* msg = receive_record(ipc_channel_close);
+    ASSERT_NE(msg, nullptr);
+    ASSERT_EQ(msg->len, 2008);
+    ipcmsg_channel_close_t record;
+    memcpy(&record, msg->msg_start, sizeof record);
+    free(msg);
+    EXPECT_EQ(record.ccmch.ID, id);
+    EXPECT_EQ(record.ccmch.msgnr, 2002036);
+    EXPECT_EQ(record.ccmch.cuc, 1U);
+    EXPECT_STREQ(record.cuc.key, "FTX 7");
+    EXPECT_EQ(record.cuc.pDelegCred, nullptr);
+    ASSERT_EQ(ccm_network_sync(ccm, 5000), 0);
+    EXPECT_TRUE(ccm_recvq_empty(ccm));
+    EXPECT_EQ(ccm_channel_existbyID(ccm, id), 0);
+}
+
+TEST_F(ccm_test, a_connect_that_fails_at_once_leaves_the_context_to_the_caller) {
+    start();
+    ccm_connect_user_context_t* cuc = ccm_user_context_new(0);
+    strcpy(cuc->key, "FTX 7");
+    ccm_error_t error;
+    // A broadcast address is refused by the call itself.
+    EXPECT_EQ(ccm_connect(ccm, "255.255.255.255", 80, CH_TYPE_CP_CANDIDATE, cuc, 10, &error), -1);
+    EXPECT_EQ(error.msgnr, 2000102);
+    EXPECT_EQ(std::string(error.msginsert).substr(0, 10), "connect()|");
+    EXPECT_STREQ(cuc->key, "FTX 7");
+    ccm_msg_t* msg = receive_record(ipc_channel_close);
+    ASSERT_NE(msg, nullptr);
+    ipcmsg_channel_close_t record;
+    memcpy(&record, msg->msg_start, sizeof record);
+    free(msg);
+    EXPECT_EQ(record.ccmch.type, CH_TYPE_CP_CANDIDATE);
+    EXPECT_EQ(record.ccmch.cuc, 0U);
+    EXPECT_EQ(record.cuc.key[0], '\0');
+    EXPECT_EQ(ccm_connect(ccm, "no such host.invalid", 80, CH_TYPE_AGENT, cuc, 10, &error), -1);
+    EXPECT_EQ(std::string(error.msginsert).substr(0, 12), "getaddrinfo|");
+    ccm_user_context_free(cuc);
+    int probe = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    EXPECT_GT(probe, 2);  // a channel without a socket closed no descriptor 0
+    close(probe);
+}
+
+TEST_F(ccm_test, listener_and_caller) {
+    start();
+    be(MODE_LISTENER);
+    ccm_error_t error;
+    int port = 0;
+    ASSERT_EQ(ccm_create_listen_port(ccm, "", 0, 10, &port, &error), 0) << error.msginsert;
+    ASSERT_GT(port, 0);
+    partner far = call(port);
+    ccm_msg_t* msg = receive_record(ipc_channel_accept);
+    ASSERT_NE(msg, nullptr);
+    ASSERT_EQ(msg->len, 20);
+    int32_t id;
+    memcpy(&id, msg->msg_start + 16, sizeof id);
+    free(msg);
+    ccm_channel_image_t image;
+    ASSERT_EQ(ccm_channel_copy(ccm, id, &image), 0);  // chained before it is told
+    EXPECT_EQ(image.type, CH_TYPE_ACCEPTED);
+    bool ipv6 = (ccm->flag.load() & CCM_FLAG_IPV6) != 0;
+    EXPECT_STREQ(image.addr, ipv6 ? "::ffff:127.0.0.1" : "127.0.0.1");
+    EXPECT_TRUE(ccm_address_is_loopback(image.addr));
+    EXPECT_EQ(image.flag & CH_FLAG_CONNECTING, CH_FLAG_CONNECTING);
+    EXPECT_EQ(image.connect_timeout_secs, 60);
+    // The time limit of a caller who says nothing.
+    EXPECT_EQ(ccm_channel_check_timeouts(ccm, alarm_now() + 59), 0);
+    EXPECT_EQ(ccm_channel_check_timeouts(ccm, alarm_now() + 61), 1);
+    EXPECT_EQ(close_event(id).msgnr, 2000064);
+    EXPECT_TRUE(far.ended());
+    EXPECT_EQ(ccm_create_listen(ccm, "", port, 10, &error), -1);
+    EXPECT_EQ(std::string(error.msginsert).substr(0, 6), "bind(:");
+    EXPECT_EQ(ccm_get_nof_connections(ccm), 1);
+}
+
+TEST_F(ccm_test, one_address_gets_no_more_than_its_share) {
+    start();
+    be(MODE_LISTENER);
+    ccm_error_t error;
+    int port = 0;
+    ASSERT_EQ(ccm_create_listen_port(ccm, "*LOCAL", 0, 64, &port, &error), 0) << error.msginsert;
+    bool ipv6 = (ccm->flag.load() & CCM_FLAG_IPV6) != 0;
+    std::vector<partner> callers;
+    for (int i = 0; i < ccm_accepted_limit_address; ++i) {
+        callers.push_back(call(port, ipv6 ? AF_INET6 : AF_INET));
+        free(receive_record(ipc_channel_accept));
+    }
+    partner one_more = call(port, ipv6 ? AF_INET6 : AF_INET);
+    EXPECT_TRUE(one_more.ended());
+    EXPECT_EQ(ccm_get_nof_channels(ccm), 1 + ccm_accepted_limit_address);
+    callers.pop_back();
+    free(receive_record(ipc_channel_close));
+    partner next = call(port, ipv6 ? AF_INET6 : AF_INET);
+    ccm_msg_t* msg = receive_record(ipc_channel_accept);
+    EXPECT_NE(msg, nullptr);
+    free(msg);
+}
+
+TEST_F(ccm_test, a_connection_carries_messages_both_ways) {
+    start();
+    ccm_error_t error;
+    int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), length), 0);
+    ASSERT_EQ(listen(listener, 1), 0);
+    ASSERT_EQ(getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    int id =
+        ccm_connect(ccm, "[127.0.0.1]", ntohs(address.sin_port), CH_TYPE_CP_CANDIDATE, nullptr, 10, &error);
+    ASSERT_GT(id, 0) << error.msginsert;
+    EXPECT_EQ(ccm_is_cp_connecting(ccm, "127.0.0.1", ntohs(address.sin_port), &error), 1);
+    EXPECT_EQ(ccm_is_cp_connecting(ccm, "127.0.0.1", 1, &error), 0);
+    partner far(accept(listener, nullptr, nullptr));
+    bytes data = text_bytes(std::string(76, 's'));
+    far.send(frame_make_item(65, data.data(), data.size()));
+    ccm_msg_t* msg = receive();
+    ASSERT_NE(msg, nullptr);
+    EXPECT_EQ(msg->protocol_key, 65);
+    free(msg);
+    ccm_channel_image_t image;
+    ASSERT_EQ(ccm_channel_copy(ccm, id, &image), 0);
+    EXPECT_STREQ(image.bind_addr, "127.0.0.1");
+    EXPECT_STREQ(image.host, "[127.0.0.1]");
+    close(listener);
+}
+
+TEST(addresses, texts_and_comparisons) {
+    char buffer[80];
+    EXPECT_STREQ(ccm_addressformatted("127.0.0.1", buffer), "127.0.0.1");
+    EXPECT_STREQ(ccm_addressformatted("[::1]", buffer), "[::1]");
+    EXPECT_STREQ(ccm_addressformatted("::1", buffer), "[::1]");
+    sockaddr_in6 address;
+    char text[64];
+    ASSERT_EQ(ccm_hostname2address(" [::1] ", 2, &address, nullptr), 0);
+    EXPECT_EQ(ccm_address2string(&address, text, sizeof text), 0);
+    EXPECT_STREQ(text, "::1");
+    address.sin6_family = 99;
+    EXPECT_EQ(ccm_address2string(&address, text, sizeof text), -1);
+    EXPECT_STREQ(text, "");
+    for (const char* yes : {"127.0.0.1", "127.9.9.9", "::1", "::ffff:127.0.0.1"}) {
+        EXPECT_TRUE(ccm_address_is_loopback(yes)) << yes;
+    }
+    for (const char* no : {"128.0.0.1", "::2", "", "::ffff:10.0.0.1", "127"}) {
+        EXPECT_FALSE(ccm_address_is_loopback(no)) << no;
+    }
+    EXPECT_TRUE(ccm_address_equal("::ffff:10.0.0.1", "10.0.0.1"));
+    EXPECT_FALSE(ccm_address_equal("", ""));
+    EXPECT_FALSE(ccm_address_equal("10.0.0.1", "10.0.0.2"));
+}
