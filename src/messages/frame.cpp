@@ -70,7 +70,7 @@ int frame_set_header(void* buffer, const char* protocol, int64_t length, std::st
     memcpy(header.cEyeCatch, eye_catcher, sizeof header.cEyeCatch);
     memcpy(header.cVersion, frame_version, sizeof header.cVersion);
     memcpy(header.cProtocol, protocol, sizeof header.cProtocol);
-    memcpy(header.cCoding, coding.data(), std::min(coding.size(), sizeof header.cCoding));
+    std::copy_n(coding.begin(), std::min(coding.size(), sizeof header.cCoding), header.cCoding);
     SetProtocolLength(&header, length);
     memcpy(buffer, &header, sizeof header);
     return 0;

@@ -39,15 +39,14 @@ constexpr size_t part_length(std::span<const catalogue_part> parts, std::string_
 constexpr bool record_matches(std::span<const catalogue_part> own, std::span<const catalogue_part> common,
                               std::string_view name, size_t start, size_t record_size,
                               std::span<const record_field> fields) {
-    const catalogue_part* entry = nullptr;
-    for (const catalogue_part& part : own)
-        if (catalogue_name_matches(part.name, name))
-            entry = &part;
-    if (entry == nullptr || static_cast<size_t>(entry->msg_len) != record_size)
+    size_t index = 0;
+    while (index < own.size() && !catalogue_name_matches(own[index].name, name))
+        index++;
+    if (index == own.size() || static_cast<size_t>(own[index].msg_len) != record_size)
         return false;
     size_t offset = start;
     size_t next = 0;
-    for (const msg_el& element : entry->elements) {
+    for (const msg_el& element : own[index].elements) {
         if (element.size < 0 || element.dim != 0 || element.relation != 0)
             continue;
         size_t size = static_cast<size_t>(element.size);
