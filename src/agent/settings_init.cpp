@@ -234,6 +234,14 @@ int read_folder(EX_PCX* pcx, const char* key, const char* preset, char (&out)[qx
     return createUnixPath(pcx->pcx_WorkFolder, name, out, error);
 }
 
+// A path that did not exist was not resolved: once its folder is made, the short form goes to the server.
+void resolve_made_folder(char (&path)[qx_path_size]) {
+    char resolved[qx_path_size];
+    if (realpath(path, resolved) != nullptr) {
+        copy_text(path, resolved);
+    }
+}
+
 // No call when the mode is right already: an ordinary user may work in a directory that is not his own.
 int share_folder(const char* path, qx7_error* error) {
     struct stat status;
@@ -251,6 +259,7 @@ int open_shared_folder(EX_PCX* pcx, const char* key, const char* preset, mode_t 
     if (CheckDir(out) != 0 && mkdir(out, first_mode) != 0) {
         return call_error(error, "mkdir()", out);
     }
+    resolve_made_folder(out);
     return share_folder(out, error);
 }
 
@@ -263,6 +272,7 @@ int open_backup_folder(EX_PCX* pcx, qx7_error* error) {
         return qx_error_set(error, -1, number, file_message, "create_Dir()|%s|%u|%s", pcx->pcx_rb_dir,
                             static_cast<unsigned>(number), strerror(number));
     }
+    resolve_made_folder(pcx->pcx_rb_dir);
     return 0;
 }
 
@@ -277,6 +287,7 @@ int open_cache_folder(EX_PCX* pcx, qx7_error* error) {
         return qx_error_set(error, -1, number, file_message, "create_Dir_Mode()|%s|%d|%s", pcx->pcx_res_dir,
                             number, strerror(number));
     }
+    resolve_made_folder(pcx->pcx_res_dir);
     return 0;
 }
 
