@@ -121,7 +121,7 @@ nibble times_lambda(nibble a) {
 
 // The constant 0x63 of the S-box, on the planes of its bits.
 void add_sbox_constant(planes& state) {
-    for (size_t plane : {0, 1, 5, 6})
+    for (size_t plane : {size_t{0}, size_t{1}, size_t{5}, size_t{6}})
         state[plane] = ~state[plane];
 }
 
