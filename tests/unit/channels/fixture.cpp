@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <filesystem>
 
 #include "base/log.h"
 #include "base/time.h"
@@ -204,6 +205,9 @@ ccm_test::~ccm_test() {
     TcpMsg_Close(static_cast<TCPMSG_WORK_AREA*>(pcx.pcx_hTcpMsg));
     OM_uint32 minor = 0;
     gss_release_name(&minor, &pcx.pcx_sName);
+    if (!key_directory.empty()) {
+        std::filesystem::remove_all(key_directory);
+    }
     __log_set_logger(nullptr);
     GlbPcx = nullptr;
 }
@@ -319,7 +323,8 @@ std::string ccm_test::log_text(int number) {
 void ccm_test::open_security() {
     char directory[] = "/tmp/channels-XXXXXX";
     ASSERT_NE(mkdtemp(directory), nullptr);
-    std::string file = std::string(directory) + "/KStore.ini";
+    key_directory = directory;
+    std::string file = key_directory + "/KStore.ini";
     ASSERT_EQ(KComInit(&agent_keys(), own_system, own_name, {}, file), 0);
     ASSERT_EQ(set_transfer_key(&agent_keys(), own_name, transfer_key), 0);
     KMsetGSSCallback();

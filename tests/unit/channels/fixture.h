@@ -54,6 +54,7 @@ struct partner {
 struct ccm_test : testing::Test {
     EX_PCX pcx;
     ccm_context_t* ccm = nullptr;
+    std::string key_directory;
 
     ccm_test();
     ~ccm_test() override;

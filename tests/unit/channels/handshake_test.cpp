@@ -1,0 +1,322 @@
+#include <cstring>
+
+#include "base/time.h"
+#include "fixture.h"
+#include "security/key_exchange.h"
+#include "security/key_store.h"
+
+struct handshake_test : ccm_test {
+    int id = 0;
+
+    void SetUp() override {
+        open_security();
+        start();
+    }
+
+    // Hands the next handshake frame to its handler. -99 when none came.
+    int handle_gss() {
+        ccm_msg_t* msg = receive_type(CCM_MSG_GSS);
+        if (msg == nullptr) {
+            return -99;
+        }
+        int result = process_gss_protocol_message(&pcx, ccm, msg);
+        free(msg);
+        return result;
+    }
+
+    void finish(partner* far) {
+        bytes answer = far->frame();
+        ASSERT_EQ(answer.size(), 148U);
+        EXPECT_EQ(std::string(answer.begin() + 24, answer.begin() + 32), "        ");
+        gss_buffer_desc token{answer.size() - 48, answer.data() + 48};
+        gss_buffer_desc output;
+        OM_uint32 minor = 0;
+        ASSERT_EQ(gss_init_sec_context(&minor, nullptr, &far->context, nullptr, GSS_MECH_KLVT_QX7, 0,
+                                       GSS_C_INDEFINITE, nullptr, &token, nullptr, &output, nullptr, nullptr),
+                  0U)
+            << minor;
+        gss_release_buffer(&minor, &output);
+    }
+
+    // A chosen server process that has shaken hands.
+    partner server() {
+        partner far = open_channel(CH_TYPE_CP_CANDIDATE, "*SERVER", &id);
+        shake_hands(&far, own_system);
+        EXPECT_EQ(handle_gss(), 0);
+        finish(&far);
+        pcx.pcx_flag.fetch_or(PCX_FLAG_SERVER_CHANNEL);
+        free(receive_record(ipc_gsshs_ok));
+        return far;
+    }
+
+    bytes sealed_message(partner& far, const bytes& body) {
+        return far.sealed(frame_make_message(body.data(), body.size(), {}));
+    }
+};
+
+TEST_F(handshake_test, sealed_traffic_runs_both_ways) {
+    partner far = server();
+    ccm_channel_image_t image;
+    ASSERT_EQ(ccm_channel_copy(ccm, id, &image), 0);
+    EXPECT_EQ(image.type, CH_TYPE_SERVER);
+    EXPECT_EQ(image.flag & CH_FLAG_SEALED, CH_FLAG_SEALED);
+    for (int i = 0; i < 20; ++i) {
+        std::string text(static_cast<size_t>(i) * 7919, 'a' + static_cast<char>(i));
+        bytes xml = text_bytes("<?xml " + text);
+        ccm_msg_t* out = ccm_msg_alloc_cleared(ccm, static_cast<int>(xml.size()), nullptr);
+        memcpy(out->msg_start, xml.data(), xml.size());
+        out->flag |= CCM_MSG_FLAG_RAW;
+        ccm_setaddr(out, 0, 0, "*SERVER", "QXVAREXR", 0);
+        ccm_setback(out, "AGENT01", "QXEXVAR", 3);
+        ASSERT_EQ(send_NAT_message(ccm, out), 0);
+        bytes frame = far.frame();
+        ASSERT_FALSE(frame.empty());
+        EXPECT_TRUE(frame_protocol_is(frame.data(), protocol_native));
+        EXPECT_EQ(std::search(frame.begin(), frame.end(), xml.begin(), xml.end()),
+                  frame.end());  // nothing in clear
+        bytes body = far.unsealed(frame);
+        frame_body parsed;
+        ASSERT_EQ(frame_parse_body(body.data(), body.size(), &parsed, nullptr), 0);
+        EXPECT_STREQ(parsed.address.dst_name, "QXVAREXR");
+        EXPECT_EQ(parsed.address.src_acv, 3U);
+        EXPECT_EQ(bytes(body.begin() + static_cast<long>(parsed.offset),
+                        body.begin() + static_cast<long>(parsed.offset + parsed.length)),
+                  xml);
+        far.send(sealed_message(far, xml));
+        ccm_msg_t* in = receive_type(CCM_MSG_NAT);
+        ASSERT_NE(in, nullptr);
+        EXPECT_EQ(in->origin, CCM_FROM_SERVER);
+        EXPECT_NE(in->flag & CCM_MSG_FLAG_CAME_SEALED, 0);
+        EXPECT_EQ(bytes(in->msg_start, in->msg_start + in->len), xml);
+        free(in);
+    }
+}
+
+TEST_F(handshake_test, what_fits_exactly_is_sealed_beside_its_room) {
+    partner far = server();
+    for (int size : {ccm_msg_standard_size, ccm_msg_standard_size + 1}) {
+        ccm_msg_t* out = ccm_msg_alloc_huge(ccm, size, nullptr);
+        memset(out->msg_start, 'x', static_cast<size_t>(size));
+        memcpy(out->msg_start, "<?xml", 5);
+        out->len = size;
+        out->flag |= CCM_MSG_FLAG_RAW;
+        ccm_setaddr(out, 0, 0, "*CP0123456789012345678901234567890", "QXVAREXR", 1);
+        ccm_setback(out, "A2345678901234567890123456789012", "QXEXVAR", 3);
+        ASSERT_EQ(send_NAT_message(ccm, out), 0);
+        bytes frame = far.frame();
+        ASSERT_FALSE(frame.empty());
+        EXPECT_GT(far.unsealed(frame).size(), static_cast<size_t>(size));
+    }
+}
+
+TEST_F(handshake_test, a_broken_seal_ends_the_connection) {
+    auto flip = [](bytes frame, size_t at) {
+        frame[at] ^= 1;
+        return frame;
+    };
+    struct {
+        const char* what;
+        std::function<bytes(partner&)> make;
+        int number;
+    } cases[] = {
+        {"changed data",
+         [&](partner& far) {
+             bytes f = sealed_message(far, quitt_body());
+             return flip(f, f.size() - 9);
+         },
+         2000098},
+        {"changed head", [&](partner& far) { return flip(sealed_message(far, quitt_body()), 60); }, 2000098},
+        {"changed tag", [&](partner& far) { return flip(sealed_message(far, quitt_body()), 48); }, 2000098},
+        {"lying length", [&](partner& far) { return flip(sealed_message(far, quitt_body()), 51); }, 2000098},
+        {"in the clear",
+         [&](partner&) {
+             bytes b = quitt_body();
+             return frame_make_message(b.data(), b.size(), {});
+         },
+         2000098},
+        {"one byte",
+         [&](partner&) {
+             bytes f(49, 3);
+             frame_set_header(f.data(), "NAT", 49);
+             return f;
+         },
+         2000098},
+        {"a message left out",
+         [&](partner& far) {
+             sealed_message(far, quitt_body());
+             return sealed_message(far, quitt_body());
+         },
+         2000098},
+        {"a message twice",
+         [&](partner& far) {
+             bytes f = sealed_message(far, text_bytes("<?xml?>"));
+             far.send(f);
+             return f;
+         },
+         2000098},
+        {"a handshake again",
+         [&](partner&) {
+             bytes f(200, 'x');
+             frame_set_header(f.data(), "GSS", 200);
+             return f;
+         },
+         1002203},
+        {"bad item under the seal",
+         [&](partner& far) {
+             bytes f(58, 'x');
+             frame_set_header(f.data(), "NAT", 58);
+             return far.sealed(f);
+         },
+         -1},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.what);
+        partner far = server();
+        far.send(test.make(far));
+        ccm_channel_image_t image = close_event(id);
+        EXPECT_EQ(image.type, CH_TYPE_SERVER);
+        if (test.number > 0) {
+            EXPECT_EQ(image.msgnr, test.number) << image.msginsert;
+        } else {
+            EXPECT_NE(image.msgnr, 0);
+        }
+        EXPECT_TRUE(far.ended());
+    }
+}
+
+TEST_F(handshake_test, only_the_chosen_server_of_the_own_system_becomes_the_server) {
+    struct {
+        const char* what;
+        const char* channel_name;
+        bool searching;
+        const char* initiator;
+        int number;
+    } cases[] = {
+        {"not chosen", "CP#001", false, own_system, 1002207},
+        {"still searching", "*SERVER", true, own_system, 1002207},
+        {"another system", "*SERVER", false, "SYS2", 2000019},
+        {"an agent's name", "*SERVER", false, "AGENT02", 2000019},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.what);
+        pcx.pcx_flag = test.searching ? PCX_FLAG_CP_SEARCH : 0;
+        partner far = open_channel(CH_TYPE_CP_CANDIDATE, test.channel_name, &id);
+        shake_hands(&far, test.initiator);
+        EXPECT_EQ(handle_gss(), -1);
+        ccm_channel_image_t image = close_event(id);
+        EXPECT_EQ(image.type, CH_TYPE_CP_CANDIDATE);
+        EXPECT_EQ(image.msgnr, test.number) << image.msginsert;
+    }
+    pcx.pcx_flag = 0;
+    partner far = open_channel(CH_TYPE_CP_CANDIDATE, "*SERVER", &id);
+    shake_hands(&far, "sys1");  // case doesn't count
+    EXPECT_EQ(handle_gss(), 0);
+}
+
+TEST_F(handshake_test, a_wrong_key_and_rubbish_are_told_apart) {
+    partner far = open_channel(CH_TYPE_CP_CANDIDATE, "*SERVER", &id);
+    bytes rubbish(48 + 77, 'x');
+    frame_set_header(rubbish.data(), protocol_gss, static_cast<int64_t>(rubbish.size()));
+    far.send(rubbish);
+    EXPECT_EQ(handle_gss(), -1);
+    EXPECT_EQ(close_event(id).msgnr, 2000102);
+    uint8_t other[gss_key_size] = {9};
+    ASSERT_EQ(set_transfer_key(&agent_keys(), own_name, other), 0);
+    partner again = open_channel(CH_TYPE_CP_CANDIDATE, "*SERVER", &id);
+    shake_hands(&again, own_system);
+    EXPECT_EQ(handle_gss(), -1);
+    ccm_channel_image_t image = close_event(id);
+    EXPECT_EQ(image.msgnr, 2000105);
+    EXPECT_EQ(std::string(image.msginsert).substr(0, 23), "gss_accept_sec_context|");
+}
+
+TEST_F(handshake_test, the_agent_can_call_another_agent) {
+    // The server gave this side the right to present itself to AGENT02.
+    OM_uint32 minor = 0;
+    gss_cred_id_t cred = nullptr;
+    uint8_t target_key[gss_key_size] = {42};
+    ASSERT_EQ(gss_acquire_cred_with_key(&minor, own_name, target_key, GSS_C_INITIATE, &cred), 0U);
+    partner far = open_channel(CH_TYPE_AGENT, "AGENT02", &id);
+    gss_cred_id_t second = nullptr;
+    ASSERT_EQ(gss_duplicateCred(&minor, cred, &second), 0U);
+    EXPECT_EQ(send_gss_request(&pcx, ccm, id, nullptr), 0);
+    EXPECT_EQ(send_gss_request(&pcx, ccm, id, cred), 0);
+    EXPECT_EQ(send_gss_request(&pcx, ccm, id, second), 0);  // sent already: nothing happens
+    bytes request = far.frame();
+    ASSERT_EQ(request.size(), 48 + 151U);
+    EXPECT_EQ(std::string(request.begin() + 24, request.begin() + 32), "Q1      ");
+    gss_cred_id_t acceptor = nullptr;
+    ASSERT_EQ(gss_acquire_cred_with_key(&minor, "AGENT02", target_key, GSS_C_ACCEPT, &acceptor), 0U);
+    gss_buffer_desc token{151, request.data() + 48};
+    gss_buffer_desc answer;
+    ASSERT_EQ(gss_accept_sec_context(&minor, &far.context, acceptor, &token, nullptr, nullptr, nullptr,
+                                     &answer, nullptr, nullptr, nullptr),
+              0U)
+        << minor;
+    bytes frame(48 + answer.length);
+    frame_set_header(frame.data(), protocol_gss, static_cast<int64_t>(frame.size()));
+    memcpy(frame.data() + 48, answer.value, answer.length);
+    gss_release_buffer(&minor, &answer);
+    gss_release_cred(&minor, &acceptor);
+    far.send(frame);
+    // A sealed message right behind the token is read with the keys that the token brings.
+    far.send(sealed_message(far, text_bytes("<?xml?>")));
+    EXPECT_EQ(handle_gss(), 0);
+    free(receive_record(ipc_gsshs_ok));
+    ccm_msg_t* msg = receive_type(CCM_MSG_NAT);
+    ASSERT_NE(msg, nullptr);
+    EXPECT_EQ(msg->origin, CCM_FROM_PARTNER);
+    EXPECT_EQ(ccm_policy_check(&pcx, ccm, msg), 0);
+    free(msg);
+    EXPECT_EQ(close_event(id).msgnr, 1002207);
+}
+
+TEST_F(handshake_test, only_the_chosen_server_may_place_a_key) {
+    key_manager server_keys;
+    ASSERT_EQ(KComInit(&server_keys, own_system, "SERVER", {}, "/nonexistent/KStore.ini"), 0);
+    auto package = [&](key_exchange* exchange) {
+        bytes frame(48 + start_package_size);
+        frame_set_header(frame.data(), protocol_gss, static_cast<int64_t>(frame.size()));
+        EXPECT_EQ(key_exchange_start(server_keys, own_name, exchange, frame.data() + 48), 0);
+        return frame;
+    };
+    ASSERT_EQ(delEncKey(&agent_keys(), own_name, 0, KEY_TYPE_PARTNER), 0);
+    key_exchange exchange;
+    partner called = open_channel(CH_TYPE_AGENT, "AGENT02", &id);
+    called.send(package(&exchange));
+    EXPECT_EQ(handle_gss(), -1);
+    EXPECT_EQ(close_event(id).msgnr, 2000102);
+    uint8_t key[gss_key_size];
+    EXPECT_EQ(get_transfer_key(agent_keys(), own_name, key), KM_NAME_UNKNOWN);
+
+    partner far = open_channel(CH_TYPE_CP_CANDIDATE, "*SERVER", &id);
+    far.send(package(&exchange));
+    EXPECT_EQ(handle_gss(), 0);
+    bytes answer = far.frame();
+    ASSERT_EQ(answer.size(), 48 + response_package_size);
+    uint8_t agreed[gss_key_size];
+    ASSERT_EQ(key_exchange_finish(server_keys, exchange, answer.data() + 48, response_package_size, agreed),
+              0);
+    ASSERT_EQ(get_transfer_key(agent_keys(), own_name, key), 0);
+    EXPECT_EQ(0, memcmp(key, agreed, sizeof key));
+    // A second one is refused, with an answer that says why, and the connection stays.
+    key_exchange again;
+    far.send(package(&again));
+    EXPECT_EQ(handle_gss(), 0);
+    answer = far.frame();
+    ASSERT_EQ(answer.size(), 48 + response_package_size);
+    EXPECT_EQ(key_exchange_finish(server_keys, again, answer.data() + 48, response_package_size, agreed),
+              KM_KEY_EXISTS);
+    EXPECT_EQ(ccm_channel_existbyID(ccm, id), 1);
+}
+
+TEST_F(handshake_test, a_frame_for_a_channel_that_has_gone_is_dropped) {
+    partner far = open_channel(CH_TYPE_CP_CANDIDATE, "*SERVER", &id);
+    shake_hands(&far, own_system);
+    ccm_msg_t* msg = receive_type(CCM_MSG_GSS);
+    ASSERT_NE(msg, nullptr);
+    ccm_channel_deletebyID(ccm, id);
+    close_event(id);
+    EXPECT_EQ(process_gss_protocol_message(&pcx, ccm, msg), -1);
+    free(msg);
+}
