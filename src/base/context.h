@@ -120,7 +120,7 @@ struct EX_PCX {
 
     // Connections and handles
     void* pcx_hTcpMsg = nullptr;
-    int pcx_iGssQop = 0;
+    int pcx_iGssQop = 3;
     char pcx_enc_comp = 0;
     int pcx_iIPCount = 0;
     in_addr_t* pcx_pIPList = nullptr;  // malloc'ed, pcx_iIPCount entries
