@@ -240,6 +240,7 @@ std::unique_ptr<cp_server, void (*)(cp_server*)> cp_server_open(const cp_options
                             km_error_text(number));
         return {nullptr, cp_server_close};
     }
+    KMsetGSSCallback();  // session keys come from the key manager
     server->identity = {&server->keys, options.name, system, options.ranking, options.cp_list, 3};
     server->listen_fd = open_listener(options.address, options.port, error);
     if (server->listen_fd < 0) {
