@@ -173,10 +173,18 @@ int written(bool good, const char* function, const char* file) {
     return good ? 1 : 0;
 }
 
-// The name in a section line; `closing` is what IfSection gave.
-std::string_view section_name(std::string_view line, char closing) {
-    line = line.substr(1);
-    return line.substr(0, line.find(closing));
+// A line as reading sees it at its beginning: no bytes below 32, no leading blanks.
+std::string as_read(std::string_view line) {
+    std::string text;
+    std::copy_if(line.begin(), line.end(), std::back_inserter(text),
+                 [](char c) { return static_cast<unsigned char>(c) >= 32; });
+    return text.erase(0, std::min(text.find_first_not_of(' '), text.size()));
+}
+
+// Whether the line is the section's own: its name ends at the last closing character, as in reading.
+bool opens_section(std::string_view line, char closing, std::string_view section) {
+    const size_t end = line.rfind(closing);
+    return end != std::string_view::npos && end > 0 && same_name(line.substr(1, end - 1), section);
 }
 
 bool key_line_matches(std::string_view line, std::string_view key, size_t* equals) {
@@ -210,7 +218,7 @@ void copy_line(value_writer* writer, std::string_view line) {
         text.remove_suffix(1);
     }
     const std::string_view end = line.substr(text.size());
-    const std::string looked_at(lstrip(text));
+    const std::string looked_at = as_read(text);
     if (!writer->done && !looked_at.empty() && !is_comment(looked_at[0])) {
         const char closing = IfSection(looked_at.c_str());
         size_t equals = 0;
@@ -218,7 +226,7 @@ void copy_line(value_writer* writer, std::string_view line) {
             writer->out.append(writer->key).append("=").append(writer->value).append("\n");
             writer->done = true;
         } else if (closing != 0) {
-            writer->in_section = same_name(section_name(looked_at, closing), writer->section);
+            writer->in_section = opens_section(looked_at, closing, writer->section);
         } else if (writer->in_section && key_line_matches(text, writer->key, &equals)) {
             writer->out.append(text.substr(0, equals)).append("=  ").append(writer->value).append(end);
             writer->done = true;
@@ -256,13 +264,13 @@ ini_records split_records(std::string_view content) {
 }
 
 bool is_section_record(const INI_FILE_RECORD& record) {
-    return !record.cRec.empty() && record.cRec[0] == '[';
+    return as_read(record.cRec).starts_with('[');
 }
 
 // Changes the records; false when nothing had to be changed.
 bool change_records(ini_records* records, std::string_view section, std::string_view key, const char* value) {
     auto at = std::find_if(records->begin(), records->end(), [&](const INI_FILE_RECORD& record) {
-        return is_section_record(record) && same_name(section_name(record.cRec, ']'), section);
+        return is_section_record(record) && opens_section(as_read(record.cRec), ']', section);
     });
     if (at == records->end()) {
         if (value == nullptr) {
@@ -278,8 +286,10 @@ bool change_records(ini_records* records, std::string_view section, std::string_
     }
     for (++at; at != records->end() && !is_section_record(*at); ++at) {
         const std::string& line = at->cRec;
+        const std::string looked_at = as_read(line);
         size_t equals = 0;
-        if (line.empty() || is_comment(line[0]) || line[0] == '(' || !key_line_matches(line, key, &equals)) {
+        if (looked_at.empty() || is_comment(looked_at[0]) || looked_at[0] == '(' ||
+            !key_line_matches(line, key, &equals)) {
             continue;
         }
         if (value == nullptr) {

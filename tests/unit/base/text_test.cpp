@@ -1,0 +1,221 @@
+#include "base/text.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <cstring>
+
+#include "base/code_tables.h"
+#include "base/memory.h"
+#include "base/time.h"
+
+TEST(Wildcards, MatchTheWholeText) {
+    struct {
+        const char* text;
+        const char* mask;
+        int expected;
+    } rows[] = {
+        {"report.txt", "*.txt", 1},
+        {"report.txt", "rep*", 1},
+        {"report.txt", "r?port.txt", 1},
+        {"report.txt", "*.TXT", 0},
+        {"report.txt", "report", 0},
+        {"", "", 1},
+        {"", "*", 1},
+        {"", "?", 0},
+        {"aaab", "*a?", 1},
+        {"abcabd", "*ab?d", 0},
+        {"abcabxd", "*ab?d", 1},
+        {"mississippi", "m*iss*pp?", 1},
+        {"mississippi", "m*x*i", 0},
+        {"a*b", "a*b", 1},
+        {"abc", "***", 1},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(MyStrMatch(row.text, row.mask), row.expected) << row.text << " " << row.mask;
+    }
+    const char* text = "one two three";
+    EXPECT_EQ(strMatchPtr(text, "t?o"), text + 4);
+    EXPECT_EQ(strMatchPtr(text, "four"), nullptr);
+}
+
+TEST(Wildcards, ManyStarsStayFast) {
+    const std::string text(2000, 'a');
+    std::string mask;
+    for (int i = 0; i < 200; ++i) {
+        mask += "a*";
+    }
+    EXPECT_EQ(MyStrMatch(text, mask + "b"), 0);
+}
+
+TEST(Fields, KeepTheirWidth) {
+    char field[8];
+    put_field(field, "abc");
+    EXPECT_EQ(memcmp(field, "abc     ", 8), 0);
+    put_field(field, "abcdefghij");
+    EXPECT_EQ(memcmp(field, "abcdefgh", 8), 0);
+    EXPECT_EQ(get_field(field), "abcdefgh");
+    memcpy(field, "ab\0cdef ", 8);
+    EXPECT_EQ(get_field(field), "ab");
+    fix_len_reorg(field, 8);
+    EXPECT_EQ(memcmp(field, "ab      ", 8), 0);
+    EXPECT_EQ(EatTrailing(field, 8), 2U);
+    EXPECT_EQ(memcmp(field, "ab\0\0\0\0\0\0", 8), 0);
+    char blanks[4] = {' ', ' ', ' ', ' '};
+    EXPECT_EQ(get_field(blanks), "");
+    char text[] = "  a b  ";
+    EXPECT_EQ(EatString(text), 3U);
+    EXPECT_STREQ(text, "a b");
+}
+
+TEST(Copies, AreCutAndTerminated) {
+    char out[4] = "xyz";
+    _StringCopy(out, sizeof out, "abcdef", __FILE__, __LINE__);
+    EXPECT_STREQ(out, "abc");
+    _StringCopy(out, sizeof out, nullptr, __FILE__, __LINE__);
+    EXPECT_STREQ(out, "");
+    _StringCat(out, sizeof out, "ab", __FILE__, __LINE__);
+    _StringCat(out, sizeof out, "cd", __FILE__, __LINE__);
+    EXPECT_STREQ(out, "abc");
+}
+
+TEST(Base26, GoesBothWaysOverAllBits) {
+    char out[8];
+    for (uint32_t value : {0U, 1U, 25U, 26U, 676U, 0x7FFFFFFFU, 0xFFFFFFFFU}) {
+        Zudnst_LongToB26(value, out);
+        EXPECT_EQ(strlen(out), 7U);
+        EXPECT_EQ(Zudnst_B26ToLong(out), value);
+    }
+    Zudnst_LongToB26(26, out);
+    EXPECT_STREQ(out, "AAAAABA");
+    EXPECT_EQ(Zudnst_B26ToLong("BA1ZZ"), 26U);
+    EXPECT_EQ(Zudnst_B26ToLong(""), 0U);
+}
+
+TEST(Environment, IsExpanded) {
+    setenv("QX_TEXT_TEST", "value", 1);
+    unsetenv("QX_TEXT_NONE");
+    char out[32];
+    EXPECT_EQ(ExpandEnvironmentStringsA("a%QX_TEXT_TEST%b", out, sizeof out), 7);
+    EXPECT_STREQ(out, "avalueb");
+    ExpandEnvironmentStringsA("a%QX_TEXT_NONE%b", out, sizeof out);
+    EXPECT_STREQ(out, "ab");
+    ExpandEnvironmentStringsA("a%QX_TEXT_TEST", out, sizeof out);
+    EXPECT_STREQ(out, "avalue");
+    EXPECT_EQ(ExpandEnvironmentStringsA("%QX_TEXT_TEST%", out, 3), 2);
+    EXPECT_STREQ(out, "va");
+}
+
+TEST(Numbers, AreTakenWholeAndInRange) {
+    int64_t number = 0;
+    EXPECT_TRUE(parse_number("65535", 1, 65535, &number));
+    EXPECT_EQ(number, 65535);
+    for (const char* bad : {"", " 1", "1 ", "65536", "0", "-1", "1x", "99999999999999999999"}) {
+        EXPECT_FALSE(parse_number(bad, 1, 65535, &number)) << bad;
+    }
+    const unsigned char bytes[] = {0xFE, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+    EXPECT_EQ(CNV_Int(bytes, 1), -2);
+    EXPECT_EQ(CNV_Int(bytes, 8), -2);
+    EXPECT_EQ(CNV_X(bytes, 2), 0xFFFEU);
+    EXPECT_EQ(CNV_Int(bytes, 3), 0);
+    EXPECT_EQ(iCnvU32(0x01020304U), 0x04030201U);
+}
+
+TEST(Words, AreFoundByNumber) {
+    EXPECT_EQ(get_word_delimited("a||c", '|', 1), "a");
+    EXPECT_EQ(get_word_delimited("a||c", '|', 2), "");
+    EXPECT_EQ(get_word_delimited("a||c", '|', 3), "c");
+    EXPECT_EQ(get_word_delimited("a||c", '|', 4), "");
+    EXPECT_EQ(get_word_delimited("a||c", '|', 0), "");
+}
+
+TEST(CodeTables, UseSubstituteAndInverse) {
+    unsigned char code[512] = {};
+    for (int i = 0; i < 256; ++i) {
+        code[i] = static_cast<unsigned char>(i ^ 0x20);
+        code[256 + i] = CODE_FLAG_MAPPED;
+    }
+    code[256 + 'x'] = 0;
+    unsigned char tab[256];
+    SetCodeTab(tab, code);
+    EXPECT_EQ(tab['x'], ' ');
+    EXPECT_EQ(tab['a'], 'A');
+    code['?'] = '#';
+    code[256 + '?'] = CODE_FLAG_MAPPED | CODE_FLAG_SUBSTITUTE;
+    SetCodeTab(tab, code);
+    EXPECT_EQ(tab['x'], '#');
+    EX_PCX pcx;
+    EXPECT_EQ(GetDefaultCode(&pcx).inverse['q'], 'q');
+    EXPECT_EQ(SetDefaultCode(&pcx, code, 511), -1);
+    ASSERT_EQ(SetDefaultCode(&pcx, code, 512), 0);
+    const qx_code_tables* tables = pcx.pDefaultCode;
+    EXPECT_EQ(tables->inverse[tables->forward['a']], 'a');
+    EXPECT_EQ(SetDefaultCode(&pcx, code, 512), 0);
+    EXPECT_EQ(pcx.pDefaultCode.load(), tables) << "the same table again must not take new memory";
+    free(const_cast<qx_code_tables*>(tables));
+    char text[] = "A1z [ ]";
+    ToEbcdic(text, sizeof text);
+    EXPECT_EQ(static_cast<unsigned char>(text[0]), 0xC1);
+    EXPECT_EQ(static_cast<unsigned char>(text[1]), 0xF1);
+    ToAscii(text, sizeof text);
+    EXPECT_STREQ(text, "A1z [ ]");
+}
+
+TEST(Secrets, MoveAndForget) {
+    qx_secret_text secret("password");
+    EXPECT_TRUE(secret.assign(secret.view().substr(4)));
+    EXPECT_EQ(secret.view(), "word");
+    qx_secret_text other(std::move(secret));
+    EXPECT_TRUE(secret.empty());  // NOLINT(bugprone-use-after-move): that it is empty is what counts
+    EXPECT_STREQ(other.c_str(), "word");
+    ASSERT_TRUE(other.resize(8));
+    memcpy(other.data(), "ab", 2);
+    other.trim_to_terminator();
+    EXPECT_EQ(other.view(), "ab");
+    EXPECT_TRUE(qx_equal_constant_time("abc", "abc", 3));
+    EXPECT_FALSE(qx_equal_constant_time("abc", "abd", 3));
+}
+
+TEST(Memory, NewBytesAreZero) {
+    unsigned char* area = static_cast<unsigned char*>(MemAllocRetArea(4, "test"));
+    memset(area, 0xFF, 4);
+    area = static_cast<unsigned char*>(MemReAllocRetArea(area, 4, 4096, "test"));
+    EXPECT_EQ(area[3], 0xFF);
+    for (int i = 4; i < 4096; ++i) {
+        ASSERT_EQ(area[i], 0);
+    }
+    void* handle = area;
+    FreeMallocArea(&handle, "test");
+    EXPECT_EQ(handle, nullptr);
+}
+
+TEST(Stamps, HaveTheirForms) {
+    setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
+    tzset();
+    DATUM_BUFF moment;
+    const time_t summer = 1751364245;  // 1 July 2025, 10:04:05 UTC
+    GetDatumZeit2(&summer, &moment);
+    EXPECT_STREQ(moment.text, "20250701/120405");
+    EXPECT_EQ(moment.utc_hour, 10);
+    EXPECT_EQ(moment.loc_isdst, 1);
+    char text[32];
+    CreateCharUtcTime(summer, text, sizeof text);
+    EXPECT_STREQ(text, "20250701100405");
+    PutTime(summer, text, sizeof text);
+    EXPECT_STREQ(text, "01.07.2025 12:04:05");
+    GetDatumZeit2(nullptr, &moment);
+    EXPECT_EQ(strlen(moment.text), 19U);
+    EXPECT_EQ(moment.text[8], '/');
+    EXPECT_EQ(moment.text[15], '.');
+    EXPECT_EQ(sec2hhmmss(3725), "01:02:05");
+    EXPECT_EQ(sec2hhmmss2(90061), "1 01:01:01");
+    EXPECT_EQ(sec2hhmmss3(360000), "100:00:00");
+}
+
+TEST(AlarmClock, StartsAtTheWallClockAndRunsByItself) {
+    const time_t now = alarm_now();
+    EXPECT_NEAR(static_cast<double>(now), static_cast<double>(time(nullptr)), 2);
+    EXPECT_FALSE(is_timer_elapsed(now, 30));
+    alarm_clock_advance(31);
+    EXPECT_TRUE(is_timer_elapsed(now, 30));
+}
