@@ -48,6 +48,11 @@ void give_up_silent_channels(EX_PCX* pcx, int type) {
 
 // The time that draining began: a channel that was quiet before gets the whole limit.
 time_t drain_start = 0;
+// Passes in which the loop does not wait for its usual time, since a few cycles of the network thread mostly
+// suffice.
+constexpr int quick_passes = 50;
+constexpr int quick_pass_ms = 100;
+int drain_passes = 0;
 
 void drain(EX_PCX* pcx) {
     if (ccm_is_all_sendq_empty(pcx->ccm) != 0) {
@@ -56,6 +61,11 @@ void drain(EX_PCX* pcx) {
     }
     if (drain_start == 0) {
         drain_start = alarm_now();
+    }
+    if (drain_passes < quick_passes) {
+        ++drain_passes;
+        ccm_network_sync(pcx->ccm, quick_pass_ms);
+        ccm_wakeup_processor(pcx->ccm);
     }
     if (drain_start + drain_silence_limit < alarm_now()) {
         give_up_silent_channels(pcx, CH_TYPE_AGENT);
@@ -111,9 +121,11 @@ int shutdown_in_progress(EX_PCX* pcx) {
     switch (pcx->loop) {
         case LOOP_STOP_WANTED:
             pcx->loop = pcx->running_mode == MODE_AGENT ? LOOP_FAREWELL : LOOP_DRAIN;
+            ccm_wakeup_processor(pcx->ccm);  // the next pass comes at once
             break;
         case LOOP_FAREWELL:
             say_goodbye(pcx);
+            ccm_wakeup_processor(pcx->ccm);
             break;
         case LOOP_DRAIN:
             drain(pcx);
