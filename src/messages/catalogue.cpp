@@ -84,6 +84,39 @@ constexpr bool references_are_sound() {
 }
 static_assert(references_are_sound());
 
+constexpr uint8_t referred_index(const catalogue_part& part, size_t index, int32_t reference) {
+    for (size_t k = 0; reference < 0 && k < index; k++)
+        if (part.elements[k].count == -reference)
+            return static_cast<uint8_t>(k);
+    return static_cast<uint8_t>(index);
+}
+
+constexpr auto references = [] {
+    std::array<element_references, element_count> table{};
+    size_t at = 0;
+    for (const catalogue_part& part : sorted_parts)
+        for (size_t k = 0; k < part.elements.size(); k++)
+            table[at++] = {referred_index(part, k, part.elements[k].size),
+                           referred_index(part, k, part.elements[k].dim),
+                           referred_index(part, k, part.elements[k].relation)};
+    return table;
+}();
+
+// The first 8 characters of each name as a number that sorts like them.
+constexpr uint64_t name_key(const char* name) {
+    uint64_t key = 0;
+    for (size_t i = 0; i < 8; i++)
+        key = key << 8 | static_cast<unsigned char>(name[i]);
+    return key;
+}
+
+constexpr auto name_keys = [] {
+    std::array<uint64_t, catalogue_count> keys{};
+    for (size_t i = 0; i < keys.size(); i++)
+        keys[i] = name_key(sorted_parts[i].name);
+    return keys;
+}();
+
 // `chkptr` of these is written once, by msgconv_open.
 constinit std::array<msg_el, element_count> elements = flat_elements;
 
@@ -100,6 +133,22 @@ constinit std::array<msgtab_el, catalogue_count> entries = [] {
 
 constinit MSGTAB catalogue = {catalogue_count, entries.data()};
 
+// First entry that does not sort before `text`.
+const msgtab_el* first_entry_from(const MSGTAB* table, std::string_view text) {
+    if (table == &catalogue && text.size() == 8) {
+        auto key = std::lower_bound(name_keys.begin(), name_keys.end(), name_key(text.data()));
+        return entries.data() + (key - name_keys.begin());
+    }
+    return std::lower_bound(table->entries, table->entries + table->count, text,
+                            [](const msgtab_el& entry, std::string_view wanted) {
+                                return std::string_view(entry.name).substr(0, wanted.size()) < wanted;
+                            });
+}
+
+bool is_catalogue_element(const msg_el* element) {
+    return element >= elements.data() && element < elements.data() + element_count;
+}
+
 }  // namespace
 
 MSGTAB* get_msgtab() {
@@ -114,12 +163,8 @@ const msgtab_el* find_definition(const MSGTAB* table, std::string_view name) {
         upper[i] = name[i] >= 'a' && name[i] <= 'z' ? static_cast<char>(name[i] - 'a' + 'A') : name[i];
     std::string_view text(upper, name.size());
 
-    const msgtab_el* begin = table->entries;
-    const msgtab_el* end = begin + table->count;
-    const msgtab_el* entry =
-        std::lower_bound(begin, end, text, [](const msgtab_el& element, std::string_view wanted) {
-            return std::string_view(element.name).substr(0, wanted.size()) < wanted;
-        });
+    const msgtab_el* end = table->entries + table->count;
+    const msgtab_el* entry = first_entry_from(table, text);
     // Entries that only begin with the text stand next to each other: TIMESTAMP, TIMESTAMP2.
     for (; entry != end && std::string_view(entry->name).starts_with(text); entry++)
         if (catalogue_name_matches(entry->name, text))
@@ -128,9 +173,15 @@ const msgtab_el* find_definition(const MSGTAB* table, std::string_view name) {
 }
 
 const msgtab_el* element_structure(const MSGTAB* table, const msg_el* element) {
-    if (table == &catalogue && element >= elements.data() && element < elements.data() + element_count) {
+    if (table == &catalogue && is_catalogue_element(element)) {
         uint8_t number = structure_numbers[static_cast<size_t>(element - elements.data())];
         return number == 0 ? nullptr : &entries[number - 1U];
     }
     return find_definition(table, element->structure);
+}
+
+const element_references* catalogue_references(const element_array_t* definition) {
+    if (definition->length == 0 || !is_catalogue_element(definition->elements))
+        return nullptr;
+    return &references[static_cast<size_t>(definition->elements - elements.data())];
 }

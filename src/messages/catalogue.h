@@ -91,6 +91,17 @@ struct catalogue_part {
 // elements.
 const msgtab_el* element_structure(const MSGTAB* table, const msg_el* element);
 
+// Indexes of the fields that an element refers to, so that the walk need not search; the element's own index
+// where there is no such reference.
+struct element_references {
+    uint8_t size;
+    uint8_t dim;
+    uint8_t relation;
+};
+
+// One for each element of a record of the catalogue; null for other tables.
+const element_references* catalogue_references(const element_array_t* definition);
+
 // Compares names of the catalogue: `text` matches when `entry` begins with it and then ends or has a blank.
 constexpr bool catalogue_name_matches(std::string_view entry, std::string_view text) {
     return entry.starts_with(text) && (entry.size() == text.size() || entry[text.size()] == ' ');

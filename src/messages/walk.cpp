@@ -43,6 +43,7 @@ struct internal_stack_t {
     msg_error* error;
     int message_version;
     bool checks;
+    bool plain;  // nobody watches and nothing is swapped or checked: plain fields need only their bounds
     int errorsFound;
     struct {
         int level;
@@ -53,6 +54,7 @@ struct internal_stack_t {
 // One record on its way.
 struct level_t {
     const element_array_t* definition;
+    const element_references* references;  // null for tables outside the catalogue
     matrix_t matrix;
     bool variableDataOnEnd;  // fields with a position of their own take no room here
     int64_t structureSize;
@@ -150,15 +152,43 @@ int check_element_overflow(internal_stack_t* stack, int64_t position, int64_t si
     return fail_overflow(stack, position, size);
 }
 
-// Index of the element that a negative reference names; the matrix's length when it has not come.
-size_t search_index(const matrix_t* matrix, int32_t reference) {
-    for (size_t i = 0; i < matrix->length; i++)
-        if (matrix->inums[i] == -static_cast<int64_t>(reference))
+// Index of the element that a negative reference names; the matrix's length when it has not come. In the
+// catalogue the place is known, and only whether the element came must be looked at.
+size_t search_index(const level_t* level, size_t index, int32_t reference,
+                    uint8_t element_references::*which) {
+    const matrix_t& matrix = level->matrix;
+    if (level->references != nullptr) {
+        size_t known = level->references[index].*which;
+        return known < index && matrix.inums[known] >= 0 ? known : matrix.length;
+    }
+    for (size_t i = 0; i < matrix.length; i++)
+        if (matrix.inums[i] == -static_cast<int64_t>(reference))
             return i;
-    return matrix->length;
+    return matrix.length;
+}
+
+template <class Integer>
+uint64_t load(const unsigned char* bytes) {
+    Integer value;
+    memcpy(&value, bytes, sizeof value);
+    return value;
 }
 
 uint64_t read_integer(const unsigned char* bytes, int32_t size, byte_order order) {
+    if (std::endian::native == std::endian::little && order == order_little) [[likely]] {
+        switch (size) {
+            case 1:
+                return *bytes;
+            case 2:
+                return load<uint16_t>(bytes);
+            case 4:
+                return load<uint32_t>(bytes);
+            case 8:
+                return load<uint64_t>(bytes);
+            default:
+                break;
+        }
+    }
     uint64_t value = 0;
     for (int32_t i = 0; i < size; i++)
         value |= static_cast<uint64_t>(bytes[order == order_little ? i : size - 1 - i]) << (8 * i);
@@ -249,7 +279,7 @@ int get_string_size(internal_stack_t* stack, const level_t* level, size_t index,
     *size = element->size;
     char path[512];
     if (element->size < 0) {
-        size_t found = search_index(&level->matrix, element->size);
+        size_t found = search_index(level, index, element->size, &element_references::size);
         if (found >= index) [[unlikely]]
             return fail(stack, 1002402, "%d|%s|%u|%s|", static_cast<int>(found), type2string(element->type),
                         shown(position), dump_path(stack, path, sizeof path));
@@ -359,8 +389,9 @@ void set_value_offset(internal_stack_t* stack, level_t* level, size_t index) {
         level->value_offset = stack->buffer.offset;
         return;
     }
-    size_t found =
-        element->relation < 0 ? search_index(&level->matrix, element->relation) : level->matrix.length;
+    size_t found = element->relation < 0
+                       ? search_index(level, index, element->relation, &element_references::relation)
+                       : level->matrix.length;
     if (found < index) {
         level->value_offset = level->matrix.ivals[found];
         return;
@@ -376,7 +407,7 @@ int64_t get_max_dimension(internal_stack_t* stack, const level_t* level, size_t 
     *counter = element;
     if (element->dim >= 0)
         return element->dim == 0 ? 1 : element->dim;
-    size_t found = search_index(&level->matrix, element->dim);
+    size_t found = search_index(level, index, element->dim, &element_references::dim);
     if (found < index) {
         *counter = &level->definition->elements[found];
         return level->matrix.ivals[found];
@@ -387,8 +418,8 @@ int64_t get_max_dimension(internal_stack_t* stack, const level_t* level, size_t 
     return 1;
 }
 
-void note_content(internal_stack_t* stack, const level_t* level) {
-    size_t found = search_index(&level->matrix, stack->current->size);
+void note_content(internal_stack_t* stack, const level_t* level, size_t index) {
+    size_t found = search_index(level, index, stack->current->size, &element_references::size);
     if (found == level->matrix.length)
         return;
     stack->request->info->content_field = stack->buffer.data + stack->buffer.offset;
@@ -409,7 +440,7 @@ int walk_repetitions(internal_stack_t* stack, level_t* level, size_t index, int6
         if (walk_repetition(stack, level, index, structure, repetition, &element_size) == walk_failed)
             return walk_failed;
         if ((element->rule & rule_content) != 0 && (stack->request->iflags & walk_find_content) != 0)
-            note_content(stack, level);
+            note_content(stack, level, index);
         if (!level->variableDataOnEnd || element->relation >= 0 || element->dim != 0) {
             level->structureSize += element_size;
             stack->buffer.offset += element_size;
@@ -462,6 +493,46 @@ int walk_element(internal_stack_t* stack, level_t* level, size_t index) {
     return result;
 }
 
+// Whether a field is one of fixed size at the current place: nearly all are.
+bool is_plain(const msg_el* element) {
+    bool fixed = element->relation == 0 && element->dim == 0 && element->size > 0;
+    switch (element->type) {
+        case el_signed:
+        case el_unsigned:
+            return fixed && element->size <= 8;
+        case el_text_padded:
+        case el_binary:
+        case el_zoned:
+        case el_filler:
+            return fixed;
+        default:
+            return false;
+    }
+}
+
+// The steps of walk_element for a plain field, without those that cannot matter to it.
+int walk_plain_element(internal_stack_t* stack, level_t* level, size_t index) {
+    const msg_el* element = &level->definition->elements[index];
+    int64_t offset = stack->buffer.offset;
+    if (offset == stack->buffer.size)
+        return walk_message_ended;
+    if (element->version > stack->message_version)
+        return walk_accepted;
+    if (offset > stack->buffer.size ||
+        (element->type <= el_unsigned && element->size > stack->buffer.size - offset))
+        return walk_element(stack, level, index);  // which finds the fault and names it
+    level->matrix.inums[index] = element->count;
+    level->matrix.ipos[index] = static_cast<int32_t>(offset);
+    if (element->type <= el_unsigned) {
+        uint64_t value = read_integer(stack->buffer.data + offset, element->size, order_little);
+        level->matrix.ivals[index] = reference_value(value, element->size);
+        level->int_val_index = static_cast<int64_t>(index);
+    }
+    level->structureSize += element->size;
+    stack->buffer.offset = offset + element->size;
+    return walk_accepted;
+}
+
 int process_elements(internal_stack_t* stack, const msgtab_el* entry, bool variableDataOnEnd,
                      int64_t* structureSize) {
     if (stack->parent_list.level == parent_list_size)
@@ -477,12 +548,18 @@ int process_elements(internal_stack_t* stack, const msgtab_el* entry, bool varia
         start = many.get();
     }
     std::fill_n(start, 3 * length, -1);
-    level_t level = {&entry->msg_def,      {length, start, start + length, start + 2 * length},
-                     variableDataOnEnd,    0,
-                     stack->buffer.offset, -1};
+    level_t level = {&entry->msg_def,
+                     catalogue_references(&entry->msg_def),
+                     {length, start, start + length, start + 2 * length},
+                     variableDataOnEnd,
+                     0,
+                     stack->buffer.offset,
+                     -1};
     int result = walk_accepted;
     for (size_t index = 0; index < length && result == walk_accepted; index++)
-        result = walk_element(stack, &level, index);
+        result = stack->plain && is_plain(&entry->msg_def.elements[index])
+                     ? walk_plain_element(stack, &level, index)
+                     : walk_element(stack, &level, index);
     *structureSize = level.structureSize;
     stack->parent_list.level--;
     return result == walk_failed ? walk_failed : walk_accepted;
@@ -545,6 +622,7 @@ int walk(void* msg, size_t msgs, const msgconv_ctx_t* ctx, const walk_request& r
     stack.error = error;
     stack.message_version = 0;
     stack.checks = check_stream_built();
+    stack.plain = !stack.checks && request.visitor == nullptr && request.to_order == order_little;
     stack.errorsFound = 0;
     stack.parent_list.level = 0;
     if (msgs < sizeof(QX_HEADM) || msgs > INT32_MAX)
