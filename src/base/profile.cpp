@@ -362,6 +362,8 @@ int GetProfZeile(FILE* stream, char* buffer, int size) {
     }
 }
 
+void (*profile_read_watch)(const char* section, const char* key) = nullptr;
+
 const char* GetProfileString(const char* file, const char* section, const char* key, const char* preset) {
     static thread_local std::string shared;
     std::string value;
@@ -376,6 +378,9 @@ int GetPrvProfileString(const char* section, const char* key, const char* preset
                         const char* file) {
     if (buffer == nullptr || size == 0) {
         return 0;
+    }
+    if (profile_read_watch != nullptr) {
+        profile_read_watch(section, key);
     }
     std::string value;
     if (!read_profile(file, view_of(section), view_of(key), &value)) {

@@ -17,6 +17,9 @@ struct INI_FILE_RECORD {
     std::string cRec;
 };
 
+// Told of each value that is read, null for none. The test of the settings page listens here.
+extern void (*profile_read_watch)(const char* section, const char* key);
+
 // The value, or `preset` when section, key or value is missing. An empty key gives the section's key names,
 // each ended by NUL, the list by a second NUL. The buffer is shared by all calls (main thread only) and is
 // overwritten by the next one; loops over a key list copy the list first. `preset` may lie in that buffer.
