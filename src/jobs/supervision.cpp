@@ -245,7 +245,7 @@ int process_jobchk(EX_PCX* pcx, ccm_msg_t*, int) {
             }
         } else if (is_due(job, now)) {
             if (first) {
-                __PutLogMessage(number_check, "");
+                __log(number_check, "%s", "");
                 first = false;
             }
             if (check_state(job)) {
