@@ -159,9 +159,9 @@ struct job_test : ::testing::Test {
         put_text(record.logininfo, user);
         record.jcl_dist = sizeof record;
         record.jcl_len = static_cast<int32_t>(script.size());
-        message_bytes body(sizeof record);
+        message_bytes body(sizeof record + script.size());
         memcpy(body.data(), &record, sizeof record);
-        body.insert(body.end(), script.begin(), script.end());
+        script.copy(reinterpret_cast<char*>(body.data()) + sizeof record, script.size());
         return body;
     }
 

@@ -125,7 +125,7 @@ TEST_F(job_test, a_message_cut_anywhere_or_of_another_version_changes_nothing) {
     other[20 + 70] = 11;
     tell(other);
     EXPECT_TRUE(logged(2000023));
-    for (const int status : {0, 1, 'A', 'K', 'W', 'r', 255}) {
+    for (const int status : {0, 1, 65, 75, 87, 114, 255}) {  // A, K, W and r among them
         message_bytes strange = whole;
         strange[24] = static_cast<unsigned char>(status);
         tell(strange);

@@ -1,0 +1,267 @@
+#include "jobs/queries.h"
+
+#include <signal.h>
+
+#include "job_fixture.h"
+#include "jobs/launch.h"
+
+struct queries_test : job_test {
+    int cancel(int run) {
+        MSG_TYPE_JOB_CAN order{};
+        order.header = head("JOB_CAN", 1);
+        order.ah_idnr = run;
+        return receive(process_jobcan, &order, sizeof order);
+    }
+
+    int query(int run, const message_bytes& record, int count = 0) {
+        MSG_TYPE_JOB_INF order{};
+        order.header = head("JOB_INF", 1);
+        order.ah_idnr = run;
+        order.restart_len = static_cast<int32_t>(record.size());
+        order.restart_dist = record.empty() ? 0 : static_cast<int32_t>(sizeof order);
+        put_text(order.processid, "77");
+        order.status = 'R';
+        order.cnt = count;
+        message_bytes body(sizeof order);
+        memcpy(body.data(), &order, sizeof order);
+        body.insert(body.end(), record.begin(), record.end());
+        return receive(process_jobinf, body.data(), body.size());
+    }
+
+    message_bytes start(int run, const std::string& script) {
+        activate(activation(run, script));
+        const auto messages = sent();
+        return messages.size() == 1 && messages[0].type() == "EXAKTJQU"
+                   ? message_bytes(messages[0].body.begin() + 264, messages[0].body.end())
+                   : message_bytes{};
+    }
+
+    // What the last message says: number and insert of a QUITT.
+    std::string answer() {
+        const auto messages = sent();
+        if (messages.size() != 1 || messages[0].type() != "QUITT   ") {
+            return std::to_string(messages.size()) + " messages";
+        }
+        const auto quitt = messages[0].as<MSG_TYPE_QUITT>();
+        return std::string(get_text(quitt.quitt)) + " " + std::to_string(quitt.msgnr) + " " +
+               std::string(get_text(quitt.msg_insert));
+    }
+
+    // The agent was killed and started again: nothing is left but the processes.
+    void lose_memory() {
+        Reset_JTab();
+        process_info_forget();
+        sent();
+    }
+};
+
+TEST_F(queries_test, signal_names) {
+    EXPECT_EQ(GetSigInt("term"), 15);
+    EXPECT_EQ(GetSigInt("SigAbrt"), 6);
+    EXPECT_EQ(GetSigInt("KILL"), 9);
+    for (const char* other : {"SIGHUP", "", "15", "TERM ", "SIGTERMSIGTERMSIGTERM"}) {
+        EXPECT_EQ(GetSigInt(other), 9) << other;
+    }
+}
+
+TEST_F(queries_test, a_cancel_reaches_the_whole_group_and_sigchld_closes_the_job) {
+    for (const char* name : {"term", "SIGHUP"}) {
+        open_with(std::string("[USERID]\nroot=START\n[GLOBAL]\nKillSignal=") + name + "\n");
+        start(1, "sleep 600 & sleep 600\r\n");
+        JP_AREA* job = Find_JEntry(1, client);
+        const pid_t group = static_cast<pid_t>(job->fork_pid);
+        cancel(1);
+        EXPECT_EQ(answer(), "OK 2000039 JOBS.TEST|1|");
+        EXPECT_EQ(job->JP_status, 'K');
+        end_child(job);
+        const int signal = strcmp(name, "term") == 0 ? 15 : 9;
+        EXPECT_EQ(job->JP_status, 'V');
+        EXPECT_EQ(job->retCode, signal);
+        EXPECT_EQ(sent()[0].as<MSG_TYPE_EXSTAJ>().status, 'V');
+        // The children of the shell are gone too, or are about to be collected by init.
+        const auto group_gone = [&] { return kill(-group, 0) != 0; };
+        for (int i = 0; i < 500 && !group_gone(); ++i) {
+            usleep(10000);
+        }
+        cancel(1);
+        EXPECT_EQ(answer(), "NK 2003038 1|") << "an ended job has no process";
+        Erase_JEntry(1, client);
+    }
+    cancel(2);
+    EXPECT_EQ(answer(), "NK 2003038 2|");
+}
+
+TEST_F(queries_test, a_job_that_ignores_the_signal_is_running_again_at_the_next_check) {
+    open_with("[USERID]\nroot=START\n[GLOBAL]\nKillSignal=TERM\n");
+    const std::string ready = folder / "ready";
+    start(1, "trap '' TERM\r\ntouch " + ready + "\r\nsleep 600\r\n");
+    JP_AREA* job = Find_JEntry(1, client);
+    for (int i = 0; i < 500 && access(ready.c_str(), F_OK) != 0; ++i) {
+        usleep(10000);
+    }
+    cancel(1);
+    sent();
+    job->JP_alrmTime = alarm_now();
+    process_jobchk(pcx, nullptr, 0);
+    EXPECT_EQ(job->JP_status, 'R');
+    EXPECT_EQ(sent()[0].as<MSG_TYPE_EXSTAJ>().status, 'R');
+    kill(-static_cast<pid_t>(job->fork_pid), SIGKILL);
+    end_child(job);
+}
+
+TEST_F(queries_test, a_cancel_of_a_waiting_job_answers_twice_and_starts_nothing) {
+    launch_set_fork([]() -> pid_t {
+        errno = EAGAIN;
+        return -1;
+    });
+    activate(activation(1, "true\r\n"));
+    cancel(1);
+    launch_set_fork(fork);
+    const auto messages = sent();
+    ASSERT_EQ(messages.size(), 2u);
+    const auto to_cancel = messages[0].as<MSG_TYPE_QUITT>();
+    EXPECT_EQ(get_text(to_cancel.quitt), "OK");
+    EXPECT_EQ(to_cancel.msgnr, 2001059);
+    const auto to_activation = messages[1].as<MSG_TYPE_QUITT>();
+    EXPECT_EQ(get_text(to_activation.quitt), "NK");
+    EXPECT_EQ(get_text(to_activation.msg), "EXAKTJ");
+    EXPECT_EQ(to_activation.msgnr, 2001059);
+    EXPECT_EQ(jpGetJobCount(), 0);
+}
+
+TEST_F(queries_test, a_known_job_is_told_running_ended_or_waiting) {
+    start(1, "sleep 600\r\n");
+    JP_AREA* job = Find_JEntry(1, client);
+    query(1, {});
+    EXPECT_EQ(answer(), "OK 0 ");
+    EXPECT_EQ(job->JP_RstInfo, ' ') << "a server without the record gets it again";
+    EXPECT_EQ(job_test_log.back().inserts, "1|100|RUNNING|");
+    kill(-static_cast<pid_t>(job->fork_pid), SIGKILL);
+    end_child(job);
+    const int count = job->sta_cnt;
+    sent();
+    query(1, {});
+    const auto messages = sent();
+    ASSERT_EQ(messages.size(), 2u);
+    EXPECT_EQ(messages[0].as<MSG_TYPE_QUITT>().msgnr, 0);
+    EXPECT_EQ(messages[1].as<MSG_TYPE_EXSTAJ>().cnt, count + 1);
+
+    JP_AREA* waiting = bare_job(2);
+    waiting->jobstart = 1;
+    query(2, {});
+    EXPECT_EQ(answer(), "OK 0 ") << "and no status";
+    query(3, {});
+    EXPECT_EQ(answer(), "NK 2003010 3|100|LOST|");
+    EXPECT_EQ(Find_JEntry(3, client), nullptr);
+}
+
+TEST_F(queries_test, twenty_jobs_outlive_the_agents_memory) {
+    constexpr int jobs = 20;
+    const std::string go = folder / "go";
+    std::vector<message_bytes> records(jobs + 1);
+    std::vector<pid_t> pids(jobs + 1);
+    for (int run = 1; run <= jobs; ++run) {
+        const std::string number = std::to_string(run);
+        records[static_cast<size_t>(run)] =
+            start(run, "echo '**  JOB " + number +
+                           " START AT 04.03.2026 / 07:06:07 UTC TIME 04.03.2026 / 06:06:07 ProcID:'$$\r\n" +
+                           (run % 2 == 0 ? "while [ ! -e " + go + " ]; do sleep 0.05; done\r\n" : "") +
+                           "echo '**  JOB " + number +
+                           " ENDED AT 04.03.2026 / 08:06:07 UTC TIME 04.03.2026 / 07:06:07 ProcID:'$$\r\n"
+                           "echo '**  TEXT=\"\" RETCODE=" +
+                           number + "'\r\n");
+        ASSERT_EQ(records[static_cast<size_t>(run)].size(), 1336u);
+        pids[static_cast<size_t>(run)] = static_cast<pid_t>(Find_JEntry(run, client)->fork_pid);
+    }
+    // The odd ones end before the agent is back; nobody takes their SIGCHLD.
+    for (int run = 1; run <= jobs; run += 2) {
+        ASSERT_EQ(waitpid(pids[static_cast<size_t>(run)], nullptr, 0), pids[static_cast<size_t>(run)]);
+    }
+    lose_memory();
+
+    for (int run = 1; run <= jobs; ++run) {
+        query(run, records[static_cast<size_t>(run)], 3);
+        EXPECT_EQ(answer(), "OK 0 ");
+        const JP_AREA* job = Find_JEntry(run, client);
+        ASSERT_NE(job, nullptr) << run;
+        EXPECT_EQ(job->JP_status, run % 2 == 0 ? 'R' : 'A');
+        EXPECT_EQ(job->JP_sTime.hh, 6) << "the start comes from the report";
+    }
+    query(2, records[2]);
+    EXPECT_EQ(answer(), "OK 0 ") << "a second query finds the entry";
+    write_text(go, "");
+    for (int run = 2; run <= jobs; run += 2) {
+        ASSERT_EQ(waitpid(pids[static_cast<size_t>(run)], nullptr, 0), pids[static_cast<size_t>(run)]);
+    }
+    process_jobchk(pcx, nullptr, 0);
+    std::vector<int> ends(jobs + 1);
+    for (const sent_message& message : sent()) {
+        const auto told = message.as<MSG_TYPE_EXSTAJ>();
+        ASSERT_TRUE(told.ah_idnr >= 1 && told.ah_idnr <= jobs);
+        ++ends[static_cast<size_t>(told.ah_idnr)];
+        EXPECT_EQ(told.status, 'E');
+        EXPECT_EQ(told.retcode, told.ah_idnr);
+        EXPECT_EQ(told.endzeit.hh, 7);
+        EXPECT_EQ(told.cnt, 4);
+    }
+    for (int run = 1; run <= jobs; ++run) {
+        EXPECT_EQ(ends[static_cast<size_t>(run)], 1) << run;
+    }
+}
+
+TEST_F(queries_test, a_record_whose_process_id_was_given_anew_does_not_read_as_running) {
+    message_bytes record = start(1, "true\r\n");
+    end_child(Find_JEntry(1, client));
+    lose_memory();
+    const int32_t own = getpid();  // alive, and not the job
+    memcpy(record.data() + 8, &own, sizeof own);
+    query(1, record);
+    EXPECT_EQ(answer(), "NK 2003010 1|100|LOST|");
+    EXPECT_EQ(jpGetJobCount(), 0);
+    EXPECT_NE(access(report_file(1).c_str(), F_OK), 0);
+}
+
+TEST_F(queries_test, a_cancel_after_a_restart_ends_without_sigchld) {
+    const message_bytes record = start(1, "sleep 600\r\n");
+    const pid_t pid = static_cast<pid_t>(Find_JEntry(1, client)->fork_pid);
+    lose_memory();
+    query(1, record);
+    sent();
+    JP_AREA* job = Find_JEntry(1, client);
+    EXPECT_NE(job->JP_sTime_t, 0) << "from the process, since the report tells none";
+    cancel(1);
+    EXPECT_EQ(answer(), "OK 2000039 JOBS.TEST|1|");
+    ASSERT_EQ(waitpid(pid, nullptr, 0), pid);
+    process_jobchk(pcx, nullptr, 0);
+    const auto messages = sent();
+    ASSERT_EQ(messages.size(), 1u);
+    EXPECT_EQ(messages[0].as<MSG_TYPE_EXSTAJ>().status, 'V');
+    EXPECT_EQ(messages[0].as<MSG_TYPE_EXSTAJ>().retcode, 9);
+}
+
+TEST_F(queries_test, queries_cut_anywhere_or_with_lying_lengths_are_answered_and_kill_nothing) {
+    const message_bytes record = start(1, "true\r\n");
+    end_child(Find_JEntry(1, client));
+    lose_memory();
+    for (const auto& [length, dist] : {std::pair{1336, 45}, {-1, 44}, {1 << 30, 44}, {10, 44}, {1336, -44}}) {
+        MSG_TYPE_JOB_INF order{};
+        order.header = head("JOB_INF", 1);
+        order.ah_idnr = 1;
+        order.restart_len = length;
+        order.restart_dist = dist;
+        message_bytes body(sizeof order);
+        memcpy(body.data(), &order, sizeof order);
+        body.insert(body.end(), record.begin(), record.end());
+        receive(process_jobinf, body.data(), body.size());
+        EXPECT_EQ(answer(), "NK 2003010 1|100|LOST|") << length;
+    }
+    for (size_t length = 8; length < 60; ++length) {
+        message_bytes body(length, 0);
+        memcpy(body.data(), "JOB_INF ", 8);
+        receive(process_jobinf, body.data(), body.size());
+        receive(process_jobcan, body.data(), body.size());
+        receive(process_jobdel, body.data(), body.size());
+        receive(process_exstajqu, body.data(), body.size());
+    }
+    EXPECT_EQ(jpGetJobCount(), 0);
+}
