@@ -6,6 +6,10 @@
 #include <vector>
 
 #include "base/context.h"
+#include "base/descriptor.h"
+#include "base/file_data.h"
+#include "base/files.h"
+#include "base/profile.h"
 #include "base/text.h"
 #include "jobs/job_context.h"
 
@@ -16,7 +20,6 @@ constexpr char section_numbers[] = "QX_USER";
 constexpr char root_name[] = "root";
 constexpr char value_start[] = "START";
 constexpr char value_no_start[] = "NO_START";
-constexpr size_t largest_list = 16 * 1024 * 1024;
 
 std::string setting(EX_PCX* pcx, const char* section, const char* key, const char* preset) {
     char value[256];
@@ -24,21 +27,30 @@ std::string setting(EX_PCX* pcx, const char* section, const char* key, const cha
     return upper(strip(value));
 }
 
-// Key lists have no bound: a forgotten NO_START behind one would let somebody in.
+// Key lists have no bound here: a NO_START that is passed over would let somebody in. So the file is read, and
+// not the service, whose lists end after some kilobytes.
 std::vector<std::string> key_list(EX_PCX* pcx, const char* section) {
-    for (size_t size = 16384; size <= largest_list; size *= 2) {
-        std::vector<char> buffer(size);
-        const int length = pcx->getProfileString(pcx, section, "", "", buffer.data(), buffer.size());
-        if (length >= 0 && static_cast<size_t>(length) + 2 >= size) {
-            continue;
-        }
-        std::vector<std::string> keys;
-        for (const char* at = buffer.data(); *at != 0; at += strlen(at) + 1) {
-            keys.emplace_back(at);
-        }
+    std::vector<std::string> keys;
+    const qx_stream file(FileFOpenNoTrace(pcx->IniFile, "r"));
+    if (!file.valid()) {
         return keys;
     }
-    return {};
+    char line[ini_record_size];
+    bool inside = false;
+    while (GetProfZeile(file.get(), line, sizeof line) != read_end_of_file) {
+        const std::string_view text(line);
+        const size_t end = text.rfind(']');
+        const size_t equals = text.find('=');
+        if (text.starts_with('[') && end != std::string_view::npos) {
+            if (inside) {
+                break;  // the first section of a name counts
+            }
+            inside = equal_ignore_case(text.substr(1, end - 1), section);
+        } else if (inside && equals != std::string_view::npos) {
+            keys.emplace_back(text.substr(0, equals));
+        }
+    }
+    return keys;
 }
 
 // An entry of an inclusive section admits only by START, one of an exclusive section refuses only by
