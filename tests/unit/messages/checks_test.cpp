@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "images.h"
+#include "message_images.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <functional>
 #include <random>
 
-#include "images.h"
+#include "message_images.h"
 #include "messages/head.h"
 #include "messages/walk.h"
 

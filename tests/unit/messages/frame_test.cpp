@@ -4,7 +4,7 @@
 
 #include <random>
 
-#include "images.h"
+#include "message_images.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "images.h"
+#include "message_images.h"
 #include "messages/records_job.h"
 #include "messages/records_server.h"
 #include "messages/timestamp.h"
