@@ -158,7 +158,8 @@ void take_logon(cp_server& server, cp_agent& agent, message_view view, const fra
     agent.start_type = logon.starttype;
     agent.since = cp_time_text();
     read_variables(agent, view, logon);
-    agent.report_id = server.store.next_report_id++;
+    agent.report_id = logon.ah_idnr != 0 ? logon.ah_idnr : server.store.next_report_id++;
+    server.store.next_report_id = std::max(server.store.next_report_id, agent.report_id + 1);
     if (std::string fault = cp_store_save_numbers(server.store); !fault.empty()) {
         cp_emit(server, "store", "", 0, fault);
     }

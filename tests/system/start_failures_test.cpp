@@ -1,0 +1,86 @@
+// What ends the agent at its start, and what it says then: exit code 1 and a line that names the key or the call.
+#include <sys/stat.h>
+
+#include "server_fixture.h"
+
+namespace {
+
+struct start_failure {
+    const char* what;
+    void (*spoil)(installation&);
+    const char* expected;  // in the log or on standard output
+};
+
+const start_failure failures[] = {
+    {"no system", [](installation& host) { host.ini["GLOBAL"].erase("system"); }, "system"},
+    {"name of 33 characters", [](installation& host) { host.ini["GLOBAL"]["name"] = std::string(33, 'A'); }, "name"},
+    {"no messenger", [](installation& host) { host.ini["VARIABLES"].erase("QX_EX_JOB_MD"); }, "QX_EX_JOB_MD"},
+    {"no message library", [](installation& host) { host.ini["GLOBAL"]["helplib"] = "./missing.msl"; }, "missing.msl"},
+    {"cache below a file",
+     [](installation& host) {
+         write_file(host.path("plain"), "");
+         host.ini["VARIABLES"]["QX_EX_PATH_CACHE"] = "../plain/cache";
+     },
+     "plain/cache"},
+    {"backup below a file",
+     [](installation& host) {
+         write_file(host.path("plain"), "");
+         host.ini["VARIABLES"]["QX_EX_PATH_BACKUP"] = "../plain/backup";
+     },
+     "plain/backup"},
+};
+
+TEST(start, names_what_is_wrong_with_the_settings) {
+    for (const start_failure& failure : failures) {
+        installation host("BROKEN", 1);
+        failure.spoil(host);
+        host.start();
+        ASSERT_TRUE(host.agent.wait_end(10000)) << failure.what;
+        EXPECT_EQ(host.agent.exit_code(), 1) << failure.what;
+        const std::string said = host.agent.output() + host.log();
+        EXPECT_NE(said.find(failure.expected), std::string::npos) << failure.what << ": " << said;
+    }
+}
+
+TEST(start, takes_a_name_of_32_characters) {
+    installation host(std::string(32, 'A'), 1);
+    host.start();
+    EXPECT_TRUE(wait_until(10000, [&] { return host.log_has("2000072"); })) << host.agent.output() << host.log();
+    EXPECT_TRUE(host.stop());
+    EXPECT_EQ(host.agent.exit_code(), 0);
+}
+
+TEST(start, tells_when_the_ini_file_is_not_there) {
+    installation host("NOINI", 1);
+    start_program(host.agent, {host.path("bin/qxxjlnx")}, host.path("agent.out"));
+    ASSERT_TRUE(host.agent.wait_end(10000));
+    EXPECT_EQ(host.agent.exit_code(), 1);
+    EXPECT_NE(host.agent.output().find("U02003041 Invalid 'access'-call"), std::string::npos) << host.agent.output();
+    EXPECT_NE(host.agent.output().find("ended abnormaly"), std::string::npos);
+}
+
+TEST(start, answers_help_version_and_wrong_use) {
+    std::string output;
+    EXPECT_EQ(run_program({QX_AGENT_PROGRAM, "-Help"}, output), 0);
+    EXPECT_NE(output.find("usage : QXXJxxx [[ini=]<file>]"), std::string::npos) << output;
+    EXPECT_NE(output.find("U02000001"), std::string::npos) << output;
+
+    scratch_folder folder;
+    EXPECT_EQ(run_program({QX_AGENT_PROGRAM, "-V" + folder.path + "/Version.TXT"}, output), 0);
+    const std::string version = read_file(folder.path + "/Version.TXT");
+    EXPECT_NE(version.find("QX7 Agent version 12.2.0+build.2108, changelist "), std::string::npos) << version;
+
+    EXPECT_EQ(run_program({QX_AGENT_PROGRAM, "-V", "more"}, output), 1);
+    EXPECT_NE(output.find("ended abnormaly"), std::string::npos) << output;
+}
+
+TEST(start, finds_a_relative_ini_file_from_the_folder_of_the_call) {
+    installation host("RELATIVE", 1);
+    host.write_ini();
+    rename(host.ini_path().c_str(), host.path("Mixed.Ini").c_str());
+    start_program(host.agent, {host.path("bin/qxxjlnx"), "INI=Mixed.Ini"}, host.path("agent.out"), host.folder.path);
+    EXPECT_TRUE(wait_until(10000, [&] { return host.log_has("2000072"); })) << host.agent.output() << host.log();
+    EXPECT_TRUE(host.stop());
+}
+
+}  // namespace
