@@ -7,7 +7,6 @@
 
 #include <csignal>
 #include <cstring>
-#include <regex>
 #include <thread>
 
 #include "base/locks.h"
@@ -65,7 +64,8 @@ std::vector<std::string> texts(const std::string& content) {
     std::vector<std::string> lines;
     std::istringstream in(content);
     for (std::string line; std::getline(in, line);) {
-        EXPECT_TRUE(std::regex_search(line, std::regex("^(\\d{8}/\\d{6}\\.\\d{3} - | {22})"))) << line;
+        EXPECT_TRUE(has_form(line, "99999999/999999.999 - *") || line.starts_with(std::string(22, ' ')))
+            << line;
         lines.push_back(line.substr(22));
     }
     return lines;
@@ -137,7 +137,7 @@ TEST_F(LogTest, TheThreadColumnAndDumpsLineUp) {
     LogDump("title", data, 40);
     const std::vector<std::string> lines = texts(dir.read("log00"));
     EXPECT_EQ(lines[0], std::string(17, ' ') + "main");
-    EXPECT_TRUE(std::regex_match(lines[1], std::regex("[0-9A-F]{16} other")));
+    EXPECT_TRUE(has_form(lines[1], "XXXXXXXXXXXXXXXX other"));
     EXPECT_EQ(lines[2].find("U0009909 DUMP: (title)"), 17U);
     char figures[64];
     snprintf(figures, sizeof figures, "%p %.5d", static_cast<const void*>(data), 40);
@@ -324,6 +324,6 @@ TEST_F(LogTest, ManyThreadsWriteWholeLines) {
     }
     EXPECT_EQ(ZULOGG_NrMsg(pcx->logHnd), 800);
     for (const std::string& line : texts(dir.read("log00"))) {
-        EXPECT_TRUE(std::regex_match(line, std::regex("U00000100 'worker' started, version '\\d+'"))) << line;
+        EXPECT_TRUE(line.starts_with("U00000100 'worker' started, version '") && line.ends_with("'")) << line;
     }
 }

@@ -1,6 +1,7 @@
 // A directory of its own for a test, removed at the end, and small file helpers.
 #pragma once
 
+#include <ctype.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -40,3 +41,23 @@ struct scratch {
         return lstat(at(name).c_str(), &status) == 0;
     }
 };
+
+// True when the text has the form: '9' stands for a digit, 'X' for a hexadecimal one, '*' at the end for any
+// rest.
+inline bool has_form(const std::string& text, const std::string& form) {
+    const bool open = !form.empty() && form.back() == '*';
+    const size_t length = open ? form.size() - 1 : form.size();
+    if (text.size() < length || (!open && text.size() != length)) {
+        return false;
+    }
+    for (size_t i = 0; i < length; ++i) {
+        const unsigned char c = static_cast<unsigned char>(text[i]);
+        const bool fits = form[i] == '9'   ? isdigit(c) != 0
+                          : form[i] == 'X' ? isxdigit(c) != 0
+                                           : text[i] == form[i];
+        if (!fits) {
+            return false;
+        }
+    }
+    return true;
+}

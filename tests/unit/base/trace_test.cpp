@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <regex>
 #include <thread>
 
 #include "scratch.h"
@@ -78,8 +77,8 @@ TEST_F(TraceTest, TextsAndDumpsHaveTheirForms) {
         lines.push_back(line);
     }
     ASSERT_EQ(lines.size(), 6U);
-    EXPECT_TRUE(std::regex_match(lines[0], std::regex("MAIN-THREAD      \\d{8}/\\d{6}\\.\\d{3} number 7")));
-    EXPECT_TRUE(std::regex_match(lines[1], std::regex("[0-9A-F]{16} \\d{8}/\\d{6}\\.\\d{3} other")));
+    EXPECT_TRUE(has_form(lines[0], "MAIN-THREAD      99999999/999999.999 number 7"));
+    EXPECT_TRUE(has_form(lines[1], "XXXXXXXXXXXXXXXX 99999999/999999.999 other"));
     EXPECT_EQ(lines[2].find("U0009909 TRACE: (title)"), 37U);
     char figures[64];
     snprintf(figures, sizeof figures, "  %p 00000", static_cast<void*>(data));
