@@ -1,6 +1,7 @@
 // EXSTRTQ2: the values of the server. A message may stop early, and a value that cannot work leaves the old
 // one.
 #include <arpa/inet.h>
+#include <ifaddrs.h>
 #include <netdb.h>
 #include <unistd.h>
 
@@ -123,24 +124,42 @@ struct address_list {
     }
 };
 
-void add_resolved(address_list* list) {
-    char name[256] = {};
-    if (gethostname(name, sizeof name - 1) != 0) {
-        return;  // a host without a name has no further addresses
+void add_interfaces(address_list* list) {
+    ifaddrs* found = nullptr;
+    if (getifaddrs(&found) != 0) {
+        return;  // what the host's name resolves to is left
     }
-    addrinfo hints = {};
-    hints.ai_family = AF_INET;
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo* found = nullptr;
-    if (getaddrinfo(name, nullptr, &hints, &found) != 0) {
-        return;
+    for (const ifaddrs* at = found; at != nullptr; at = at->ifa_next) {
+        if (at->ifa_addr != nullptr && at->ifa_addr->sa_family == AF_INET) {
+            sockaddr_in address;
+            memcpy(&address, at->ifa_addr, sizeof address);
+            list->add(address.sin_addr.s_addr);
+        }
     }
-    for (const addrinfo* at = found; at != nullptr; at = at->ai_next) {
-        sockaddr_in address;
-        memcpy(&address, at->ai_addr, sizeof address);
-        list->add(address.sin_addr.s_addr);
-    }
-    freeaddrinfo(found);
+    freeifaddrs(found);
+}
+
+// Asked once: a name service that is away must not stop the agent at every logon.
+const address_list& resolved_once() {
+    static const address_list resolved = [] {
+        address_list list;
+        char name[256] = {};
+        addrinfo hints = {};
+        hints.ai_family = AF_INET;
+        hints.ai_socktype = SOCK_STREAM;
+        addrinfo* found = nullptr;
+        if (gethostname(name, sizeof name - 1) != 0 || getaddrinfo(name, nullptr, &hints, &found) != 0) {
+            return list;  // the interfaces tell enough
+        }
+        for (const addrinfo* at = found; at != nullptr; at = at->ai_next) {
+            sockaddr_in address;
+            memcpy(&address, at->ai_addr, sizeof address);
+            list.add(address.sin_addr.s_addr);
+        }
+        freeaddrinfo(found);
+        return list;
+    }();
+    return resolved;
 }
 
 void take_own_addresses(EX_PCX* pcx, const logon_answer& answer, message_view view) {
@@ -148,7 +167,10 @@ void take_own_addresses(EX_PCX* pcx, const logon_answer& answer, message_view vi
     list.add_text(pcx->pcx_varex->ipAddr);
     list.add_text(pcx->listener_bindaddr);
     list.add_text("127.0.0.1");
-    add_resolved(&list);
+    for (const in_addr_t address : resolved_once().addresses) {
+        list.add(address);
+    }
+    add_interfaces(&list);
     for (const std::string_view word : split_words(view_text(view, answer.ip_dist, answer.ip_len), ';')) {
         std::string text(word);
         text.erase(std::remove(text.begin(), text.end(), ' '), text.end());

@@ -1,5 +1,6 @@
 #include "agent/server_connection.h"
 
+#include <algorithm>
 #include <cstring>
 #include <map>
 #include <string>
@@ -28,6 +29,7 @@ constexpr size_t key_list_max = 512;  // bytes of key names of section CP_LIST t
 constexpr int unanswered_limit = 2;
 constexpr int wait_after_silence = 30;
 constexpr int item_card = 4;
+constexpr size_t named_list_max = 8192;  // the elements that count fit well
 
 // Lists that candidates named, by channel. The one of the candidate that becomes the server is written to the
 // INI file, the others are forgotten: whoever answers a connect could name anything.
@@ -226,7 +228,7 @@ int process_server_data(EX_PCX* pcx, ccm_msg_t* msg) {
     __log(2000354, "%s|%d", name.c_str(), ranking);
     const char* list = reinterpret_cast<const char*>(msg->msg_start) + sizeof data;
     const size_t length = static_cast<size_t>(msg->len) - sizeof data;
-    named_lists[id] = std::string(list, length);
+    named_lists[id] = std::string(list, std::min(length, named_list_max));
     cp_search_add_list(pcx, list, length);
     cp_connection_connect_next_based_ranking(pcx);
     return 0;

@@ -445,10 +445,12 @@ int run_steps(EX_PCX* pcx, const char* program_path, qx7_error* error, bool* no_
 }
 
 const char* remedy_of(const qx7_error& error) {
-    if (error.qx_msgnr == message_setting) {
-        return "set it to a value of 1 to 32 characters (QX_EX_JOB_MD: 1 to 128)";
+    if (error.qx_msgnr != message_setting) {
+        return "name a path that the agent's user may use, or give that user the right";
     }
-    return "name a path that the agent's user may use, or give that user the right";
+    return std::string_view(current.key) == "QX_EX_JOB_MD"
+               ? "set it to the job messenger's path, at most 128 characters"
+               : "set it to a name of 1 to 32 characters";
 }
 
 }  // namespace

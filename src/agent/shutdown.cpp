@@ -220,7 +220,11 @@ void ExitCall(const char* call, const char* text, int error_number) {
     if (!on_main_thread()) {
         _exit(1);
     }
+    const bool child = pcx != nullptr && pcx->running_mode != MODE_AGENT;
     Close_All(pcx, 1, 0);
+    if (child) {
+        _exit(1);  // exit functions and streams are the parent's
+    }
     exit(1);
 }
 
