@@ -1,0 +1,251 @@
+// The command line of the development server and its console.
+#include <fmt/format.h>
+#include <pwd.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstdlib>
+#include <nlohmann/json.hpp>
+
+#include "console.h"
+#include "decode.h"
+#include "server.h"
+
+namespace {
+
+constexpr int exit_usage = 64;
+volatile std::sig_atomic_t stop_wanted = 0;
+
+std::string default_folder() {
+    if (const char* folder = std::getenv("QXCP_DATA"); folder != nullptr && *folder != '\0') {
+        return folder;
+    }
+    const char* home = std::getenv("HOME");
+    return fmt::format("{}/.qxcp", home != nullptr && *home != '\0' ? home : "/tmp");
+}
+
+std::string own_user() {
+    const passwd* entry = getpwuid(geteuid());
+    return entry != nullptr ? entry->pw_name : "";
+}
+
+void print_event(const cp_event& event, bool as_json) {
+    if (as_json) {
+        nlohmann::json j = {{"time", event.time}, {"event", event.kind}, {"text", event.text}};
+        if (!event.agent.empty()) {
+            j["agent"] = event.agent;
+        }
+        if (event.run != 0) {
+            j["run"] = event.run;
+        }
+        fmt::print("{}\n", j.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+    } else {
+        fmt::print("{} {:<10} {}\n", event.time.substr(event.time.find(' ') + 1), event.kind, event.text);
+    }
+    std::fflush(stdout);
+}
+
+void stop_handler(int) {
+    stop_wanted = 1;
+}
+
+void catch_stop_signals() {
+    struct sigaction action {};
+    action.sa_handler = stop_handler;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+}
+
+int serve(const cp_options& options, bool as_json) {
+    std::string error;
+    auto server = cp_server_open(options, error);
+    if (!server) {
+        fmt::print(stderr, "qxcp: {}\n", error);
+        return 1;
+    }
+    cp_server_observe(server.get(), [as_json](const cp_event& event) { print_event(event, as_json); });
+    print_event({"", "serve", "", 0,
+                 fmt::format("server {} of system {} listens on {}:{}, data in {}", options.name, options.system,
+                             options.address, cp_server_port(server.get()), options.folder)},
+                as_json);
+    catch_stop_signals();
+    while (stop_wanted == 0) {
+        cp_server_step(server.get(), 1000);
+    }
+    print_event({"", "serve", "", 0, "server stopped; agents and their jobs go on"}, as_json);
+    return 0;
+}
+
+// A server in a child process, so that the console's own waiting stays as it is.
+int run_here(const cp_options& server_options, const cp_console_options& console, const cp_run_options& run) {
+    std::string error;
+    auto server = cp_server_open(server_options, error);
+    if (!server) {
+        fmt::print(stderr, "qxcp: {}\n", error);
+        return 1;
+    }
+    const int port = cp_server_port(server.get());
+    const pid_t child = fork();
+    if (child < 0) {
+        fmt::print(stderr, "qxcp: fork: {}\n", std::strerror(errno));
+        return 1;
+    }
+    if (child == 0) {
+        setpgid(0, 0);  // Ctrl-C is for the console
+        catch_stop_signals();
+        const pid_t parent = getppid();
+        while (stop_wanted == 0 && getppid() == parent) {
+            cp_server_step(server.get(), 500);
+        }
+        server.reset();
+        _exit(0);
+    }
+    fmt::print(stderr, "qxcp: server of system {} on {}:{}, waiting for agents\n", server_options.system,
+               server_options.address, port);
+    const int code = cp_console_run(console, run);
+    kill(child, SIGTERM);
+    return code;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{"Development server for QX7 agents: runs one, and talks to a running one.", "qxcp"};
+    app.require_subcommand(1);
+    app.failure_message([](const CLI::App*, const CLI::Error& fault) {
+        return fmt::format("qxcp: {}. Type 'qxcp --help' or 'qxcp COMMAND --help'.\n", fault.what());
+    });
+
+    cp_options server;
+    cp_console_options console;
+    cp_run_options run;
+    server.folder = console.folder = default_folder();
+    bool as_json = false;
+    bool here = false;
+    int run_number = 0;
+    std::string agent;
+    std::string match;
+    std::string report_path;
+    bool tail = false;
+
+    auto add_data = [&](CLI::App* command) {
+        command->add_option("--data", console.folder, "the server's data folder (or set QXCP_DATA)")
+            ->capture_default_str();
+        command->add_flag("--json", as_json, "print JSON, one object a line, for programs");
+    };
+    auto add_server_options = [&](CLI::App* command) {
+        command->add_option("--system", server.system, "system name that agents must name")->capture_default_str();
+        command->add_option("--port", server.port, "TCP port for agents, 0: any free one")
+            ->check(CLI::Range(0, 65535))
+            ->default_val(2217);
+        command->add_option("--address", server.address, "IPv4 address to listen on")->capture_default_str();
+        command->add_option("--server-name", server.name, "name of this server process")->capture_default_str();
+        command->add_option("--ranking", server.ranking, "1: agents take this server at once; 9999: it refuses them")
+            ->check(CLI::Range(1, 9999))
+            ->capture_default_str();
+        command->add_option("--cp-list", server.cp_list, "other servers, as 'host:port;host:port;'");
+        command->add_option("--job-check", server.job_check, "seconds between two status reports of a job")
+            ->check(CLI::PositiveNumber)
+            ->capture_default_str();
+        command->add_option("--keep-alive", server.keep_alive, "seconds of silence before an agent asks")
+            ->check(CLI::PositiveNumber)
+            ->capture_default_str();
+        command->add_option("--reconnect", server.reconnect, "seconds between two connection attempts of an agent")
+            ->check(CLI::PositiveNumber)
+            ->capture_default_str();
+        command->add_option("--block-size", server.block_size, "bytes of a report block")
+            ->check(CLI::Range(128, 32767))
+            ->capture_default_str();
+        command->add_flag("--check-passwords", server.check_passwords, "agents shall check the passwords of jobs");
+    };
+
+    auto* serve_command = app.add_subcommand("serve", "run the server: agents log on, events are printed");
+    add_server_options(serve_command);
+    add_data(serve_command);
+
+    auto* run_command = app.add_subcommand(
+        "run", "run a script as a job, show its states and its report; the exit code is the job's (125: it never ran)");
+    run_command->add_option("script", run.script_path, "the script, '-' for standard input")->required();
+    run_command->add_option("--agent", run.agent, "agent that runs it; needed when several are logged on");
+    run_command->add_option("--user", run.user, "user on the agent's host")->default_val(own_user());
+    run_command->add_option("--password-file", run.password_file, "file whose first line is that user's password");
+    run_command->add_option("--shell", run.shell, "shell, if neither the script's first line nor the user's own");
+    run_command->add_option("--name", run.name, "name of the job (the script's file name)");
+    run_command->add_option("--client", run.client, "client number")->capture_default_str();
+    run_command->add_option("--report", run.report_path, "write the report to this file");
+    run_command->add_flag("--plain", run.plain, "without the messenger's calls around the script");
+    run_command->add_flag("--here", here, "start a server for this job alone and wait for an agent");
+    add_server_options(run_command);
+    add_data(run_command);
+
+    auto* agents_command = app.add_subcommand("agents", "list the agents that are logged on");
+    add_data(agents_command);
+    auto* jobs_command = app.add_subcommand("jobs", "list all jobs");
+    add_data(jobs_command);
+    auto* cancel_command = app.add_subcommand("cancel", "cancel a job");
+    cancel_command->add_option("run", run_number, "run number of the job")->required()->check(CLI::PositiveNumber);
+    add_data(cancel_command);
+    auto* info_command = app.add_subcommand("info", "all that is known of a job, and what its agent says now");
+    info_command->add_option("run", run_number, "run number of the job")->required()->check(CLI::PositiveNumber);
+    add_data(info_command);
+    auto* report_command = app.add_subcommand("report", "print the report of a job, also while it runs");
+    report_command->add_option("run", run_number, "run number of the job")->required()->check(CLI::PositiveNumber);
+    report_command->add_option("--match", match, "only lines that match: * any text, ? any character, case ignored");
+    report_command->add_flag("--tail", tail, "only the end");
+    report_command->add_option("--output", report_path, "write to this file");
+    add_data(report_command);
+    auto* stop_command = app.add_subcommand("stop", "shut an agent down; its jobs go on");
+    stop_command->add_option("agent", agent, "name of the agent")->required();
+    add_data(stop_command);
+
+    cp_decode_options decode;
+    std::string decode_file;
+    auto* decode_command = app.add_subcommand(
+        "decode", "show messages, one a line in hex, or frames, as JSON lines: result, warnings, fields");
+    bool to_lan = false;
+    bool to_host = false;
+    auto* lan = decode_command->add_flag("--to-lan", to_lan, "walk them as outgoing messages");
+    decode_command->add_flag("--to-host", to_host, "walk them as received messages (the default)")->excludes(lan);
+    decode_command->add_option("file", decode_file, "input, standard input unless given");
+
+    CLI11_PARSE(app, argc, argv);
+
+    server.folder = console.folder;
+    console.json = as_json;
+    if (server.name.empty() || server.name.front() == '*') {
+        fmt::print(stderr, "qxcp: the server's name must not be empty or begin with '*'\n");
+        return exit_usage;
+    }
+    if (*serve_command) {
+        return serve(server, as_json);
+    }
+    if (*run_command) {
+        if (run.name.empty()) {
+            run.name = run.script_path == "-" ? "stdin" : run.script_path.substr(run.script_path.rfind('/') + 1);
+        }
+        return here ? run_here(server, console, run) : cp_console_run(console, run);
+    }
+    if (*agents_command) {
+        return cp_console_agents(console);
+    }
+    if (*jobs_command) {
+        return cp_console_jobs(console);
+    }
+    if (*cancel_command) {
+        return cp_console_cancel(console, run_number);
+    }
+    if (*info_command) {
+        return cp_console_info(console, run_number);
+    }
+    if (*report_command) {
+        return cp_console_report(console, run_number, match, tail, report_path);
+    }
+    if (*stop_command) {
+        return cp_console_stop(console, agent);
+    }
+    decode.to_lan = to_lan;
+    return cp_decode(decode, decode_file);
+}
