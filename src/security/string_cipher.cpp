@@ -155,7 +155,7 @@ int enMaximBin(const uint8_t* in, uint8_t* out, size_t out_size, size_t length) 
         return -1;
     }
     const des_key& key = set_key();
-    if (in != out) {
+    if (in != out && length != 0) {
         memmove(out, in, length);
     }
     for (size_t i = length; rest != 0 && i < whole + block_size; i++) {
@@ -180,7 +180,7 @@ int deMaximBin(const uint8_t* in, uint8_t* out, size_t out_size, size_t length) 
         return -1;
     }
     const des_key& key = set_key();
-    if (in != out) {
+    if (in != out && length != 0) {
         memmove(out, in, whole);
     }
     for (size_t at = 0; at < whole; at += block_size) {
