@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 
@@ -217,6 +218,15 @@ void ccm_test::start() {
     ASSERT_EQ(ccm_thread_start(ccm, &error), 0) << error.msginsert;
 }
 
+void ccm_test::be(int mode) {
+    bool running = ccm->thread_started.load() != 0;
+    ccm_thread_end(ccm);
+    pcx.running_mode = mode;
+    if (running) {
+        start();
+    }
+}
+
 partner ccm_test::open_channel(int type, const char* name, int* id) {
     int ends[2] = {-1, -1};
     if (type == CH_TYPE_IPC) {
@@ -286,7 +296,7 @@ ccm_channel_image_t ccm_test::close_event(int id) {
 ccm_msg_t* ccm_test::nat_message(const bytes& body) {
     ccm_error_t error;
     ccm_msg_t* msg = ccm_msg_alloc_cleared(ccm, static_cast<int>(body.size()), &error);
-    memcpy(msg->msg_start, body.data(), body.size());
+    std::copy(body.begin(), body.end(), msg->msg_start);
     return msg;
 }
 

@@ -60,7 +60,8 @@ struct ccm_test : testing::Test {
     ~ccm_test() override;
     void start();
     // Ends and starts anew everything as a process of `mode`.
-    void be(int mode) { pcx.running_mode = mode; }
+    // The process becomes one of another kind, as a forked child does before its threads start.
+    void be(int mode);
 
     // A channel of `type` over a socket pair (for connections a loopback TCP pair), chained; its far end.
     partner open_channel(int type, const char* name, int* id);

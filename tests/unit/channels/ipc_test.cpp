@@ -156,6 +156,7 @@ TEST_F(descriptor_test, two_records_in_one_read_take_their_own_descriptors) {
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(handle_next(), 0);
     }
+    ccm_thread_end(ccm);  // the sockets are looked at below and belong to it
     for (int i = 0; i < 2; ++i) {
         ccm_channel_image_t image;
         ASSERT_EQ(ccm_channel_copy(ccm, ids[i], &image), 0);
@@ -249,6 +250,7 @@ TEST_F(descriptor_test, a_record_that_waits_owns_its_descriptor) {
     close(got);
     close(ends[1]);
     // One that never finds its channel closes it.
+    ASSERT_EQ(ccm_network_sync(ccm, 5000), 0);
     int before = count_descriptors();
     ASSERT_EQ(send_file_descriptor(ccm, "*IPC(NOBODY)", 0, 3, 4, "NAME"), 0);
     ASSERT_EQ(ccm_network_sync(ccm, 5000), 0);

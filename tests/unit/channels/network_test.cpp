@@ -418,7 +418,6 @@ TEST_F(ccm_test, wake_ups_neither_block_nor_pile_up) {
 TEST_F(ccm_test, record_heads_with_any_size_are_judged_before_they_are_read) {
     int id = 0;
     start();
-    pcx.running_mode = MODE_AGENT;
     partner far = open_channel(CH_TYPE_IPC, "*IPC(LISTENER)", &id);
     pcx.listener_channel_ID = id;
     char tiny[3] = {'P', 'I', 'N'};
