@@ -5,8 +5,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <climits>
 #include <charconv>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -134,6 +134,7 @@ bool parseOptions(const std::vector<std::string>& words, PackOptions* options, s
                 return false;
             }
             options->id = static_cast<int>(id);
+            options->idGiven = true;
         } else if (word == "--set") {
             if (!setParameter(words[++i], &options->parameters, why)) {
                 return false;
@@ -368,7 +369,7 @@ int main(int argc, char** argv) {
     }
     signal(SIGPIPE, SIG_IGN);  // a closed pipe is an error of write
     if (options.action == PackOptions::Action::measure) {
-        return measureFiles(options.files, &why) ? 0 : complain(why);
+        return measureFiles(options.files, options.idGiven ? options.id : -1, &why) ? 0 : complain(why);
     }
     if (options.files.empty()) {
         options.files.emplace_back("-");

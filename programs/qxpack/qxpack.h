@@ -10,6 +10,7 @@
 struct PackOptions {
     enum class Action { compress, decompress, test, list, measure } action = Action::compress;
     int id = compress_default;
+    bool idGiven = false;
     int flags = 0;
     bool modeGiven = false;
     bool force = false;
@@ -39,7 +40,8 @@ bool packStream(int from, const std::string& name, const PackOptions& options, B
                 std::string* why);
 bool unpackStream(int from, const std::string& name, const PackOptions& options, ByteSink& sink,
                   uint64_t total, StreamFacts* facts, std::string* why);
-bool measureFiles(const std::vector<std::string>& files, std::string* why);
+// only  a method to measure alone, -1 for all
+bool measureFiles(const std::vector<std::string>& files, int only, std::string* why);
 
 // Text of a compressor error, for an operator.
 std::string errorText(const ErrMsg& err);

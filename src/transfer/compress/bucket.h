@@ -5,10 +5,11 @@
 #include "transfer/compress/format.h"
 #include "transfer/compress/memory.h"
 
-// A bucket is a ring: what is newest moves, not the positions. The memory is touched where contexts occur.
+// A bucket is a ring behind the place of its newest slot: what is newest moves, not the slots. The memory is
+// touched where contexts occur. Slot holds a position, 0 for none, in its upper half when it is 64 bits wide.
+template <class Slot>
 struct BucketTable {
-    Memory slots;  // positions, 0 for none
-    Memory heads;  // place of the newest position in each ring
+    Memory memory;
     ContextHash hash{};
     uint32_t value = 0;
     unsigned level = 0;
@@ -17,23 +18,23 @@ struct BucketTable {
         hash = contextHash(512U << parameters.lzpHashTableSize, parameters.lzpHash);
         value = hash.start;
         level = parameters.lzmixLevel;
-        const size_t buckets = size_t{hash.mask} + 1;
-        return slots.take(buckets * level * sizeof(uint32_t), "lzx", err) && heads.take(buckets, "lzx", err)
-                   ? 0
-                   : -1;
+        return memory.take((size_t{hash.mask} + 1) * (level + 1) * sizeof(Slot), "lzx", err) ? 0 : -1;
     }
-    // Position of entry `i` of the current context, 0 being the newest.
-    uint32_t get(unsigned i) const {
-        const size_t bucket = value & hash.mask;
-        unsigned place = heads.data()[bucket] + i;
-        place = place < level ? place : place - level;
-        return slots.as<uint32_t>()[bucket * level + place];
+    Slot* bucket(uint32_t context) const {
+        return memory.as<Slot>() + size_t{context & hash.mask} * (level + 1);
     }
-    void push(uint32_t position) {
-        const size_t bucket = value & hash.mask;
-        uint8_t& head = heads.data()[bucket];
-        head = static_cast<uint8_t>(head == 0 ? level - 1 : head - 1);
-        slots.as<uint32_t>()[bucket * level + head] = position;
-    }
-    void step(uint8_t byte) { value = value << hash.shift ^ byte; }
 };
+
+// Slot `i` of a bucket, 0 being the newest.
+template <class Slot>
+inline Slot bucketGet(const Slot* bucket, unsigned level, unsigned i) {
+    const auto place = static_cast<unsigned>(bucket[0]) + i;
+    return bucket[1 + (place < level ? place : place - level)];
+}
+
+template <class Slot>
+inline void bucketPush(Slot* bucket, unsigned level, Slot slot) {
+    const Slot newest = bucket[0] == 0 ? level - 1 : bucket[0] - 1;
+    bucket[0] = newest;
+    bucket[1 + newest] = slot;
+}

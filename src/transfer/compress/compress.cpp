@@ -231,9 +231,10 @@ int openSender(CompressFile& cf, ErrMsg* err) {
     const BufferSizes sizes = bufferSizes(cf.id, cf.parameters);
     cf.in.capacity = sizes.input + input_extra;
     cf.in.history = sizes.history;
-    if (!cf.in.memory.take(cf.in.capacity + input_slack, "input", err)) {
+    if (!cf.in.memory.take(context_front + cf.in.capacity + input_slack, "input", err)) {
         return -1;
     }
+    std::copy(context_before.begin(), context_before.end(), cf.in.at(0) - context_before.size());
     if (cf.id != compress_none && cf.id != compress_zlib && openBlock(cf, err) < 0) {
         return -1;
     }

@@ -73,16 +73,18 @@ RunEnd hufDecompress(DecompressFile& df) {
         // Five rows of 11 bits stand in one filling of the word.
         while (bits.left() >= 8 && to < full - 20) {
             bits.refillFast();
-            bool plain = true;
+            uint64_t found = 0;
+            unsigned taken = 0;
             for (int i = 0; i < 5; ++i) {
-                const uint64_t found = row[bits.word >> (64 - LiteralTable::bits)];
-                const auto bytes = static_cast<uint32_t>(found);
+                found = row[bits.word >> (64 - LiteralTable::bits)];
+                const auto bytes = static_cast<uint32_t>(found >> LiteralTable::bytes_shift);
                 memcpy(to, &bytes, sizeof bytes);
-                to += found >> 40;
-                bits.drop(static_cast<unsigned>(found >> 32) & 255);
-                plain = found != 0;
+                to += found >> LiteralTable::count_shift & 255;
+                bits.word <<= found & 63;
+                taken += static_cast<unsigned>(found);
             }
-            if (!plain) {
+            bits.count -= taken & 255;
+            if (found == 0) {
                 break;
             }
         }

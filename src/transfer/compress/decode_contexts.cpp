@@ -4,6 +4,8 @@
 
 namespace {
 
+// Tables are brought up to date only when a copy asks them: one loop then passes over all bytes since.
+
 struct Table {
     uint32_t* slot;
     uint32_t mask;
@@ -22,33 +24,59 @@ struct Table {
     }
 };
 
+struct OneTable {
+    Table first;
+    uint32_t get(unsigned, const uint8_t*) const { return first.get(); }
+    void pass(uint32_t position, const uint8_t* from, const uint8_t* to) {
+        for (; from < to; ++from) {
+            first.pass(position++, *from);
+        }
+    }
+};
+
+struct TwoTables {
+    Table first;
+    Table second;
+    uint32_t get(unsigned place, const uint8_t*) const { return place == 0 ? first.get() : second.get(); }
+    void pass(uint32_t position, const uint8_t* from, const uint8_t* to) {
+        for (; from < to; ++from) {
+            first.pass(position, *from);
+            second.pass(position++, *from);
+        }
+    }
+};
+
+// The second table has a slot for each two bytes, which are its index as they are.
+struct PairTables {
+    Table first;
+    uint32_t* second;
+    uint32_t get(unsigned place, const uint8_t* at) const {
+        return place == 0 ? first.get() : second[load16(at - 2)];
+    }
+    void pass(uint32_t position, const uint8_t* from, const uint8_t* to) {
+        for (; from < to; ++from) {
+            second[load16(from - 2)] = position;
+            first.pass(position++, *from);
+        }
+    }
+};
+
 struct Buckets {
-    uint32_t* slots;
-    uint8_t* heads;
-    uint32_t mask;
+    const BucketTable<uint32_t>& table;
+    unsigned level;
     unsigned shift;
-    uint32_t level;
     uint32_t value;
 
-    explicit Buckets(const BucketTable& table)
-        : slots(table.slots.as<uint32_t>()),
-          heads(table.heads.data()),
-          mask(table.hash.mask),
-          shift(table.hash.shift),
-          level(table.level),
-          value(table.value) {}
-    uint32_t get(unsigned i) const {
-        const size_t bucket = value & mask;
-        unsigned place = heads[bucket] + i;
-        place = place < level ? place : place - level;
-        return slots[bucket * level + place];
+    explicit Buckets(const BucketTable<uint32_t>& buckets)
+        : table(buckets), level(buckets.level), shift(buckets.hash.shift), value(buckets.value) {}
+    uint32_t get(unsigned place, const uint8_t*) const {
+        return bucketGet(table.bucket(value), level, place);
     }
-    void pass(uint32_t position, uint8_t byte) {
-        const size_t bucket = value & mask;
-        const uint32_t head = heads[bucket] == 0 ? level - 1 : heads[bucket] - 1U;
-        heads[bucket] = static_cast<uint8_t>(head);
-        slots[bucket * level + head] = position;
-        value = value << shift ^ byte;
+    void pass(uint32_t position, const uint8_t* from, const uint8_t* to) {
+        for (; from < to; ++from) {
+            bucketPush(table.bucket(value), level, position++);
+            value = value << shift ^ *from;
+        }
     }
 };
 
@@ -71,8 +99,14 @@ RunEnd runContexts(DecompressFile& df, Tables& tables) {
     uint8_t* to = out.at(out.end);
     const uint8_t* const full = out.at(out.capacity - output_longest);
     const auto pool = static_cast<uint32_t>(out.history);
+    const uint8_t* passed = to;  // the tables know what lies before
     uint32_t position = df.position;
     RunEnd end;
+    const auto passAll = [&] {
+        tables.pass(position, passed, to);
+        position += static_cast<uint32_t>(to - passed);
+        passed = to;
+    };
     for (;;) {
         uint32_t entry;
         if (to > full) {
@@ -85,14 +119,9 @@ RunEnd runContexts(DecompressFile& df, Tables& tables) {
         }
         bits.drop(entryLength(entry));
         if (entryKind(entry) == SymbolKind::literal) {
-            const auto first = static_cast<uint8_t>(entry >> entry_base_shift);
-            *to++ = first;
-            tables.pass(position++, first);
-            if ((entry & entry_two) != 0) {
-                const auto second = static_cast<uint8_t>(entry >> entry_second_shift);
-                *to++ = second;
-                tables.pass(position++, second);
-            }
+            to[0] = static_cast<uint8_t>(entry >> entry_base_shift);
+            to[1] = static_cast<uint8_t>(entry >> entry_second_shift);
+            to += 1 + (entry / entry_two & 1);
             continue;
         }
         if (entryKind(entry) != SymbolKind::copy) {
@@ -100,7 +129,8 @@ RunEnd runContexts(DecompressFile& df, Tables& tables) {
             break;
         }
         const uint32_t length = entryBase(entry) + bits.take(entryExtra(entry));
-        const uint32_t slot = tables.get(entryPlace(entry));
+        passAll();
+        const uint32_t slot = tables.get(entryPlace(entry), to);
         if (slot == 0) {
             end = RunEnd::invalid;
             break;
@@ -110,31 +140,20 @@ RunEnd runContexts(DecompressFile& df, Tables& tables) {
             distance = (distance - 1) % pool + 1;
         }
         copyBack(to, distance, length);
-        for (const uint8_t* const stop = to + length; to < stop; ++to) {
-            tables.pass(position++, *to);
-        }
+        to += length;
     }
+    passAll();
     out.end = static_cast<size_t>(to - out.at(0));
     df.bits = bits;
     df.position = position;
     return end;
 }
 
-struct OneTable {
-    Table first;
-    uint32_t get(unsigned) const { return first.get(); }
-    void pass(uint32_t position, uint8_t byte) { first.pass(position, byte); }
-};
-
-struct TwoTables {
-    Table first;
-    Table second;
-    uint32_t get(unsigned place) const { return place == 0 ? first.get() : second.get(); }
-    void pass(uint32_t position, uint8_t byte) {
-        first.pass(position, byte);
-        second.pass(position, byte);
+void lowerBuckets(const BucketTable<uint32_t>& buckets, uint32_t position, uint32_t pool) {
+    for (size_t i = 0; i <= buckets.hash.mask; ++i) {
+        lowerPositions(buckets.bucket(static_cast<uint32_t>(i)) + 1, buckets.level, position, pool, true);
     }
-};
+}
 
 }  // namespace
 
@@ -155,6 +174,12 @@ RunEnd lzpDecompress(DecompressFile& df) {
         df.context[0].value = tables.first.value;
         return end;
     }
+    if (df.context[1].hash.order == 2 && df.context[1].hash.mask == 0xffff) {
+        PairTables tables{Table(df.context[0]), df.context[1].memory.as<uint32_t>()};
+        const RunEnd end = runContexts(df, tables);
+        df.context[0].value = tables.first.value;
+        return end;
+    }
     TwoTables tables{Table(df.context[0]), Table(df.context[1])};
     const RunEnd end = runContexts(df, tables);
     df.context[0].value = tables.first.value;
@@ -165,8 +190,7 @@ RunEnd lzpDecompress(DecompressFile& df) {
 RunEnd lzxDecompress(DecompressFile& df) {
     const auto pool = static_cast<uint32_t>(df.out.history);
     if (df.position >= position_high) {
-        lowerPositions(df.buckets.slots.as<uint32_t>(), df.buckets.slots.size() / sizeof(uint32_t),
-                       df.position, pool, true);
+        lowerBuckets(df.buckets, df.position, pool);
         df.position = pool + 1;
     }
     Buckets tables(df.buckets);

@@ -51,8 +51,6 @@ void DecodeTable::build(const std::array<uint8_t, alphabet_size>& length,
 
 void LiteralTable::build(const DecodeTable& table) {
     static_assert(bits == decode_bits);
-    constexpr unsigned length_shift = 32;
-    constexpr unsigned count_shift = 40;
     std::array<uint64_t, 1U << bits> pair;
     for (unsigned i = 0; i < pair.size(); ++i) {
         const uint32_t entry = table.quick[i];
@@ -63,17 +61,16 @@ void LiteralTable::build(const DecodeTable& table) {
         const bool two = (entry & entry_two) != 0;
         const uint64_t bytes =
             (entry >> entry_base_shift & 255) | (two ? entry >> entry_second_shift & 255 : 0) << 8;
-        pair[i] =
-            bytes | uint64_t{entryLength(entry)} << length_shift | uint64_t{two ? 2U : 1U} << count_shift;
+        pair[i] = bytes << bytes_shift | uint64_t{two ? 2U : 1U} << count_shift | entryLength(entry);
     }
     for (unsigned i = 0; i < row.size(); ++i) {
         const uint64_t first = pair[i];
-        const auto firstBits = static_cast<unsigned>(first >> length_shift & 255);
+        const auto firstBits = static_cast<unsigned>(first & 63);
         const uint64_t second = pair[i << firstBits & (row.size() - 1)];
-        const auto secondBits = static_cast<unsigned>(second >> length_shift & 255);
-        row[i] = first;
-        if (first >> count_shift == 2 && secondBits != 0 && firstBits + secondBits <= bits) {
-            row[i] = first + (second & 0xffff) * 0x10000 + (second >> length_shift << length_shift);
-        }
+        const auto secondBits = static_cast<unsigned>(second & 63);
+        const bool both =
+            (first >> count_shift & 3) == 2 && secondBits != 0 && firstBits + secondBits <= bits;
+        row[i] =
+            both ? first + (second & 0xffffffffU) + (second >> bytes_shift << (bytes_shift + 16)) : first;
     }
 }

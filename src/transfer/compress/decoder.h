@@ -23,7 +23,7 @@ struct OutputBuffer {
     size_t end = 0;
     uint64_t base = 0;  // bytes of the stream before the memory
 
-    uint8_t* at(size_t offset) const { return memory.data() + offset; }
+    uint8_t* at(size_t offset) const { return memory.data() + context_front + offset; }
     size_t free() const { return capacity - end; }
 };
 // Longest copy of one symbol (four times 32,767), and what wide stores may pass it by.
@@ -81,10 +81,12 @@ struct DecodeTable {
     }
 };
 
-// Several literals at once, for id 1: bytes in the low 32 bits of a row, then the bits they take in 8 bits,
-// then how many; 0 when the first code is longer or no literal.
+// Several literals at once, for id 1. A row: the bits they take in 8 bits, then how many in 8, and up to four
+// bytes from bit 32 on; 0 when the first code is longer or no literal.
 struct LiteralTable {
     static constexpr unsigned bits = 11;
+    static constexpr unsigned count_shift = 8;
+    static constexpr unsigned bytes_shift = 32;
     std::array<uint64_t, 1U << bits> row;
     void build(const DecodeTable& table);
 };
@@ -130,7 +132,7 @@ struct DecompressFile {
 
     uint32_t position = 1;  // of the next byte, as the tables count
     ReceiveContext context[2];
-    BucketTable buckets;
+    BucketTable<uint32_t> buckets;
     PositionClasses classes{};
     std::unique_ptr<ZlibReceiver> zlib;
 

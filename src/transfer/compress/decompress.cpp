@@ -80,7 +80,14 @@ int openBody(DecompressFile& df, ErrMsg* err) {
             df.classes = positionClasses(df.parameters.lzssWindow + 6);
             return allocOutBuf(df, 2 * size_t{df.classes.slidSize} + output_size, df.classes.slidSize, err);
         case compress_lzp:
-            return openLzp(df, err) < 0 ? -1 : allocOutBuf(df, 3 * pool, pool, err);
+            if (openLzp(df, err) < 0 || allocOutBuf(df, 3 * pool, pool, err) < 0) {
+                return -1;
+            }
+            if (pool >= large_pool) {
+                df.out.memory.preferLargePages();
+                df.context[0].memory.preferLargePages();
+            }
+            return 0;
         case compress_lzx:
             return df.buckets.open(df.parameters, err) < 0 ? -1 : allocOutBuf(df, 3 * pool, pool, err);
         case compress_zlib:

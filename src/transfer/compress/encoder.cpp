@@ -64,7 +64,20 @@ void codeBytes(CompressFile& cf, unsigned count) {
     const uint8_t* from = cf.block.bytes + cf.block.coded;
     const CodeRow* const rows = cf.rows.data();
     BitWriter writer = cf.writer;
-    for (; count >= 2; count -= 2, from += 2) {  // two codes of 24 bits fit between flushes
+    if (cf.longest <= 14) {  // four codes fit between flushes
+        for (; count >= 4; count -= 4, from += 4) {
+            const CodeRow& a = rows[from[0]];
+            const CodeRow& b = rows[from[1]];
+            const CodeRow& c = rows[from[2]];
+            const CodeRow& d = rows[from[3]];
+            const uint64_t ab = uint64_t{a.code} << b.length | b.code;
+            const uint64_t cd = uint64_t{c.code} << d.length | d.code;
+            const unsigned last = c.length + unsigned{d.length};
+            writer.put(ab << last | cd, a.length + unsigned{b.length} + last);
+            writer.flush();
+        }
+    }
+    for (; count >= 2; count -= 2, from += 2) {  // two codes of 24 bits fit
         const CodeRow& first = rows[from[0]];
         const CodeRow& second = rows[from[1]];
         writer.put(uint64_t{first.code} << second.length | second.code,
@@ -126,6 +139,7 @@ void codeSymbols(CompressFile& cf, unsigned count) {
 
 void setRows(CompressFile& cf) {
     assignCodes(cf.codes.length.data(), alphabet_size, cf.codes.code.data());
+    cf.longest = *std::max_element(cf.codes.length.begin(), cf.codes.length.end());
     for (unsigned i = 0; i < alphabet_size; ++i) {
         cf.rows[i] = {cf.codes.code[i], cf.codes.length[i], cf.symbols[i].extraBits};
     }

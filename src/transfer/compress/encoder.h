@@ -25,11 +25,13 @@ struct InputBuffer {
     uint32_t base = 1;  // position of the first byte of the memory
     bool eof = false;
 
-    uint8_t* at(size_t offset) const { return memory.data() + offset; }
+    uint8_t* at(size_t offset) const { return memory.data() + context_front + offset; }
     size_t available() const { return end - src; }
     uint32_t position(size_t offset) const { return base + static_cast<uint32_t>(offset); }
 };
-inline constexpr size_t input_slack = 64;
+inline constexpr size_t input_slack = 2048;
+// What a method reads beyond the longest match at once, so that small pieces of a source cost little.
+inline constexpr size_t input_batch = 65536;
 
 // One table of contexts: position of the byte that followed each, 0 for none.
 struct ContextTable {
@@ -84,6 +86,7 @@ struct UsedAccount {
 };
 
 struct LzssSearch;
+template <class Slot>
 struct BucketTable;
 
 struct ZlibSender {
@@ -125,6 +128,7 @@ struct CompressFile {
     size_t overflowEnd = 0;
     bool haveTree = false;
     HuffmanCodes codes{};
+    unsigned longest = 0;  // code
     std::array<CodeRow, alphabet_size> rows{};
     std::array<uint32_t, alphabet_size> frequency{};
     int endBitsLeft = 0;   // after an end: bits of its last symbol that were dropped, -1 when it was passed
@@ -132,7 +136,7 @@ struct CompressFile {
 
     ContextTable context[2];
     std::unique_ptr<LzssSearch> lzss;
-    std::unique_ptr<BucketTable> buckets;
+    std::unique_ptr<BucketTable<uint64_t>> buckets;
     std::unique_ptr<ZlibSender> zlib;
 
     CompressFile();

@@ -80,6 +80,10 @@ struct ContextHash {
     uint32_t start;  // value before the first byte
 };
 
+// Buffers begin with this many bytes, the last of which are the two line ends that the first contexts see.
+inline constexpr unsigned context_front = 16;
+inline constexpr std::array<uint8_t, 4> context_before = {0x0d, 0x0a, 0x0d, 0x0a};
+
 constexpr unsigned getHashShift(uint32_t size, unsigned order) {
     switch (order) {
         case 2:
@@ -105,11 +109,10 @@ constexpr ContextHash contextHash(uint32_t size, unsigned order) {
     }
     ContextHash hash{order, getHashShift(size, order), size - 1, 0};
     // The context before the first byte is as if two line ends had been there; it counts from byte 1 on.
-    constexpr uint32_t before[4] = {0x0d, 0x0a, 0x0d, 0x0a};
     if (order > 0) {
-        hash.start = before[1];
+        hash.start = context_before[1];
         for (unsigned i = 1; i < order; ++i) {
-            hash.start ^= before[3 - i] << (hash.shift * i);
+            hash.start ^= uint32_t{context_before[3 - i]} << (hash.shift * i);
         }
         hash.start &= hash.mask;
     }

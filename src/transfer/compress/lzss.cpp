@@ -211,7 +211,8 @@ int openLzss(CompressFile& cf, ErrMsg* err) {
         ring <<= 1;
     }
     search.ringMask = ring - 1;
-    search.tries = 1U << cf.parameters.lzssLevel;
+    // Strategy 3 tries all that the level allows; the others stop at a quarter, which costs little.
+    search.tries = std::max(1U, (1U << cf.parameters.lzssLevel) / (cf.parameters.var == 3 ? 1 : 4));
     return search.head.take((size_t{1} << search.headBits) * sizeof(uint32_t), "lzss", err) &&
                    search.near.take((size_t{1} << lzss_near_bits) * sizeof(uint32_t), "lzss", err) &&
                    search.previous.take(size_t{ring} * sizeof(uint32_t), "lzss", err)
@@ -222,7 +223,7 @@ int openLzss(CompressFile& cf, ErrMsg* err) {
 int lzssFillHufBuf(CompressFile& cf, ErrMsg* err) {
     InputBuffer& in = cf.in;
     while (cf.block.count < cf.block.size) {
-        if (in.available() < look_ahead && fillInBuf(cf, look_ahead, err) < 0) {
+        if (in.available() < look_ahead && fillInBuf(cf, look_ahead + input_batch, err) < 0) {
             return -1;
         }
         if (in.available() == 0) {

@@ -7,6 +7,9 @@
 
 struct ErrMsg;
 
+// A pool of this size means much data: tables that are read all over are then worth large pages.
+inline constexpr size_t large_pool = size_t{2} << 20;
+
 // Owns one region. Empty after a failure.
 class Memory {
   public:

@@ -97,5 +97,9 @@ int allocOutBuf(DecompressFile& df, size_t size, size_t history, ErrMsg* err) {
     const size_t stays = std::max(history, item_head + compress_item_max);
     out.capacity = std::max({size, output_least, stays + 2 * output_longest});
     out.history = history;
-    return out.memory.take(out.capacity + output_slack, "output", err) ? 0 : -1;
+    if (!out.memory.take(context_front + out.capacity + output_slack, "output", err)) {
+        return -1;
+    }
+    std::copy(context_before.begin(), context_before.end(), out.at(0) - context_before.size());
+    return 0;
 }

@@ -52,7 +52,7 @@ int rleFillHufBuf(CompressFile& cf, ErrMsg* err) {
     const unsigned longest = cf.parameters.var;
     const size_t reach = size_t{longest} * count_max;
     while (block.count < block.size) {
-        if (in.available() < reach && fillInBuf(cf, reach, err) < 0) {
+        if (in.available() < reach && fillInBuf(cf, reach + input_batch, err) < 0) {
             return -1;
         }
         if (in.available() == 0) {
