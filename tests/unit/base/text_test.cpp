@@ -130,26 +130,27 @@ TEST(Words, AreFoundByNumber) {
 }
 
 TEST(CodeTables, UseSubstituteAndInverse) {
+    const auto at = [](char c) { return static_cast<unsigned char>(c); };
     unsigned char code[512] = {};
     for (int i = 0; i < 256; ++i) {
         code[i] = static_cast<unsigned char>(i ^ 0x20);
         code[256 + i] = CODE_FLAG_MAPPED;
     }
-    code[256 + 'x'] = 0;
+    code[256 + at('x')] = 0;
     unsigned char tab[256];
     SetCodeTab(tab, code);
-    EXPECT_EQ(tab['x'], ' ');
-    EXPECT_EQ(tab['a'], 'A');
-    code['?'] = '#';
-    code[256 + '?'] = CODE_FLAG_MAPPED | CODE_FLAG_SUBSTITUTE;
+    EXPECT_EQ(tab[at('x')], ' ');
+    EXPECT_EQ(tab[at('a')], 'A');
+    code[at('?')] = '#';
+    code[256 + at('?')] = CODE_FLAG_MAPPED | CODE_FLAG_SUBSTITUTE;
     SetCodeTab(tab, code);
-    EXPECT_EQ(tab['x'], '#');
+    EXPECT_EQ(tab[at('x')], '#');
     EX_PCX pcx;
-    EXPECT_EQ(GetDefaultCode(&pcx).inverse['q'], 'q');
+    EXPECT_EQ(GetDefaultCode(&pcx).inverse[at('q')], 'q');
     EXPECT_EQ(SetDefaultCode(&pcx, code, 511), -1);
     ASSERT_EQ(SetDefaultCode(&pcx, code, 512), 0);
     const qx_code_tables* tables = pcx.pDefaultCode;
-    EXPECT_EQ(tables->inverse[tables->forward['a']], 'a');
+    EXPECT_EQ(tables->inverse[tables->forward[at('a')]], 'a');
     EXPECT_EQ(SetDefaultCode(&pcx, code, 512), 0);
     EXPECT_EQ(pcx.pDefaultCode.load(), tables) << "the same table again must not take new memory";
     free(const_cast<qx_code_tables*>(tables));
