@@ -172,7 +172,6 @@ TEST_F(Pam, EnvironmentEntries) {
     PamEnd(handle, 0, false);
     EXPECT_STREQ(getenv("QX_TEST_GIVEN"), "yes");
     EXPECT_EQ(getenv("LD_PRELOAD"), nullptr);
-    unsetenv("QX_TEST_GIVEN");
 }
 
 TEST_F(Pam, TheDispatcherUsesPamWhenItIsChosen) {
