@@ -227,8 +227,22 @@ void endStream(CompressFile& cf) {
     }
 }
 
+void lowerPositions(CompressFile& cf) {
+    if (cf.in.position(cf.in.src) < cf.positionHigh) {
+        return;
+    }
+    if (cf.id == compress_lzss) {
+        lowerLzss(cf);
+    } else if (cf.id == compress_lzp) {
+        lowerLzp(cf);
+    } else if (cf.id == compress_lzx) {
+        lowerLzx(cf);
+    }
+}
+
 int nextBlock(CompressFile& cf, ErrMsg* err) {
     accountBlockEnd(cf);
+    lowerPositions(cf);
     Block& block = cf.block;
     block.count = 0;
     block.coded = 0;

@@ -11,6 +11,7 @@
 #include "transfer/compress/bits.h"
 #include "transfer/compress/huffman.h"
 #include "transfer/compress/memory.h"
+#include "transfer/compress/positions.h"
 #include "transfer/compress/source.h"
 #include "transfer/compress/symbols.h"
 
@@ -28,6 +29,8 @@ struct InputBuffer {
     uint8_t* at(size_t offset) const { return memory.data() + context_front + offset; }
     size_t available() const { return end - src; }
     uint32_t position(size_t offset) const { return base + static_cast<uint32_t>(offset); }
+    // The position of `src` becomes the first one with a whole history before it.
+    void lower() { base -= position(src) - static_cast<uint32_t>(history) - 1; }
 };
 inline constexpr size_t input_slack = 2048;
 // What a method reads beyond the longest match at once, so that small pieces of a source cost little.
@@ -134,6 +137,7 @@ struct CompressFile {
     int endBitsLeft = 0;   // after an end: bits of its last symbol that were dropped, -1 when it was passed
     bool resumed = false;  // the next block completes that symbol and brings a tree
 
+    uint32_t positionHigh = position_high;
     ContextTable context[2];
     std::unique_ptr<LzssSearch> lzss;
     std::unique_ptr<BucketTable<uint64_t>> buckets;
@@ -155,6 +159,11 @@ int rleFillHufBuf(CompressFile& cf, ErrMsg* err);
 int lzssFillHufBuf(CompressFile& cf, ErrMsg* err);
 int lzpFillHufBuf(CompressFile& cf, ErrMsg* err);
 int lzxFillHufBuf(CompressFile& cf, ErrMsg* err);
+
+// Each moves the positions of its tables, and those of the input, down before they could wrap.
+void lowerLzss(CompressFile& cf);
+void lowerLzp(CompressFile& cf);
+void lowerLzx(CompressFile& cf);
 
 int openLzss(CompressFile& cf, ErrMsg* err);
 int openLzp(CompressFile& cf, ErrMsg* err);

@@ -101,7 +101,8 @@ void fillSpan(CompressFile& cf, size_t stop) {
         __builtin_prefetch(&first[firsts.at(i + Contexts::ahead)], 1);
         if constexpr (two) {
             __builtin_prefetch(&second[kind == Second::pair ? load16(p + Contexts::ahead - 2)
-                                                            : seconds.at(i + Contexts::ahead)], 1);
+                                                            : seconds.at(i + Contexts::ahead)],
+                               1);
         }
     };
     const auto secondSlot = [&]() -> uint64_t& {
@@ -186,6 +187,15 @@ int openLzp(CompressFile& cf, ErrMsg* err) {
         cf.in.memory.preferLargePages();
     }
     return 0;
+}
+
+void lowerLzp(CompressFile& cf) {
+    const uint32_t position = cf.in.position(cf.in.src);
+    for (const ContextTable& context : cf.context) {
+        lowerWidePositions(context.memory.as<uint64_t>(), context.memory.size() / sizeof(uint64_t), position,
+                           static_cast<uint32_t>(cf.in.history));
+    }
+    cf.in.lower();
 }
 
 int lzpFillHufBuf(CompressFile& cf, ErrMsg* err) {

@@ -3,6 +3,7 @@
 // The format wants matches of 3 to 32,767 bytes. Which one is taken is free; matches of exactly 3 bytes pay
 // only near by.
 #include <algorithm>
+#include <vector>
 
 #include "transfer/compress/encoder.h"
 #include "transfer/compress/lzss_search.h"
@@ -218,6 +219,24 @@ int openLzss(CompressFile& cf, ErrMsg* err) {
                    search.previous.take(size_t{ring} * sizeof(uint32_t), "lzss", err)
                ? 0
                : -1;
+}
+
+void lowerLzss(CompressFile& cf) {
+    const uint32_t position = cf.in.position(cf.in.src);
+    const auto window = static_cast<uint32_t>(cf.in.history);
+    LzssSearch& search = *cf.lzss;
+    for (Memory* const table : {&search.head, &search.near}) {
+        lowerPositions(table->as<uint32_t>(), table->size() / sizeof(uint32_t), position, window, false);
+    }
+    // The ring goes by the low bits of positions: its entries move along.
+    const uint32_t delta = position - window - 1;
+    std::vector<uint32_t> before(search.previous.as<uint32_t>(),
+                                 search.previous.as<uint32_t>() + search.ringMask + 1);
+    lowerPositions(before.data(), before.size(), position, window, false);
+    for (uint32_t i = 0; i <= search.ringMask; ++i) {
+        search.previous.as<uint32_t>()[(i - delta) & search.ringMask] = before[i];
+    }
+    cf.in.lower();
 }
 
 int lzssFillHufBuf(CompressFile& cf, ErrMsg* err) {

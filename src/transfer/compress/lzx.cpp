@@ -108,6 +108,15 @@ int openLzx(CompressFile& cf, ErrMsg* err) {
     return cf.buckets->open(cf.parameters, err);
 }
 
+void lowerLzx(CompressFile& cf) {
+    const uint32_t position = cf.in.position(cf.in.src);
+    for (size_t i = 0; i <= cf.buckets->hash.mask; ++i) {
+        lowerWidePositions(cf.buckets->bucket(static_cast<uint32_t>(i)) + 1, cf.buckets->level, position,
+                           static_cast<uint32_t>(cf.in.history));
+    }
+    cf.in.lower();
+}
+
 int lzxFillHufBuf(CompressFile& cf, ErrMsg* err) {
     InputBuffer& in = cf.in;
     while (cf.block.count < cf.block.size) {

@@ -27,3 +27,14 @@ inline void lowerPositions(uint32_t* slot, size_t count, uint32_t position, uint
         slot[i] = position - distance - delta;
     }
 }
+
+// The same for slots of an encoder that hold a position in their upper half: what is too old is forgotten.
+inline void lowerWidePositions(uint64_t* slot, size_t count, uint32_t position, uint32_t pool) {
+    const uint64_t delta = uint64_t{position - pool - 1} << 32;
+    for (size_t i = 0; i < count; ++i) {
+        const auto here = static_cast<uint32_t>(slot[i] >> 32);
+        if (here != 0) {
+            slot[i] = position - here > pool ? 0 : slot[i] - delta;
+        }
+    }
+}
