@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <nlohmann/json.hpp>
 
+#include "catalogue_page.h"
 #include "console.h"
 #include "decode.h"
 #include "server.h"
@@ -211,6 +212,9 @@ int main(int argc, char** argv) {
     decode_command->add_flag("--to-host", to_host, "walk them as received messages (the default)")->excludes(lan);
     decode_command->add_option("file", decode_file, "input, standard input unless given");
 
+    auto* catalogue_command =
+        app.add_subcommand("catalogue", "print all messages with their fields and positions, as Markdown");
+
     CLI11_PARSE(app, argc, argv);
 
     server.folder = console.folder;
@@ -245,6 +249,10 @@ int main(int argc, char** argv) {
     }
     if (*stop_command) {
         return cp_console_stop(console, agent);
+    }
+    if (*catalogue_command) {
+        fmt::print("{}", cp_catalogue_page());
+        return 0;
     }
     decode.to_lan = to_lan;
     return cp_decode(decode, decode_file);

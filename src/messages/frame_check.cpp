@@ -48,7 +48,7 @@ __attribute__((format(printf, 3, 4))) int refuse(const check_text& out, int numb
 
 bool begins_like(const unsigned char* msg, size_t length, size_t offset, const char* text) {
     size_t there = length > offset ? std::min(length - offset, strlen(text)) : 0;
-    return memcmp(msg + offset, text, there) == 0;
+    return there == 0 || memcmp(msg + offset, text, there) == 0;
 }
 
 bool protocol_enabled(const unsigned char* msg, unsigned flags) {
