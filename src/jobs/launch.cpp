@@ -29,7 +29,6 @@ constexpr mode_t report_owner_bits = 0600;
 constexpr size_t shell_name_limit = 31;
 constexpr size_t shell_option_limit = 15;
 constexpr size_t command_limit = 512;
-constexpr size_t report_limit = 255;
 
 using fork_function = pid_t (*)();
 fork_function make_process = fork;

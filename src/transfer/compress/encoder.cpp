@@ -10,7 +10,6 @@ namespace {
 
 constexpr unsigned overflow_symbols = 64;
 constexpr unsigned symbol_bytes = 8;  // a symbol takes at most 60 bits
-constexpr size_t overflow_size = transmitted_tree_max + 64;
 
 int fillBlock(CompressFile& cf, ErrMsg* err) {
     switch (cf.id) {
