@@ -162,6 +162,13 @@ void log_forget_in_child(EX_PCX* pcx) {
     pcx->LogBuffRecNr = 0;
 }
 
+void log_drop_in_child(EX_PCX* pcx) {
+    __log_set_logger(log_dummy);
+    pcx->logHnd = nullptr;
+    pcx->hlpHnd = nullptr;
+    pcx->pcx_FirstMsgStack = nullptr;
+}
+
 void LogMessage(int number, const char* inserts) {
     const char* given = inserts == nullptr ? "" : inserts;
     log_guard guard;

@@ -175,7 +175,7 @@ void trace_nothing(EX_PCX* pcx) {
 
 void atfork_child(EX_PCX* pcx) {
     // Channels, timers and sockets need nothing: their memory goes with exec, and so do their descriptors.
-    log_forget_in_child(pcx);
+    log_drop_in_child(pcx);
     trace_nothing(pcx);
     pcx->trcHnd = nullptr;
 }
