@@ -29,19 +29,11 @@ cp_job_state state_from_name(const std::string& name) {
     return cp_job_state::lost;
 }
 
-// The new content appears under its name only when it is whole.
-std::string write_whole(const std::string& path, const std::string& text) {
-    const std::string temporary = path + ".tmp";
-    {
-        std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-        out << text;
-        out.flush();
-        if (!out) {
-            return fmt::format("cannot write '{}': {}", temporary, std::strerror(errno));
-        }
-    }
-    if (rename(temporary.c_str(), path.c_str()) != 0) {
-        return fmt::format("cannot rename '{}': {}", temporary, std::strerror(errno));
+std::string append_line(const cp_store& store, const json& line) {
+    const std::string text = line.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
+    if (store.journal == nullptr || std::fwrite(text.data(), 1, text.size(), store.journal) != text.size() ||
+        std::fflush(store.journal) != 0) {
+        return fmt::format("cannot write '{}/journal.jsonl': {}", store.folder, std::strerror(errno));
     }
     return {};
 }
@@ -115,7 +107,43 @@ cp_job job_from_json(const json& j) {
     return job;
 }
 
+// Reads the journal, writes it anew with one line for each job, and opens it for more.
+std::string open_journal(cp_store& store) {
+    const std::string path = store.folder + "/journal.jsonl";
+    std::ifstream in(path);
+    for (std::string line; std::getline(in, line);) {
+        json j = json::parse(line, nullptr, false);
+        if (!j.is_object()) {
+            continue;  // the last line of a server that was killed
+        }
+        if (j.contains("next_run")) {
+            store.next_run = std::max(store.next_run, j.value("next_run", 1));
+            store.next_report_id = std::max(store.next_report_id, j.value("next_report_id", 1));
+            continue;
+        }
+        cp_job job = job_from_json(j);
+        store.next_run = std::max(store.next_run, job.run + 1);
+        store.jobs[job.run] = std::move(job);
+    }
+    const std::string compact = path + ".tmp";
+    store.journal = std::fopen(compact.c_str(), "we");
+    std::string fault = cp_store_save_numbers(store);
+    for (auto& [run, job] : store.jobs) {
+        fault = fault.empty() ? cp_store_save_job(store, job) : fault;
+    }
+    if (fault.empty() && rename(compact.c_str(), path.c_str()) != 0) {
+        fault = fmt::format("cannot rename '{}': {}", compact, std::strerror(errno));
+    }
+    return fault;
+}
+
 }  // namespace
+
+cp_store::~cp_store() {
+    if (journal != nullptr) {
+        std::fclose(journal);
+    }
+}
 
 const char* cp_state_name(cp_job_state state) {
     return state_names[static_cast<size_t>(state)];
@@ -128,7 +156,7 @@ bool cp_state_is_final(cp_job_state state) {
 std::string cp_store_open(cp_store& store, const std::string& folder) {
     store.folder = folder;
     std::error_code error;
-    for (const char* part : {"", "/jobs", "/reports", "/agents"}) {
+    for (const char* part : {"", "/reports", "/agents"}) {
         fs::create_directories(folder + part, error);
         if (error) {
             return fmt::format("cannot make the folder '{}{}': {}", folder, part, error.message());
@@ -138,38 +166,15 @@ std::string cp_store_open(cp_store& store, const std::string& folder) {
     if (error) {
         return fmt::format("cannot protect the folder '{}': {}", folder, error.message());
     }
-    std::ifstream numbers(folder + "/state.json");
-    if (numbers) {
-        json j = json::parse(numbers, nullptr, false);
-        if (j.is_discarded()) {
-            return fmt::format("'{}/state.json' is damaged: remove it to start with new numbers", folder);
-        }
-        store.next_run = j.value("next_run", 1);
-        store.next_report_id = j.value("next_report_id", 1);
-    }
-    for (const auto& entry : fs::directory_iterator(folder + "/jobs", error)) {
-        if (entry.path().extension() != ".json") {
-            continue;
-        }
-        std::ifstream in(entry.path());
-        json j = json::parse(in, nullptr, false);
-        if (!j.is_object()) {
-            return fmt::format("'{}' is damaged: remove it to forget that job", entry.path().string());
-        }
-        cp_job job = job_from_json(j);
-        store.next_run = std::max(store.next_run, job.run + 1);
-        store.jobs[job.run] = std::move(job);
-    }
-    return {};
+    return open_journal(store);
 }
 
 std::string cp_store_save_job(const cp_store& store, const cp_job& job) {
-    return write_whole(fmt::format("{}/jobs/{:07}.json", store.folder, job.run), job_to_json(job).dump(1) + "\n");
+    return append_line(store, job_to_json(job));
 }
 
 std::string cp_store_save_numbers(const cp_store& store) {
-    json j = {{"next_run", store.next_run}, {"next_report_id", store.next_report_id}};
-    return write_whole(store.folder + "/state.json", j.dump(1) + "\n");
+    return append_line(store, {{"next_run", store.next_run}, {"next_report_id", store.next_report_id}});
 }
 
 std::string cp_store_report_path(const cp_store& store, int run) {

@@ -1,14 +1,15 @@
 // What the server keeps in its data folder, so that it can be restarted under a living agent.
 //
 //   KStore.ini          transfer keys of the agents, enciphered with the company key
-//   state.json          the next numbers to give
-//   jobs/RUN.json       a job with its restart record
+//   journal.jsonl       jobs with their restart records and the next numbers, a line for each change; the last
+//                       line of a job counts, and the file is made compact at each start
 //   reports/RUN.txt     its report as it was fetched
 //   agents/NAME.log     log lines that the agent sent
 //   control.sock        where the console reaches the server
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <map>
 #include <string>
 #include <vector>
@@ -63,13 +64,21 @@ struct cp_job {
 
 struct cp_store {
     std::string folder;
+    FILE* journal = nullptr;
     int next_run = 1;
     int next_report_id = 1;
     std::map<int, cp_job> jobs;  // by run number
+
+    cp_store() = default;
+    ~cp_store();
+    cp_store(const cp_store&) = delete;
+    cp_store& operator=(const cp_store&) = delete;
 };
 
 // Makes the folder where it is missing and reads what it holds. Returns an empty text, or what is wrong.
 std::string cp_store_open(cp_store& store, const std::string& folder);
+// Both return an empty text, or what is wrong. A line is in the file when they return; a crash of the host may
+// still lose it.
 std::string cp_store_save_job(const cp_store& store, const cp_job& job);
 std::string cp_store_save_numbers(const cp_store& store);
 std::string cp_store_report_path(const cp_store& store, int run);

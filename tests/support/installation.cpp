@@ -38,12 +38,12 @@ int left_ms(clock_type::time_point end) {
 }  // namespace
 
 scratch_folder::scratch_folder() {
-    char name[] = "/tmp/qx-test-XXXXXX";
-    if (mkdtemp(name) == nullptr) {
+    const char* place = std::getenv("TMPDIR");
+    path = std::string{place != nullptr && *place != '\0' ? place : "/tmp"} + "/qx-test-XXXXXX";
+    if (mkdtemp(path.data()) == nullptr) {
         give_up("mkdtemp");
     }
-    path = name;
-    chmod(name, 0755);  // the listener and the jobs' users pass through it
+    chmod(path.c_str(), 0755);  // the listener and the jobs' users pass through it
 }
 
 scratch_folder::~scratch_folder() {
