@@ -1,4 +1,6 @@
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <fstream>
@@ -255,6 +257,25 @@ TEST(random_numbers, differ_between_calls_threads_and_seeds) {
     CloseRandom();
     draw();
     EXPECT_EQ(5002, gss_GetRandom(nullptr, 4));
+}
+
+// Keys drawn on both sides of a fork from the same registers must not be the same.
+TEST(random_numbers, of_a_child_are_its_own) {
+    bytes warm(16), parents(16), childs(16);
+    GetRandomEx(warm.data(), warm.size());
+    int ends[2];
+    ASSERT_EQ(0, pipe(ends));
+    pid_t child = fork();
+    if (child == 0) {
+        GetRandomEx(childs.data(), childs.size());
+        _exit(write(ends[1], childs.data(), childs.size()) == 16 ? 0 : 1);
+    }
+    GetRandomEx(parents.data(), parents.size());
+    ASSERT_EQ(16, read(ends[0], childs.data(), childs.size()));
+    EXPECT_EQ(child, waitpid(child, nullptr, 0));
+    EXPECT_NE(parents, childs);
+    close(ends[0]);
+    close(ends[1]);
 }
 
 // Bits of a long draw are about half ones, in every place of a byte.
