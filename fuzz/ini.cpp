@@ -65,6 +65,7 @@ void write_and_read_back(const std::string& content, const char* file) {
         require(strcmp(value, "value") == 0);
     }
     require(__PutProfileString("FUZZ", "key", "other", file) == 1);
+    unlink(file);
 }
 
 }  // namespace
