@@ -60,6 +60,8 @@ struct job_test : ::testing::Test {
     msgconv_ctx_t conversion;
     log_function former_logger = nullptr;
     std::string user;
+    // Names the shell, since the test's own user may have one that logs nobody in.
+    std::string rest = "M='sh'";
 
     static constexpr uint16_t client = 100;
     static constexpr uint32_t number = 7;
@@ -142,6 +144,12 @@ struct job_test : ::testing::Test {
         return all;
     }
 
+    // The first of them; an empty one, which says nothing, when there is none.
+    sent_message first_sent() {
+        auto all = sent();
+        return all.empty() ? sent_message{{}, message_bytes(8, ' ')} : all[0];
+    }
+
     static QX_HEADM head(const char* type, int version) {
         QX_HEADM head;
         CreateQxHeadm(&head, type, client, number);
@@ -157,11 +165,14 @@ struct job_test : ::testing::Test {
         put_text(record.jobfile, job_file(run));
         put_text(record.jobreport, report_file(run));
         put_text(record.logininfo, user);
-        record.jcl_dist = sizeof record;
+        record.rest_dist = sizeof record;
+        record.rest_len = static_cast<int32_t>(rest.size());
+        record.jcl_dist = static_cast<int32_t>(sizeof record + rest.size());
         record.jcl_len = static_cast<int32_t>(script.size());
-        message_bytes body(sizeof record + script.size());
+        message_bytes body(sizeof record + rest.size() + script.size());
         memcpy(body.data(), &record, sizeof record);
-        script.copy(reinterpret_cast<char*>(body.data()) + sizeof record, script.size());
+        const std::string behind = rest + script;
+        behind.copy(reinterpret_cast<char*>(body.data()) + sizeof record, behind.size());
         return body;
     }
 

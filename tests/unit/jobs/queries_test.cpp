@@ -77,7 +77,7 @@ TEST_F(queries_test, a_cancel_reaches_the_whole_group_and_sigchld_closes_the_job
         const int signal = strcmp(name, "term") == 0 ? 15 : 9;
         EXPECT_EQ(job->JP_status, 'V');
         EXPECT_EQ(job->retCode, signal);
-        EXPECT_EQ(sent()[0].as<MSG_TYPE_EXSTAJ>().status, 'V');
+        EXPECT_EQ(first_sent().as<MSG_TYPE_EXSTAJ>().status, 'V');
         // The children of the shell are gone too, or are about to be collected by init.
         const auto group_gone = [&] { return kill(-group, 0) != 0; };
         for (int i = 0; i < 500 && !group_gone(); ++i) {
@@ -93,6 +93,7 @@ TEST_F(queries_test, a_cancel_reaches_the_whole_group_and_sigchld_closes_the_job
 
 TEST_F(queries_test, a_job_that_ignores_the_signal_is_running_again_at_the_next_check) {
     open_with("[USERID]\nroot=START\n[GLOBAL]\nKillSignal=TERM\n");
+    rest = "M='sh'N='-u'";  // without -c the script runs in the shell that was forked, and not below it
     const std::string ready = folder / "ready";
     start(1, "trap '' TERM\r\ntouch " + ready + "\r\nsleep 600\r\n");
     JP_AREA* job = Find_JEntry(1, client);
@@ -104,7 +105,7 @@ TEST_F(queries_test, a_job_that_ignores_the_signal_is_running_again_at_the_next_
     job->JP_alrmTime = alarm_now();
     process_jobchk(pcx, nullptr, 0);
     EXPECT_EQ(job->JP_status, 'R');
-    EXPECT_EQ(sent()[0].as<MSG_TYPE_EXSTAJ>().status, 'R');
+    EXPECT_EQ(first_sent().as<MSG_TYPE_EXSTAJ>().status, 'R');
     kill(-static_cast<pid_t>(job->fork_pid), SIGKILL);
     end_child(job);
 }
