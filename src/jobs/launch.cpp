@@ -7,10 +7,8 @@
 #include <cerrno>
 #include <cstdio>
 
-#include "base/children.h"
 #include "base/context.h"
 #include "base/files.h"
-#include "base/locks.h"
 #include "base/log.h"
 #include "base/paths.h"
 #include "base/text.h"
@@ -29,9 +27,6 @@ constexpr mode_t report_owner_bits = 0600;
 constexpr size_t shell_name_limit = 31;
 constexpr size_t shell_option_limit = 15;
 constexpr size_t command_limit = 512;
-
-using fork_function = pid_t (*)();
-fork_function make_process = fork;
 
 // The settings of each start, read again only when the INI file has changed.
 struct start_settings {
@@ -108,10 +103,6 @@ void choose_user(const my_passwd_unlimited& passwd, JOB_START_VAR* startVar) {
     if (GetGroupIdEntry(passwd.pw_gid, &group, nullptr)) {
         copy_text(startVar->GrpName, group.gr_name);
     }
-    if (strcmp(passwd.pw_name, GlbPcx->pcx_runUserName) != 0) {
-        account_groups(passwd.pw_name, passwd.pw_gid, &startVar->groups);
-        startVar->groups.pop_back();
-    }
 }
 
 JOB_START_VAR make_start(EX_PCX* pcx, const launch_order& order, const my_passwd_unlimited& passwd,
@@ -161,22 +152,6 @@ int make_files(const my_passwd_unlimited& passwd, JOB_START_VAR* startVar, qx7_e
     return -1;
 }
 
-// Never returns. The line stands in the report from the moment that it was opened.
-[[noreturn]] void run_child(EX_PCX* pcx, const my_passwd_unlimited& passwd, JOB_START_VAR* startVar,
-                            pam_handle_t* pamHandle) {
-    global_fork_init_locks(pcx);
-    atfork_child(pcx);
-    qx7_error error;
-    const int code = doit_Child(pcx, passwd, startVar, pamHandle, &error);
-    const std::string line = (error.qx_msgnr == 0 ? std::string(error.qx_msgInsert)
-                                                  : launch_message_line(error.qx_msgnr, error.qx_msgInsert)) +
-                             "\n";
-    // The exit code says what went wrong also when the line cannot be written.
-    (void)!write(STDERR_FILENO, line.data(), line.size());
-    PamEndAfterStart(pamHandle);
-    _exit(code);
-}
-
 launch_result start_process(EX_PCX* pcx, const my_passwd_unlimited& passwd, JOB_START_VAR* startVar,
                             pam_handle_t* pamHandle, uint32_t* pid, qx7_error* error) {
     const pid_t child = launch_fork(pcx, job_context()->JobStartType, passwd, startVar, pamHandle, error);
@@ -209,36 +184,6 @@ std::string launch_complete_path(const EX_PCX* pcx, std::string_view name) {
         return std::string(name);
     }
     return std::string(pcx->pcx_work_dir) + "/" + std::string(name);
-}
-
-void launch_set_fork(pid_t (*function)()) {
-    make_process = function == nullptr ? fork : function;
-}
-
-pid_t launch_fork(EX_PCX* pcx, char type, const my_passwd_unlimited& passwd, JOB_START_VAR* startVar,
-                  pam_handle_t* pamHandle, qx7_error* error) {
-    launch_load_texts_once(pcx);
-    Put_PInfo(passwd, "launch", nullptr);
-    global_fork_lock(pcx);
-    const pid_t pid = make_process();
-    if (pid == 0) {
-        run_child(pcx, passwd, startVar, pamHandle);
-    }
-    const int error_number = errno;
-    global_fork_unlock(pcx);
-    if (pid < 0) {
-        qx_error_set(error, -1, error_number, system_message, "%s|%u|%s|",
-                     type == job_start_vfork ? "vfork" : "fork", static_cast<unsigned>(error_number),
-                     error_text(error_number).c_str());
-        __log_error(*error);
-        errno = error_number;
-        return -1;
-    }
-    children_note(pid);
-    // A cancel that comes at once must find the group. EACCES: the child was faster and already is another
-    // program.
-    (void)setpgid(pid, pid);
-    return pid;
 }
 
 launch_result start_job(EX_PCX* pcx, const launch_order& order, const my_passwd_unlimited& passwd,

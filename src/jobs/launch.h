@@ -2,6 +2,7 @@
 // environment and exec. Main thread.
 #pragma once
 
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 
@@ -94,19 +95,25 @@ struct JOB_START_VAR {
     char sh_flag = 'x';
     int flag1 = LAUNCH_STDIN_DUMMY;
     std::string_view jcl;
-    const unsigned char* cCodeTab = nullptr;  // 256 bytes; null: no conversion
-    std::string rettext;                      // insert of a failure
-    const JP_AREA* job = nullptr;             // its resources are told at the head of the report; may be null
-    std::vector<gid_t> groups;                // all gids of the user, the primary one first, without the -1
+    const unsigned char* cCodeTab = nullptr;          // 256 bytes; null: no conversion
+    std::string rettext;                              // insert of a failure
+    std::vector<std::string> arguments, environment;  // of the shell, with the pointers that exec takes
+    std::vector<char*> argument_pointers, environment_pointers;
+    sigset_t signal_mask = {};     // of the agent, before it blocked all signals for the fork
+    bool shares_memory = false;    // the child runs in the agent's memory until exec
+    const JP_AREA* job = nullptr;  // its resources are told at the head of the report; may be null
+    std::vector<gid_t> groups;     // all gids of the user; filled at the fork when empty
     // The report as it was made; a child that finds another file under its name does not write to it. Inode
     // 0: no test.
     dev_t report_device = 0;
     ino_t report_inode = 0;
 };
 
-// Forks under the fork locks, makes the child leader of its own group, and in the child runs doit_Child; it
-// never returns there. The pid, or -1 with errno and `error` filled ("fork|<errno>|<text>|", logged). `type`
-// 'F' or 'V' names the function in the insert; both fork.
+// Makes the child, leader of its own group; it runs doit_Child and never returns here. With a PAM session for
+// the child, or where a network file system is mounted, it is forked under the fork locks; otherwise it
+// shares the agent's memory until exec, while the calling thread waits: a fork costs more the more memory the
+// agent has. The pid, or -1 with errno and `error` filled ("fork|<errno>|<text>|", logged). `type` 'F' or 'V'
+// names the function in the insert only.
 pid_t launch_fork(EX_PCX* pcx, char type, const my_passwd_unlimited& passwd, JOB_START_VAR* startVar,
                   pam_handle_t* pamHandle, qx7_error* error);
 

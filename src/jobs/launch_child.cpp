@@ -1,11 +1,11 @@
 // What a job's child does between fork and exec. It runs in a copy of the agent: it frees, writes and closes
 // nothing of the parent, and ends by exec or _exit.
 #include <fcntl.h>
-#include <grp.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -116,12 +116,8 @@ void drop_terminal() {
     }
 }
 
-bool session_belongs_to_child(const pam_handle_t* handle) {
-    return handle != nullptr && pam_options.do_pam_open_session && pam_options.do_pam_open_session_cp;
-}
-
 int open_session(const my_passwd_unlimited& passwd, pam_handle_t* handle, qx7_error* error) {
-    if (!session_belongs_to_child(handle) || PamOpenSession(handle, true) == PAM_SUCCESS) {
+    if (!launch_session_in_child(handle) || PamOpenSession(handle, true) == PAM_SUCCESS) {
         return 0;
     }
     qx_error_set(
@@ -132,36 +128,32 @@ int open_session(const my_passwd_unlimited& passwd, pam_handle_t* handle, qx7_er
     return LAUNCH_EXIT_PAM_SESSION;
 }
 
+// The kernel's own calls: those of the C library would give the new ids to the agent's threads too when the
+// child shares its memory.
+int raw_setgroups(const std::vector<gid_t>& groups) {
+    return static_cast<int>(syscall(SYS_setgroups, groups.size(), groups.data()));
+}
+
 int take_user(const my_passwd_unlimited& passwd, const JOB_START_VAR& startVar, qx7_error* error) {
-    if (setgid(passwd.pw_gid) != 0) {
+    if (syscall(SYS_setgid, passwd.pw_gid) != 0) {
         return call_failed("setgid()", LAUNCH_EXIT_SETGID, error);
     }
-    // The parent looked the groups up: account databases are no place for a copy of a process with threads.
-    const int grouped = startVar.groups.empty() ? initgroups(passwd.pw_name, passwd.pw_gid)
-                                                : setgroups(startVar.groups.size(), startVar.groups.data());
-    if (grouped != 0) {
+    if (raw_setgroups(startVar.groups) != 0) {
         return call_failed("initgroup()", LAUNCH_EXIT_INITGROUPS, error);
     }
-    if (setuid(passwd.pw_uid) != 0) {
+    if (syscall(SYS_setuid, passwd.pw_uid) != 0) {
         return call_failed("setuid()", LAUNCH_EXIT_SETUID, error);
     }
     return 0;
 }
 
-int execute_shell(const JOB_START_VAR& startVar, qx7_error* error) {
-    std::string option = startVar.sh_opt;
-    if (startVar.BatFlag == BATCH_COMMAND) {
-        option = launch_command_option(option);
-    }
-    const std::string argument =
-        startVar.BatFlag == BATCH_FILE ? launch_file_argument(startVar.jobFile, option) : startVar.jobFile;
+int set_effective_uid(uid_t uid) {
+    return static_cast<int>(syscall(SYS_setresuid, -1, uid, -1));
+}
+
+int execute_shell(const JOB_START_VAR& startVar, char* const* environment, qx7_error* error) {
     AllFdClose(STDERR_FILENO + 1, nullptr, 0);
-    if (option.empty()) {
-        execle(startVar.path_sh.c_str(), startVar.sh.c_str(), argument.c_str(), nullptr, environ);
-    } else {
-        execle(startVar.path_sh.c_str(), startVar.sh.c_str(), option.c_str(), argument.c_str(), nullptr,
-               environ);
-    }
+    execve(startVar.path_sh.c_str(), startVar.argument_pointers.data(), environment);
     return call_failed("execle()", LAUNCH_EXIT_EXEC, error);
 }
 
@@ -172,6 +164,10 @@ void trace_nothing(EX_PCX* pcx) {
 }
 
 }  // namespace
+
+bool launch_session_in_child(const pam_handle_t* handle) {
+    return handle != nullptr && pam_options.do_pam_open_session && pam_options.do_pam_open_session_cp;
+}
 
 void atfork_child(EX_PCX* pcx) {
     // Channels, timers and sockets need nothing: their memory goes with exec, and so do their descriptors.
@@ -204,11 +200,7 @@ void FileCloseChild(int fd) {
     }
 }
 
-void Reset_Signals() {
-    sigset_t mask;
-    if (pthread_sigmask(SIG_SETMASK, nullptr, &mask) != 0) {
-        sigemptyset(&mask);
-    }
+void Reset_Signals(sigset_t mask) {
     for (const signal_row& row : reset_signals) {
         struct sigaction action = {};
         action.sa_handler = SIG_DFL;
@@ -230,7 +222,7 @@ int Init_User(const my_passwd_unlimited& passwd, const JOB_START_VAR& startVar, 
             return failed;
         }
     }
-    if (passwd.pw_uid != 0 && geteuid() == 0 && seteuid(passwd.pw_uid) != 0) {
+    if (passwd.pw_uid != 0 && geteuid() == 0 && set_effective_uid(passwd.pw_uid) != 0) {
         return call_failed("seteuid()", LAUNCH_EXIT_EXEC, error);
     }
     if (chdir(passwd.pw_dir) != 0) {
@@ -239,21 +231,9 @@ int Init_User(const my_passwd_unlimited& passwd, const JOB_START_VAR& startVar, 
     return 0;
 }
 
-void Init_Environment(const my_passwd_unlimited& passwd, const JOB_START_VAR& startVar) {
-    // Lives until exec, which is why it is never given back.
-    auto* texts = new std::vector<std::string>(launch_environment(environ, passwd, startVar.path_sh));
-    auto* entries = new std::vector<char*>;
-    entries->reserve(texts->size() + 1);
-    for (std::string& text : *texts) {
-        entries->push_back(text.data());
-    }
-    entries->push_back(nullptr);
-    environ = entries->data();
-}
-
 int doit_Child(EX_PCX* pcx, const my_passwd_unlimited& passwd, JOB_START_VAR* startVar,
                pam_handle_t* pamHandle, qx7_error* error) {
-    if (startVar->jsvType == LAUNCH_COMMAND) {
+    if (startVar->jsvType == LAUNCH_COMMAND && !startVar->shares_memory) {
         trace_nothing(pcx);
     }
     // The order counts: output first, so that every later failure has a place to be told; the session while
@@ -265,7 +245,7 @@ int doit_Child(EX_PCX* pcx, const my_passwd_unlimited& passwd, JOB_START_VAR* st
     if (failed != 0) {
         return failed;
     }
-    Reset_Signals();
+    Reset_Signals(startVar->signal_mask);
     drop_terminal();
     failed = open_session(passwd, pamHandle, error);
     if (failed == 0) {
@@ -274,11 +254,12 @@ int doit_Child(EX_PCX* pcx, const my_passwd_unlimited& passwd, JOB_START_VAR* st
     if (failed != 0) {
         return failed;
     }
-    Init_Environment(passwd, *startVar);
-    if (session_belongs_to_child(pamHandle)) {
-        PamGetSetEnvironment(pamHandle);
+    if (!launch_session_in_child(pamHandle)) {
+        return execute_shell(*startVar, startVar->environment_pointers.data(), error);
     }
-    return execute_shell(*startVar, error);
+    environ = startVar->environment_pointers.data();
+    PamGetSetEnvironment(pamHandle);
+    return execute_shell(*startVar, environ, error);
 }
 
 void Check_Signals(const sigset_t& set) {

@@ -1,5 +1,6 @@
 // What a job gets from the agent: environment and arguments.
 #include <string.h>
+#include <unistd.h>
 
 #include <iterator>
 
@@ -74,6 +75,14 @@ void add_missing(std::vector<std::string>* environment, const char* name, const 
     }
 }
 
+void fill_pointers(std::vector<std::string>* texts, std::vector<char*>* pointers) {
+    pointers->clear();
+    for (std::string& text : *texts) {
+        pointers->push_back(text.data());
+    }
+    pointers->push_back(nullptr);
+}
+
 }  // namespace
 
 std::vector<std::string> launch_environment(char* const* from, const my_passwd_unlimited& passwd,
@@ -98,6 +107,24 @@ std::vector<std::string> launch_environment(char* const* from, const my_passwd_u
     add_missing(&environment, "HOME", passwd.pw_dir);
     add_missing(&environment, "USER", passwd.pw_name);
     return environment;
+}
+
+void Init_Environment(const my_passwd_unlimited& passwd, JOB_START_VAR* startVar) {
+    startVar->environment = launch_environment(environ, passwd, startVar->path_sh);
+    fill_pointers(&startVar->environment, &startVar->environment_pointers);
+}
+
+void launch_prepare_arguments(JOB_START_VAR* startVar) {
+    const bool command = startVar->BatFlag == BATCH_COMMAND;
+    const std::string option = command ? launch_command_option(startVar->sh_opt) : startVar->sh_opt;
+    // The first argument is the name as given: a leading '-' makes a login shell.
+    startVar->arguments = {startVar->sh};
+    if (!option.empty()) {
+        startVar->arguments.push_back(option);
+    }
+    startVar->arguments.push_back(command ? startVar->jobFile
+                                          : launch_file_argument(startVar->jobFile, option));
+    fill_pointers(&startVar->arguments, &startVar->argument_pointers);
 }
 
 std::string launch_command_option(std::string option) {

@@ -46,12 +46,19 @@ void atfork_child(EX_PCX* pcx);
 int FileOpenChild(const char* path, int flags, dev_t device, ino_t inode);
 // Closes unless it is descriptor 0, 1 or 2.
 void FileCloseChild(int fd);
-// Default action for the signals that the agent handles or ignores, and none of them blocked.
-void Reset_Signals();
+// Default action for the signals that the agent handles or ignores; `mask` without them becomes the mask.
+void Reset_Signals(sigset_t mask);
 // Own process group, groups and ids of the user, and his home. 0 or a launch_exit with `error`.
 int Init_User(const my_passwd_unlimited& passwd, const JOB_START_VAR& startVar, qx7_error* error);
-// Replaces `environ` by what a job gets; the memory is never freed.
-void Init_Environment(const my_passwd_unlimited& passwd, const JOB_START_VAR& startVar);
+// What the child gives to exec, made by the parent: the job's environment, and the shell's arguments.
+void Init_Environment(const my_passwd_unlimited& passwd, JOB_START_VAR* startVar);
+void launch_prepare_arguments(JOB_START_VAR* startVar);
+// Whether the child opens the PAM session of this handle.
+bool launch_session_in_child(const pam_handle_t* handle);
+// Whether no network or user-space file system is mounted. Only then the agent may wait for a child's chdir
+// and exec: a home that hangs must not stop it.
+bool launch_mounts_are_local();
+bool launch_mount_line_is_local(std::string_view line);  // a line of mountinfo
 // The job's environment made from another one, as "NAME=value".
 std::vector<std::string> launch_environment(char* const* from, const my_passwd_unlimited& passwd,
                                             const std::string& path_sh);

@@ -333,6 +333,49 @@ TEST_F(Launch, AsRootTheJobIsTheUserWholly) {
     EXPECT_EQ(geteuid(), 0U);
 }
 
+pid_t plain_fork() {
+    return fork();
+}
+
+// The child that shares the agent's memory leaves it as it was, and finds the same world as one that was
+// forked.
+TEST_F(Launch, ASharingChildAndAForkedOneAreAlike) {
+    std::vector<std::string> seen;
+    for (pid_t (*function)() : {static_cast<pid_t (*)()>(nullptr), plain_fork}) {
+        launch_set_fork(function);
+        char** const environment = environ;
+        context.pcx->trcFlgs[0] = '1';
+        signal(SIGUSR1, SIG_IGN);
+        EXPECT_EQ(run("env | sort\r\nulimit -n\r\nid\r\numask\r\ngrep ^Sig /proc/self/status"), 0);
+        EXPECT_EQ(environ, environment);
+        EXPECT_EQ(context.pcx->trcFlgs[0].load(), '1');
+        EXPECT_EQ(signal(SIGUSR1, SIG_DFL), SIG_IGN) << "the job's dispositions are its own";
+        seen.push_back(read_text(report));
+        const std::string home = user.pw_dir;
+        copy_text(user.pw_dir, "/no/home");
+        EXPECT_EQ(run("true"), 205);
+        EXPECT_NE(read_text(report).find("chdir()|/no/home|2|"), std::string::npos);
+        copy_text(user.pw_dir, home);
+    }
+    EXPECT_EQ(seen[0], seen[1]);
+    EXPECT_EQ(seen[0].find("SigBlk:\t0000000000000000"), seen[0].find("SigBlk:"));
+}
+
+TEST_F(Launch, TheUsersLimitOfProcesses) {
+    if (geteuid() == 0) {
+        return;  // root has none
+    }
+    rlimit before;
+    getrlimit(RLIMIT_NPROC, &before);
+    const rlimit none = {0, before.rlim_max};
+    setrlimit(RLIMIT_NPROC, &none);
+    const launch_result result = start();
+    setrlimit(RLIMIT_NPROC, &before);
+    EXPECT_EQ(result, LAUNCH_NO_PROCESS);
+    EXPECT_FALSE(exists(file));
+    EXPECT_EQ(run("true"), 0);
+}
+
 #ifdef QX_FAKE_PAM
 TEST_F(Launch, ThePamSessionBelongsToTheChild) {
     void* library = nullptr;
