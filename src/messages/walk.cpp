@@ -1,20 +1,15 @@
-#include "messages/walk.h"
-
 #include <algorithm>
 #include <bit>
-#include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 
 #include "messages/checks.h"
 #include "messages/head.h"
+#include "messages/walk_state.h"
 
 namespace {
 
-constexpr int parent_list_size = 14;  // the deepest nesting of the catalogue is 3
-constexpr size_t path_limit = 228;
 constexpr size_t matrix_inline_length = 80;  // above the longest record of the catalogue
 
 // Ends the walk of one record without a fault: the message stops here.
@@ -26,29 +21,6 @@ struct matrix_t {
     int32_t* ivals;
     int32_t* inums;
     int32_t* ipos;
-};
-
-struct list_entry_t {
-    const char* name;
-    int version;
-};
-
-// One call's state.
-struct internal_stack_t {
-    const msg_el* current;
-    byte_buffer_t buffer;
-    const walk_request* request;
-    const msgconv_ctx_t* ctx;
-    const MSGTAB* table;
-    msg_error* error;
-    int message_version;
-    bool checks;
-    bool plain;  // nobody watches and nothing is swapped or checked: plain fields need only their bounds
-    int errorsFound;
-    struct {
-        int level;
-        list_entry_t entries[parent_list_size];
-    } parent_list;
 };
 
 // One record on its way.
@@ -65,83 +37,6 @@ struct level_t {
 bool tracing(const msgconv_ctx_t* ctx, char level) {
     return ctx != nullptr && ctx->trcflag != nullptr &&
            ctx->trcflag->load(std::memory_order_relaxed) >= level;
-}
-
-void append(char* text, size_t size, size_t* length, std::string_view part) {
-    size_t room = size - 1 - *length;
-    size_t count = std::min(room, part.size());
-    memcpy(text + *length, part.data(), count);
-    *length += count;
-    text[*length] = '\0';
-}
-
-// "EXSTAJ.TIMESTAMP.jjjj" for inserts.
-const char* dump_path(const internal_stack_t* stack, char* text, size_t size) {
-    size_t length = 0;
-    text[0] = '\0';
-    for (int i = 0; i < stack->parent_list.level; i++) {
-        std::string_view name = catalogue_trimmed_name(stack->parent_list.entries[i].name);
-        if (length + name.size() > path_limit) {
-            append(text, size, &length,
-                   catalogue_trimmed_name(stack->parent_list.entries[stack->parent_list.level - 1].name));
-            append(text, size, &length, "...");
-            break;
-        }
-        append(text, size, &length, name);
-        append(text, size, &length, ".");
-    }
-    append(text, size, &length, stack->current != nullptr ? stack->current->name : "?NULL?");
-    return text;
-}
-
-void format_insert(char* text, const char* format, va_list arguments) {
-    vsnprintf(text, msg_error_text_size, format, arguments);
-}
-
-__attribute__((format(printf, 3, 4), noinline, cold)) int fail(internal_stack_t* stack, int code,
-                                                               const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    stack->error->code = code;
-    format_insert(stack->error->subst, format, arguments);
-    va_end(arguments);
-    return walk_failed;
-}
-
-__attribute__((format(printf, 3, 4), noinline, cold)) void warn(internal_stack_t* stack, int code,
-                                                                const char* format, ...) {
-    err_list_t* warnings = &stack->error->warning_list;
-    void* grown = realloc(warnings->list, (warnings->length + 1) * sizeof(err_element_t));
-    if (grown == nullptr) {
-        free_warning_list(stack->error);
-        return;
-    }
-    warnings->list = static_cast<err_element_t*>(grown);
-    err_element_t* warning = &warnings->list[warnings->length++];
-    warning->code = code;
-    va_list arguments;
-    va_start(arguments, format);
-    format_insert(warning->subst, format, arguments);
-    va_end(arguments);
-}
-
-// Inserts show positions and sizes as unsigned 32-bit numbers.
-unsigned shown(int64_t number) {
-    return static_cast<unsigned>(number);
-}
-
-// Error 1002404, whose position is the field's own.
-__attribute__((noinline, cold)) int fail_overflow(internal_stack_t* stack, int64_t position, int64_t size) {
-    char path[512];
-    int64_t remaining = position >= 0 && position <= stack->buffer.size ? stack->buffer.size - position : 0;
-    return fail(stack, 1002404, "%s|%u|%d|%u|%s|", type2string(stack->current->type), shown(position),
-                static_cast<int>(size), shown(remaining), dump_path(stack, path, sizeof path));
-}
-
-__attribute__((noinline, cold)) int fail_type(internal_stack_t* stack, int code, const char* name) {
-    char path[512];
-    return fail(stack, code, "%s|%u|%s|", name, shown(stack->buffer.offset),
-                dump_path(stack, path, sizeof path));
 }
 
 // Fails when `size` bytes at `position` do not stand inside the message.
