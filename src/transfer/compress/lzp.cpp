@@ -9,30 +9,29 @@ namespace {
 // most misses are told without a look at the pool.
 constexpr unsigned slot_position = 32;
 
-// Contexts of a stretch of input, computed ahead of the search so that their slots can be fetched in time.
+// Contexts of a stretch of input, computed before the search in a loop of their own.
 class Contexts {
   public:
-    static constexpr unsigned ahead = 24;
-
     Contexts(const ContextHash& hash, uint32_t value) : shift_(hash.shift), mask_(hash.mask) {
         row_[stretch] = value;
     }
     // Context number `i` is the one at p + i.
     void start(const uint8_t* p) {
         uint32_t value = row_[stretch];
-        for (unsigned i = 0; i < stretch + ahead; ++i) {
+        for (unsigned i = 0; i < stretch; ++i) {
             row_[i] = value;
             value = (value << shift_ ^ p[i]) & mask_;
         }
+        row_[stretch] = value;
     }
     uint32_t at(unsigned i) const { return row_[i]; }
     static constexpr unsigned stretch = 1024;
-    static_assert(stretch + ahead <= input_slack);
+    static_assert(stretch <= input_slack);
 
   private:
     unsigned shift_;
     uint32_t mask_;
-    uint32_t row_[stretch + ahead];
+    uint32_t row_[stretch + 1];  // the last one begins the next stretch
 };
 
 inline uint64_t slotEntry(const uint8_t* p, uint32_t position) {
@@ -97,21 +96,12 @@ void fillSpan(CompressFile& cf, size_t stop) {
             startStretch();
         }
     };
-    const auto fetch = [&] {
-        __builtin_prefetch(&first[firsts.at(i + Contexts::ahead)], 1);
-        if constexpr (two) {
-            __builtin_prefetch(&second[kind == Second::pair ? load16(p + Contexts::ahead - 2)
-                                                            : seconds.at(i + Contexts::ahead)],
-                               1);
-        }
-    };
     const auto secondSlot = [&]() -> uint64_t& {
         return second[kind == Second::pair ? load16(p - 2) : seconds.at(i)];
     };
     startStretch();
     while (p < last && entry < full) {
         const uint64_t fresh = slotEntry(p, position);
-        fetch();
         uint64_t& firstSlot = first[firsts.at(i)];
         const uint64_t one = firstSlot;
         firstSlot = fresh;
@@ -147,7 +137,6 @@ void fillSpan(CompressFile& cf, size_t stop) {
         pass();
         while (--length != 0) {
             const uint64_t passed = slotEntry(p, position);
-            fetch();
             first[firsts.at(i)] = passed;
             if constexpr (two) {
                 secondSlot() = passed;

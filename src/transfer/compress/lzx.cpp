@@ -7,7 +7,7 @@
 namespace {
 
 // More candidates than these gain little and cost much.
-constexpr unsigned tries_max = 24;
+constexpr unsigned tries_max = 10;
 constexpr uint32_t nice_length = 192;  // long enough to stop looking
 constexpr unsigned ahead = 12;         // bytes between the current position and the bucket that is prefetched
 constexpr unsigned slot_position = 32;
