@@ -384,9 +384,7 @@ int acknowledge_start(activation_run* run) {
         add_restart_record(run->pcx, run->job, &body);
     }
     const int result = job_send_reply(run->pcx, run->msg, body);
-    if (result == 0) {
-        __log(number_started, "%s|%i|", run->job->JP_oName, run->job->JP_jobNr);
-    }
+    __log(number_started, "%s|%i|", run->job->JP_oName, run->job->JP_jobNr);
     return result;
 }
 
@@ -448,9 +446,10 @@ int give_up_deferred(EX_PCX* pcx, JP_AREA* job, const activation& order, int num
 int acknowledge_deferred(EX_PCX* pcx, JP_AREA* job) {
     // The restart record goes out with the first status.
     const std::vector<unsigned char> body = build_exaktjqu(job, sizeof(MSG_TYPE_EXAKTJQU));
-    if (job->ccmaddr != nullptr && job_send_kept(pcx, *job->ccmaddr, body) == 0) {
-        __log(number_started, "%s|%i|", job->JP_oName, job->JP_jobNr);
+    if (job->ccmaddr != nullptr) {
+        job_send_kept(pcx, *job->ccmaddr, body);  // the job runs in any case; a query finds it
     }
+    __log(number_started, "%s|%i|", job->JP_oName, job->JP_jobNr);
     return 0;
 }
 

@@ -85,7 +85,6 @@ int jpOpen(EX_PCX* pcx, JPPCX* context, qx7_error* error) {
     short_setting(pcx, "GLOBAL", "KillSignal", "SIGKILL", context->KillSignal);
     context->JobStartType = start_type(pcx);
     if (context->JobStartType == job_start_batch && !GetStartCmd(pcx, &context->cmdAddr)) {
-        __log(number_cannot_start, "%s|%s|", pcx->exName, qx_version);
         return qx_error_set(error, -1, 0, number_cannot_start, "%s|%s|", pcx->exName, qx_version);
     }
     context->JP_ReadUser =
