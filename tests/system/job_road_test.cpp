@@ -53,8 +53,11 @@ TEST_F(job_road, cancels_a_job_with_its_whole_group) {
     installation host("CANCELAGENT", port());
     host.start();
     ASSERT_TRUE(wait_logon("CANCELAGENT")) << story() << host.log();
-    const int run = submit("sleep 300 & echo child $!\nwait\n");
+    const std::string told = host.path("told");
+    const int run = submit("sleep 300 & echo child $!\ntouch " + told + "\nwait\n");
     ASSERT_TRUE(wait_state(run, cp_job_state::running)) << story() << host.log();
+    // The state comes with the first word of the messenger, ahead of the script's own lines.
+    ASSERT_TRUE(wait(10000, [&] { return access(told.c_str(), F_OK) == 0; })) << story();
     cp_answer answer;
     ASSERT_TRUE(cp_cancel(server.get(), run, [&](const cp_answer& a) { answer = a; }));
     ASSERT_TRUE(wait_done(run)) << story() << host.log();
