@@ -100,7 +100,6 @@ struct JOB_START_VAR {
     std::vector<std::string> arguments, environment;  // of the shell, with the pointers that exec takes
     std::vector<char*> argument_pointers, environment_pointers;
     sigset_t signal_mask = {};     // of the agent, before it blocked all signals for the fork
-    bool shares_memory = false;    // the child runs in the agent's memory until exec
     const JP_AREA* job = nullptr;  // its resources are told at the head of the report; may be null
     std::vector<gid_t> groups;     // all gids of the user; filled at the fork when empty
     // The report as it was made; a child that finds another file under its name does not write to it. Inode

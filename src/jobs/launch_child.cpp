@@ -1,11 +1,11 @@
 // What a job's child does between fork and exec. It runs in a copy of the agent: it frees, writes and closes
 // nothing of the parent, and ends by exec or _exit.
 #include <fcntl.h>
+#include <grp.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -128,27 +128,17 @@ int open_session(const my_passwd_unlimited& passwd, pam_handle_t* handle, qx7_er
     return LAUNCH_EXIT_PAM_SESSION;
 }
 
-// The kernel's own calls: those of the C library would give the new ids to the agent's threads too when the
-// child shares its memory.
-int raw_setgroups(const std::vector<gid_t>& groups) {
-    return static_cast<int>(syscall(SYS_setgroups, groups.size(), groups.data()));
-}
-
 int take_user(const my_passwd_unlimited& passwd, const JOB_START_VAR& startVar, qx7_error* error) {
-    if (syscall(SYS_setgid, passwd.pw_gid) != 0) {
+    if (setgid(passwd.pw_gid) != 0) {
         return call_failed("setgid()", LAUNCH_EXIT_SETGID, error);
     }
-    if (raw_setgroups(startVar.groups) != 0) {
+    if (setgroups(startVar.groups.size(), startVar.groups.data()) != 0) {
         return call_failed("initgroup()", LAUNCH_EXIT_INITGROUPS, error);
     }
-    if (syscall(SYS_setuid, passwd.pw_uid) != 0) {
+    if (setuid(passwd.pw_uid) != 0) {
         return call_failed("setuid()", LAUNCH_EXIT_SETUID, error);
     }
     return 0;
-}
-
-int set_effective_uid(uid_t uid) {
-    return static_cast<int>(syscall(SYS_setresuid, -1, uid, -1));
 }
 
 int execute_shell(const JOB_START_VAR& startVar, char* const* environment, qx7_error* error) {
@@ -222,7 +212,7 @@ int Init_User(const my_passwd_unlimited& passwd, const JOB_START_VAR& startVar, 
             return failed;
         }
     }
-    if (passwd.pw_uid != 0 && geteuid() == 0 && set_effective_uid(passwd.pw_uid) != 0) {
+    if (passwd.pw_uid != 0 && geteuid() == 0 && seteuid(passwd.pw_uid) != 0) {
         return call_failed("seteuid()", LAUNCH_EXIT_EXEC, error);
     }
     if (chdir(passwd.pw_dir) != 0) {
@@ -233,7 +223,7 @@ int Init_User(const my_passwd_unlimited& passwd, const JOB_START_VAR& startVar, 
 
 int doit_Child(EX_PCX* pcx, const my_passwd_unlimited& passwd, JOB_START_VAR* startVar,
                pam_handle_t* pamHandle, qx7_error* error) {
-    if (startVar->jsvType == LAUNCH_COMMAND && !startVar->shares_memory) {
+    if (startVar->jsvType == LAUNCH_COMMAND) {
         trace_nothing(pcx);
     }
     // The order counts: output first, so that every later failure has a place to be told; the session while

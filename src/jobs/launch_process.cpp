@@ -1,8 +1,6 @@
 // Making a job's process.
-#include <sched.h>
 #include <signal.h>
 #include <string.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,28 +13,10 @@
 #include "jobs/job_context.h"
 #include "jobs/launch_steps.h"
 
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define QX_SANITIZED 1
-#endif
-#endif
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define QX_SANITIZED 1
-#endif
-
 namespace {
-
-// Sanitizers keep records for each thread, which a child in the same memory would disturb.
-#ifdef QX_SANITIZED
-constexpr bool memory_may_be_shared = false;
-#else
-constexpr bool memory_may_be_shared = true;
-#endif
 
 using fork_function = pid_t (*)();
 fork_function make_process = fork;
-
-constexpr size_t child_stack_size = 512U << 10;
 
 struct child_call {
     EX_PCX* pcx;
@@ -66,26 +46,8 @@ int child_way(const child_call& call) {
     _exit(code);
 }
 
-// Everything that the child allocates on its way is given back before exec or _exit: the memory is the
-// agent's.
-int run_sharing_child(void* argument) {
-    const int code = child_way(*static_cast<const child_call*>(argument));
-    _exit(code);
-}
-
-// The stack of the sharing child; one at a time, since the main thread waits for it. Null when there is no
-// memory.
-char* child_stack_top() {
-    static char* const lowest = [] {
-        void* area = mmap(nullptr, child_stack_size, PROT_READ | PROT_WRITE,
-                          MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
-        return area == MAP_FAILED ? nullptr : static_cast<char*>(area);
-    }();
-    static const bool guarded =
-        lowest != nullptr && mprotect(lowest, static_cast<size_t>(sysconf(_SC_PAGESIZE)), PROT_NONE) == 0;
-    return guarded ? lowest + child_stack_size : nullptr;
-}
-
+// Always a fork, for both start types: a child in the agent's memory would keep the agent waiting until exec, and
+// from the moment that it has the user's identity that user could stop it there.
 pid_t fork_child(const child_call& call) {
     global_fork_lock(call.pcx);
     const pid_t pid = make_process();
@@ -101,28 +63,6 @@ pid_t fork_child(const child_call& call) {
     }
     errno = error_number;
     return pid;
-}
-
-// All signals stay blocked: a handler of the agent must not run in the child. The lock, since no other thread
-// may change the identity that the child starts from.
-pid_t clone_child(child_call* call, char* stack_top) {
-    call->startVar->shares_memory = true;
-    sigset_t all;
-    sigfillset(&all);
-    effUser_guard lock;
-    pthread_sigmask(SIG_SETMASK, &all, nullptr);
-    const pid_t pid = clone(run_sharing_child, stack_top, CLONE_VM | CLONE_VFORK | SIGCHLD, call);
-    const int error_number = errno;
-    pthread_sigmask(SIG_SETMASK, &call->startVar->signal_mask, nullptr);
-    errno = error_number;
-    return pid;
-}
-
-pid_t make_child(child_call* call) {
-    const bool share = memory_may_be_shared && make_process == fork &&
-                       !launch_session_in_child(call->pamHandle) && launch_mounts_are_local();
-    char* const stack_top = share ? child_stack_top() : nullptr;
-    return stack_top != nullptr ? clone_child(call, stack_top) : fork_child(*call);
 }
 
 }  // namespace
@@ -145,7 +85,7 @@ pid_t launch_fork(EX_PCX* pcx, char type, const my_passwd_unlimited& passwd, JOB
     Put_PInfo(passwd, "launch", startVar->environment_pointers.data());
     Check_Signals(startVar->signal_mask);
     child_call call = {pcx, &passwd, startVar, pamHandle};
-    const pid_t pid = make_child(&call);
+    const pid_t pid = fork_child(call);
     if (pid < 0) {
         const int error_number = errno;
         qx_error_set(error, -1, error_number, system_message, "%s|%u|%s|",

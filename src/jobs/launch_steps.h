@@ -55,10 +55,6 @@ void Init_Environment(const my_passwd_unlimited& passwd, JOB_START_VAR* startVar
 void launch_prepare_arguments(JOB_START_VAR* startVar);
 // Whether the child opens the PAM session of this handle.
 bool launch_session_in_child(const pam_handle_t* handle);
-// Whether no network or user-space file system is mounted. Only then the agent may wait for a child's chdir
-// and exec: a home that hangs must not stop it.
-bool launch_mounts_are_local();
-bool launch_mount_line_is_local(std::string_view line);  // a line of mountinfo
 // The job's environment made from another one, as "NAME=value".
 std::vector<std::string> launch_environment(char* const* from, const my_passwd_unlimited& passwd,
                                             const std::string& path_sh);

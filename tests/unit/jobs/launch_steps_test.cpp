@@ -206,20 +206,6 @@ TEST(LaunchFiles, TheReportMustBeTheOneThatWasMade) {
         << "without waiting";
 }
 
-TEST(LaunchMounts, NetworkAndUserSpaceFileSystemsAreNotLocal) {
-    for (const char* line :
-         {"36 35 98:0 / / rw,noatime master:1 - ext4 /dev/root rw", "1 2 0:5 / /tmp rw - tmpfs tmpfs rw",
-          "28 25 0:24 / /proc/sys/fs/binfmt_misc rw shared:9 - autofs systemd-1 rw"}) {
-        EXPECT_TRUE(launch_mount_line_is_local(line)) << line;
-    }
-    for (const char* line :
-         {"40 35 0:40 / /home rw - nfs4 server:/home rw", "41 35 0:41 / /home rw - autofs auto.home rw",
-          "42 35 0:42 / /mnt rw - fuse.sshfs a:/ rw", "43 35 0:43 / /mnt rw - newfs x rw",
-          "44 35 0:43 / /mnt rw", "45 35 0:4 / /mnt rw - "}) {
-        EXPECT_FALSE(launch_mount_line_is_local(line)) << line;
-    }
-}
-
 TEST(LaunchTexts, ResourceLinesStandAheadOfTheOutput) {
     JP_AREA job;
     job.jp_used_task_resource_list.resize(2);

@@ -1,6 +1,7 @@
 #include "jobs/queries.h"
 
 #include <signal.h>
+#include <unistd.h>
 
 #include "job_fixture.h"
 #include "jobs/launch.h"
@@ -173,6 +174,10 @@ TEST_F(queries_test, twenty_jobs_outlive_the_agents_memory) {
                            number + "'\r\n");
         ASSERT_EQ(records[static_cast<size_t>(run)].size(), 1336u);
         pids[static_cast<size_t>(run)] = static_cast<pid_t>(Find_JEntry(run, client)->fork_pid);
+        const std::string report = Find_JEntry(run, client)->JP_jReport;
+        for (int tries = 0; tries < 2000 && read_text(report).find(" START AT ") == std::string::npos; ++tries) {
+            usleep(5000);  // the script has written its first line
+        }
     }
     // The odd ones end before the agent is back; nobody takes their SIGCHLD.
     for (int run = 1; run <= jobs; run += 2) {
