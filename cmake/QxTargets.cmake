@@ -11,6 +11,9 @@ if(NOT QX_SANITIZE AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
 endif()
 
 if(QX_SANITIZE)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    list(APPEND QX_WARNINGS -Wno-maybe-uninitialized)  # instrumented code of the standard library sets it off
+  endif()
   add_compile_options(-fsanitize=${QX_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${QX_SANITIZE})
 endif()
