@@ -99,7 +99,7 @@ struct JOB_START_VAR {
     std::string rettext;                              // insert of a failure
     std::vector<std::string> arguments, environment;  // of the shell, with the pointers that exec takes
     std::vector<char*> argument_pointers, environment_pointers;
-    sigset_t signal_mask = {};     // of the agent, before it blocked all signals for the fork
+    sigset_t signal_mask = {};     // of the agent at the time of the fork
     const JP_AREA* job = nullptr;  // its resources are told at the head of the report; may be null
     std::vector<gid_t> groups;     // all gids of the user; filled at the fork when empty
     // The report as it was made; a child that finds another file under its name does not write to it. Inode
@@ -108,11 +108,9 @@ struct JOB_START_VAR {
     ino_t report_inode = 0;
 };
 
-// Makes the child, leader of its own group; it runs doit_Child and never returns here. With a PAM session for
-// the child, or where a network file system is mounted, it is forked under the fork locks; otherwise it
-// shares the agent's memory until exec, while the calling thread waits: a fork costs more the more memory the
-// agent has. The pid, or -1 with errno and `error` filled ("fork|<errno>|<text>|", logged). `type` 'F' or 'V'
-// names the function in the insert only.
+// Makes the child, leader of its own group, by a fork under the fork locks; it runs doit_Child and never returns
+// here. The pid, or -1 with errno and `error` filled ("fork|<errno>|<text>|", logged). `type` 'F' or 'V' names
+// the function in the insert only. Main thread.
 pid_t launch_fork(EX_PCX* pcx, char type, const my_passwd_unlimited& passwd, JOB_START_VAR* startVar,
                   pam_handle_t* pamHandle, qx7_error* error);
 
