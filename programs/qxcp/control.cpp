@@ -55,16 +55,17 @@ void run_job(cp_server& server, cp_control_client& client, const json& request) 
     job.user = request.value("user", "");
     job.shell = request.value("shell", "");
     job.password = request.value("password", "");
-    job.client = request.value("client", 100);
     job.wrap = request.value("wrap", true);
     if (job.script.empty()) {
         refuse(client, "the script is empty");
         return;
     }
-    if (job.client < 0 || job.client > 9999) {
+    const int number = request.value("client", int{job.client});
+    if (number < 0 || number > 9999) {
         refuse(client, "a client is a number from 0 to 9999");
         return;
     }
+    job.client = static_cast<uint16_t>(number);
     std::string error;
     const int run = cp_submit(&server, std::move(job), error);
     if (run == 0) {

@@ -57,10 +57,11 @@ struct cp_server {
     ~cp_server();
 };
 
-void cp_emit(cp_server& server, const std::string& kind, const std::string& agent, int run, const std::string& text);
+void cp_emit(cp_server& server, const std::string& kind, const std::string& agent, int run,
+             const std::string& text);
 std::string cp_time_text();
 
-// job_control.cpp
+// agent_messages.cpp and job_control.cpp
 void cp_handle_message(cp_server& server, cp_agent& agent);
 void cp_handle_lost_line(cp_server& server, cp_agent& agent);
 void cp_job_changed(cp_server& server, cp_job& job);  // stores the job and tells those who watch it

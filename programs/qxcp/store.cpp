@@ -76,7 +76,7 @@ json job_to_json(const cp_job& job) {
 cp_job job_from_json(const json& j) {
     cp_job job;
     job.run = j.value("run", 0);
-    job.client = j.value("client", 100);
+    job.client = j.value("client", job.client);
     job.user_id = j.value("user_id", 1u);
     job.name = j.value("name", "");
     job.agent = j.value("agent", "");

@@ -31,7 +31,7 @@ bool cp_state_is_final(cp_job_state state);
 
 struct cp_job {
     int run = 0;
-    int client = 100;
+    uint16_t client = 100;
     unsigned user_id = 1;
     std::string name;
     std::string agent;

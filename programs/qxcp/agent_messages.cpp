@@ -1,0 +1,262 @@
+// What agents say that is not about one job: logon, log, answers; and where each message goes.
+#include "agent_messages.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "messages/conversion.h"
+#include "messages/records_connection.h"
+#include "messages/records_server.h"
+#include "messages/timestamp.h"
+
+namespace {
+
+// ---- logon
+
+void send_logon_answer(cp_server& server, cp_agent& agent, const QX_HEADM& request, uint32_t code,
+                       const char* module) {
+    auto record = new_message<MSG_TYPE_EXSTRTQ2>(request.i2Mandant, request.i4UsrIdNr, 2);
+    const cp_options& options = server.options;
+    put_text(record.system_name, server.identity.system);
+    record.version.major = 12;
+    record.version.minor = 2;
+    put_text(record.version.release_id, "+build.2108");
+    put_text(record.rep_type, "LOG");
+    put_text(record.charset, "US-ASCII");
+    record.use_event = 'N';
+    record.anonymous_job = options.check_passwords ? 'N' : 'Y';
+    record.anonymous_ft = 'N';
+    record.anonymous_fe = 'N';
+    record.log_to_db = options.log_to_server ? 'Y' : 'N';
+    record.enc_comp = 'Y';
+    record.ah_idnr = agent.report_id;
+    record.job_check = options.job_check;
+    record.keep_alive = options.keep_alive;
+    record.reconnect = options.reconnect;
+    record.report = options.report_interval;
+    record.blksize = options.block_size;
+    record.cmd_timeout = 180;
+    record.check_interval = 60;
+    record.ft_rst_life = 14;
+    record.rb_rt_time = 14;
+    record.ft_stat_timer = 10;
+    record.ft_rst_timer = 10;
+    record.ft_con_timeout = 600;
+    record.ft_report_time = 60;
+    record.ft_use_md5 = 'Y';
+    record.fe_version = '2';
+    frame_address address{};
+    std::snprintf(address.dst_name, sizeof address.dst_name, "%s", module);
+    address.dst_acv = code;
+    cp_link_send(agent.link, server.identity, address, &record, sizeof record);
+}
+
+void read_variables(cp_agent& agent, message_view view, const MSG_TYPE_EXSTART2& logon) {
+    table_cursor cursor = view_table(view, logon.vardist);
+    for (int i = 0; i < logon.varanz && !cursor.failed; ++i) {
+        std::string name{cursor_text(&cursor, sizeof(MSG_TYPE_VARTAB::varname) - 1)};
+        std::string value{cursor_text(&cursor, sizeof(MSG_TYPE_VARTAB::varinhalt) - 1)};
+        if (!cursor.failed) {
+            agent.variables[name] = value;
+        }
+    }
+}
+
+void take_logon(cp_server& server, cp_agent& agent, message_view view, const frame_address& from) {
+    auto logon = view_record<MSG_TYPE_EXSTART2>(view);
+    agent.version = fmt::format("{}.{}.{}{}", logon.version.major, logon.version.minor, logon.version.patch,
+                                get_text(logon.version.release_id));
+    agent.platform = fmt::format("{} {} {}", get_text(logon.sw), get_text(logon.sw_vers), get_text(logon.hw));
+    agent.listener = get_text(logon.ipadr);
+    agent.listener_port = logon.ipport;
+    agent.start_type = logon.starttype;
+    agent.since = cp_time_text();
+    read_variables(agent, view, logon);
+    agent.report_id = logon.ah_idnr != 0 ? logon.ah_idnr : server.store.next_report_id++;
+    server.store.next_report_id = std::max(server.store.next_report_id, agent.report_id + 1);
+    if (std::string fault = cp_store_save_numbers(server.store); !fault.empty()) {
+        cp_emit(server, "store", "", 0, fault);
+    }
+    send_logon_answer(server, agent, view_head(view), from.src_acv,
+                      from.src_name[0] != '\0' ? from.src_name : "QXEXVAR");
+    agent.logged_on = true;
+    cp_emit(server, "logon", agent.link.agent, 0,
+            fmt::format("agent {} logged on ({} start, version {}, {}, listener {}:{})", agent.link.agent,
+                        logon.starttype == 'C' ? "cold" : "warm", agent.version, agent.platform,
+                        agent.listener, agent.listener_port));
+    cp_ask_for_active_jobs(server, agent);
+    for (auto& [run, job] : server.store.jobs) {
+        if (job.state == cp_job_state::waiting && job.agent.empty()) {
+            cp_activate(server, agent, job);
+        }
+    }
+}
+
+// ---- log of the agent
+
+void take_log_block(cp_server& server, cp_agent& agent, message_view view) {
+    auto block = view_record<MSG_TYPE_WRITE>(view);
+    std::string text{view_text(view, block.inhalt_dist, block.inhalt_len)};
+    std::erase(text, '\r');
+    const std::string path = fmt::format("{}/agents/{}.log", server.store.folder, agent.link.agent);
+    FILE* file = std::fopen(path.c_str(), "ab");
+    const bool good = file != nullptr && std::fwrite(text.data(), 1, text.size(), file) == text.size();
+    if (file == nullptr || std::fclose(file) != 0 || !good) {
+        cp_emit(server, "store", agent.link.agent, 0,
+                fmt::format("cannot write '{}': {}", path, std::strerror(errno)));
+    }
+}
+
+void answer_log_change(cp_server& server, cp_agent& agent, message_view view, const frame_address& from) {
+    auto request = view_record<MSG_TYPE_CHGLOGR>(view);
+    auto answer = new_message<MSG_TYPE_CHGLOGQU>(request.header.i2Mandant, request.header.i4UsrIdNr);
+    agent.report_id = server.store.next_report_id++;
+    cp_store_save_numbers(server.store);
+    answer.ah_idnr_old = request.ah_idnr_old;
+    answer.ah_idnr_new = agent.report_id;
+    answer.timestamp = timestamp_now();
+    put_text(answer.wp_name, server.identity.name);
+    frame_address address{};
+    std::snprintf(address.dst_name, sizeof address.dst_name, "%s", module_agent);
+    address.dst_acv = from.src_acv;
+    cp_link_send(agent.link, server.identity, address, &answer, sizeof answer);
+    cp_emit(server, "log", agent.link.agent, 0, fmt::format("agent {} began a new log", agent.link.agent));
+}
+
+void take_quittung(cp_server& server, cp_agent& agent, message_view view, uint32_t code) {
+    auto quittung = view_record<MSG_TYPE_QUITT>(view);
+    cp_answer answer;
+    answer.status = get_text(quittung.quitt);
+    answer.number = quittung.msgnr;
+    answer.insert = get_text(quittung.msg_insert);
+    answer.data = view_text(view, quittung.msg_dist, quittung.msg_len);
+    if (server.pending.contains(code)) {
+        cp_answer_pending(server, code, answer);
+        return;
+    }
+    cp_emit(server, "answer", agent.link.agent, 0,
+            fmt::format("agent {} answers {}: {} U{:08} {}", agent.link.agent, get_text(quittung.msg),
+                        answer.status, answer.number, answer.insert));
+}
+
+void answer_query(cp_server& server, cp_agent& agent, message_view view, const frame_address& from) {
+    auto query = view_record<MSG_TYPE_SRVQUERY>(view);
+    auto answer = new_message<MSG_TYPE_SRVINFO>(query.header.i2Mandant, query.header.i4UsrIdNr);
+    answer.extime = query.extime;
+    answer.srtime = timestamp_now();
+    std::memcpy(answer.anonym, query.anonym, sizeof answer.anonym);
+    frame_address address{};
+    std::snprintf(address.dst_name, sizeof address.dst_name, "%s", module_agent);
+    address.dst_acv = from.src_acv;
+    cp_link_send(agent.link, server.identity, address, &answer, sizeof answer);
+}
+
+}  // namespace
+
+void cp_answer_pending(cp_server& server, uint32_t code, const cp_answer& answer) {
+    auto found = server.pending.find(code);
+    if (found == server.pending.end()) {
+        return;
+    }
+    cp_answer_handler handler = std::move(found->second.handler);
+    server.pending.erase(found);
+    if (handler) {
+        handler(answer);
+    }
+}
+
+void cp_handle_message(cp_server& server, cp_agent& agent) {
+    cp_received& received = agent.link.received;
+    msgconv_ctx_t context;
+    msg_error error;
+    const int result = ToHOST(received.body.data(), received.body.size(), &context, 0, nullptr, &error);
+    if (result != walk_accepted) {
+        const int number = result == walk_warned && error.warning_list.length > 0
+                               ? error.warning_list.list[0].code
+                               : error.code;
+        const std::string insert = result == walk_warned && error.warning_list.length > 0
+                                       ? error.warning_list.list[0].subst
+                                       : error.subst;
+        cp_emit(server, "conversion", agent.link.agent, 0,
+                fmt::format("message of agent {} dropped: U{:08} {}", agent.link.agent, number, insert));
+        free_warning_list(&error);
+        return;
+    }
+    const message_view view = view_message(received.body.data(), received.body.size());
+    const frame_address& from = received.address;
+    const uint32_t code = from.dst_acv;
+    auto is = [&](const char* type) { return message_type_is(view.data, view.length, type); };
+    if (is("EXSTART2")) {
+        take_logon(server, agent, view, from);
+    } else if (is("EXAKTJQU")) {
+        cp_take_activation_answer(server, agent, view, code);
+    } else if (is("EXSTAJ")) {
+        cp_take_status(server, agent, view);
+    } else if (is("QUITT")) {
+        take_quittung(server, agent, view, code);
+    } else if (is("REP_DATA")) {
+        cp_take_report_block(server, agent, view);
+    } else if (is("REP_END")) {
+        cp_take_report_end(server, view);
+    } else if (is("SRVQUERY")) {
+        answer_query(server, agent, view, from);
+    } else if (is("WRITE")) {
+        take_log_block(server, agent, view);
+    } else if (is("CHGLOGR")) {
+        answer_log_change(server, agent, view, from);
+    } else if (is("EXSTOP")) {
+        agent.stopping = true;
+        cp_emit(server, "stop", agent.link.agent, 0, fmt::format("agent {} stops", agent.link.agent));
+    } else if (view.length == 0) {
+        cp_answer_pending(server, code, {"NK", 7, "", ""});
+    } else {
+        cp_emit(server, "unknown", agent.link.agent, 0,
+                fmt::format(
+                    "agent {} sent '{}', which this server does not handle", agent.link.agent,
+                    get_text(reinterpret_cast<const char*>(view.data), std::min<size_t>(view.length, 8))));
+    }
+}
+
+void cp_handle_lost_line(cp_server& server, cp_agent& agent) {
+    const cp_answer lost{"--", 0, "the connection was lost", ""};
+    std::vector<uint32_t> codes;
+    for (auto& [code, pending] : server.pending) {
+        if (pending.agent_id == agent.id) {
+            codes.push_back(code);
+        }
+    }
+    for (uint32_t code : codes) {
+        cp_answer_pending(server, code, lost);
+    }
+    std::vector<int> ids;
+    for (auto& [id, transfer] : server.transfers) {
+        if (transfer.agent_id == agent.id) {
+            ids.push_back(id);
+        }
+    }
+    for (int id : ids) {
+        cp_end_transfer(server, id, lost);
+    }
+}
+
+bool cp_stop_agent(cp_server* server, const std::string& name) {
+    cp_agent* agent = cp_find_agent(server, name);
+    if (agent == nullptr) {
+        return false;
+    }
+    struct __attribute__((packed)) {
+        char host[32];
+        char mode;
+        char unused[3];
+        int32_t number;
+        char insert[256];
+    } order{};
+    static_assert(sizeof order == 296);
+    put_text(order.host, agent->link.agent);
+    order.mode = ' ';
+    put_text(order.insert, "");
+    return cp_link_send_item(agent->link, server->identity, key_system_shutdown, &order, sizeof order);
+}

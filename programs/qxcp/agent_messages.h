@@ -1,0 +1,43 @@
+// What the files that speak to agents share: making messages and answering those who wait.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "messages/view.h"
+#include "server_state.h"
+
+inline constexpr char module_jobs[] = "JPAKTJ_R";
+inline constexpr char module_agent[] = "QXEXVAR";
+inline constexpr char module_reports[] = "QXREPEX";
+inline constexpr char own_address[] = "*CP";
+inline constexpr char own_module[] = "QXCPJOB";
+
+// A message with variable data behind its record.
+struct message_buffer {
+    std::string bytes;
+
+    explicit message_buffer(size_t fixed) : bytes(fixed, '\0') {}
+    // Where `data` lands, 0 for nothing.
+    int32_t append(std::string_view data) {
+        if (data.empty()) {
+            return 0;
+        }
+        const auto place = static_cast<int32_t>(bytes.size());
+        bytes += data;
+        return place;
+    }
+};
+
+// Hands the answer to whoever asked with this access code, once.
+void cp_answer_pending(cp_server& server, uint32_t code, const cp_answer& answer);
+
+// job_control.cpp
+void cp_ask_for_active_jobs(cp_server& server, cp_agent& agent);
+void cp_take_activation_answer(cp_server& server, cp_agent& agent, message_view view, uint32_t code);
+void cp_take_status(cp_server& server, cp_agent& agent, message_view view);
+
+// report_control.cpp
+void cp_take_report_block(cp_server& server, cp_agent& agent, message_view view);
+void cp_take_report_end(cp_server& server, message_view view);
+void cp_end_transfer(cp_server& server, int id, const cp_answer& answer);

@@ -1,0 +1,101 @@
+// Reports of jobs, fetched block by block.
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "agent_messages.h"
+#include "messages/records_report.h"
+
+namespace {
+
+constexpr int no_block_limit = 0x7FFFFFFF;
+
+}  // namespace
+
+void cp_end_transfer(cp_server& server, int id, const cp_answer& answer) {
+    auto found = server.transfers.find(id);
+    if (found == server.transfers.end()) {
+        return;
+    }
+    cp_transfer transfer = std::move(found->second);
+    server.transfers.erase(found);
+    cp_answer result = answer;
+    if (transfer.wish.tail && transfer.tail_held) {
+        std::fwrite(transfer.tail.data(), 1, transfer.tail.size(), transfer.file);
+    }
+    if (std::fclose(transfer.file) != 0 && result.status == "OK") {
+        result.status = "NK";
+        result.insert = fmt::format("cannot write '{}': {}", transfer.wish.path, std::strerror(errno));
+    }
+    if (transfer.handler) {
+        transfer.handler(result);
+    }
+}
+
+void cp_take_report_block(cp_server& server, cp_agent& agent, message_view view) {
+    auto block = view_record<MSG_TYPE_REP_DATA>(view);
+    auto found = server.transfers.find(block.ah_idnr);
+    if (found == server.transfers.end()) {
+        return;
+    }
+    cp_transfer& transfer = found->second;
+    std::string text{view_text(view, block.data_dist, block.data_len)};
+    std::erase(text, '\r');
+    bool good = true;
+    if (transfer.wish.tail) {
+        transfer.tail = std::move(text);
+        transfer.tail_held = true;
+    } else {
+        good = std::fwrite(text.data(), 1, text.size(), transfer.file) == text.size();
+    }
+    auto next = new_message<MSG_TYPE_REP_QUIT>(view_head(view).i2Mandant, view_head(view).i4UsrIdNr);
+    next.ah_idnr = block.ah_idnr;
+    next.rep_ah_idnr = block.rep_ah_idnr;
+    next.rep_rh_idnr = block.rep_rh_idnr;
+    std::memcpy(next.rep_type, block.rep_type, sizeof next.rep_type);
+    transfer.block = block.rep_blk + 1;
+    next.rep_blk = transfer.block;
+    next.msgnr = good ? 0 : 2003041;
+    put_text(next.msg_insert,
+             good ? "" : fmt::format("fwrite|{}|{}|{}|", transfer.wish.path, errno, std::strerror(errno)));
+    cp_send(&server, agent, module_reports, &next, sizeof next);
+}
+
+void cp_take_report_end(cp_server& server, message_view view) {
+    auto end = view_record<MSG_TYPE_REP_END>(view);
+    cp_answer answer;
+    answer.number = end.msgnr;
+    answer.insert = get_text(end.msg_insert);
+    constexpr int limit_reached = 29007;
+    constexpr int line_limit_reached = 29008;
+    constexpr int ended_well = 29001;
+    const bool good = end.msgnr == 0 || end.msgnr == limit_reached || end.msgnr == line_limit_reached ||
+                      end.msgnr == ended_well;
+    answer.status = good ? "OK" : "NK";
+    cp_end_transfer(server, end.ah_idnr, answer);
+}
+
+bool cp_fetch_report(cp_server* server, int run, const cp_report_wish& wish, cp_answer_handler handler) {
+    cp_job* job = cp_find_job(server, run);
+    cp_agent* agent = job == nullptr || job->agent.empty() ? nullptr : cp_find_agent(server, job->agent);
+    FILE* file = agent == nullptr ? nullptr : std::fopen(wish.path.c_str(), "wb");
+    if (file == nullptr) {
+        return false;
+    }
+    auto order = new_message<MSG_TYPE_REP_GET>(job->client, job->user_id);
+    order.ah_idnr = server->next_transfer++;
+    put_text(order.filename, job->report_file);
+    order.rep_ah_idnr = run;
+    put_text(order.rep_type, "REP");
+    order.blksize = wish.block_size != 0 ? wish.block_size : server->options.block_size;
+    order.erase = wish.erase ? '1' : '0';
+    order.maxrecords = wish.max_records;
+    order.maxblk = wish.tail ? 1 : no_block_limit;
+    message_buffer buffer(sizeof order);
+    order.match_dist = buffer.append(wish.match);
+    order.match_len = static_cast<int32_t>(wish.match.size());
+    std::memcpy(buffer.bytes.data(), &order, sizeof order);
+    server->transfers[order.ah_idnr] = {agent->id, run, file, wish, 0, false, {}, std::move(handler)};
+    return cp_send(server, *agent, module_reports, buffer.bytes.data(), buffer.bytes.size());
+}
