@@ -263,9 +263,9 @@ int getIntArgs(std::string_view argument, parameter_list* list, msg_error*) {
 int getCharArgs(std::string_view argument, parameter_list* list, msg_error* error) {
     std::string_view text = trimmed(argument);
     if (text.empty() || text.front() != '\'' || text.find('\'', 1) == std::string_view::npos)
-        return set_error(error, code_syntax, "Missing ''' character.|");
+        return set_error(error, code_syntax, "Missing ''' character.");
     if (text.size() != 3 || text[2] != '\'')
-        return set_error(error, code_syntax, "Invalid char '%.*s' argument.|", static_cast<int>(text.size()),
+        return set_error(error, code_syntax, "Invalid char '%.*s' argument.", static_cast<int>(text.size()),
                          text.data());
     add_bytes(list, &text[1], 1);
     return 0;
@@ -275,7 +275,7 @@ int getStringArgs(std::string_view argument, parameter_list* list, msg_error* er
     size_t first = argument.find('"');
     size_t last = argument.rfind('"');
     if (first == std::string_view::npos || first == last)
-        return set_error(error, code_syntax, "Missing '\"' character.|");
+        return set_error(error, code_syntax, "Missing '\"' character.");
     std::string text(argument.substr(first + 1, last - first - 1));
     if (!text.empty())
         add_bytes(list, text.c_str(), text.size() + 1);
@@ -299,13 +299,13 @@ int get_arguments(std::string_view text, int (*parse)(std::string_view, paramete
 int checkArguments(std::string_view rest, std::string_view* arguments, size_t* end, msg_error* error) {
     size_t open = rest.find('(');
     if (open == std::string_view::npos)
-        return set_error(error, code_syntax, "Unable to find '(' character.|");
+        return set_error(error, code_syntax, "Unable to find '(' character.");
     size_t close = rest.find(')', open);
     if (close == std::string_view::npos)
-        return set_error(error, code_syntax, "Unable to find ')' character.|");
+        return set_error(error, code_syntax, "Unable to find ')' character.");
     *arguments = rest.substr(open + 1, close - open - 1);
     if (arguments->find(';') != std::string_view::npos)
-        return set_error(error, code_syntax, "Invalid argument syntax '%.*s'.|",
+        return set_error(error, code_syntax, "Invalid argument syntax '%.*s'.",
                          static_cast<int>(arguments->size()), arguments->data());
     *end = close + 1;
     return 0;

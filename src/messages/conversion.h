@@ -40,14 +40,15 @@ inline constexpr int walk_warned = -2;  // see warning_list; the caller refuses 
 inline constexpr int walk_failed = -3;  // see code and subst
 
 // Trace levels are ASCII digits, '0' is off. What the engine writes at which level:
-inline constexpr char trace_level_dump = '2';      // the message before and behind the walk
+inline constexpr char trace_level_dump = '2';      // the message, its passwords hidden
 inline constexpr char trace_level_elements = '4';  // a line for each field
 
 // trcWrite, trcDump  write trace: one line; a title with a dump
 // logWrite           logs a message number with its inserts
 // errorAction        called when checks have failed: writes a diagnostic file and puts its name into the
-// buffer trcflag            the trace level, read at every decision; may be null (off) table null: the
-// catalogue
+//                    buffer, an empty one when there is no file
+// trcflag            the trace level, read at every decision; may be null (off)
+// table              null: the catalogue
 struct msgconv_ctx_t {
     void (*trcWrite)(const char* text) = nullptr;
     void (*trcDump)(const char* title, const void* address, size_t length) = nullptr;
@@ -108,6 +109,10 @@ int ToHOST(void* msg, size_t msgs, const msgconv_ctx_t* ctx, int internal, const
 // the walk.
 int walk_message(void* msg, size_t msgs, bool to_lan, const msgconv_ctx_t* ctx, const walk_visitor* visitor,
                  msg_error* error);
+
+// For errorAction: dumps the message whose checks have failed through trcDump, with a line for each field.
+// Nothing when it is called from elsewhere.
+void msgconv_dump_failed_message();
 
 // What the channel layer calls: as ToHOST and ToLAN, with errors and warnings logged through ctx->logWrite
 // and the warnings freed. A "MELD    " on its way in passes untouched: its readers test its size. 0 accepted,

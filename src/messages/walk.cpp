@@ -156,7 +156,7 @@ int walk_integer(internal_stack_t* stack, level_t* level, size_t index, int64_t 
     uint64_t value = 0;
     if (process_integer(stack, level->value_offset, element, &value) == walk_failed) [[unlikely]]
         return walk_failed;
-    if (stack->checks && element->chkptr != 0)
+    if (stack->checks && element->chkptr != 0 && (element->rule & rule_no_touch) == 0)
         evaluate_checks(stack, reinterpret_cast<const unsigned char*>(&value), element->size);
     if (static_cast<int64_t>(index) > level->int_val_index) {
         level->matrix.ivals[index] = reference_value(value, element->size);
@@ -483,21 +483,36 @@ int parse_message(internal_stack_t* stack) {
     return result;
 }
 
-void report_failed_checks(const msgconv_ctx_t* ctx) {
+// The message whose checks have failed, while errorAction runs on this thread.
+thread_local const internal_stack_t* failed_checks = nullptr;
+
+void report_failed_checks(const internal_stack_t& stack) {
+    const msgconv_ctx_t* ctx = stack.ctx;
     if (ctx == nullptr || ctx->errorAction == nullptr)
         return;
     char name[255] = {};
+    failed_checks = &stack;
     ctx->errorAction(name, sizeof name);
+    failed_checks = nullptr;
+    if (name[0] == '\0' || ctx->logWrite == nullptr)
+        return;
     char insert[sizeof name + 1];
     snprintf(insert, sizeof insert, "%.253s|", name);
-    if (ctx->logWrite != nullptr)
-        ctx->logWrite(2000216, insert);
+    ctx->logWrite(2000216, insert);
 }
 
 }  // namespace
 
 byte_order native_order() {
     return std::endian::native == std::endian::little ? order_little : order_big;
+}
+
+void msgconv_dump_failed_message() {
+    if (failed_checks != nullptr) {
+        const internal_stack_t& stack = *failed_checks;
+        dump_message(stack.ctx, "message", stack.buffer.data, static_cast<size_t>(stack.buffer.size),
+                     stack.request->check, stack.request->to_order, true);
+    }
 }
 
 int walk(void* msg, size_t msgs, const msgconv_ctx_t* ctx, const walk_request& request, msg_error* error) {
@@ -524,11 +539,12 @@ int walk(void* msg, size_t msgs, const msgconv_ctx_t* ctx, const walk_request& r
         return fail(&stack, 1002409, "%u|%u|%s|", static_cast<unsigned>(sizeof(QX_HEADM)),
                     shown(stack.buffer.size), "?NULL?");
 
-    if (tracing(ctx, trace_level_dump) && ctx->trcDump != nullptr)
-        ctx->trcDump(request.check == check_to_lan ? "ToLAN" : "ToHOST", msg, msgs);
+    if (tracing(ctx, trace_level_dump)) [[unlikely]]
+        dump_message(ctx, request.check == check_to_lan ? "ToLAN" : "ToHOST", msg, msgs, request.check,
+                     request.to_order, tracing(ctx, trace_level_elements));
     int result = parse_message(&stack);
     if (stack.errorsFound != 0)
-        report_failed_checks(ctx);
+        report_failed_checks(stack);
     if (tracing(ctx, trace_level_dump) && ctx->trcWrite != nullptr) {
         char line[128];
         snprintf(line, sizeof line, "walk: result %d, number %d, %lu warnings, %d failed checks", result,

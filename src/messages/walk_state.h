@@ -45,6 +45,11 @@ int fail_type(internal_stack_t* stack, int code, const char* name) __attribute__
 // Path of the current element for inserts, "EXSTAJ.TIMESTAMP.jjjj", written to `text`.
 const char* dump_path(const internal_stack_t* stack, char* text, size_t size);
 
+// Dumps a message of at least a head to the trace of `ctx`: passwords in it are hidden, and of a message that
+// the walk refuses everything that it did not read. With `elements` a line for each field precedes.
+void dump_message(const msgconv_ctx_t* ctx, const char* title, const void* msg, size_t msgs, walk_check check,
+                  byte_order to_order, bool elements);
+
 // Inserts show positions and sizes as unsigned 32-bit numbers.
 inline unsigned shown(int64_t number) {
     return static_cast<unsigned>(number);

@@ -102,16 +102,16 @@ TEST_F(ChecksTest, RefusesWhatItCannotCompile) {
         int code;  // first number logged, 0: only the error of the whole
         const char* insert;
     };
-    for (const row& row : std::vector<row>{{"gt 0", 1, 4, 2000209, "Unable to find '(' character.|"},
-                                           {"gt(0", 1, 4, 2000209, "Unable to find ')' character.|"},
-                                           {"gt(0;1)", 1, 4, 2000209, "Invalid argument syntax '0;1'.|"},
+    for (const row& row : std::vector<row>{{"gt 0", 1, 4, 2000209, "Unable to find '(' character."},
+                                           {"gt(0", 1, 4, 2000209, "Unable to find ')' character."},
+                                           {"gt(0;1)", 1, 4, 2000209, "Invalid argument syntax '0;1'."},
                                            {"gt(0,1)", 1, 4, 2000210, "gt(0,1)|1|2|"},
                                            {"gt()", 1, 4, 2000210, "gt()|1|0|"},
                                            {"gt(0)", 3, 4, 2000211, "GT|String Padded|"},
                                            {"ne(0)", 7, 4, 2000211, "NE|Binary Sized|"},
-                                           {"enum(Y)", 3, 1, 2000209, "Missing ''' character.|"},
-                                           {"enum('YN')", 3, 1, 2000209, "Invalid char ''YN'' argument.|"},
-                                           {"enum(AB)", 3, 2, 2000209, "Missing '\"' character.|"},
+                                           {"enum(Y)", 3, 1, 2000209, "Missing ''' character."},
+                                           {"enum('YN')", 3, 1, 2000209, "Invalid char ''YN'' argument."},
+                                           {"enum(AB)", 3, 2, 2000209, "Missing '\"' character."},
                                            {"perhaps", 1, 4, 0, ""}}) {
         msgconv_ctx_t ctx = logging_context();
         msg_el element = field(row.expression, row.type, row.size);
@@ -146,9 +146,40 @@ TEST_F(ChecksTest, CatalogueCompilesWholeAndFailuresRefuseNothing) {
     EXPECT_EQ(logged, (std::vector<std::pair<int, std::string>>{
                           {2000207, "0 > 0|"}, {2000212, "GT|JOB_DEL.ah_idnr|"}, {2000216, "diagnostic|"}}));
 
+    // The file's writer may ask for the message; nobody else gets it, and no file is no line.
+    static size_t dumped = 0;
+    ctx.trcDump = [](const char*, const void*, size_t length) { dumped += length; };
+    ctx.errorAction = [](char*, size_t) { msgconv_dump_failed_message(); };
+    logged.clear();
+    EXPECT_EQ(ToHOST(message.data(), message.size(), &ctx, 0, nullptr, &error), walk_accepted);
+    msgconv_dump_failed_message();
+    EXPECT_EQ(dumped, message.size());
+    EXPECT_EQ(logged.back().first, 2000212);
+
     msgconv_close();
     logged.clear();
     EXPECT_EQ(ToHOST(message.data(), message.size(), &ctx, 0, nullptr, &error), walk_accepted);
+    EXPECT_TRUE(logged.empty());
+}
+
+TEST_F(ChecksTest, LeavesFieldsAloneThatMustNotBeTouched) {
+    msgconv_ctx_t ctx = logging_context();
+    msg_el elements[] = {field("gt(0)", 1, 4), field("notempty()", 3, 4)};
+    elements[1].count = 2;
+    msg_error error;
+    for (msg_el& element : elements)
+        ASSERT_EQ(compileCheckStream(&ctx, &element, &error), 0);
+    msgtab_el entry = {"TEST    ", {2, elements}, 24};
+    MSGTAB table = {1, &entry};
+    ctx.table = &table;
+    image message = make_image("TEST", "01", 24);
+    memset(message.data() + 20, ' ', 4);
+    EXPECT_EQ(ToLAN(message.data(), message.size(), &ctx, 0, nullptr, &error), walk_accepted);
+    EXPECT_EQ(logged.size(), 4U);
+    logged.clear();
+    for (msg_el& element : elements)
+        element.rule = rule_no_touch;
+    EXPECT_EQ(ToLAN(message.data(), message.size(), &ctx, 0, nullptr, &error), walk_accepted);
     EXPECT_TRUE(logged.empty());
 }
 

@@ -408,4 +408,82 @@ TEST(Conversion, SwapsForAnotherByteOrder) {
     EXPECT_EQ(message, wire);
 }
 
+// ---- trace ----
+
+std::string traced, lines;
+
+msgconv_ctx_t tracing_context(const std::atomic<char>* level) {
+    traced.clear();
+    lines.clear();
+    msgconv_ctx_t ctx;
+    ctx.trcflag = level;
+    ctx.trcDump = [](const char*, const void* address, size_t length) {
+        traced.append(static_cast<const char*>(address), length);
+    };
+    ctx.trcWrite = [](const char* line) { lines.append(line).append("\n"); };
+    return ctx;
+}
+
+// An activation whose passwords can be told from everything else.
+image with_passwords() {
+    image message = make_exaktj();
+    set_text(&message, 1476, "OLDFORM");
+    set_text(&message, message.size() - 16, "NEWFORM");
+    set_number(&message, 1804, message.size());
+    set_number(&message, 1780, 0);
+    return message;
+}
+
+bool shows(std::string_view text) {
+    return traced.find(text) != std::string::npos;
+}
+
+TEST(ConversionTrace, ShowsMessagesWithoutTheirPasswords) {
+    std::atomic<char> level = '1';
+    msgconv_ctx_t ctx = tracing_context(&level);
+    image message = with_passwords();
+    image before = message;
+    msg_error error;
+    ASSERT_EQ(ToHOST(message.data(), message.size(), &ctx, 0, nullptr, &error), walk_accepted);
+    EXPECT_TRUE(traced.empty() && lines.empty());
+
+    level = '2';
+    for (bool to_lan : {true, false}) {
+        traced.clear();
+        ASSERT_EQ(to_lan ? ToLAN(message.data(), message.size(), &ctx, 0, nullptr, &error)
+                         : ToHOST(message.data(), message.size(), &ctx, 0, nullptr, &error),
+                  walk_accepted);
+        EXPECT_EQ(message, before);
+        ASSERT_EQ(traced.size(), message.size());
+        EXPECT_TRUE(shows("echo hello") && shows("name1") && shows("/root"));
+        EXPECT_FALSE(shows("OLDFORM") || shows("NEWFORM") || shows("value1"));
+    }
+    EXPECT_EQ(lines.find("jobfile"), std::string::npos);
+    level = '4';
+    ASSERT_EQ(ToHOST(message.data(), message.size(), &ctx, 0, nullptr, &error), walk_accepted);
+    EXPECT_NE(lines.find("jobfile: String Padded at 220, 255 bytes\n"), std::string::npos);
+}
+
+// What cannot be read as a whole may hold a password anywhere behind the fault, or read it as something else.
+TEST(ConversionTrace, HidesWhatARefusedMessageMayHold) {
+    std::atomic<char> level = '2';
+    msgconv_ctx_t ctx = tracing_context(&level);
+    image message = with_passwords();
+    set_number(&message, 1560, 0x7FFFFFFF);  // jcl_len
+    msg_error error;
+    ASSERT_EQ(ToHOST(message.data(), message.size(), &ctx, 0, nullptr, &error), walk_failed);
+    EXPECT_TRUE(shows("NIGHTLY.REPORT") && shows("/bin/sh"));
+    EXPECT_FALSE(shows("OLDFORM") || shows("NEWFORM") || shows("echo hello"));
+
+    traced.clear();
+    message = with_passwords();
+    set_number(&message, 1472, 1476);  // the rest field points at the password
+    ASSERT_EQ(ToHOST(message.data(), message.size(), &ctx, 0, nullptr, &error), walk_accepted);
+    EXPECT_FALSE(shows("OLDFORM"));
+    set_number(&message, 1560, 0x7FFFFFFF);
+    traced.clear();
+    ASSERT_EQ(ToHOST(message.data(), message.size(), &ctx, 0, nullptr, &error), walk_failed);
+    EXPECT_FALSE(shows("OLDFORM"));
+}
+
 }  // namespace
