@@ -199,7 +199,7 @@ int getMyStatFs(const char* path, fs_figures* figures, qx7_error* error) {
 }
 
 int64_t getFreeDiskSpaceFs(const char* path) {
-    fs_figures figures;
+    fs_figures figures{};
     if (getMyStatFs(path, &figures, nullptr) != 0) {
         return -1;
     }

@@ -303,7 +303,7 @@ bool parse_number(std::string_view text, int64_t low, int64_t high, int64_t* out
 }
 
 uint16_t iCnvU16(uint16_t value) {
-    return iIsIntel() ? __builtin_bswap16(value) : value;
+    return iIsIntel() ? value : __builtin_bswap16(value);
 }
 
 int16_t iCnvI16(int16_t value) {
@@ -311,7 +311,7 @@ int16_t iCnvI16(int16_t value) {
 }
 
 uint32_t iCnvU32(uint32_t value) {
-    return iIsIntel() ? __builtin_bswap32(value) : value;
+    return iIsIntel() ? value : __builtin_bswap32(value);
 }
 
 int32_t iCnvI32(int32_t value) {
@@ -319,7 +319,7 @@ int32_t iCnvI32(int32_t value) {
 }
 
 uint64_t iCnvU64(uint64_t value) {
-    return iIsIntel() ? __builtin_bswap64(value) : value;
+    return iIsIntel() ? value : __builtin_bswap64(value);
 }
 
 int64_t iCnvI64(int64_t value) {

@@ -103,7 +103,7 @@ uint64_t CNV_X(const void* num, size_t size);
 // Whole text as a decimal number in [low, high]; false for anything else, also for an empty text.
 bool parse_number(std::string_view text, int64_t low, int64_t high, int64_t* out);
 
-// Network byte order and back; the same function serves both ways.
+// From the byte order of messages (little-endian) to the host's and back; the same function serves both ways.
 uint16_t iCnvU16(uint16_t value);
 int16_t iCnvI16(int16_t value);
 uint32_t iCnvU32(uint32_t value);

@@ -118,7 +118,8 @@ TEST(Numbers, AreTakenWholeAndInRange) {
     EXPECT_EQ(CNV_Int(bytes, 8), -2);
     EXPECT_EQ(CNV_X(bytes, 2), 0xFFFEU);
     EXPECT_EQ(CNV_Int(bytes, 3), 0);
-    EXPECT_EQ(iCnvU32(0x01020304U), 0x04030201U);
+    const uint32_t wire = iCnvU32(0x01020304U);
+    EXPECT_EQ(memcmp(&wire, "\x04\x03\x02\x01", 4), 0) << "messages are little-endian";
 }
 
 TEST(Words, AreFoundByNumber) {
