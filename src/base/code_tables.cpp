@@ -43,6 +43,29 @@ void invert(const unsigned char table[256], unsigned char inverse[256]) {
     }
 }
 
+// Every table that was ever the default stays: the network thread may be converting with it. Servers that
+// take turns with different tables get the ones that they had before.
+struct kept_tables {
+    qx_code_tables tables;
+    kept_tables* next;
+};
+kept_tables* all_kept = nullptr;
+
+const qx_code_tables* keep_tables(const qx_code_tables& tables) {
+    for (const kept_tables* each = all_kept; each != nullptr; each = each->next) {
+        if (memcmp(&each->tables, &tables, sizeof tables) == 0) {
+            return &each->tables;
+        }
+    }
+    kept_tables* made = static_cast<kept_tables*>(malloc(sizeof *made));
+    if (made == nullptr) {
+        return nullptr;
+    }
+    *made = {tables, all_kept};
+    all_kept = made;
+    return &made->tables;
+}
+
 }  // namespace
 
 constexpr qx_code_tables identity_code_tables = make_identity();
@@ -79,13 +102,11 @@ int SetDefaultCode(EX_PCX* pcx, const void* code, size_t length) {
     if (old != nullptr && memcmp(old, &tables, sizeof tables) == 0) {
         return 0;
     }
-    qx_code_tables* copy = static_cast<qx_code_tables*>(malloc(sizeof tables));
-    if (copy == nullptr) {
+    const qx_code_tables* kept = keep_tables(tables);
+    if (kept == nullptr) {
         return -1;
     }
-    *copy = tables;
-    // The old one stays: the network thread may be converting with it. A server seldom changes its table.
-    pcx->pDefaultCode.store(copy, std::memory_order_release);
+    pcx->pDefaultCode.store(kept, std::memory_order_release);
     pcx->code_len = static_cast<int>(length);
     return 0;
 }

@@ -308,7 +308,7 @@ int ZULOGG_Text(PZULOGG handle, const char* text, int length) {
     size_t stamp_length = 0;
     const std::string head = INT_Header(handle, &stamp_length);
     const size_t size = length < 0 ? strnlen(text, longest_line) : static_cast<size_t>(length);
-    return put_line(handle, head.substr().append(text, std::min(size, longest_line)), stamp_length);
+    return put_line(handle, std::string(head).append(text, std::min(size, longest_line)), stamp_length);
 }
 
 int ZULOGG_Dump(PZULOGG handle, const char* title, const void* address, int length) {

@@ -393,9 +393,8 @@ int GetPrvProfileString(const char* section, const char* key, const char* preset
     size_t length = std::min(value.size(), size);
     if (length < value.size()) {
         const size_t last = value.rfind('\0', size - 2);
-        length = last == std::string::npos ? 0 : last + 1;
-        value.resize(length);
-        value.push_back('\0');
+        value.resize(last == std::string::npos ? 0 : last + 1);
+        value.resize(std::max<size_t>(value.size() + 1, 2));
         length = value.size();
     }
     memcpy(buffer, value.data(), length);
@@ -456,10 +455,8 @@ int __PutProfileString(const char* section, const char* key, const char* value, 
     for (const INI_FILE_RECORD& record : records) {
         out.append(record.cRec).append("\n");
     }
-    const bool good = replace_file(file, out, status.st_mode, status.st_uid, status.st_gid);
-    explicit_bzero(out.data(), out.size());  // key stores are written this way too
-    explicit_bzero(content.data(), content.size());
-    return written(good, "__PutProfileString()", file);
+    return written(replace_file(file, out, status.st_mode, status.st_uid, status.st_gid),
+                   "__PutProfileString()", file);
 }
 
 int m_getProfileString(EX_PCX* pcx, const char* section, const char* key, const char* preset, char* out,

@@ -36,15 +36,15 @@ std::string_view field_text(const char field[32]) {
 int shared_key(const key_manager& keys, const uint64_t private_numbers[4], const uint64_t public_values[4],
                uint8_t key[gss_key_size]) {
     uint64_t shared[4];
-    for (size_t i = 0; i < 4; i++) {
-        int number = CalcEncryptionKey(public_values[i], private_numbers[i], keys.modulus, &shared[i]);
-        if (number != KM_OK) {
-            return number;
-        }
+    int number = KM_OK;
+    for (size_t i = 0; i < 4 && number == KM_OK; i++) {
+        number = CalcEncryptionKey(public_values[i], private_numbers[i], keys.modulus, &shared[i]);
     }
-    DHVal2Transfer(shared, key);
+    if (number == KM_OK) {
+        DHVal2Transfer(shared, key);
+    }
     qx_wipe(shared, sizeof shared);
-    return KM_OK;
+    return number;
 }
 
 // Agrees on a key for a start package that could be opened, and stores it.

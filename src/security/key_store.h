@@ -83,7 +83,7 @@ const char* KComVersion();
 const char* KSVersion();
 
 // Opens the agent's key manager from the settings and hands the callbacks to the mechanism. Reads the initial
-// package when the store holds no key for the agent. -1 with `error` filled (2000104, insert
+// package when the store holds no key for the agent. -1 with `error` filled (2000102, insert
 // "KComInit|%08X|"). Main thread.
 int GssOpen(qx7_error* error);
 // Wipes the key manager and takes the callbacks away. Repeatable; also what a forked child calls first.

@@ -76,7 +76,9 @@ TEST_F(ProfileTest, KeyListsEndTwice) {
     EXPECT_EQ(std::string(list, static_cast<size_t>(length)), std::string("FirstKey\0second\0\0", 17));
     EXPECT_EQ(GetPrvProfileString("a", "", "none", list, 12, file.c_str()), 10);
     EXPECT_EQ(std::string(list, 10), std::string("FirstKey\0\0", 10)) << "cut behind a whole name";
-    EXPECT_EQ(GetPrvProfileString("a", "", "", list, 4, file.c_str()), 1);
+    list[1] = 'x';
+    EXPECT_EQ(GetPrvProfileString("a", "", "", list, 4, file.c_str()), 2);
+    EXPECT_EQ(std::string(list, 2), std::string("\0\0", 2)) << "also when no name fits";
     std::string many = "[a]\n";
     for (int i = 0; i < 1000; ++i) {
         many += "key" + std::to_string(1000 + i) + "=v\n";

@@ -154,7 +154,14 @@ TEST(CodeTables, UseSubstituteAndInverse) {
     EXPECT_EQ(tables->inverse[tables->forward[at('a')]], 'a');
     EXPECT_EQ(SetDefaultCode(&pcx, code, 512), 0);
     EXPECT_EQ(pcx.pDefaultCode.load(), tables) << "the same table again must not take new memory";
-    free(const_cast<qx_code_tables*>(tables));
+    unsigned char other[512];
+    memcpy(other, code, sizeof other);
+    other[0] = 'x';
+    other[256] = CODE_FLAG_MAPPED;
+    ASSERT_EQ(SetDefaultCode(&pcx, other, 512), 0);
+    EXPECT_NE(pcx.pDefaultCode.load(), tables);
+    ASSERT_EQ(SetDefaultCode(&pcx, code, 512), 0);
+    EXPECT_EQ(pcx.pDefaultCode.load(), tables) << "nor tables that take turns";
     char text[] = "A1z [ ]";
     ToEbcdic(text, sizeof text);
     EXPECT_EQ(static_cast<unsigned char>(text[0]), 0xC1);
