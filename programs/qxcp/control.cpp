@@ -120,6 +120,12 @@ void get_report(cp_server& server, cp_control_client& client, const json& reques
         return;
     }
     wish.path = fmt::format("{}/reports/{:07}.part.txt", server.store.folder, run);
+    for (const auto& [id, transfer] : server.transfers) {
+        if (transfer.wish.path == wish.path) {
+            refuse(client, fmt::format("a part of the report of job {} is being fetched: try again", run));
+            return;
+        }
+    }
     const int id = client.id;
     const bool sent = cp_fetch_report(&server, run, wish, [&server, id, run, path = wish.path](const cp_answer& answer) {
         cp_control_client* asker = find_client(server, id);

@@ -215,7 +215,11 @@ int main(int argc, char** argv) {
     auto* catalogue_command =
         app.add_subcommand("catalogue", "print all messages with their fields and positions, as Markdown");
 
-    CLI11_PARSE(app, argc, argv);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& fault) {
+        return app.exit(fault) == 0 ? 0 : exit_usage;
+    }
 
     server.folder = console.folder;
     console.json = as_json;
