@@ -182,6 +182,13 @@ bool is_strangers(const file_way& way, const struct stat& status) {
     return way.trusted || (way.single_stranger && status.st_uid == way.stranger);
 }
 
+// Where everybody may make names, a second name of a file may have been put there by somebody who may not read it.
+bool may_be_planted(const file_way& way, const struct stat& status) {
+    struct stat folder;
+    return way.trusted && status.st_nlink > 1 &&
+           (fstat(way.dir.get(), &folder) != 0 || (folder.st_mode & (S_IWGRP | S_IWOTH)) != 0);
+}
+
 }  // namespace
 
 int walk_way(const char* path, file_way* way) {
@@ -259,7 +266,7 @@ int open_read_on_order(const char* path) {
     if (!file.valid() || fstat(file.get(), &status) != 0) {
         return -1;
     }
-    if (!is_strangers(way, status)) {
+    if (!is_strangers(way, status) || may_be_planted(way, status)) {
         errno = EACCES;
         return -1;
     }
