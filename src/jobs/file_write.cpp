@@ -84,7 +84,9 @@ int prepare_place(file_order* order) {
     if (fd >= 0) {
         FileClose(fd);
     }
-    if (!missing && order->record.mode == WRITE_NEW_ONLY) {
+    // What may not be looked at is told by the opening.
+    const bool exists = fd >= 0 || (!missing && error.qx_errno != EACCES && error.qx_errno != ENOTDIR);
+    if (exists && order->record.mode == WRITE_NEW_ONLY) {
         return fail(order, FILE_WRITE_EXISTS, key_text(order) + order->file + "|");
     }
     if (!missing) {
@@ -139,6 +141,9 @@ int write_file(file_order* order) {
                        : order->record.mode == WRITE_NEW_ONLY ? "wx"  // whoever was quicker is not overwritten
                                                               : "w";
     FILE* stream = StreamOpen_EffUser(order->user.c_str(), order->file.c_str(), mode, &error);
+    if (stream == nullptr && error.qx_errno == EEXIST) {
+        return fail(order, FILE_WRITE_EXISTS, key_text(order) + order->file + "|");
+    }
     if (stream == nullptr) {
         return fail(order, FILE_WRITE_OPEN, key_text(order) + order->file + "|" + error_text(error.qx_errno) + "|");
     }

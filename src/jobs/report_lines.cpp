@@ -19,6 +19,9 @@ constexpr std::string_view truncation_mark = "QX7:global report truncated";
 constexpr int truncation_mark_room = 26;  // beside the mark's own length
 constexpr int line_end_size = 2;
 constexpr int tail_read_failed = 11402;
+// So much of a cut line is passed over in one step. The agent does nothing else meanwhile, and the owner of the file
+// may make a line of holes that is longer than any disk.
+constexpr int64_t passed_over_limit = int64_t{512} << 20;
 
 // A line as it goes into a block: through the code table, CR LF behind it.
 void put_line(const REP_Area* area, unsigned char* place, std::string_view line) {
@@ -55,6 +58,12 @@ void report_read_line(REP_Area* area, size_t size) {
     std::string_view record;
     bool cut = false;
     area->last_was_cut = false;
+    if (area->line_too_long) {
+        area->i4Errno = EFBIG;
+        area->lLastRec = read_failed;
+        area->line_in_hand = false;
+        return;
+    }
     const int result = text_reader_next_view(&area->pFile, size - 1, &record, &cut);
     if (result <= 0) {
         area->i4Errno = errno;
@@ -75,6 +84,10 @@ void report_read_line(REP_Area* area, size_t size) {
     area->last_was_cut = true;
     area->last_full = static_cast<int64_t>(record.size());
     while (cut) {  // the rest of the line is passed over
+        if (area->last_full > passed_over_limit) {
+            area->line_too_long = true;
+            break;
+        }
         const int rest = text_reader_next_view(&area->pFile, size_t{1} << 16, &record, &cut);
         if (rest <= 0) {
             break;

@@ -1,6 +1,7 @@
 #include "jobs/report_scan.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -24,6 +25,9 @@ constexpr int number_file = 2003041;
 constexpr size_t line_limit = 2048;
 constexpr size_t block_size = 65536;
 constexpr size_t utc_date_distance = 9;  // from the 'U' of "UTC TIME" to its date
+// Of a longer report its two ends are scanned, so much of each: the agent stands still meanwhile, and the job's
+// user may make his report as long as he likes, also of holes.
+constexpr off_t scan_end_size = off_t{64} << 20;
 
 constexpr char end_info_text[] = "        Job beendet";
 
@@ -133,15 +137,40 @@ struct line_source {
     std::unique_ptr<char[]> block = std::make_unique<char[]>(block_size);
     size_t filled = 0;
     size_t at = 0;
+    off_t left = 0;      // what is still to be read: a report that grows meanwhile must come to an end
+    off_t jump_to = 0;   // where the scan goes on when `left` is used up; 0: it ends there
+    off_t jump_left = 0;
     int error_number = 0;
     bool cut_seen = false;
+    bool jumped = false;  // the next line may have begun in what was passed over
 };
+
+void plan_scan(line_source* source, off_t size) {
+    source->left = size;
+    if (size > 2 * scan_end_size) {
+        source->left = scan_end_size;
+        source->jump_to = size - scan_end_size;
+        source->jump_left = scan_end_size;
+    }
+}
+
+bool jump(line_source* source) {
+    if (source->jump_to == 0 || lseek(source->fd, source->jump_to, SEEK_SET) < 0) {
+        return false;
+    }
+    source->left = source->jump_left;
+    source->jump_to = 0;
+    source->jumped = true;
+    return true;
+}
 
 bool fill_block(line_source* source) {
     ssize_t length = 0;
+    const size_t wanted = static_cast<size_t>(std::min<off_t>(source->left, block_size));
     do {
-        length = read(source->fd, source->block.get(), block_size);
+        length = read(source->fd, source->block.get(), wanted);
     } while (length < 0 && errno == EINTR);
+    source->left -= std::max<ssize_t>(length, 0);
     if (length < 0) {
         source->error_number = errno;
     }
@@ -250,12 +279,23 @@ bool report_scan_file(const JP_AREA* job, JP_AREA* scan, qx7_error* error) {
                      static_cast<unsigned>(errno), error_text(errno).c_str());
         return false;
     }
+    struct stat status;
     line_source source;
     source.fd = file.get();
-    std::string line;
-    while (next_line(&source, &line)) {
-        ChkRprtRec(scan, line);
+    if (fstat(file.get(), &status) != 0) {
+        source.error_number = errno;
+    } else {
+        plan_scan(&source, status.st_size);
     }
+    std::string line;
+    do {
+        while (next_line(&source, &line)) {
+            if (!source.jumped) {
+                ChkRprtRec(scan, line);
+            }
+            source.jumped = false;
+        }
+    } while (source.error_number == 0 && jump(&source));
     if (source.error_number != 0) {
         __log(number_file, "FileReadText()|%.255s|%u|%s|", job->JP_jReport,
               static_cast<unsigned>(source.error_number), error_text(source.error_number).c_str());

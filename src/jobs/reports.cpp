@@ -454,12 +454,15 @@ int process_repquit(EX_PCX* pcx, ccm_msg_t* msg, int) {
         return result;
     };
     if (area->lLastRec < 0 || quit.msgnr != 0 || area->lRetCode != 0) {
-        if (area->lLastRec == read_failed) {
-            __log(REPORT_READ_FAILED, "%s", read_failure(area).c_str());
-        }
         report_end end = iFillRepQuitToRepEnd(quit, quit.msgnr, get_text(quit.msg_insert));
         if (quit.msgnr == 0 && area->lRetCode != 0) {
             iChangeRepEndMessage(&end, area->lRetCode, area->cRetText);
+        }
+        if (area->lLastRec == read_failed && end.msgnr == 0) {
+            // Half a report must not pass for the whole one: it would be erased.
+            iChangeRepEndMessage(&end, REPORT_READ_FAILED, read_failure(area));
+        } else if (area->lLastRec == read_failed) {
+            __log(REPORT_READ_FAILED, "%s", read_failure(area).c_str());
         }
         return end_transfer(end);
     }

@@ -71,6 +71,7 @@ struct REP_Area {
     bool line_in_hand = false;    // pLastRec was read and not sent
     bool last_was_cut = false;    // its full length is last_full
     int64_t last_full = 0;
+    bool line_too_long = false;   // the end of the line in hand was not found: the transfer ends behind it
     std::string pLastRec;
     std::string pMatchRecord;
     time_t last_use = 0;
