@@ -173,10 +173,15 @@ int take_status(EX_PCX* pcx, const meld_bytes& bytes, uint16_t client, uid_t uid
     if (job == nullptr) {
         return result;
     }
+    if (job->JP_status == job_status_ended && record->status != meld_ended) {
+        // The job has told its end; a process that it left behind must not take back state and return code.
+        return 0;
+    }
     take_report(pcx, job, *record);
     if (record->status == meld_ended) {
         take_end(pcx, job);
-    } else {
+    } else if (job->JP_status != job_status_cancel || CheckProzessId(job) == 0) {
+        // A cancelled job that still runs would be told as gone: the check tells whether it is.
         create_and_send_exstaj(pcx, job);
     }
     return 0;

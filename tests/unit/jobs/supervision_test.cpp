@@ -100,6 +100,32 @@ TEST_F(job_test, a_cancelled_job_stays_cancelled_and_a_rebuilt_one_ends_by_word)
     EXPECT_EQ(messages[0].as<MSG_TYPE_EXSTAJ>().retcode, 3);
 }
 
+TEST_F(job_test, a_cancelled_job_that_still_runs_is_not_told_as_gone) {
+    JP_AREA* cancelled = bare_job(1);
+    cancelled->JP_status = job_status_cancel;
+    job_table_set_pid(cancelled, static_cast<uint32_t>(getpid()));
+    tell(meld(1, 'R', 0));
+    EXPECT_TRUE(sent().empty()) << "the server would close a living job";
+    EXPECT_EQ(cancelled->m_pid, getpid());
+}
+
+TEST_F(job_test, what_a_job_leaves_behind_does_not_take_its_last_word_back) {
+    JP_AREA* job = bare_job(1);
+    job_table_set_pid(job, 4000000);
+    tell(meld(1, 'R', 0));
+    tell(meld(1, 'E', 4));
+    sent();
+    for (const char late : {'R', 'C'}) {
+        tell(meld(1, late, 0));
+        EXPECT_EQ(job->JP_status, 'E');
+        EXPECT_EQ(job->retCode, 4);
+        EXPECT_TRUE(sent().empty()) << "the shell still runs";
+    }
+    process_job_sigchild(pcx, 4000000, 0, 0);
+    EXPECT_EQ(job->retCode, 4);
+    EXPECT_EQ(sent().size(), 1u);
+}
+
 TEST_F(job_test, only_the_jobs_user_root_and_the_agent_may_speak_for_a_job) {
     JP_AREA* job = bare_job(1);
     job->jp_uid = 54321;
