@@ -2,6 +2,8 @@
 // otherwise.
 #pragma once
 
+#include <sys/resource.h>
+
 #include <ctime>
 #include <list>
 #include <string>
@@ -73,6 +75,9 @@ struct JPPCX {
     char Bourne_Shell_opt[16] = {};
     char Korn_Shell_opt[16] = {};
     char C_Shell_opt[16] = {};
+    // Of descriptors, as the agent was started with: it lowers its own later, which is no business of the jobs.
+    // rlim_max 0: unknown.
+    rlimit descriptor_limit = {};
 };
 
 // The context; valid before jpOpen too, with the defaults above. Main thread.

@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <string.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -141,6 +142,14 @@ int take_user(const my_passwd_unlimited& passwd, const JOB_START_VAR& startVar, 
     return 0;
 }
 
+void restore_limits() {
+    const rlimit& limit = job_context()->descriptor_limit;
+    if (limit.rlim_max != 0) {
+        // The hard limit never changed; a job with the agent's lower one is better than none.
+        (void)setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
 int execute_shell(const JOB_START_VAR& startVar, char* const* environment, qx7_error* error) {
     AllFdClose(STDERR_FILENO + 1, nullptr, 0);
     execve(startVar.path_sh.c_str(), startVar.argument_pointers.data(), environment);
@@ -237,6 +246,7 @@ int doit_Child(EX_PCX* pcx, const my_passwd_unlimited& passwd, JOB_START_VAR* st
     }
     Reset_Signals(startVar->signal_mask);
     drop_terminal();
+    restore_limits();  // before the session, whose modules may set others
     failed = open_session(passwd, pamHandle, error);
     if (failed == 0) {
         failed = Init_User(passwd, *startVar, error);

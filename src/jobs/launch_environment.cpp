@@ -92,6 +92,9 @@ std::vector<std::string> launch_environment(char* const* from, const my_passwd_u
     size_t seen = 0;
     for (char* const* entry = from; entry != nullptr && *entry != nullptr; ++entry) {
         if (++seen > environment_limit) {
+            if (trc_on(TRC_JOB)) {
+                _TraceText("program error, too many environment variable, max. 128 allow");
+            }
             break;
         }
         const std::string_view text = *entry;

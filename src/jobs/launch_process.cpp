@@ -95,6 +95,8 @@ pid_t launch_fork(EX_PCX* pcx, char type, const my_passwd_unlimited& passwd, JOB
         errno = error_number;
         return -1;
     }
-    children_note(pid);
+    if (job_context()->Fl_Sigchld != 0) {
+        children_note(pid);  // without the signal nobody collects: the list would only grow
+    }
     return pid;
 }

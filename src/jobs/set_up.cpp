@@ -100,6 +100,9 @@ int jpOpen(EX_PCX* pcx, JPPCX* context, qx7_error* error) {
     read_pam_settings(pcx, context);
     context->JP_SwitchToRealUser = pcx->getProfileBool(pcx, "MISC", "StartBatchJobWithRootPrivileges", "no");
     context->Fl_Sigchld = pcx->getProfileBool(pcx, "GLOBAL", "sigchld", "yes");
+    if (getrlimit(RLIMIT_NOFILE, &context->descriptor_limit) != 0) {
+        context->descriptor_limit = {};  // jobs then keep the agent's
+    }
     job_reset_cpu_times();
     return 0;
 }

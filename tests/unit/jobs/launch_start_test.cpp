@@ -136,6 +136,24 @@ TEST_F(Launch, NothingOfTheAgentReachesTheJob) {
         << "descriptors 0, 1, 2 and that of ls itself";
 }
 
+TEST_F(Launch, TheAgentsLowerLimitOfDescriptorsIsNotTheJobs) {
+    rlimit before;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    job_context()->descriptor_limit = before;
+    const rlimit lowered = {64, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &lowered), 0);
+    EXPECT_EQ(run("ulimit -Sn"), 0);
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_EQ(read_text(report),
+              (before.rlim_cur == RLIM_INFINITY ? "unlimited" : std::to_string(before.rlim_cur)) + "\n");
+}
+
+TEST_F(Launch, WithoutTheSignalNoListOfChildrenGrows) {
+    job_context()->Fl_Sigchld = 0;
+    EXPECT_EQ(run("true"), 0);
+    EXPECT_EQ(children_count(), 0U);
+}
+
 TEST_F(Launch, DescriptorsOfAnAgentWithoutStandardOutput) {
     const int saved = fcntl(1, F_DUPFD_CLOEXEC, 10);
     fflush(stdout);
