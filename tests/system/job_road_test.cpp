@@ -137,7 +137,7 @@ TEST_F(job_road, orders_the_agent_down) {
     ASSERT_TRUE(cp_stop_agent(server.get(), "STOPPED"));
     ASSERT_TRUE(wait(15000, [&] { return !host.agent.running(); })) << host.log();
     EXPECT_EQ(host.agent.exit_code(), 0);
-    EXPECT_EQ(count_events("stop"), 1);
+    EXPECT_TRUE(wait(5000, [&] { return count_events("stop") == 1; })) << story();
 }
 
 }  // namespace
