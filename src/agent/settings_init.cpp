@@ -4,9 +4,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 
+#include "agent/message_error.h"
 #include "agent/settings.h"
 #include "agent/system_variables.h"
 #include "agent/unbuilt_modules.h"
@@ -136,14 +139,16 @@ void read_languages(EX_PCX* pcx) {
 
 // ---- trace and log
 
+// A larger number means the largest, not what is left of it in 16 bits.
+short read_short(EX_PCX* pcx, const char* section, const char* key, const char* preset) {
+    return static_cast<short>(std::clamp(pcx->getProfileInt(pcx, section, key, preset), 0, SHRT_MAX));
+}
+
 void read_intervals(EX_PCX* pcx) {
     pcx->trc_count = pcx->getProfileInt(pcx, "TRACE", "trccount", "3");
-    pcx->ftx_restart_intervall =
-        static_cast<short>(pcx->getProfileInt(pcx, "FILETRANSFER", "ftx_restart_intervall", "5"));
-    pcx->ftx_sta_intervall =
-        static_cast<short>(pcx->getProfileInt(pcx, "FILETRANSFER", "ftx_status_intervall", "5"));
-    pcx->ftx_report_intervall =
-        static_cast<short>(pcx->getProfileInt(pcx, "FILETRANSFER", "ftx_report_intervall", "5"));
+    pcx->ftx_restart_intervall = read_short(pcx, "FILETRANSFER", "ftx_restart_intervall", "5");
+    pcx->ftx_sta_intervall = read_short(pcx, "FILETRANSFER", "ftx_status_intervall", "5");
+    pcx->ftx_report_intervall = read_short(pcx, "FILETRANSFER", "ftx_report_intervall", "5");
     pcx->ftx_sta_timeout = pcx->ftx_rprt_timeout = pcx->ftx_rstr_timeout = 0;
 }
 
@@ -191,7 +196,7 @@ int open_trace(EX_PCX* pcx, qx7_error* error, bool* no_handle) {
 
 int open_log(EX_PCX* pcx, qx7_error* error) {
     reading("GLOBAL", "logging");
-    pcx->logCount = static_cast<short>(pcx->getProfileInt(pcx, "GLOBAL", "logcount", "3"));
+    pcx->logCount = read_short(pcx, "GLOBAL", "logcount", "3");
     char name[qx_path_size];
     pcx->getProfileString(pcx, "GLOBAL", "logging", "../temp/QXXJxxx.l##", name, sizeof name);
     if (complete_file_name(pcx, name, pcx->logFile, sizeof pcx->logFile, error) != 0) {
@@ -355,17 +360,12 @@ void conversion_dump(const char* title, const void* address, size_t length) {
     trcdump(title, address, static_cast<int>(length));
 }
 
-// A refused message is dumped by the walk itself; there is no file to name.
-void conversion_error_action(char* buffer, size_t size) {
-    copy_text(buffer, size, "");
-}
-
 void Msg_Open(EX_PCX* pcx) {
     static msgconv_ctx_t conversion;
     const std::atomic<char>* level = &pcx->trcFlgs[TRC_TCPIP];
     const int checks = pcx->getProfileInt(pcx, "GLOBAL", "chkstr", "0");
-    msgconv_open(&conversion, level, conversion_trace, conversion_dump, conversion_log,
-                 conversion_error_action, checks);
+    msgconv_open(&conversion, level, conversion_trace, conversion_dump, conversion_log, message_error_action,
+                 checks);
     pcx->pcx_msgctx = &conversion;
 }
 

@@ -132,6 +132,9 @@ void trace_name_for_child(const char* pattern, const char* text, char* out, size
 
 // A handle, or null with errno. A name is optional: without one the file gets a name with the time stamp.
 PZUTRACE ZUTRACE_Open(const char* name);
+// A handle that traces into an open file at once, without limit, trigger or ring. It takes the descriptor
+// over, also when it fails. Null with errno.
+PZUTRACE ZUTRACE_OpenDescriptor(int fd);
 // Closes the file, frees the ring and the handle. 0, or 1 for a bad handle.
 int ZUTRACE_Close(PZUTRACE handle);
 // length -1 or 65535 means a string; trailing blanks are dropped. 0, or 1 for a bad handle.

@@ -146,6 +146,22 @@ PZUTRACE ZUTRACE_Open(const char* name) {
     return handle;
 }
 
+PZUTRACE ZUTRACE_OpenDescriptor(int fd) {
+    PZUTRACE handle = ZUTRACE_Open("");
+    FILE* stream = handle == nullptr ? nullptr : fdopen(fd, "a");
+    if (stream == nullptr) {
+        const int kept = errno;
+        close(fd);
+        delete handle;
+        errno = kept;
+        return nullptr;
+    }
+    setvbuf(stream, nullptr, _IONBF, 0);
+    handle->fcb = stream;
+    handle->flag = TRACE_ACTIVE;
+    return handle;
+}
+
 int ZUTRACE_Close(PZUTRACE handle) {
     trace_guard guard;
     if (!is_trace(handle)) {

@@ -80,7 +80,7 @@ const msgtab_el* definition_of_size(std::string_view name, void* record, size_t 
 QX_HEADM view_head(message_view view) {
     QX_HEADM head;
     memset(&head, 0, sizeof head);
-    memset(head.msg_typ, ' ', sizeof head.msg_typ + sizeof head.version);
+    memset(&head, ' ', offsetof(QX_HEADM, i2Mandant));
     size_t length = view.length;
     if (length > 0 && length < offsetof(QX_HEADM, i2Mandant))
         memcpy(&head, view.data, length);
