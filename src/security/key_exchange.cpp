@@ -143,7 +143,7 @@ int cmdData(key_manager* keys, std::string_view name, int command, const uint8_t
     if (command != GSS_CMD_START) {
         return command == GSS_CMD_RESPONSE ? KM_UNEXPECTED : KM_WRONG_DATA;
     }
-    if (length > start_package_max || length != start_package_size) {
+    if (length != start_package_size) {
         return KM_WRONG_DATA;
     }
     if (room < response_package_size) {

@@ -11,7 +11,6 @@
 
 inline constexpr size_t start_package_size = 180;
 inline constexpr size_t response_package_size = 115;
-inline constexpr size_t start_package_max = 512;  // what cmdData looks at, at most
 
 enum gss_command : int {
     GSS_CMD_NONE = 0,
