@@ -72,10 +72,12 @@ std::string inOwnForm(std::string_view text, int type) {
     return form;
 }
 
-// Result of a destination mask.
-std::string build(std::string_view mask, const std::vector<insertion>& inserts, std::string_view wcInsert) {
+// Result of a destination mask. It stops growing soon above `limit`, as a mask of many wildcards would make
+// it much longer than what it is made of.
+std::string build(std::string_view mask, const std::vector<insertion>& inserts, std::string_view wcInsert,
+                  size_t limit) {
     std::string name;
-    for (size_t i = 0; i < mask.size(); ++i) {
+    for (size_t i = 0; i < mask.size() && name.size() <= limit; ++i) {
         if (mask[i] == '*') {
             name += wcInsert;
         } else if (mask[i] == '&' && i + 1 < mask.size() && mask[i + 1] >= '0' && mask[i + 1] <= '9') {
@@ -221,7 +223,9 @@ int fngConvert(std::string_view srcMask, std::string_view srcFile, std::string_v
     if (hasFolders(dstType)) {
         target.insert(folderLength(target, dstDelim), parts.subPath);
     }
-    std::string name = build(target, inserts, wcInsert);
+    // In the form of that system ".." is one character.
+    const size_t limit = dstType == fs_vms ? 2 * outSize + 1 : outSize;
+    std::string name = build(target, inserts, wcInsert, limit);
     return deliver(dstType == fs_vms ? convertUNIX2VMS(name) : std::move(name), out, outSize, err);
 }
 

@@ -17,6 +17,8 @@ namespace {
 
 constexpr size_t input_extra = 0x20008;
 
+constexpr size_t block_slack = 64;  // literals are put down eight at a time
+
 // The buffers of the methods, less what is added to all.
 struct BufferSizes {
     size_t input;
@@ -78,7 +80,7 @@ int openBlock(CompressFile& cf, ErrMsg* err) {
     block.size = 1024 * cf.parameters.hufBlock;
     if (cf.id != compress_huffman) {
         const size_t width = cf.id == compress_lzss ? sizeof(uint64_t) : sizeof(uint32_t);
-        if (!block.memory.take(block.size * width, "block", err)) {
+        if (!block.memory.take(block.size * width + block_slack, "block", err)) {
             return -1;
         }
         if (cf.id == compress_lzss) {

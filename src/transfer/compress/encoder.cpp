@@ -232,8 +232,6 @@ void lowerPositions(CompressFile& cf) {
     }
     if (cf.id == compress_lzss) {
         lowerLzss(cf);
-    } else if (cf.id == compress_lzp) {
-        lowerLzp(cf);
     } else if (cf.id == compress_lzx) {
         lowerLzx(cf);
     }

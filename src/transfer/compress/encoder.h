@@ -43,6 +43,19 @@ struct ContextTable {
     uint32_t value = 0;  // context at the current position; only the bits of the mask count
 };
 
+// What the tables of id 9 told for the next places of the input, before those were entered: the distance to
+// where the context occurred, larger than the pool when there is nothing to use.
+struct Predictions {
+    static constexpr unsigned stretch = 512;
+    unsigned at = 0;  // the place of `src`
+    unsigned count = 0;
+    uint32_t position = 0;     // of the next stretch, as slots count
+    uint32_t positionEnd = 0;  // a power of two; above it slots hold a check
+    std::array<uint32_t, stretch> first{};
+    std::array<uint32_t, stretch> second{};
+    std::array<uint8_t, stretch + 8> found{};  // 1 where one of the two is to be used
+};
+
 // Symbols of the current block, not yet in the output. Which of the three arrays counts depends on the
 // method.
 struct Block {
@@ -139,6 +152,7 @@ struct CompressFile {
 
     uint32_t positionHigh = position_high;
     ContextTable context[2];
+    std::unique_ptr<Predictions> predictions;
     std::unique_ptr<LzssSearch> lzss;
     std::unique_ptr<BucketTable<uint64_t>> buckets;
     std::unique_ptr<ZlibSender> zlib;
@@ -162,7 +176,6 @@ int lzxFillHufBuf(CompressFile& cf, ErrMsg* err);
 
 // Each moves the positions of its tables, and those of the input, down before they could wrap.
 void lowerLzss(CompressFile& cf);
-void lowerLzp(CompressFile& cf);
 void lowerLzx(CompressFile& cf);
 
 int openLzss(CompressFile& cf, ErrMsg* err);

@@ -1,56 +1,22 @@
 // Symbols of id 9: the position that followed the same context last predicts what comes; only lengths travel.
+//
+// What the tables hold at a place depends on the bytes before it alone, not on how they were coded. So a
+// stretch is passed over twice: one loop without branches brings the tables up to date and keeps what they
+// told for each place, a second one searches in that. Neither waits for the other's misses.
 #include <algorithm>
 
 #include "transfer/compress/encoder.h"
 
 namespace {
 
-// Slots hold the position that followed a context in the upper half, and in the lower the four bytes there:
-// most misses are told without a look at the pool.
-constexpr unsigned slot_position = 32;
+// A slot holds the position that followed a context, and above it a check of the two bytes there: nearly all
+// misses are told without a look at the pool. Positions of slots begin at pool + 1, so that the difference to
+// an empty slot, to one whose check differs, or to one that is too old is larger than the pool.
+constexpr unsigned check_bits_most = 8;
+constexpr unsigned slots_ahead = 32;
 
-// Contexts of a stretch of input, computed before the search in a loop of their own.
-class Contexts {
-  public:
-    Contexts(const ContextHash& hash, uint32_t value) : shift_(hash.shift), mask_(hash.mask) {
-        row_[stretch] = value;
-    }
-    // Context number `i` is the one at p + i.
-    void start(const uint8_t* p) {
-        uint32_t value = row_[stretch];
-        for (unsigned i = 0; i < stretch; ++i) {
-            row_[i] = value;
-            value = (value << shift_ ^ p[i]) & mask_;
-        }
-        row_[stretch] = value;
-    }
-    uint32_t at(unsigned i) const { return row_[i]; }
-    static constexpr unsigned stretch = 1024;
-    static_assert(stretch <= input_slack);
-
-  private:
-    unsigned shift_;
-    uint32_t mask_;
-    uint32_t row_[stretch + 1];  // the last one begins the next stretch
-};
-
-inline uint64_t slotEntry(const uint8_t* p, uint32_t position) {
-    return uint64_t{position} << slot_position | load32(p);
-}
-
-// Length of the match with a slot whose first two bytes agree, 0 when it may not be used.
-inline uint32_t matchLength(const uint8_t* p, uint32_t position, uint64_t slot, uint32_t pool,
-                            uint32_t left) {
-    const auto before = static_cast<uint32_t>(slot >> slot_position);
-    const uint32_t distance = position - before;
-    if (before == 0 || distance > pool || left < 2) {
-        return 0;
-    }
-    const uint32_t differ = static_cast<uint32_t>(slot) ^ load32(p);
-    if (differ != 0) {
-        return std::min(static_cast<uint32_t>(__builtin_ctz(differ)) >> 3, left);
-    }
-    return lencmp(p, p - distance, left);
+unsigned positionBits(size_t pool) {
+    return std::max(32 - check_bits_most, highestBit(static_cast<uint32_t>(pool)) + 2);
 }
 
 inline uint32_t lengthEntry(uint32_t length, unsigned base) {
@@ -65,91 +31,214 @@ inline uint32_t lengthEntry(uint32_t length, unsigned base) {
 // are.
 enum class Second { none, hashed, pair };
 
+// Moves the positions of slots down, before they reach into the checks.
+void lowerSlots(CompressFile& cf) {
+    Predictions& ahead = *cf.predictions;
+    const auto pool = static_cast<uint32_t>(cf.in.history);
+    const uint32_t mask = ahead.positionEnd - 1;
+    const uint32_t delta = ahead.position - pool - 1;
+    for (const ContextTable& context : cf.context) {
+        auto* const slot = context.memory.as<uint32_t>();
+        const size_t count = context.memory.size() / sizeof(uint32_t);
+        for (size_t i = 0; i < count; ++i) {
+            const bool old = ahead.position - (slot[i] & mask) > pool;
+            slot[i] = old ? 0 : slot[i] - delta;
+        }
+    }
+    ahead.position = pool + 1;
+}
+
+// Of two pairs of bytes that differ in one place only, the checks differ.
+inline uint32_t checkOf(const uint8_t* p) {
+    return p[0] + p[1] * 5U;
+}
+
+// Contexts of `count` places from p on, for which the slots are fetched while earlier ones are worked on.
+void passContexts(ContextTable& context, const uint8_t* p, unsigned count, uint32_t* index) {
+    const uint32_t mask = context.hash.mask;
+    const unsigned shift = context.hash.shift;
+    uint32_t value = context.value;
+    for (unsigned i = 0; i < count; ++i) {
+        index[i] = value & mask;
+        value = value << shift ^ p[i];
+    }
+    context.value = value;
+    std::fill_n(index + count, slots_ahead, value & mask);
+}
+
+// Enters places into the slots of one table and keeps how far back what those held is.
+template <bool fetch, class Index>
+inline void enterPlaces(uint32_t* table, const uint32_t* fresh, unsigned count, uint32_t* distance,
+                        Index index) {
+    for (unsigned i = 0; i < count; ++i) {
+        if constexpr (fetch) {
+            __builtin_prefetch(&table[index(i + slots_ahead)], 1);
+        }
+        uint32_t& slot = table[index(i)];
+        distance[i] = fresh[i] - slot;
+        slot = fresh[i];
+    }
+}
+
+// Passes over `count` bytes from p on: what the slots of each place hold, at most the pool when they may be
+// used, goes into the predictions.
+template <Second kind>
+void passStretch(CompressFile& cf, const uint8_t* p, unsigned count) {
+    Predictions& ahead = *cf.predictions;
+    uint32_t fresh[Predictions::stretch];
+    uint32_t index[Predictions::stretch + slots_ahead];
+    const unsigned bits = highestBit(ahead.positionEnd);
+    const uint32_t position = ahead.position;
+    for (unsigned i = 0; i < count; ++i) {
+        fresh[i] = checkOf(p + i) << bits | (position + i);
+    }
+    ahead.position += count;
+    const auto indexed = [&](unsigned i) { return index[i]; };
+    passContexts(cf.context[0], p, count, index);
+    enterPlaces<true>(cf.context[0].memory.as<uint32_t>(), fresh, count, ahead.first.data(), indexed);
+    if constexpr (kind == Second::pair) {
+        enterPlaces<false>(cf.context[1].memory.as<uint32_t>(), fresh, count, ahead.second.data(),
+                           [p](unsigned i) { return load16(p + i - 2); });
+    } else if constexpr (kind == Second::hashed) {
+        passContexts(cf.context[1], p, count, index);
+        enterPlaces<false>(cf.context[1].memory.as<uint32_t>(), fresh, count, ahead.second.data(), indexed);
+    }
+    const auto pool = static_cast<uint32_t>(cf.in.history);
+    for (unsigned i = 0; i < count; ++i) {
+        bool found = ahead.first[i] <= pool;
+        if constexpr (kind != Second::none) {
+            found |= ahead.second[i] <= pool;
+        }
+        ahead.found[i] = found ? 1 : 0;
+    }
+    ahead.found[count] = 1;  // ends a search
+    ahead.count = count;
+    ahead.at = 0;
+}
+
+template <Second kind>
+void preparePredictions(CompressFile& cf) {
+    Predictions& ahead = *cf.predictions;
+    const InputBuffer& in = cf.in;
+    if (ahead.positionEnd - ahead.position <= Predictions::stretch ||
+        (ahead.position >= cf.positionHigh && ahead.position > 2 * in.history)) {
+        lowerSlots(cf);
+    }
+    // The check looks at the byte behind a place.
+    const size_t known = in.available() - (in.eof ? 0 : 1);
+    passStretch<kind>(cf, in.at(in.src),
+                      static_cast<unsigned>(std::min<size_t>(known, Predictions::stretch)));
+}
+
+// First place from `at` on where a slot may be used.
+inline unsigned findPrediction(const uint8_t* found, unsigned at) {
+    uint64_t eight;
+    while ((eight = load64(found + at)) == 0) {
+        at += 8;
+    }
+    return at + (static_cast<unsigned>(__builtin_ctzll(eight)) >> 3);
+}
+
+// May write 7 entries more.
+inline void putLiterals(uint32_t* entry, const uint8_t* from, unsigned count) {
+    for (unsigned done = 0; done < count; done += 8) {
+        for (unsigned i = 0; i < 8; ++i) {
+            entry[done + i] = from[done + i];
+        }
+    }
+}
+
+struct Best {
+    uint32_t length;
+    unsigned base;
+};
+
+// The longest match of 7 bytes or more, or near the end of the source. Of equal lengths the second table's
+// wins.
+Best longMatch(const uint8_t* p, uint32_t one, uint32_t other, uint32_t pool, uint32_t left) {
+    Best best{0, symbol_end};
+    if (other <= pool) {
+        best = {lencmp(p, p - other, left), symbol_end + counted_codes};
+    }
+    if (one <= pool && one != other) {
+        const uint32_t length = lencmp(p, p - one, left);
+        if (length > best.length) {
+            best = {length, symbol_end};
+        }
+    }
+    return best;
+}
+
+// Bytes that agree, 7 for that or more; 0 for a distance above the pool. Without branches, as none could be
+// told ahead.
+inline uint32_t shortLength(const uint8_t* p, uint64_t here, uint32_t distance, uint32_t pool) {
+    const bool usable = distance <= pool;
+    const uint64_t differ = load64(p - (usable ? distance : 0)) ^ here;
+    const auto agree = static_cast<uint32_t>(__builtin_ctzll(differ | uint64_t{1} << 63)) >> 3;
+    return usable ? agree : 0;
+}
+
+template <Second kind>
+inline Best bestMatch(const Predictions& ahead, unsigned at, const uint8_t* p, uint32_t pool, uint32_t left) {
+    const uint32_t one = ahead.first[at];
+    const uint32_t other = kind == Second::none ? UINT32_MAX : ahead.second[at];
+    const uint64_t here = load64(p);
+    const uint32_t firstLength = shortLength(p, here, one, pool);
+    const uint32_t secondLength = kind == Second::none ? 0 : shortLength(p, here, other, pool);
+    const uint32_t length = std::max(firstLength, secondLength);
+    if (length == 7 || left < 8) {
+        return longMatch(p, one, other, pool, left);
+    }
+    return {length, kind != Second::none && secondLength == length ? symbol_end + counted_codes : symbol_end};
+}
+
+// Codes from the source's position up to `stop`, behind which the longest match and a byte are known.
 template <Second kind>
 void fillSpan(CompressFile& cf, size_t stop) {
-    constexpr bool two = kind != Second::none;
     InputBuffer& in = cf.in;
     Block& block = cf.block;
-    const uint8_t* p = in.at(in.src);
-    Contexts firsts(cf.context[0].hash, cf.context[0].value);
-    Contexts seconds(cf.context[two ? 1 : 0].hash, cf.context[two ? 1 : 0].value);
-    uint64_t* const first = cf.context[0].memory.as<uint64_t>();
-    uint64_t* const second = cf.context[two ? 1 : 0].memory.as<uint64_t>();
+    Predictions& ahead = *cf.predictions;
     const auto pool = static_cast<uint32_t>(in.history);
-    const uint8_t* const end = in.at(in.end);
-    const uint8_t* const last = in.at(stop);
-    uint32_t position = in.position(in.src);
     uint32_t* entry = block.entries + block.count;
     uint32_t* const full = block.entries + block.size;
-    unsigned i = 0;  // of the stretch
-    const auto startStretch = [&] {
-        firsts.start(p);
-        if constexpr (kind == Second::hashed) {
-            seconds.start(p);
+    size_t skip = 0;  // rest of a match
+    while ((in.src < stop && entry < full) || skip != 0) {
+        if (ahead.at == ahead.count) {
+            preparePredictions<kind>(cf);
         }
-        i = 0;
-    };
-    const auto pass = [&] {
-        ++p;
-        ++position;
-        if (++i == Contexts::stretch) {
-            startStretch();
-        }
-    };
-    const auto secondSlot = [&]() -> uint64_t& {
-        return second[kind == Second::pair ? load16(p - 2) : seconds.at(i)];
-    };
-    startStretch();
-    while (p < last && entry < full) {
-        const uint64_t fresh = slotEntry(p, position);
-        uint64_t& firstSlot = first[firsts.at(i)];
-        const uint64_t one = firstSlot;
-        firstSlot = fresh;
-        uint64_t other = 0;
-        if constexpr (two) {
-            uint64_t& slot = secondSlot();
-            other = slot;
-            slot = fresh;
-        }
-        const bool firstAgrees = static_cast<uint16_t>(one ^ fresh) == 0;
-        const bool secondAgrees = two && static_cast<uint16_t>(other ^ fresh) == 0;
-        if (!(firstAgrees | secondAgrees)) {
-            *entry++ = *p;
-            pass();
-            continue;
-        }
-        const auto left = static_cast<uint32_t>(std::min<size_t>(static_cast<size_t>(end - p), count_max));
-        uint32_t length = firstAgrees ? matchLength(p, position, one, pool, left) : 0;
-        unsigned base = symbol_end;
-        if (secondAgrees) {
-            const uint32_t found = matchLength(p, position, other, pool, left);
-            if (found >= length) {
-                length = found;
-                base = symbol_end + counted_codes;
+        unsigned at = ahead.at;
+        const auto passed = static_cast<unsigned>(std::min<size_t>(skip, ahead.count - at));
+        at += passed;
+        skip -= passed;
+        const uint8_t* const begin = in.at(in.src) - ahead.at;
+        const uint8_t* const end = in.at(in.end);
+        const auto last = static_cast<unsigned>(
+            std::min<size_t>(ahead.count, stop > in.src ? ahead.at + (stop - in.src) : 0));
+        while (at < last && entry < full) {
+            const unsigned next =
+                std::min({findPrediction(ahead.found.data(), at), last,
+                          at + static_cast<unsigned>(std::min<ptrdiff_t>(full - entry, ahead.count))});
+            putLiterals(entry, begin + at, next - at);
+            entry += next - at;
+            at = next;
+            if (at >= last || entry == full) {
+                break;
+            }
+            const uint8_t* const p = begin + at;
+            const auto left = static_cast<uint32_t>(std::min<ptrdiff_t>(end - p, count_max));
+            const Best best = bestMatch<kind>(ahead, at, p, pool, left);
+            const bool copy = best.length >= 2;
+            *entry++ = copy ? lengthEntry(best.length, best.base) : *p;
+            at += copy ? best.length : 1;
+            if (at > ahead.count) {
+                skip = at - ahead.count;
+                at = ahead.count;
             }
         }
-        if (length < 2) {
-            *entry++ = *p;
-            pass();
-            continue;
-        }
-        *entry++ = lengthEntry(length, base);
-        pass();
-        while (--length != 0) {
-            const uint64_t passed = slotEntry(p, position);
-            first[firsts.at(i)] = passed;
-            if constexpr (two) {
-                secondSlot() = passed;
-            }
-            pass();
-        }
+        in.src += at - ahead.at;
+        ahead.at = at;
     }
     block.count = static_cast<unsigned>(entry - block.entries);
-    in.src = static_cast<size_t>(p - in.at(0));
-    cf.context[0].value = firsts.at(i);
-    if constexpr (kind == Second::hashed) {
-        cf.context[1].value = seconds.at(i);
-    }
 }
 
 }  // namespace
@@ -165,7 +254,7 @@ int openLzp(CompressFile& cf, ErrMsg* err) {
         ContextTable& context = cf.context[i];
         context.hash = contextHash(size, order);
         context.value = context.hash.start;
-        if (!context.memory.take((size_t{context.hash.mask} + 1) * sizeof(uint64_t), "lzp", err)) {
+        if (!context.memory.take((size_t{context.hash.mask} + 1) * sizeof(uint32_t), "lzp", err)) {
             return -1;
         }
         if (cf.in.history >= large_pool) {
@@ -175,29 +264,26 @@ int openLzp(CompressFile& cf, ErrMsg* err) {
     if (cf.in.history >= large_pool) {
         cf.in.memory.preferLargePages();
     }
+    cf.predictions = std::make_unique<Predictions>();
+    cf.predictions->position = static_cast<uint32_t>(cf.in.history) + 1;
+    cf.predictions->positionEnd = 1U << positionBits(cf.in.history);
     return 0;
-}
-
-void lowerLzp(CompressFile& cf) {
-    const uint32_t position = cf.in.position(cf.in.src);
-    for (const ContextTable& context : cf.context) {
-        lowerWidePositions(context.memory.as<uint64_t>(), context.memory.size() / sizeof(uint64_t), position,
-                           static_cast<uint32_t>(cf.in.history));
-    }
-    cf.in.lower();
 }
 
 int lzpFillHufBuf(CompressFile& cf, ErrMsg* err) {
     InputBuffer& in = cf.in;
     const ContextHash& second = cf.context[1].hash;
     while (cf.block.count < cf.block.size) {
-        if (in.available() < count_max && fillInBuf(cf, count_max + input_batch, err) < 0) {
+        if (in.available() <= count_max && fillInBuf(cf, count_max + input_batch, err) < 0) {
             return -1;
         }
         if (in.available() == 0) {
             break;
         }
-        const size_t stop = in.eof ? in.end : in.end - count_max + 1;
+        if (in.eof) {
+            *in.at(in.end) = 0;  // the last check sees the same byte whatever was there before
+        }
+        const size_t stop = in.eof ? in.end : in.end - count_max;
         if (cf.context[1].memory.data() == nullptr) {
             fillSpan<Second::none>(cf, stop);
         } else if (second.order == 2 && second.mask == 0xffff) {

@@ -66,6 +66,11 @@ TEST(Names, LongOnesWorkUpToTheLimitOfTheCaller) {
     EXPECT_EQ(out, "/o/" + longName);
     EXPECT_EQ(fngConvert("/in/*", "/in/" + longName, "/o/*", &out, 5002, fs_unix, fs_unix, &err), -1);
     EXPECT_EQ(err.nr, ENAMETOOLONG);
+    // Each '*' repeats the whole name: 20 GB, were they built before they are refused.
+    EXPECT_EQ(fngConvert("*", std::string(200000, 'n'), std::string(100000, '*'), &out, 4096, fs_unix, fs_vms,
+                         &err),
+              -1);
+    EXPECT_EQ(err.nr, ENAMETOOLONG);
 }
 
 TEST(Names, Folders) {
