@@ -13,6 +13,7 @@
 #include <cstring>
 #include <unordered_map>
 
+#include "base/children.h"
 #include "base/context.h"
 #include "base/descriptor.h"
 #include "base/log.h"
@@ -274,6 +275,12 @@ pid_t SetCheckPid(const JP_AREA* job) {
 pid_t CheckProzessId(const JP_AREA* job) {
     const pid_t pid = SetCheckPid(job);
     if (pid <= 1 || (job->JP_flag & job_flag_end_taken) != 0) {
+        return 0;
+    }
+    // What a message or a report told may by now be the agent or a process of its own: a cancel must not end
+    // it.
+    const bool known_by_number_only = (job->JP_flag & job_flag_own_child) == 0 && job->JP_jStart == 0;
+    if (pid == getpid() || (known_by_number_only && children_known(pid))) {
         return 0;
     }
     // EPERM: it exists and belongs to somebody else.

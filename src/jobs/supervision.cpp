@@ -74,6 +74,9 @@ bool wait_for_sigchld(JP_AREA* job) {
 void decide_by_report(JP_AREA* job) {
     qx7_error error;
     if (ReadReport(job, &error) == -1) {
+        if (job->JP_sigNum != 0) {
+            job->retCode = code_killed;  // it was still dying when the check looked at the cancel
+        }
         mark_vanished(job);
     }
 }

@@ -175,7 +175,8 @@ TEST_F(queries_test, twenty_jobs_outlive_the_agents_memory) {
         ASSERT_EQ(records[static_cast<size_t>(run)].size(), 1336u);
         pids[static_cast<size_t>(run)] = static_cast<pid_t>(Find_JEntry(run, client)->fork_pid);
         const std::string report = Find_JEntry(run, client)->JP_jReport;
-        for (int tries = 0; tries < 2000 && read_text(report).find(" START AT ") == std::string::npos; ++tries) {
+        for (int tries = 0; tries < 2000 && read_text(report).find(" START AT ") == std::string::npos;
+             ++tries) {
             usleep(5000);  // the script has written its first line
         }
     }
@@ -229,6 +230,13 @@ TEST_F(queries_test, a_record_whose_process_id_was_given_anew_does_not_read_as_r
     EXPECT_EQ(answer(), "NK 2003010 1|100|LOST|");
     EXPECT_EQ(jpGetJobCount(), 0);
     EXPECT_NE(access(report_file(1).c_str(), F_OK), 0);
+
+    // Without a start time only the number tells, and the agent's own is nobody's job: a cancel would end the
+    // agent.
+    const int64_t unknown = 0;
+    memcpy(record.data(), &unknown, sizeof unknown);
+    query(2, record);
+    EXPECT_EQ(answer(), "NK 2003010 2|100|LOST|");
 }
 
 TEST_F(queries_test, a_cancel_after_a_restart_ends_without_sigchld) {
