@@ -86,9 +86,9 @@ file_result make_file_for(const char* path, std::string_view content, mode_t mod
                           uid_t uid, gid_t gid);
 
 // Opens a regular file for reading with the agent's rights on order of somebody who gave no login: where the
-// way is not trusted, the file must belong to the single stranger (else EACCES); where others may write into its
-// folder, it must have one name only (else EACCES). No link as last part.
-// Descriptor or -1 with errno. Takes the lock.
+// way is not trusted, the file must belong to the single stranger (else EACCES); where others may write into
+// its folder, it must have one name only (else EACCES). No link as last part. Descriptor or -1 with errno.
+// Takes the lock.
 int open_read_on_order(const char* path);
 // Removes a regular file or link with the agent's rights, by the folder that the walk found. Not trusted: the
 // file must belong to the stranger (else EACCES). 0, or -1 with errno. Takes the lock.

@@ -182,7 +182,8 @@ bool is_strangers(const file_way& way, const struct stat& status) {
     return way.trusted || (way.single_stranger && status.st_uid == way.stranger);
 }
 
-// Where everybody may make names, a second name of a file may have been put there by somebody who may not read it.
+// Where everybody may make names, a second name of a file may have been put there by somebody who may not
+// read it.
 bool may_be_planted(const file_way& way, const struct stat& status) {
     struct stat folder;
     return way.trusted && status.st_nlink > 1 &&

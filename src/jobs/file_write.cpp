@@ -96,9 +96,11 @@ int prepare_place(file_order* order) {
     for (size_t end = folder.find('/', 1);; end = folder.find('/', end + 1)) {
         const std::string part = folder.substr(0, end);
         // A folder that can't be made shows when the file is opened; one that exists is what is wanted.
-        if (!part.empty() && createDir_EffUser(order->user.c_str(), part.c_str(), new_folder_mode, &error) != 0 &&
+        if (!part.empty() &&
+            createDir_EffUser(order->user.c_str(), part.c_str(), new_folder_mode, &error) != 0 &&
             error.qx_errno != EEXIST && end == std::string::npos) {
-            return fail(order, FILE_WRITE_OPEN, key_text(order) + order->file + "|" + error_text(error.qx_errno) + "|");
+            return fail(order, FILE_WRITE_OPEN,
+                        key_text(order) + order->file + "|" + error_text(error.qx_errno) + "|");
         }
         if (end == std::string::npos) {
             return 0;
@@ -137,15 +139,17 @@ int write_text(FILE* stream, file_order* order) {
 
 int write_file(file_order* order) {
     qx7_error error;
-    const char* mode = order->record.mode == WRITE_APPEND      ? "a"
-                       : order->record.mode == WRITE_NEW_ONLY ? "wx"  // whoever was quicker is not overwritten
-                                                              : "w";
+    const char* mode = order->record.mode == WRITE_APPEND ? "a"
+                       : order->record.mode == WRITE_NEW_ONLY
+                           ? "wx"  // whoever was quicker is not overwritten
+                           : "w";
     FILE* stream = StreamOpen_EffUser(order->user.c_str(), order->file.c_str(), mode, &error);
     if (stream == nullptr && error.qx_errno == EEXIST) {
         return fail(order, FILE_WRITE_EXISTS, key_text(order) + order->file + "|");
     }
     if (stream == nullptr) {
-        return fail(order, FILE_WRITE_OPEN, key_text(order) + order->file + "|" + error_text(error.qx_errno) + "|");
+        return fail(order, FILE_WRITE_OPEN,
+                    key_text(order) + order->file + "|" + error_text(error.qx_errno) + "|");
     }
     const int result = write_text(stream, order);
     if (StreamClose_EffUser(order->user.c_str(), stream, &error) != 0 && result == 0) {

@@ -75,8 +75,8 @@ struct JPPCX {
     char Bourne_Shell_opt[16] = {};
     char Korn_Shell_opt[16] = {};
     char C_Shell_opt[16] = {};
-    // Of descriptors, as the agent was started with: it lowers its own later, which is no business of the jobs.
-    // rlim_max 0: unknown.
+    // Of descriptors, as the agent was started with: it lowers its own later, which is no business of the
+    // jobs. rlim_max 0: unknown.
     rlimit descriptor_limit = {};
 };
 

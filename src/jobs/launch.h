@@ -108,9 +108,9 @@ struct JOB_START_VAR {
     ino_t report_inode = 0;
 };
 
-// Makes the child, leader of its own group, by a fork under the fork locks; it runs doit_Child and never returns
-// here. The pid, or -1 with errno and `error` filled ("fork|<errno>|<text>|", logged). `type` 'F' or 'V' names
-// the function in the insert only. Main thread.
+// Makes the child, leader of its own group, by a fork under the fork locks; it runs doit_Child and never
+// returns here. The pid, or -1 with errno and `error` filled ("fork|<errno>|<text>|", logged). `type` 'F' or
+// 'V' names the function in the insert only. Main thread.
 pid_t launch_fork(EX_PCX* pcx, char type, const my_passwd_unlimited& passwd, JOB_START_VAR* startVar,
                   pam_handle_t* pamHandle, qx7_error* error);
 

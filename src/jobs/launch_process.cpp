@@ -46,8 +46,8 @@ int child_way(const child_call& call) {
     _exit(code);
 }
 
-// Always a fork, for both start types: a child in the agent's memory would keep the agent waiting until exec, and
-// from the moment that it has the user's identity that user could stop it there.
+// Always a fork, for both start types: a child in the agent's memory would keep the agent waiting until exec,
+// and from the moment that it has the user's identity that user could stop it there.
 pid_t fork_child(const child_call& call) {
     global_fork_lock(call.pcx);
     const pid_t pid = make_process();

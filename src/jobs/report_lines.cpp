@@ -19,9 +19,9 @@ constexpr std::string_view truncation_mark = "QX7:global report truncated";
 constexpr int truncation_mark_room = 26;  // beside the mark's own length
 constexpr int line_end_size = 2;
 constexpr int tail_read_failed = 11402;
-// So much of a cut line is passed over in one step. The agent does nothing else meanwhile, and the owner of the file
-// may make a line of holes that is longer than any disk.
-constexpr int64_t passed_over_limit = int64_t{512} << 20;
+// So much of a cut line is passed over in one step. The agent does nothing else meanwhile, and the owner of
+// the file may make a line of holes that is longer than any disk.
+constexpr int64_t passed_over_limit = int64_t{256} << 20;
 
 // A line as it goes into a block: through the code table, CR LF behind it.
 void put_line(const REP_Area* area, unsigned char* place, std::string_view line) {

@@ -25,8 +25,8 @@ constexpr int number_file = 2003041;
 constexpr size_t line_limit = 2048;
 constexpr size_t block_size = 65536;
 constexpr size_t utc_date_distance = 9;  // from the 'U' of "UTC TIME" to its date
-// Of a longer report its two ends are scanned, so much of each: the agent stands still meanwhile, and the job's
-// user may make his report as long as he likes, also of holes.
+// Of a longer report its two ends are scanned, so much of each: the agent stands still meanwhile, and the
+// job's user may make his report as long as he likes, also of holes.
 constexpr off_t scan_end_size = off_t{64} << 20;
 
 constexpr char end_info_text[] = "        Job beendet";
@@ -137,8 +137,8 @@ struct line_source {
     std::unique_ptr<char[]> block = std::make_unique<char[]>(block_size);
     size_t filled = 0;
     size_t at = 0;
-    off_t left = 0;      // what is still to be read: a report that grows meanwhile must come to an end
-    off_t jump_to = 0;   // where the scan goes on when `left` is used up; 0: it ends there
+    off_t left = 0;     // what is still to be read: a report that grows meanwhile must come to an end
+    off_t jump_to = 0;  // where the scan goes on when `left` is used up; 0: it ends there
     off_t jump_left = 0;
     int error_number = 0;
     bool cut_seen = false;

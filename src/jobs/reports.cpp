@@ -122,7 +122,8 @@ int open_failure(report_source* source, const char* step, int error_number, cons
     return -1;
 }
 
-int find_source(EX_PCX* pcx, const MSG_TYPE_REP_GET& get, report_source* source, my_passwd_unlimited* passwd) {
+int find_source(EX_PCX* pcx, const MSG_TYPE_REP_GET& get, report_source* source,
+                my_passwd_unlimited* passwd) {
     source->file = get_text(get.filename);
     source->user = get_text(get.logininfo);
     source->with_login = !source->user.empty();
@@ -143,7 +144,8 @@ int find_source(EX_PCX* pcx, const MSG_TYPE_REP_GET& get, report_source* source,
     passwd->pw_passwd.clear();
     if (GetFilePfad(source->file.c_str(), passwd->pw_dir, path, sizeof path) != 0) {
         source->number = file_message;
-        source->insert = "GetFilePfad()|" + source->file + "|" + std::to_string(errno) + "|" + error_text(errno) + "|";
+        source->insert =
+            "GetFilePfad()|" + source->file + "|" + std::to_string(errno) + "|" + error_text(errno) + "|";
         return -1;
     }
     source->file = path;
@@ -246,8 +248,9 @@ void drop_block(EX_PCX* pcx, report_block* block) {
 
 int erase_file(const REP_Area* area, int* error_number) {
     qx7_error error;
-    const int result = area->erase_user.empty() ? remove_on_order(area->cFile.c_str())
-                                                : removeFile_EffUser(area->erase_user.c_str(), area->cFile.c_str(), &error);
+    const int result = area->erase_user.empty()
+                           ? remove_on_order(area->cFile.c_str())
+                           : removeFile_EffUser(area->erase_user.c_str(), area->cFile.c_str(), &error);
     *error_number = area->erase_user.empty() ? errno : error.qx_errno;
     return result;
 }
@@ -259,8 +262,9 @@ int finish_transfer(EX_PCX* pcx, const REP_Area* area, report_end end) {
     if (end.msgnr == 0 && area->cErase == '1') {
         int error_number = 0;
         if (erase_file(area, &error_number) != 0) {
-            iChangeRepEndMessage(&end, REPORT_ERASE_FAILED,
-                                 area->cFile + "|" + std::to_string(error_number) + "|" + error_text(error_number) + "|");
+            iChangeRepEndMessage(
+                &end, REPORT_ERASE_FAILED,
+                area->cFile + "|" + std::to_string(error_number) + "|" + error_text(error_number) + "|");
         }
     }
     if (end.msgnr != 0) {
@@ -276,8 +280,8 @@ std::string read_failure(const REP_Area* area) {
     return area->cFile + "|" + std::to_string(area->i4Errno) + "|" + error_text(area->i4Errno) + "|";
 }
 
-// Fills the block that the server wants first; earlier ones are read and thrown away, each with counters of its
-// own.
+// Fills the block that the server wants first; earlier ones are read and thrown away, each with counters of
+// its own.
 report_fill fill_first_block(REP_Area* area, report_block* block, int wanted) {
     size_t size = static_cast<size_t>(area->i4Blksize) - 1;
     for (int number = 0;; ++number) {
@@ -295,10 +299,11 @@ report_fill fill_first_block(REP_Area* area, report_block* block, int wanted) {
     }
 }
 
-int refuse_opening(EX_PCX* pcx, const MSG_TYPE_REP_GET& get, const report_source& source, const ccm_addr_t& from) {
+int refuse_opening(EX_PCX* pcx, const MSG_TYPE_REP_GET& get, const report_source& source,
+                   const ccm_addr_t& from) {
     __log(source.number, "%s", source.insert.c_str());
-    const int result = send_report_end(pcx, iFillRepGetToRepEnd(get, source.number, source.insert), from.src_name,
-                                       static_cast<uint32_t>(from.src_acv));
+    const int result = send_report_end(pcx, iFillRepGetToRepEnd(get, source.number, source.insert),
+                                       from.src_name, static_cast<uint32_t>(from.src_acv));
     __log(REPORT_FAILED, "%u|", static_cast<unsigned>(get.ah_idnr));
     return result;
 }
@@ -395,7 +400,8 @@ int process_repget(EX_PCX* pcx, ccm_msg_t* msg, int) {
     my_passwd_unlimited passwd;
     if ((pcx->pcx_flag & PCX_FLAG_AGENTSHELL) != 0 && get_text(get.filename).starts_with(shell_command)) {
         source.file = get_text(get.filename);
-        open_failure(&source, "process_agent_shell_command()", ENOSYS, "agent shell commands are not implemented");
+        open_failure(&source, "process_agent_shell_command()", ENOSYS,
+                     "agent shell commands are not implemented");
         return refuse_opening(pcx, get, source, msg->addr);
     }
     if (find_source(pcx, get, &source, &passwd) != 0) {

@@ -1,5 +1,5 @@
-// Report transfer: the server pulls a text file block by block. REP_GET opens the transfer and brings the first
-// REP_DATA, each REP_QUIT asks for the next block, REP_END closes it. Main thread.
+// Report transfer: the server pulls a text file block by block. REP_GET opens the transfer and brings the
+// first REP_DATA, each REP_QUIT asks for the next block, REP_END closes it. Main thread.
 #pragma once
 
 #include <sys/types.h>
@@ -67,11 +67,11 @@ struct REP_Area {
     int i4Errno = 0;
     int lRetCode = 0;  // why the transfer ends at the next REP_QUIT
     std::string cRetText;
-    int lLastRec = 0;             // length of the line in hand, or the reading's end
-    bool line_in_hand = false;    // pLastRec was read and not sent
-    bool last_was_cut = false;    // its full length is last_full
+    int lLastRec = 0;           // length of the line in hand, or the reading's end
+    bool line_in_hand = false;  // pLastRec was read and not sent
+    bool last_was_cut = false;  // its full length is last_full
     int64_t last_full = 0;
-    bool line_too_long = false;   // the end of the line in hand was not found: the transfer ends behind it
+    bool line_too_long = false;  // the end of the line in hand was not found: the transfer ends behind it
     std::string pLastRec;
     std::string pMatchRecord;
     time_t last_use = 0;
@@ -111,8 +111,8 @@ enum report_fill { REPORT_FILL_FULL, REPORT_FILL_END, REPORT_FILL_ERROR, REPORT_
 // Reads the next line into pLastRec, cut to what `size` allows (a line of more than size - 2 bytes is cut to
 // size - 1 and its rest passed over). lLastRec is its length, read_failed or read_end_of_file.
 void report_read_line(REP_Area* area, size_t size);
-// Fills `block` (i4Blksize bytes) with converted lines, each followed by CR LF, and counts them. `size` is for
-// report_read_line. `at_limit` decides whether the line limit has been reached for the count given.
+// Fills `block` (i4Blksize bytes) with converted lines, each followed by CR LF, and counts them. `size` is
+// for report_read_line. `at_limit` decides whether the line limit has been reached for the count given.
 report_fill report_fill_block(REP_Area* area, unsigned char* block, int* length, size_t size, bool first);
 // The block that ends a report under a block limit: the mark, then the last lines of the file. 0 and the
 // length, or -1 with `error`.

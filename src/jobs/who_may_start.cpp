@@ -27,8 +27,8 @@ std::string setting(EX_PCX* pcx, const char* section, const char* key, const cha
     return upper(strip(value));
 }
 
-// Key lists have no bound here: a NO_START that is passed over would let somebody in. So the file is read, and
-// not the service, whose lists end after some kilobytes.
+// Key lists have no bound here: a NO_START that is passed over would let somebody in. So the file is read,
+// and not the service, whose lists end after some kilobytes.
 std::vector<std::string> key_list(EX_PCX* pcx, const char* section) {
     std::vector<std::string> keys;
     const qx_stream file(FileFOpenNoTrace(pcx->IniFile, "r"));

@@ -352,7 +352,8 @@ TEST_F(job_test, out_of_processes_a_start_is_tried_again_until_it_works) {
     EXPECT_EQ(messages[0].addr.dst_acv, 55);
     end_child(job);
     EXPECT_EQ(job->retCode, 3);
-    EXPECT_EQ(first_sent().as<MSG_TYPE_EXSTAJ>().restart_len, 1336) << "the record goes with the first status";
+    EXPECT_EQ(first_sent().as<MSG_TYPE_EXSTAJ>().restart_len, 1336)
+        << "the record goes with the first status";
 }
 
 TEST_F(job_test, the_eleventh_try_is_the_last) {

@@ -123,13 +123,14 @@ TEST_F(job_test, a_report_of_any_size_is_scanned_at_its_ends) {
     JP_AREA* job = bare_job(1);
     job_set_text(job->JP_jReport, folder / "report");
     write_text(job->JP_jReport, start_line);
-    // A terabyte of holes: read whole it would hold the agent up for minutes, and its owner can make it in no time.
+    // A terabyte of holes: read whole it would hold the agent up for minutes, and its owner can make it in no
+    // time.
     ASSERT_EQ(truncate(job->JP_jReport, off_t{1} << 40), 0);
     std::ofstream(job->JP_jReport, std::ios::app) << "\n" << end_line << "**  TEXT=\"\" RETCODE=3\n";
-    const int64_t begun = alarm_now_ms();
+    const int64_t before = bytes_read_so_far();
     qx7_error error;
     EXPECT_EQ(ReadReport(job, &error), 4242);
-    EXPECT_LT(alarm_now_ms() - begun, 20000);
+    EXPECT_LT(bytes_read_so_far() - before, int64_t{1} << 30);
     EXPECT_EQ(job->retCode, 3);
     EXPECT_EQ(stamp(job->JP_sTime), "20260304060607");
     EXPECT_EQ(stamp(job->JP_eTime), "20260304070001");
