@@ -39,7 +39,9 @@ function(qx_library name)
     target_link_libraries(qx_${name} PUBLIC ${ARG_LINK})
     qx_compile_settings(qx_${name})
     if(name STREQUAL "agent")
-      target_compile_definitions(qx_agent PRIVATE QX_CHANGELIST=${QX_CHANGELIST})
+      # Only where it is shown: a commit must not compile the whole folder again.
+      set_source_files_properties(${PROJECT_SOURCE_DIR}/src/agent/entry.cpp ${PROJECT_SOURCE_DIR}/src/agent/settings_init.cpp
+                                  PROPERTIES COMPILE_DEFINITIONS QX_CHANGELIST=${QX_CHANGELIST})
     endif()
   else()
     add_library(qx_${name} INTERFACE)
