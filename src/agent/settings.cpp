@@ -9,6 +9,7 @@
 #include <climits>
 #include <cstring>
 #include <new>
+#include <type_traits>
 #include <vector>
 
 #include "base/context.h"
@@ -190,6 +191,19 @@ void read_identity(EX_PCX* pcx) {
     copy_text(pcx->pcx_home_dir, effective.home);
 }
 
+// The list that the agent takes back after work under another user: the effective group first, then the
+// others, closed by -1. What reads it stops at the -1 only.
+void fill_running_groups(EX_PCX* pcx) {
+    constexpr int room = static_cast<int>(std::extent_v<decltype(EX_PCX::pcx_run_gid_tab)>) - 1;
+    int count = 0;
+    pcx->pcx_run_gid_tab[count++] = getegid();
+    for (int at = 0; at < pcx->pcx_gid_nr && count < room; ++at) {
+        pcx->pcx_run_gid_tab[count++] = pcx->pcx_agent_gids[at];
+    }
+    pcx->pcx_run_gid_tab[count] = static_cast<gid_t>(-1);
+    pcx->pcx_run_gid_count = count;
+}
+
 }  // namespace
 
 int GetGroupsForAgent(EX_PCX* pcx) {
@@ -206,10 +220,7 @@ int GetGroupsForAgent(EX_PCX* pcx) {
     free(pcx->pcx_agent_gids);
     pcx->pcx_agent_gids = groups;
     pcx->pcx_gid_nr = got < 0 ? 0 : got;
-    pcx->pcx_run_gid_count = 0;
-    for (int at = 0; at < pcx->pcx_gid_nr && at < 1024; ++at) {
-        pcx->pcx_run_gid_tab[pcx->pcx_run_gid_count++] = groups[at];
-    }
+    fill_running_groups(pcx);
     return got < 0 ? -1 : 0;
 }
 

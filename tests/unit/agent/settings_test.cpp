@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <climits>
 #include <filesystem>
 #include <fstream>
@@ -13,6 +14,7 @@
 #include "agent_fixture.h"
 #include "base/profile.h"
 #include "identity/pam.h"
+#include "identity/switch_user.h"
 #include "security/key_store.h"
 
 namespace {
@@ -105,6 +107,38 @@ TEST(settings, makes_a_context_with_its_folders) {
     EXPECT_EQ(agent.pcx->ExecutorStatus, geteuid() == 0 ? EXECUTOR_PRIVILEGED : EXECUTOR_UNPRIVILEGED);
     EXPECT_EQ(agent.pcx->connwait, 20);
     EXPECT_EQ(agent.pcx->pcx_AccCheck, ACCESS_CHECK_ON);
+}
+
+// What the agent takes back after work under another user: exactly its own groups, and nothing that stands behind.
+TEST(settings, keep_the_groups_of_the_agent_over_work_under_another_user) {
+    installed_agent agent;
+    ASSERT_NE(agent.init(), nullptr);
+    ASSERT_EQ(agent.error.qx_msgnr, 0) << agent.error.qx_msgInsert;
+    const gid_t* list = agent.pcx->pcx_run_gid_tab;
+    const gid_t* end = std::find(std::begin(agent.pcx->pcx_run_gid_tab), std::end(agent.pcx->pcx_run_gid_tab),
+                                 static_cast<gid_t>(-1));
+    ASSERT_NE(end, std::end(agent.pcx->pcx_run_gid_tab)) << "the list has an end";
+    EXPECT_EQ(list[0], getegid());
+    EXPECT_EQ(end - list, agent.pcx->pcx_run_gid_count);
+    const auto groups_now = [] {
+        std::vector<gid_t> groups(static_cast<size_t>(getgroups(0, nullptr)));
+        EXPECT_EQ(getgroups(static_cast<int>(groups.size()), groups.data()), static_cast<int>(groups.size()));
+        return groups;
+    };
+    const std::vector<gid_t> before = groups_now();
+    EXPECT_EQ(std::vector<gid_t>(list + 1, end), before);
+    if (!runs_as_root()) {
+        return;
+    }
+    {
+        qx7_error error;
+        effective_user other("nobody", &error);
+        ASSERT_TRUE(other.ok()) << error.qx_msgInsert;
+        EXPECT_NE(geteuid(), 0u);
+    }
+    EXPECT_EQ(groups_now(), before);
+    EXPECT_EQ(geteuid(), 0u);
+    EXPECT_EQ(getegid(), list[0]);
 }
 
 struct broken_case {
