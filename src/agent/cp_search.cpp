@@ -26,6 +26,9 @@ constexpr int random_ranking_base = 32768;
 int candidate_channel[cp_connection_max];
 // The channel that was chosen last; it is in its handshake while it still is a candidate by type.
 int chosen_channel = 0;
+time_t last_start = 0;
+// A connect that took longer has waited for a resolver that does not answer.
+constexpr int slow_connect_ms = 1000;
 
 bool searching(const EX_PCX* pcx) {
     return (pcx->pcx_flag & PCX_FLAG_CP_SEARCH) != 0 && pcx->cp_connections != nullptr;
@@ -181,6 +184,7 @@ int cp_search_open(EX_PCX* pcx) {
     pcx->cp_connections = static_cast<cp_connection_t*>(calloc(cp_connection_max, sizeof(cp_connection_t)));
     memset(candidate_channel, 0, sizeof candidate_channel);
     chosen_channel = 0;
+    last_start = alarm_now();
     if (pcx->cp_connections == nullptr) {
         return -1;
     }
@@ -238,6 +242,7 @@ int cp_connection_connect_next_based_ranking(EX_PCX* pcx) {
             continue;  // all have answered or failed: the next check decides
         }
         const cp_connection_t entry = pcx->cp_connections[at];
+        const int64_t begin = alarm_now_ms();
         const int id = cp_search_outside.connect(pcx, entry.addr, entry.port);
         if (id > 0) {
             pcx->cp_connections[at].flag |= CPC_FLAG_CONNECTING;
@@ -245,6 +250,11 @@ int cp_connection_connect_next_based_ranking(EX_PCX* pcx) {
             return 0;
         }
         mark_failed(pcx, at);
+        if (alarm_now_ms() - begin > slow_connect_ms) {
+            // The next pass goes on: a row of names that nobody resolves must not keep the jobs waiting, nor
+            // the listener without its ping.
+            return 0;
+        }
     }
 }
 
@@ -321,7 +331,7 @@ void cp_search_add_list(EX_PCX* pcx, const char* list, size_t length) {
 }
 
 void cp_search_check(EX_PCX* pcx) {
-    if (!searching(pcx) || !any_in_flight(pcx) || cp_search_outside.candidates_alive(pcx)) {
+    if (!searching(pcx) || (any_in_flight(pcx) && cp_search_outside.candidates_alive(pcx))) {
         return;
     }
     for (int at = 0; at < pcx->nof_cp_connections; ++at) {
@@ -330,6 +340,10 @@ void cp_search_check(EX_PCX* pcx) {
         }
     }
     cp_connection_connect_next_based_ranking(pcx);
+}
+
+time_t cp_search_last_start() {
+    return last_start;
 }
 
 bool cp_handshake_under_way(EX_PCX* pcx) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <ctime>
 
 struct EX_PCX;
 
@@ -62,8 +63,11 @@ void cp_connection_closed(EX_PCX* pcx, int channel_id, int port);
 void cp_search_add_list(EX_PCX* pcx, const char* list, size_t length);
 // Frees the list and clears the search flag; candidates other than `keep_channel_id` are closed.
 void cp_search_end(EX_PCX* pcx, int keep_channel_id);
-// Once in each maintenance pass: a connect whose event got lost counts as failed.
+// Once in each maintenance pass: goes on when nothing is on its way; a connect whose event got lost counts as
+// failed.
 void cp_search_check(EX_PCX* pcx);
+// When the last search began, on the alarm clock; 0 before the first.
+time_t cp_search_last_start();
 // A chosen candidate is still in its handshake.
 bool cp_handshake_under_way(EX_PCX* pcx);
 

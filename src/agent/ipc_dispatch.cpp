@@ -1,5 +1,6 @@
 #include "agent/ipc_dispatch.h"
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 
@@ -11,6 +12,7 @@
 #include "base/text.h"
 #include "base/time.h"
 #include "base/trace.h"
+#include "channels/line_budget.h"
 #include "channels/network_thread.h"
 #include "jobs/activation.h"
 #include "jobs/supervision.h"
@@ -61,8 +63,10 @@ int process_ipc_pingq(EX_PCX* pcx, ccm_msg_t*, int) {
 int listener_ended(EX_PCX* pcx, const ipcmsg_sigchld_t& end) {
     pcx->listener_pid = 0;
     // One that never was ready keeps the pause between two starts.
+    // One that was ready is replaced at once, but not twice in one second: whoever can make it end must not
+    // make the agent fork without pause.
     if (pcx->listener_start_counter == 0) {
-        pcx->listener_alarm_time = 0;
+        pcx->listener_alarm_time = listener_last_start();
     }
     __log(2003059, "LISTENER|%i|%i(status=%i)", end.pid, end.ret, end.status);
     return 0;
@@ -204,12 +208,9 @@ const ipc_function_t ipc_function_list[] = {
     {"", process_ipc_unknown},
 };
 
-void ipc_logger(int number, const char* insert) {
-    EX_PCX* pcx = GlbPcx;
-    if (pcx == nullptr || pcx->ccm == nullptr || ccm_holds_spin_lock() ||
-        ccm_channel_get_sendq_count(pcx->ccm, ccm_name_ipc_agent) >= waiting_lines_max) {
-        return;
-    }
+namespace {
+
+void send_line(EX_PCX* pcx, int number, const char* insert) {
     ccm_msg_t* msg = ipc_record_alloc(pcx->ccm, ipc_logging, sizeof(ipcmsg_logging_t));
     if (msg == nullptr) {
         return;
@@ -220,4 +221,27 @@ void ipc_logger(int number, const char* insert) {
     memcpy(ccm_msg_body(msg), &record, sizeof record);
     ccm_setaddr(msg, 0, 0, ccm_name_ipc_agent, "", 0);
     send_IPC_message(pcx->ccm, msg);
+}
+
+// Nearly all lines of a listener are about strangers.
+line_budget listener_lines{1000, 10};
+
+}  // namespace
+
+void ipc_logger(int number, const char* insert) {
+    EX_PCX* pcx = GlbPcx;
+    if (pcx == nullptr || pcx->ccm == nullptr || ccm_holds_spin_lock() ||
+        ccm_channel_get_sendq_count(pcx->ccm, ccm_name_ipc_agent) >= waiting_lines_max) {
+        return;
+    }
+    int dropped = 0;
+    if (pcx->running_mode == MODE_LISTENER && !listener_lines.take(alarm_now(), &dropped)) {
+        return;
+    }
+    if (dropped > 0) {
+        const std::string note =
+            std::to_string(dropped) + " lines of the listener were not logged, they came too fast";
+        send_line(pcx, -1, note.c_str());
+    }
+    send_line(pcx, number, insert);
 }

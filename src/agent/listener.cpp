@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <string>
 
 #include "agent/ipc_dispatch.h"
@@ -38,6 +39,8 @@ constexpr int wait_for_shutdown = 1000;
 constexpr int wait_after_failures = 9999;
 constexpr int pause_after_failure = 30;
 constexpr int backlog = 10;
+constexpr int port_tries = 50;
+constexpr long port_pause_ns = 100'000'000;
 constexpr unsigned nobody = 65534;
 constexpr char local_address[] = "*LOCAL";
 constexpr char title_suffix[] = "-listener";
@@ -121,6 +124,7 @@ void forget_the_agent(EX_PCX* pcx) {
     log_forget_in_child(pcx);
     GssClose();  // the keys are the agent's
     zutrace_forget_file(pcx->trcHnd);
+    zutrace_stop_tracing(pcx->trcHnd);  // until it has a file name of its own
     pcx->pcx_flag.fetch_and(~(PCX_FLAG_CP_SEARCH | PCX_FLAG_SERVER_CHANNEL | PCX_FLAG_LOGGED_IN));
     pcx->listener_pid = 0;
 }
@@ -157,10 +161,12 @@ int run_child(EX_PCX* pcx, int channel_id) {
     take_name(pcx);
     std::string failure;
     const int identity = take_identity(pcx, &failure);
-    prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
-    OpenTraceFile(pcx);
+    prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0,
+          0);  // an old kernel that does not know it leaves a listener without rights
     close_selected_modules(pcx, module_all);
+    // Before the first line of trace, whose descriptor would be closed as one of the parent's.
     keep_own_channel(pcx, channel_id);
+    OpenTraceFile(pcx);
     timer_clearall(pcx->timer_ctx);
 
     ccm_error_t ccm_error;
@@ -197,9 +203,18 @@ void run_parent(EX_PCX* pcx, pid_t pid, int listener_end, int agent_end) {
     ccm_wakeup_network(pcx->ccm);
 }
 
+time_t last_start = 0;
+time_t last_look = 0;
+
 // Judged only in a pass that found nothing waiting: after a long stop of the main thread the answer may stand
 // in the queue.
 void drop_silent_listener(EX_PCX* pcx, time_t now) {
+    // Time in which this thread did not run counts for nobody: no ping left and no answer was read.
+    constexpr int longest_pass = 60;
+    if (last_look != 0 && now - last_look > longest_pass) {
+        pcx->listener_last_pingq += now - last_look;
+    }
+    last_look = now;
     if (pcx->listener_pid == 0 || now - pcx->listener_last_pingq <= listener_silence_limit ||
         !ccm_recvq_empty(pcx->ccm)) {
         return;
@@ -213,6 +228,10 @@ void drop_silent_listener(EX_PCX* pcx, time_t now) {
 }
 
 }  // namespace
+
+time_t listener_last_start() {
+    return last_start;
+}
 
 int maintenance_listener_process(EX_PCX* pcx) {
     const time_t now = alarm_now();
@@ -235,6 +254,7 @@ int maintenance_listener_process(EX_PCX* pcx) {
     }
     pcx->listener_alarm_time = now + start_period;
     pcx->listener_last_pingq = now;
+    last_start = now;
     qx7_error error;
     if (listener_start_process(pcx, &error) != 0 && pcx->running_mode == MODE_AGENT) {
         __log_error(error);
@@ -301,12 +321,29 @@ int listener_read_config(EX_PCX* pcx, qx7_error* error) {
     return 0;
 }
 
+namespace {
+
+// The listener of an agent that has just ended may need a moment to give up its port, and a failure costs
+// half a minute. Only the listener's own loop waits here, which has nothing to do yet.
+int listen_with_patience(EX_PCX* pcx, const char* address, ccm_error_t* error) {
+    for (int tries = 0;; ++tries) {
+        const int result = ccm_create_listen(pcx->ccm, address, pcx->listener_port, backlog, error);
+        if (result == 0 || error->xerrno != EADDRINUSE || tries >= port_tries) {
+            return result;
+        }
+        const timespec pause{0, port_pause_ns};
+        nanosleep(&pause, nullptr);
+    }
+}
+
+}  // namespace
+
 int listener_create_listener_channels(EX_PCX* pcx, qx7_error* error) {
     qx_error_clear(error);
     ccm_error_t ccm_error;
-    int result = ccm_create_listen(pcx->ccm, pcx->listener_bindaddr, pcx->listener_port, backlog, &ccm_error);
+    int result = listen_with_patience(pcx, pcx->listener_bindaddr, &ccm_error);
     if (result == 0 && pcx->listener_bindaddr[0] != '\0' && pcx->listener_bindlocal != 0) {
-        result = ccm_create_listen(pcx->ccm, local_address, pcx->listener_port, backlog, &ccm_error);
+        result = listen_with_patience(pcx, local_address, &ccm_error);
     }
     if (result != 0) {
         return qx_error_set(error, -1, ccm_error.xerrno, ccm_error.msgnr, "%s", ccm_error.msginsert);

@@ -1,12 +1,16 @@
 // The unprivileged child process that owns the listening sockets.
 #pragma once
 
+#include <ctime>
+
 struct EX_PCX;
 struct qx7_error;
 
 inline constexpr int listener_ping_period = 60;     // seconds
 inline constexpr int listener_silence_limit = 240;  // seconds
 inline constexpr int listener_start_limit = 5;      // starts without LISTENER_OK
+// When the last listener was started, on the alarm clock; 0 before the first.
+time_t listener_last_start();
 inline constexpr int agent_child_failure = 1;
 inline constexpr char listener_watchdog_timer[] = "LISTENER_PING_WATCHDOG";
 

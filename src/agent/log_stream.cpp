@@ -99,7 +99,8 @@ int send_logblock2server(EX_PCX* pcx) {
 }
 
 int send_log2server(EX_PCX* pcx, int max_blocks) {
-    if (pcx->waitForChglogQu > 0) {
+    // Without a server a block would be freed unsent, and its lines lost: they wait in memory.
+    if (pcx->waitForChglogQu > 0 || (pcx->pcx_flag & PCX_FLAG_SERVER_CHANNEL) == 0) {
         return 0;
     }
     int blocks = 0;

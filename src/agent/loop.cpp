@@ -45,6 +45,28 @@ void take_loop_time(EX_PCX* pcx) {
     pcx->UB_Time = now.utc_seconds;
 }
 
+// Seconds until `alarm` has passed, when that is sooner than the usual wait.
+int sooner(int seconds, time_t alarm, time_t now) {
+    const time_t left = alarm + 1 - now;
+    return left >= 1 && left < seconds ? static_cast<int>(left) : seconds;
+}
+
+// A search or a listener that is put off for a second shall not wait for five.
+int wait_of(const EX_PCX* pcx) {
+    int seconds = wait_seconds;
+    if (pcx->running_mode != MODE_AGENT) {
+        return seconds;
+    }
+    const time_t now = alarm_now();
+    if ((pcx->pcx_flag & (PCX_FLAG_SERVER_CHANNEL | PCX_FLAG_CP_SEARCH)) == 0) {
+        seconds = sooner(seconds, pcx->Srv_alarm_time, now);
+    }
+    if (pcx->listener_pid == 0) {
+        seconds = sooner(seconds, pcx->listener_alarm_time, now);
+    }
+    return seconds;
+}
+
 }  // namespace
 
 void agent_loop(EX_PCX* pcx) {
@@ -56,7 +78,7 @@ void agent_loop(EX_PCX* pcx) {
         }
         ccm_msg_t* msg = nullptr;
         ccm_error_t error;
-        const int received = ccm_receive_message(pcx->ccm, wait_seconds, &msg, &error);
+        const int received = ccm_receive_message(pcx->ccm, wait_of(pcx), &msg, &error);
         if (received < 0) {
             ExitCall("ccm_wait_processor", error.msginsert, error.xerrno);
         }

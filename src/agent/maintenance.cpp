@@ -2,6 +2,7 @@
 
 #include <cerrno>
 
+#include "agent/cp_search.h"
 #include "agent/listener.h"
 #include "agent/log_stream.h"
 #include "agent/server_connection.h"
@@ -63,7 +64,9 @@ void find_server(EX_PCX* pcx, time_t now) {
     }
     if ((flags & PCX_FLAG_LOGGED_IN) != 0) {
         pcx->pcx_flag.fetch_and(~PCX_FLAG_LOGGED_IN);
-        pcx->Srv_alarm_time = 0;
+        // At once, but not twice in one second: a server that takes each logon and hangs up would otherwise be
+        // called as fast as it answers.
+        pcx->Srv_alarm_time = cp_search_last_start();
     }
     const bool ready = (flags & PCX_FLAG_LISTENER_READY) != 0;
     if (pcx->Srv_alarm_time < now && ready && !cp_handshake_under_way(pcx)) {

@@ -38,11 +38,13 @@ std::map<int, std::string> named_lists;
 struct endpoint {
     char host[256];
     int port;
+    bool given;  // there was a text, usable or not
 };
 
 // "host:port" cut at the last colon; port 0 when there is none.
 endpoint split_endpoint(const char* text) {
     endpoint end = {};
+    end.given = *text != '\0';
     const char* colon = strrchr(text, ':');
     if (colon == nullptr) {
         return end;
@@ -177,9 +179,12 @@ int server_connection_start(EX_PCX* pcx, qx7_error* error) {
     pcx->unquitted_srvqry = 0;
     __log(2000072, "%s", pcx->sysName);
     const endpoint primary = main_cp(pcx);
-    if (primary.port != 0) {
-        cp_connection_add(pcx, primary.host, primary.port, cp_random_ranking());
+    if (cp_connection_add(pcx, primary.host, primary.port, cp_random_ranking()) == 0) {
         pcx->PrimaryCpPort = primary.port;
+    } else if (primary.given) {
+        __log(-1,
+              "setting 'cp' in section [TCP/IP] names no server process: write a host of at most 63 "
+              "characters, \":\" and a port");
     }
     add_listed(pcx);
     const int configured = pcx->nof_cp_connections;
@@ -361,6 +366,11 @@ int server_connection_established(EX_PCX* pcx, int channel_id) {
     pcx->pcx_flag.fetch_or(PCX_FLAG_SERVER_CHANNEL);
     pcx->unquitted_srvqry = 0;
     const int result = send_exstart(pcx);
+    if (result != 0) {
+        // A connection without a logon would stand for ever.
+        __log(-1, "the start message could not be made, the connection is closed");
+        ccm_channel_deletebyID(pcx->ccm, channel_id);
+    }
     const auto named = named_lists.find(channel_id);
     if (named != named_lists.end()) {
         write_cp_list(pcx, named->second);
@@ -403,8 +413,8 @@ int maintenance_server_connection(EX_PCX* pcx) {
         // Also the end of the logged-in state: otherwise the next search would not wait.
         pcx->pcx_flag.fetch_and(~PCX_FLAG_LOGGED_IN);
         pcx->Srv_alarm_time = now + wait_after_silence;
-        __log(-1, "the server answers nothing for %d seconds, the connection is closed",
-              pcx->Per_KeepAlive * (unanswered_limit + 1));
+        __log(-1, "the server answers nothing for %lld seconds, the connection is closed",
+              static_cast<long long>(pcx->Per_KeepAlive) * (unanswered_limit + 1));
         ccm_channel_deletebyID(pcx->ccm, channel.ID);
     }
     return 0;

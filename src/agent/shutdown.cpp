@@ -3,9 +3,10 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
-#include <vector>
 
+#include "agent/cp_search.h"
 #include "agent/listener.h"
 #include "agent/log_stream.h"
 #include "agent/server_connection.h"
@@ -29,22 +30,6 @@
 namespace {
 
 constexpr int exit_code_upgrade = 248;
-constexpr int channels_max = 1024;
-
-// A child or partner that takes nothing must not hold the agent for ever. The server channel has no limit of
-// its own: the keep-alive bounds it.
-void give_up_silent_channels(EX_PCX* pcx, int type) {
-    std::vector<int> ids(channels_max);
-    const int count = ccm_channel_collect(pcx->ccm, type, ids.data(), channels_max);
-    for (int at = 0; at < count; ++at) {
-        const int id = ids[static_cast<size_t>(at)];
-        ccm_channel_image_t channel;
-        if (ccm_channel_copy(pcx->ccm, id, &channel) == 0 &&
-            channel.timestamp_last_io + drain_silence_limit < alarm_now()) {
-            ccm_channel_deletebyID(pcx->ccm, id);
-        }
-    }
-}
 
 // The time that draining began: a channel that was quiet before gets the whole limit.
 time_t drain_start = 0;
@@ -67,13 +52,19 @@ void drain(EX_PCX* pcx) {
         ccm_network_sync(pcx->ccm, quick_pass_ms);
         ccm_wakeup_processor(pcx->ccm);
     }
-    if (drain_start + drain_silence_limit < alarm_now()) {
-        give_up_silent_channels(pcx, CH_TYPE_AGENT);
-        give_up_silent_channels(pcx, CH_TYPE_IPC);
+    // A child, partner or caller that takes nothing must not hold the process for ever, whatever it sends
+    // itself. The server channel has no limit of its own: the keep-alive bounds it.
+    const time_t limit = alarm_now() - drain_silence_limit;
+    if (drain_start < limit) {
+        for (const int type : {CH_TYPE_AGENT, CH_TYPE_IPC, CH_TYPE_ACCEPTED}) {
+            ccm_channel_give_up_stuck(pcx->ccm, type, limit);
+        }
     }
 }
 
 void say_goodbye(EX_PCX* pcx) {
+    // A candidate that answers or shakes hands from here on would log on an agent that has said good bye.
+    cp_search_end(pcx, 0);
     listener_shutdown(pcx);
     send_log2server(pcx, log_blocks_at_end);
     send_exstop(pcx);
@@ -81,13 +72,17 @@ void say_goodbye(EX_PCX* pcx) {
 }
 
 void close_channels(EX_PCX* pcx) {
-    if (pcx->ccm == nullptr) {
+    ccm_context_t* ccm = pcx->ccm;
+    if (ccm == nullptr) {
         return;
     }
-    ccm_error_t error;
-    ccm_channel_closeall(pcx->ccm);
-    ccm_close(pcx->ccm, &error);
+    // Out of reach first: a signal handler would wake the loop through it, and the listener mostly ends in
+    // this very moment.
     pcx->ccm = nullptr;
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    ccm_error_t error;
+    ccm_channel_closeall(ccm);
+    ccm_close(ccm, &error);
 }
 
 void log_the_end(const EX_PCX* pcx, int exit_code) {

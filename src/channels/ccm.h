@@ -47,6 +47,7 @@ enum ccm_channel_flag : int {
     CH_FLAG_REQUEST_SENT = 32,       // the handshake's first token is out
     CH_FLAG_BIND_KNOWN = 64,         // `bind_addr` was read
     CH_FLAG_DELETE_WHEN_SENT = 128,  // deleted by the network thread once its send queue is empty
+    CH_FLAG_SPOKE = 256,             // a whole frame has come
 };
 
 // Names with a meaning.
@@ -57,12 +58,12 @@ inline constexpr char ccm_name_ipc_worker_prefix[] = "*IPC(FTX,";
 inline constexpr char ccm_name_listen[] = "*LISTEN";
 
 inline constexpr int ccm_linger_seconds = 60;
-inline constexpr int ccm_descriptor_limit = 65536;     // descriptors that the network thread can watch
-inline constexpr int ccm_unhandled_limit = 64;         // unhandled messages from which a channel isn't read
-inline constexpr int ccm_accepted_limit = 512;         // accepted sockets of the listener
-inline constexpr int ccm_accepted_limit_address = 32;  // of them from one address
-inline constexpr int ccm_accepted_seconds = 60;        // life of an accepted socket without handshake or MELD
-inline constexpr int ccm_adopted_seconds = 300;        // until the first sealed message of an adopted socket
+inline constexpr int ccm_descriptor_limit = 65536;  // descriptors that the network thread can watch
+inline constexpr int ccm_unhandled_limit = 64;      // unhandled messages from which a channel isn't read
+inline constexpr int ccm_accepted_silence =
+    3;  // seconds after which a caller who said nothing may have to go
+inline constexpr int ccm_accepted_seconds = 60;  // life of an accepted socket without handshake or MELD
+inline constexpr int ccm_adopted_seconds = 300;  // until the first sealed message of an adopted socket
 
 // Where a message goes and comes from. `addr` members name a process (a channel name), `name` a module, `acv`
 // is a client-side handle passed through unchanged, `ID` a channel of this process.
@@ -145,12 +146,14 @@ struct ccm_channel_t {
     // Atomic: written by either thread, by fetch_or and fetch_and where it is a flag word.
     std::atomic<int> type;
     std::atomic<int> flag;
-    std::atomic<int> s;                       // socket, -1 without one
-    std::atomic<time_t> timestamp_last_io;    // both on the alarm clock
-    std::atomic<time_t> timestamp_last_read;  // what the keep-alive looks at
+    std::atomic<int> s;                        // socket, -1 without one
+    std::atomic<time_t> timestamp_last_io;     // all on the alarm clock
+    std::atomic<time_t> timestamp_last_read;   // what the keep-alive looks at
+    std::atomic<time_t> timestamp_last_write;  // when the partner last took something; 0 before
 
     // Constant once chained.
     int ID;
+    time_t accepted_at;  // of an accepted socket, on the alarm clock
     ccm_backlog_t* backlog;
 
     // Under the context's channel_lock.
@@ -301,6 +304,10 @@ int ccm_channel_failbyID(ccm_context_t* ccm, int id, int msgnr, const char* form
 int ccm_channel_silencebyID(ccm_context_t* ccm, int id);
 // Deletes every channel whose CONNECTING time has passed, with 2000064. Main thread, once each pass.
 int ccm_channel_check_timeouts(ccm_context_t* ccm, time_t now);
+
+// Deletes the channels of one type that have something to send and whose partner has taken nothing since
+// `since`. Returns how many.
+int ccm_channel_give_up_stuck(ccm_context_t* ccm, int type, time_t since);
 
 // socketpair: both ends non-blocking, named, of type 7, chained. 2000102 "socketpair()|%d(%s)".
 int ccm_channel_create_pair(ccm_context_t* ccm, const char* name1, const char* name2, int* id1, int* id2,

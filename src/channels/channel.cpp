@@ -277,19 +277,34 @@ int ccm_channel_check_timeouts(ccm_context_t* ccm, time_t now) {
     return late;
 }
 
+int ccm_channel_give_up_stuck(ccm_context_t* ccm, int type, time_t since) {
+    int stuck = 0;
+    ccm_channel_lock(ccm);
+    find_locked(ccm, [&](ccm_channel_t* channel) {
+        if (channel->type.load() == type && channel->timestamp_last_write.load() < since) {
+            bool waiting;
+            {
+                spin_guard guard(&channel->queue_lock);
+                waiting = channel->sendq.first != nullptr;
+            }
+            if (waiting) {
+                ccm_channel_delete(ccm, channel);
+                ++stuck;
+            }
+        }
+        return false;
+    });
+    ccm_channel_unlock(ccm);
+    return stuck;
+}
+
 int ccm_channel_create_pair(ccm_context_t* ccm, const char* name1, const char* name2, int* id1, int* id2,
                             ccm_error_t* err) {
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends) != 0) {
         return ccm_error_set(err, errno, 2000102, "socketpair()|%d(%s)|", errno, strerror(errno));
     }
-    if (descriptor_in_range(ends[0]) < 0 || descriptor_in_range(ends[1]) < 0) {
-        // The one that is too high is closed by the test, the other here.
-        for (int end : ends) {
-            if (end < ccm_descriptor_limit) {
-                close(end);
-            }
-        }
+    if (descriptors_in_range(ends) < 0) {
         return ccm_error_set(err, EMFILE, 2000102, "socketpair()|%d(%s)|", EMFILE, strerror(EMFILE));
     }
     ccm_channel_t* channels[2] = {nullptr, nullptr};
@@ -508,6 +523,22 @@ void channel_free(ccm_context_t* ccm, ccm_channel_t* channel, bool free_user_con
     channel->~ccm_channel_t();
     qx_wipe(static_cast<void*>(channel), sizeof *channel);
     free(channel);
+}
+
+int descriptors_in_range(int (&ends)[2]) {
+    const int first = descriptor_in_range(ends[0]);
+    const int second = descriptor_in_range(ends[1]);
+    if (first >= 0 && second >= 0) {
+        return 0;
+    }
+    for (int kept : {first, second}) {
+        if (kept >= 0) {
+            close(kept);
+        }
+    }
+    ends[0] = ends[1] = -1;
+    errno = EMFILE;
+    return -1;
 }
 
 int descriptor_in_range(int fd) {

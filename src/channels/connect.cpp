@@ -43,7 +43,8 @@ int start_connect(ccm_context_t* ccm, ccm_channel_t* channel, const sockaddr_in6
     if (bind(s, reinterpret_cast<sockaddr*>(&any), ccm_address_length(target)) != 0) {
         return connect_failure(err, "bind()", channel);
     }
-    if (connect(s, target, ccm_address_length(target)) != 0 && errno != EINPROGRESS) {
+    // An interrupted connect goes on by itself, like one that takes its time.
+    if (connect(s, target, ccm_address_length(target)) != 0 && errno != EINPROGRESS && errno != EINTR) {
         return connect_failure(err, "connect()", channel);
     }
     return 0;

@@ -67,6 +67,8 @@ void channel_free(ccm_context_t* ccm, ccm_channel_t* channel, bool free_user_con
 
 // Whether a descriptor can be watched; one that is too high is closed, with errno EMFILE.
 int descriptor_in_range(int fd);
+// Both ends of a pair: 0, or -1 with both closed and set to -1, errno EMFILE.
+int descriptors_in_range(int (&ends)[2]);
 
 // ---- network thread
 // ----------------------------------------------------------------------------------------------
@@ -78,6 +80,16 @@ int ccm_write_channel(ccm_context_t* ccm, ccm_channel_t* channel);
 int ccm_cut_frames(ccm_context_t* ccm, ccm_channel_t* channel);
 // Whether frames of the channel wait until the main thread has caught up.
 bool channel_held_back(ccm_channel_t* channel);
+// How many callers a listener bears, and how many of them from one address. The second does not count for
+// processes of this host: there may be many jobs, and all of them report from one address. Changed by tests
+// only.
+struct ccm_accept_limits {
+    int all = 512;
+    int address = 32;
+};
+extern ccm_accept_limits ccm_limits;
+// Whether the share of `address` with `same` callers is used up; `own` is this host's end of the connection.
+bool ccm_share_used_up(const char* address, const char* own, int same);
 void ccm_signal_on_listen(ccm_context_t* ccm, ccm_channel_t* channel);
 void descriptor_fifo_clear(ccm_descriptor_fifo* fifo);
 

@@ -10,12 +10,14 @@
 #include "channels/connect.h"
 #include "channels/handshake.h"
 #include "channels/internal.h"
+#include "channels/line_budget.h"
 #include "channels/policy.h"
 #include "messages/frame.h"
 
 namespace {
 
 constexpr int placeholder_limit = 512;
+line_budget failed_handshakes{200, 2};
 
 // The fixed part of a record whose size the policy has tested.
 template <class Record>
@@ -113,7 +115,14 @@ int gsshs_remote_in_agent(EX_PCX* pcx, ccm_context_t* ccm, const ccm_msg_t* msg,
     qx7_error error;
     if (gss_request(pcx, rest_of<ipcmsg_gsshs_remote_t>(msg), record.len, answer, &answer_length, &context,
                     &error) != 0) {
-        __log_error(error);
+        int dropped = 0;
+        if (failed_handshakes.take(alarm_now(), &dropped)) {
+            if (dropped > 0) {
+                __log(-1, "%d failed handshakes before this one were not logged, they came too fast",
+                      dropped);
+            }
+            __log_error(error);
+        }
         return refuse_remote(ccm, msg, 0, record.listenerID);
     }
     int id = make_placeholder(pcx, ccm, record.listenerID, context);

@@ -181,6 +181,7 @@ int take_frame(ccm_context_t* ccm, ccm_channel_t* channel, const unsigned char* 
                    result);
     }
     if (result == CCM_CLASS_QUEUE) {
+        channel->flag.fetch_or(CH_FLAG_SPOKE);
         enqueue_received(ccm, channel, msg);
         return 0;
     }

@@ -30,6 +30,8 @@ struct descriptor_set {
 };
 static_assert(sizeof(descriptor_set) == 8192);
 
+constexpr int failure_pause_ms = 1000;
+
 // Network thread only (in tests: the one thread that runs cycles).
 descriptor_set read_set;
 descriptor_set write_set;
@@ -42,21 +44,11 @@ void drain_pipe(int fd) {
     // EAGAIN: empty. Anything else shows at the next wait.
 }
 
-int make_pipe(int ends[2]) {
+int make_pipe(int (&ends)[2]) {
     if (pipe2(ends, O_NONBLOCK | O_CLOEXEC) != 0) {
         return -1;
     }
-    if (descriptor_in_range(ends[0]) < 0 || descriptor_in_range(ends[1]) < 0) {
-        for (int i = 0; i < 2; ++i) {
-            if (ends[i] < ccm_descriptor_limit) {
-                close(ends[i]);
-            }
-            ends[i] = -1;
-        }
-        errno = EMFILE;
-        return -1;
-    }
-    return 0;
+    return descriptors_in_range(ends);
 }
 
 // `awake` tells that a byte stands in the pipe already; the reader clears it after emptying the pipe and
@@ -180,15 +172,18 @@ wait_plan plan_wait(ccm_context_t* ccm, int timeout_seconds) {
 }
 
 // A closed descriptor would fail every wait from now on: the channel that holds it ends.
-void delete_bad_descriptors(ccm_context_t* ccm) {
+bool delete_bad_descriptors(ccm_context_t* ccm) {
+    bool found = false;
     for (ccm_channel_t* channel = ccm->channelq.first; channel != nullptr; channel = channel->nxt) {
         int s = channel->s.load();
         if (s >= 0 && !channel_has(channel, CH_FLAG_DELETED) && fcntl(s, F_GETFD) < 0) {
             channel_fail(ccm, channel, 2002036, "%s|%d(%s),S(%d(ID=%d))|", channel->addr, EBADF,
                          strerror(EBADF), s, channel->ID);
             channel->s.store(-1);  // not ours any more: it must not be closed once it means something else
+            found = true;
         }
     }
+    return found;
 }
 
 int report_select(ccm_context_t* ccm, const wait_plan& plan, int number, ccm_error_t* err) {
@@ -200,8 +195,8 @@ int report_select(ccm_context_t* ccm, const wait_plan& plan, int number, ccm_err
                   strerror(number));
     ccm_error_t copy;
     __log(2000102, "%s", (err != nullptr ? err : &copy)->msginsert);
-    if (number == EBADF) {
-        delete_bad_descriptors(ccm);
+    if (number != EBADF || !delete_bad_descriptors(ccm)) {
+        poll(nullptr, 0, failure_pause_ms);  // nothing was mended: the next wait would fail at once, for ever
     }
     return -1;
 }

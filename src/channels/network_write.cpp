@@ -65,27 +65,79 @@ int seal_if_wanted(ccm_context_t* ccm, ccm_channel_t* channel, ccm_msg_t* msg) {
     return -1;
 }
 
-int accepted_of(ccm_context_t* ccm, const char* address, int* same_address) {
+struct callers {
     int all = 0;
-    *same_address = 0;
+    int same = 0;            // from the address that is asked for
+    int silent_ID = 0;       // of the caller who has said nothing for longest, 0 without one
+    int same_silent_ID = 0;  // likewise of that address
+};
+
+// The IDs grow with time, and the walk goes from the oldest channel to the newest.
+callers callers_now(ccm_context_t* ccm, const char* address) {
+    callers now;
+    const time_t silent_since = alarm_now() - ccm_accepted_silence;
     spin_guard guard(&ccm->channel_lock);
     for (ccm_channel_t* head : {ccm->channelq.first, ccm->channel_newq.first}) {
         for (ccm_channel_t* channel = head; channel != nullptr; channel = channel->nxt) {
-            if (channel->type.load() == CH_TYPE_ACCEPTED && !channel_has(channel, CH_FLAG_DELETED)) {
-                ++all;
-                *same_address += strcmp(channel->addr, address) == 0 ? 1 : 0;
+            if (channel->type.load() != CH_TYPE_ACCEPTED || channel_has(channel, CH_FLAG_DELETED)) {
+                continue;
+            }
+            const bool same = strcmp(channel->addr, address) == 0;
+            const bool silent = !channel_has(channel, CH_FLAG_SPOKE) && channel->accepted_at <= silent_since;
+            ++now.all;
+            now.same += same ? 1 : 0;
+            if (silent && now.silent_ID == 0) {
+                now.silent_ID = channel->ID;
+            }
+            if (silent && same && now.same_silent_ID == 0) {
+                now.same_silent_ID = channel->ID;
             }
         }
     }
-    return all;
+    return now;
 }
 
-// One line a minute at most: who floods the listener shall not flood the log as well.
+// This host's end of a connection as text.
+std::string own_end(int s) {
+    sockaddr_storage own{};
+    socklen_t length = sizeof own;
+    char text[64] = "";
+    if (getsockname(s, reinterpret_cast<sockaddr*>(&own), &length) == 0) {
+        ccm_address2string(&own, text, sizeof text);
+    }
+    return text;
+}
+
+// Whether one more caller may stay. Who holds a connection without a word has to make room: otherwise a
+// handful of idle connections would keep the jobs of this host from reporting.
+bool make_room(ccm_context_t* ccm, int s, const char* address) {
+    const callers now = callers_now(ccm, address);
+    const bool share_used_up =
+        now.same >= ccm_limits.address && ccm_share_used_up(address, own_end(s).c_str(), now.same);
+    if (now.all < ccm_limits.all && !share_used_up) {
+        return true;
+    }
+    ccm_channel_image_t leaving;
+    if (ccm_channel_copy(ccm, share_used_up ? now.same_silent_ID : now.silent_ID, &leaving) != 0) {
+        return false;
+    }
+    ccm_channel_failbyID(ccm, leaving.ID, 2000064, "%s|%d|", leaving.addr, ccm_accepted_silence);
+    return true;
+}
+
+// One line a minute at most: who floods the listener shall not flood the log as well. Network thread.
+bool minute_has_passed(time_t* last) {
+    const time_t now = alarm_now();
+    if (*last != 0 && now - *last < 60) {
+        return false;
+    }
+    *last = now;
+    return true;
+}
+
 void log_turned_away(const char* address) {
     static time_t last = 0;
-    time_t now = alarm_now();
-    if (last == 0 || now - last >= 60) {
-        last = now;
+    if (minute_has_passed(&last)) {
         __log(-1,
               "too many open connections: a connection from %s was closed; further ones are closed without a "
               "line",
@@ -116,6 +168,7 @@ void adopt_accepted(ccm_context_t* ccm, int s, const sockaddr_storage& peer, con
     // The socket works without linger as well; accept has made it non-blocking.
     ccm_set_linger(ccm, channel, 1, ccm_linger_seconds, &error);
     channel->timestamp_last_io = channel->timestamp_last_read = alarm_now();
+    channel->accepted_at = alarm_now();
     channel->connect_timeout_secs = ccm_accepted_seconds;
     channel->connect_timeout = alarm_now() + ccm_accepted_seconds;
     channel->flag.fetch_or(CH_FLAG_CONNECTING);
@@ -147,15 +200,17 @@ bool accept_one(ccm_context_t* ccm, ccm_channel_t* listen_channel) {
             return true;
         }
         if (number != EAGAIN && number != EWOULDBLOCK && number != EINTR) {
-            __log(2000102, "accept(...,FIONBIO)|%d-%s", number, strerror(number));
+            static time_t last = 0;
+            if (minute_has_passed(&last)) {
+                __log(2000102, "accept(...,FIONBIO)|%d-%s", number, strerror(number));
+            }
             listen_channel->accept_rest = alarm_now() + 1;  // the condition won't pass in this cycle
         }
         return false;
     }
     char address[64];
     ccm_address2string(&peer, address, sizeof address);
-    int same = 0;
-    if (accepted_of(ccm, address, &same) >= ccm_accepted_limit || same >= ccm_accepted_limit_address) {
+    if (!make_room(ccm, s, address)) {
         close(s);
         log_turned_away(address);
         return true;
@@ -165,6 +220,13 @@ bool accept_one(ccm_context_t* ccm, ccm_channel_t* listen_channel) {
 }
 
 }  // namespace
+
+ccm_accept_limits ccm_limits;
+
+bool ccm_share_used_up(const char* address, const char* own, int same) {
+    return same >= ccm_limits.address && !ccm_address_is_loopback(address) &&
+           !ccm_address_equal(address, own);
+}
 
 int ccm_write_channel(ccm_context_t* ccm, ccm_channel_t* channel) {
     while (ccm_msg_t* msg = head_of_sendq(channel)) {
@@ -180,7 +242,7 @@ int ccm_write_channel(ccm_context_t* ccm, ccm_channel_t* channel) {
             return -1;
         }
         if (written > 0) {
-            channel->timestamp_last_io = alarm_now();
+            channel->timestamp_last_io = channel->timestamp_last_write = alarm_now();
         }
         msg->pos += static_cast<int>(written);
         if (msg->pos == msg->len) {

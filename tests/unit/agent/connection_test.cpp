@@ -199,11 +199,21 @@ TEST_F(gates, no_search_before_the_listener_is_ready_or_the_time_has_come) {
 }
 
 TEST_F(gates, after_a_loss_the_search_begins_at_once) {
+    alarm_clock_advance(2);
     pcx->Srv_alarm_time = alarm_now() + 1000;
     pcx->pcx_flag = PCX_FLAG_LISTENER_READY | PCX_FLAG_LOGGED_IN;
     EXPECT_EQ(found(), 1) << "whatever time was set before";
     EXPECT_EQ(pcx->pcx_flag & PCX_FLAG_LOGGED_IN, 0);
     EXPECT_EQ(found(), 1);
+    // A server that takes each logon and hangs up is not called as fast as it can answer.
+    int searches = 0;
+    for (int loss = 0; loss < 1000; ++loss) {
+        pcx->pcx_flag.fetch_or(PCX_FLAG_LOGGED_IN);
+        searches = found();
+    }
+    EXPECT_LE(searches, 10);
+    alarm_clock_advance(2);
+    EXPECT_GT(found(), searches);
 }
 
 TEST_F(gates, no_search_while_the_agent_ends) {
@@ -253,6 +263,19 @@ TEST_F(log_stream, cuts_a_line_that_does_not_fit_alone_and_goes_on) {
     EXPECT_EQ(send_logblock2server(pcx), 1);
     EXPECT_EQ(block(), std::string(298, 'x') + "\r\n");
     EXPECT_EQ(send_logblock2server(pcx), 1);
+}
+
+TEST_F(log_stream, keeps_its_lines_while_there_is_no_server) {
+    line("one");
+    line("two");
+    pcx->pcx_flag.fetch_and(~PCX_FLAG_SERVER_CHANNEL);
+    send_log2server(pcx, 40);
+    send_chglogr(pcx);  // the log has grown to its limit meanwhile
+    EXPECT_GE(ZULOGG_NrMsg(pcx->logHnd), 2);
+    pcx->pcx_flag.fetch_or(PCX_FLAG_SERVER_CHANNEL);
+    pcx->waitForChglogQu = 0;  // the next logon
+    send_log2server(pcx, 40);
+    EXPECT_EQ(block().substr(0, 10), "one\r\ntwo\r\n");
 }
 
 TEST_F(log_stream, waits_while_the_log_changes) {

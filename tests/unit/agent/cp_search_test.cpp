@@ -17,11 +17,13 @@ struct world {
     int gone_when_chosen = 0;
     std::vector<int> closed_but;  // what close_candidates was told to keep
     bool alive = true;
+    time_t seconds_of_connect = 0;
 };
 world* now_world = nullptr;
 
 int fake_connect(EX_PCX*, const char* host, int) {
     now_world->connects.push_back(host);
+    alarm_clock_advance(now_world->seconds_of_connect);
     return now_world->refuses_at_once[host] ? -1 : ++now_world->last_id;
 }
 
@@ -195,6 +197,24 @@ TEST_F(search, goes_on_when_the_chosen_one_vanishes_in_that_moment) {
     answer(101, 1, 2);
     answer(102, 2, 6);
     EXPECT_EQ(net.chosen, 102);
+}
+
+TEST_F(search, names_that_nobody_resolves_take_one_pass_each) {
+    for (int port = 1; port <= 3; ++port) {
+        add("slow", port, 1000 + port);
+    }
+    net.refuses_at_once["slow"] = true;
+    net.seconds_of_connect = 5;
+    go();
+    EXPECT_EQ(net.connects.size(), 1u) << "the loop has other work as well";
+    cp_search_check(pcx);
+    EXPECT_EQ(net.connects.size(), 2u);
+    cp_search_check(pcx);
+    EXPECT_TRUE(searching());
+    cp_search_check(pcx);
+    EXPECT_EQ(net.connects.size(), 3u);
+    EXPECT_FALSE(searching());
+    EXPECT_EQ(logged_count(2000355), 1);
 }
 
 TEST_F(search, a_lost_event_does_not_stop_it) {

@@ -1,8 +1,10 @@
 #include "agent/shutdown.h"
 
+#include "agent/cp_search.h"
 #include "agent/maintenance.h"
 #include "agent_fixture.h"
 #include "base/time.h"
+#include "channels/connect.h"
 #include "channels/network_thread.h"
 
 namespace {
@@ -52,6 +54,20 @@ TEST_F(shutdown, agent_says_good_bye_and_drains) {
     EXPECT_EQ(pcx->loop, LOOP_LEAVE) << "messages for channels that do not exist hold nobody up";
 }
 
+TEST_F(shutdown, ends_a_search_and_a_handshake_that_are_under_way) {
+    ASSERT_EQ(cp_search_open(pcx), 0);
+    cp_connection_add(pcx, "127.0.0.1", 1, 5);
+    ccm_error_t error;
+    const int candidate = ccm_connect(pcx->ccm, "127.0.0.1", 1, CH_TYPE_CP_CANDIDATE, nullptr, 20, &error);
+    ASSERT_GT(candidate, 0) << error.msginsert;
+    pcx->loop = LOOP_FAREWELL;
+    shutdown_in_progress(pcx);
+    EXPECT_EQ(pcx->pcx_flag & PCX_FLAG_CP_SEARCH, 0);
+    EXPECT_EQ(ccm_channel_existbyID(pcx->ccm, candidate), 0) << "it would log on behind the good bye";
+    cp_connection_connect_next_based_ranking(pcx);
+    EXPECT_EQ(ccm_get_nof_server_connections(pcx->ccm), 0);
+}
+
 TEST_F(shutdown, child_drains_at_once) {
     start_thread();
     pcx->running_mode = MODE_LISTENER;
@@ -80,6 +96,11 @@ TEST_F(shutdown, gives_up_a_child_that_takes_nothing) {
     }
     EXPECT_EQ(pcx->loop, LOOP_DRAIN);
     alarm_clock_advance(drain_silence_limit + 2);
+    // What it sends itself does not count: it must take something.
+    ccm_msg_t* chatter = ccm_msg_alloc_cleared(pcx->ccm, 16, nullptr);
+    ccm_setaddr(chatter, theirs, 0, "", "", 0);
+    send_IPC_message(pcx->ccm, chatter);
+    ASSERT_EQ(ccm_network_sync(pcx->ccm, 5000), 0);
     shutdown_in_progress(pcx);
     EXPECT_EQ(ccm_channel_existbyID(pcx->ccm, mine), 0);
     steps_to_the_end();

@@ -6,6 +6,8 @@
 #include <cstring>
 
 #include "base/time.h"
+#include "channels/internal.h"
+#include "channels/line_budget.h"
 #include "fixture.h"
 
 namespace {
@@ -123,27 +125,96 @@ TEST_F(ccm_test, listener_and_caller) {
     EXPECT_EQ(ccm_get_nof_connections(ccm), 1);
 }
 
-TEST_F(ccm_test, one_address_gets_no_more_than_its_share) {
-    start();
-    be(MODE_LISTENER);
-    ccm_error_t error;
-    int port = 0;
-    ASSERT_EQ(ccm_create_listen_port(ccm, "*LOCAL", 0, 64, &port, &error), 0) << error.msginsert;
-    bool ipv6 = (ccm->flag.load() & CCM_FLAG_IPV6) != 0;
-    std::vector<partner> callers;
-    for (int i = 0; i < ccm_accepted_limit_address; ++i) {
-        callers.push_back(call(port, ipv6 ? AF_INET6 : AF_INET));
-        free(receive_record(ipc_channel_accept));
+TEST(accept_limits, count_strangers_by_address_and_leave_this_host_alone) {
+    const int most = ccm_limits.address;
+    EXPECT_FALSE(ccm_share_used_up("192.0.2.7", "192.0.2.1", most - 1));
+    EXPECT_TRUE(ccm_share_used_up("192.0.2.7", "192.0.2.1", most));
+    EXPECT_TRUE(ccm_share_used_up("2001:db8::7", "2001:db8::1", most));
+    for (const char* local : {"127.0.0.1", "::1", "::ffff:127.0.0.1", "192.0.2.1", "::ffff:192.0.2.1"}) {
+        EXPECT_FALSE(ccm_share_used_up(local, "192.0.2.1", 10 * most)) << local;
     }
-    partner one_more = call(port, ipv6 ? AF_INET6 : AF_INET);
+}
+
+struct accept_test : ccm_test {
+    ccm_accept_limits kept = ccm_limits;
+    int port = 0;
+    int family = AF_INET;
+
+    accept_test() {
+        ccm_limits.all = 8;
+        start();
+        be(MODE_LISTENER);
+        ccm_error_t error;
+        EXPECT_EQ(ccm_create_listen_port(ccm, "*LOCAL", 0, 64, &port, &error), 0) << error.msginsert;
+        family = (ccm->flag.load() & CCM_FLAG_IPV6) != 0 ? AF_INET6 : AF_INET;
+    }
+    ~accept_test() override { ccm_limits = kept; }
+    partner call_in() {
+        partner far = call(port, family);
+        ccm_msg_t* msg = receive_record(ipc_channel_accept);
+        EXPECT_NE(msg, nullptr);
+        free(msg);
+        return far;
+    }
+};
+
+TEST_F(accept_test, a_full_listener_takes_nobody_until_somebody_leaves) {
+    std::vector<partner> callers;
+    for (int i = 0; i < ccm_limits.all; ++i) {
+        callers.push_back(call_in());
+    }
+    partner one_more = call(port, family);
     EXPECT_TRUE(one_more.ended());
-    EXPECT_EQ(ccm_get_nof_channels(ccm), 1 + ccm_accepted_limit_address);
+    EXPECT_EQ(ccm_get_nof_channels(ccm), 1 + ccm_limits.all);
     callers.pop_back();
     free(receive_record(ipc_channel_close));
-    partner next = call(port, ipv6 ? AF_INET6 : AF_INET);
-    ccm_msg_t* msg = receive_record(ipc_channel_accept);
+    partner next = call_in();
+}
+
+TEST_F(accept_test, who_says_nothing_makes_room_and_who_reports_stays) {
+    partner reporter = call_in();
+    bytes report(24);
+    memcpy(report.data(), "MELD    01", 10);
+    reporter.send(frame_make_message(report.data(), report.size(), {}));
+    free(receive_type(CCM_MSG_NAT));
+    std::vector<partner> silent;
+    for (int i = 1; i < ccm_limits.all; ++i) {
+        silent.push_back(call_in());
+    }
+    alarm_clock_advance(ccm_accepted_silence + 1);
+    partner job = call_in();
+    EXPECT_TRUE(silent.front().ended());
+    EXPECT_EQ(log_text(2000064).find("127.0.0.1|") != std::string::npos ||
+                  log_text(2000064).find("::1|") != std::string::npos,
+              true)
+        << log_text(2000064);
+    // Only the oldest went: the reporter and the others are still taken care of.
+    EXPECT_EQ(ccm_get_nof_channels(ccm), 1 + ccm_limits.all);
+    reporter.send(frame_make_message(report.data(), report.size(), {}));
+    ccm_msg_t* msg = receive_type(CCM_MSG_NAT);
     EXPECT_NE(msg, nullptr);
     free(msg);
+}
+
+TEST(line_budget, bounds_what_strangers_can_have_logged) {
+    line_budget budget{3, 2};
+    int dropped = -1;
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_TRUE(budget.take(1000, &dropped));
+    }
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_FALSE(budget.take(1000, &dropped));
+    }
+    EXPECT_TRUE(budget.take(1001, &dropped));
+    EXPECT_EQ(dropped, 5) << "told once";
+    EXPECT_TRUE(budget.take(1001, &dropped));
+    EXPECT_EQ(dropped, 0);
+    EXPECT_FALSE(budget.take(1001, &dropped));
+    EXPECT_FALSE(budget.take(900, &dropped)) << "a clock that steps back gives nothing";
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_TRUE(budget.take(1'000'000'000, &dropped)) << "a long pause fills the stock, no more";
+    }
+    EXPECT_FALSE(budget.take(1'000'000'000, &dropped));
 }
 
 TEST_F(ccm_test, a_connection_carries_messages_both_ways) {
