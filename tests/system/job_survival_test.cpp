@@ -1,13 +1,12 @@
-// What jobs and agent go through: a line cut at any byte, a lost message, processes that run out, places that may
-// not be written, a disk that fills up under a job, a shell that went away.
+// What jobs and agent go through: a line cut at any byte, a lost message, processes that run out, places that
+// may not be written, a disk that fills up under a job, a shell that went away.
+#include <arpa/inet.h>
 #include <poll.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <arpa/inet.h>
 
 #include <atomic>
 #include <csignal>
@@ -66,7 +65,8 @@ struct cutting_line {
             const sockaddr_in name = loopback(server_port);
             if (connect(server, reinterpret_cast<const sockaddr*>(&name), sizeof name) == 0) {
                 // Most cuts behind the logon, which takes some 3000 bytes.
-                const long budget = cuts_left > 0 ? std::uniform_int_distribution<long>(500, 15000)(random) : -1;
+                const long budget =
+                    cuts_left > 0 ? std::uniform_int_distribution<long>(500, 15000)(random) : -1;
                 pass(agent, server, budget);
                 if (budget >= 0) {
                     --cuts_left;
@@ -94,7 +94,8 @@ struct cutting_line {
                     size = static_cast<size_t>(budget);
                 }
                 const ssize_t got = size == 0 ? 0 : recv(ends_of[side].fd, bytes, size, 0);
-                if (got <= 0 || send(ends_of[1 - side].fd, bytes, static_cast<size_t>(got), MSG_NOSIGNAL) != got) {
+                if (got <= 0 ||
+                    send(ends_of[1 - side].fd, bytes, static_cast<size_t>(got), MSG_NOSIGNAL) != got) {
                     return;
                 }
                 if (budget >= 0) {
@@ -113,13 +114,15 @@ TEST_F(job_survival, loses_no_job_when_the_line_is_cut_at_any_byte) {
     installation host("CUTAGENT", line.port);
     host.start();
     std::vector<int> runs;
+    // One after the other while the line stands: each cut then meets jobs at all steps of their lives.
     for (int i = 0; i < 20 || line.cuts_left > 0; ++i) {
         ASSERT_LT(i, 400) << story();
-        if (i < 60 || i % 8 == 0) {
-            runs.push_back(submit("echo job " + std::to_string(i) + "\nexit " + std::to_string(i % 100) + "\n"));
-        }
-        wait(100, [] { return false; });
+        ASSERT_TRUE(wait_logon("CUTAGENT", 60000)) << story() << host.log();
+        runs.push_back(submit("echo job " + std::to_string(i) + "\nexit " + std::to_string(i % 100) + "\n"));
+        wait(100, [&] { return cp_find_agent(server.get(), "CUTAGENT") == nullptr; });
     }
+    ASSERT_TRUE(wait_logon("CUTAGENT", 60000)) << story() << host.log();
+    runs.push_back(submit("exit 0\n"));
     int ended_jobs = 0;
     for (int run : runs) {
         ASSERT_TRUE(wait_done(run, 90000)) << run << "\n" << story() << host.log();
@@ -150,7 +153,8 @@ TEST_F(job_survival, repeats_what_was_lost_on_the_way) {
             int seen = 0;
             bool cut = false;
             cp_server_tap(server.get(), [&](cp_agent&, const cp_received& message) {
-                if (cut || message.body.size() < 8 || std::string(message.body.begin(), message.body.begin() + 8).find(type) != 0) {
+                if (cut || message.body.size() < 8 ||
+                    std::string(message.body.begin(), message.body.begin() + 8).find(type) != 0) {
                     return false;
                 }
                 cut = ++seen == nth;
@@ -163,7 +167,8 @@ TEST_F(job_survival, repeats_what_was_lost_on_the_way) {
             const int logons = count_events("logon");
             if (cut) {
                 cp_drop_line(server.get(), "LOSER");
-                ASSERT_TRUE(wait(30000, [&] { return count_events("logon") > logons; })) << story() << host.log();
+                ASSERT_TRUE(wait(30000, [&] { return count_events("logon") > logons; }))
+                    << story() << host.log();
             }
             ASSERT_TRUE(wait_done(run, 60000)) << story() << host.log();
             EXPECT_EQ(job(run).state, cp_job_state::ended) << story();
@@ -226,7 +231,8 @@ TEST_F(job_survival, starts_jobs_later_when_processes_run_out) {
     limit_processes(as.name, host.agent.pid, true);
     const int waits = submit("exit 3", "", as.name);
     const int gives_up = submit("exit 4", "", as.name);
-    const std::string text = "Error starting job with RunID " + std::to_string(gives_up) + ": fork() returned error EAGAIN.";
+    const std::string text =
+        "Error starting job with RunID " + std::to_string(gives_up) + ": fork() returned error EAGAIN.";
     ASSERT_TRUE(wait(10000, [&] { return host.log_has(text); })) << host.log();
     EXPECT_NE(access(job(waits).job_file.c_str(), F_OK), 0) << "nothing is left of the try";
     EXPECT_NE(access(job(waits).report_file.c_str(), F_OK), 0);
@@ -242,7 +248,8 @@ TEST_F(job_survival, starts_jobs_later_when_processes_run_out) {
     EXPECT_EQ(job(waits).state, cp_job_state::ended) << story();
     EXPECT_EQ(job(waits).return_code, 3);
     EXPECT_EQ(count_events("end", waits), 1);
-    EXPECT_FALSE(host.log_has("run number " + std::to_string(gives_up) + " was started")) << "it was cancelled";
+    EXPECT_FALSE(host.log_has("run number " + std::to_string(gives_up) + " was started"))
+        << "it was cancelled";
     EXPECT_TRUE(host.stop());
 }
 
@@ -325,7 +332,8 @@ TEST_F(job_survival, runs_on_when_shells_go_away) {
     if (is_root()) {
         test_user user("qxtest5");
         std::string output;
-        ASSERT_EQ(run_program({"/usr/sbin/usermod", "-s", "/no/such/qxshell", user.name}, output), 0) << output;
+        ASSERT_EQ(run_program({"/usr/sbin/usermod", "-s", "/no/such/qxshell", user.name}, output), 0)
+            << output;
         const int third = submit("exit 5\n", "", user.name);
         ASSERT_TRUE(wait_done(third)) << story() << host.log();
         EXPECT_EQ(job(third).return_code, 5) << "under /bin/sh";
@@ -338,13 +346,14 @@ TEST_F(job_survival, gives_a_job_nothing_of_its_own) {
     installation host("CLEAN", port());
     host.start();
     ASSERT_TRUE(wait_logon("CLEAN")) << story() << host.agent.output() << host.log();
-    const int run = submit("ls /proc/self/fd | tr '\\n' ' '\necho\n"
-                           "grep -E '^Sig(Blk|Ign)' /proc/self/status\n"
-                           "echo tty $(cut -d' ' -f7 /proc/$$/stat)\n"
-                           "echo limit $(ulimit -Sn)\n"
-                           "echo group $(cut -d' ' -f5 /proc/$$/stat) leader $PPID $$\n"
-                           "env | grep -c '^QX' \n",
-                           "", "", "", false);
+    const int run = submit(
+        "ls /proc/self/fd | tr '\\n' ' '\necho\n"
+        "grep -E '^Sig(Blk|Ign)' /proc/self/status\n"
+        "echo tty $(cut -d' ' -f7 /proc/$$/stat)\n"
+        "echo limit $(ulimit -Sn)\n"
+        "echo group $(cut -d' ' -f5 /proc/$$/stat) leader $PPID $$\n"
+        "env | grep -c '^QX' \n",
+        "", "", "", false);
     ASSERT_TRUE(wait_done(run)) << story() << host.log();
     const std::string text = report(run);
     EXPECT_EQ(text.rfind("0 1 2 3 \n", 0), 0u) << text << "the last one is that of ls";
@@ -357,7 +366,8 @@ TEST_F(job_survival, gives_a_job_nothing_of_its_own) {
         const size_t at = text.find(name);
         ASSERT_NE(at, std::string::npos) << text;
         const unsigned long long set = std::strtoull(text.c_str() + at + 8, nullptr, 16);
-        for (int number : {SIGIO, SIGALRM, SIGINT, SIGUSR1, SIGUSR2, SIGTERM, SIGCHLD, SIGPIPE, SIGILL, SIGFPE, SIGBUS, SIGSEGV}) {
+        for (int number : {SIGIO, SIGALRM, SIGINT, SIGUSR1, SIGUSR2, SIGTERM, SIGCHLD, SIGPIPE, SIGILL,
+                           SIGFPE, SIGBUS, SIGSEGV}) {
             EXPECT_EQ(set >> (number - 1) & 1, 0u) << name << number;
         }
     }

@@ -1,0 +1,131 @@
+// The job messenger by itself: what it says, what it writes, and how it ends.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <regex>
+
+#include "installation.h"
+
+namespace {
+
+struct messenger_call {
+    int code;
+    std::string output;
+};
+
+messenger_call call(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), QX_MESSENGER_PROGRAM);
+    messenger_call result;
+    result.code = run_program(arguments, result.output, 60000);
+    return result;
+}
+
+TEST(messenger, tells_wrong_use_in_one_line) {
+    const std::vector<std::string> wrong[] = {
+        {},
+        {"start"},
+        {"--port", "1", "start"},
+        {"--port", "1", "--run", "5"},
+        {"--port", "1", "--run", "5", "stop"},
+        {"--port", "0", "--run", "5", "start"},
+        {"--port", "65536", "--run", "5", "start"},
+        {"--port", "1", "--run", "0", "start"},
+        {"--port", "1", "--run", "5x", "start"},
+        {"--port", "1", "--run", "5", "end"},
+        {"--port", "1", "--run", "5", "end", "--retcode", "99999999999"},
+        {"--port", "1", "--run", "5", "end", "--retcode"},
+        {"--port", "1", "--run", "5", "restart", "--text", "x"},
+        {"--port", "1", "--run", "5", "variable", "NAME"},
+        {"--port", "1", "--run", "5", "variable", std::string(200, 'N'), "v"},
+        {"--port", "1", "--run", "5", "variable", "NAME", std::string(1024, 'v')},
+        {"--port", "1", "--run", "5", "file", std::string("/") + std::string(511, 'f')},
+        {"--port", "1", "--run", "5", "--client", "65536", "start"},
+        {"--port", "1", "--run", "5", "--nonsense", "x", "start"},
+    };
+    for (const std::vector<std::string>& arguments : wrong) {
+        const messenger_call result = call(arguments);
+        EXPECT_EQ(result.code, 1) << result.output;
+        EXPECT_EQ(std::count(result.output.begin(), result.output.end(), '\n'), 1) << result.output;
+        EXPECT_NE(result.output.find("--help"), std::string::npos) << result.output;
+    }
+    const messenger_call help = call({"--help"});
+    EXPECT_EQ(help.code, 0);
+    EXPECT_NE(help.output.find("--retcode"), std::string::npos);
+}
+
+TEST(messenger, writes_its_lines_also_when_the_agent_is_not_there) {
+    const std::string port = std::to_string(free_port());
+    const std::string date = R"(\d\d\.\d\d\.\d{4} / \d\d:\d\d:\d\d)";
+    const std::string process = " ProcID:" + std::to_string(getpid());
+    const struct {
+        std::vector<std::string> command;
+        std::string lines;
+    } cases[] = {
+        {{"start"}, R"(\n\*\*  JOB 17 START AT )" + date + " UTC TIME " + date + process + "\n"},
+        {{"restart", "--mark", "STEP1", "--text", "t"},
+         R"(\n\*\*  JOB 17 RESTART AT )" + date + " UTC TIME " + date + "\n"},
+        {{"end", "--retcode", "-3"},
+         R"(\n\*\*  JOB 17 ENDED AT )" + date + " UTC TIME " + date + process +
+             "\n"
+             R"(\*\*  TEXT="" RETCODE=-3)"
+             "\n"},
+        {{"file", "/a/b", "--login-check", "N"},
+         "\nQX7 messenger '12\\.2\\.0' login check 'N' registered output file '/a/b'\n"},
+        {{"file", "/a/it's"}, ""},
+        {{"status", "--text", "half"}, ""},
+        {{"variable", "NAME", "--", "--value"}, ""},
+    };
+    for (const auto& row : cases) {
+        std::vector<std::string> arguments = {"--address", "127.0.0.1", "--port", port, "--run", "17"};
+        arguments.insert(arguments.end(), row.command.begin(), row.command.end());
+        const messenger_call result = call(arguments);
+        EXPECT_EQ(result.code, 2) << result.output;
+        const std::regex wanted(row.lines + "qxxjlnxm: the agent at 127.0.0.1:" + port +
+                                " cannot be reached: [^\n]+\n");
+        EXPECT_TRUE(std::regex_match(result.output, wanted)) << result.output;
+    }
+}
+
+TEST(messenger, ends_when_the_other_side_talks_nonsense_or_hangs_up) {
+    const std::string answers[] = {
+        "",
+        "HTTP/1.1 400 Bad Request\r\n\r\n",
+        std::string(48, '\0') + std::string(100, '\0'),
+        std::string(5000, '\xff'),
+    };
+    for (const std::string& answer : answers) {
+        const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in name{};
+        name.sin_family = AF_INET;
+        name.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof name;
+        ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&name), size), 0);
+        ASSERT_EQ(listen(listener, 1), 0);
+        ASSERT_EQ(getsockname(listener, reinterpret_cast<sockaddr*>(&name), &size), 0);
+        scratch_folder folder;
+        child_process messenger;
+        start_program(messenger,
+                      {QX_MESSENGER_PROGRAM, "--address", "127.0.0.1", "--port",
+                       std::to_string(ntohs(name.sin_port)), "--run", "17", "status", "--text", "x"},
+                      folder.path + "/out");
+        const int line = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+        ASSERT_GE(line, 0);
+        char bytes[4096];
+        ASSERT_GT(recv(line, bytes, sizeof bytes, 0), 48) << "the message comes in one piece";
+        if (!answer.empty()) {
+            ASSERT_EQ(send(line, answer.data(), answer.size(), MSG_NOSIGNAL),
+                      static_cast<ssize_t>(answer.size()));
+        }
+        shutdown(line, SHUT_WR);
+        EXPECT_TRUE(messenger.wait_end(20000)) << answer.substr(0, 20);
+        EXPECT_EQ(messenger.exit_code(), 2) << messenger.output();
+        EXPECT_NE(messenger.output().find("did not answer"), std::string::npos) << messenger.output();
+        close(line);
+        close(listener);
+    }
+}
+
+}  // namespace
