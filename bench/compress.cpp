@@ -3,6 +3,9 @@
 #include "transfer/compress/compress.h"
 
 #include <benchmark/benchmark.h>
+#ifdef QX_BENCH_SQLITE
+#include <sqlite3.h>
+#endif
 #include <unistd.h>
 #include <zlib.h>
 
@@ -99,33 +102,115 @@ void zlibPack(benchmark::State& state) {
     state.counters["ratio"] = static_cast<double>(size) / static_cast<double>(log_size);
 }
 
-void storeElements(benchmark::State& state) {
-    const std::string name = "/tmp/qx_bench_store_" + std::to_string(getpid());
+const std::string& storeName() {
+    static const std::string name = "/tmp/qx_bench_store_" + std::to_string(getpid());
+    return name;
+}
+
+void storeSave(int count) {
+    kvstore db;
+    qx7_error err;
+    unlink(storeName().c_str());
+    kvstore_open(&db, storeName().c_str(), kvstore_create, &err);
+    const __ftx_elem element{};
+    for (int i = 0; i < count; ++i) {
+        kvstore_put(&db, ss_elementKey(i, ""), &element, sizeof element, &err);
+    }
+}
+
+// Elements of a transfer saved one by one, and the file opened and read again. Growth shows in the items of a
+// second, which stay when time grows with their number alone.
+void storeWrite(benchmark::State& state) {
+    for (auto _ : state) {
+        storeSave(static_cast<int>(state.range(0)));
+    }
+    unlink(storeName().c_str());
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+
+void storeRead(benchmark::State& state) {
+    storeSave(static_cast<int>(state.range(0)));
     for (auto _ : state) {
         kvstore db;
         qx7_error err;
-        unlink(name.c_str());
-        kvstore_open(&db, name.c_str(), kvstore_create, &err);
-        const __ftx_elem element{};
+        kvstore_open(&db, storeName().c_str(), kvstore_existing, &err);
         for (int i = 0; i < state.range(0); ++i) {
-            kvstore_put(&db, ss_elementKey(i, ""), &element, sizeof element, &err);
-        }
-        kvstore_open(&db, name.c_str(), kvstore_existing, &err);
-        __ftx_elem back;
-        for (int i = 0; i < state.range(0); ++i) {
+            __ftx_elem back;
             size_t len = sizeof back;
-            kvstore_get(&db, ss_elementKey(i, ""), &back, &len, &err);
+            if (kvstore_get(&db, ss_elementKey(i, ""), &back, &len, &err) != sizeof back) {
+                state.SkipWithError("an element is missing");
+            }
         }
     }
-    unlink(name.c_str());
+    unlink(storeName().c_str());
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }
+
+#ifdef QX_BENCH_SQLITE
+// The peer: a table of keys and values, all written in one transaction.
+void sqliteSave(int count) {
+    unlink(storeName().c_str());
+    sqlite3* db = nullptr;
+    sqlite3_stmt* put = nullptr;
+    sqlite3_open(storeName().c_str(), &db);
+    sqlite3_exec(db, "pragma synchronous=off; create table kv(k text primary key, v blob); begin", nullptr,
+                 nullptr, nullptr);
+    sqlite3_prepare_v2(db, "insert into kv values(?, ?)", -1, &put, nullptr);
+    const __ftx_elem element{};
+    for (int i = 0; i < count; ++i) {
+        const std::string key = ss_elementKey(i, "");
+        sqlite3_bind_text(put, 1, key.c_str(), static_cast<int>(key.size()), SQLITE_STATIC);
+        sqlite3_bind_blob(put, 2, &element, sizeof element, SQLITE_STATIC);
+        sqlite3_step(put);
+        sqlite3_reset(put);
+    }
+    sqlite3_exec(db, "commit", nullptr, nullptr, nullptr);
+    sqlite3_finalize(put);
+    sqlite3_close(db);
+}
+
+void sqliteWrite(benchmark::State& state) {
+    for (auto _ : state) {
+        sqliteSave(static_cast<int>(state.range(0)));
+    }
+    unlink(storeName().c_str());
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+
+void sqliteRead(benchmark::State& state) {
+    sqliteSave(static_cast<int>(state.range(0)));
+    for (auto _ : state) {
+        sqlite3* db = nullptr;
+        sqlite3_stmt* get = nullptr;
+        sqlite3_open(storeName().c_str(), &db);
+        sqlite3_exec(db, "begin", nullptr, nullptr, nullptr);
+        sqlite3_prepare_v2(db, "select v from kv where k=?", -1, &get, nullptr);
+        for (int i = 0; i < state.range(0); ++i) {
+            const std::string key = ss_elementKey(i, "");
+            sqlite3_bind_text(get, 1, key.c_str(), static_cast<int>(key.size()), SQLITE_STATIC);
+            if (sqlite3_step(get) != SQLITE_ROW || sqlite3_column_bytes(get, 0) != sizeof(__ftx_elem)) {
+                state.SkipWithError("an element is missing");
+            }
+            sqlite3_reset(get);
+        }
+        sqlite3_finalize(get);
+        sqlite3_close(db);
+    }
+    unlink(storeName().c_str());
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+#endif
 
 }  // namespace
 
 BENCHMARK(zlibPack)->Arg(1)->Arg(6)->Unit(benchmark::kMillisecond);
 BENCHMARK(pack)->Arg(1)->Arg(3)->Arg(5)->Arg(9)->Arg(11)->Arg(127)->Unit(benchmark::kMillisecond);
 BENCHMARK(unpack)->Arg(1)->Arg(3)->Arg(5)->Arg(9)->Arg(11)->Arg(127)->Unit(benchmark::kMillisecond);
-BENCHMARK(storeElements)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
+BENCHMARK(storeWrite)->Arg(10000)->Arg(50000)->Arg(100000)->Unit(benchmark::kMillisecond);
+BENCHMARK(storeRead)->Arg(10000)->Arg(50000)->Arg(100000)->Unit(benchmark::kMillisecond);
+#ifdef QX_BENCH_SQLITE
+BENCHMARK(sqliteWrite)->Arg(10000)->Arg(50000)->Arg(100000)->Unit(benchmark::kMillisecond);
+BENCHMARK(sqliteRead)->Arg(10000)->Arg(50000)->Arg(100000)->Unit(benchmark::kMillisecond);
+#endif
 
 BENCHMARK_MAIN();

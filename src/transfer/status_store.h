@@ -57,11 +57,12 @@ struct __ftx_log {
 };
 inline constexpr size_t ftx_log_text = 36;
 static_assert(offsetof(__ftx_log, timestamp) == 12 && offsetof(__ftx_log, msl_id) == 28 &&
-              offsetof(__ftx_log, msl_insert_len) + sizeof(int32_t) == ftx_log_text);
+              offsetof(__ftx_log, msl_insert_len) + sizeof(int32_t) == ftx_log_text &&
+              sizeof(__ftx_log) == 40);
 
-// Length of the stored record with a text of `insertLength` bytes.
+// Length of the stored record with a text of `insertLength` bytes. The record counts whole, with what pads it.
 inline constexpr size_t ftxLogLength(size_t insertLength) {
-    return insertLength + 41;
+    return insertLength + sizeof(__ftx_log) + 1;
 }
 
 inline constexpr const char* key_version = "STATUS_STORE_VERSION";
