@@ -211,6 +211,9 @@ std::string describe(const json& job) {
             text += fmt::format(", \"{}\"", info);
         }
     } else if (state == "ended" || state == "vanished") {
+        if (job.value("cancelled", false)) {
+            text += " after the order to cancel it";
+        }
         text += fmt::format(" at {} UTC with return code {} ({} ms of processor time)", job.value("end_time", ""),
                             job.value("return_code", 0), job.value("cpu_ms", 0));
     } else if (state == "refused" || state == "lost") {

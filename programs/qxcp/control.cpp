@@ -280,6 +280,7 @@ json cp_job_json(const cp_job& job) {
             {"end_time", job.end_time},
             {"cpu_ms", job.cpu_ms},
             {"io_count", job.io_count},
+            {"cancelled", job.cancelled},
             {"status_count", job.status_count},
             {"message_number", job.message_number},
             {"message_insert", job.message_insert},

@@ -327,6 +327,7 @@ bool cp_cancel(cp_server* server, int run, cp_answer_handler handler) {
             cp_job* asked = cp_find_job(server, run);
             if (asked != nullptr && answer.status == "OK" && !cp_state_is_final(asked->state)) {
                 asked->state = cp_job_state::cancelled;
+                asked->cancelled = true;
                 cp_emit(*server, "cancel", asked->agent, run, fmt::format("job {} is being cancelled", run));
                 cp_job_changed(*server, *asked);
             }

@@ -57,6 +57,7 @@ json job_to_json(const cp_job& job) {
               {"end_time", job.end_time},
               {"cpu_ms", job.cpu_ms},
               {"io_count", job.io_count},
+              {"cancelled", job.cancelled},
               {"status_count", job.status_count},
               {"end_count", job.end_count},
               {"message_number", job.message_number},
@@ -93,6 +94,7 @@ cp_job job_from_json(const json& j) {
     job.end_time = j.value("end_time", "");
     job.cpu_ms = j.value("cpu_ms", 0);
     job.io_count = j.value("io_count", 0);
+    job.cancelled = j.value("cancelled", false);
     job.status_count = j.value("status_count", 0);
     job.end_count = j.value("end_count", 0);
     job.message_number = j.value("message_number", 0);

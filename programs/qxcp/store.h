@@ -51,6 +51,7 @@ struct cp_job {
     std::string end_time;
     int cpu_ms = 0;
     int io_count = 0;
+    bool cancelled = false;  // the agent took the order to cancel it
     int status_count = 0;  // EXSTAJ received
     int end_count = 0;     // of these, with a final state
     int message_number = 0;

@@ -135,6 +135,41 @@ int connect_to(int port) {
     return fd;
 }
 
+TEST_F(connection, waits_for_a_port_that_is_about_to_become_free) {
+    installation host("HANDOVER", port());
+    const int holder = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in name{};
+    name.sin_family = AF_INET;
+    name.sin_port = htons(static_cast<uint16_t>(host.listener_port));
+    ASSERT_EQ(bind(holder, reinterpret_cast<sockaddr*>(&name), sizeof name), 0);
+    ASSERT_EQ(listen(holder, 1), 0);
+    host.start();
+    ASSERT_TRUE(wait(20000, [&] { return host.listener_pid() > 1; })) << host.log();
+    close(holder);
+    // A listener that gives up pauses for half a minute.
+    ASSERT_TRUE(wait_logon("HANDOVER", 25000)) << host.log();
+}
+
+TEST_F(connection, lets_jobs_report_while_idle_callers_hold_connections) {
+    installation host("CROWDED", port());
+    host.start();
+    ASSERT_TRUE(wait_logon("CROWDED")) << host.log();
+    std::vector<int> idle;
+    for (int i = 0; i < 100; ++i) {
+        idle.push_back(connect_to(host.listener_port));
+        ASSERT_GE(idle.back(), 0) << i;
+    }
+    std::string output;
+    EXPECT_EQ(run_program({QX_MESSENGER_PROGRAM, "--address", "127.0.0.1", "--port", std::to_string(host.listener_port),
+                           "--run", "1", "--client", "0", "--agent", "CROWDED", "status", "--text", "still here"},
+                          output, 40000),
+              0)
+        << output << host.log();
+    for (int fd : idle) {
+        close(fd);
+    }
+}
+
 // Sends bytes and waits until the other side closes, at most two seconds.
 bool send_and_see_end(int port, const void* bytes, size_t length) {
     const int fd = connect_to(port);
