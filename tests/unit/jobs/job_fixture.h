@@ -3,6 +3,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -38,6 +39,25 @@ inline int64_t bytes_read_so_far() {
     io >> name >> count;
     return count;
 }
+
+// A process that lives as long as this does, and is no child that the agent knows of.
+struct living_process {
+    pid_t pid = fork();
+
+    living_process() {
+        if (pid == 0) {
+            for (;;) {
+                pause();
+            }
+        }
+    }
+    living_process(const living_process&) = delete;
+    living_process& operator=(const living_process&) = delete;
+    ~living_process() {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+    }
+};
 
 struct sent_message {
     ccm_addr_t addr;

@@ -46,7 +46,8 @@ TEST_F(job_test, the_index_on_process_ids_follows_every_change) {
 
 TEST_F(job_test, a_restart_record_says_the_same_after_its_journey) {
     JP_AREA* job = bare_job(1);
-    job_table_set_pid(job, static_cast<uint32_t>(getppid()));
+    const living_process alive;
+    job_table_set_pid(job, static_cast<uint32_t>(alive.pid));
     job_set_text(job->JP_jFile, std::string(255, 'f'));
     job_set_text(job->JP_jReport, "/out/report");
     job->jp_task_cache_path = std::string(513, 'c');  // fills its field: no terminator
@@ -60,11 +61,11 @@ TEST_F(job_test, a_restart_record_says_the_same_after_its_journey) {
     EXPECT_TRUE(CreateJobRstrtInfo(job, user.c_str(), true, true).empty()) << "it goes out once";
 
     procArea_t self;
-    ASSERT_TRUE(GetLinuxProcEntry(getppid(), &self));
+    ASSERT_TRUE(GetLinuxProcEntry(alive.pid, &self));
     job_record record;
     ASSERT_TRUE(job_record_read(bytes.data(), bytes.size(), &record));
     EXPECT_EQ(record.jStart, self.pa_start);
-    EXPECT_EQ(record.pgid, getppid());
+    EXPECT_EQ(record.pgid, alive.pid);
     EXPECT_EQ(record.jFile, std::string(255, 'f'));
     EXPECT_EQ(record.jReport, "/out/report");
     EXPECT_EQ(record.oName, "JOBS.BARE");

@@ -164,8 +164,8 @@ TEST_F(report_test, an_empty_file_ends_at_once_and_goes_when_asked) {
 TEST_F(report_test, a_resumed_transfer_continues_with_the_same_blocks) {
     // Lines at the edges of a block: there the size of the reading and the size of the block differ.
     std::string text;
-    for (const size_t length : {10, 126, 127, 125, 128, 300, 0, 62, 62, 60, 124}) {
-        text += std::string(length, 'a') + "\n";
+    for (const int length : {10, 126, 127, 125, 128, 300, 0, 62, 62, 60, 124}) {
+        text += std::string(static_cast<size_t>(length), 'a') + "\n";
     }
     write_text(file, text);
     wish w;

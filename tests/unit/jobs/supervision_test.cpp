@@ -103,7 +103,8 @@ TEST_F(job_test, a_cancelled_job_stays_cancelled_and_a_rebuilt_one_ends_by_word)
 TEST_F(job_test, a_cancelled_job_that_still_runs_is_not_told_as_gone) {
     JP_AREA* cancelled = bare_job(1);
     cancelled->JP_status = job_status_cancel;
-    job_table_set_pid(cancelled, static_cast<uint32_t>(getppid()));
+    const living_process alive;
+    job_table_set_pid(cancelled, static_cast<uint32_t>(alive.pid));
     tell(meld(1, 'R', 0));
     EXPECT_TRUE(sent().empty()) << "the server would close a living job";
     EXPECT_EQ(cancelled->m_pid, getpid());
@@ -291,7 +292,8 @@ TEST_F(job_test, without_a_sigchld_to_come_the_first_check_decides) {
     dying->JP_flag &= ~job_flag_own_child;
     dying->JP_status = job_status_cancel;
     dying->JP_sigNum = 9;
-    job_table_set_pid(dying, static_cast<uint32_t>(getppid()));
+    const living_process alive;
+    job_table_set_pid(dying, static_cast<uint32_t>(alive.pid));
     dying->JP_alrmTime = alarm_now();
     process_jobchk(pcx, nullptr, 0);
     EXPECT_EQ(dying->JP_status, 'R');
