@@ -70,6 +70,92 @@ std::string packed(int id) {
     return stream;
 }
 
+// Value of a line of the process's status, in megabytes.
+double statusMegabytes(const char* key) {
+    FILE* const file = fopen("/proc/self/status", "re");
+    long kilobytes = 0;
+    for (char line[256]; file != nullptr && fgets(line, sizeof line, file) != nullptr;) {
+        if (strncmp(line, key, strlen(key)) == 0) {
+            sscanf(line + strlen(key), ": %ld", &kilobytes);
+        }
+    }
+    if (file != nullptr) {
+        fclose(file);
+    }
+    return static_cast<double>(kilobytes) / 1024;
+}
+
+// Memory that `work` takes at its peak, in megabytes.
+template <class Work>
+double peakMegabytes(Work work) {
+    FILE* const file = fopen("/proc/self/clear_refs", "we");  // 5: the peak counts from here on
+    if (file != nullptr) {
+        fputs("5", file);
+        fclose(file);
+    }
+    const double before = statusMegabytes("VmRSS");
+    work();
+    return statusMegabytes("VmHWM") - before;
+}
+
+void packAway(const std::string& data, int id) {
+    Source source{data};
+    ErrMsg err{};
+    CompressFile* cf = csOpen(&source, id, 0, give, nullptr, nullptr, nullptr, nullptr, &err);
+    std::vector<char> piece(65536);
+    while (csRead(cf, piece.data(), static_cast<int>(piece.size()), &err) > 0) {
+    }
+    csClose(cf);
+}
+
+void unpackAway(const std::string& stream) {
+    ErrMsg err{};
+    DecompressFile* df = dcsOpen(nullptr, 0, drop, &err);
+    dcsWrite(df, stream.data(), static_cast<int>(stream.size()), &err);
+    dcsClose(df, &err);
+}
+
+// Many records, each third one empty, the others of 1 to 40 bytes.
+struct RecordSource {
+    unsigned left;
+    unsigned state = 7;
+};
+
+int giveRecord(void* in, char* buf, int size, int /*mode*/, ErrMsg* /*err*/) {
+    auto& source = *static_cast<RecordSource*>(in);
+    if (source.left == 0) {
+        return -1;
+    }
+    --source.left;
+    source.state = source.state * 1664525 + 1013904223;
+    const int n = source.left % 3 == 0 ? 0 : static_cast<int>(source.state >> 16) % 40 + 1;
+    for (int i = 0; i < n && i < size; ++i) {
+        buf[i] = "record of few words "[(source.state >> 28) + static_cast<unsigned>(i) % 4];
+    }
+    return n;
+}
+
+void packRecords(benchmark::State& state) {
+    constexpr unsigned records = 1000000;
+    long used[2] = {};
+    for (auto _ : state) {
+        RecordSource source{records};
+        ErrMsg err{};
+        used[0] = used[1] = 0;
+        CompressFile* cf = csOpen(&source, static_cast<int>(state.range(0)), compress_record, giveRecord,
+                                  nullptr, nullptr, nullptr, used, &err);
+        std::vector<char> piece(65536);
+        while (csRead(cf, piece.data(), static_cast<int>(piece.size()), &err) > 0) {
+        }
+        csClose(cf);
+    }
+    if (used[1] != records) {
+        state.SkipWithError("not all records counted");
+    }
+    state.SetItemsProcessed(state.iterations() * records);
+    state.SetBytesProcessed(state.iterations() * used[0]);
+}
+
 void pack(benchmark::State& state) {
     size_t size = 0;
     for (auto _ : state) {
@@ -77,17 +163,31 @@ void pack(benchmark::State& state) {
     }
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * logText().size()));
     state.counters["ratio"] = static_cast<double>(size) / static_cast<double>(log_size);
+    const int id = static_cast<int>(state.range(0));
+    state.counters["peakMB"] = peakMegabytes([id] { packAway(logText(), id); });
+    state.counters["smallMB"] = peakMegabytes([id] { packAway(std::string(1000, 'a'), id); });
 }
 
 void unpack(benchmark::State& state) {
     const std::string stream = packed(static_cast<int>(state.range(0)));
     for (auto _ : state) {
-        ErrMsg err{};
-        DecompressFile* df = dcsOpen(nullptr, 0, drop, &err);
-        dcsWrite(df, stream.data(), static_cast<int>(stream.size()), &err);
-        dcsClose(df, &err);
+        unpackAway(stream);
     }
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * logText().size()));
+    state.counters["peakMB"] = peakMegabytes([&stream] { unpackAway(stream); });
+}
+
+void zlibUnpack(benchmark::State& state) {
+    std::vector<unsigned char> packedLog(compressBound(log_size));
+    std::vector<unsigned char> out(log_size + 200);
+    uLongf size = packedLog.size();
+    compress2(packedLog.data(), &size, reinterpret_cast<const unsigned char*>(logText().data()), log_size,
+              static_cast<int>(state.range(0)));
+    for (auto _ : state) {
+        uLongf length = out.size();
+        uncompress(out.data(), &length, packedLog.data(), size);
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * log_size));
 }
 
 void zlibPack(benchmark::State& state) {
@@ -204,6 +304,8 @@ void sqliteRead(benchmark::State& state) {
 }  // namespace
 
 BENCHMARK(zlibPack)->Arg(1)->Arg(6)->Unit(benchmark::kMillisecond);
+BENCHMARK(zlibUnpack)->Arg(1)->Arg(6)->Unit(benchmark::kMillisecond);
+BENCHMARK(packRecords)->Arg(1)->Arg(5)->Arg(9)->Arg(11)->Arg(127)->Unit(benchmark::kMillisecond);
 BENCHMARK(pack)->Arg(1)->Arg(3)->Arg(5)->Arg(9)->Arg(11)->Arg(127)->Unit(benchmark::kMillisecond);
 BENCHMARK(unpack)->Arg(1)->Arg(3)->Arg(5)->Arg(9)->Arg(11)->Arg(127)->Unit(benchmark::kMillisecond);
 BENCHMARK(storeWrite)->Arg(10000)->Arg(50000)->Arg(100000)->Unit(benchmark::kMillisecond);

@@ -1,5 +1,6 @@
 // Symbols of id 11: as id 9 with one context, which remembers several positions.
 #include <algorithm>
+#include <climits>
 
 #include "transfer/compress/bucket.h"
 #include "transfer/compress/encoder.h"
@@ -11,6 +12,7 @@ constexpr unsigned tries_max = 10;
 constexpr uint32_t nice_length = 192;  // long enough to stop looking
 constexpr unsigned ahead = 12;         // bytes between the current position and the bucket that is prefetched
 constexpr unsigned slot_position = 32;
+constexpr long large_source = 8L << 20;
 
 inline uint64_t slotEntry(const uint8_t* p, uint32_t position) {
     return uint64_t{position} << slot_position | load32(p);
@@ -105,7 +107,15 @@ void fillSpan(CompressFile& cf, size_t stop) {
 
 int openLzx(CompressFile& cf, ErrMsg* err) {
     cf.buckets = std::make_unique<BucketTable<uint64_t>>();
-    return cf.buckets->open(cf.parameters, err);
+    if (cf.buckets->open(cf.parameters, err) < 0) {
+        return -1;
+    }
+    // A source of this size comes to nearly all of the table. One whose size nobody knows may be small, and
+    // would pay for whole large pages.
+    if (cf.source.fileSize >= large_source && cf.source.fileSize != LONG_MAX) {
+        cf.buckets->memory.preferLargePages();
+    }
+    return 0;
 }
 
 void lowerLzx(CompressFile& cf) {
