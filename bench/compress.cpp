@@ -161,7 +161,7 @@ void pack(benchmark::State& state) {
     for (auto _ : state) {
         size = packed(static_cast<int>(state.range(0))).size();
     }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * logText().size()));
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(logText().size()));
     state.counters["ratio"] = static_cast<double>(size) / static_cast<double>(log_size);
     const int id = static_cast<int>(state.range(0));
     state.counters["peakMB"] = peakMegabytes([id] { packAway(logText(), id); });
@@ -173,7 +173,7 @@ void unpack(benchmark::State& state) {
     for (auto _ : state) {
         unpackAway(stream);
     }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * logText().size()));
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(logText().size()));
     state.counters["peakMB"] = peakMegabytes([&stream] { unpackAway(stream); });
 }
 
@@ -187,7 +187,7 @@ void zlibUnpack(benchmark::State& state) {
         uLongf length = out.size();
         uncompress(out.data(), &length, packedLog.data(), size);
     }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * log_size));
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(log_size));
 }
 
 void zlibPack(benchmark::State& state) {
@@ -198,7 +198,7 @@ void zlibPack(benchmark::State& state) {
         compress2(out.data(), &size, reinterpret_cast<const unsigned char*>(logText().data()), log_size,
                   static_cast<int>(state.range(0)));
     }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * log_size));
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(log_size));
     state.counters["ratio"] = static_cast<double>(size) / static_cast<double>(log_size);
 }
 
