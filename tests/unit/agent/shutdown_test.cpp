@@ -69,8 +69,8 @@ TEST_F(shutdown, ends_a_search_and_a_handshake_that_are_under_way) {
 }
 
 TEST_F(shutdown, child_drains_at_once) {
+    pcx->running_mode = MODE_LISTENER;  // the thread reads it
     start_thread();
-    pcx->running_mode = MODE_LISTENER;
     pcx->loop = LOOP_STOP_WANTED;
     shutdown_in_progress(pcx);
     EXPECT_EQ(pcx->loop, LOOP_DRAIN);
