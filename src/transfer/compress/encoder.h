@@ -40,7 +40,10 @@ inline constexpr size_t input_batch = 65536;
 struct ContextTable {
     Memory memory;
     ContextHash hash{};
-    uint32_t value = 0;  // context at the current position; only the bits of the mask count
+    uint32_t value = 0;     // context at the current position; only the bits of the mask count
+    uint32_t slotMask = 0;  // id 9: the bits of a context that are its slot's index, the lowest `slotBits`,
+    unsigned slotBits = 0;  // and how many others there are
+    unsigned restBits = 0;
 };
 
 // What the tables of id 9 told for the next places of the input, before those were entered: the distance to

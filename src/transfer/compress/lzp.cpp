@@ -9,11 +9,18 @@
 
 namespace {
 
-// A slot holds the position that followed a context, and above it a check of the two bytes there: nearly all
-// misses are told without a look at the pool. Positions of slots begin at pool + 1, so that the difference to
-// an empty slot, to one whose check differs, or to one that is too old is larger than the pool.
+// A slot holds the position that followed a context. Above it stand the bits of the context that are not part
+// of the slot's index, and a check of the two bytes there: nearly all misses are told without a look at the
+// pool. Positions of slots begin at pool + 1, so that the difference to an empty slot, to one of which
+// anything above the position differs, or to one that is too old is larger than the pool.
 constexpr unsigned check_bits_most = 8;
 constexpr unsigned slots_ahead = 32;
+
+// A receiver has a slot for each context. A sender that remembers fewer of them says nothing wrong: what it
+// finds is the last place of exactly that context, and what it forgot it codes otherwise. This many slots
+// stay in the processor's nearest caches.
+constexpr unsigned slots_most_bits = 17;
+constexpr unsigned check_bits_least = 4;
 
 unsigned positionBits(size_t pool) {
     return std::max(32 - check_bits_most, highestBit(static_cast<uint32_t>(pool)) + 2);
@@ -53,17 +60,26 @@ inline uint32_t checkOf(const uint8_t* p) {
     return p[0] + p[1] * 5U;
 }
 
-// Contexts of `count` places from p on, for which the slots are fetched while earlier ones are worked on.
-void passContexts(ContextTable& context, const uint8_t* p, unsigned count, uint32_t* index) {
-    const uint32_t mask = context.hash.mask;
-    const unsigned shift = context.hash.shift;
+// Slots of `count` places from p on, and what is to be entered there. Slots beyond are fetched while earlier
+// ones are worked on.
+void passContexts(ContextTable& context, const uint8_t* p, unsigned count, uint32_t position, unsigned bits,
+                  uint32_t* index, uint32_t* fresh) {
     uint32_t value = context.value;
     for (unsigned i = 0; i < count; ++i) {
-        index[i] = value & mask;
-        value = value << shift ^ p[i];
+        index[i] = value;
+        value = value << context.hash.shift ^ p[i];
     }
     context.value = value;
-    std::fill_n(index + count, slots_ahead, value & mask);
+    const uint32_t contextMask = context.hash.mask;
+    const uint32_t slotMask = context.slotMask;
+    const unsigned slotBits = context.slotBits;
+    const unsigned restBits = context.restBits;
+    for (unsigned i = 0; i < count; ++i) {
+        const uint32_t rest = (index[i] & contextMask) >> slotBits;
+        fresh[i] = (checkOf(p + i) << restBits | rest) << bits | (position + i);
+        index[i] &= slotMask;
+    }
+    std::fill_n(index + count, slots_ahead, value & slotMask);
 }
 
 // Enters places into the slots of one table and keeps how far back what those held is.
@@ -89,19 +105,19 @@ void passStretch(CompressFile& cf, const uint8_t* p, unsigned count) {
     uint32_t index[Predictions::stretch + slots_ahead];
     const unsigned bits = highestBit(ahead.positionEnd);
     const uint32_t position = ahead.position;
-    for (unsigned i = 0; i < count; ++i) {
-        fresh[i] = checkOf(p + i) << bits | (position + i);
-    }
     ahead.position += count;
     const auto indexed = [&](unsigned i) { return index[i]; };
-    passContexts(cf.context[0], p, count, index);
+    passContexts(cf.context[0], p, count, position, bits, index, fresh);
     enterPlaces<true>(cf.context[0].memory.as<uint32_t>(), fresh, count, ahead.first.data(), indexed);
     if constexpr (kind == Second::pair) {
+        for (unsigned i = 0; i < count; ++i) {
+            fresh[i] = checkOf(p + i) << bits | (position + i);
+        }
         enterPlaces<false>(cf.context[1].memory.as<uint32_t>(), fresh, count, ahead.second.data(),
                            [p](unsigned i) { return load16(p + i - 2); });
     } else if constexpr (kind == Second::hashed) {
-        passContexts(cf.context[1], p, count, index);
-        enterPlaces<false>(cf.context[1].memory.as<uint32_t>(), fresh, count, ahead.second.data(), indexed);
+        passContexts(cf.context[1], p, count, position, bits, index, fresh);
+        enterPlaces<true>(cf.context[1].memory.as<uint32_t>(), fresh, count, ahead.second.data(), indexed);
     }
     const auto pool = static_cast<uint32_t>(cf.in.history);
     for (unsigned i = 0; i < count; ++i) {
@@ -241,6 +257,16 @@ void fillSpan(CompressFile& cf, size_t stop) {
     block.count = static_cast<unsigned>(entry - block.entries);
 }
 
+// The bits of a context that the index leaves out must fit above the position.
+void chooseSlots(ContextTable& context, size_t pool) {
+    const unsigned contextBits = highestBit(context.hash.mask) + 1;
+    const unsigned above = 32 - positionBits(pool);
+    const unsigned restMost = above > check_bits_least ? above - check_bits_least : 0;
+    context.restBits = contextBits > slots_most_bits ? std::min(contextBits - slots_most_bits, restMost) : 0;
+    context.slotBits = contextBits - context.restBits;
+    context.slotMask = (1U << context.slotBits) - 1;
+}
+
 }  // namespace
 
 int openLzp(CompressFile& cf, ErrMsg* err) {
@@ -254,7 +280,8 @@ int openLzp(CompressFile& cf, ErrMsg* err) {
         ContextTable& context = cf.context[i];
         context.hash = contextHash(size, order);
         context.value = context.hash.start;
-        if (!context.memory.take((size_t{context.hash.mask} + 1) * sizeof(uint32_t), "lzp", err)) {
+        chooseSlots(context, cf.in.history);
+        if (!context.memory.take((size_t{context.slotMask} + 1) * sizeof(uint32_t), "lzp", err)) {
             return -1;
         }
         if (cf.in.history >= large_pool) {
