@@ -5,7 +5,7 @@
 #include <cstring>
 #include <new>
 
-#include "transfer/compress/bucket.h"
+#include "transfer/compress/lzx_search.h"
 #include "transfer/compress/encoder.h"
 #include "transfer/compress/error.h"
 #include "transfer/compress/lzss_search.h"

@@ -62,12 +62,12 @@ struct PairTables {
 };
 
 struct Buckets {
-    const BucketTable<uint32_t>& table;
+    const BucketTable& table;
     unsigned level;
     unsigned shift;
     uint32_t value;
 
-    explicit Buckets(const BucketTable<uint32_t>& buckets)
+    explicit Buckets(const BucketTable& buckets)
         : table(buckets), level(buckets.level), shift(buckets.hash.shift), value(buckets.value) {}
     uint32_t get(unsigned place, const uint8_t*) const {
         return bucketGet(table.bucket(value), level, place);
@@ -149,7 +149,7 @@ RunEnd runContexts(DecompressFile& df, Tables& tables) {
     return end;
 }
 
-void lowerBuckets(const BucketTable<uint32_t>& buckets, uint32_t position, uint32_t pool) {
+void lowerBuckets(const BucketTable& buckets, uint32_t position, uint32_t pool) {
     for (size_t i = 0; i <= buckets.hash.mask; ++i) {
         lowerPositions(buckets.bucket(static_cast<uint32_t>(i)) + 1, buckets.level, position, pool, true);
     }

@@ -132,7 +132,7 @@ struct DecompressFile {
 
     uint32_t position = 1;  // of the next byte, as the tables count
     ReceiveContext context[2];
-    BucketTable<uint32_t> buckets;
+    BucketTable buckets;
     PositionClasses classes{};
     std::unique_ptr<ZlibReceiver> zlib;
 

@@ -36,14 +36,16 @@ inline constexpr size_t input_slack = 2048;
 // What a method reads beyond the longest match at once, so that small pieces of a source cost little.
 inline constexpr size_t input_batch = 65536;
 
+// A sender's tables are smaller than the contexts are many. Multiplied by this odd number, which can be
+// undone, the upper bits of a context become an index for which those that are frequent seldom meet.
+inline constexpr uint32_t context_spread = 0x9e3779b1;
+
 // One table of contexts: position of the byte that followed each, 0 for none.
 struct ContextTable {
     Memory memory;
     ContextHash hash{};
     uint32_t value = 0;     // context at the current position; only the bits of the mask count
-    uint32_t slotMask = 0;  // id 9: the bits of a context that are its slot's index, the lowest `slotBits`,
-    unsigned slotBits = 0;  // and how many others there are
-    unsigned restBits = 0;
+    unsigned restBits = 0;  // id 9: bits of a context that its slot keeps, as they are not part of the index
 };
 
 // What the tables of id 9 told for the next places of the input, before those were entered: the distance to
@@ -105,8 +107,7 @@ struct UsedAccount {
 };
 
 struct LzssSearch;
-template <class Slot>
-struct BucketTable;
+struct LzxSearch;
 
 struct ZlibSender {
     z_stream stream{};
@@ -157,7 +158,7 @@ struct CompressFile {
     ContextTable context[2];
     std::unique_ptr<Predictions> predictions;
     std::unique_ptr<LzssSearch> lzss;
-    std::unique_ptr<BucketTable<uint64_t>> buckets;
+    std::unique_ptr<LzxSearch> lzx;
     std::unique_ptr<ZlibSender> zlib;
 
     CompressFile();

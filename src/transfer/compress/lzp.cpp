@@ -17,10 +17,11 @@ constexpr unsigned check_bits_most = 8;
 constexpr unsigned slots_ahead = 32;
 
 // A receiver has a slot for each context. A sender that remembers fewer of them says nothing wrong: what it
-// finds is the last place of exactly that context, and what it forgot it codes otherwise. This many slots
-// stay in the processor's nearest caches.
-constexpr unsigned slots_most_bits = 17;
-constexpr unsigned check_bits_least = 4;
+// finds is the last place of exactly that context, and what it forgot it codes otherwise. With the defaults
+// both tables then stay in the nearest caches.
+constexpr unsigned slots_least_bits = 16;
+constexpr unsigned rest_bits_most = 4;
+constexpr unsigned check_bits_least = 3;
 
 unsigned positionBits(size_t pool) {
     return std::max(32 - check_bits_most, highestBit(static_cast<uint32_t>(pool)) + 2);
@@ -70,16 +71,15 @@ void passContexts(ContextTable& context, const uint8_t* p, unsigned count, uint3
         value = value << context.hash.shift ^ p[i];
     }
     context.value = value;
-    const uint32_t contextMask = context.hash.mask;
-    const uint32_t slotMask = context.slotMask;
-    const unsigned slotBits = context.slotBits;
+    const uint32_t mask = context.hash.mask;
     const unsigned restBits = context.restBits;
+    const uint32_t restMask = (1U << restBits) - 1;
     for (unsigned i = 0; i < count; ++i) {
-        const uint32_t rest = (index[i] & contextMask) >> slotBits;
-        fresh[i] = (checkOf(p + i) << restBits | rest) << bits | (position + i);
-        index[i] &= slotMask;
+        const uint32_t spread = index[i] * context_spread & mask;
+        fresh[i] = (checkOf(p + i) << restBits | (spread & restMask)) << bits | (position + i);
+        index[i] = spread >> restBits;
     }
-    std::fill_n(index + count, slots_ahead, value & slotMask);
+    std::fill_n(index + count, slots_ahead, (value * context_spread & mask) >> restBits);
 }
 
 // Enters places into the slots of one table and keeps how far back what those held is.
@@ -258,13 +258,11 @@ void fillSpan(CompressFile& cf, size_t stop) {
 }
 
 // The bits of a context that the index leaves out must fit above the position.
-void chooseSlots(ContextTable& context, size_t pool) {
-    const unsigned contextBits = highestBit(context.hash.mask) + 1;
+unsigned chooseRestBits(uint32_t contextMask, size_t pool) {
+    const unsigned contextBits = highestBit(contextMask) + 1;
     const unsigned above = 32 - positionBits(pool);
-    const unsigned restMost = above > check_bits_least ? above - check_bits_least : 0;
-    context.restBits = contextBits > slots_most_bits ? std::min(contextBits - slots_most_bits, restMost) : 0;
-    context.slotBits = contextBits - context.restBits;
-    context.slotMask = (1U << context.slotBits) - 1;
+    const unsigned most = std::min(above - std::min(above, check_bits_least), rest_bits_most);
+    return contextBits > slots_least_bits ? std::min(contextBits - slots_least_bits, most) : 0;
 }
 
 }  // namespace
@@ -280,8 +278,9 @@ int openLzp(CompressFile& cf, ErrMsg* err) {
         ContextTable& context = cf.context[i];
         context.hash = contextHash(size, order);
         context.value = context.hash.start;
-        chooseSlots(context, cf.in.history);
-        if (!context.memory.take((size_t{context.slotMask} + 1) * sizeof(uint32_t), "lzp", err)) {
+        context.restBits = chooseRestBits(context.hash.mask, cf.in.history);
+        if (!context.memory.take(((size_t{context.hash.mask} + 1) >> context.restBits) * sizeof(uint32_t),
+                                 "lzp", err)) {
             return -1;
         }
         if (cf.in.history >= large_pool) {
@@ -313,7 +312,7 @@ int lzpFillHufBuf(CompressFile& cf, ErrMsg* err) {
         const size_t stop = in.eof ? in.end : in.end - count_max;
         if (cf.context[1].memory.data() == nullptr) {
             fillSpan<Second::none>(cf, stop);
-        } else if (second.order == 2 && second.mask == 0xffff) {
+        } else if (second.order == 2 && second.mask == 0xffff && cf.context[1].restBits == 0) {
             fillSpan<Second::pair>(cf, stop);
         } else {
             fillSpan<Second::hashed>(cf, stop);

@@ -2,13 +2,15 @@
 #include <algorithm>
 #include <climits>
 
-#include "transfer/compress/bucket.h"
 #include "transfer/compress/encoder.h"
+#include "transfer/compress/lzx_search.h"
 
 namespace {
 
-// More candidates than these gain little and cost much.
-constexpr unsigned tries_max = 10;
+// A receiver has a bucket for each context. A sender that has fewer says nothing wrong, as each tells whose
+// it is.
+constexpr unsigned bucket_bits_least = 18;
+constexpr unsigned rest_bits_most = 2;
 constexpr uint32_t nice_length = 192;  // long enough to stop looking
 constexpr unsigned ahead = 12;         // bytes between the current position and the bucket that is prefetched
 constexpr unsigned slot_position = 32;
@@ -35,16 +37,15 @@ struct Found {
 
 // The longest match among the newest slots, the first of equals. Slots tell their first four bytes, so that
 // the pool is looked at only for matches of four.
-Found findLongest(const uint64_t* bucket, unsigned level, const uint8_t* p, uint32_t position, uint32_t pool,
-                  uint32_t left) {
+Found findLongest(const SearchBucket& bucket, unsigned tries, const uint8_t* p, uint32_t position,
+                  uint32_t pool, uint32_t left) {
     Found best{1, 0};
-    const unsigned tries = std::min(level, tries_max);
     const uint32_t wanted = load32(p);
     for (unsigned i = 0; i < tries; ++i) {
-        const uint64_t slot = bucketGet(bucket, level, i);
+        const uint64_t slot = bucket.get(i);
         const uint32_t differ = static_cast<uint32_t>(slot) ^ wanted;
         const auto before = static_cast<uint32_t>(slot >> slot_position);
-        if (before == 0 || position - before > pool) {
+        if (position - before > pool) {
             break;
         }
         if (differ != 0) {
@@ -72,56 +73,71 @@ Found findLongest(const uint64_t* bucket, unsigned level, const uint8_t* p, uint
 void fillSpan(CompressFile& cf, size_t stop) {
     InputBuffer& in = cf.in;
     Block& block = cf.block;
-    BucketTable<uint64_t>& buckets = *cf.buckets;
+    LzxSearch& search = *cf.lzx;
     const unsigned level = cf.parameters.lzmixLevel;
     const unsigned bits = cf.parameters.lzmixBits;
-    const unsigned shift = buckets.hash.shift;
+    const unsigned shift = search.hash.shift;
+    const uint32_t mask = search.hash.mask;
+
+    const auto bucketOf = [bits = 32 - search.bucketBits](uint32_t context) {
+        return context * context_spread >> bits;
+    };
+    SearchBucket* const buckets = search.memory.as<SearchBucket>();
     const auto pool = static_cast<uint32_t>(in.history);
     const uint8_t* p = in.at(in.src);
     const uint8_t* const end = in.at(in.end);
     const uint8_t* const last = in.at(stop);
     uint32_t position = in.position(in.src);
-    uint32_t value = buckets.value;
+    uint32_t value = search.value;
     uint32_t later = value;
     for (unsigned i = 0; i < ahead; ++i) {
         later = later << shift ^ p[i];
     }
     while (p < last && block.count < block.size) {
         const auto left = static_cast<uint32_t>(std::min<size_t>(static_cast<size_t>(end - p), count_max));
-        const Found found =
-            left < 2 ? Found{1, 0} : findLongest(buckets.bucket(value), level, p, position, pool, left);
+        const SearchBucket& here = buckets[bucketOf(value & mask)];
+        const unsigned tries =
+            here.context == (value & mask) && left >= 2 ? std::min<unsigned>(here.used, level) : 0;
+        const Found found = findLongest(here, tries, p, position, pool, left);
         block.entries[block.count++] =
             found.length < 2 ? *p : lengthEntry(found.length, found.place, level, bits);
         for (const uint8_t* const next = p + found.length; p < next; ++p, ++position) {
-            bucketPush(buckets.bucket(value), level, slotEntry(p, position));
+            buckets[bucketOf(value & mask)].push(value & mask, slotEntry(p, position));
             value = value << shift ^ *p;
             later = later << shift ^ p[ahead];
-            __builtin_prefetch(buckets.bucket(later), 1);
+            __builtin_prefetch(&buckets[bucketOf(later & mask)], 1);
         }
     }
     in.src = static_cast<size_t>(p - in.at(0));
-    buckets.value = value;
+    search.value = value;
 }
 
 }  // namespace
 
 int openLzx(CompressFile& cf, ErrMsg* err) {
-    cf.buckets = std::make_unique<BucketTable<uint64_t>>();
-    if (cf.buckets->open(cf.parameters, err) < 0) {
+    cf.lzx = std::make_unique<LzxSearch>();
+    LzxSearch& search = *cf.lzx;
+    search.hash = contextHash(512U << cf.parameters.lzpHashTableSize, cf.parameters.lzpHash);
+    search.value = search.hash.start;
+    const unsigned contextBits = highestBit(search.hash.mask) + 1;
+    search.bucketBits =
+        contextBits - std::min(contextBits - std::min(contextBits, bucket_bits_least), rest_bits_most);
+    if (!search.memory.take(sizeof(SearchBucket) << search.bucketBits, "lzx", err)) {
         return -1;
     }
     // A source of this size comes to nearly all of the table. One whose size nobody knows may be small, and
     // would pay for whole large pages.
     if (cf.source.fileSize >= large_source && cf.source.fileSize != LONG_MAX) {
-        cf.buckets->memory.preferLargePages();
+        search.memory.preferLargePages();
     }
     return 0;
 }
 
 void lowerLzx(CompressFile& cf) {
     const uint32_t position = cf.in.position(cf.in.src);
-    for (size_t i = 0; i <= cf.buckets->hash.mask; ++i) {
-        lowerWidePositions(cf.buckets->bucket(static_cast<uint32_t>(i)) + 1, cf.buckets->level, position,
+    auto* const buckets = cf.lzx->memory.as<SearchBucket>();
+    for (size_t i = 0; i < size_t{1} << cf.lzx->bucketBits; ++i) {
+        lowerWidePositions(buckets[i].slot.data(), buckets[i].slot.size(), position,
                            static_cast<uint32_t>(cf.in.history));
     }
     cf.in.lower();
