@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "transfer/compress/decoder.h"
 
 void DecodeTable::build(const std::array<uint8_t, alphabet_size>& length,
@@ -32,20 +34,28 @@ void DecodeTable::build(const std::array<uint8_t, alphabet_size>& length,
     for (; at < quick.size(); ++at) {
         quick[at] = 0;
     }
-    // Two literals whose codes fit together share an entry. What follows a code of n bits is found at the
-    // index shifted up by n; going down from the top, single entries are still there unless they were paired:
-    // a pair tells its first half too, so the table is copied first.
-    const std::array<uint32_t, 1U << decode_bits> single = quick;
-    for (unsigned i = 0; i < quick.size(); ++i) {
-        const uint32_t first = single[i];
-        if (entryKind(first) != SymbolKind::literal || entryLength(first) == 0) {
-            continue;
+    // Two literals whose codes fit together share an entry. What follows a first code fills its entries in
+    // the same order as the table itself.
+    unsigned start = 0;
+    for (unsigned i = 0; i < place && entryLength(ordered[i]) < decode_bits; ++i) {
+        const uint32_t first = ordered[i];
+        if (entryKind(first) == SymbolKind::literal) {
+            unsigned pairAt = start;
+            for (unsigned k = 0; k < place; ++k) {
+                const uint32_t second = ordered[k];
+                const unsigned both = entryLength(first) + entryLength(second);
+                if (both > decode_bits) {
+                    break;
+                }
+                const unsigned end = pairAt + (1U << (decode_bits - both));
+                if (entryKind(second) == SymbolKind::literal) {
+                    std::fill(&quick[pairAt], &quick[0] + end,
+                              (first & ~31U) | both | entryBase(second) << entry_second_shift | entry_two);
+                }
+                pairAt = end;
+            }
         }
-        const uint32_t second = single[i << entryLength(first) & (quick.size() - 1)];
-        const unsigned both = entryLength(first) + entryLength(second);
-        if (entryKind(second) == SymbolKind::literal && entryLength(second) != 0 && both <= decode_bits) {
-            quick[i] = (first & ~31U) | both | entryBase(second) << entry_second_shift | entry_two;
-        }
+        start += 1U << (decode_bits - entryLength(first));
     }
 }
 

@@ -30,12 +30,15 @@ bool TreeReader::buildTable() {
         ++ofLength_[length];
     }
     ofLength_[0] = 0;
-    unsigned place = 0;
-    for (unsigned length = 1; length <= small_length_max; ++length) {
-        for (unsigned symbol = 0; symbol < length_alphabet_size; ++symbol) {
-            if (small_[symbol] == length) {
-                ordered_[place++] = static_cast<uint16_t>(symbol);
-            }
+    std::array<uint16_t, small_length_max + 1> next;
+    uint16_t place = 0;
+    for (unsigned length = 0; length <= small_length_max; ++length) {
+        next[length] = place;
+        place = static_cast<uint16_t>(place + ofLength_[length]);
+    }
+    for (unsigned symbol = 0; symbol < length_alphabet_size; ++symbol) {
+        if (small_[symbol] != 0) {
+            ordered_[next[small_[symbol]]++] = static_cast<uint16_t>(symbol);
         }
     }
     return true;
