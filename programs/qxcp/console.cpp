@@ -3,9 +3,7 @@
 #include <fmt/format.h>
 #include <poll.h>
 #include <sys/signalfd.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -17,167 +15,24 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "console_line.h"
+
 using nlohmann::json;
 
 namespace {
 
-constexpr int exit_failure = 1;
-constexpr int exit_no_server = 2;
 constexpr int exit_refused = 125;  // the job never ran
 constexpr int exit_interrupted = 130;
-
-int fail(const std::string& text) {
-    fmt::print(stderr, "qxcp: {}\n", text);
-    return exit_failure;
-}
-
-// One connection to the server: lines of JSON both ways.
-struct control_line {
-    int fd = -1;
-    std::string buffer;
-    ~control_line() {
-        if (fd >= 0) {
-            close(fd);
-        }
-    }
-};
-
-bool control_connect(control_line& line, const std::string& folder) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    const std::string path = folder + "/control.sock";
-    if (path.size() >= sizeof address.sun_path) {
-        fmt::print(stderr, "qxcp: the path '{}' is too long for a socket: choose a shorter --data\n", path);
-        return false;
-    }
-    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    line.fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (line.fd < 0 || connect(line.fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-        fmt::print(stderr, "qxcp: no server answers at '{}' ({}): start one with 'qxcp serve --data {}'\n", path,
-                   std::strerror(errno), folder);
-        return false;
-    }
-    return true;
-}
-
-bool control_send(const control_line& line, const json& request) {
-    const std::string text = request.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
-    size_t sent = 0;
-    while (sent < text.size()) {
-        ssize_t n = send(line.fd, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return false;
-        }
-        sent += static_cast<size_t>(n);
-    }
-    return true;
-}
-
-// The next line, or nothing at the connection's end. `signal_fd`, when not negative, ends the wait too and sets
-// `interrupted`.
-std::optional<json> control_receive(control_line& line, int signal_fd, bool& interrupted) {
-    interrupted = false;
-    while (true) {
-        if (size_t end = line.buffer.find('\n'); end != std::string::npos) {
-            json j = json::parse(line.buffer.substr(0, end), nullptr, false);
-            line.buffer.erase(0, end + 1);
-            if (j.is_discarded()) {
-                return std::nullopt;
-            }
-            return j;
-        }
-        pollfd wait[2] = {{line.fd, POLLIN, 0}, {signal_fd, POLLIN, 0}};
-        if (poll(wait, signal_fd >= 0 ? 2 : 1, -1) < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return std::nullopt;
-        }
-        if (signal_fd >= 0 && wait[1].revents != 0) {
-            signalfd_siginfo info;
-            if (read(signal_fd, &info, sizeof info) == sizeof info) {
-                interrupted = true;
-                return json{};
-            }
-        }
-        if (wait[0].revents == 0) {
-            continue;
-        }
-        char chunk[65536];
-        ssize_t n = read(line.fd, chunk, sizeof chunk);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return std::nullopt;
-        }
-        line.buffer.append(chunk, static_cast<size_t>(n));
-    }
-}
-
-// A request with one answer. Nothing after an error, which has been told.
-std::optional<json> ask(const cp_console_options& options, const json& request, int& exit_code) {
-    control_line line;
-    exit_code = exit_no_server;
-    if (!control_connect(line, options.folder)) {
-        return std::nullopt;
-    }
-    bool interrupted;
-    std::optional<json> answer;
-    if (!control_send(line, request) || !(answer = control_receive(line, -1, interrupted))) {
-        fail("the server closed the connection: see what it printed");
-        return std::nullopt;
-    }
-    if (!answer->value("ok", false)) {
-        exit_code = fail(answer->value("error", "the server gave no reason"));
-        return std::nullopt;
-    }
-    exit_code = 0;
-    return answer;
-}
-
-std::string column(const json& row, const char* key) {
-    if (!row.contains(key)) {
-        return "";
-    }
-    return row[key].is_string() ? row[key].get<std::string>() : row[key].dump();
-}
-
-void print_table(const json& rows, const std::vector<std::pair<const char*, const char*>>& columns) {
-    std::vector<size_t> widths;
-    for (const auto& [key, title] : columns) {
-        size_t width = std::strlen(title);
-        for (const auto& row : rows) {
-            width = std::max(width, column(row, key).size());
-        }
-        widths.push_back(width);
-    }
-    auto print_row = [&](auto&& text) {
-        std::string line;
-        for (size_t i = 0; i < columns.size(); ++i) {
-            line += fmt::format("{:<{}}  ", text(i), widths[i]);
-        }
-        line.erase(line.find_last_not_of(' ') + 1);
-        fmt::print("{}\n", line);
-    };
-    print_row([&](size_t i) { return std::string{columns[i].second}; });
-    for (const auto& row : rows) {
-        print_row([&](size_t i) { return column(row, columns[i].first); });
-    }
-}
 
 bool copy_report(const std::string& from, const std::string& to) {
     FILE* in = std::fopen(from.c_str(), "rb");
     if (in == nullptr) {
-        fail(fmt::format("cannot read the report '{}': {}", from, std::strerror(errno)));
+        console_fail(fmt::format("cannot read the report '{}': {}", from, std::strerror(errno)));
         return false;
     }
     FILE* out = to.empty() ? stdout : std::fopen(to.c_str(), "wb");
     if (out == nullptr) {
-        fail(fmt::format("cannot write '{}': {}", to, std::strerror(errno)));
+        console_fail(fmt::format("cannot write '{}': {}", to, std::strerror(errno)));
         std::fclose(in);
         return false;
     }
@@ -194,7 +49,7 @@ bool copy_report(const std::string& from, const std::string& to) {
         good = std::fclose(out) == 0 && good;
     }
     if (!good) {
-        fail(fmt::format("the report could not be written whole: {}", std::strerror(errno)));
+        console_fail(fmt::format("the report could not be written whole: {}", std::strerror(errno)));
     }
     return good;
 }
@@ -264,17 +119,17 @@ std::optional<std::string> read_script(const std::string& path) {
     }
     struct stat status;
     if (stat(path.c_str(), &status) != 0) {
-        fail(fmt::format("cannot read the script '{}': {}", path, std::strerror(errno)));
+        console_fail(fmt::format("cannot read the script '{}': {}", path, std::strerror(errno)));
         return std::nullopt;
     }
     if (!S_ISREG(status.st_mode) && !S_ISFIFO(status.st_mode) && !S_ISCHR(status.st_mode)) {
-        fail(fmt::format("'{}' is no file with a script", path));
+        console_fail(fmt::format("'{}' is no file with a script", path));
         return std::nullopt;
     }
     std::ifstream in(path, std::ios::binary);
     text << in.rdbuf();
     if (!in) {
-        fail(fmt::format("cannot read the script '{}': {}", path, std::strerror(errno)));
+        console_fail(fmt::format("cannot read the script '{}': {}", path, std::strerror(errno)));
         return std::nullopt;
     }
     return text.str();
@@ -293,7 +148,7 @@ int block_interrupt() {
 int cp_console_run(const cp_console_options& options, const cp_run_options& run) {
     std::optional<std::string> script = read_script(run.script_path);
     if (!script) {
-        return exit_failure;
+        return console_exit_failure;
     }
     json request = {{"op", "run"},         {"script", *script},     {"name", run.name},
                     {"agent", run.agent},  {"user", run.user},      {"shell", run.shell},
@@ -302,24 +157,24 @@ int cp_console_run(const cp_console_options& options, const cp_run_options& run)
         std::ifstream in(run.password_file);
         std::string password;
         if (!std::getline(in, password)) {
-            return fail(fmt::format("cannot read a password from '{}'", run.password_file));
+            return console_fail(fmt::format("cannot read a password from '{}'", run.password_file));
         }
         request["password"] = password;
     }
     control_line line;
     if (!control_connect(line, options.folder)) {
-        return exit_no_server;
+        return console_exit_no_server;
     }
     const int signal_fd = block_interrupt();
     if (!control_send(line, request)) {
-        return fail("the server closed the connection: see what it printed");
+        return console_fail("the server closed the connection: see what it printed");
     }
     int number = 0;
     while (true) {
         bool interrupted;
         std::optional<json> answer = control_receive(line, signal_fd, interrupted);
         if (!answer) {
-            return fail(fmt::format("the server went away; job {} goes on, see 'qxcp jobs' once it is back", number));
+            return console_fail(fmt::format("the server went away; job {} goes on, see 'qxcp jobs' once it is back", number));
         }
         if (interrupted) {
             bool leave = false;
@@ -335,7 +190,7 @@ int cp_console_run(const cp_console_options& options, const cp_run_options& run)
             continue;
         }
         if (answer->contains("ok") && !answer->value("ok", false)) {
-            return fail(answer->value("error", "the server gave no reason"));
+            return console_fail(answer->value("error", "the server gave no reason"));
         }
         const json& job = (*answer)["job"];
         number = job.value("run", 0);
@@ -352,13 +207,13 @@ int cp_console_run(const cp_console_options& options, const cp_run_options& run)
                     fmt::print("---- report of job {} ----\n", number);
                 }
                 if (!copy_report(copy, run.report_path)) {
-                    return exit_failure;
+                    return console_exit_failure;
                 }
                 if (run.report_path.empty()) {
                     fmt::print("---- end of report ----\n");
                 }
             } else if (!copy.empty() && !run.report_path.empty() && !copy_report(copy, run.report_path)) {
-                return exit_failure;
+                return console_exit_failure;
             }
             return job_exit_code(job);
         }
@@ -367,11 +222,11 @@ int cp_console_run(const cp_console_options& options, const cp_run_options& run)
 
 int cp_console_agents(const cp_console_options& options) {
     int exit_code;
-    std::optional<json> answer = ask(options, {{"op", "agents"}}, exit_code);
+    std::optional<json> answer = console_ask(options, {{"op", "agents"}}, exit_code);
     if (answer && options.json) {
         fmt::print("{}\n", (*answer)["agents"].dump());
     } else if (answer) {
-        print_table((*answer)["agents"], {{"name", "AGENT"},
+        console_table((*answer)["agents"], {{"name", "AGENT"},
                                           {"address", "ADDRESS"},
                                           {"port", "PORT"},
                                           {"version", "VERSION"},
@@ -383,11 +238,11 @@ int cp_console_agents(const cp_console_options& options) {
 
 int cp_console_jobs(const cp_console_options& options) {
     int exit_code;
-    std::optional<json> answer = ask(options, {{"op", "jobs"}}, exit_code);
+    std::optional<json> answer = console_ask(options, {{"op", "jobs"}}, exit_code);
     if (answer && options.json) {
         fmt::print("{}\n", (*answer)["jobs"].dump());
     } else if (answer) {
-        print_table((*answer)["jobs"], {{"run", "RUN"},
+        console_table((*answer)["jobs"], {{"run", "RUN"},
                                         {"name", "NAME"},
                                         {"agent", "AGENT"},
                                         {"user", "USER"},
@@ -402,7 +257,7 @@ int cp_console_jobs(const cp_console_options& options) {
 
 int cp_console_cancel(const cp_console_options& options, int run) {
     int exit_code;
-    std::optional<json> answer = ask(options, {{"op", "cancel"}, {"run", run}}, exit_code);
+    std::optional<json> answer = console_ask(options, {{"op", "cancel"}, {"run", run}}, exit_code);
     if (answer) {
         fmt::print("{}\n", options.json ? answer->dump() : answer->value("text", ""));
     }
@@ -411,7 +266,7 @@ int cp_console_cancel(const cp_console_options& options, int run) {
 
 int cp_console_info(const cp_console_options& options, int run) {
     int exit_code;
-    std::optional<json> answer = ask(options, {{"op", "info"}, {"run", run}}, exit_code);
+    std::optional<json> answer = console_ask(options, {{"op", "info"}, {"run", run}}, exit_code);
     if (answer && options.json) {
         fmt::print("{}\n", answer->dump());
     } else if (answer) {
@@ -430,16 +285,16 @@ int cp_console_report(const cp_console_options& options, int run, const std::str
                       const std::string& path) {
     int exit_code;
     std::optional<json> answer =
-        ask(options, {{"op", "report"}, {"run", run}, {"match", match}, {"tail", tail}}, exit_code);
+        console_ask(options, {{"op", "report"}, {"run", run}, {"match", match}, {"tail", tail}}, exit_code);
     if (answer && !copy_report(answer->value("path", ""), path)) {
-        return exit_failure;
+        return console_exit_failure;
     }
     return exit_code;
 }
 
 int cp_console_stop(const cp_console_options& options, const std::string& agent) {
     int exit_code;
-    std::optional<json> answer = ask(options, {{"op", "stop"}, {"agent", agent}}, exit_code);
+    std::optional<json> answer = console_ask(options, {{"op", "stop"}, {"agent", agent}}, exit_code);
     if (answer) {
         fmt::print("{}\n", options.json ? answer->dump() : answer->value("text", ""));
     }

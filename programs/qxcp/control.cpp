@@ -9,7 +9,7 @@
 #include <cstring>
 #include <nlohmann/json.hpp>
 
-#include "server_state.h"
+#include "control.h"
 
 using nlohmann::json;
 
@@ -19,32 +19,6 @@ constexpr size_t line_limit = size_t{256} << 20;
 
 void tell(cp_control_client& client, const json& answer) {
     client.out += answer.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
-}
-
-void finish(cp_control_client& client, const json& answer) {
-    tell(client, answer);
-    client.close_when_written = true;
-}
-
-void refuse(cp_control_client& client, const std::string& text) {
-    finish(client, {{"ok", false}, {"error", text}});
-}
-
-cp_control_client* find_client(cp_server& server, int id) {
-    for (auto& client : server.clients) {
-        if (client->id == id) {
-            return client.get();
-        }
-    }
-    return nullptr;
-}
-
-std::string answer_text(const cp_answer& answer) {
-    if (answer.status == "--") {
-        return "the connection to the agent was lost";
-    }
-    return answer.number == 0 ? std::string{answer.status}
-                              : fmt::format("{} U{:08} {}", answer.status, answer.number, answer.insert);
 }
 
 void run_job(cp_server& server, cp_control_client& client, const json& request) {
@@ -57,19 +31,19 @@ void run_job(cp_server& server, cp_control_client& client, const json& request) 
     job.password = request.value("password", "");
     job.wrap = request.value("wrap", true);
     if (job.script.empty()) {
-        refuse(client, "the script is empty");
+        control_refuse(client, "the script is empty");
         return;
     }
     const int number = request.value("client", int{job.client});
     if (number < 0 || number > 9999) {
-        refuse(client, "a client is a number from 0 to 9999");
+        control_refuse(client, "a client is a number from 0 to 9999");
         return;
     }
     job.client = static_cast<uint16_t>(number);
     std::string error;
     const int run = cp_submit(&server, std::move(job), error);
     if (run == 0) {
-        refuse(client, error);
+        control_refuse(client, error);
         return;
     }
     client.watched_run = run;
@@ -78,30 +52,30 @@ void run_job(cp_server& server, cp_control_client& client, const json& request) 
 
 void ask_agent(cp_server& server, cp_control_client& client, int run, bool cancel) {
     if (cp_find_job(&server, run) == nullptr) {
-        refuse(client, fmt::format("there is no job {}: see 'qxcp jobs'", run));
+        control_refuse(client, fmt::format("there is no job {}: see 'qxcp jobs'", run));
         return;
     }
     const int id = client.id;
     auto handler = [&server, id, run, cancel](const cp_answer& answer) {
-        cp_control_client* asker = find_client(server, id);
+        cp_control_client* asker = control_find_client(server, id);
         const cp_job* job = cp_find_job(&server, run);
         if (asker == nullptr || job == nullptr) {
             return;
         }
-        const std::string text = answer_text(answer);
+        const std::string text = control_answer_text(answer);
         if (cancel && answer.status != "OK") {
-            refuse(*asker, fmt::format("job {} was not cancelled: {}", run, text));
+            control_refuse(*asker, fmt::format("job {} was not cancelled: {}", run, text));
             return;
         }
-        finish(*asker, {{"ok", true},
+        control_finish(*asker, {{"ok", true},
                         {"text", cancel ? fmt::format("job {} is being cancelled: {}", run, text) : text},
                         {"job", cp_job_json(*job)}});
     };
     const bool sent = cancel ? cp_cancel(&server, run, handler) : cp_job_info(&server, run, handler);
     if (!sent && cancel) {
-        refuse(client, fmt::format("the agent of job {} is not logged on", run));
+        control_refuse(client, fmt::format("the agent of job {} is not logged on", run));
     } else if (!sent) {
-        finish(client, {{"ok", true}, {"text", "the agent is not logged on"}, {"job", cp_job_json(*cp_find_job(&server, run))}});
+        control_finish(client, {{"ok", true}, {"text", "the agent is not logged on"}, {"job", cp_job_json(*cp_find_job(&server, run))}});
     }
 }
 
@@ -109,84 +83,132 @@ void get_report(cp_server& server, cp_control_client& client, const json& reques
     const int run = request.value("run", 0);
     const cp_job* job = cp_find_job(&server, run);
     if (job == nullptr) {
-        refuse(client, fmt::format("there is no job {}: see 'qxcp jobs'", run));
+        control_refuse(client, fmt::format("there is no job {}: see 'qxcp jobs'", run));
         return;
     }
     cp_report_wish wish;
     wish.match = request.value("match", "");
     wish.tail = request.value("tail", false);
     if (wish.match.empty() && !wish.tail && !job->report_copy.empty()) {
-        finish(client, {{"ok", true}, {"path", job->report_copy}});
+        control_finish(client, {{"ok", true}, {"path", job->report_copy}});
         return;
     }
     wish.path = fmt::format("{}/reports/{:07}.part.txt", server.store.folder, run);
     for (const auto& [id, transfer] : server.transfers) {
         if (transfer.wish.path == wish.path) {
-            refuse(client, fmt::format("a part of the report of job {} is being fetched: try again", run));
+            control_refuse(client, fmt::format("a part of the report of job {} is being fetched: try again", run));
             return;
         }
     }
     const int id = client.id;
     const bool sent = cp_fetch_report(&server, run, wish, [&server, id, run, path = wish.path](const cp_answer& answer) {
-        cp_control_client* asker = find_client(server, id);
+        cp_control_client* asker = control_find_client(server, id);
         if (asker == nullptr) {
             return;
         }
         if (answer.status == "OK") {
-            finish(*asker, {{"ok", true}, {"path", path}});
+            control_finish(*asker, {{"ok", true}, {"path", path}});
         } else {
-            refuse(*asker, fmt::format("no report of job {}: {}", run, answer_text(answer)));
+            control_refuse(*asker, fmt::format("no report of job {}: {}", run, control_answer_text(answer)));
         }
     });
     if (!sent) {
-        refuse(client, fmt::format("the agent of job {} is not logged on", run));
+        control_refuse(client, fmt::format("the agent of job {} is not logged on", run));
     }
 }
+
+void list_agents(cp_server& server, cp_control_client& client, const json&) {
+    json list = json::array();
+    for (auto& agent : server.agents) {
+        if (agent->logged_on) {
+            list.push_back(cp_agent_json(*agent));
+        }
+    }
+    control_finish(client, {{"ok", true}, {"agents", list}});
+}
+
+void list_jobs(cp_server& server, cp_control_client& client, const json&) {
+    json list = json::array();
+    for (auto& [run, job] : server.store.jobs) {
+        list.push_back(cp_job_json(job));
+    }
+    control_finish(client, {{"ok", true}, {"jobs", list}});
+}
+
+void cancel_job(cp_server& server, cp_control_client& client, const json& request) {
+    ask_agent(server, client, request.value("run", 0), true);
+}
+
+void tell_of_job(cp_server& server, cp_control_client& client, const json& request) {
+    ask_agent(server, client, request.value("run", 0), false);
+}
+
+void stop_agent(cp_server& server, cp_control_client& client, const json& request) {
+    const std::string agent = request.value("agent", "");
+    if (cp_stop_agent(&server, agent)) {
+        control_finish(client, {{"ok", true}, {"text", fmt::format("agent {} was told to stop", agent)}});
+    } else {
+        control_refuse(client, fmt::format("agent '{}' is not logged on: see 'qxcp agents'", agent));
+    }
+}
+
+struct control_row {
+    const char* op;
+    void (*handler)(cp_server& server, cp_control_client& client, const json& request);
+};
+
+constexpr control_row control_rows[] = {
+    {"run", run_job},        {"agents", list_agents}, {"jobs", list_jobs},  {"cancel", cancel_job},
+    {"info", tell_of_job},   {"report", get_report},  {"stop", stop_agent},
+};
 
 void handle_request(cp_server& server, cp_control_client& client, const std::string& line) {
     json request = json::parse(line, nullptr, false);
     if (!request.is_object()) {
-        refuse(client, "the request is no JSON object");
+        control_refuse(client, "the request is no JSON object");
         return;
     }
     try {  // the library reports a value of a wrong type by an exception
         const std::string op = request.value("op", "");
-        if (op == "run") {
-            run_job(server, client, request);
-        } else if (op == "agents") {
-            json list = json::array();
-            for (auto& agent : server.agents) {
-                if (agent->logged_on) {
-                    list.push_back(cp_agent_json(*agent));
-                }
+        for (const control_row& row : control_rows) {
+            if (op == row.op) {
+                row.handler(server, client, request);
+                return;
             }
-            finish(client, {{"ok", true}, {"agents", list}});
-        } else if (op == "jobs") {
-            json list = json::array();
-            for (auto& [run, job] : server.store.jobs) {
-                list.push_back(cp_job_json(job));
-            }
-            finish(client, {{"ok", true}, {"jobs", list}});
-        } else if (op == "cancel" || op == "info") {
-            ask_agent(server, client, request.value("run", 0), op == "cancel");
-        } else if (op == "report") {
-            get_report(server, client, request);
-        } else if (op == "stop") {
-            const std::string agent = request.value("agent", "");
-            if (cp_stop_agent(&server, agent)) {
-                finish(client, {{"ok", true}, {"text", fmt::format("agent {} was told to stop", agent)}});
-            } else {
-                refuse(client, fmt::format("agent '{}' is not logged on: see 'qxcp agents'", agent));
-            }
-        } else {
-            refuse(client, fmt::format("unknown request '{}'", op));
         }
+        control_refuse(client, fmt::format("unknown request '{}'", op));
     } catch (const json::exception& fault) {
-        refuse(client, fault.what());
+        control_refuse(client, fault.what());
     }
 }
 
 }  // namespace
+
+void control_finish(cp_control_client& client, const json& answer) {
+    tell(client, answer);
+    client.close_when_written = true;
+}
+
+void control_refuse(cp_control_client& client, const std::string& text) {
+    control_finish(client, {{"ok", false}, {"error", text}});
+}
+
+cp_control_client* control_find_client(cp_server& server, int id) {
+    for (auto& client : server.clients) {
+        if (client->id == id) {
+            return client.get();
+        }
+    }
+    return nullptr;
+}
+
+std::string control_answer_text(const cp_answer& answer) {
+    if (answer.status == "--") {
+        return "the connection to the agent was lost";
+    }
+    return answer.number == 0 ? std::string{answer.status}
+                              : fmt::format("{} U{:08} {}", answer.status, answer.number, answer.insert);
+}
 
 bool cp_control_open(cp_server& server, std::string& error) {
     sockaddr_un address{};
@@ -259,7 +281,7 @@ void cp_control_tell_job(cp_server& server, const cp_job& job) {
         // With the report fetched (or none to come) the job is over for its submitter.
         if (cp_state_is_final(job.state) && (job.forgotten || !server.options.fetch_reports)) {
             client->watched_run = 0;
-            finish(*client, {{"ok", true}, {"job", cp_job_json(job)}});
+            control_finish(*client, {{"ok", true}, {"job", cp_job_json(job)}});
         }
     }
 }

@@ -1,0 +1,154 @@
+#include "console_line.h"
+
+#include <fmt/format.h>
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+using nlohmann::json;
+
+namespace {
+
+std::string column(const json& row, const char* key) {
+    if (!row.contains(key)) {
+        return "";
+    }
+    return row[key].is_string() ? row[key].get<std::string>() : row[key].dump();
+}
+
+}  // namespace
+
+int console_fail(const std::string& text) {
+    fmt::print(stderr, "qxcp: {}\n", text);
+    return console_exit_failure;
+}
+
+control_line::~control_line() {
+    if (fd >= 0) {
+        close(fd);
+    }
+}
+
+bool control_connect(control_line& line, const std::string& folder) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const std::string path = folder + "/control.sock";
+    if (path.size() >= sizeof address.sun_path) {
+        fmt::print(stderr, "qxcp: the path '{}' is too long for a socket: choose a shorter --data\n", path);
+        return false;
+    }
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    line.fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (line.fd < 0 || connect(line.fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+        fmt::print(stderr, "qxcp: no server answers at '{}' ({}): start one with 'qxcp serve --data {}'\n", path,
+                   std::strerror(errno), folder);
+        return false;
+    }
+    return true;
+}
+
+bool control_send(const control_line& line, const json& request) {
+    const std::string text = request.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
+    size_t sent = 0;
+    while (sent < text.size()) {
+        ssize_t n = send(line.fd, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return false;
+        }
+        sent += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+std::optional<json> control_receive(control_line& line, int signal_fd, bool& interrupted) {
+    interrupted = false;
+    while (true) {
+        if (size_t end = line.buffer.find('\n'); end != std::string::npos) {
+            json j = json::parse(line.buffer.substr(0, end), nullptr, false);
+            line.buffer.erase(0, end + 1);
+            if (j.is_discarded()) {
+                return std::nullopt;
+            }
+            return j;
+        }
+        pollfd wait[2] = {{line.fd, POLLIN, 0}, {signal_fd, POLLIN, 0}};
+        if (poll(wait, signal_fd >= 0 ? 2 : 1, -1) < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return std::nullopt;
+        }
+        if (signal_fd >= 0 && wait[1].revents != 0) {
+            signalfd_siginfo info;
+            if (read(signal_fd, &info, sizeof info) == sizeof info) {
+                interrupted = true;
+                return json{};
+            }
+        }
+        if (wait[0].revents == 0) {
+            continue;
+        }
+        char chunk[65536];
+        ssize_t n = read(line.fd, chunk, sizeof chunk);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return std::nullopt;
+        }
+        line.buffer.append(chunk, static_cast<size_t>(n));
+    }
+}
+
+std::optional<json> console_ask(const cp_console_options& options, const json& request, int& exit_code) {
+    control_line line;
+    exit_code = console_exit_no_server;
+    if (!control_connect(line, options.folder)) {
+        return std::nullopt;
+    }
+    bool interrupted;
+    std::optional<json> answer;
+    if (!control_send(line, request) || !(answer = control_receive(line, -1, interrupted))) {
+        console_fail("the server closed the connection: see what it printed");
+        return std::nullopt;
+    }
+    if (!answer->value("ok", false)) {
+        exit_code = console_fail(answer->value("error", "the server gave no reason"));
+        return std::nullopt;
+    }
+    exit_code = 0;
+    return answer;
+}
+
+void console_table(const json& rows, const std::vector<std::pair<const char*, const char*>>& columns) {
+    std::vector<size_t> widths;
+    for (const auto& [key, title] : columns) {
+        size_t width = std::strlen(title);
+        for (const auto& row : rows) {
+            width = std::max(width, column(row, key).size());
+        }
+        widths.push_back(width);
+    }
+    auto print_row = [&](auto&& text) {
+        std::string line;
+        for (size_t i = 0; i < columns.size(); ++i) {
+            line += fmt::format("{:<{}}  ", text(i), widths[i]);
+        }
+        line.erase(line.find_last_not_of(' ') + 1);
+        fmt::print("{}\n", line);
+    };
+    print_row([&](size_t i) { return std::string{columns[i].second}; });
+    for (const auto& row : rows) {
+        print_row([&](size_t i) { return column(row, columns[i].first); });
+    }
+}

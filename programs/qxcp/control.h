@@ -1,0 +1,16 @@
+// What the handlers of the console's requests share; their table is in control.cpp.
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "server_state.h"
+
+// The answer to a request, the last one: the line is closed behind it.
+void control_finish(cp_control_client& client, const nlohmann::json& answer);
+// The same for a failure: {"ok": false, "error": text}.
+void control_refuse(cp_control_client& client, const std::string& text);
+// The asker, for answers that come later; null when it went away.
+cp_control_client* control_find_client(cp_server& server, int id);
+// An agent's answer in words.
+std::string control_answer_text(const cp_answer& answer);
