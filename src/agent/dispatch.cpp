@@ -14,8 +14,11 @@
 #include "jobs/activation.h"
 #include "jobs/queries.h"
 #include "jobs/reports.h"
+#include "jobs/resources.h"
 #include "jobs/supervision.h"
 #include "messages/head.h"
+#include "messages/records_report.h"
+#include "messages/view.h"
 
 namespace {
 
@@ -194,9 +197,17 @@ int qxexcmd_exec(EX_PCX* pcx, ccm_msg_t* msg, int) {
     return call(sr_function_list_cmd, pcx, msg);
 }
 
-// Resources and upgrades both come as BINDATA; neither is part of this build.
+// Resources of jobs and those of an upgrade both come this way; the upgrade is no part of this build.
 int process_bindata_message(EX_PCX* pcx, ccm_msg_t* msg, int row) {
-    return process_function_not_implemented(pcx, msg, row);
+    const message_view view = view_message(msg->msg_start, msg->len < 0 ? 0 : static_cast<size_t>(msg->len));
+    if (pcx->upgrade_ah_idnr != 0 &&
+        view_record<MSG_TYPE_BIN_DATA>(view).ah_idnr == pcx->upgrade_ah_idnr) {
+        return process_function_not_implemented(pcx, msg, row);
+    }
+    const int result = ProcessBinDataMessage(pcx, msg);
+    JP_after_call(pcx);
+    constexpr int not_processed = 2;
+    return result == not_processed ? process_function_unknown(pcx, msg, row) : result;
 }
 
 int qxexupgr_exec(EX_PCX* pcx, ccm_msg_t* msg, int) {

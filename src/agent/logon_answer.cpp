@@ -20,6 +20,7 @@
 #include "base/text.h"
 #include "base/time.h"
 #include "channels/messages.h"
+#include "jobs/resources.h"
 #include "messages/records_server.h"
 #include "messages/view.h"
 
@@ -237,6 +238,7 @@ int process_exstartq2(EX_PCX* pcx, ccm_msg_t* msg, int) {
     take_log_mode(pcx, answer);
     take_block_and_code(pcx, answer, view);
     pcx->Log_alarm_time = alarm_now() + pcx->Per_Report;
+    SendBinGetMessagesAfterReconnect(pcx);
     if (other_report) {
         send_chglogr(pcx);
     }

@@ -10,7 +10,6 @@
 #include "base/error.h"
 #include "base/log.h"
 #include "base/memory.h"
-#include "base/paths.h"
 #include "base/time.h"
 #include "identity/accounts.h"
 #include "identity/pam.h"
@@ -33,7 +32,6 @@ constexpr int number_started = 2000003;
 constexpr int number_start_failed = 2000109;
 constexpr int number_not_allowed = 2000029;
 constexpr int number_duplicate = 2003026;
-constexpr int number_bad_cache_path = 2000241;
 constexpr int number_file = 2003041;
 constexpr size_t restart_area_offset = 264;
 constexpr time_t retry_seconds = 5;
@@ -226,70 +224,6 @@ void undo_entry(activation_run* run) {
     run->job = nullptr;
 }
 
-// A cache path counts only below the cache folder, without "..": the agent works there with its own rights.
-bool take_cache_path(const EX_PCX* pcx, std::string_view told, std::string* path) {
-    *path = std::string(told);
-    if (path->empty() || path->back() != '/') {
-        *path += '/';
-    }
-    std::string folder = path_clean(pcx->pcx_res_dir);
-    if (!folder.ends_with('/')) {
-        folder += '/';
-    }
-    const std::string clean = path_clean(*path);
-    const bool below = folder.size() > 1 && (clean + "/").starts_with(folder);
-    if (!below || clean.find("/../") != std::string::npos || clean.ends_with("/..")) {
-        path->clear();
-        return false;
-    }
-    return true;
-}
-
-int read_resources(activation_run* run, qx7_error* error) {
-    const MSG_TYPE_EXAKTJ& record = run->order.record;
-    if (record.binpaths_dist == 0 || record.binpaths_entries == 0) {
-        return 0;
-    }
-    table_cursor paths = view_table(run->order.view, record.binpaths_dist);
-    const auto told = cursor_record<MSG_TYPE_BINPATHS>(&paths);
-    const bool good =
-        take_cache_path(run->pcx, get_text(told.task_cache_path), &run->job->jp_task_cache_path) &&
-        take_cache_path(run->pcx, get_text(told.client_cache_path), &run->job->jp_client_cache_path);
-    if (record.bintab_dist == 0 || record.bintab_entries < 1) {
-        return 0;
-    }
-    if (!good) {
-        return qx_error_set(error, -1, EPERM, number_bad_cache_path, "%d:%.200s|%.200s|%d - %s|",
-                            client_number(*run), std::string(get_text(told.task_cache_path)).c_str(),
-                            std::string(get_text(told.client_cache_path)).c_str(), EPERM,
-                            error_text(EPERM).c_str());
-    }
-    table_cursor rows = view_table(run->order.view, record.bintab_dist);
-    for (int32_t count = record.bintab_entries; count > 0; --count) {
-        const auto row = cursor_record<MSG_TYPE_BINTAB>(&rows);
-        if (rows.failed) {
-            break;
-        }
-        if (ReadStorageObjectResource(run->pcx, run->job, std::string(get_text(row.object_name)).c_str(),
-                                      std::string(get_text(row.resource_name)).c_str(), error) != 0) {
-            return -1;
-        }
-    }
-    return 0;
-}
-
-step_result take_resources(activation_run* run) {
-    qx7_error error;
-    if (read_resources(run, &error) == 0) {
-        return std::nullopt;
-    }
-    __log_error(error);
-    remove_refused_file(*run);
-    undo_entry(run);
-    end_conversation(run);
-    return create_and_send_quitt_message(run->pcx, run->msg, error.qx_msgnr, error.qx_msgInsert);
-}
-
 void keep_address(JP_AREA* job, const ccm_msg_t* msg) {
     if (job->ccmaddr == nullptr) {
         job->ccmaddr = job_keep_address(msg);
@@ -393,7 +327,8 @@ void log_no_process(int jobNr) {
         "Error starting job with RunID %d: fork() returned error EAGAIN.  Trying to start job later.", jobNr);
 }
 
-void keep_for_later(activation_run* run) {
+// Everything that a start later on needs.
+void keep_start(activation_run* run) {
     JP_AREA* job = run->job;
     const auto* body = static_cast<const unsigned char*>(run->msg->msg_start);
     job->jobstart = 1;
@@ -401,8 +336,34 @@ void keep_for_later(activation_run* run) {
     keep_address(job, run->msg);
     copy_order(job, run->order, *run->passwd);
     job->passwd = run->passwd.release();
-    job->JP_alrmTime = alarm_now() + retry_seconds;
-    log_no_process(job->JP_jobNr);
+}
+
+void keep_for_later(activation_run* run) {
+    keep_start(run);
+    run->job->JP_alrmTime = alarm_now() + retry_seconds;
+    log_no_process(run->job->JP_jobNr);
+}
+
+step_result take_resources(activation_run* run) {
+    qx7_error error;
+    JP_AREA* job = run->job;
+    keep_address(job, run->msg);
+    job_set_text(job->jp_userName, run->order.user);
+    job_set_text(job->JP_oName, std::string(get_text(run->order.record.name)));
+    if (job_read_resources(run->pcx, job, run->order.view, run->order.record, &error) != 0) {
+        __log_error(error);
+        remove_refused_file(*run);
+        undo_entry(run);
+        end_conversation(run);
+        return create_and_send_quitt_message(run->pcx, run->msg, error.qx_msgnr, error.qx_msgInsert);
+    }
+    if (job->jp_requested_resource_list.empty()) {
+        return std::nullopt;
+    }
+    // Without an alarm: the last BIN_DATA starts it. Nothing goes to the server yet.
+    keep_start(run);
+    end_conversation(run);
+    return 0;
 }
 
 int fail_start(activation_run* run, const qx7_error& error) {

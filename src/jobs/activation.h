@@ -28,6 +28,12 @@ int process_aktj(EX_PCX* pcx, ccm_msg_t* msg, int row);
 // 1: given up, the server was told, the caller removes the entry when jobstart is not 0.
 int Start_Ex_Aktj(EX_PCX* pcx, JP_AREA* job);
 
+// Tries the start of a job that waits and does what its result asks for: another try in 5 seconds, or the end
+// of the entry.
+void job_try_deferred_start(EX_PCX* pcx, JP_AREA* job);
+// Starts a job that waited for resources once none is missing. The entry may be gone afterwards.
+void StartJobWhenPossible(EX_PCX* pcx, JP_AREA* job);
+
 // The restart record of `job`: empty while JP_RstInfo says that it went out, else 1336 bytes and the names.
 // Marks it as sent when `server_reachable`. `fresh_child`: read the child's own stat file only.
 std::vector<unsigned char> CreateJobRstrtInfo(JP_AREA* job, const char* userName, bool server_reachable,

@@ -1,32 +1,313 @@
+// Which job needs which stored resource: from the rows of an activation to the day when nobody needs it.
 #include "jobs/resources.h"
 
+#include <cerrno>
+#include <ctime>
+
+#include "base/context.h"
 #include "base/error.h"
-#include "jobs/job_area.h"
+#include "base/log.h"
+#include "identity/accounts.h"
+#include "jobs/activation.h"
+#include "jobs/job_context.h"
+#include "jobs/job_table.h"
+#include "jobs/resource_files.h"
+#include "messages/records_job.h"
+#include "messages/timestamp.h"
 
 namespace {
 
+constexpr int number_bad_path = 2000241;
+constexpr int number_bad_name = 2000242;
 constexpr int number_stat_failed = 2000244;
+
+// A row as it is wanted, its place on this host worked out.
+struct wanted_resource {
+    std::string object;
+    std::string name;
+    std::string path;
+    long timestamp = 0;
+    char type = resource_client;
+};
+
+int bad_path(const JP_AREA* job, std::string_view told, qx7_error* error) {
+    return qx_error_set(error, -1, EPERM, number_bad_path, "%d:%.200s|%.500s|%d - %s|", job->JP_Mandant,
+                        job->JP_oName, std::string(told).c_str(), EPERM, error_text(EPERM).c_str());
+}
+
+int read_row(const JP_AREA* job, const MSG_TYPE_BINTAB& row, wanted_resource* wanted, qx7_error* error) {
+    wanted->object = get_text(row.object_name);
+    wanted->name = get_text(row.resource_name);
+    wanted->timestamp = timestamp_seconds_local(row.mod_date);
+    wanted->type = row.cache_type;
+    const std::string file(get_text(row.file_name));
+    if (wanted->type != resource_task && wanted->type != resource_client) {
+        return qx_error_set(error, 1, EINVAL, number_stat_failed, "%.400s|%d - %s|", file.c_str(), EINVAL,
+                            error_text(EINVAL).c_str());
+    }
+    const std::string& folder =
+        wanted->type == resource_task ? job->jp_task_cache_path : job->jp_client_cache_path;
+    if (folder.empty()) {
+        return bad_path(job, folder, error);
+    }
+    wanted->path = folder + file;
+    if (!resource_name_is_safe(file)) {
+        return qx_error_set(error, -1, EPERM, number_bad_name, "%d:%s/%s|%.400s|%d - %s|", job->JP_Mandant,
+                            wanted->object.c_str(), wanted->name.c_str(), wanted->path.c_str(), EPERM,
+                            error_text(EPERM).c_str());
+    }
+    return 0;
+}
+
+key_entry entry_of(const JP_AREA* job, int key) {
+    return {key, job->JP_jobNr, job->JP_Mandant};
+}
+
+resource_item* AddResourceToList(resource_list* list, const JP_AREA* job, const wanted_resource& wanted,
+                                 char usage) {
+    resource_item& item = list->emplace_front();
+    item.object_name = wanted.object;
+    item.resource_name = wanted.name;
+    item.file_path = wanted.path;
+    item.ah_idnr = job->JP_jobNr;
+    item.client = job->JP_Mandant;
+    item.usr_idnr = static_cast<int>(job->jp_headm.i4UsrIdNr);
+    item.key = job_context()->res_key++;
+    item.timestamp = wanted.timestamp;
+    item.start_timestamp = item.end_timestamp = time(nullptr);
+    item.cache_type = wanted.type;
+    item.usage_type = usage;
+    AddItemToList(&item.job_list, entry_of(job, item.key));
+    return &item;
+}
+
+// The same client resource at the same place.
+resource_item* find_shared(resource_list* list, const JP_AREA* job, const wanted_resource& wanted) {
+    for (resource_item& item : *list) {
+        if (item.cache_type == resource_client && item.client == job->JP_Mandant &&
+            item.file_path == wanted.path && item.object_name == wanted.object &&
+            item.resource_name == wanted.name) {
+            return &item;
+        }
+    }
+    return nullptr;
+}
+
+void join(resource_item* item, JP_AREA* job, std::vector<key_entry>* keys) {
+    AddItemToList(&item->job_list, entry_of(job, item->key));
+    AddItemToList(keys, entry_of(job, item->key));
+}
+
+int request_new(EX_PCX* pcx, JP_AREA* job, const wanted_resource& wanted, char usage, qx7_error* error) {
+    resource_item* item = AddResourceToList(&job_context()->requested_resource_list, job, wanted, usage);
+    join(item, job, &job->jp_requested_resource_list);
+    return SendBinGetMessage(pcx, item, error);
+}
+
+int join_requested(EX_PCX* pcx, JP_AREA* job, const wanted_resource& wanted, resource_item* item,
+                   qx7_error* error) {
+    join(item, job, &job->jp_requested_resource_list);
+    if (item->timestamp >= wanted.timestamp) {
+        return 0;
+    }
+    item->timestamp = wanted.timestamp;
+    return SendBinGetMessage(pcx, item, error);
+}
+
+void join_waiting(JP_AREA* job, const wanted_resource& wanted, resource_item* item) {
+    join(item, job, &job->jp_requested_resource_list);
+    item->timestamp = std::max(item->timestamp, wanted.timestamp);
+}
+
+// The file on disk is the one that is wanted.
+void use_existing(JP_AREA* job, const wanted_resource& wanted, resource_item* used) {
+    if (used == nullptr) {
+        used = AddResourceToList(&job_context()->used_resource_list, job, wanted, resource_existed);
+    }
+    join(used, job, &job->jp_used_client_resource_list);
+}
+
+// Other jobs run with another version: the new one must not take the file away from them.
+void wait_for_users(JP_AREA* job, const wanted_resource& wanted, resource_item* used) {
+    resource_item* item =
+        AddResourceToList(&job_context()->waiting_resource_list, job, wanted, resource_update);
+    item->resource_key = used->key;
+    used->resource_key = item->key;
+    join(item, job, &job->jp_requested_resource_list);
+}
+
+int read_client_row(EX_PCX* pcx, JP_AREA* job, const wanted_resource& wanted, qx7_error* error) {
+    JPPCX* context = job_context();
+    long modified = 0;
+    const bool there = resource_stat(wanted.path, &modified) == 0;
+    if (!there && errno != ENOENT && errno != ENOTDIR) {
+        const int error_number = errno;
+        return qx_error_set(error, 1, error_number, number_stat_failed, "%.400s|%d - %s|",
+                            wanted.path.c_str(), error_number, error_text(error_number).c_str());
+    }
+    resource_item* used = find_shared(&context->used_resource_list, job, wanted);
+    if (there && modified == wanted.timestamp) {
+        use_existing(job, wanted, used);
+        return 0;
+    }
+    // Whatever is on its way already is shared, so that one BIN_GET serves all.
+    if (resource_item* item = find_shared(&context->requested_resource_list, job, wanted)) {
+        return join_requested(pcx, job, wanted, item, error);
+    }
+    if (resource_item* item = find_shared(&context->waiting_resource_list, job, wanted)) {
+        join_waiting(job, wanted, item);
+        return 0;
+    }
+    if (there && used != nullptr) {
+        wait_for_users(job, wanted, used);
+        return 0;
+    }
+    return request_new(pcx, job, wanted, there ? resource_update : resource_new, error);
+}
+
+// ---- Leaving ----
+
+void leave_awaited(JPPCX* context, const key_entry& key, const JP_AREA* job) {
+    resource_list* list = &context->requested_resource_list;
+    resource_item* item = FindResourceWithKey(list, key.key);
+    if (item == nullptr) {
+        list = &context->waiting_resource_list;
+        item = FindResourceWithKey(list, key.key);
+    }
+    if (item == nullptr) {
+        return;
+    }
+    RemoveEntryFromList(&item->job_list, job->JP_jobNr, job->JP_Mandant);
+    if (!item->job_list.empty()) {
+        item->ah_idnr = item->job_list.front().ah_idnr;
+        return;
+    }
+    if (resource_item* partner = FindResourceWithKey(&context->used_resource_list, item->resource_key)) {
+        partner->resource_key = 0;
+    }
+    RemoveResourceFromList(list, key.key);
+}
+
+// The old version is free: its successor is asked for.
+void request_waiting(EX_PCX* pcx, JPPCX* context, int key) {
+    resource_list taken = GetResourceFromList(&context->waiting_resource_list, key);
+    if (taken.empty()) {
+        return;
+    }
+    taken.front().resource_key = 0;
+    context->requested_resource_list.splice(context->requested_resource_list.begin(), taken);
+    qx7_error error;
+    if (SendBinGetMessage(pcx, &context->requested_resource_list.front(), &error) != 0) {
+        __log_error(error);
+        taken = GetResourceFromList(&context->requested_resource_list, key);
+        CancelAllJobsWaitingForThisResource(pcx, &taken.front(), error.qx_msgnr, error.qx_msgInsert);
+    }
+}
+
+void leave_used(EX_PCX* pcx, JPPCX* context, const key_entry& key, const JP_AREA* job) {
+    resource_item* item = FindResourceWithKey(&context->used_resource_list, key.key);
+    if (item == nullptr) {
+        return;
+    }
+    RemoveEntryFromList(&item->job_list, job->JP_jobNr, job->JP_Mandant);
+    if (!item->job_list.empty()) {
+        item->ah_idnr = item->job_list.front().ah_idnr;
+        return;
+    }
+    const int successor = item->resource_key;
+    RemoveResourceFromList(&context->used_resource_list, key.key);  // the file stays on disk
+    if (successor != 0) {
+        request_waiting(pcx, context, successor);
+    }
+}
 
 }  // namespace
 
-int ReadStorageObjectResource(EX_PCX*, JP_AREA* job, const char* object_name, const char* resource_name,
-                              qx7_error* error) {
-    return qx_error_set(error, 1, 0, number_stat_failed,
-                        "%s:%s|%d - this agent keeps no resources for job %d|", object_name, resource_name, 0,
-                        job->JP_jobNr);
-}
-
-int DeleteTaskResourceFiles(JP_AREA* job, qx7_error* error) {
-    qx_error_clear(error);
-    job->jp_used_task_resource_list.clear();
+int job_read_resources(EX_PCX* pcx, JP_AREA* job, message_view view, const MSG_TYPE_EXAKTJ& record,
+                       qx7_error* error) {
+    if (record.binpaths_dist == 0 || record.binpaths_entries == 0) {
+        return 0;
+    }
+    table_cursor paths = view_table(view, record.binpaths_dist);
+    const auto told = cursor_record<MSG_TYPE_BINPATHS>(&paths);
+    const std::string_view task = get_text(told.task_cache_path);
+    const std::string_view client = get_text(told.client_cache_path);
+    const bool task_good = resource_take_path(pcx, task, &job->jp_task_cache_path);
+    const bool client_good = resource_take_path(pcx, client, &job->jp_client_cache_path);
+    if (record.bintab_dist == 0 || record.bintab_entries < 1) {
+        return 0;
+    }
+    // A kind that the server does not use may come without its path.
+    if ((!task_good && !task.empty()) || (!client_good && !client.empty())) {
+        return bad_path(job, task_good ? client : task, error);
+    }
+    table_cursor rows = view_table(view, record.bintab_dist);
+    for (int32_t count = record.bintab_entries; count > 0; --count) {
+        const auto row = cursor_record<MSG_TYPE_BINTAB>(&rows);
+        if (rows.failed) {
+            return qx_error_set(error, 1, EINVAL, number_stat_failed, "BINTAB|%d - %s|", EINVAL,
+                                error_text(EINVAL).c_str());
+        }
+        if (ReadStorageObjectResource(pcx, job, row, error) != 0) {
+            return -1;
+        }
+    }
     return 0;
 }
 
-int RemoveJobFromResourceLists(EX_PCX*, JP_AREA* job, qx7_error* error) {
-    qx_error_clear(error);
+int ReadStorageObjectResource(EX_PCX* pcx, JP_AREA* job, const MSG_TYPE_BINTAB& row, qx7_error* error) {
+    wanted_resource wanted;
+    int result = read_row(job, row, &wanted, error);
+    if (result == 0) {
+        result = wanted.type == resource_task ? request_new(pcx, job, wanted, resource_new, error)
+                                              : read_client_row(pcx, job, wanted, error);
+    }
+    if (result == 0) {
+        return 0;
+    }
+    qx7_error second;
+    if (RemoveJobFromResourceLists(pcx, job, &second) != 0) {
+        __log_error(second);
+    }
+    return -1;
+}
+
+int RemoveJobFromResourceLists(EX_PCX* pcx, JP_AREA* job, qx7_error* error) {
+    JPPCX* context = job_context();
+    // Taken off the job first: cancelling others may come back here.
+    const std::vector<key_entry> awaited = std::move(job->jp_requested_resource_list);
+    const std::vector<key_entry> used = std::move(job->jp_used_client_resource_list);
     job->jp_requested_resource_list.clear();
     job->jp_used_client_resource_list.clear();
-    job->jp_used_task_resource_list.clear();
+    for (const key_entry& key : awaited) {
+        leave_awaited(context, key, job);
+    }
+    for (const key_entry& key : used) {
+        leave_used(pcx, context, key, job);
+    }
+    const int result = DeleteTaskResourceFiles(job, error);
     job->jp_task_cache_path.clear();
-    return 0;
+    return result;
+}
+
+void CancelAllJobsWaitingForThisResource(EX_PCX* pcx, resource_item* resource, int msgnr,
+                                         const char* insert) {
+    // A copy: each job takes itself off the list.
+    const std::vector<key_entry> jobs = std::move(resource->job_list);
+    resource->job_list.clear();
+    for (const key_entry& entry : jobs) {
+        JP_AREA* job = Find_JEntry(entry.ah_idnr, static_cast<uint16_t>(entry.client));
+        if (job == nullptr) {
+            continue;
+        }
+        qx7_error error;
+        if (DeleteTaskResourceFiles(job, &error) != 0) {
+            __log_error(error);
+        }
+        create_and_send_aktj_quitt_message(pcx, job, msgnr, insert);
+        if (RemoveJobFromResourceLists(pcx, job, &error) != 0) {
+            __log_error(error);
+        }
+        Erase_JEntry(entry.ah_idnr, static_cast<uint16_t>(entry.client));
+    }
 }

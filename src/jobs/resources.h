@@ -1,12 +1,23 @@
-// Contract of the resource cache. This build keeps no resources: the lists stay empty, no job ever waits for
-// one, and an activation that asks for some is refused.
+// Stored resources: files that jobs need and the server keeps. A client resource is shared by all jobs of a
+// client and stays on disk; a task resource belongs to one job and goes with it.
+//
+// A resource is requested (BIN_GET is out), used (on disk, jobs run or start with it) or waiting (a new version
+// whose old one is in use). Jobs name client resources by key; their own task resources they hold themselves,
+// once these have come. Main thread, as all here.
 #pragma once
 
+#include <list>
 #include <string>
+#include <string_view>
 #include <vector>
+
+#include "messages/view.h"
 
 struct EX_PCX;
 struct JP_AREA;
+struct MSG_TYPE_BINTAB;
+struct MSG_TYPE_EXAKTJ;
+struct ccm_msg_t;
 struct qx7_error;
 
 // In a resource's `job_list` it names a job; in a job's list it names a resource by `key`.
@@ -18,31 +29,71 @@ struct key_entry {
 
 enum resource_cache_type : char { resource_client = 'C', resource_task = 'T' };
 enum resource_usage_type : char { resource_existed = 'E', resource_new = 'C', resource_update = 'U' };
+enum resource_file_type : char { resource_text = 'T' };  // all others are binary
 
 // A stored resource.
 struct resource_item {
-    std::vector<key_entry> job_list;
+    std::vector<key_entry> job_list;  // jobs that need it
     std::string object_name;
     std::string resource_name;
-    std::string file_path;
-    int ah_idnr = 0;
+    std::string file_path;  // on this host
+    int ah_idnr = 0;        // the job on whose behalf it is asked for: the first of job_list
     int client = 0;
     int usr_idnr = 0;
-    int key = 0;
-    int resource_key = 0;
-    long timestamp = 0;
+    int key = 0;           // unique in the agent
+    int resource_key = 0;  // used version and waiting new version point at each other; 0: no partner
+    long timestamp = 0;    // modification time that is wanted
     long start_timestamp = 0;
     long end_timestamp = 0;
     char cache_type = resource_client;
     char usage_type = resource_existed;
 };
 
-// One row of BINTAB for `job`. Fails with 2000244 and a text that says that this agent keeps no resources.
-// 0, or -1 with `error`. Main thread, as all here.
-int ReadStorageObjectResource(EX_PCX* pcx, JP_AREA* job, const char* object_name, const char* resource_name,
-                              qx7_error* error);
-// Deletes the files of the task's own resources as the job's user. 0, or -1 with the first failure in
-// `error`.
+using resource_list = std::list<resource_item>;
+
+// ---- For activation and the end of jobs
+// ----------------------------------------------------------------------------
+
+// Takes over the cache paths of an activation and all rows of its table. When the job's list of requested
+// resources is not empty afterwards, it has to wait. The job's user, client and number are set, its address is
+// kept. 0, or -1 with `error`; the caller then takes the job off the lists.
+int job_read_resources(EX_PCX* pcx, JP_AREA* job, message_view view, const MSG_TYPE_EXAKTJ& record,
+                       qx7_error* error);
+// One row of BINTAB for `job`. 0; on -1 `error` is filled and the job's share is undone.
+int ReadStorageObjectResource(EX_PCX* pcx, JP_AREA* job, const MSG_TYPE_BINTAB& row, qx7_error* error);
+// Deletes the files of the job's own resources and their directory as the job's user. A directory that holds
+// other files stays. 0, or -1 with the first failure in `error`, later ones logged.
 int DeleteTaskResourceFiles(JP_AREA* job, qx7_error* error);
-// Takes the job off every list. 0, or -1 with the first failure in `error`.
+// Takes the job off every list, deletes what DeleteTaskResourceFiles does, and asks for new versions that
+// waited for this job; other jobs may be cancelled and erased by that. 0, or -1 with the first failure in
+// `error`.
 int RemoveJobFromResourceLists(EX_PCX* pcx, JP_AREA* job, qx7_error* error);
+
+// ---- Messages
+// ------------------------------------------------------------------------------------------------------
+
+// BIN_GET for an item of the requested list. Without a server connection nothing is sent: all requested items
+// are asked for after the next logon. 0, or -1 with `error`.
+int SendBinGetMessage(EX_PCX* pcx, resource_item* resource, qx7_error* error);
+// After a logon: asks again for all that is requested. 0, or -1 at the first failure, which is logged.
+int SendBinGetMessagesAfterReconnect(EX_PCX* pcx);
+// BIN_DATA: writes the resource and starts the jobs that wait for nothing else. 0, -1 for a resource that could
+// not be written (the jobs that waited for it were cancelled), 2 for a message of another type.
+int ProcessBinDataMessage(EX_PCX* pcx, ccm_msg_t* msg);
+// The jobs that need `resource`, which stands in no list any more, are told number and insert, and erased.
+void CancelAllJobsWaitingForThisResource(EX_PCX* pcx, resource_item* resource, int msgnr, const char* insert);
+
+// ---- Lists
+// ---------------------------------------------------------------------------------------------------------
+
+// Names the job or resource once, however often it is added.
+void AddItemToList(std::vector<key_entry>* list, const key_entry& entry);
+// By job number and client. True when it was there.
+bool RemoveEntryFromList(std::vector<key_entry>* list, int ah_idnr, int client);
+// A client of 0 matches any. An `ah_idnr` of 0 finds a client resource, any other must be the item's own.
+resource_item* FindResourceInList(resource_list* list, std::string_view object, std::string_view resource,
+                                  int client, int ah_idnr);
+resource_item* FindResourceWithKey(resource_list* list, int key);
+// Takes the item out of `list` and gives it in a list of its own; empty when there is none.
+resource_list GetResourceFromList(resource_list* list, int key);
+void RemoveResourceFromList(resource_list* list, int key);

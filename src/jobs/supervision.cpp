@@ -25,7 +25,6 @@ constexpr int number_killed = 2003046;
 constexpr int code_end_without_word = 211;  // of a job whose state does not fit an end
 constexpr int code_killed = 9;
 constexpr int decisive_check = 4;  // of an own child that is gone and whose SIGCHLD does not come
-constexpr time_t retry_seconds = 5;
 
 tms counted_times{};
 
@@ -159,28 +158,6 @@ bool is_due(const JP_AREA* job, time_t now) {
     return job->JP_alrmTime != 0 && job->JP_alrmTime <= now;
 }
 
-void give_up_start(EX_PCX* pcx, JP_AREA* job) {
-    qx7_error error;
-    if (DeleteTaskResourceFiles(job, &error) != 0) {
-        __log_error(error);
-    }
-    if (RemoveJobFromResourceLists(pcx, job, &error) != 0) {
-        __log_error(error);
-    }
-    Erase_JEntry(job->JP_jobNr, job->JP_Mandant);
-}
-
-void try_deferred_start(EX_PCX* pcx, JP_AREA* job) {
-    ++job->jobstart;
-    if (Start_Ex_Aktj(pcx, job) < 1) {
-        if (job->jobstart != 0) {
-            job->JP_alrmTime = alarm_now() + retry_seconds;
-        }
-    } else if (job->jobstart != 0) {
-        give_up_start(pcx, job);
-    }
-}
-
 }  // namespace
 
 bool job_awaits_sigchld(const JP_AREA* job) {
@@ -244,7 +221,8 @@ int process_jobchk(EX_PCX* pcx, ccm_msg_t*, int) {
         const uint16_t client = job->JP_Mandant;
         if (job->jobstart != 0) {
             if (is_due(job, now)) {
-                try_deferred_start(pcx, job);
+                ++job->jobstart;
+                job_try_deferred_start(pcx, job);
             }
         } else if (is_due(job, now)) {
             if (first) {

@@ -1,0 +1,177 @@
+// BIN_GET and BIN_DATA.
+#include <cstring>
+#include <ctime>
+
+#include "base/context.h"
+#include "base/error.h"
+#include "base/log.h"
+#include "base/text.h"
+#include "channels/messages.h"
+#include "jobs/activation.h"
+#include "jobs/job_context.h"
+#include "jobs/job_table.h"
+#include "jobs/resource_files.h"
+#include "jobs/resources.h"
+#include "messages/records_report.h"
+#include "messages/timestamp.h"
+
+namespace {
+
+constexpr int number_stored_new = 2000239;
+constexpr int number_stored = 2000240;
+constexpr int number_unexpected = 2000245;
+constexpr int number_asked = 2000246;
+constexpr int other_type = 2;
+
+constexpr char server_module[] = "QXVAREXR";
+constexpr char reply_module[] = "BINDATA ";
+// Names another module than the first question does, which a server may use to tell the two apart.
+constexpr char reply_module_again[] = "QXEXVAR ";
+constexpr int version_first = 1;
+constexpr int version_again = 4;
+
+int send_question(EX_PCX* pcx, const resource_item& resource, int version, const char* module,
+                  qx7_error* error) {
+    auto question = new_message<MSG_TYPE_BIN_GET>(static_cast<uint16_t>(resource.client),
+                                                  static_cast<uint32_t>(resource.usr_idnr), version);
+    put_text(question.name, resource.object_name);
+    put_text(question.subname, resource.resource_name);
+    question.ah_idnr = resource.ah_idnr;
+    ccm_error_t reason;
+    ccm_msg_t* msg = ccm_msg_alloc(pcx->ccm, &reason);
+    if (msg == nullptr) {
+        return qx_error_set(error, -1, ENOMEM, reason.msgnr, "%s", reason.msginsert);
+    }
+    memcpy(msg->msg_start, &question, sizeof question);
+    msg->len = static_cast<int>(sizeof question);
+    ccm_setaddr(msg, 0, 0, ccm_name_server, server_module, 0);
+    ccm_setback(msg, pcx->exName, module, 0);
+    // A line that breaks in this moment is no failure: the next logon repeats the question.
+    (void)send_NAT_message(pcx->ccm, msg);
+    __log(number_asked, "%d:%s/%s|%d|", resource.client, resource.object_name.c_str(),
+          resource.resource_name.c_str(), resource.ah_idnr);
+    return 0;
+}
+
+resource_item* find_awaited(const MSG_TYPE_BIN_DATA& data) {
+    resource_list* list = &job_context()->requested_resource_list;
+    const std::string_view object = get_text(data.object_name);
+    const std::string_view name = get_text(data.name);
+    const int client = data.header.i2Mandant;
+    resource_item* item = FindResourceInList(list, object, name, client, data.ah_idnr);
+    // The job that asked first may have gone; the resource still is what the others wait for.
+    return item != nullptr ? item : FindResourceInList(list, object, name, client, 0);
+}
+
+JP_AREA* first_job(const resource_item& resource) {
+    if (resource.job_list.empty()) {
+        return nullptr;
+    }
+    const key_entry& first = resource.job_list.front();
+    return Find_JEntry(first.ah_idnr, static_cast<uint16_t>(first.client));
+}
+
+int store(EX_PCX* pcx, const resource_item& resource, std::span<const unsigned char> content, char file_type,
+          qx7_error* error) {
+    const JP_AREA* job = first_job(resource);
+    if (job != nullptr && resource.usage_type == resource_new &&
+        CreateCachePath(pcx, job, resource, error) < 0) {
+        return -1;
+    }
+    return CreateResourceFile(pcx, resource, content, file_type, error);
+}
+
+void move_key(JP_AREA* job, int key, bool into_used) {
+    std::erase_if(job->jp_requested_resource_list, [&](const key_entry& entry) { return entry.key == key; });
+    if (into_used) {
+        AddItemToList(&job->jp_used_client_resource_list, {key, job->JP_jobNr, job->JP_Mandant});
+    }
+}
+
+// A task resource belongs to its one job from now on.
+void give_to_job(resource_list* taken, int key) {
+    if (JP_AREA* job = first_job(taken->front())) {
+        move_key(job, key, false);
+        job->jp_used_task_resource_list.splice(job->jp_used_task_resource_list.begin(), *taken);
+    }
+}
+
+void hand_out(EX_PCX* pcx, resource_list* taken) {
+    const int key = taken->front().key;
+    // A copy: a job whose start fails takes itself off the lists, and the item with it.
+    const std::vector<key_entry> jobs = taken->front().job_list;
+    if (taken->front().cache_type == resource_task) {
+        give_to_job(taken, key);
+    } else {
+        // All jobs first: one that ends its start badly must not free what the others have not taken yet.
+        for (const key_entry& entry : jobs) {
+            if (JP_AREA* job = Find_JEntry(entry.ah_idnr, static_cast<uint16_t>(entry.client))) {
+                move_key(job, key, true);
+            }
+        }
+        resource_list* used = &job_context()->used_resource_list;
+        used->splice(used->begin(), *taken);
+    }
+    for (const key_entry& entry : jobs) {
+        if (JP_AREA* job = Find_JEntry(entry.ah_idnr, static_cast<uint16_t>(entry.client))) {
+            StartJobWhenPossible(pcx, job);
+        }
+    }
+}
+
+}  // namespace
+
+int SendBinGetMessage(EX_PCX* pcx, resource_item* resource, qx7_error* error) {
+    resource->start_timestamp = time(nullptr);
+    if (!job_server_reachable(pcx)) {
+        return 0;
+    }
+    return send_question(pcx, *resource, version_first, reply_module, error);
+}
+
+int SendBinGetMessagesAfterReconnect(EX_PCX* pcx) {
+    qx7_error error;
+    for (const resource_item& resource : job_context()->requested_resource_list) {
+        if (send_question(pcx, resource, version_again, reply_module_again, &error) != 0) {
+            __log_error(error);
+            return -1;
+        }
+    }
+    return 0;
+}
+
+int ProcessBinDataMessage(EX_PCX* pcx, ccm_msg_t* msg) {
+    const message_view view = view_message(msg->msg_start, msg->len < 0 ? 0 : static_cast<size_t>(msg->len));
+    if (!message_type_is(view.data, view.length, "BIN_DATA")) {
+        return other_type;
+    }
+    const auto data = view_record<MSG_TYPE_BIN_DATA>(view);
+    resource_item* item = find_awaited(data);
+    if (item == nullptr) {
+        __log(number_unexpected, "%s/%s|", printable(get_text(data.object_name)).c_str(),
+              printable(get_text(data.name)).c_str());
+        return 0;
+    }
+    const long timestamp = timestamp_seconds_local(data.timestamp);
+    if (timestamp < item->timestamp) {
+        __PutLogText("An older version of resource %d:%s/%s came and was dropped.", item->client,
+                     item->object_name.c_str(), item->resource_name.c_str());
+        return 0;
+    }
+    item->timestamp = timestamp;
+    item->end_timestamp = time(nullptr);
+    resource_list taken = GetResourceFromList(&job_context()->requested_resource_list, item->key);
+    resource_item& resource = taken.front();
+    qx7_error error;
+    const auto content = view_data(view, data.content_dist, data.content_len);
+    if (store(pcx, resource, content, data.file_type, &error) != 0) {
+        __log_error(error);
+        CancelAllJobsWaitingForThisResource(pcx, &resource, error.qx_msgnr, error.qx_msgInsert);
+        return -1;
+    }
+    __log(resource.usage_type == resource_new ? number_stored_new : number_stored, "%d:%s/%s|%.400s|",
+          resource.client, resource.object_name.c_str(), resource.resource_name.c_str(),
+          resource.file_path.c_str());
+    hand_out(pcx, &taken);
+    return 0;
+}
