@@ -12,6 +12,7 @@
 #include "channels/messages.h"
 #include "channels/replies.h"
 #include "jobs/activation.h"
+#include "jobs/commands.h"
 #include "jobs/queries.h"
 #include "jobs/reports.h"
 #include "jobs/resources.h"
@@ -88,8 +89,8 @@ const function_row sr_function_list[] = {
 };
 
 const function_row sr_function_list_cmd[] = {
-    {"EXREQCMD", process_function_not_implemented},
-    {"EXREQCAN", process_function_not_implemented},
+    {"EXREQCMD", process_exreqcmd},
+    {"EXREQCAN", process_exreqcancel},
     {"", process_function_unknown},
 };
 

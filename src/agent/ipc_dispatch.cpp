@@ -15,6 +15,7 @@
 #include "channels/line_budget.h"
 #include "channels/network_thread.h"
 #include "jobs/activation.h"
+#include "jobs/commands.h"
 #include "jobs/supervision.h"
 
 namespace {
@@ -76,6 +77,9 @@ int process_ipc_sigchld(EX_PCX* pcx, ccm_msg_t* msg, int) {
     const auto end = record_of<ipcmsg_sigchld_t>(msg);
     if (end.pid == pcx->listener_pid) {
         return listener_ended(pcx, end);
+    }
+    if (process_command_sigchild(pcx, end.pid, end.ret, end.status) != 0) {
+        return 0;
     }
     const int known = process_job_sigchild(pcx, end.pid, end.ret, end.status);
     JP_after_call(pcx);
@@ -191,7 +195,7 @@ const ipc_function_t ipc_function_list[] = {
     {"JOBCHK", process_ipc_jobchk},
     {"FT_CHK", check_nothing},
     {"FHCHK", check_nothing},
-    {"CMD_CHK", check_nothing},
+    {"CMD_CHK", process_cmd_chk},
     {"IOSCHK", check_nothing},
     {"FTXCHK", check_nothing},
     {"GSSHS_REMOTE", process_ipc_gsshs_remote},

@@ -20,6 +20,7 @@
 #include "base/profile.h"
 #include "base/text.h"
 #include "base/trace.h"
+#include "jobs/commands.h"
 #include "jobs/activation.h"
 #include "jobs/reports.h"
 #include "messages/conversion.h"

@@ -21,6 +21,7 @@
 #include "base/trace.h"
 #include "channels/network_thread.h"
 #include "identity/pam.h"
+#include "jobs/commands.h"
 #include "jobs/activation.h"
 #include "jobs/reports.h"
 #include "messages/conversion.h"

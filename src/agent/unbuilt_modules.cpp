@@ -20,12 +20,6 @@ int GET_fileOpen(EX_PCX*) {
 int GET_fileClose(EX_PCX*) {
     return 0;
 }
-int cmdOpen(EX_PCX*) {
-    return 0;
-}
-int cmdClose(EX_PCX*) {
-    return 0;
-}
 int FH_Open(EX_PCX*) {
     return 0;
 }

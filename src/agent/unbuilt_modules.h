@@ -1,4 +1,4 @@
-// The contracts of modules that this build does not have: transfers, file events, file retrieval, commands,
+// The contracts of modules that this build does not have: transfers, file events, file retrieval,
 // upgrade. They open and close, hold nothing, and have no waiting work; their table rows answer that they are
 // not implemented.
 #pragma once
@@ -12,8 +12,6 @@ int FTX_Open(EX_PCX* pcx);
 int FTX_Close(EX_PCX* pcx);
 int GET_fileOpen(EX_PCX* pcx);
 int GET_fileClose(EX_PCX* pcx);
-int cmdOpen(EX_PCX* pcx);
-int cmdClose(EX_PCX* pcx);
 int FH_Open(EX_PCX* pcx);
 int FH_Close(EX_PCX* pcx);
 

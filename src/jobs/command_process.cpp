@@ -1,0 +1,262 @@
+// A command's process and its output.
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "base/context.h"
+#include "base/error.h"
+#include "base/files.h"
+#include "base/log.h"
+#include "base/text.h"
+#include "identity/accounts.h"
+#include "identity/user_files.h"
+#include "jobs/commands.h"
+#include "jobs/job_files.h"
+#include "jobs/job_send.h"
+#include "jobs/launch_steps.h"
+#include "jobs/process_info.h"
+#include "messages/records_job.h"
+#include "messages/records_server.h"
+
+namespace {
+
+constexpr int number_ended = 2000171;
+constexpr int number_failed = 2000172;
+constexpr int number_rows_cut = 2000181;
+constexpr int number_unreadable = 2000183;
+
+constexpr size_t piece_size = 32768;
+constexpr int64_t row_size = piece_size + 2;
+constexpr int64_t output_limit = int64_t{32} << 20;
+constexpr mode_t output_owner_bits = 0600;
+constexpr size_t shell_name_limit = 31;
+
+// The login shell, by its own path: no other shell may be named for a command.
+void choose_shell(const my_passwd_unlimited& passwd, JOB_START_VAR* startVar) {
+    startVar->path_sh = passwd.pw_shell[0] == 0 ? "/bin/sh" : passwd.pw_shell;
+    startVar->sh = startVar->path_sh.substr(startVar->path_sh.rfind('/') + 1).substr(0, shell_name_limit);
+    const char flag = launch_shell_flag(startVar->sh);
+    startVar->sh_flag = flag == 'x' || flag == 'X' ? '0' : flag;
+    const CMD_GLB* glb = GetCmdGlb();
+    switch (startVar->sh_flag) {
+        case '2':
+        case '3':
+            startVar->sh_opt = glb->cmd_kshOpt;
+            break;
+        case '4':
+        case '5':
+        case '8':
+        case '9':
+            startVar->sh_opt = glb->cmd_cshOpt;
+            break;
+        default:
+            startVar->sh_opt = glb->cmd_shOpt;
+            break;
+    }
+}
+
+JOB_START_VAR make_start(const Cmd_Area& entry, const my_passwd_unlimited& passwd) {
+    JOB_START_VAR startVar;
+    memcpy(startVar.jsvKey, "%CMD_START_VAR% ", sizeof startVar.jsvKey);
+    startVar.jsvType = LAUNCH_COMMAND;
+    startVar.BatFlag = BATCH_COMMAND;
+    startVar.jobNr = entry.cmda_jobNr;
+    startVar.clientNr = static_cast<uint16_t>(entry.cmda_client);
+    startVar.jobReport = entry.cmda_jobreport.empty() ? launch_no_report : entry.cmda_jobreport;
+    startVar.jobFile = entry.cmda_jclPtr;
+    startVar.flag1 = 0;
+    copy_text(startVar.UserName, passwd.pw_name);
+    choose_shell(passwd, &startVar);
+    return startVar;
+}
+
+// The file is read through this descriptor later: by then its user may have put another one under its name.
+int open_output(const JOB_START_VAR& startVar, Cmd_Area* entry, qx7_error* error) {
+    entry->cmda_jobreport = startVar.jobReport;
+    if (startVar.jobReport == launch_no_report) {
+        return 0;
+    }
+    entry->cmda_device = startVar.report_device;
+    entry->cmda_inode = startVar.report_inode;
+    entry->cmda_fd.reset(open_read_on_order(startVar.jobReport.c_str()));
+    struct stat status;
+    if (entry->cmda_fd.valid() && fstat(entry->cmda_fd.get(), &status) == 0 &&
+        status.st_ino == entry->cmda_inode && status.st_dev == entry->cmda_device) {
+        return 0;
+    }
+    return file_error(error, step_create, startVar.jobReport.c_str(), errno);
+}
+
+std::vector<unsigned char> with_output(std::vector<unsigned char> body, const std::string& output) {
+    body.insert(body.end(), output.begin(), output.end());
+    return body;
+}
+
+void send_result(EX_PCX* pcx, const Cmd_Area& entry, const std::string& output) {
+    std::vector<unsigned char> body =
+        job_new_body(sizeof(MSG_TYPE_EXRESCMD), "EXRESCMD", 1, entry.cmda_headm);
+    MSG_TYPE_EXRESCMD result;
+    memcpy(&result, body.data(), sizeof result);
+    result.ah_idnr = entry.cmda_jobNr;
+    result.rep_dist = static_cast<int32_t>(sizeof result);
+    result.rep_len = static_cast<int32_t>(output.size());
+    memcpy(body.data(), &result, sizeof result);
+    job_send_kept(pcx, entry.cmda_ccmaddr, with_output(std::move(body), output));
+}
+
+void send_failure(EX_PCX* pcx, const Cmd_Area& entry, int number, const std::string& insert,
+                  const std::string& output) {
+    std::vector<unsigned char> body = job_new_body(sizeof(MSG_TYPE_QUITT), "QUITT", 1, entry.cmda_headm);
+    MSG_TYPE_QUITT quitt;
+    memcpy(&quitt, body.data(), sizeof quitt);
+    put_text(quitt.quitt, "NK");
+    put_text(quitt.msg, "EXREQCMD");
+    quitt.msgnr = number;
+    put_text(quitt.msg_insert, insert);
+    if (!output.empty()) {
+        quitt.msg_dist = static_cast<int32_t>(sizeof quitt);
+        quitt.msg_len = static_cast<int32_t>(output.size());
+    }
+    memcpy(body.data(), &quitt, sizeof quitt);
+    job_send_kept(pcx, entry.cmda_ccmaddr, with_output(std::move(body), output));
+}
+
+void answer(EX_PCX* pcx, const Cmd_Area& entry) {
+    const char* command = entry.cmda_jclInsert.c_str();
+    std::string output;
+    int rows = 0;
+    if (entry.cmda_fd.valid() &&
+        command_read_output(entry.cmda_fd.get(), entry.cmda_max_rows, &output, &rows) != 0) {
+        const std::string insert = entry.cmda_jobreport + "|" + std::to_string(entry.cmda_jobNr) + "|" +
+                                   error_text(errno) + "|" + command + "|";
+        __log(number_unreadable, "%s", insert.c_str());
+        send_failure(pcx, entry, number_unreadable, insert, {});
+        return;
+    }
+    if (rows > 0 && rows == entry.cmda_max_rows) {
+        __log(number_rows_cut, "%i|%i|%s|", entry.cmda_jobNr, rows, command);
+    }
+    if (entry.cmda_result == 0) {
+        __log(number_ended, "%i|%s|", entry.cmda_jobNr, command);
+        send_result(pcx, entry, output);
+        return;
+    }
+    const std::string insert =
+        std::to_string(entry.cmda_jobNr) + "|" + std::to_string(entry.cmda_result) + "|" + command + "|";
+    __log(number_failed, "%s", insert.c_str());
+    send_failure(pcx, entry, number_failed, insert, output);
+}
+
+// Its child processes are nobody's to end, but whoever looks for what fills the disk shall find it in the log.
+void tell_of_leftovers(const Cmd_Area& entry) {
+    if (entry.cmda_forkPid > 1 && kill(-entry.cmda_forkPid, 0) == 0) {
+        __PutLogText("Command %d has ended, but processes of its group %d still run: %s", entry.cmda_jobNr,
+                     static_cast<int>(entry.cmda_forkPid), entry.cmda_jclInsert.c_str());
+    }
+}
+
+// Appends what fits of a piece. False when the output is full.
+bool append_piece(std::string_view piece, int max_rows, int64_t limit, std::string* output, int* rows) {
+    for (const char c : piece) {
+        const bool line_end = c == '\n';
+        if (static_cast<int64_t>(output->size()) + (line_end ? 2 : 1) > limit) {
+            return false;
+        }
+        if (line_end) {
+            output->push_back('\r');
+        }
+        output->push_back(c);
+        if (line_end && ++*rows == max_rows) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+pid_t exCommandStart(EX_PCX* pcx, Cmd_Area* entry, const my_passwd_unlimited& passwd, qx7_error* error,
+                     pam_handle_t* pamHandle) {
+    qx_error_clear(error);
+    JOB_START_VAR startVar = make_start(*entry, passwd);
+    const mode_t mode = job_context()->FileReportMode | output_owner_bits;
+    if (launch_make_report(&startVar, mode, passwd, error) != 0) {
+        return -1;
+    }
+    if (open_output(startVar, entry, error) != 0) {
+        command_remove_output(entry);
+        return -1;
+    }
+    const pid_t pid = launch_fork(pcx, job_start_fork, passwd, &startVar, pamHandle, error);
+    if (pid < 0) {
+        const int error_number = error->qx_errno;
+        qx_error_set(error, -1, error_number, system_message, "fork|%i|%u|%s|", entry->cmda_jobNr,
+                     static_cast<unsigned>(error_number), error_text(error_number).c_str());
+        command_remove_output(entry);
+        return -1;
+    }
+    entry->cmda_forkPid = pid;
+    procArea_t process;
+    entry->cmda_start_ticks = GetLinuxProcEntry(pid, &process) ? process.pa_start : 0;
+    return pid;
+}
+
+void cmd_sendExRes(EX_PCX* pcx, Cmd_Area* entry) {
+    tell_of_leftovers(*entry);
+    if (entry->cmda_status == command_running) {
+        answer(pcx, *entry);
+    }
+    removeCommandEntry(pcx, entry);
+}
+
+void command_remove_output(Cmd_Area* entry) {
+    entry->cmda_fd.reset();
+    struct stat status;
+    // A later command may have taken the name over.
+    if (entry->cmda_inode != 0 && lstat(entry->cmda_jobreport.c_str(), &status) == 0 &&
+        status.st_ino == entry->cmda_inode && status.st_dev == entry->cmda_device) {
+        job_remove_file(entry->cmda_jobreport.c_str());
+    }
+    entry->cmda_inode = 0;
+}
+
+int command_read_output(int fd, int max_rows, std::string* output, int* rows) {
+    output->clear();
+    *rows = 0;
+    struct stat status;
+    if (fstat(fd, &status) != 0) {
+        return -1;
+    }
+    if (max_rows < 1) {
+        return 0;
+    }
+    // What a process of the command goes on to write is not waited for.
+    const int64_t limit = std::min({static_cast<int64_t>(status.st_size) + max_rows + 1,
+                                    max_rows * row_size, output_limit});
+    std::string piece(piece_size, '\0');
+    for (int64_t done = 0; done < status.st_size;) {
+        const size_t wanted =
+            static_cast<size_t>(std::min<int64_t>(piece_size, static_cast<int64_t>(status.st_size) - done));
+        const ssize_t count = pread(fd, piece.data(), wanted, done);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count < 0) {
+            return -1;
+        }
+        if (count == 0) {
+            break;  // it became shorter
+        }
+        done += count;
+        if (!append_piece(std::string_view(piece).substr(0, static_cast<size_t>(count)), max_rows, limit,
+                          output, rows)) {
+            break;
+        }
+    }
+    return 0;
+}
