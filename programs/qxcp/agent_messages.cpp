@@ -38,7 +38,7 @@ void send_logon_answer(cp_server& server, cp_agent& agent, const QX_HEADM& reque
     record.reconnect = options.reconnect;
     record.report = options.report_interval;
     record.blksize = options.block_size;
-    record.cmd_timeout = 180;
+    record.cmd_timeout = options.command_limit;
     record.check_interval = 60;
     record.ft_rst_life = 14;
     record.rb_rt_time = 14;
@@ -197,6 +197,10 @@ void cp_handle_message(cp_server& server, cp_agent& agent) {
         cp_take_status(server, agent, view);
     } else if (is("QUITT")) {
         take_quittung(server, agent, view, code);
+    } else if (is("EXRESCMD")) {
+        cp_take_command_result(server, view, code);
+    } else if (is("BIN_GET")) {
+        cp_take_resource_request(server, agent, view, from);
     } else if (is("REP_DATA")) {
         cp_take_report_block(server, agent, view);
     } else if (is("REP_END")) {

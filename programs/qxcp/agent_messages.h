@@ -37,6 +37,21 @@ void cp_ask_for_active_jobs(cp_server& server, cp_agent& agent);
 void cp_take_activation_answer(cp_server& server, cp_agent& agent, message_view view, uint32_t code);
 void cp_take_status(cp_server& server, cp_agent& agent, message_view view);
 
+// exec_control.cpp
+void cp_take_command_result(cp_server& server, message_view view, uint32_t code);
+
+// resource_control.cpp
+struct MSG_TYPE_EXAKTJ;
+// An empty text, or which of the job's resources is not here.
+std::string cp_check_resources(const cp_server& server, const cp_job& job);
+// Table and paths behind the activation; `cache` is the agent's cache folder, with its '/'.
+void cp_append_resources(const cp_server& server, const cp_job& job, const std::string& cache,
+                         message_buffer& buffer, MSG_TYPE_EXAKTJ& record);
+// Lines ahead of the script that tell it where its files are.
+std::string cp_resource_lines(const cp_job& job, const std::string& cache, const std::string& shell);
+void cp_take_resource_request(cp_server& server, cp_agent& agent, message_view view,
+                              const frame_address& from);
+
 // report_control.cpp
 void cp_take_report_block(cp_server& server, cp_agent& agent, message_view view);
 void cp_take_report_end(cp_server& server, message_view view);

@@ -135,6 +135,19 @@ std::optional<std::string> read_script(const std::string& path) {
     return text.str();
 }
 
+// "OBJECT/NAME" as the server wants it; the object ends at the first '/'.
+bool add_resources(json& list, const std::vector<std::string>& names, const char* kind) {
+    for (const std::string& name : names) {
+        const size_t slash = name.find('/');
+        if (slash == std::string::npos || slash == 0 || slash + 1 == name.size()) {
+            console_fail(fmt::format("'{}' is no resource: write OBJECT/NAME, see 'qxcp resource list'", name));
+            return false;
+        }
+        list.push_back({{"object", name.substr(0, slash)}, {"name", name.substr(slash + 1)}, {"kind", kind}});
+    }
+    return true;
+}
+
 int block_interrupt() {
     sigset_t set;
     sigemptyset(&set);
@@ -153,6 +166,11 @@ int cp_console_run(const cp_console_options& options, const cp_run_options& run)
     json request = {{"op", "run"},         {"script", *script},     {"name", run.name},
                     {"agent", run.agent},  {"user", run.user},      {"shell", run.shell},
                     {"client", run.client}, {"wrap", !run.plain}};
+    request["resources"] = json::array();
+    if (!add_resources(request["resources"], run.client_resources, "C") ||
+        !add_resources(request["resources"], run.task_resources, "T")) {
+        return console_exit_failure;
+    }
     if (!run.password_file.empty()) {
         std::ifstream in(run.password_file);
         std::string password;

@@ -20,6 +20,28 @@ struct cp_run_options {
     std::string report_path;  // where the report goes; standard output unless given
     int client = 100;
     bool plain = false;  // without the messenger's calls
+    std::vector<std::string> client_resources;  // OBJECT/NAME
+    std::vector<std::string> task_resources;    // OBJECT/NAME
+};
+
+struct cp_exec_options {
+    std::string agent;
+    std::string command;
+    std::string user;
+    std::string password_file;
+    int rows = 1000;
+    int seconds = 0;  // 0: no limit but the agent's own
+    int client = 100;
+    bool cancel = false;  // stop command `number`, 0 for all, and run none
+    int number = 0;
+};
+
+struct cp_resource_options {
+    std::string path;
+    std::string object;
+    std::string name;  // the file's own unless given
+    bool text = false;
+    int client = 100;
 };
 
 // Each returns the exit code of the command. Errors go to standard error, one line each.
@@ -30,4 +52,7 @@ int cp_console_cancel(const cp_console_options& options, int run);
 int cp_console_info(const cp_console_options& options, int run);
 int cp_console_report(const cp_console_options& options, int run, const std::string& match, bool tail,
                       const std::string& path);
+int cp_console_exec(const cp_console_options& options, const cp_exec_options& exec);
+int cp_console_resource_add(const cp_console_options& options, const cp_resource_options& resource);
+int cp_console_resource_list(const cp_console_options& options);
 int cp_console_stop(const cp_console_options& options, const std::string& agent);

@@ -17,10 +17,6 @@ namespace {
 
 constexpr size_t line_limit = size_t{256} << 20;
 
-void tell(cp_control_client& client, const json& answer) {
-    client.out += answer.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
-}
-
 void run_job(cp_server& server, cp_control_client& client, const json& request) {
     cp_job job;
     job.script = request.value("script", "");
@@ -40,6 +36,10 @@ void run_job(cp_server& server, cp_control_client& client, const json& request) 
         return;
     }
     job.client = static_cast<uint16_t>(number);
+    for (const json& wanted : request.value("resources", json::array())) {
+        job.resources.push_back(
+            {wanted.value("object", ""), wanted.value("name", ""), wanted.value("kind", "C")[0]});
+    }
     std::string error;
     const int run = cp_submit(&server, std::move(job), error);
     if (run == 0) {
@@ -154,12 +154,16 @@ void stop_agent(cp_server& server, cp_control_client& client, const json& reques
 
 struct control_row {
     const char* op;
-    void (*handler)(cp_server& server, cp_control_client& client, const json& request);
+    control_handler handler;
 };
 
 constexpr control_row control_rows[] = {
     {"run", run_job},        {"agents", list_agents}, {"jobs", list_jobs},  {"cancel", cancel_job},
     {"info", tell_of_job},   {"report", get_report},  {"stop", stop_agent},
+    {"exec", cp_control_exec},
+    {"exec_cancel", cp_control_exec_cancel},
+    {"resource_add", cp_control_resource_add},
+    {"resource_list", cp_control_resource_list},
 };
 
 void handle_request(cp_server& server, cp_control_client& client, const std::string& line) {
@@ -184,8 +188,12 @@ void handle_request(cp_server& server, cp_control_client& client, const std::str
 
 }  // namespace
 
+void control_tell(cp_control_client& client, const json& line) {
+    client.out += line.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
+}
+
 void control_finish(cp_control_client& client, const json& answer) {
-    tell(client, answer);
+    control_tell(client, answer);
     client.close_when_written = true;
 }
 
@@ -276,7 +284,7 @@ void cp_control_tell_job(cp_server& server, const cp_job& job) {
         const std::string told = fmt::format("{}|{}|{}", cp_state_name(job.state), job.process_id, job.info_text);
         if (told != client->last_told) {
             client->last_told = told;
-            tell(*client, {{"job", cp_job_json(job)}});
+            control_tell(*client, {{"job", cp_job_json(job)}});
         }
         // With the report fetched (or none to come) the job is over for its submitter.
         if (cp_state_is_final(job.state) && (job.forgotten || !server.options.fetch_reports)) {

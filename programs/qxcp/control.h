@@ -6,6 +6,8 @@
 
 #include "server_state.h"
 
+// A line on the way to the answer.
+void control_tell(cp_control_client& client, const nlohmann::json& line);
 // The answer to a request, the last one: the line is closed behind it.
 void control_finish(cp_control_client& client, const nlohmann::json& answer);
 // The same for a failure: {"ok": false, "error": text}.
@@ -14,3 +16,10 @@ void control_refuse(cp_control_client& client, const std::string& text);
 cp_control_client* control_find_client(cp_server& server, int id);
 // An agent's answer in words.
 std::string control_answer_text(const cp_answer& answer);
+
+// Handlers of requests, one of the files *_control.cpp each.
+using control_handler = void (*)(cp_server& server, cp_control_client& client, const nlohmann::json& request);
+void cp_control_exec(cp_server& server, cp_control_client& client, const nlohmann::json& request);
+void cp_control_exec_cancel(cp_server& server, cp_control_client& client, const nlohmann::json& request);
+void cp_control_resource_add(cp_server& server, cp_control_client& client, const nlohmann::json& request);
+void cp_control_resource_list(cp_server& server, cp_control_client& client, const nlohmann::json& request);

@@ -215,10 +215,12 @@ void cp_activate(cp_server& server, cp_agent& agent, cp_job& job) {
     job.report_file = fmt::format("{}O{:03}{:07}.TXT", variable("QX_EX_PATH_JOBREPORT"), job.client, job.run);
     const std::string shell = job.shell.empty() ? cp_shell_of_script(job.script) : job.shell;
 
-    std::string text = cp_to_crlf(job.script);
+    const std::string cache = variable("QX_EX_PATH_CACHE");
+    const std::string script = cp_resource_lines(job, cache, shell) + job.script;
+    std::string text = cp_to_crlf(script);
     const std::string messenger = variable("QX_EX_JOB_MD");
     if (job.wrap && !messenger.empty()) {
-        text = cp_wrap_script(job.script, {messenger, agent.listener, agent.listener_port, job.run,
+        text = cp_wrap_script(script, {messenger, agent.listener, agent.listener_port, job.run,
                                            job.client, agent.link.agent, shell});
     }
     auto record = new_message<MSG_TYPE_EXAKTJ>(job.client, job.user_id, 2);
@@ -234,6 +236,7 @@ void cp_activate(cp_server& server, cp_agent& agent, cp_job& job) {
     record.rest_len = static_cast<int32_t>(rest.size());
     record.jcl_dist = buffer.append(text);
     record.jcl_len = static_cast<int32_t>(text.size());
+    cp_append_resources(server, job, cache, buffer, record);
     if (server.options.check_passwords || !job.password.empty()) {
         std::string password = build_password_field(job.run, job.password);
         record.pwd_dist = buffer.append(password);
@@ -277,6 +280,9 @@ int cp_submit(cp_server* server, cp_job job, std::string& error) {
     }
     if (job.script.size() > (size_t{64} << 20)) {
         error = "the script is larger than 64 MiB";
+        return 0;
+    }
+    if (error = cp_check_resources(*server, job); !error.empty()) {
         return 0;
     }
     job.run = server->store.next_run++;

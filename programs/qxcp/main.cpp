@@ -160,6 +160,9 @@ int main(int argc, char** argv) {
         command->add_option("--block-size", server.block_size, "bytes of a report block")
             ->check(CLI::Range(128, 32767))
             ->capture_default_str();
+        command->add_option("--command-limit", server.command_limit, "seconds that agents give a command of 'exec'")
+            ->check(CLI::PositiveNumber)
+            ->capture_default_str();
         command->add_flag("--check-passwords", server.check_passwords, "agents shall check the passwords of jobs");
     };
 
@@ -177,6 +180,10 @@ int main(int argc, char** argv) {
     run_command->add_option("--name", run.name, "name of the job (the script's file name)");
     run_command->add_option("--client", run.client, "client number")->capture_default_str();
     run_command->add_option("--report", run.report_path, "write the report to this file");
+    run_command->add_option("--client-resource", run.client_resources,
+                            "OBJECT/NAME, a stored file that all jobs of the client share; in $QX_CLIENT_CACHE/NAME");
+    run_command->add_option("--task-resource", run.task_resources,
+                            "OBJECT/NAME, a stored file for this job alone; in $QX_TASK_CACHE/NAME");
     run_command->add_flag("--plain", run.plain, "without the messenger's calls around the script");
     run_command->add_flag("--here", here, "start a server for this job alone and wait for an agent");
     add_server_options(run_command);
@@ -198,6 +205,39 @@ int main(int argc, char** argv) {
     report_command->add_flag("--tail", tail, "only the end");
     report_command->add_option("--output", report_path, "write to this file");
     add_data(report_command);
+    cp_exec_options exec;
+    auto* exec_command = app.add_subcommand(
+        "exec", "run a command on an agent's host and print its output; the exit code is the command's "
+                "(124: no answer in time, 125: it never ran or was stopped)");
+    exec_command->add_option("agent", exec.agent, "name of the agent")->required();
+    exec_command->add_option("command", exec.command, "the command, for the user's login shell");
+    exec_command->add_option("--user", exec.user, "user on the agent's host, '' for the agent's own")
+        ->default_val(own_user());
+    exec_command->add_option("--password-file", exec.password_file, "file whose first line is that user's password");
+    exec_command->add_option("--rows", exec.rows, "lines of output at most")
+        ->check(CLI::PositiveNumber)
+        ->capture_default_str();
+    exec_command->add_option("--time-limit", exec.seconds, "seconds, then the command is cancelled; 0: the server's limit")
+        ->check(CLI::NonNegativeNumber)
+        ->capture_default_str();
+    exec_command->add_option("--client", exec.client, "client number")->capture_default_str();
+    auto* exec_cancel = exec_command->add_option("--cancel", exec.number, "cancel this command, 0: all of the agent's")
+                            ->check(CLI::NonNegativeNumber);
+    add_data(exec_command);
+
+    cp_resource_options resource;
+    auto* resource_command = app.add_subcommand("resource", "files that the server keeps for jobs");
+    resource_command->require_subcommand(1);
+    auto* resource_add = resource_command->add_subcommand("add", "store a file, or a new version of it");
+    resource_add->add_option("file", resource.path, "the file")->required();
+    resource_add->add_option("--object", resource.object, "storage object that holds it")->required();
+    resource_add->add_option("--name", resource.name, "its name there and in the agent's cache (the file's name)");
+    resource_add->add_flag("--text", resource.text, "text: agents convert its code and its line ends");
+    resource_add->add_option("--client", resource.client, "client number")->capture_default_str();
+    add_data(resource_add);
+    auto* resource_list = resource_command->add_subcommand("list", "list all of them");
+    add_data(resource_list);
+
     auto* stop_command = app.add_subcommand("stop", "shut an agent down; its jobs go on");
     stop_command->add_option("agent", agent, "name of the agent")->required();
     add_data(stop_command);
@@ -250,6 +290,17 @@ int main(int argc, char** argv) {
     }
     if (*report_command) {
         return cp_console_report(console, run_number, match, tail, report_path);
+    }
+    if (*exec_command) {
+        exec.cancel = exec_cancel->count() != 0;
+        if (exec.command.empty() != exec.cancel) {
+            fmt::print(stderr, "qxcp: exec needs either a command or --cancel. Type 'qxcp exec --help'.\n");
+            return exit_usage;
+        }
+        return cp_console_exec(console, exec);
+    }
+    if (*resource_command) {
+        return *resource_add ? cp_console_resource_add(console, resource) : cp_console_resource_list(console);
     }
     if (*stop_command) {
         return cp_console_stop(console, agent);

@@ -29,6 +29,7 @@ struct cp_options {
     int reconnect = 60;
     int report_interval = 20;
     int block_size = 32000;
+    int command_limit = 180;
     bool log_to_server = true;
     bool check_passwords = false;
 
@@ -115,6 +116,19 @@ struct cp_report_wish {
     bool erase = false;
 };
 bool cp_fetch_report(cp_server* server, int run, const cp_report_wish& wish, cp_answer_handler handler);
+// A command for the login shell of a user; an empty user is the agent's own, where anonymous commands are allowed.
+struct cp_exec_wish {
+    std::string command;
+    std::string user;
+    std::string password;
+    int rows = 1000;
+    uint16_t client = 100;
+    unsigned user_id = 1;
+};
+// The number of the command, 0 when no agent is there. The answer's data is the output, its lines ended by CR LF.
+int cp_exec(cp_server* server, const std::string& agent, const cp_exec_wish& wish, cp_answer_handler handler);
+// Stops a command, or all with number 0; their requests get no answer.
+bool cp_exec_cancel(cp_server* server, const std::string& agent, int number);
 bool cp_stop_agent(cp_server* server, const std::string& agent);
 // Ends the connection without a word.
 void cp_drop_line(cp_server* server, const std::string& agent);

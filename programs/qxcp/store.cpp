@@ -11,6 +11,7 @@
 #include <nlohmann/json.hpp>
 
 #include "hex.h"
+#include "resources.h"
 
 namespace fs = std::filesystem;
 using nlohmann::json;
@@ -70,6 +71,11 @@ json job_to_json(const cp_job& job) {
               {"wrap", job.wrap}};
     if (job.state == cp_job_state::waiting) {
         j["script"] = job.script;
+        j["resources"] = json::array();
+        for (const cp_job_resource& resource : job.resources) {
+            j["resources"].push_back(
+                {{"object", resource.object}, {"name", resource.name}, {"kind", std::string(1, resource.kind)}});
+        }
     }
     return j;
 }
@@ -106,6 +112,10 @@ cp_job job_from_json(const json& j) {
     job.forgotten = j.value("forgotten", false);
     job.wrap = j.value("wrap", true);
     job.script = j.value("script", "");
+    for (const json& resource : j.value("resources", json::array())) {
+        job.resources.push_back({resource.value("object", ""), resource.value("name", ""),
+                                 resource.value("kind", "C")[0]});
+    }
     return job;
 }
 
@@ -158,7 +168,7 @@ bool cp_state_is_final(cp_job_state state) {
 std::string cp_store_open(cp_store& store, const std::string& folder) {
     store.folder = folder;
     std::error_code error;
-    for (const char* part : {"", "/reports", "/agents"}) {
+    for (const char* part : {"", "/reports", "/agents", "/resources"}) {
         fs::create_directories(folder + part, error);
         if (error) {
             return fmt::format("cannot make the folder '{}{}': {}", folder, part, error.message());
@@ -167,6 +177,9 @@ std::string cp_store_open(cp_store& store, const std::string& folder) {
     fs::permissions(folder, fs::perms::owner_all, error);  // it holds keys
     if (error) {
         return fmt::format("cannot protect the folder '{}': {}", folder, error.message());
+    }
+    if (std::string fault = cp_resources_open(store); !fault.empty()) {
+        return fault;
     }
     return open_journal(store);
 }

@@ -4,6 +4,7 @@
 //   journal.jsonl       jobs with their restart records and the next numbers, a line for each change; the last
 //                       line of a job counts, and the file is made compact at each start
 //   reports/RUN.txt     its report as it was fetched
+//   resources.json      the stored resources, their contents in resources/
 //   agents/NAME.log     log lines that the agent sent
 //   control.sock        where the console reaches the server
 #pragma once
@@ -29,6 +30,13 @@ enum class cp_job_state {
 const char* cp_state_name(cp_job_state state);
 bool cp_state_is_final(cp_job_state state);
 
+// A stored resource that a job needs: kind 'C' is shared by the jobs of a client, 'T' is the job's own.
+struct cp_job_resource {
+    std::string object;
+    std::string name;
+    char kind = 'C';
+};
+
 struct cp_job {
     int run = 0;
     uint16_t client = 100;
@@ -40,6 +48,7 @@ struct cp_job {
     std::string password;  // kept only until the job was sent
     std::string script;    // plain, kept only until the job was sent
     bool wrap = true;
+    std::vector<cp_job_resource> resources;
     std::string job_file;     // on the agent's host
     std::string report_file;  // on the agent's host
     cp_job_state state = cp_job_state::waiting;
@@ -63,12 +72,24 @@ struct cp_job {
     bool forgotten = false;   // JOB_DEL sent
 };
 
+// A file that the server keeps for jobs, in the storage object of a client.
+struct cp_resource {
+    uint16_t client = 100;
+    std::string object;
+    std::string name;
+    bool text = false;      // agents convert it
+    int64_t modified = 0;   // seconds since 1970: the version
+    int64_t size = 0;
+    std::string file;       // below the folder resources
+};
+
 struct cp_store {
     std::string folder;
     FILE* journal = nullptr;
     int next_run = 1;
     int next_report_id = 1;
     std::map<int, cp_job> jobs;  // by run number
+    std::vector<cp_resource> resources;
 
     cp_store() = default;
     ~cp_store();

@@ -233,6 +233,17 @@ void delete_task_file(const JP_AREA* job, const resource_item& item, qx7_error* 
     }
 }
 
+// The directories between the job's own and a file in it, from the innermost on; those that hold more stay.
+void delete_folders_of(const JP_AREA* job, const resource_item& item) {
+    const std::string top = path_clean(job->jp_task_cache_path) + "/";
+    std::string folder = path_clean(item.file_path);
+    qx7_error ignored;
+    do {
+        folder.resize(std::min(folder.size(), folder.rfind('/')));
+    } while (top.size() > 1 && folder.size() > top.size() && folder.starts_with(top) &&
+             removeDir_EffUser(job->jp_userName, folder.c_str(), &ignored) == 0);
+}
+
 void delete_task_directory(const JP_AREA* job, qx7_error* first) {
     const std::string path = path_clean(job->jp_task_cache_path);
     struct stat status;
@@ -354,6 +365,7 @@ int DeleteTaskResourceFiles(JP_AREA* job, qx7_error* error) {
     if (job->jp_userName[0] != 0) {  // without a name the agent's own rights would do it
         for (const resource_item& item : items) {
             delete_task_file(job, item, &first);
+            delete_folders_of(job, item);
         }
         delete_task_directory(job, &first);
     }
