@@ -13,6 +13,7 @@
 #include "channels/replies.h"
 #include "jobs/activation.h"
 #include "jobs/commands.h"
+#include "jobs/file_retrieval.h"
 #include "jobs/queries.h"
 #include "jobs/reports.h"
 #include "jobs/resources.h"
@@ -132,9 +133,9 @@ const function_row sr_function_list_ftx[] = {
 
 // XML requests have no type of 8 bytes, so they arrive at the default row.
 const function_row sr_function_list_getfile[] = {
-    {"RES_DATA", process_function_not_implemented},
-    {"QUITT   ", process_function_not_implemented},
-    {"", process_function_not_implemented},
+    {"RES_DATA", process_getfile_resdata},
+    {"QUITT   ", process_getfile_quitt},
+    {"", process_getfile_XML},
 };
 
 const function_row sr_function_list_jp[] = {

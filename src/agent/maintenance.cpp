@@ -15,6 +15,7 @@
 #include "base/trace.h"
 #include "channels/ipc.h"
 #include "channels/network_thread.h"
+#include "jobs/file_retrieval.h"
 #include "jobs/job_table.h"
 #include "jobs/reports.h"
 
@@ -44,6 +45,7 @@ void post_checks(EX_PCX* pcx, time_t now) {
     send_IPC_internal_name(pcx->ccm, ipc_ft_chk);
     send_IPC_internal_name(pcx->ccm, ipc_ioschk);
     close_idle_reports(pcx);
+    check_fileReqTimeout(pcx);
 }
 
 void post_when_due(EX_PCX* pcx, time_t* alarm, time_t now, const char* record) {
@@ -79,7 +81,8 @@ void find_server(EX_PCX* pcx, time_t now) {
 
 // An upgrade waits for the moment in which nothing would be interrupted.
 void restart_when_quiet(EX_PCX* pcx) {
-    if (pcx->upgrade_exit_code == exit_code_upgrade && !unbuilt_modules_busy(pcx) && jpGetJobCount() == 0) {
+    if (pcx->upgrade_exit_code == exit_code_upgrade && !unbuilt_modules_busy(pcx) && jpGetJobCount() == 0 &&
+        get_fileReqCount(pcx) == 0) {
         initiate_agent_shutdown(pcx);
     }
 }

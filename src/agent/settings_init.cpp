@@ -22,6 +22,7 @@
 #include "base/trace.h"
 #include "jobs/commands.h"
 #include "jobs/activation.h"
+#include "jobs/file_retrieval.h"
 #include "jobs/reports.h"
 #include "messages/conversion.h"
 

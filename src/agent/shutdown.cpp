@@ -23,6 +23,7 @@
 #include "identity/pam.h"
 #include "jobs/commands.h"
 #include "jobs/activation.h"
+#include "jobs/file_retrieval.h"
 #include "jobs/reports.h"
 #include "messages/conversion.h"
 #include "messages/frame.h"

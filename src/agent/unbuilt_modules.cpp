@@ -14,12 +14,6 @@ int FTX_Open(EX_PCX*) {
 int FTX_Close(EX_PCX*) {
     return 0;
 }
-int GET_fileOpen(EX_PCX*) {
-    return 0;
-}
-int GET_fileClose(EX_PCX*) {
-    return 0;
-}
 int FH_Open(EX_PCX*) {
     return 0;
 }

@@ -1,5 +1,4 @@
-// The contracts of modules that this build does not have: transfers, file events, file retrieval,
-// upgrade. They open and close, hold nothing, and have no waiting work; their table rows answer that they are
+// The contracts of modules that this build does not have: transfers, file events, upgrade. They open and close, hold nothing, and have no waiting work; their table rows answer that they are
 // not implemented.
 #pragma once
 
@@ -10,8 +9,6 @@ int FT_Open(EX_PCX* pcx);
 int FT_Close(EX_PCX* pcx);
 int FTX_Open(EX_PCX* pcx);
 int FTX_Close(EX_PCX* pcx);
-int GET_fileOpen(EX_PCX* pcx);
-int GET_fileClose(EX_PCX* pcx);
 int FH_Open(EX_PCX* pcx);
 int FH_Close(EX_PCX* pcx);
 

@@ -66,8 +66,9 @@ int text_reader_next_view(text_reader* reader, size_t limit, std::string_view* r
 // Where the last `records` records of a file begin: read backwards in pieces of 8192 bytes that start at
 // multiples of 8192; line ends of two-byte codes count at even positions. `size` is the file's size to work
 // with. When the beginning is reached the position is behind the byte-order mark, if the file has one. -1
-// with errno on failure.
-int64_t text_last_records(int fd, int64_t size, int64_t records, char code);
+// with errno on failure. Nothing in front of the piece that holds `lowest` is read: EFBIG when the records begin
+// there.
+int64_t text_last_records(int fd, int64_t size, int64_t records, char code, int64_t lowest = 0);
 
 // ---- Streams
 // ---------------------------------------------------------------------------------------------------

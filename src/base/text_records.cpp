@@ -130,6 +130,15 @@ int fill_block(text_reader* reader, size_t wanted) {
 // -1.
 int64_t count_back(const unsigned char* data, size_t length, int64_t start, int64_t* wanted, char code) {
     const size_t unit = static_cast<size_t>(text_code_unit(code));
+    if (unit == 1) {
+        while (const void* hit = memrchr(data, '\n', length)) {
+            length = static_cast<size_t>(static_cast<const unsigned char*>(hit) - data);
+            if (--*wanted == 0) {
+                return start + static_cast<int64_t>(length + 1);
+            }
+        }
+        return -1;
+    }
     size_t at = length - length % unit;
     while (at >= unit) {
         at -= unit;
@@ -272,7 +281,7 @@ int text_reader_next(text_reader* reader, char* buffer, size_t size) {
     }
 }
 
-int64_t text_last_records(int fd, int64_t size, int64_t records, char code) {
+int64_t text_last_records(int fd, int64_t size, int64_t records, char code, int64_t lowest) {
     unsigned char piece[backward_piece];
     if (records <= 0) {
         return size;
@@ -280,6 +289,10 @@ int64_t text_last_records(int fd, int64_t size, int64_t records, char code) {
     // One more than records: the file's own last line end is the first one met.
     int64_t wanted = records + 1;
     for (int64_t end = size; end > 0;) {
+        if (end <= lowest) {
+            errno = EFBIG;
+            return -1;
+        }
         const int64_t start = (end - 1) / backward_piece * backward_piece;
         const ssize_t got = read_at(fd, piece, static_cast<size_t>(end - start), start);
         if (got < 0) {

@@ -1,0 +1,19 @@
+// Base64 with the alphabet of RFC 4648, padded.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+// Characters that `length` bytes become.
+constexpr size_t base64_size(size_t length) {
+    return (length + 2) / 3 * 4;
+}
+
+// Appends the text of `data` to `out`, without line ends.
+void base64_encode(std::string_view data, std::string* out);
+
+// Blanks, tabs and line ends between the characters are passed over; anything else that is not of the alphabet,
+// and padding anywhere but at the end, makes the text bad. False for a bad text; `out` then holds what came
+// before.
+bool base64_decode(std::string_view text, std::string* out);
