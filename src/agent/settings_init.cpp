@@ -11,6 +11,7 @@
 
 #include "agent/message_error.h"
 #include "agent/settings.h"
+#include "agent/shell_sources.h"
 #include "agent/system_variables.h"
 #include "agent/unbuilt_modules.h"
 #include "base/context.h"
@@ -405,6 +406,7 @@ int open_modules(EX_PCX* pcx, qx7_error* error) {
     if (REP_Open(pcx) != 0) {
         return module_error(error, "REP_Open()||||");
     }
+    open_agent_shell();
     if (cmdOpen(pcx) != 0) {
         return module_error(error, "cmdOpen()||||");
     }

@@ -26,6 +26,8 @@ constexpr char shell_command[] = "<AGENTSHELL>";
 constexpr size_t message_extra = 768;
 constexpr size_t standard_body = 32000;
 
+report_shell run_shell = nullptr;
+
 REP_Area* first_area(const EX_PCX* pcx) {
     return static_cast<REP_Area*>(pcx->firstREP);
 }
@@ -172,6 +174,23 @@ int open_source(EX_PCX* pcx, report_source* source, const my_passwd_unlimited& p
         return open_failure(source, "FileFOpen()", errno, error_text(errno));
     }
     out->reset(fd);
+    return 0;
+}
+
+// A command of the service console: what it shows stands in a file of the agent's own, which goes once it was
+// sent. Nobody's login counts for it.
+int find_shell_output(EX_PCX* pcx, MSG_TYPE_REP_GET* get, report_source* source) {
+    const std::string request(get_text(get->filename).substr(strlen(shell_command)));
+    char number[8];
+    Zudnst_LongToB26(static_cast<uint32_t>(get->ah_idnr), number);
+    source->file = std::string(pcx->pcx_TmpFolder) + "/S_" + number + ".txt";
+    get->erase = '1';
+    if (run_shell == nullptr) {
+        return open_failure(source, "process_agent_shell_command()", ENOSYS,
+                            "agent shell commands are not implemented");
+    }
+    // What fails here shows when the file is opened.
+    run_shell(source->file.c_str(), request.c_str());
     return 0;
 }
 
@@ -322,6 +341,10 @@ int REP_Open(EX_PCX* pcx) {
     return 0;
 }
 
+void REP_set_shell(report_shell shell) {
+    run_shell = shell;
+}
+
 int REP_Close(EX_PCX* pcx) {
     while (REP_Area* area = first_area(pcx)) {
         pcx->firstREP = area->pNext;
@@ -394,17 +417,13 @@ void close_idle_reports(EX_PCX* pcx) {
 
 int process_repget(EX_PCX* pcx, ccm_msg_t* msg, int) {
     const message_view view = view_message(msg->msg_start, static_cast<size_t>(msg->len));
-    const auto get = view_record<MSG_TYPE_REP_GET>(view);
+    auto get = view_record<MSG_TYPE_REP_GET>(view);
     close_idle_reports(pcx);
     report_source source;
     my_passwd_unlimited passwd;
-    if ((pcx->pcx_flag & PCX_FLAG_AGENTSHELL) != 0 && get_text(get.filename).starts_with(shell_command)) {
-        source.file = get_text(get.filename);
-        open_failure(&source, "process_agent_shell_command()", ENOSYS,
-                     "agent shell commands are not implemented");
-        return refuse_opening(pcx, get, source, msg->addr);
-    }
-    if (find_source(pcx, get, &source, &passwd) != 0) {
+    const bool command =
+        (pcx->pcx_flag & PCX_FLAG_AGENTSHELL) != 0 && get_text(get.filename).starts_with(shell_command);
+    if ((command ? find_shell_output(pcx, &get, &source) : find_source(pcx, get, &source, &passwd)) != 0) {
         return refuse_opening(pcx, get, source, msg->addr);
     }
     __log(REPORT_STARTED, "%u|%s|", static_cast<unsigned>(get.ah_idnr), source.file.c_str());

@@ -86,6 +86,11 @@ struct REP_Area {
 int REP_Open(EX_PCX* pcx);
 int REP_Close(EX_PCX* pcx);
 
+// Runs a command of the service console and writes what it shows to a new file; 0 or -1.
+using report_shell = int (*)(const char* output_file, const char* request);
+// Without one (null) commands are refused as not implemented.
+void REP_set_shell(report_shell shell);
+
 // Null for an unknown key and for keys below 1.
 REP_Area* getReportEntry(EX_PCX* pcx, int ah_idnr);
 // The list owns the entry from here on; an older one of the same key is closed.

@@ -332,7 +332,7 @@ TEST_F(file_retrieval_test, a_request_that_lacks_something_tells_what) {
         {with("<![CDATA[", "<![CDOTO["), "<![CDATA['"},
         {with("]]></request></qx-env>", ""), "]'"},
         {with("addr=", "adr="), "addr='"},
-        {with("addr=\"", "addr=\'"), "addr=\"'"},
+        {with("addr=\"*CP001\"", "addr=*CP001"), "addr=\"'"},
         {with(" name=\"UI\"", " name=UI"), "name=\"'"},
         {with("session=", "lastsession="), "session='"},
         {with("session=\"5\"", "comment=\" session=\""), "session='"},
