@@ -1,5 +1,5 @@
-// The contracts of modules that this build does not have: transfers, file events, upgrade. They open and close, hold nothing, and have no waiting work; their table rows answer that they are
-// not implemented.
+// The contracts of modules that this build does not have: transfers, file events, upgrade. They open and
+// close, hold nothing, and have no waiting work; their table rows answer that they are not implemented.
 #pragma once
 
 struct EX_PCX;
