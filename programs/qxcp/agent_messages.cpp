@@ -228,7 +228,8 @@ void cp_handle_lost_line(cp_server& server, cp_agent& agent) {
     const cp_answer lost{"--", 0, "the connection was lost", ""};
     std::vector<uint32_t> codes;
     for (auto& [code, pending] : server.pending) {
-        if (pending.agent_id == agent.id) {
+        // The answer to an activation may come over the next connection: it is a job that the agent still holds.
+        if (pending.agent_id == agent.id && pending.type != "EXAKTJ") {
             codes.push_back(code);
         }
     }

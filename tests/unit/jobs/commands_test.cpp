@@ -1,0 +1,308 @@
+// Short commands: who may, what comes back, when they are stopped.
+#include "jobs/commands.h"
+
+#include <fcntl.h>
+
+#include "base/error.h"
+#include "job_fixture.h"
+#include "jobs/launch.h"
+
+namespace {
+
+struct command_test : job_test {
+    void SetUp() override {
+        job_test::SetUp();
+        copy_text(pcx->efUserName, user);
+        pcx->pcx_cmd_timeout = 100;
+        ASSERT_EQ(cmdOpen(pcx), 0);
+    }
+    void TearDown() override {
+        cmdClose(pcx);
+        job_test::TearDown();
+    }
+
+    std::string output_file(int run) const { return folder / ("out/command" + std::to_string(run)); }
+
+    int request(int run, const std::string& command, int rows = 100, const std::string& who = "*",
+                bool with_file = true) {
+        MSG_TYPE_EXREQCMD record{};
+        record.header = head("EXREQCMD", 1);
+        record.ah_idnr = run;
+        record.max_rows = rows;
+        put_text(record.jobreport, with_file ? output_file(run) : "");
+        put_text(record.logininfo, who == "*" ? user : who);
+        record.jcl_dist = command.empty() ? 0 : static_cast<int32_t>(sizeof record);
+        record.jcl_len = static_cast<int32_t>(command.size());
+        message_bytes body(sizeof record);
+        memcpy(body.data(), &record, sizeof record);
+        body.insert(body.end(), command.begin(), command.end());
+        return receive(process_exreqcmd, body.data(), body.size());
+    }
+    void cancel(int run) {
+        MSG_TYPE_EXREQCAN order{};
+        order.header = head("EXREQCAN", 1);
+        order.ah_idnr = run;
+        receive(process_exreqcancel, &order, sizeof order);
+    }
+    // The end of the newest command, told as the signal layer does.
+    void finish() {
+        ASSERT_EQ(getCommandCount(), 1);
+        const pid_t pid = GetCmdGlb()->cmd_firstCMDA.front().cmda_forkPid;
+        int status = 0;
+        ASSERT_EQ(waitpid(pid, &status, 0), pid);
+        EXPECT_EQ(process_command_sigchild(pcx, pid, pr_exit(status), status), 1);
+    }
+    static std::string output_of(const sent_message& answer) {
+        const message_view view = view_message(answer.body.data(), answer.body.size());
+        if (answer.type() == "EXRESCMD") {
+            auto result = answer.as<MSG_TYPE_EXRESCMD>();
+            return std::string(view_text(view, result.rep_dist, result.rep_len));
+        }
+        auto quitt = answer.as<MSG_TYPE_QUITT>();
+        return std::string(view_text(view, quitt.msg_dist, quitt.msg_len));
+    }
+};
+
+TEST_F(command_test, output_comes_back_with_cr_lf) {
+    EXPECT_EQ(request(1, "echo one; printf two >&2"), 0);
+    EXPECT_TRUE(sent().empty()) << "no acknowledgment ahead of the answer";
+    EXPECT_NE(pcx->firstCMD, nullptr) << "stands in the way of a restart";
+    finish();
+    const sent_message answer = first_sent();
+    ASSERT_EQ(answer.type(), "EXRESCMD");
+    EXPECT_EQ(answer.as<MSG_TYPE_EXRESCMD>().ah_idnr, 1);
+    EXPECT_EQ(answer.as<MSG_TYPE_EXRESCMD>().rep_dist, 32);
+    EXPECT_EQ(output_of(answer), "one\r\ntwo");
+    EXPECT_STREQ(answer.addr.dst_addr, "*SERVER");
+    EXPECT_STREQ(answer.addr.dst_name, "JPEXEC_R");
+    EXPECT_EQ(answer.addr.dst_acv, 55);
+    EXPECT_FALSE(std::filesystem::exists(output_file(1)));
+    EXPECT_EQ(getCommandCount(), 0);
+    EXPECT_EQ(pcx->firstCMD, nullptr);
+}
+
+TEST_F(command_test, a_code_is_told_with_the_output) {
+    request(2, "echo out; exit 3");
+    finish();
+    const sent_message answer = first_sent();
+    auto quitt = answer.as<MSG_TYPE_QUITT>();
+    EXPECT_EQ(std::string(quitt.quitt, 2), "NK");
+    EXPECT_EQ(get_text(quitt.msg), "EXREQCMD");
+    EXPECT_EQ(quitt.msgnr, 2000172);
+    EXPECT_EQ(get_text(quitt.msg_insert), "2|3|echo out; exit 3|");
+    EXPECT_EQ(quitt.msg_dist, 304);
+    EXPECT_EQ(output_of(answer), "out\r\n");
+}
+
+TEST_F(command_test, without_a_file_there_is_no_output) {
+    request(3, "echo lost", 10, "*", false);
+    finish();
+    EXPECT_EQ(output_of(first_sent()), "");
+    EXPECT_TRUE(std::filesystem::exists("/dev/null"));
+}
+
+TEST_F(command_test, rows_are_limited) {
+    struct row_case {
+        int wanted, written;
+        size_t bytes;
+        bool told;
+    };
+    constexpr row_case cases[] = {{10, 10, 40, true}, {10, 11, 40, true}, {10, 9, 36, false}, {1, 5, 4, true}};
+    int run = 20;
+    for (const row_case& rows : cases) {
+        job_test_log.clear();
+        request(++run, "yes 12 | head -" + std::to_string(rows.written), rows.wanted);
+        finish();
+        EXPECT_EQ(output_of(first_sent()).size(), rows.bytes) << rows.written;
+        EXPECT_EQ(logged(2000181), rows.told) << rows.written;
+    }
+}
+
+TEST_F(command_test, output_is_bounded_by_what_was_there) {
+    const std::string path = folder / "file";
+    write_text(path, "a\nb\nc");
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    std::string output;
+    int rows = 0;
+    struct read_case {
+        int max_rows;
+        const char* output;
+        int rows;
+    };
+    constexpr read_case cases[] = {
+        {0, "", 0}, {-1, "", 0}, {1, "a\r\n", 1}, {2, "a\r\nb\r\n", 2}, {3, "a\r\nb\r\nc", 2}, {2147483647, "a\r\nb\r\nc", 2},
+    };
+    for (const read_case& one : cases) {
+        EXPECT_EQ(command_read_output(fd, one.max_rows, &output, &rows), 0);
+        EXPECT_EQ(output, one.output) << one.max_rows;
+        EXPECT_EQ(rows, one.rows) << one.max_rows;
+    }
+    ASSERT_EQ(truncate(path.c_str(), off_t{200} << 20), 0);
+    EXPECT_EQ(command_read_output(fd, 2147483647, &output, &rows), 0);
+    EXPECT_EQ(output.size(), size_t{32} << 20);
+    EXPECT_EQ(command_read_output(fd, 3, &output, &rows), 0);
+    EXPECT_EQ(output.size(), 3u * 32770) << "one row cannot hold more than its share";
+    close(fd);
+    EXPECT_EQ(command_read_output(-1, 3, &output, &rows), -1);
+}
+
+TEST_F(command_test, refusals_name_their_reason) {
+    struct refusal {
+        const char* who;
+        const char* command;
+        char anonymous;
+        int number;
+        std::string insert;
+    };
+    const refusal cases[] = {
+        {"*", "", 'N', 2000191, "30"},
+        {"", "id", 'N', 2000184, "30|id"},
+        {"nosuchuser", "id", 'N', 2001087, "30|nosuchuser|No such file or directory|id"},
+        {"auserwhosenameislongerthanthirtytwo", "id", 'N', 2001087,
+         "30|auserwhosenameislongerthanthirtytwo|No such file or directory|id"},
+    };
+    for (const refusal& one : cases) {
+        pcx->pcx_anonymusUsr = one.anonymous;
+        request(30, one.command, 10, one.who);
+        auto quitt = first_sent().as<MSG_TYPE_QUITT>();
+        EXPECT_EQ(quitt.msgnr, one.number) << one.command;
+        EXPECT_EQ(get_text(quitt.msg_insert), one.insert);
+        EXPECT_EQ(getCommandCount(), 0);
+    }
+    pcx->upgrade_ah_idnr = 1;
+    request(30, "id");
+    auto quitt = first_sent().as<MSG_TYPE_QUITT>();
+    EXPECT_EQ(quitt.msgnr, 65);
+    EXPECT_EQ(get_text(quitt.msg_insert), "");
+}
+
+TEST_F(command_test, a_request_without_user_runs_as_the_agent_where_the_server_allows_it) {
+    pcx->pcx_anonymusUsr = 'Y';
+    request(31, "id -un", 10, "");
+    finish();
+    EXPECT_EQ(output_of(first_sent()), user + "\r\n");
+}
+
+TEST_F(command_test, the_lists_are_read_once) {
+    write_text(pcx->IniFile, "[GLOBAL]\nuserid_type=INCL\nReadUserAlways=yes\n[USERID]\n" + user +
+                                 "=START\n[QX_USER]\n7=NO_START\n");
+    cmdOpen(pcx);
+    request(40, "id");
+    auto quitt = first_sent().as<MSG_TYPE_QUITT>();
+    EXPECT_EQ(quitt.msgnr, 2000029);
+    EXPECT_EQ(get_text(quitt.msg_insert), "7");
+    write_text(pcx->IniFile, "[GLOBAL]\nuserid_type=INCL\n");
+    cmdOpen(pcx);
+    request(41, "id");
+    quitt = first_sent().as<MSG_TYPE_QUITT>();
+    EXPECT_EQ(get_text(quitt.msg_insert), user);
+    write_text(pcx->IniFile, "[USERID]\n" + user + "=START\n");
+    request(42, "id");
+    EXPECT_EQ(first_sent().as<MSG_TYPE_QUITT>().msgnr, 2000029) << "a later change does not count";
+}
+
+TEST_F(command_test, the_time_limit_kills_and_answers_once) {
+    request(50, "trap '' TERM INT HUP; while :; do :; done");
+    const pid_t pid = GetCmdGlb()->cmd_firstCMDA.front().cmda_forkPid;
+    const time_t alarm = pcx->Cmd_alarm_time;
+    EXPECT_NE(alarm, 0);
+    qx7_error error;
+    EXPECT_EQ(commandTimeoutEvent(pcx, &error), 0) << "not yet";
+    EXPECT_EQ(pcx->Cmd_alarm_time, alarm);
+    alarm_clock_advance(101);
+    EXPECT_EQ(commandTimeoutEvent(pcx, &error), 1);
+    auto quitt = first_sent().as<MSG_TYPE_QUITT>();
+    EXPECT_EQ(quitt.msgnr, 2000177);
+    EXPECT_EQ(get_text(quitt.msg), "EXREQCMD");
+    EXPECT_EQ(std::string(quitt.quitt, 2), "NK");
+    EXPECT_EQ(commandTimeoutEvent(pcx, &error), 0) << "only what runs is timed out";
+    EXPECT_TRUE(sent().empty());
+    EXPECT_EQ(pcx->Cmd_alarm_time, 0);
+    EXPECT_EQ(getCommandCount(), 1) << "listed until its end";
+    finish();
+    EXPECT_TRUE(sent().empty()) << "the server has its answer";
+    EXPECT_EQ(getCommandCount(), 0);
+    EXPECT_EQ(kill(pid, 0), -1);
+}
+
+TEST_F(command_test, each_command_has_its_own_limit) {
+    request(51, "sleep 60");
+    alarm_clock_advance(50);
+    request(52, "sleep 60");
+    alarm_clock_advance(51);
+    qx7_error error;
+    EXPECT_EQ(commandTimeoutEvent(pcx, &error), 1);
+    EXPECT_NE(pcx->Cmd_alarm_time, 0) << "for the second";
+    alarm_clock_advance(50);
+    EXPECT_EQ(commandTimeoutEvent(pcx, &error), 1);
+    EXPECT_EQ(sent().size(), 2u);
+}
+
+TEST_F(command_test, a_process_id_that_was_given_anew_is_not_killed) {
+    const living_process stranger;
+    request(53, "sleep 60");
+    Cmd_Area& entry = GetCmdGlb()->cmd_firstCMDA.front();
+    const pid_t own = entry.cmda_forkPid;
+    entry.cmda_forkPid = stranger.pid;
+    entry.cmda_start_ticks -= 1000;
+    qx7_error error;
+    EXPECT_EQ(cancelCommandEntry(&entry, &error), -1);
+    EXPECT_EQ(error.qx_msgnr, 2000179);
+    EXPECT_EQ(kill(stranger.pid, 0), 0);
+    kill(own, SIGKILL);
+    waitpid(own, nullptr, 0);
+}
+
+TEST_F(command_test, cancelled_commands_are_not_answered) {
+    request(60, "sleep 60");
+    cancel(61);
+    EXPECT_EQ(GetCmdGlb()->cmd_firstCMDA.front().cmda_status, command_running) << "another number";
+    cancel(60);
+    EXPECT_TRUE(logged(2001092));
+    finish();
+    EXPECT_TRUE(sent().empty());
+    EXPECT_FALSE(std::filesystem::exists(output_file(60)));
+    request(62, "sleep 60");
+    cancel(0);
+    EXPECT_TRUE(logged(2000173));
+    finish();
+    EXPECT_TRUE(sent().empty());
+}
+
+TEST_F(command_test, an_output_file_that_was_replaced_is_neither_read_nor_deleted) {
+    request(70, "echo own; mv " + output_file(70) + " " + output_file(70) + ".moved; ln -s /etc/passwd " +
+                    output_file(70));
+    finish();
+    EXPECT_EQ(output_of(first_sent()), "own\r\n");
+    EXPECT_TRUE(std::filesystem::is_symlink(output_file(70)));
+}
+
+TEST_F(command_test, what_a_command_leaves_running_holds_nobody_up_and_is_told) {
+    request(71, "sleep 60 & echo started");
+    const pid_t group = GetCmdGlb()->cmd_firstCMDA.front().cmda_forkPid;
+    testing::internal::CaptureStdout();
+    finish();
+    EXPECT_NE(testing::internal::GetCapturedStdout().find("still run"), std::string::npos);
+    EXPECT_EQ(output_of(first_sent()), "started\r\n");
+    kill(-group, SIGKILL);
+}
+
+TEST_F(command_test, a_start_that_fails_leaves_no_file) {
+    std::filesystem::create_directory(output_file(80));
+    request(80, "id");
+    EXPECT_EQ(first_sent().as<MSG_TYPE_QUITT>().msgnr, 2003041);
+    EXPECT_TRUE(logged(2000170));
+    launch_set_fork([]() -> pid_t {
+        errno = EAGAIN;
+        return -1;
+    });
+    request(81, "id");
+    launch_set_fork(nullptr);
+    auto quitt = first_sent().as<MSG_TYPE_QUITT>();
+    EXPECT_EQ(quitt.msgnr, 2003043);
+    EXPECT_EQ(get_text(quitt.msg_insert).substr(0, 8), "fork|81|");
+    EXPECT_FALSE(std::filesystem::exists(output_file(81)));
+    EXPECT_EQ(getCommandCount(), 0);
+}
+
+}  // namespace
