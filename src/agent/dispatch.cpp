@@ -21,6 +21,7 @@
 #include "messages/head.h"
 #include "messages/records_report.h"
 #include "messages/view.h"
+#include "services/mail.h"
 
 namespace {
 
@@ -80,8 +81,8 @@ const function_row sr_function_list[] = {
     {"SNOOZE  ", process_function_not_implemented},
     {"WAKEUP  ", process_function_not_implemented},
     {"EXSTOP  ", process_function_not_implemented},
-    {"SNDMAIL ", process_function_not_implemented},
-    {"SNDMAIL2", process_function_not_implemented},
+    {"SNDMAIL ", process_sendmail},
+    {"SNDMAIL2", process_sendmail2},
     {"CHGLOGQU", process_chglogqu},
     {"QUITT   ", process_quitt},
     // Resources that are asked for again after a reconnect name this module.

@@ -28,6 +28,7 @@
 #include "messages/conversion.h"
 #include "messages/frame.h"
 #include "security/key_store.h"
+#include "services/mail.h"
 
 namespace {
 
@@ -183,6 +184,7 @@ int close_selected_modules(EX_PCX* pcx, unsigned mask) {
         JP_Close(pcx);
     }
     if ((mask & module_var) != 0) {
+        mail_close(pcx);
         Var_Close(pcx);
     }
     if ((mask & module_rep) != 0) {

@@ -14,6 +14,7 @@
 #include "base/log.h"
 #include "base/memory.h"
 #include "base/text.h"
+#include "services/mail.h"
 
 namespace {
 
@@ -111,6 +112,7 @@ int Var_Open(EX_PCX* pcx, qx7_error* error) {
     pcx->getProfileString(pcx, "VARIABLES", "QX_HOST_CODE", "", var->QxHostCode, sizeof var->QxHostCode);
     pcx->getProfileString(pcx, "VARIABLES", "QX_HOST_JCL_VAR", "", var->QxHostJclVar,
                           sizeof var->QxHostJclVar);
+    initSmtpMail(pcx);
     log_variables(pcx, var);
     return 0;
 }

@@ -1,0 +1,416 @@
+#include "services/mail_body.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+
+#include "base/text.h"
+#include "identity/user_files.h"
+#include "services/mail_header.h"
+
+namespace {
+
+constexpr size_t base64_line = 57;               // bytes that make 76 characters
+constexpr size_t block_size = base64_line * 1024;  // read at a time
+constexpr size_t text_line_max = 998;
+constexpr size_t quoted_line_max = 76;
+
+int file_error(const MailData& piece, int number, qx7_error* error) {
+    return qx_error_set(error, -1, number, MAIL_FILE, "%s|%u|%s|", piece.fileName.c_str(),
+                        static_cast<unsigned>(number), strerror(number));
+}
+
+// Fills `block` as far as the file goes. -1 with MAIL_FILE, also when it ends before its size.
+int read_block(const MailData& piece, off_t at, std::string* block, qx7_error* error) {
+    block->resize(std::min(block_size, static_cast<size_t>(piece.size - at)));
+    size_t filled = 0;
+    while (filled < block->size()) {
+        const ssize_t n = pread(piece.fd.get(), block->data() + filled, block->size() - filled,
+                                at + static_cast<off_t>(filled));
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return file_error(piece, n < 0 ? errno : ESTALE, error);
+        }
+        filled += static_cast<size_t>(n);
+    }
+    return 0;
+}
+
+// Calls `take` with each block; its result above 0 ends the walk early, below 0 is returned.
+int walk_piece(const MailData& piece, const std::function<int(std::string_view)>& take, qx7_error* error) {
+    if (!piece.fd.valid()) {
+        return std::min(take(piece.buf), 0);
+    }
+    std::string block;
+    for (off_t at = 0; at < piece.size; at += static_cast<off_t>(block.size())) {
+        if (read_block(piece, at, &block, error) != 0) {
+            return -1;
+        }
+        if (const int result = take(block); result != 0) {
+            return std::min(result, 0);
+        }
+    }
+    return 0;
+}
+
+// Whether what comes block by block can travel as lines.
+struct plain_test {
+    size_t column = 0;
+    bool after_cr = false;
+    bool bare_ends = false;
+    bool full_ends = false;
+
+    bool take(std::string_view block) {
+        for (const char c : block) {
+            if (c <= 0 || c == 127 || (after_cr && c != '\n')) {
+                return false;
+            }
+            if (c == '\n') {
+                (after_cr ? full_ends : bare_ends) = true;
+                column = 0;
+            } else if (c != '\r' && ++column > text_line_max) {
+                return false;
+            }
+            after_cr = c == '\r';
+        }
+        return !(bare_ends && full_ends);
+    }
+    bool end() const { return !after_cr; }
+};
+
+// Counts what follows each place where a line begins with the boundary.
+struct boundary_search {
+    const std::string& boundary;
+    std::vector<size_t> followers = std::vector<size_t>(256);
+    bool found = false;
+    std::string window = "\n";  // the first line begins somewhere too
+
+    explicit boundary_search(const std::string& wanted) : boundary(wanted) {}
+
+    void take(std::string_view block) {
+        window += block;
+        for (size_t at = window.find(boundary); at != std::string::npos; at = window.find(boundary, at + 1)) {
+            if (at + boundary.size() == window.size()) {
+                break;  // what follows comes with the next block
+            }
+            count(at);
+        }
+        const size_t keep = boundary.size() + 3;
+        if (window.size() > keep) {
+            window.erase(0, window.size() - keep);
+        }
+    }
+    void end() {
+        window += '\n';
+        if (window.size() > boundary.size()) {
+            const size_t at = window.size() - boundary.size() - 1;
+            if (window.compare(at, boundary.size(), boundary) == 0) {
+                count(at);
+            }
+        }
+    }
+
+  private:
+    void count(size_t at) {
+        const bool first = at >= 1 && window[at - 1] == '\n';
+        const bool dashed = at >= 3 && window.compare(at - 3, 3, "\n--") == 0;
+        if (first || dashed) {
+            found = true;
+            ++followers[static_cast<unsigned char>(window[at + boundary.size()])];
+        }
+    }
+};
+
+// Text on its way out: line ends become CR LF, dots are doubled. Keeps its state between blocks.
+struct text_writer {
+    const mail_sink& sink;
+    bool line_start = true;
+    bool after_cr = false;
+    std::string out;
+
+    explicit text_writer(const mail_sink& target) : sink(target) {}
+
+    int write(std::string_view text) {
+        out.clear();
+        while (!text.empty()) {
+            const size_t end = text.find_first_of("\r\n");
+            take_run(text.substr(0, end));
+            if (end == std::string_view::npos) {
+                break;
+            }
+            if (text[end] == '\r') {
+                after_cr = true;
+            } else {
+                out += "\r\n";
+                line_start = true;
+                after_cr = false;
+            }
+            text.remove_prefix(end + 1);
+        }
+        return out.empty() ? 0 : sink(out);
+    }
+    // Ends a line that is open.
+    int end_line() { return line_start ? 0 : write("\n"); }
+
+  private:
+    void take_run(std::string_view run) {
+        if (run.empty()) {
+            return;
+        }
+        if (line_start && run.front() == '.') {
+            out += '.';
+        }
+        out += run;
+        line_start = false;
+        after_cr = false;
+    }
+};
+
+int write_base64(const MailData& piece, const mail_sink& sink, qx7_error* error) {
+    std::string out;
+    return walk_piece(
+        piece,
+        [&](std::string_view block) {
+            out.clear();
+            mail_append_base64(&out, block);
+            return sink(out);
+        },
+        error);
+}
+
+// A file of text that was changed meanwhile could end the part, or hold what no line may hold.
+int write_plain(const MailData& piece, const std::string& boundary, text_writer* writer, qx7_error* error) {
+    plain_test test;
+    boundary_search search(boundary);
+    bool changed = false;
+    const int result = walk_piece(
+        piece,
+        [&](std::string_view block) {
+            search.take(block);
+            changed = !test.take(block) || search.found;
+            return changed ? -1 : writer->write(block);
+        },
+        error);
+    search.end();
+    changed = changed || (result == 0 && (search.found || !test.end()));
+    return changed ? file_error(piece, ESTALE, error) : result;
+}
+
+std::string text_fields(const MailData& text, const std::string& charset) {
+    return std::string("Content-Type: text/") + (text.html ? "html" : "plain") + "; charset=" + charset +
+           "\r\n" + (text.plain ? "" : "Content-Transfer-Encoding: quoted-printable\r\n");
+}
+
+std::string file_fields(const MailData& piece, const std::string& charset) {
+    std::string fields = piece.plain ? "Content-Type: text/plain; charset=" + charset
+                                     : std::string("Content-Type: application/octet-stream");
+    if (!piece.fileName.empty()) {
+        fields += addParameter_old("name", piece.fileName, charset);
+    }
+    fields += piece.plain ? "\r\n" : "\r\nContent-Transfer-Encoding: base64\r\n";
+    fields += "Content-Disposition: attachment";
+    if (!piece.fileName.empty()) {
+        fields += ";" + addParameter("filename", piece.fileName, charset);
+    }
+    return fields + "\r\n";
+}
+
+int write_text(const MailData& text, text_writer* writer) {
+    return writer->write(text.plain ? text.buf : mail_quoted_printable(text.buf));
+}
+
+// The CR LF in front of a boundary belongs to the boundary.
+int write_parts(const std::vector<MailData>& pieces, const std::string& boundary, const std::string& charset,
+                text_writer* writer, qx7_error* error) {
+    for (size_t at = 0; at < pieces.size(); ++at) {
+        const MailData& piece = pieces[at];
+        const std::string fields = at == 0 ? text_fields(piece, charset) : file_fields(piece, charset);
+        if (writer->write("\r\n--" + boundary + "\r\n" + fields + "\r\n") != 0) {
+            return -1;
+        }
+        int result;
+        if (at == 0) {
+            result = write_text(piece, writer);
+        } else if (piece.plain) {
+            result = write_plain(piece, boundary, writer, error);
+        } else {
+            result = write_base64(piece, writer->sink, error);
+        }
+        if (result != 0) {
+            return -1;
+        }
+    }
+    return writer->write("\r\n--" + boundary + "--\r\n");
+}
+
+std::string last_part(const std::string& path) {
+    return path.substr(path.rfind('/') + 1);
+}
+
+int open_piece(const std::string& path, MailData* piece, qx7_error* error) {
+    piece->fileName = path;
+    if (path.empty() || path.front() != '/') {
+        return file_error(*piece, path.empty() ? ENOENT : EINVAL, error);
+    }
+    piece->fd.reset(open_read_on_order(path.c_str()));
+    struct stat status {};
+    if (!piece->fd.valid() || fstat(piece->fd.get(), &status) != 0) {
+        return file_error(*piece, errno, error);
+    }
+    piece->size = status.st_size;
+    piece->fileName = last_part(path);
+    return 0;
+}
+
+}  // namespace
+
+int mail_open_pieces(const mail_order& order, std::vector<MailData>* pieces, qx7_error* error) {
+    pieces->clear();
+    pieces->resize(order.attachments.size() + 1);
+    pieces->front().buf = order.text;
+    pieces->front().html = order.html;
+    for (size_t at = 0; at < order.attachments.size(); ++at) {
+        if (open_piece(order.attachments[at], &(*pieces)[at + 1], error) != 0) {
+            return -1;
+        }
+    }
+    return 0;
+}
+
+int is7bitData(MailData* piece, qx7_error* error) {
+    plain_test test;
+    bool good = true;
+    if (walk_piece(
+            *piece,
+            [&](std::string_view block) {
+                good = test.take(block);
+                return good ? 0 : 1;
+            },
+            error) != 0) {
+        return -1;
+    }
+    piece->plain = good && test.end();
+    return 0;
+}
+
+void expandBoundary(std::string* boundary, const std::vector<size_t>& followers) {
+    static constexpr std::string_view permitted =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789'()+_,-./:=?";
+    *boundary += *std::min_element(permitted.begin(), permitted.end(), [&](char a, char b) {
+        return followers[static_cast<unsigned char>(a)] < followers[static_cast<unsigned char>(b)];
+    });
+}
+
+int checkBoundary(const std::vector<MailData>& pieces, std::string* boundary, qx7_error* error) {
+    for (size_t at = 0; at < pieces.size();) {
+        boundary_search search(*boundary);
+        if (walk_piece(
+                pieces[at],
+                [&](std::string_view block) {
+                    search.take(block);
+                    return 0;
+                },
+                error) != 0) {
+            return -1;
+        }
+        search.end();
+        if (search.found) {
+            expandBoundary(boundary, search.followers);
+        }
+        at = search.found ? 0 : at + 1;
+    }
+    return 0;
+}
+
+int mail_write(const std::string& header, const std::vector<MailData>& pieces, const std::string& charset,
+               const mail_sink& sink, qx7_error* error) {
+    qx_error_clear(error);
+    text_writer writer(sink);
+    if (writer.write(header + "MIME-Version: 1.0\r\n") != 0) {
+        return -1;
+    }
+    if (pieces.size() == 1) {
+        const bool good = writer.write(text_fields(pieces[0], charset) + "\r\n") == 0 &&
+                          write_text(pieces[0], &writer) == 0 && writer.end_line() == 0;
+        return good ? 0 : -1;
+    }
+    std::string boundary = mail_boundary_start;
+    if (checkBoundary(pieces, &boundary, error) != 0 ||
+        writer.write("Content-Type: multipart/mixed; boundary=\"" + boundary + "\"\r\n") != 0) {
+        return -1;
+    }
+    return write_parts(pieces, boundary, charset, &writer, error);
+}
+
+void mail_append_base64(std::string* out, std::string_view block) {
+    static constexpr char letters[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    // Two letters for each 12 bits: half the look-ups.
+    static const auto pairs = [] {
+        std::array<std::array<char, 2>, 4096> table;
+        for (size_t value = 0; value < table.size(); ++value) {
+            table[value] = {letters[value >> 6], letters[value & 63]};
+        }
+        return table;
+    }();
+    const size_t start = out->size();
+    const size_t lines = (block.size() + base64_line - 1) / base64_line;
+    out->resize(start + (block.size() + 2) / 3 * 4 + lines * 2);
+    char* to = out->data() + start;
+    const auto* from = reinterpret_cast<const unsigned char*>(block.data());
+    for (size_t left = block.size(); left > 0;) {
+        size_t line = std::min(left, base64_line);
+        left -= line;
+        for (; line >= 3; line -= 3, from += 3, to += 4) {
+            memcpy(to, pairs[static_cast<size_t>(from[0] << 4 | from[1] >> 4)].data(), 2);
+            memcpy(to + 2, pairs[static_cast<size_t>((from[1] & 15) << 8 | from[2])].data(), 2);
+        }
+        if (line > 0) {
+            const unsigned second = line == 2 ? from[1] : 0;
+            memcpy(to, pairs[from[0] << 4 | second >> 4].data(), 2);
+            to[2] = line == 2 ? letters[(second & 15) << 2] : '=';
+            to[3] = '=';
+            to += 4;
+        }
+        memcpy(to, "\r\n", 2);
+        to += 2;
+    }
+}
+
+std::string mail_quoted_printable(std::string_view text) {
+    static constexpr char hex_digits[] = "0123456789ABCDEF";
+    std::string out;
+    size_t column = 0;
+    for (size_t at = 0; at < text.size(); ++at) {
+        const auto byte = static_cast<unsigned char>(text[at]);
+        const bool full_end = byte == '\r' && at + 1 < text.size() && text[at + 1] == '\n';
+        if (full_end || byte == '\n') {
+            out += "\r\n";
+            at += full_end ? 1 : 0;
+            column = 0;
+            continue;
+        }
+        const bool last = at + 1 == text.size() || text[at + 1] == '\n' || text[at + 1] == '\r';
+        const bool literal = (byte > 32 && byte < 127 && byte != '=') || ((byte == ' ' || byte == '\t') && !last);
+        const size_t width = literal ? 1 : 3;
+        if (column + width > quoted_line_max - 1) {
+            out += "=\r\n";
+            column = 0;
+        }
+        if (literal) {
+            out += static_cast<char>(byte);
+        } else {
+            out += '=';
+            out += hex_digits[byte >> 4];
+            out += hex_digits[byte & 15];
+        }
+        column += width;
+    }
+    return out;
+}
