@@ -108,6 +108,18 @@ void take_log_block(cp_server& server, cp_agent& agent, message_view view) {
         cp_emit(server, "store", agent.link.agent, 0,
                 fmt::format("cannot write '{}': {}", path, std::strerror(errno)));
     }
+    cp_control_tell_log(server, agent.link.agent, text);
+}
+
+// An answer that isn't QUITT goes as a whole to whoever asked.
+void take_other_answer(cp_server& server, cp_agent& agent, message_view view, uint32_t code) {
+    cp_answer answer;
+    answer.status = "OK";
+    answer.data.assign(reinterpret_cast<const char*>(view.data), view.length);
+    if (message_type_is(view.data, view.length, "CHGLOGQU")) {
+        agent.report_id = view_record<MSG_TYPE_CHGLOGQU>(view).ah_idnr_new;
+    }
+    cp_answer_pending(server, code, answer);
 }
 
 void answer_log_change(cp_server& server, cp_agent& agent, message_view view, const frame_address& from) {
@@ -211,6 +223,8 @@ void cp_handle_message(cp_server& server, cp_agent& agent) {
         take_log_block(server, agent, view);
     } else if (is("CHGLOGR")) {
         answer_log_change(server, agent, view, from);
+    } else if (is("EXINFO") || is("CHGLOGQU")) {
+        take_other_answer(server, agent, view, code);
     } else if (is("EXSTOP")) {
         agent.stopping = true;
         cp_emit(server, "stop", agent.link.agent, 0, fmt::format("agent {} stops", agent.link.agent));

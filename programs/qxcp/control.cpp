@@ -158,6 +158,7 @@ struct control_row {
 };
 
 constexpr control_row control_rows[] = {
+    {"query", control_query}, {"trace", control_trace}, {"log", control_log},   {"mail", control_mail},
     {"run", run_job},        {"agents", list_agents}, {"jobs", list_jobs},  {"cancel", cancel_job},
     {"info", tell_of_job},   {"report", get_report},  {"stop", stop_agent},
     {"exec", cp_control_exec},
@@ -273,6 +274,14 @@ void cp_control_read(cp_server& server, cp_control_client& client) {
         const std::string line = client.in.substr(0, end);
         client.in.erase(0, end + 1);
         handle_request(server, client, line);
+    }
+}
+
+void cp_control_tell_log(cp_server& server, const std::string& agent, const std::string& lines) {
+    for (auto& client : server.clients) {
+        if (client->watched_log == agent) {
+            tell(*client, {{"lines", lines}});
+        }
     }
 }
 

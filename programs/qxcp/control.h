@@ -23,3 +23,8 @@ void cp_control_exec(cp_server& server, cp_control_client& client, const nlohman
 void cp_control_exec_cancel(cp_server& server, cp_control_client& client, const nlohmann::json& request);
 void cp_control_resource_add(cp_server& server, cp_control_client& client, const nlohmann::json& request);
 void cp_control_resource_list(cp_server& server, cp_control_client& client, const nlohmann::json& request);
+// administration_control.cpp
+void control_query(cp_server& server, cp_control_client& client, const nlohmann::json& request);
+void control_trace(cp_server& server, cp_control_client& client, const nlohmann::json& request);
+void control_log(cp_server& server, cp_control_client& client, const nlohmann::json& request);
+void control_mail(cp_server& server, cp_control_client& client, const nlohmann::json& request);

@@ -11,6 +11,7 @@
 
 #include "catalogue_page.h"
 #include "console.h"
+#include "console_administration.h"
 #include "decode.h"
 #include "server.h"
 
@@ -111,6 +112,113 @@ int run_here(const cp_options& server_options, const cp_console_options& console
     return code;
 }
 
+// The commands about the agent itself: query, trace, log, mail.
+struct administration_commands {
+    CLI::App* query;
+    CLI::App* trace;
+    CLI::App* log;
+    CLI::App* mail;
+    nlohmann::json wish = nlohmann::json::object();
+    std::string trace_action = "get";
+    std::string flags, trigger, trigger_type;
+    int max_size = 0;
+    bool memory = false, dump = false, force = false, first_version = false;
+    bool follow = false, change = false;
+    std::vector<std::string> to, cc, attachments;
+    std::string from, subject, text, text_file, relay, relay_user, password_file;
+    bool html = false;
+    int timeout = 0;
+
+    administration_commands(CLI::App& app, const std::function<void(CLI::App*)>& add_data, std::string& agent) {
+        query = app.add_subcommand("query", "what an agent is doing: jobs, connections, processor time");
+        add_trace(app);
+        add_log(app);
+        add_mail(app);
+        for (CLI::App* command : {query, log, mail, trace}) {
+            command->add_option("agent", agent, "name of the agent; needed when several are logged on");
+            add_data(command);
+        }
+        trace->add_option("action", trace_action, "get, or set with --flags")
+            ->check(CLI::IsMember({"get", "set"}))
+            ->capture_default_str();
+    }
+
+    // The exit code, or nothing when none of these commands was given.
+    std::optional<int> run(const cp_console_options& options, const std::string& agent) {
+        if (*query) {
+            return cp_console_administration(options, {{"op", "query"}, {"agent", agent}});
+        }
+        if (*trace) {
+            return run_trace(options, agent);
+        }
+        if (*log) {
+            return change ? cp_console_administration(options, {{"op", "log"}, {"agent", agent}, {"change", true}})
+                          : cp_console_log(options, agent, follow);
+        }
+        if (*mail) {
+            return run_mail(options, agent);
+        }
+        return std::nullopt;
+    }
+
+  private:
+    void add_trace(CLI::App& app) {
+        trace = app.add_subcommand("trace", "show or set what an agent and its processes trace");
+        trace->add_option("--flags", flags, "a digit from 0 to 9 for each area, at most 16");
+        trace->add_option("--size", max_size, "megabytes of the trace in memory");
+        trace->add_flag("--memory", memory, "trace to memory");
+        trace->add_flag("--dump", dump, "write out what memory holds");
+        trace->add_flag("--force", force, "start tracing at once");
+        trace->add_option("--trigger", trigger, "text at which tracing starts or stops");
+        trace->add_option("--trigger-type", trigger_type, "letter of the trigger's kind");
+        trace->add_flag("--first-version", first_version, "send the older form: only the flags");
+    }
+    void add_log(CLI::App& app) {
+        log = app.add_subcommand("log", "the last lines of an agent's log");
+        auto* live = log->add_flag("--follow", follow, "go on with each line that comes");
+        log->add_flag("--change", change, "let the agent begin a new log")->excludes(live);
+    }
+    void add_mail(CLI::App& app) {
+        mail = app.add_subcommand("mail", "send a mail from an agent's host");
+        mail->add_option("--to", to, "recipient, 'address' or 'name <address>'; may be repeated")->required();
+        mail->add_option("--cc", cc, "recipient of a copy; may be repeated");
+        mail->add_option("--from", from, "sender; else that of the agent's settings");
+        mail->add_option("--subject", subject, "subject");
+        auto* here = mail->add_option("--text", text, "the text");
+        mail->add_option("--text-file", text_file, "file with the text, '-' for standard input")->excludes(here);
+        mail->add_flag("--html", html, "the text is HTML");
+        mail->add_option("--attach", attachments, "full path of a file on the agent's host; may be repeated");
+        mail->add_option("--server", relay, "mail relay; else that of the agent's settings");
+        mail->add_option("--user", relay_user, "user for the relay");
+        mail->add_option("--password-file", password_file, "file whose first line is that user's password");
+        mail->add_option("--timeout", timeout, "seconds that the relay has for each step")->check(CLI::Range(1, 600));
+        mail->add_flag("--first-version", first_version, "send the older form of the order");
+    }
+    int run_trace(const cp_console_options& options, const std::string& agent) {
+        if ((trace_action == "set") == flags.empty()) {
+            fmt::print(stderr, "qxcp: 'trace AGENT set' needs --flags, 'trace AGENT get' takes none\n");
+            return exit_usage;
+        }
+        nlohmann::json request = {{"op", "trace"}, {"agent", agent}};
+        if (trace_action == "set") {
+            request.update({{"flags", flags},   {"max_size", max_size}, {"memory", memory},
+                            {"dump", dump},     {"force", force},       {"trigger", trigger},
+                            {"trigger_type", trigger_type}, {"extended", !first_version}});
+        }
+        return cp_console_administration(options, request);
+    }
+    int run_mail(const cp_console_options& options, const std::string& agent) {
+        nlohmann::json request = {{"op", "mail"},       {"agent", agent},   {"to", to},          {"cc", cc},
+                                  {"from", from},       {"subject", subject}, {"text", text},    {"html", html},
+                                  {"attachments", attachments}, {"server", relay}, {"user", relay_user},
+                                  {"timeout", timeout}, {"first_version", first_version}};
+        if (!cp_console_complete_mail(request, text_file, password_file)) {
+            return exit_usage;
+        }
+        return cp_console_administration(options, request);
+    }
+};
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -155,6 +263,9 @@ int main(int argc, char** argv) {
             ->check(CLI::PositiveNumber)
             ->capture_default_str();
         command->add_option("--reconnect", server.reconnect, "seconds between two connection attempts of an agent")
+            ->check(CLI::PositiveNumber)
+            ->capture_default_str();
+        command->add_option("--log-interval", server.report_interval, "seconds between two looks for new log lines")
             ->check(CLI::PositiveNumber)
             ->capture_default_str();
         command->add_option("--block-size", server.block_size, "bytes of a report block")
@@ -242,6 +353,8 @@ int main(int argc, char** argv) {
     stop_command->add_option("agent", agent, "name of the agent")->required();
     add_data(stop_command);
 
+    administration_commands administration(app, add_data, agent);
+
     cp_decode_options decode;
     std::string decode_file;
     auto* decode_command = app.add_subcommand(
@@ -304,6 +417,9 @@ int main(int argc, char** argv) {
     }
     if (*stop_command) {
         return cp_console_stop(console, agent);
+    }
+    if (std::optional<int> result = administration.run(console, agent)) {
+        return *result;
     }
     if (*catalogue_command) {
         fmt::print("{}", cp_catalogue_page());

@@ -129,6 +129,45 @@ struct cp_exec_wish {
 int cp_exec(cp_server* server, const std::string& agent, const cp_exec_wish& wish, cp_answer_handler handler);
 // Stops a command, or all with number 0; their requests get no answer.
 bool cp_exec_cancel(cp_server* server, const std::string& agent, int number);
+// Administration of an agent (with an empty name: of the only one). False when it is not logged on. The answers are
+// QUITT, but `data` of cp_query's is a whole EXINFO and that of cp_change_log's a whole CHGLOGQU, in host form.
+bool cp_query(cp_server* server, const std::string& agent, cp_answer_handler handler);
+// TRCGET; `insert` holds the flags, `data` size, memory, trigger type and trigger text, a NUL behind each but the last.
+bool cp_trace_get(cp_server* server, const std::string& agent, cp_answer_handler handler);
+struct cp_trace_wish {
+    std::string flags;  // a digit for each area, at most 16
+    bool extended = true;  // version 02: what follows counts
+    int max_size = 0;
+    bool memory = false;
+    bool dump = false;
+    bool force = false;
+    char trigger_type = ' ';
+    std::string trigger;
+};
+// TRCSET; no answer comes.
+bool cp_trace_set(cp_server* server, const std::string& agent, const cp_trace_wish& wish);
+bool cp_change_log(cp_server* server, const std::string& agent, cp_answer_handler handler);
+
+struct cp_mail {
+    std::vector<std::string> to;
+    std::vector<std::string> cc;
+    std::string from;
+    std::string subject;
+    std::string text;
+    bool html = false;
+    std::vector<std::string> attachments;  // paths on the agent's host
+    std::string server;                    // relay; these empty: what the agent's settings say
+    std::string user;
+    std::string password;
+    int timeout = 0;
+    bool first_version = false;  // SNDMAIL instead of SNDMAIL2
+};
+// False also for a mail that is too long for its message; `error` says which.
+bool cp_send_mail(cp_server* server, const std::string& agent, const cp_mail& mail, std::string& error,
+                  cp_answer_handler handler);
+// CONNECT: the agent shall connect to another one.
+bool cp_connect_agents(cp_server* server, const std::string& agent, const std::string& name,
+                       const std::string& address, int port, const std::string& token, cp_answer_handler handler);
 bool cp_stop_agent(cp_server* server, const std::string& agent);
 // Ends the connection without a word.
 void cp_drop_line(cp_server* server, const std::string& agent);

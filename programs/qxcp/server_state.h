@@ -33,6 +33,7 @@ struct cp_control_client {
     std::string out;
     int watched_run = 0;  // a `run` whose states are told
     std::string last_told;
+    std::string watched_log;  // name of an agent whose log lines are told
     bool close_when_written = false;
 };
 
@@ -72,3 +73,4 @@ bool cp_control_open(cp_server& server, std::string& error);
 void cp_control_accept(cp_server& server);
 void cp_control_read(cp_server& server, cp_control_client& client);
 void cp_control_tell_job(cp_server& server, const cp_job& job);
+void cp_control_tell_log(cp_server& server, const std::string& agent, const std::string& lines);

@@ -1,0 +1,170 @@
+// Orders and questions about the agent itself: state, trace, log, mail, connections to other agents.
+#include <fmt/format.h>
+
+#include <cstring>
+
+#include "agent_messages.h"
+#include "messages/records_server.h"
+#include "messages/timestamp.h"
+
+namespace {
+
+constexpr uint16_t own_client = 100;
+constexpr uint32_t own_user = 1;
+
+template <class Element>
+void append_element(message_buffer* buffer, char type, char flag, const std::string& text) {
+    Element head{};
+    head.type = type;
+    head.flag = flag;
+    head.len = static_cast<decltype(head.len)>(text.size());
+    buffer->append({reinterpret_cast<const char*>(&head), sizeof head});
+    buffer->append(text);
+}
+
+struct mail_element {
+    char type;
+    char flag;
+    std::string text;
+};
+
+std::vector<mail_element> elements_of(const cp_mail& mail) {
+    std::vector<mail_element> list;
+    const auto add = [&list](char type, const std::string& text) {
+        if (!text.empty()) {
+            list.push_back({type, ' ', text});
+        }
+    };
+    for (const auto& address : mail.to) {
+        add('A', address);
+    }
+    for (const auto& address : mail.cc) {
+        add('C', address);
+    }
+    for (const auto& file : mail.attachments) {
+        add('D', file);
+    }
+    add('F', mail.from);
+    add('I', mail.timeout > 0 ? std::to_string(mail.timeout) : "");
+    add('L', mail.user);
+    add('P', mail.password);
+    add('S', mail.server);
+    list.push_back({'T', mail.html ? 'H' : ' ', mail.text});
+    return list;
+}
+
+template <class Message, class Element>
+bool send_mail(cp_server* server, cp_agent& agent, const cp_mail& mail, cp_answer_handler handler) {
+    auto order = new_message<Message>(own_client, own_user);
+    const std::vector<mail_element> elements = elements_of(mail);
+    put_text(order.subject, mail.subject);
+    order.ah_idnr = server->next_transfer++;
+    order.entries = static_cast<int32_t>(elements.size());
+    order.dist = sizeof order;
+    message_buffer buffer(sizeof order);
+    for (const mail_element& element : elements) {
+        append_element<Element>(&buffer, element.type, element.flag, element.text);
+    }
+    std::memcpy(buffer.bytes.data(), &order, sizeof order);
+    return cp_send(server, agent, module_agent, buffer.bytes.data(), buffer.bytes.size(), std::move(handler));
+}
+
+}  // namespace
+
+bool cp_query(cp_server* server, const std::string& name, cp_answer_handler handler) {
+    cp_agent* agent = cp_find_agent(server, name);
+    if (agent == nullptr) {
+        return false;
+    }
+    auto query = new_message<MSG_TYPE_EXQUERY>(own_client, own_user);
+    query.srvtime = timestamp_now();
+    return cp_send(server, *agent, module_agent, &query, sizeof query, std::move(handler));
+}
+
+bool cp_trace_get(cp_server* server, const std::string& name, cp_answer_handler handler) {
+    cp_agent* agent = cp_find_agent(server, name);
+    if (agent == nullptr) {
+        return false;
+    }
+    auto query = new_message<MSG_TYPE_TRCGET>(own_client, own_user, 2);
+    put_text(query.host, agent->link.agent);
+    return cp_send(server, *agent, module_agent, &query, sizeof query, std::move(handler));
+}
+
+bool cp_trace_set(cp_server* server, const std::string& name, const cp_trace_wish& wish) {
+    cp_agent* agent = cp_find_agent(server, name);
+    if (agent == nullptr) {
+        return false;
+    }
+    auto order = new_message<MSG_TYPE_TRCSET>(own_client, own_user, wish.extended ? 2 : 1);
+    put_text(order.host, agent->link.agent);
+    put_text(order.flags, wish.flags);
+    order.max_size = wish.max_size;
+    order.trigger_type = wish.trigger_type;
+    order.mem_trace = wish.memory ? '1' : '0';
+    order.dump_memory = wish.dump ? '1' : '0';
+    order.force_trace = wish.force ? '1' : '0';
+    message_buffer buffer(sizeof order);
+    if (wish.extended) {
+        order.trigger_dist = buffer.append(wish.trigger);
+        order.trigger_len = static_cast<int32_t>(wish.trigger.size());
+    }
+    std::memcpy(buffer.bytes.data(), &order, sizeof order);
+    return cp_send(server, *agent, module_agent, buffer.bytes.data(), buffer.bytes.size());
+}
+
+bool cp_change_log(cp_server* server, const std::string& name, cp_answer_handler handler) {
+    cp_agent* agent = cp_find_agent(server, name);
+    if (agent == nullptr) {
+        return false;
+    }
+    auto order = new_message<MSG_TYPE_CHGLOG>(own_client, own_user);
+    put_text(order.rtyp, "LOG");
+    order.ah_idnr = server->store.next_report_id++;
+    if (std::string fault = cp_store_save_numbers(server->store); !fault.empty()) {
+        cp_emit(*server, "store", "", 0, fault);
+    }
+    return cp_send(server, *agent, module_agent, &order, sizeof order, std::move(handler));
+}
+
+bool cp_send_mail(cp_server* server, const std::string& name, const cp_mail& mail, std::string& error,
+                  cp_answer_handler handler) {
+    cp_agent* agent = cp_find_agent(server, name);
+    if (agent == nullptr) {
+        error = name.empty() ? "no agent is logged on, or several are: see 'qxcp agents'"
+                             : fmt::format("agent '{}' is not logged on: see 'qxcp agents'", name);
+        return false;
+    }
+    if (mail.first_version && mail.text.size() > 0xFFFF) {
+        error = "the text is longer than 65535 bytes";
+        return false;
+    }
+    if (mail.subject.size() > sizeof MSG_TYPE_SNDMAIL2{}.subject) {
+        error = "the subject is longer than 255 bytes";
+        return false;
+    }
+    const bool sent = mail.first_version
+                          ? send_mail<MSG_TYPE_SNDMAIL, MSG_TYPE_SNDMAILX>(server, *agent, mail, std::move(handler))
+                          : send_mail<MSG_TYPE_SNDMAIL2, MSG_TYPE_SDMAIL2X>(server, *agent, mail, std::move(handler));
+    if (!sent) {
+        error = "the order could not be sent";
+    }
+    return sent;
+}
+
+bool cp_connect_agents(cp_server* server, const std::string& name, const std::string& partner,
+                       const std::string& address, int port, const std::string& token, cp_answer_handler handler) {
+    cp_agent* agent = cp_find_agent(server, name);
+    if (agent == nullptr) {
+        return false;
+    }
+    auto order = new_message<MSG_TYPE_CONNECT>(own_client, own_user);
+    put_text(order.name, partner);
+    put_text(order.ipaddr, address);
+    order.port = port;
+    message_buffer buffer(sizeof order);
+    order.gss_dist = buffer.append(token);
+    order.gss_len = static_cast<int32_t>(token.size());
+    std::memcpy(buffer.bytes.data(), &order, sizeof order);
+    return cp_send(server, *agent, module_agent, buffer.bytes.data(), buffer.bytes.size(), std::move(handler));
+}

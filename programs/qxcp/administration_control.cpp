@@ -1,0 +1,162 @@
+// The console's requests about the agent itself.
+#include <fmt/format.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "agent_messages.h"
+#include "control.h"
+#include "messages/records_server.h"
+#include "messages/timestamp.h"
+
+using nlohmann::json;
+
+namespace {
+
+constexpr size_t log_lines_shown = 20;
+
+void refuse_agent(cp_control_client& client, const std::string& agent) {
+    control_refuse(client, agent.empty() ? "no agent is logged on, or several are: name one, see 'qxcp agents'"
+                                         : fmt::format("agent '{}' is not logged on: see 'qxcp agents'", agent));
+}
+
+// Calls `tell` with the answer while the asker is still there; any other answer than OK is told as it is.
+cp_answer_handler answer_to(cp_server& server, const cp_control_client& client, std::string what,
+                            std::function<json(const cp_answer&)> tell) {
+    return [&server, id = client.id, what = std::move(what), tell = std::move(tell)](const cp_answer& answer) {
+        cp_control_client* asker = control_find_client(server, id);
+        if (asker == nullptr) {
+            return;
+        }
+        if (answer.status != "OK") {
+            control_refuse(*asker, fmt::format("{}: {}", what, control_answer_text(answer)));
+            return;
+        }
+        json story = tell(answer);
+        story["ok"] = true;
+        control_finish(*asker, story);
+    };
+}
+
+json info_of(const cp_answer& answer) {
+    const auto info = view_record<MSG_TYPE_EXINFO>(view_message(answer.data.data(), answer.data.size()));
+    return {{"jobs", info.jobcount},         {"transfers", info.ftcount}, {"connections", info.connectcount},
+            {"cpu_seconds", info.cputime / 100.0}, {"processors", info.pcount}};
+}
+
+json trace_of(const cp_answer& answer) {
+    std::vector<std::string> parts{""};
+    for (const char c : answer.data) {
+        if (c == '\0' && parts.size() < 4) {
+            parts.emplace_back();
+        } else {
+            parts.back() += c;
+        }
+    }
+    parts.resize(4);
+    return {{"flags", answer.insert},
+            {"max_size", std::atoi(parts[0].c_str())},
+            {"memory", parts[1] == "1"},
+            {"trigger_type", parts[2]},
+            {"trigger", parts[3]}};
+}
+
+void tell_old_lines(cp_server& server, const std::string& agent, std::string& out) {
+    std::ifstream in(fmt::format("{}/agents/{}.log", server.store.folder, agent), std::ios::binary);
+    in.seekg(0, std::ios::end);
+    const auto size = static_cast<long>(in.tellg());
+    const long start = std::max(0L, size - 16384);
+    in.seekg(start);
+    std::stringstream text;
+    text << in.rdbuf();
+    out = text.str();
+    size_t from = out.size();
+    for (size_t count = 0; count <= log_lines_shown && from != 0 && from != std::string::npos; ++count) {
+        from = out.rfind('\n', from - 1);
+    }
+    if (from != std::string::npos && from != 0) {
+        out.erase(0, from + 1);
+    }
+}
+
+}  // namespace
+
+void control_query(cp_server& server, cp_control_client& client, const json& request) {
+    const std::string agent = request.value("agent", "");
+    if (!cp_query(&server, agent, answer_to(server, client, "the query failed", info_of))) {
+        refuse_agent(client, agent);
+    }
+}
+
+void control_trace(cp_server& server, cp_control_client& client, const json& request) {
+    const std::string agent = request.value("agent", "");
+    if (request.contains("flags")) {
+        cp_trace_wish wish;
+        wish.flags = request.value("flags", "");
+        wish.extended = request.value("extended", true);
+        wish.max_size = request.value("max_size", 0);
+        wish.memory = request.value("memory", false);
+        wish.dump = request.value("dump", false);
+        wish.force = request.value("force", false);
+        wish.trigger = request.value("trigger", "");
+        wish.trigger_type = request.value("trigger_type", " ").append(" ")[0];
+        if (!cp_trace_set(&server, agent, wish)) {
+            refuse_agent(client, agent);
+            return;
+        }
+    }
+    // No answer comes to an order; what holds now is asked for behind it.
+    if (!cp_trace_get(&server, agent, answer_to(server, client, "no trace settings", trace_of))) {
+        refuse_agent(client, agent);
+    }
+}
+
+void control_log(cp_server& server, cp_control_client& client, const json& request) {
+    const cp_agent* agent = cp_find_agent(&server, request.value("agent", ""));
+    const std::string name = agent != nullptr ? agent->link.agent : request.value("agent", "");
+    if (request.value("change", false)) {
+        const auto told = [](const cp_answer& answer) -> json {
+            const auto quittung =
+                view_record<MSG_TYPE_CHGLOGQU>(view_message(answer.data.data(), answer.data.size()));
+            return {{"old_report", quittung.ah_idnr_old}, {"new_report", quittung.ah_idnr_new}};
+        };
+        if (!cp_change_log(&server, name, answer_to(server, client, "the log was not changed", told))) {
+            refuse_agent(client, name);
+        }
+        return;
+    }
+    if (name.empty() || name.find('/') != std::string::npos) {
+        refuse_agent(client, "");
+        return;
+    }
+    std::string lines;
+    tell_old_lines(server, name, lines);
+    if (!request.value("follow", false)) {
+        control_finish(client, {{"ok", true}, {"lines", lines}});
+        return;
+    }
+    client.watched_log = name;
+    cp_control_tell_log(server, name, lines);
+}
+
+void control_mail(cp_server& server, cp_control_client& client, const json& request) {
+    cp_mail mail;
+    mail.to = request.value("to", std::vector<std::string>());
+    mail.cc = request.value("cc", std::vector<std::string>());
+    mail.from = request.value("from", "");
+    mail.subject = request.value("subject", "");
+    mail.text = request.value("text", "");
+    mail.html = request.value("html", false);
+    mail.attachments = request.value("attachments", std::vector<std::string>());
+    mail.server = request.value("server", "");
+    mail.user = request.value("user", "");
+    mail.password = request.value("password", "");
+    mail.timeout = request.value("timeout", 0);
+    mail.first_version = request.value("first_version", false);
+    std::string error;
+    const auto told = [](const cp_answer&) -> json { return {{"text", "the mail was sent"}}; };
+    if (!cp_send_mail(&server, request.value("agent", ""), mail, error,
+                      answer_to(server, client, "the mail was not sent", told))) {
+        control_refuse(client, error);
+    }
+}
