@@ -280,7 +280,7 @@ void cp_control_read(cp_server& server, cp_control_client& client) {
 void cp_control_tell_log(cp_server& server, const std::string& agent, const std::string& lines) {
     for (auto& client : server.clients) {
         if (client->watched_log == agent) {
-            tell(*client, {{"lines", lines}});
+            control_tell(*client, {{"lines", lines}});
         }
     }
 }

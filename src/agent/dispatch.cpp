@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "agent/administration.h"
+#include "agent/agent_connect.h"
 #include "agent/log_stream.h"
 #include "agent/logon.h"
 #include "agent/server_connection.h"
@@ -77,7 +78,7 @@ const function_row sr_function_list[] = {
     {"TRCGET  ", process_trcget},
     {"TRCSET  ", process_trcset},
     {"CHGLOG  ", process_chglog},
-    {"CONNECT ", process_function_not_implemented},
+    {"CONNECT ", process_connect},
     {"SNOOZE  ", process_function_not_implemented},
     {"WAKEUP  ", process_function_not_implemented},
     {"EXSTOP  ", process_function_not_implemented},

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string>
 
+#include "agent/agent_connect.h"
 #include "agent/listener.h"
 #include "agent/server_connection.h"
 #include "agent/timers.h"
@@ -109,6 +110,8 @@ int process_ipc_channel_close(EX_PCX* pcx, ccm_msg_t* msg, int) {
         cp_connection_closed(pcx, channel.ID, channel.port);
     } else if (channel.type == CH_TYPE_SERVER && !other_server_stands(pcx)) {
         server_connection_lost(pcx);
+    } else if (channel.type == CH_TYPE_AGENT) {
+        agent_connection_closed(pcx, channel, record.cuc);
     }
     return 0;
 }
@@ -136,8 +139,8 @@ int process_ipc_gsshs_ok(EX_PCX* pcx, ccm_msg_t* msg, int) {
     pcx->ccm->flag.fetch_or(CCM_FLAG_CHANNELS_TO_DELETE);
     const int type = channel->type;
     ccm_channel_unlock(pcx->ccm);
-    // A connection to another agent belongs to a transfer, which this build does not have.
-    return type == CH_TYPE_SERVER ? server_connection_established(pcx, record.ID) : 0;
+    return type == CH_TYPE_SERVER ? server_connection_established(pcx, record.ID)
+                                  : agent_connection_established(pcx, record.ID);
 }
 
 int process_ipc_listener_ok(EX_PCX* pcx, ccm_msg_t*, int) {

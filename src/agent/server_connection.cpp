@@ -305,6 +305,9 @@ int process_executor_data(EX_PCX* pcx, ccm_msg_t* msg) {
         channel->cuc->pDelegCred = nullptr;  // it moves to the handshake
     }
     context.pDelegCred = expected ? context.pDelegCred : nullptr;
+    if (context.pDelegCred == nullptr) {
+        channel->cuc->key[0] = '\0';  // answered below: the close isn't answered once more
+    }
     ccm_channel_unlock(pcx->ccm);
 
     const ccm_addr_t& requester = context.ccmaddr;

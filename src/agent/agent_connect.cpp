@@ -1,0 +1,171 @@
+#include "agent/agent_connect.h"
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include "base/context.h"
+#include "base/log.h"
+#include "base/text.h"
+#include "channels/connect.h"
+#include "channels/messages.h"
+#include "channels/replies.h"
+#include "messages/records_server.h"
+#include "messages/view.h"
+#include "security/mechanism.h"
+
+namespace {
+
+constexpr char answered_type[] = "CONNECT ";
+constexpr int no_such_partner = 2002036;
+constexpr int mechanism_failed = 2000105;
+constexpr int port_max = 65535;
+
+// What the acceptance needs and gives back in any case.
+struct acceptance {
+    gss_OID_set mechs = nullptr;
+    gss_name_t name = nullptr;
+    gss_cred_id_t cred = nullptr;
+    gss_ctx_id_t context = nullptr;
+    gss_buffer_desc answer{};
+
+    ~acceptance() {
+        OM_uint32 minor = 0;
+        gss_release_buffer(&minor, &answer);
+        if (context != nullptr) {
+            gss_delete_sec_context(&minor, &context, nullptr);
+        }
+        if (cred != nullptr) {
+            gss_release_cred(&minor, &cred);
+        }
+        if (name != nullptr) {
+            gss_release_name(&minor, &name);
+        }
+        if (mechs != nullptr) {
+            gss_release_oid_set(&minor, &mechs);
+        }
+    }
+};
+
+int failed(const char* function, OM_uint32 major, OM_uint32 minor, qx7_error* error) {
+    return qx_error_set(error, -1, static_cast<int>(minor), mechanism_failed, "%s|%u|%u|", function, major, minor);
+}
+
+// The credential that the server's token delegates; null, when it delegates nothing.
+int take_token(EX_PCX* pcx, std::span<const unsigned char> bytes, gss_cred_id_t* delegated, qx7_error* error) {
+    acceptance work;
+    OM_uint32 minor = 0;
+    OM_uint32 major = gss_create_empty_oid_set(&minor, &work.mechs);
+    if (major == GSS_S_COMPLETE) {
+        major = gss_add_oid_set_member(&minor, GSS_MECH_KLVT_QX7, &work.mechs);
+    }
+    if (major != GSS_S_COMPLETE) {
+        return failed("gss_add_oid_set_member", major, minor, error);
+    }
+    const gss_buffer_desc own_name{strlen(pcx->exName), pcx->exName};
+    major = gss_import_name(&minor, &own_name, nullptr, &work.name);
+    if (major != GSS_S_COMPLETE) {
+        return failed("gss_import_name", major, minor, error);
+    }
+    major = gss_acquire_cred(&minor, work.name, GSS_C_INDEFINITE, work.mechs, GSS_C_ACCEPT, &work.cred, nullptr,
+                             nullptr);
+    if (major != GSS_S_COMPLETE) {
+        return failed("gss_acquire_cred", major, minor, error);
+    }
+    const gss_buffer_desc token{bytes.size(), const_cast<unsigned char*>(bytes.data())};
+    OM_uint32 flags = 0;
+    major = gss_accept_sec_context(&minor, &work.context, work.cred, &token, nullptr, nullptr, nullptr, &work.answer,
+                                   &flags, nullptr, delegated);
+    return major == GSS_S_COMPLETE ? 0 : failed("gss_accept_sec_context", major, minor, error);
+}
+
+int check_partner(const MSG_TYPE_CONNECT& order, qx7_error* error) {
+    const std::string name(get_field(order.name));
+    const bool good = ccm_name_acceptable(name.data(), name.size()) && !get_field(order.ipaddr).empty() &&
+                      order.port > 0 && order.port <= port_max;
+    return good ? 0
+                : qx_error_set(error, -1, EINVAL, no_such_partner, "%s:%d|%s|", printable(get_field(order.ipaddr)).c_str(),
+                               order.port, strerror(EINVAL));
+}
+
+ccm_connect_user_context_t* new_context(const MSG_TYPE_CONNECT& order, const ccm_msg_t* msg,
+                                        std::span<const unsigned char> token) {
+    ccm_connect_user_context_t* context = ccm_user_context_new(static_cast<int>(token.size()));
+    if (context == nullptr) {
+        return nullptr;
+    }
+    copy_text(context->key, connect_key_transfer);
+    copy_text(context->name, get_field(order.name));
+    context->client = order.header.i2Mandant;
+    context->user = static_cast<int>(order.header.i4UsrIdNr);
+    context->ccmaddr = msg->addr;
+    memcpy(ccm_user_context_content(context), token.data(), token.size());
+    return context;
+}
+
+int connect_partner(EX_PCX* pcx, const ccm_msg_t* msg, const MSG_TYPE_CONNECT& order,
+                    std::span<const unsigned char> token, qx7_error* error) {
+    ccm_connect_user_context_t* context = new_context(order, msg, token);
+    if (context == nullptr) {
+        return qx_error_set(error, -1, ENOMEM, 2003043, "calloc|%u|%s|", static_cast<unsigned>(ENOMEM),
+                            strerror(ENOMEM));
+    }
+    ccm_error_t fault;
+    int result = take_token(pcx, token, &context->pDelegCred, error);
+    if (result == 0) {
+        const std::string address(get_field(order.ipaddr));
+        result = ccm_connect(pcx->ccm, address.c_str(), order.port, CH_TYPE_AGENT, context, pcx->connwait, &fault);
+        if (result < 0) {
+            qx_error_set(error, -1, fault.xerrno, fault.msgnr, "%s", fault.msginsert);
+        }
+    }
+    if (result < 0) {
+        ccm_user_context_free(context);
+        return -1;
+    }
+    return 0;
+}
+
+}  // namespace
+
+int process_connect(EX_PCX* pcx, ccm_msg_t* msg, int) {
+    const message_view view = view_message(msg->msg_start, msg->len < 0 ? 0 : static_cast<size_t>(msg->len));
+    const auto order = view_record<MSG_TYPE_CONNECT>(view);
+    const auto token = view_data(view, order.gss_dist, order.gss_len);
+    qx7_error error;
+    if (check_partner(order, &error) == 0 && connect_partner(pcx, msg, order, token, &error) == 0) {
+        return 0;
+    }
+    __log(error.qx_msgnr, "%s", error.qx_msgInsert);
+    return send_quitt_reply(pcx, msg, error.qx_msgnr, error.qx_msgInsert, "NK", nullptr, 0);
+}
+
+int agent_connection_established(EX_PCX* pcx, int id) {
+    ccm_channel_t* channel = ccm_channel_getbyID(pcx->ccm, id);
+    if (channel == nullptr) {
+        return -1;
+    }
+    const bool ordered = channel->cuc != nullptr && strcmp(channel->cuc->key, connect_key_transfer) == 0;
+    ccm_channel_unlock(pcx->ccm);
+    if (!ordered) {
+        return 0;  // the partner's connection
+    }
+    __log(-1, "legacy file transfer is not implemented");
+    ccm_channel_deletebyID(pcx->ccm, id);
+    return -1;
+}
+
+void agent_connection_closed(EX_PCX* pcx, const ccm_channel_image_t& channel,
+                             const ccm_connect_user_context_t& context) {
+    if (channel.cuc == 0 || !field_is(context.key, sizeof context.key, connect_key_transfer)) {
+        return;
+    }
+    std::string insert = channel.msginsert;
+    if (channel.msgnr == 0) {
+        insert = printable(get_field(channel.name)) + "|" + strerror(ECONNRESET) + "|";
+    }
+    // By name: the server's channel may be another one by now.
+    send_quitt_extended(pcx, 0, context.ccmaddr.src_name, context.ccmaddr.dst_name, context.ccmaddr.src_acv,
+                        answered_type, context.client, context.user,
+                        channel.msgnr == 0 ? no_such_partner : channel.msgnr, insert.c_str(), "NK", nullptr, 0);
+}
