@@ -11,6 +11,7 @@
 #include "agent/unbuilt_modules.h"
 #include "base/context.h"
 #include "base/log.h"
+#include "base/rollback_folder.h"
 #include "base/time.h"
 #include "base/trace.h"
 #include "channels/ipc.h"
@@ -45,6 +46,7 @@ void post_checks(EX_PCX* pcx, time_t now) {
     send_IPC_internal_name(pcx->ccm, ipc_ft_chk);
     send_IPC_internal_name(pcx->ccm, ipc_ioschk);
     close_idle_reports(pcx);
+    rb_maintenance(pcx, time(nullptr));
     check_fileReqTimeout(pcx);
 }
 
