@@ -1,0 +1,125 @@
+// Figures of commands and stored resources: the real agent under the development server, beside bare processes
+// and beside jobs without resources in the same run. Prints one table.
+//
+//   bench_everyday [--only WHAT]     WHAT: command or resource
+#include <cstring>
+
+#include "messages/view.h"
+#include "qxcp/resources.h"
+#include "road_bench.h"
+
+namespace {
+
+void measure_command(bench& b) {
+    std::vector<double> times;
+    std::vector<double> peers;
+    for (int i = 0; i < 300; ++i) {
+        peers.push_back(spawn_once());
+        cp_exec_wish wish;
+        wish.command = "true";
+        wish.user = b.own_user;
+        bool done = false;
+        const auto start = clock_type::now();
+        cp_exec(b.server.get(), "BENCHAGENT", wish, [&done](const cp_answer& answer) {
+            if (answer.status != "OK") {
+                fmt::print(stderr, "bench: {} U{:08} {}\n", answer.status, answer.number, answer.insert);
+                std::exit(1);
+            }
+            done = true;
+        });
+        b.need(b.until(10000, [&] { return done; }), "EXRESCMD");
+        times.push_back(seconds_since(start));
+    }
+    const double ratio = median(times) / median(peers);
+    row("EXREQCMD `true` in to EXRESCMD out, median", fmt::format("{:.2f} ms", median(times) * 1e3),
+        fmt::format("shell {:.2f} ms", median(peers) * 1e3), fmt::format("{:.2f}", ratio), "at most 3 times the shell",
+        ratio <= 3);
+}
+
+constexpr int job_count = 1000;
+
+// Seconds from the first EXAKTJ to the last EXAKTJQU of jobs that all want the same file, or none.
+double start_all(bench& b, bool with_resource) {
+    std::vector<int> runs;
+    const auto start = clock_type::now();
+    for (int i = 0; i < job_count; ++i) {
+        cp_job job;
+        job.name = "BENCH";
+        job.script = "true";
+        job.user = b.own_user;
+        job.wrap = false;
+        job.shell = "sh";
+        if (with_resource) {
+            job.resources = {{"BENCH", "shared", 'C'}};
+        }
+        std::string error;
+        runs.push_back(cp_submit(b.server.get(), job, error));
+    }
+    b.need(b.until(120000, [&] {
+        return std::all_of(runs.begin(), runs.end(), [&](int run) { return !b.job(run).process_id.empty(); });
+    }), "the last EXAKTJQU");
+    const double time = seconds_since(start);
+    b.need(b.until(120000, [&] {
+        return std::all_of(runs.begin(), runs.end(), [&](int run) { return b.ended(run); });
+    }), "the last end");
+    for (int run : runs) {
+        cp_forget(b.server.get(), run);
+    }
+    return time;
+}
+
+void add_version(bench& b) {
+    const std::string path = b.folder.path + "/source";
+    write_file(path, std::string(100000, 'x'));
+    cp_resource resource;
+    resource.object = "BENCH";
+    resource.name = "shared";
+    if (const std::string fault = cp_resource_add(cp_server_store(b.server.get()), resource, path); !fault.empty()) {
+        fmt::print(stderr, "bench: {}\n", fault);
+        std::exit(1);
+    }
+}
+
+void measure_resource(bench& b) {
+    int questions = 0;
+    cp_server_tap(b.server.get(), [&questions](cp_agent&, const cp_received& received) {
+        questions += message_type_is(received.body.data(), received.body.size(), "BIN_GET") ? 1 : 0;
+        return false;
+    });
+    std::vector<double> with;
+    std::vector<double> without;
+    constexpr int rounds = 3;
+    for (int round = 0; round < rounds; ++round) {
+        without.push_back(start_all(b, false));
+        add_version(b);  // a new version, so that each round fetches
+        with.push_back(start_all(b, true));
+    }
+    cp_server_tap(b.server.get(), {});
+    const double ratio = median(with) / median(without);
+    row(fmt::format("{} jobs that share a resource: start", job_count), fmt::format("{:.2f} s", median(with)),
+        fmt::format("without {:.2f} s", median(without)), fmt::format("{:.2f}", ratio), "at most 1.2 times without",
+        ratio <= 1.2);
+    row("the same: BIN_GET in each round", fmt::format("{}", questions / rounds), "", "", "one",
+        questions == rounds);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const std::string only = argc == 3 && std::strcmp(argv[1], "--only") == 0 ? argv[2] : "";
+    // Files come and go quickly here, which some file systems slow down on purpose; it is not what is measured.
+    if (access("/dev/shm", W_OK) == 0) {
+        setenv("TMPDIR", "/dev/shm", 0);
+    }
+    bench b;
+    fmt::print("{:<46} {:>16} {:>22} {:>10}   {:<28}\n", "what", "figure", "peer", "ratio", "aim");
+    b.logon();
+    if (only.empty() || only == "command") {
+        measure_command(b);
+    }
+    if (only.empty() || only == "resource") {
+        measure_resource(b);
+    }
+    b.host->stop();
+    return 0;
+}
