@@ -182,6 +182,10 @@ void cp_answer_pending(cp_server& server, uint32_t code, const cp_answer& answer
 
 void cp_handle_message(cp_server& server, cp_agent& agent) {
     cp_received& received = agent.link.received;
+    if (cp_take_file_answer(server, agent,
+                            {reinterpret_cast<const char*>(received.body.data()), received.body.size()})) {
+        return;
+    }
     msgconv_ctx_t context;
     msg_error error;
     const int result = ToHOST(received.body.data(), received.body.size(), &context, 0, nullptr, &error);
@@ -213,6 +217,8 @@ void cp_handle_message(cp_server& server, cp_agent& agent) {
         cp_take_command_result(server, view, code);
     } else if (is("BIN_GET")) {
         cp_take_resource_request(server, agent, view, from);
+    } else if (is("RES_GET")) {
+        cp_take_login_request(server, agent, view, from);
     } else if (is("REP_DATA")) {
         cp_take_report_block(server, agent, view);
     } else if (is("REP_END")) {
@@ -250,6 +256,7 @@ void cp_handle_lost_line(cp_server& server, cp_agent& agent) {
     for (uint32_t code : codes) {
         cp_answer_pending(server, code, lost);
     }
+    cp_end_file_reads(server, agent);
     std::vector<int> ids;
     for (auto& [id, transfer] : server.transfers) {
         if (transfer.agent_id == agent.id) {

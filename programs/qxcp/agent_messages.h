@@ -52,6 +52,12 @@ std::string cp_resource_lines(const cp_job& job, const std::string& cache, const
 void cp_take_resource_request(cp_server& server, cp_agent& agent, message_view view,
                               const frame_address& from);
 
+// file_control.cpp
+void cp_take_login_request(cp_server& server, cp_agent& agent, message_view view, const frame_address& from);
+// False when the text is no answer of file retrieval.
+bool cp_take_file_answer(cp_server& server, cp_agent& agent, std::string_view text);
+void cp_end_file_reads(cp_server& server, const cp_agent& agent);
+
 // report_control.cpp
 void cp_take_report_block(cp_server& server, cp_agent& agent, message_view view);
 void cp_take_report_end(cp_server& server, message_view view);

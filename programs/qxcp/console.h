@@ -36,6 +36,17 @@ struct cp_exec_options {
     int number = 0;
 };
 
+struct cp_cat_options {
+    std::string agent;
+    std::string file;
+    std::string user;
+    std::string password_file;
+    std::string encoding = "raw";
+    int tail = -1;      // lines, -1: not wanted
+    int head = -1;      // lines, -1: not wanted
+    int64_t bytes = 0;  // at most, 0: all
+};
+
 struct cp_resource_options {
     std::string path;
     std::string object;
@@ -55,4 +66,6 @@ int cp_console_report(const cp_console_options& options, int run, const std::str
 int cp_console_exec(const cp_console_options& options, const cp_exec_options& exec);
 int cp_console_resource_add(const cp_console_options& options, const cp_resource_options& resource);
 int cp_console_resource_list(const cp_console_options& options);
+int cp_console_cat(const cp_console_options& options, const cp_cat_options& cat);
+int cp_console_shell(const cp_console_options& options, const std::string& agent, const std::string& command);
 int cp_console_stop(const cp_console_options& options, const std::string& agent);

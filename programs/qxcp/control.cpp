@@ -162,6 +162,8 @@ constexpr control_row control_rows[] = {
     {"run", run_job},        {"agents", list_agents}, {"jobs", list_jobs},  {"cancel", cancel_job},
     {"info", tell_of_job},   {"report", get_report},  {"stop", stop_agent},
     {"exec", cp_control_exec},
+    {"cat", cp_control_cat},
+    {"shell", cp_control_shell},
     {"exec_cancel", cp_control_exec_cancel},
     {"resource_add", cp_control_resource_add},
     {"resource_list", cp_control_resource_list},

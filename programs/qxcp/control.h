@@ -19,6 +19,8 @@ std::string control_answer_text(const cp_answer& answer);
 
 // Handlers of requests, one of the files *_control.cpp each.
 using control_handler = void (*)(cp_server& server, cp_control_client& client, const nlohmann::json& request);
+void cp_control_cat(cp_server& server, cp_control_client& client, const nlohmann::json& request);
+void cp_control_shell(cp_server& server, cp_control_client& client, const nlohmann::json& request);
 void cp_control_exec(cp_server& server, cp_control_client& client, const nlohmann::json& request);
 void cp_control_exec_cancel(cp_server& server, cp_control_client& client, const nlohmann::json& request);
 void cp_control_resource_add(cp_server& server, cp_control_client& client, const nlohmann::json& request);

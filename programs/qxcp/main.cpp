@@ -336,6 +336,34 @@ int main(int argc, char** argv) {
                             ->check(CLI::NonNegativeNumber);
     add_data(exec_command);
 
+    cp_cat_options cat;
+    auto* cat_command = app.add_subcommand("cat", "print a file of an agent's host, with the rights of a user there");
+    cat_command->add_option("agent", cat.agent, "name of the agent")->required();
+    cat_command->add_option("file", cat.file, "path of the file")->required();
+    auto* cat_tail = cat_command->add_option("--tail", cat.tail, "only the last lines, so many of them")
+                         ->check(CLI::NonNegativeNumber);
+    auto* cat_head = cat_command->add_option("--head", cat.head, "only the first lines, so many of them")
+                         ->check(CLI::NonNegativeNumber)
+                         ->excludes(cat_tail);
+    cat_command->add_option("--bytes", cat.bytes, "only the first bytes, so many of them")
+        ->check(CLI::PositiveNumber)
+        ->excludes(cat_tail)
+        ->excludes(cat_head);
+    cat_command->add_option("--encoding", cat.encoding,
+                            "print as UTF-8 what is in this encoding; auto: what the file's mark says; raw: as it is")
+        ->check(CLI::IsMember({"raw", "auto", "utf8", "ucs2le", "ucs2be"}))
+        ->capture_default_str();
+    cat_command->add_option("--user", cat.user, "user on the agent's host")->default_val(own_user());
+    cat_command->add_option("--password-file", cat.password_file, "file whose first line is that user's password");
+    add_data(cat_command);
+
+    std::vector<std::string> shell_words;
+    auto* shell_command = app.add_subcommand(
+        "shell", "run a command of the agent's own console, such as GET_COMMANDS, and print what it shows");
+    shell_command->add_option("agent", agent, "name of the agent")->required();
+    shell_command->add_option("command", shell_words, "the command and its words")->required();
+    add_data(shell_command);
+
     cp_resource_options resource;
     auto* resource_command = app.add_subcommand("resource", "files that the server keeps for jobs");
     resource_command->require_subcommand(1);
@@ -411,6 +439,12 @@ int main(int argc, char** argv) {
             return exit_usage;
         }
         return cp_console_exec(console, exec);
+    }
+    if (*cat_command) {
+        return cp_console_cat(console, cat);
+    }
+    if (*shell_command) {
+        return cp_console_shell(console, agent, fmt::format("{}", fmt::join(shell_words, " ")));
     }
     if (*resource_command) {
         return *resource_add ? cp_console_resource_add(console, resource) : cp_console_resource_list(console);

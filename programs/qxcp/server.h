@@ -168,6 +168,24 @@ bool cp_send_mail(cp_server* server, const std::string& agent, const cp_mail& ma
 // CONNECT: the agent shall connect to another one.
 bool cp_connect_agents(cp_server* server, const std::string& agent, const std::string& name,
                        const std::string& address, int port, const std::string& token, cp_answer_handler handler);
+// A part of a file of the agent's host, read with the rights of `user` and copied to `copy` (removed again when the
+// answer isn't OK). The answer's data is "<bytes> <position in the file>".
+enum class cp_file_part { bytes, head, tail };
+struct cp_file_wish {
+    std::string path;
+    std::string copy;
+    std::string user;
+    std::string password;
+    cp_file_part part = cp_file_part::bytes;
+    int lines = 0;      // of head and tail
+    int64_t limit = 0;  // bytes that are wanted at most, 0: all
+    int block_size = 524288;
+};
+bool cp_read_file(cp_server* server, const std::string& agent, const cp_file_wish& wish,
+                  cp_answer_handler handler);
+// A command of the agent's service console; its output is in `copy` when the answer is OK.
+bool cp_shell(cp_server* server, const std::string& agent, const std::string& command, const std::string& copy,
+              cp_answer_handler handler);
 bool cp_stop_agent(cp_server* server, const std::string& agent);
 // Ends the connection without a word.
 void cp_drop_line(cp_server* server, const std::string& agent);

@@ -26,6 +26,18 @@ struct cp_transfer {
     cp_answer_handler handler;
 };
 
+// A file that is being read from an agent, by the key of its request.
+struct cp_file_read {
+    int agent_id = 0;
+    unsigned user_id = 0;  // as which the agent asks for the login object
+    FILE* file = nullptr;
+    cp_file_wish wish;
+    int64_t remaining = -1;  // what the last block said, -1 before the first
+    int64_t written = 0;
+    int64_t position = 0;
+    cp_answer_handler handler;
+};
+
 struct cp_control_client {
     int id = 0;
     int fd = -1;
@@ -52,6 +64,7 @@ struct cp_server {
     std::vector<std::unique_ptr<cp_control_client>> clients;
     std::map<uint32_t, cp_pending> pending;
     std::map<int, cp_transfer> transfers;
+    std::map<std::string, cp_file_read> file_reads;
     cp_observer observer;
     cp_message_tap tap;
 

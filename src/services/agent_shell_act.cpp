@@ -172,6 +172,9 @@ void as_setAgentParam(const agent_shell_call& call) {
     }
     account.pw_passwd.clear();
     effUser_guard lock;
+    if (PrepToExUser(&error) == SWITCH_FAILED) {
+        __log_error(error);
+    }
     // Whoever the agent is afterwards must still be able to send this output. Without rights the switch fails
     // as well, and says so.
     if (call.file != nullptr && fchown(fileno(call.file), account.pw_uid, account.pw_gid) != 0) {

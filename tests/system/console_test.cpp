@@ -6,7 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "server_fixture.h"
+#include "console_fixture.h"
 
 namespace {
 
@@ -20,43 +20,6 @@ std::vector<std::string> lines_of(const std::string& text) {
     }
     return lines;
 }
-
-// `qxcp serve` and an agent, both in processes of their own.
-struct console : ::testing::Test {
-    scratch_folder folder;
-    child_process server;
-    int port = free_port();
-
-    std::string data() const { return folder.path + "/data"; }
-    std::string output;
-
-    void serve(const std::vector<std::string>& more = {}) {
-        std::vector<std::string> arguments = {
-            QX_SERVER_PROGRAM,    "serve",  "--system", "TESTSYS",     "--port",
-            std::to_string(port), "--data", data(),     "--reconnect", "1"};
-        arguments.insert(arguments.end(), more.begin(), more.end());
-        start_program(server, arguments, folder.path + "/server.out");
-        ASSERT_TRUE(wait_until(10000, [&] {
-            return server.output().find("listens on") != std::string::npos;
-        })) << server.output();
-    }
-    int qxcp(std::vector<std::string> arguments, bool with_data = true) {
-        arguments.insert(arguments.begin(), QX_SERVER_PROGRAM);
-        if (with_data) {
-            arguments.insert(arguments.end(), {"--data", data()});
-        }
-        return run_program(arguments, output, 30000);
-    }
-    bool agent_is_on(const std::string& name) {
-        return wait_until(20000,
-                          [&] { return qxcp({"agents"}) == 0 && output.find(name) != std::string::npos; });
-    }
-    std::string script(const std::string& text) {
-        write_file(folder.path + "/script.sh", text, 0755);
-        return folder.path + "/script.sh";
-    }
-    bool says(const std::string& text) const { return output.find(text) != std::string::npos; }
-};
 
 TEST_F(console, runs_a_script_and_shows_what_became_of_it) {
     serve();

@@ -1,0 +1,105 @@
+// `qxcp cat`: files of the agent's host through the running programs.
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+
+#include "console_fixture.h"
+
+namespace {
+
+struct file_retrieval : console {
+    installation host{"FILES", port};
+    std::string own_user = getpwuid(geteuid())->pw_name;
+
+    void SetUp() override {
+        serve();
+        host.start();
+        ASSERT_TRUE(agent_is_on("FILES")) << output << host.log();
+    }
+    int cat(const std::string& file, const std::vector<std::string>& more = {}) {
+        std::vector<std::string> words{"cat", "FILES", file, "--user", own_user};
+        words.insert(words.end(), more.begin(), more.end());
+        return qxcp(words);
+    }
+};
+
+TEST_F(file_retrieval, prints_lines_and_bytes) {
+    std::string text;
+    for (int i = 1; i <= 200000; ++i) {
+        text += "line " + std::to_string(i) + "\n";
+    }
+    const std::string file = folder.path + "/text";
+    write_file(file, text);
+    EXPECT_EQ(cat(file), 0);
+    EXPECT_EQ(output, text);
+    EXPECT_EQ(cat(file, {"--tail", "2"}), 0);
+    EXPECT_EQ(output, "line 199999\nline 200000\n");
+    EXPECT_EQ(cat(file, {"--head", "150000"}), 0);
+    EXPECT_EQ(output, text.substr(0, text.find("line 150001\n")));
+    EXPECT_EQ(cat(file, {"--bytes", "11"}), 0);
+    EXPECT_EQ(output, "line 1\nline");
+    EXPECT_EQ(cat(file, {"--tail", "1", "--json"}), 0);
+    const auto told = nlohmann::json::parse(output);
+    EXPECT_EQ(told["text"], "line 200000\n");
+    EXPECT_EQ(told["position"], text.size() - 12);
+    write_file(file, std::string("\xFF\xFE\xE4\0\n\0b\0\n\0", 10));
+    EXPECT_EQ(cat(file, {"--head", "1", "--encoding", "auto"}), 0);
+    EXPECT_EQ(output, "\xC3\xA4\n");
+    EXPECT_EQ(cat(file, {"--tail", "1", "--encoding", "ucs2le"}), 0);
+    EXPECT_EQ(output, "b\n");
+    EXPECT_TRUE(host.log_has("U02000256"));
+}
+
+TEST_F(file_retrieval, the_end_of_a_huge_file_costs_its_end) {
+    const std::string file = folder.path + "/huge";
+    const int fd = open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    const off_t size = 10LL << 30;
+    std::string end = "\n";
+    for (int i = 0; i < 100; ++i) {
+        end += "line " + std::to_string(i) + "\n";
+    }
+    ASSERT_EQ(ftruncate(fd, size), 0);
+    ASSERT_EQ(pwrite(fd, end.data(), end.size(), size), static_cast<ssize_t>(end.size()));
+    close(fd);
+    EXPECT_EQ(cat(file, {"--tail", "100"}), 0);
+    EXPECT_EQ(output, end.substr(1));
+    EXPECT_NE(cat(file, {"--tail", "200"}), 0);  // its first line is longer than any that is read
+    EXPECT_TRUE(says("File too large")) << output;
+}
+
+TEST_F(file_retrieval, tells_what_cannot_be_read) {
+    EXPECT_EQ(cat(folder.path + "/missing"), 1);
+    EXPECT_TRUE(says("No such file")) << output;
+    const std::string pipe = folder.path + "/pipe";
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0666), 0);
+    EXPECT_EQ(cat(pipe, {"--tail", "5"}), 1);
+    EXPECT_TRUE(says("Invalid argument")) << output;
+    EXPECT_EQ(cat("/dev/zero"), 1);
+    EXPECT_EQ(qxcp({"cat", "FILES", "/etc/passwd", "--user", "no-such-user"}), 1);
+    EXPECT_EQ(qxcp({"cat", "OTHER", "/etc/passwd"}), 1);
+    EXPECT_TRUE(says("not logged on")) << output;
+    EXPECT_EQ(cat("/etc/passwd", {"--tail", "1", "--head", "1"}), 64);
+    EXPECT_EQ(cat("/etc/passwd", {"--head", "1"}), 0) << output;  // and the agent goes on
+}
+
+TEST_F(file_retrieval, the_user_decides_what_may_be_read) {
+    if (!is_root()) {
+        GTEST_SKIP() << "needs root, to make a user";
+    }
+    const test_user other("qxfileuser");
+    const std::string link = other.home + "/link";
+    ASSERT_EQ(symlink("/etc/shadow", link.c_str()), 0);
+    for (const std::string& file : {std::string("/etc/shadow"), link}) {
+        EXPECT_EQ(qxcp({"cat", "FILES", file, "--user", other.name}), 1);
+        EXPECT_TRUE(says("Permission denied")) << output;
+    }
+    write_file(other.home + "/own", "mine\n", 0600);
+    ASSERT_EQ(chown((other.home + "/own").c_str(), other.uid, other.gid), 0);
+    EXPECT_EQ(qxcp({"cat", "FILES", other.home + "/own", "--user", other.name}), 0);
+    EXPECT_EQ(output, "mine\n");
+}
+
+}  // namespace
