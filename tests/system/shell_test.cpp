@@ -39,7 +39,7 @@ TEST_F(shell, shows_the_agent_from_inside) {
 
     const std::string path = script("#!/bin/sh\nsleep 60\n");
     child_process job;
-    start_program(job, {QX_SERVER_PROGRAM, "run", path, "--name", "SLEEPER", "--data", data()},
+    start_program(job, {QX_SERVER_PROGRAM, "run", path, "--name", "SLEEPER", "--shell", "sh", "--data", data()},
                   folder.path + "/job.out");
     EXPECT_TRUE(wait_until(20000, [&] {
         return qxcp({"shell", "SHELL", "GET_JOBS"}) == 0 && says("name=SLEEPER;");
