@@ -3,7 +3,11 @@
 
 set(QX_WARNINGS -Wall -Wextra -Wconversion -Werror)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
-  list(APPEND QX_WARNINGS -Wno-restrict)  # it fires on std::string's own code in this version
+  # They fire on the standard library's own code in this version, most of them only at -O3.
+  list(APPEND QX_WARNINGS -Wno-restrict)
+  if(CMAKE_BUILD_TYPE STREQUAL "Release")
+    list(APPEND QX_WARNINGS -Wno-stringop-overflow -Wno-stringop-overread -Wno-array-bounds)
+  endif()
 endif()
 set(QX_HARDENING -fstack-protector-strong)
 if(NOT QX_SANITIZE AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
