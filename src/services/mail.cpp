@@ -279,7 +279,7 @@ void initSmtpMail(EX_PCX* pcx) {
     pcx->getProfileString(pcx, "MAIL", "smtp_username", "", var->smtp_username, sizeof var->smtp_username);
     qx_secret_text password;
     if (password.resize(1024)) {
-        pcx->getProfileString(pcx, "MAIL", "smtp_password", "", password.data(), static_cast<int>(password.size()));
+        pcx->getProfileString(pcx, "MAIL", "smtp_password", "", password.data(), password.size());
         decipher_in_place(password.data(), password.size());
         copy_text(var->smtp_password, password.c_str());
     }

@@ -373,7 +373,7 @@ void mail_append_base64(std::string* out, std::string_view block) {
         }
         if (line > 0) {
             const unsigned second = line == 2 ? from[1] : 0;
-            memcpy(to, pairs[from[0] << 4 | second >> 4].data(), 2);
+            memcpy(to, pairs[static_cast<unsigned>(from[0]) << 4 | second >> 4].data(), 2);
             to[2] = line == 2 ? letters[(second & 15) << 2] : '=';
             to[3] = '=';
             to += 4;
