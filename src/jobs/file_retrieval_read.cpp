@@ -82,6 +82,16 @@ struct line_count {
 
 // Where the last wanted line ends in the piece, or its size. -1: a line is longer than `max`.
 ssize_t count_lines(std::string_view piece, char code, int64_t wanted, size_t max, line_count* count) {
+    if (text_code_unit(code) == 1 && count->length + piece.size() <= max) {
+        // No line here can be too long, and in most pieces none is the last one: these are only counted.
+        const int64_t ends = std::count(piece.begin(), piece.end(), '\n');
+        if (count->lines + ends < wanted) {
+            const size_t last = piece.rfind('\n');
+            count->lines += ends;
+            count->length = last == std::string_view::npos ? count->length + piece.size() : piece.size() - last - 1;
+            return static_cast<ssize_t>(piece.size());
+        }
+    }
     for (size_t at = 0; at < piece.size();) {
         const size_t end = line_end(piece, at, code);
         const size_t stop = end == std::string_view::npos ? piece.size() : end;
