@@ -94,17 +94,17 @@ struct boundary_search {
 
     explicit boundary_search(const std::string& wanted) : boundary(wanted) {}
 
+    // Across the seam first, then in the block as it stands: a copy of each block would cost more than the search.
     void take(std::string_view block) {
-        window += block;
-        for (size_t at = window.find(boundary); at != std::string::npos; at = window.find(boundary, at + 1)) {
-            if (at + boundary.size() == window.size()) {
-                break;  // what follows comes with the next block
-            }
-            count(at);
-        }
-        const size_t keep = boundary.size() + 3;
-        if (window.size() > keep) {
-            window.erase(0, window.size() - keep);
+        const size_t seam = boundary.size() + 3;
+        const size_t from_before = window.size();
+        window += block.substr(0, 2 * seam);
+        count_all(window, 0, from_before + 3);
+        count_all(block, 3, block.size());
+        if (block.size() > 2 * seam) {
+            window = block.substr(block.size() - seam);
+        } else if (window.size() > seam) {
+            window.erase(0, window.size() - seam);
         }
     }
     void end() {
@@ -112,18 +112,33 @@ struct boundary_search {
         if (window.size() > boundary.size()) {
             const size_t at = window.size() - boundary.size() - 1;
             if (window.compare(at, boundary.size(), boundary) == 0) {
-                count(at);
+                count(window, at);
             }
         }
     }
 
   private:
-    void count(size_t at) {
-        const bool first = at >= 1 && window[at - 1] == '\n';
-        const bool dashed = at >= 3 && window.compare(at - 3, 3, "\n--") == 0;
+    // Those that begin from `low` on and below `high`, with what follows them; the byte behind the last place comes
+    // with the next block.
+    void count_all(std::string_view text, size_t low, size_t high) {
+        for (size_t at = low; at < high && at < text.size();) {
+            const void* hit = memmem(text.data() + at, text.size() - at, boundary.data(), boundary.size());
+            if (hit == nullptr) {
+                break;
+            }
+            at = static_cast<size_t>(static_cast<const char*>(hit) - text.data());
+            if (at < high && at + boundary.size() < text.size()) {
+                count(text, at);
+            }
+            ++at;
+        }
+    }
+    void count(std::string_view text, size_t at) {
+        const bool first = at >= 1 && text[at - 1] == '\n';
+        const bool dashed = at >= 3 && text.compare(at - 3, 3, "\n--") == 0;
         if (first || dashed) {
             found = true;
-            ++followers[static_cast<unsigned char>(window[at + boundary.size()])];
+            ++followers[static_cast<unsigned char>(text[at + boundary.size()])];
         }
     }
 };

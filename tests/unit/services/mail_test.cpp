@@ -1,0 +1,307 @@
+// Mails without a network: orders, header lines, parts, and the dialogue with a relay that follows a script.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <string>
+#include <thread>
+
+#include "messages/records_common.h"
+#include "messages/records_server.h"
+#include "own_context.h"
+#include "services/mail_body.h"
+#include "services/mail_elements.h"
+#include "services/mail_header.h"
+#include "services/relay.h"
+
+namespace {
+
+template <class Record>
+void add_element(std::string* body, char type, char flag, const std::string& text) {
+    Record head{};
+    head.type = type;
+    head.flag = flag;
+    head.len = static_cast<decltype(head.len)>(text.size());
+    body->append(reinterpret_cast<const char*>(&head), sizeof head);
+    *body += text;
+}
+
+std::string order_of(const std::vector<std::pair<char, std::string>>& elements) {
+    auto order = new_message<MSG_TYPE_SNDMAIL2>(1, 2);
+    put_field(order.subject, "a subject");
+    order.ah_idnr = 77;
+    order.dist = sizeof order;
+    order.entries = static_cast<int32_t>(elements.size());
+    std::string body(reinterpret_cast<const char*>(&order), sizeof order);
+    for (const auto& [type, text] : elements) {
+        add_element<MSG_TYPE_SDMAIL2X>(&body, type, ' ', text);
+    }
+    return body;
+}
+
+TEST(mail_elements, are_read_whole_or_not_at_all) {
+    const std::string body = order_of({{'A', " ann@x "}, {'A', "bob@x"}, {'C', "cc@x"}, {'D', "/tmp/a b"}, {'F', "me@x"},
+                                       {'I', "12"}, {'L', "bert"}, {'P', " p w "}, {'S', "relay\0junk"}, {'T', "one\n"},
+                                       {'Z', "unknown"}, {'T', "two\n"}});
+    mail_order order;
+    qx7_error error;
+    ASSERT_EQ(mail_read_order(view_message(body.data(), body.size()), &order, &error), 0);
+    EXPECT_EQ(order.to, (std::vector<std::string>{"ann@x", "bob@x"}));
+    EXPECT_EQ(order.cc, std::vector<std::string>{"cc@x"});
+    EXPECT_EQ(order.attachments, std::vector<std::string>{"/tmp/a b"});
+    EXPECT_EQ(order.from + order.user + order.server, "me@xbertrelay");
+    EXPECT_EQ(order.password.view(), " p w ") << "blanks may belong to a password";
+    EXPECT_EQ(order.text, "one\ntwo\n");
+    EXPECT_EQ(order.timeout, 12);
+    EXPECT_EQ(order.ah_idnr, 77);
+    for (size_t cut = 1; cut < body.size() - sizeof(MSG_TYPE_SNDMAIL2); ++cut) {
+        mail_order part;
+        EXPECT_EQ(mail_read_order(view_message(body.data(), body.size() - cut), &part, &error), -1) << cut;
+    }
+}
+
+TEST(mail_elements, bound_time_and_attachments) {
+    for (const auto& [text, seconds] : std::vector<std::pair<std::string, int>>{
+             {"0", 1}, {"-5", 1}, {"1", 1}, {"600", 600}, {"601", 600}, {"99999999999", 30}, {"x", 30}, {"", 30}}) {
+        const std::string body = order_of({{'I', text}});
+        mail_order order;
+        qx7_error error;
+        ASSERT_EQ(mail_read_order(view_message(body.data(), body.size()), &order, &error), 0);
+        EXPECT_EQ(order.timeout, seconds) << text;
+    }
+    std::vector<std::pair<char, std::string>> files(255, {'D', "/a"});
+    mail_order order;
+    qx7_error error;
+    std::string body = order_of(files);
+    EXPECT_EQ(mail_read_order(view_message(body.data(), body.size()), &order, &error), 0);
+    files.emplace_back('D', "/last");
+    body = order_of(files);
+    mail_order more;
+    EXPECT_EQ(mail_read_order(view_message(body.data(), body.size()), &more, &error), -1);
+    EXPECT_EQ(error.qx_msgnr, MAIL_FILE);
+}
+
+TEST(mail_header, gives_addresses_only_to_what_is_one) {
+    for (const auto& [mailbox, address] : std::vector<std::pair<std::string, std::string>>{
+             {"ann", "ann"},
+             {"ann@x.org", "ann@x.org"},
+             {"Ann <ann@x.org>", "ann@x.org"},
+             {"\"A < B\" <ann@x.org>", "ann@x.org"},
+             {"ann@[127.0.0.1]", "ann@[127.0.0.1]"},
+             {"ann@[IPv6:::1]", "ann@[IPv6:::1]"},
+             {"", ""}, {"<>", ""}, {"@x", ""}, {"a b", ""}, {"a\tb", ""}, {"a\r\nb", ""}, {"a,b", ""}, {"g:a", ""},
+             {"a;b", ""}, {"a(c)", ""}, {"\"a\"@x", ""}, {"a\\@x", ""}, {"a>", ""}, {"<a", ""}, {"<a>b", ""},
+             {"\xc3\xa4@x", ""}, {std::string(254, 'a'), std::string(254, 'a')}, {std::string(255, 'a'), ""}}) {
+        EXPECT_EQ(mail_address(mailbox), address) << mailbox;
+    }
+}
+
+TEST(mail_header, encodes_and_folds) {
+    EXPECT_EQ(makeEncodedWord_Q("a b_\xe4", "iso-8859-1"), "=?iso-8859-1?Q?a_b=5F=E4?=");
+    EXPECT_EQ(getSubjectField("plain", "utf-8"), "plain");
+    EXPECT_EQ(getSubjectField("a\r\nBcc: b", "utf-8"), "a  Bcc: b");
+    EXPECT_EQ(getSubjectField("=?x", "utf-8"), "=?utf-8?Q?=3D=3Fx?=") << "is not decoded on the other side";
+    std::string many;
+    for (int i = 0; i < 60; ++i) {
+        many += "\xe2\x82\xac";
+    }
+    const std::string words = makeEncodedWord_Q(many, "utf-8");
+    for (size_t at = 0; at < words.size();) {
+        const size_t end = std::min(words.find("\r\n ", at), words.size());
+        const std::string word = words.substr(at, end - at);
+        EXPECT_LE(word.size(), 75u);
+        EXPECT_EQ((word.size() - 12) % 9, 0u) << "no character is torn: " << word;
+        at = end + 3;
+    }
+    EXPECT_EQ(addParameter("filename", "a\"b.txt", "utf-8"), "\r\n filename=\"a\\\"b.txt\"");
+    EXPECT_EQ(addParameter("filename", "\xe4.txt", "iso-8859-1"), "\r\n filename*=iso-8859-1''%E4.txt");
+    const std::string date = getDateField(0);
+    EXPECT_TRUE(date.find("1970") != std::string::npos || date.find("1969") != std::string::npos) << date;
+}
+
+TEST(mail_body, codes_as_the_standards_say) {
+    for (const auto& [plain, coded] : std::vector<std::pair<std::string, std::string>>{
+             {"", ""}, {"f", "Zg==\r\n"}, {"fo", "Zm8=\r\n"}, {"foo", "Zm9v\r\n"}, {"foob", "Zm9vYg==\r\n"},
+             {"fooba", "Zm9vYmE=\r\n"}, {"foobar", "Zm9vYmFy\r\n"}, {std::string("\xff\xfe\xfd", 3), "//79\r\n"}}) {
+        std::string out;
+        mail_append_base64(&out, plain);
+        EXPECT_EQ(out, coded) << plain;
+    }
+    for (const size_t size : {56, 57, 58, 113, 114, 115}) {
+        std::string out;
+        mail_append_base64(&out, std::string(size, 'x'));
+        EXPECT_EQ(out.find("\r\n"), std::min<size_t>(76, (size + 2) / 3 * 4)) << size;
+    }
+    EXPECT_EQ(mail_quoted_printable("a=b\nc \r\nd\t"), "a=3Db\r\nc=20\r\nd=09");
+    EXPECT_EQ(mail_quoted_printable(std::string(76, 'x')), std::string(75, 'x') + "=\r\nx");
+}
+
+TEST(mail_body, tells_what_can_go_as_lines) {
+    for (const auto& [text, plain] : std::vector<std::pair<std::string, bool>>{
+             {"", true}, {"a\nb", true}, {"a\r\nb\r\n", true}, {"a\r\nb\n", false}, {"a\rb", false}, {"a\r", false},
+             {std::string(998, 'x'), true}, {std::string(999, 'x'), false}, {std::string("\0", 1), false},
+             {"\x80", false}, {"\x7f", false}, {"\t\f\x01", true}}) {
+        MailData piece;
+        piece.buf = text;
+        qx7_error error;
+        ASSERT_EQ(is7bitData(&piece, &error), 0);
+        EXPECT_EQ(piece.plain, plain) << text;
+    }
+}
+
+std::string boundary_for(const std::vector<std::string>& texts) {
+    std::vector<MailData> pieces(texts.size());
+    for (size_t at = 0; at < texts.size(); ++at) {
+        pieces[at].buf = texts[at];
+    }
+    std::string boundary = mail_boundary_start;
+    qx7_error error;
+    EXPECT_EQ(checkBoundary(pieces, &boundary, &error), 0);
+    return boundary;
+}
+
+TEST(mail_body, chooses_a_boundary_that_no_line_begins_with) {
+    const std::string start = mail_boundary_start;
+    EXPECT_EQ(boundary_for({"text"}), start);
+    EXPECT_EQ(boundary_for({"in the midst " + start}), start);
+    EXPECT_EQ(boundary_for({start}), start + "A") << "one character more";
+    EXPECT_EQ(boundary_for({"x\n--" + start}), start + "A");
+    EXPECT_EQ(boundary_for({"x", "y\n" + start + "Ax\n"}), start + "B");
+    std::string all;
+    for (int c = 'A'; c <= 'Z'; ++c) {
+        all += start + static_cast<char>(c) + "\n";
+    }
+    EXPECT_EQ(boundary_for({all}), start + "a");
+    EXPECT_EQ(boundary_for({start + "A\n", start + "\n"}), start + "B") << "the search begins again with the first piece";
+}
+
+// In a file that is read in blocks, wherever the seam falls.
+TEST(mail_body, finds_the_boundary_across_blocks) {
+    const own_context context;
+    const own_folder folder;
+    for (size_t before = 58368 - 14; before <= 58368 + 2; ++before) {
+        write_text(folder / "file", std::string(before, '\n') + "--" + mail_boundary_start);
+        mail_order order;
+        order.attachments = {folder / "file"};
+        std::vector<MailData> pieces;
+        qx7_error error;
+        ASSERT_EQ(mail_open_pieces(order, &pieces, &error), 0) << error.qx_msgInsert;
+        std::string boundary = mail_boundary_start;
+        ASSERT_EQ(checkBoundary(pieces, &boundary, &error), 0);
+        EXPECT_EQ(boundary, std::string(mail_boundary_start) + "A") << before;
+    }
+}
+
+// A file that is cut or changed while it is sent stops the mail.
+TEST(mail_body, sends_no_file_that_changes_under_it) {
+    const own_context context;
+    const own_folder folder;
+    for (const std::string& later : {std::string("short"), std::string(20, '\x80'), "\n--" + std::string(mail_boundary_start) + "\nxxxxxxx"}) {
+        write_text(folder / "file", "twenty bytes of text");
+        mail_order order;
+        order.attachments = {folder / "file"};
+        std::vector<MailData> pieces;
+        qx7_error error;
+        ASSERT_EQ(mail_open_pieces(order, &pieces, &error), 0);
+        ASSERT_EQ(is7bitData(&pieces[0], &error) + is7bitData(&pieces[1], &error), 0);
+        bool changed = false;
+        const int result = mail_write("", pieces, "utf-8",
+                                      [&](std::string_view bytes) {
+                                          if (!changed && bytes.find("attachment") != std::string_view::npos) {
+                                              changed = true;
+                                              write_text(folder / "file", later);
+                                          }
+                                          return 0;
+                                      },
+                                      &error);
+        EXPECT_EQ(result, -1) << later;
+        EXPECT_EQ(error.qx_msgnr, MAIL_FILE) << later;
+    }
+}
+
+TEST(relay, takes_whole_replies_only) {
+    struct one {
+        std::string bytes;
+        long used;
+        int code;
+    };
+    for (const one& c : std::vector<one>{{"250 ok\r\n", 8, 250},
+                                         {"250\n", 4, 250},
+                                         {"250-a\r\n250 b\r\nmore", 14, 250},
+                                         {"250-a\r\n", 0, 250},
+                                         {"25", 0, 0},
+                                         {"25\r\n", -1, 0},
+                                         {"250-a\r\n251 b\r\n", -1, 250},
+                                         {"199 x\r\n", -1, 0},
+                                         {"600 x\r\n", -1, 0},
+                                         {"250ok\r\n", -1, 0},
+                                         {"+25 x\r\n", -1, 0},
+                                         {std::string(relay_line_max + 1, '2'), -1, 0}}) {
+        relay_reply reply;
+        EXPECT_EQ(relay_parse_reply(c.bytes, &reply), c.used) << c.bytes.substr(0, 20);
+        EXPECT_EQ(reply.code, c.code) << c.bytes.substr(0, 20);
+    }
+    std::string endless;
+    for (size_t at = 0; at < relay_lines_max + 1; ++at) {
+        endless += "250-x\r\n";
+    }
+    relay_reply reply;
+    EXPECT_EQ(relay_parse_reply(endless, &reply), -1);
+    EhloExt able;
+    receiveEhloResponse({250, {"relay", "auth plain CRAM-MD5", "AUTHX LOGIN"}}, &able);
+    EXPECT_EQ(able.auth_plain * 2 + able.auth_login, 2);
+}
+
+// What the client said to a relay that answers line by line from a script.
+std::string talk(const std::vector<std::string>& script, const smtp_mail& mail, int* number) {
+    int pair[2];
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+    std::string heard;
+    std::thread relay([&] {
+        for (const std::string& answer : script) {
+            (void)!write(pair[1], answer.data(), answer.size());
+            char chunk[4096];
+            const ssize_t n = read(pair[1], chunk, sizeof chunk);
+            heard.append(chunk, n > 0 ? static_cast<size_t>(n) : 0);
+        }
+        shutdown(pair[1], SHUT_RDWR);
+    });
+    SmtpSocket line;
+    line.s.reset(pair[0]);
+    line.serverName = "relay";
+    line.timeout = 2;
+    qx7_error error;
+    std::string warned;
+    const int result = sendSmtpMail(&line, mail, [&](int, const std::string& insert) { warned += insert; }, &error);
+    line.s.reset();
+    relay.join();
+    close(pair[1]);
+    *number = result == 0 ? 0 : error.qx_msgnr;
+    return heard;
+}
+
+TEST(relay, resets_after_a_failure_and_takes_its_leave) {
+    smtp_mail mail;
+    mail.from = "me@x";
+    mail.to = {"a@x", "b@x"};
+    mail.header = "Subject: s\r\n";
+    mail.charset = "utf-8";
+    mail.pieces.resize(1);
+    mail.pieces[0].plain = true;
+    int number = 0;
+    std::string heard = talk({"220 hi\r\n", "250 ok\r\n", "250 ok\r\n", "550 no|thanks\r\n", "551 no\r\n", "250 reset\r\n", "221 bye\r\n"}, mail, &number);
+    EXPECT_EQ(number, MAIL_NO_RECIPIENT);
+    EXPECT_EQ(heard.substr(heard.find("MAIL")), "MAIL FROM:<me@x>\r\nRCPT TO:<a@x>\r\nRCPT TO:<b@x>\r\nRSET\r\nQUIT\r\n");
+    heard = talk({"554 go away\r\n"}, mail, &number);
+    EXPECT_EQ(number, MAIL_GREETING);
+    EXPECT_EQ(heard, "") << "no session, no farewell";
+    heard = talk({"220 hi\r\n", "500 what\r\n", "250 ok\r\n", "250 ok\r\n", "251 forwarded\r\n", "550 no\r\n", "554 no data\r\n", "250 reset\r\n", "221 bye\r\n"}, mail, &number);
+    EXPECT_EQ(number, MAIL_DATA_REFUSED);
+    EXPECT_NE(heard.find("\r\nHELO "), std::string::npos);
+    EXPECT_NE(heard.find("DATA\r\nRSET\r\nQUIT\r\n"), std::string::npos) << heard;
+    // A reply ahead of its question is not taken for the answer to it.
+    heard = talk({"220 hi\r\n250 ok\r\n250 ok\r\n", "554 no EHLO\r\n", "554 no HELO\r\n"}, mail, &number);
+    EXPECT_EQ(number, MAIL_GREETING);
+}
+
+}  // namespace
