@@ -1,7 +1,7 @@
 // Figures of commands and stored resources: the real agent under the development server, beside bare processes
 // and beside jobs without resources in the same run. Prints one table.
 //
-//   bench_everyday [--only WHAT]     WHAT: command or resource
+//   bench_everyday [--only WHAT]     WHAT: command, resource or log
 #include <cstring>
 
 #include "messages/view.h"
@@ -105,6 +105,54 @@ void measure_resource(bench& b) {
 
 }  // namespace
 
+namespace {
+
+// Jobs a second of 500 that are submitted at once, the best of `rounds`.
+double job_rate(bench& b, int rounds) {
+    constexpr int count = 500;
+    double best = 0;
+    for (int round = 0; round < rounds; ++round) {
+        std::vector<int> runs;
+        const auto start = clock_type::now();
+        for (int i = 0; i < count; ++i) {
+            runs.push_back(b.submit("true"));
+        }
+        b.need(b.until(120000, [&] {
+            return std::all_of(runs.begin(), runs.end(), [&](int run) { return b.ended(run); });
+        }), "the last end");
+        best = std::max(best, count / seconds_since(start));
+        for (const int run : runs) {
+            cp_forget(b.server.get(), run);
+        }
+    }
+    return best;
+}
+
+// The period counts from the next logon on.
+void log_on_with_period(bench& b, int seconds) {
+    cp_server_options(b.server.get()).report_interval = seconds;
+    b.host->stop();
+    b.need(b.until(10000, [&] { return cp_find_agent(b.server.get(), "BENCHAGENT") == nullptr; }), "the farewell");
+    b.logon();
+}
+
+// Alternating, so that a slow moment of the host meets both.
+void measure_log_stream(bench& b) {
+    double with = 0;
+    double without = 0;
+    for (int round = 0; round < 3; ++round) {
+        log_on_with_period(b, 100000);
+        without = std::max(without, job_rate(b, 2));
+        log_on_with_period(b, 1);
+        with = std::max(with, job_rate(b, 2));
+    }
+    row("500 jobs `true` while the log is streamed", fmt::format("{:.0f}/s", with),
+        fmt::format("not streamed {:.0f}/s", without), fmt::format("{:.2f}", with / without), "at least 0.95",
+        with / without >= 0.95);
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
     const std::string only = argc == 3 && std::strcmp(argv[1], "--only") == 0 ? argv[2] : "";
     // Files come and go quickly here, which some file systems slow down on purpose; it is not what is measured.
@@ -119,6 +167,9 @@ int main(int argc, char** argv) {
     }
     if (only.empty() || only == "resource") {
         measure_resource(b);
+    }
+    if (only.empty() || only == "log") {
+        measure_log_stream(b);
     }
     b.host->stop();
     return 0;
