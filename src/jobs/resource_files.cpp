@@ -305,7 +305,7 @@ int CreateCachePath(EX_PCX* pcx, const JP_AREA* job, const resource_item& resour
 }
 
 size_t CrLfCorrection(char* text, size_t length) {
-    const size_t end = strnlen(text, length);
+    const size_t end = length == 0 ? 0 : strnlen(text, length);
     size_t kept = 0;
     for (size_t i = 0; i < end; ++i) {
         if (text[i] == '\r' && i + 1 < end && text[i + 1] == '\n') {
