@@ -56,7 +56,7 @@ TEST_F(commands, output_and_code_come_straight_back) {
         EXPECT_EQ(answer.number, one.number) << one.command;
         EXPECT_EQ(answer.data, one.output) << one.command;
     }
-    EXPECT_TRUE(no_output_left());
+    EXPECT_TRUE(wait_until(5000, [&] { return no_output_left(); }));
 }
 
 TEST_F(commands, a_greedy_command_blocks_nobody_and_ends_at_its_limit) {

@@ -3,6 +3,12 @@
 
 #include <fcntl.h>
 
+#ifdef QX_FAKE_PAM
+#include <dlfcn.h>
+
+#include "fake_pam.h"
+#endif
+
 #include "base/error.h"
 #include "job_fixture.h"
 #include "jobs/launch.h"
@@ -182,6 +188,54 @@ TEST_F(command_test, a_request_without_user_runs_as_the_agent_where_the_server_a
     finish();
     EXPECT_EQ(output_of(first_sent()), user + "\r\n");
 }
+
+TEST_F(command_test, a_password_is_asked_for_where_jobs_are_asked_too) {
+    pcx->pcx_JobPwCheck = 1;
+    pcx->pcx_strt_euid = 1;  // an agent that was not started as root can check none
+    request(32, "id");
+    auto quitt = first_sent().as<MSG_TYPE_QUITT>();
+    EXPECT_EQ(quitt.msgnr, 2001088);
+    EXPECT_EQ(get_text(quitt.msg_insert), "32|" + user + "|incorrect password|id");
+    EXPECT_EQ(getCommandCount(), 0);
+    if (runs_as_root()) {
+        const made_user other("qxcmdpw");
+        ASSERT_TRUE(other.made);
+        pcx->pcx_strt_euid = 0;
+        pcx->pcx_hardened = 1;
+        request(33, "id", 10, other.name);
+        pcx->pcx_hardened = 0;
+        EXPECT_EQ(first_sent().as<MSG_TYPE_QUITT>().msgnr, 2001088) << "a locked account, and no password";
+    }
+}
+
+#ifdef QX_FAKE_PAM
+TEST_F(command_test, pam_decides_and_its_handle_is_ended) {
+    if (!runs_as_root()) {
+        return;
+    }
+    void* library = nullptr;
+    qx7_error error;
+    ASSERT_EQ(loadDLL(pcx, QX_FAKE_PAM, &library, &error), 0) << error.qx_msgInsert;
+    char name[64];
+    ASSERT_EQ(LoadPamFunctions(library, name, sizeof name, &error), 0);
+    auto* state = reinterpret_cast<fake_pam_state* (*)()>(dlsym(library, fake_pam_symbol))();
+    pcx->pcx_JobPwCheck = 1;
+    pcx->pcx_strt_euid = 0;
+    pcx->pcx_Auth = 'P';
+    *state = {};
+    state->styles = {PAM_PROMPT_ECHO_OFF};
+    request(34, "echo in");
+    finish();
+    EXPECT_EQ(output_of(first_sent()), "in\r\n");
+    EXPECT_EQ(state->open_handles, 0);
+    state->authenticate = 7;
+    request(35, "echo in");
+    EXPECT_EQ(first_sent().as<MSG_TYPE_QUITT>().msgnr, 2001088);
+    EXPECT_EQ(state->open_handles, 0);
+    pcx->pcx_Auth = 'L';
+    unloadDLL(pcx, library, QX_FAKE_PAM, &error);
+}
+#endif
 
 TEST_F(command_test, the_lists_are_read_once) {
     write_text(pcx->IniFile, "[GLOBAL]\nuserid_type=INCL\nReadUserAlways=yes\n[USERID]\n" + user +
