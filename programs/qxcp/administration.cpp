@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "agent_messages.h"
+#include "base/memory.h"
 #include "messages/records_server.h"
 #include "messages/timestamp.h"
 
@@ -167,4 +168,45 @@ bool cp_connect_agents(cp_server* server, const std::string& name, const std::st
     order.gss_len = static_cast<int32_t>(token.size());
     std::memcpy(buffer.bytes.data(), &order, sizeof order);
     return cp_send(server, *agent, module_agent, buffer.bytes.data(), buffer.bytes.size(), std::move(handler));
+}
+
+bool cp_delegation_token(cp_server* server, const std::string& name, const std::string& partner, std::string& token,
+                         std::string& error) {
+    gss_cred_id_t cred = nullptr;
+    gss_name_t receiver = nullptr;
+    gss_ctx_id_t context = nullptr;
+    gss_buffer_desc output;
+    OM_uint32 minor = 0;
+    uint8_t key[gss_key_size];
+    uint8_t partner_key[gss_key_size];
+    const int number = get_transfer_key(*server->identity.keys, name, key);
+    const int partner_number = get_transfer_key(*server->identity.keys, partner, partner_key);
+    OM_uint32 major = GSS_S_FAILURE;
+    if (number != 0 || partner_number != 0) {
+        error = fmt::format("there is no key of agent {}: it has never logged on", number != 0 ? name : partner);
+    } else {
+        const gss_buffer_desc text{name.size(), const_cast<char*>(name.data())};
+        major = gss_acquire_cred_with_key(&minor, server->options.system, key, GSS_C_INITIATE, &cred);
+        major = major == GSS_S_COMPLETE ? gss_add_cred_with_key(&minor, cred, partner, partner_key, GSS_C_INITIATE)
+                                        : major;
+        major = major == GSS_S_COMPLETE ? gss_import_name(&minor, &text, GSS_C_NT_MACHINE_UID_NAME, &receiver) : major;
+        major = major == GSS_S_COMPLETE
+                    ? gss_init_sec_context(&minor, cred, &context, receiver, GSS_MECH_KLVT_QX7, GSS_C_DELEG_FLAG,
+                                           GSS_C_INDEFINITE, nullptr, nullptr, nullptr, &output, nullptr, nullptr)
+                    : major;
+        const bool made = major == GSS_S_COMPLETE || major == GSS_S_CONTINUE_NEEDED;
+        if (made) {
+            token.assign(static_cast<const char*>(output.value), output.length);
+        } else {
+            error = fmt::format("no token: {:08X}, {} {}", major, minor, gss_minor_text(minor));
+        }
+    }
+    qx_wipe(key, sizeof key);
+    qx_wipe(partner_key, sizeof partner_key);
+    OM_uint32 ignored;
+    gss_release_buffer(&ignored, &output);
+    gss_delete_sec_context(&ignored, &context, nullptr);
+    gss_release_name(&ignored, &receiver);
+    gss_release_cred(&ignored, &cred);
+    return error.empty();
 }

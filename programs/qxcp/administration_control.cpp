@@ -160,3 +160,30 @@ void control_mail(cp_server& server, cp_control_client& client, const json& requ
         control_refuse(client, error);
     }
 }
+
+void control_connect(cp_server& server, cp_control_client& client, const json& request) {
+    const std::string agent = request.value("agent", "");
+    const std::string partner = request.value("partner", "");
+    const cp_agent* known = cp_find_agent(&server, partner);
+    std::string address = request.value("address", "");
+    int port = request.value("port", 0);
+    if (known != nullptr && !partner.empty()) {
+        address = address.empty() ? known->listener : address;
+        port = port == 0 ? known->listener_port : port;
+    }
+    if (address.empty() || port == 0) {
+        control_refuse(client, fmt::format("agent '{}' is not logged on: give its --address and --port", partner));
+        return;
+    }
+    std::string token;
+    std::string error;
+    if (!cp_delegation_token(&server, agent, partner, token, error)) {
+        control_refuse(client, error);
+        return;
+    }
+    const auto told = [](const cp_answer&) -> json { return {{"text", "the agents are connected"}}; };
+    if (!cp_connect_agents(&server, agent, partner, address, port, token,
+                           answer_to(server, client, "the agents were not connected", told))) {
+        refuse_agent(client, agent);
+    }
+}

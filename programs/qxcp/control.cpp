@@ -159,6 +159,7 @@ struct control_row {
 
 constexpr control_row control_rows[] = {
     {"query", control_query}, {"trace", control_trace}, {"log", control_log},   {"mail", control_mail},
+    {"connect", control_connect},
     {"run", run_job},        {"agents", list_agents}, {"jobs", list_jobs},  {"cancel", cancel_job},
     {"info", tell_of_job},   {"report", get_report},  {"stop", stop_agent},
     {"exec", cp_control_exec},

@@ -30,3 +30,4 @@ void control_query(cp_server& server, cp_control_client& client, const nlohmann:
 void control_trace(cp_server& server, cp_control_client& client, const nlohmann::json& request);
 void control_log(cp_server& server, cp_control_client& client, const nlohmann::json& request);
 void control_mail(cp_server& server, cp_control_client& client, const nlohmann::json& request);
+void control_connect(cp_server& server, cp_control_client& client, const nlohmann::json& request);

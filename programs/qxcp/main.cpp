@@ -118,7 +118,7 @@ struct administration_commands {
     CLI::App* trace;
     CLI::App* log;
     CLI::App* mail;
-    nlohmann::json wish = nlohmann::json::object();
+    CLI::App* connect;
     std::string trace_action = "get";
     std::string flags, trigger, trigger_type;
     int max_size = 0;
@@ -128,16 +128,25 @@ struct administration_commands {
     std::string from, subject, text, text_file, relay, relay_user, password_file;
     bool html = false;
     int timeout = 0;
+    std::string partner, partner_address;
+    int partner_port = 0;
 
     administration_commands(CLI::App& app, const std::function<void(CLI::App*)>& add_data, std::string& agent) {
         query = app.add_subcommand("query", "what an agent is doing: jobs, connections, processor time");
         add_trace(app);
         add_log(app);
         add_mail(app);
-        for (CLI::App* command : {query, log, mail, trace}) {
-            command->add_option("agent", agent, "name of the agent; needed when several are logged on");
+        connect = app.add_subcommand("connect", "let an agent connect to another one");
+        for (CLI::App* command : {query, log, mail, trace, connect}) {
+            auto* name = command->add_option("agent", agent, "name of the agent; needed when several are logged on");
+            if (command == connect) {
+                name->required();
+            }
             add_data(command);
         }
+        connect->add_option("partner", partner, "name of the other agent")->required();
+        connect->add_option("--address", partner_address, "its address; else that of its listener");
+        connect->add_option("--port", partner_port, "its port; else that of its listener")->check(CLI::Range(1, 65535));
         trace->add_option("action", trace_action, "get, or set with --flags")
             ->check(CLI::IsMember({"get", "set"}))
             ->capture_default_str();
@@ -157,6 +166,10 @@ struct administration_commands {
         }
         if (*mail) {
             return run_mail(options, agent);
+        }
+        if (*connect) {
+            return cp_console_administration(options, {{"op", "connect"}, {"agent", agent}, {"partner", partner},
+                                                       {"address", partner_address}, {"port", partner_port}});
         }
         return std::nullopt;
     }

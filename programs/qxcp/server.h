@@ -168,6 +168,9 @@ bool cp_send_mail(cp_server* server, const std::string& agent, const cp_mail& ma
 // CONNECT: the agent shall connect to another one.
 bool cp_connect_agents(cp_server* server, const std::string& agent, const std::string& name,
                        const std::string& address, int port, const std::string& token, cp_answer_handler handler);
+// The token of such an order: it gives `agent` the right to present itself to `partner`. False with `error`.
+bool cp_delegation_token(cp_server* server, const std::string& agent, const std::string& partner, std::string& token,
+                         std::string& error);
 // A part of a file of the agent's host, read with the rights of `user` and copied to `copy` (removed again when the
 // answer isn't OK). The answer's data is "<bytes> <position in the file>".
 enum class cp_file_part { bytes, head, tail };

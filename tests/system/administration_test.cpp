@@ -5,6 +5,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -156,6 +158,34 @@ TEST_F(administration, changes_the_log_and_loses_no_line) {
     written.resize(sent.size());
     EXPECT_EQ(sent, written);
     EXPECT_NE(written[old_lines - 1].find("U02000067"), std::string::npos) << written[old_lines - 1];
+}
+
+TEST_F(administration, presents_itself_to_another_agent) {
+    host.start();
+    ASSERT_TRUE(wait_logon("ADMIN")) << host.log();
+    installation other("OTHER", port());
+    other.start();
+    ASSERT_TRUE(wait_logon("OTHER")) << other.log();
+    std::string token;
+    std::string error;
+    ASSERT_TRUE(cp_delegation_token(server.get(), "ADMIN", "OTHER", token, error)) << error;
+    ASSERT_TRUE(cp_connect_agents(server.get(), "ADMIN", "OTHER", "127.0.0.1", other.listener_port, token, keep()));
+    ASSERT_TRUE(wait_answer()) << host.log() << other.log();
+    // Both have checked one another; the transfer that would follow isn't part of this build.
+    EXPECT_NE(host.log().find("legacy file transfer is not implemented"), std::string::npos) << host.log() << other.log();
+    EXPECT_EQ(last.status, "NK");
+    EXPECT_EQ(last.number, 2002036) << last.insert;
+
+    // The right for one agent is none for another.
+    ASSERT_TRUE(cp_connect_agents(server.get(), "ADMIN", "THIRD", "127.0.0.1", other.listener_port, token, keep()));
+    ASSERT_TRUE(wait_answer()) << host.log();
+    EXPECT_EQ(last.number, 2000061) << last.insert;
+    // Nobody listens there any more.
+    other.stop();
+    ASSERT_TRUE(cp_connect_agents(server.get(), "ADMIN", "OTHER", "127.0.0.1", other.listener_port, token, keep()));
+    ASSERT_TRUE(wait_answer()) << host.log();
+    EXPECT_EQ(last.status, "NK");
+    EXPECT_NE(last.insert.find(strerror(ECONNREFUSED)), std::string::npos) << last.insert;
 }
 
 TEST_F(administration, answers_each_failure_of_a_connection_to_another_agent) {
