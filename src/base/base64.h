@@ -10,6 +10,8 @@ constexpr size_t base64_size(size_t length) {
     return (length + 2) / 3 * 4;
 }
 
+// Writes the text of `data`, base64_size() characters without line ends, to `to`. The place behind it.
+char* base64_encode_to(std::string_view data, char* to);
 // Appends the text of `data` to `out`, without line ends.
 void base64_encode(std::string_view data, std::string* out);
 

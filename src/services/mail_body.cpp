@@ -4,11 +4,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
 
+#include "base/base64.h"
 #include "base/text.h"
 #include "identity/user_files.h"
 #include "services/mail_header.h"
@@ -365,34 +365,12 @@ int mail_write(const std::string& header, const std::vector<MailData>& pieces, c
 }
 
 void mail_append_base64(std::string* out, std::string_view block) {
-    static constexpr char letters[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    // Two letters for each 12 bits: half the look-ups.
-    static const auto pairs = [] {
-        std::array<std::array<char, 2>, 4096> table;
-        for (size_t value = 0; value < table.size(); ++value) {
-            table[value] = {letters[value >> 6], letters[value & 63]};
-        }
-        return table;
-    }();
     const size_t start = out->size();
     const size_t lines = (block.size() + base64_line - 1) / base64_line;
-    out->resize(start + (block.size() + 2) / 3 * 4 + lines * 2);
+    out->resize(start + base64_size(block.size()) + lines * 2);
     char* to = out->data() + start;
-    const auto* from = reinterpret_cast<const unsigned char*>(block.data());
-    for (size_t left = block.size(); left > 0;) {
-        size_t line = std::min(left, base64_line);
-        left -= line;
-        for (; line >= 3; line -= 3, from += 3, to += 4) {
-            memcpy(to, pairs[static_cast<size_t>(from[0] << 4 | from[1] >> 4)].data(), 2);
-            memcpy(to + 2, pairs[static_cast<size_t>((from[1] & 15) << 8 | from[2])].data(), 2);
-        }
-        if (line > 0) {
-            const unsigned second = line == 2 ? from[1] : 0;
-            memcpy(to, pairs[static_cast<unsigned>(from[0]) << 4 | second >> 4].data(), 2);
-            to[2] = line == 2 ? letters[(second & 15) << 2] : '=';
-            to[3] = '=';
-            to += 4;
-        }
+    for (; !block.empty(); block.remove_prefix(std::min(block.size(), base64_line))) {
+        to = base64_encode_to(block.substr(0, base64_line), to);
         memcpy(to, "\r\n", 2);
         to += 2;
     }

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <memory>
 
+#include "base/base64.h"
 #include "base/memory.h"
 #include "base/text.h"
 #include "base/trace.h"
@@ -176,15 +177,11 @@ int cmdHELO(SmtpSocket* line, EhloExt* able, qx7_error* error) {
 
 // `plain` in base64 as one line. The memory that held a password is wiped.
 int send_base64(SmtpSocket* line, std::string_view plain, relay_reply* reply, qx7_error* error) {
-    std::string lines;
-    lines.reserve(plain.size() * 2 + 8);  // no copy is left behind by growing
-    mail_append_base64(&lines, plain);
     std::string text;
-    text.reserve(lines.size() + 2);
-    std::copy_if(lines.begin(), lines.end(), std::back_inserter(text), [](char c) { return c != '\r' && c != '\n'; });
+    text.reserve(base64_size(plain.size()) + 2);  // no copy is left behind by growing
+    base64_encode(plain, &text);
     text += "\r\n";
     const int result = command(line, text, reply, error);
-    qx_wipe(lines.data(), lines.size());
     qx_wipe(text.data(), text.size());
     return result;
 }
