@@ -99,7 +99,9 @@ ccm_connect_user_context_t* new_context(const MSG_TYPE_CONNECT& order, const ccm
     context->client = order.header.i2Mandant;
     context->user = static_cast<int>(order.header.i4UsrIdNr);
     context->ccmaddr = msg->addr;
-    memcpy(ccm_user_context_content(context), token.data(), token.size());
+    if (!token.empty()) {
+        memcpy(ccm_user_context_content(context), token.data(), token.size());
+    }
     return context;
 }
 
