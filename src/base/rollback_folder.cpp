@@ -3,7 +3,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <vector>
@@ -71,7 +73,8 @@ void rb_maintenance(EX_PCX* pcx, time_t now) {
     }
     if (pcx->rb_cleanup_time <= now) {
         qx7_error error;
-        if (rb_FolderCleanup(pcx, pcx->pcx_rb_life * seconds_of_a_day, &error) < 0) {
+        const int days = std::min<int>(pcx->pcx_rb_life, INT_MAX / seconds_of_a_day);  // the server's number
+        if (rb_FolderCleanup(pcx, days * seconds_of_a_day, &error) < 0) {
             __log_error(error);
         }
     }

@@ -78,6 +78,15 @@ TEST_F(rollback_test, runs_once_a_day_and_not_without_a_life) {
     put("one/20200101/part/file");
     rb_maintenance(pcx, now + 60);
     EXPECT_TRUE(fs::exists(folder / "one/20200101"));
+    // The longest life that a server can tell: more seconds than an int holds must not become a life of none.
+    char today[16];
+    tm parts{};
+    localtime_r(&now, &parts);
+    strftime(today, sizeof today, "%Y%m%d", &parts);
+    put(std::string("one/") + today + "/part/file");
+    pcx->pcx_rb_life = 32767;
+    rb_maintenance(pcx, pcx->rb_cleanup_time);
+    EXPECT_TRUE(fs::exists(folder / (std::string("one/") + today)));
 }
 
 }  // namespace
