@@ -255,7 +255,7 @@ int take(DecompressFile& df, const uint8_t* from, size_t size, ErrMsg* err) {
 
 // What the end of the stream itself has to say.
 int closeBody(const DecompressFile& df, ErrMsg* err) {
-    if (df.zlib != nullptr && !df.zlib->ended) {
+    if (df.id == compress_zlib && (df.zlib == nullptr || !df.zlib->ended)) {
         return compressError(err, compress_zlib_incomplete, "%s", "");
     }
     if (df.out.delivered < df.out.end) {
@@ -317,7 +317,8 @@ int dcsClose(DecompressFile* df, ErrMsg* err) {
 }
 
 CompressHeader dcsHeader(const DecompressFile* df) {
-    return {df->streamFlags, df->id, df->sizeKnown ? static_cast<long>(df->streamSize) : -1, df->parameters};
+    return {df->streamFlags, df->id, df->sizeKnown ? static_cast<long>(df->streamSize) : -1,
+            df->state == ReceiveState::body, df->parameters};
 }
 
 int dcsTrace(DecompressFile* /*df*/, int /*level*/) {

@@ -38,6 +38,7 @@ const BadStream bad_streams[] = {
     {"part of a record", "01000500616263", compress_record, compress_item_incomplete},
     {"byte behind zlib", "007f78da03000000000100", 0, compress_behind_zlib},
     {"zlib cut", "007f78da03", 0, compress_zlib_incomplete},
+    {"zlib cut before its body", "027f0400", 0, compress_zlib_incomplete},
     {"zlib cut, in a record", "017f", compress_record, compress_zlib_incomplete},
     {"no zlib", "007fffff", 0, compress_zlib_error},
     {"nothing", "", 0, 0},
