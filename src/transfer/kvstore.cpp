@@ -117,6 +117,37 @@ bool plausible(const __kvstore_record& header, int64_t position) {
            header.len <= INT64_MAX / 2 - position;
 }
 
+int markDeleted(kvstore* db, __kvstore_record header, qx7_error* err) {
+    header.flag |= kvstore_deleted;
+    return writeAt(db->db_fd, header.offset, header, nullptr, 0)
+               ? 0
+               : callFailed(db, "kvs_delete[lseek()/write()]", err);
+}
+
+// Whether a record begins anywhere behind `position`. 1 or 0, -1 on failure.
+int recordBehind(int fd, int64_t position, int64_t size) {
+    std::vector<char> bytes(load_piece);
+    while (size - position >= header_size) {
+        const ssize_t n = readAt(fd, position, bytes.data(), bytes.size());
+        if (n < header_size) {
+            return n < 0 ? -1 : 0;
+        }
+        const std::string_view piece(bytes.data(), static_cast<size_t>(n));
+        const size_t last = piece.size() - header_size;
+        for (size_t at = piece.find({mark, sizeof mark}); at <= last;
+             at = piece.find({mark, sizeof mark}, at + 1)) {
+            __kvstore_record header;
+            memcpy(&header, &piece[at], sizeof header);
+            if (plausible(header, position + static_cast<int64_t>(at))) {
+                return 1;
+            }
+        }
+        // The next piece repeats what may hold the start of a header.
+        position += n - (header_size - 1);
+    }
+    return 0;
+}
+
 int kvstore_loadkeys(kvstore* db, int mode, qx7_error* err) {
     struct stat facts {};
     if (fstat(db->db_fd, &facts) != 0) {
@@ -134,18 +165,21 @@ int kvstore_loadkeys(kvstore* db, int mode, qx7_error* err) {
         if (!wholeMark(header, there) || (there == header_size && !plausible(header, position))) {
             return wrongMark(db, header, err);
         }
-        // A record that a crash cut short stands at the end, and its place is as long as its value.
+        // A crash cuts only the last record. One that seems to reach over others has a wrong length.
         if (there < header_size || position + header_size + header.len > size) {
-            if (there == header_size && header.len != header.value_len) {
-                return wrongMark(db, header, err);
+            const int behind = recordBehind(db->db_fd, position + header_size, size);
+            if (behind != 0) {
+                return behind < 0 ? callFailed(db, "read()", err) : wrongMark(db, header, err);
             }
             if (mode != kvstore_peek && ftruncate(db->db_fd, position) != 0) {
                 return callFailed(db, "read()", err);
             }
             break;
         }
-        if ((header.flag & kvstore_deleted) == 0) {
-            db->bt_root.try_emplace(header.key, header);  // the first of equal keys stands
+        // The first of equal keys stands. The other goes, or it would come back when the first is deleted.
+        if ((header.flag & kvstore_deleted) == 0 && !db->bt_root.try_emplace(header.key, header).second &&
+            mode != kvstore_peek && markDeleted(db, header, err) != 0) {
+            return -1;
         }
         position += header_size + header.len;
     }
@@ -198,13 +232,6 @@ int append(kvstore* db, std::string_view key, const void* value, size_t len, __k
     }
     db->file_end += header_size + header->len;
     return 0;
-}
-
-int markDeleted(kvstore* db, __kvstore_record header, qx7_error* err) {
-    header.flag |= kvstore_deleted;
-    return writeAt(db->db_fd, header.offset, header, nullptr, 0)
-               ? 0
-               : callFailed(db, "kvs_delete[lseek()/write()]", err);
 }
 
 }  // namespace

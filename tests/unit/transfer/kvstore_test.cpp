@@ -137,6 +137,32 @@ TEST_F(Store, CutAnywhereItOpensWithWhatIsWhole) {
     }
 }
 
+// What reaches over the end of the file goes when it is the last record, also one whose value shrank or one
+// that is deleted. A wrong length that reaches over other records must not cost them.
+TEST_F(Store, OnlyTheLastRecordIsCutOff) {
+    ASSERT_EQ(open(), 0);
+    put("one", "first value");
+    put("two", "second");
+    put("two", "2nd");
+    const std::string shrunk = bytes();
+    kvstore_delete(&db_, "two", &err_);
+    const std::string deleted = bytes();
+    kvstore_close(&db_, nullptr);
+    for (const std::string& whole : {shrunk, deleted}) {
+        write(whole.substr(0, whole.size() - 1));
+        ASSERT_EQ(open(), 0);
+        EXPECT_EQ(get("one") + get("two"), "first value");
+        EXPECT_EQ(bytes(), whole.substr(0, 75));
+        kvstore_close(&db_, nullptr);
+    }
+    std::string wrong = shrunk;
+    wrong[42] = wrong[50] = 1;  // both lengths of the first
+    write(wrong);
+    EXPECT_EQ(open(), -1);
+    EXPECT_EQ(err_.qx_msgnr, 2003071);
+    EXPECT_EQ(bytes(), wrong);
+}
+
 TEST_F(Store, OverwrittenAnywhereItOpensOrRefuses) {
     ASSERT_EQ(open(), 0);
     put("one", "first value");
@@ -175,6 +201,9 @@ TEST_F(Store, FirstOfTwoEqualKeysStands) {
     write(first + second);
     ASSERT_EQ(open(), 0);
     EXPECT_EQ(get("k"), "old");
+    EXPECT_EQ(kvstore_delete(&db_, "k", &err_), 0);
+    ASSERT_EQ(open(), 0);
+    EXPECT_EQ(get("k"), "") << "the second came back";
 }
 
 TEST_F(Store, SecondLookNeedsNoLockAndChangesNothing) {
