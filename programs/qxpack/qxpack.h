@@ -21,7 +21,7 @@ struct PackOptions {
 
 // What one stream held.
 struct StreamFacts {
-    CompressHeader header{-1, -1, -1, {}};
+    CompressHeader header{-1, -1, -1, false, {}};
     uint64_t packed = 0;
     uint64_t payload = 0;
     uint64_t items = 0;     // records or items

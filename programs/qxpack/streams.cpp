@@ -179,6 +179,14 @@ bool packStream(int from, const std::string& name, const PackOptions& options, B
     source.progress = &progress;
     source.size = total != 0 && total <= LONG_MAX ? static_cast<long>(total) : -1;
     ErrMsg err{};
+    // Files of the kernel tell the size 0 whatever they hold: only an end at once is a size of 0.
+    if (total == 0 && !refill(source, &err)) {
+        if (err.code != 0) {
+            *why = source.error;
+            return false;
+        }
+        source.size = 0;
+    }
     const bool framed = (options.flags & compress_framed) != 0;
     const bool records = (options.flags & compress_record) != 0;
     CompressFile* const cf = framed
@@ -247,7 +255,7 @@ bool unpackStream(int from, const std::string& name, const PackOptions& options,
         return false;
     }
     const long size = facts->header.size;
-    if (facts->header.id < 0) {
+    if (!facts->header.whole) {
         *why = name + ": header is not complete";
         return false;
     }

@@ -142,6 +142,7 @@ struct CompressHeader {
     int flags;
     int id;
     long size;
+    bool whole;                    // the body comes next
     CompressParameter parameters;  // those that travel; the others are 0
 };
 CompressHeader dcsHeader(const DecompressFile* df);
