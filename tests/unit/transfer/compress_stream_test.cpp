@@ -66,4 +66,97 @@ TEST(Stream, KnownBytesBothWays) {
     }
 }
 
+// What a stream's symbols stand for: bytes as they are, or a copy.
+struct Part {
+    std::string bytes;
+    size_t distance = 0;
+    size_t length = 0;
+};
+
+struct ForeignStream {
+    const char* name;
+    int flags;
+    size_t pieces;  // records; 0 in plain mode
+    const char* hex;
+    std::vector<Part> parts;
+};
+
+// Legal streams that this encoder never makes.
+const ForeignStream foreign_streams[] = {
+    {"id 1: an empty block, codes of 24 bits, lengths sent beyond the last, an end that is whole",
+     compress_size,
+     0,
+     "0201090000000000000070010800000000000010113fdfefcb8054455545455555555555555555407c13ffaa96c68939f08ca7"
+     "4adaf8ceb7cef8c13f46cfffffef7fffdffffdefffffeffffff6181100000000010181617f14ee17f328dc00",
+     {{"vertexxyz"}}},
+    {"id 3: all periods, single and longest counts",
+     0,
+     0,
+     "00035221100000001810285ffabc97f5ee2fe892a31e2829ef1baffff0",
+     {{"abcd"}, {"", 4, 4}, {"", 3, 210}, {"", 1, 1}, {"", 2, 65534}}},
+    {"id 5: smallest window, one distance possible, few possible, the farthest",
+     0,
+     0,
+     "0005006021100000001810202c5ffaf25fd8e4854c796491c34d9e8e0003ffffe7f5a0bfb0",
+     {{"a"},
+      {"", 1, 3},
+      {"b"},
+      {"", 2, 3},
+      {"", 8, 32},
+      {"", 33, 3},
+      {"", 32, 16387},
+      {"", 160, 32767},
+      {"b"},
+      {"", 1, 34},
+      {"", 159, 3}}},
+    {"id 9: orders 2 and 1, copies of one byte, slots older than the pool",
+     0,
+     0,
+     "00090500402190000020084966416542f55782dfe64bcfad1a572b3c54cce8000048d15bd5f78ceb",
+     {{"abcdzqqq"},
+      {"", 1, 8192},
+      {"01234ab"},
+      {"", 13, 12},
+      {"z"},
+      {"", 23, 4},
+      {"cd"},
+      {"", 30, 1},
+      {"", 4, 1}}},
+    {"id 9: orders 4 and 3, largest tables",
+     0,
+     0,
+     "00090af050111000000000102c64a74a9227ff2a273246a2cb21167b3bf8",
+     {{"banana bana"}, {"", 5, 3}, {"na"}, {"", 5, 127}}},
+    {"id 11: older slots of a bucket, slots older than the pool",
+     0,
+     0,
+     "000b32000352211000000010183a4cae25de4f54ed2fe6d31f0890ab3c5b3cdb39aaaaf00022867db67e98",
+     {{"abcxabdxab"}, {"", 8, 2}, {"qqqq"}, {"", 1, 8192}, {"012ab"}, {"", 19, 7}, {"xab"}, {"", 21, 12}}},
+    {"id 9: longest record between empty ones",
+     compress_record,
+     3,
+     "01090823500110000000000824bff157ff012ed20091249dfffeffec06",
+     {{"r"}, {"", 1, 65534}}},
+};
+
+TEST(Stream, ForeignBytesDecode) {
+    for (const ForeignStream& foreign : foreign_streams) {
+        std::string all;
+        for (const Part& part : foreign.parts) {
+            all += part.bytes;
+            for (size_t i = 0; i < part.length; ++i) {
+                all += all[all.size() - part.distance];
+            }
+        }
+        for (const size_t step : {size_t{1}, size_t{3}, size_t{1000}}) {
+            const Decoded decoded = decode(fromHex(foreign.hex), foreign.flags & compress_record, step);
+            EXPECT_EQ(decoded.error.code, 0) << foreign.name;
+            EXPECT_TRUE(decoded.sink.all == all) << foreign.name;
+            if (foreign.pieces != 0) {
+                EXPECT_EQ(decoded.sink.pieces.size(), foreign.pieces) << foreign.name;
+            }
+        }
+    }
+}
+
 }  // namespace
