@@ -235,13 +235,13 @@ int command_read_output(int fd, int max_rows, std::string* output, int* rows) {
     if (max_rows < 1) {
         return 0;
     }
-    // What a process of the command goes on to write is not waited for.
-    const int64_t limit = std::min({static_cast<int64_t>(status.st_size) + max_rows + 1,
-                                    max_rows * row_size, output_limit});
+    // What a process of the command goes on to write is not waited for. A size may be any number, no file system
+    // has to hold that much.
+    const int64_t size = std::min<int64_t>(status.st_size, output_limit);
+    const int64_t limit = std::min({size + max_rows + 1, max_rows * row_size, output_limit});
     std::string piece(piece_size, '\0');
-    for (int64_t done = 0; done < status.st_size;) {
-        const size_t wanted =
-            static_cast<size_t>(std::min<int64_t>(piece_size, static_cast<int64_t>(status.st_size) - done));
+    for (int64_t done = 0; done < size;) {
+        const size_t wanted = static_cast<size_t>(std::min<int64_t>(piece_size, size - done));
         const ssize_t count = pread(fd, piece.data(), wanted, done);
         if (count < 0 && errno == EINTR) {
             continue;
