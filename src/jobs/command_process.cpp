@@ -85,11 +85,13 @@ int open_output(const JOB_START_VAR& startVar, Cmd_Area* entry, qx7_error* error
     entry->cmda_inode = startVar.report_inode;
     entry->cmda_fd.reset(open_read_on_order(startVar.jobReport.c_str()));
     struct stat status;
-    if (entry->cmda_fd.valid() && fstat(entry->cmda_fd.get(), &status) == 0 &&
-        status.st_ino == entry->cmda_inode && status.st_dev == entry->cmda_device) {
+    if (!entry->cmda_fd.valid() || fstat(entry->cmda_fd.get(), &status) != 0) {
+        return file_error(error, step_create, startVar.jobReport.c_str(), errno);
+    }
+    if (status.st_ino == entry->cmda_inode && status.st_dev == entry->cmda_device) {
         return 0;
     }
-    return file_error(error, step_create, startVar.jobReport.c_str(), errno);
+    return file_error(error, step_create, startVar.jobReport.c_str(), EPERM);  // another one stands there
 }
 
 std::vector<unsigned char> with_output(std::vector<unsigned char> body, const std::string& output) {
@@ -133,21 +135,21 @@ void answer(EX_PCX* pcx, const Cmd_Area& entry) {
     if (entry.cmda_fd.valid() &&
         command_read_output(entry.cmda_fd.get(), entry.cmda_max_rows, &output, &rows) != 0) {
         const std::string insert = entry.cmda_jobreport + "|" + std::to_string(entry.cmda_jobNr) + "|" +
-                                   error_text(errno) + "|" + command + "|";
+                                   error_text(errno) + "|" + command;
         __log(number_unreadable, "%s", insert.c_str());
         send_failure(pcx, entry, number_unreadable, insert, {});
         return;
     }
-    if (rows > 0 && rows == entry.cmda_max_rows) {
-        __log(number_rows_cut, "%i|%i|%s|", entry.cmda_jobNr, rows, command);
+    if (rows == entry.cmda_max_rows) {
+        __log(number_rows_cut, "%i|%i|%s", entry.cmda_jobNr, rows, command);
     }
     if (entry.cmda_result == 0) {
-        __log(number_ended, "%i|%s|", entry.cmda_jobNr, command);
+        __log(number_ended, "%i|%s", entry.cmda_jobNr, command);
         send_result(pcx, entry, output);
         return;
     }
     const std::string insert =
-        std::to_string(entry.cmda_jobNr) + "|" + std::to_string(entry.cmda_result) + "|" + command + "|";
+        std::to_string(entry.cmda_jobNr) + "|" + std::to_string(entry.cmda_result) + "|" + command;
     __log(number_failed, "%s", insert.c_str());
     send_failure(pcx, entry, number_failed, insert, output);
 }
@@ -215,14 +217,14 @@ void cmd_sendExRes(EX_PCX* pcx, Cmd_Area* entry) {
 }
 
 void command_remove_output(Cmd_Area* entry) {
-    entry->cmda_fd.reset();
     struct stat status;
-    // A later command may have taken the name over.
+    // A later command may have taken the name over. As long as the file is open its number is no other one's.
     if (entry->cmda_inode != 0 && lstat(entry->cmda_jobreport.c_str(), &status) == 0 &&
         status.st_ino == entry->cmda_inode && status.st_dev == entry->cmda_device) {
         job_remove_file(entry->cmda_jobreport.c_str());
     }
     entry->cmda_inode = 0;
+    entry->cmda_fd.reset();
 }
 
 int command_read_output(int fd, int max_rows, std::string* output, int* rows) {

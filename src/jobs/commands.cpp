@@ -179,11 +179,19 @@ int check_password(request_run* run) {
 
 // ---- A started command ----
 
+// Without the signal nobody tells of an end: as long as there are commands, each turn of the loop looks.
+bool must_look() {
+    return job_context()->Fl_Sigchld == 0 && !the_commands.cmd_firstCMDA.empty();
+}
+
+void set_alarm(EX_PCX* pcx) {
+    pcx->Cmd_alarm_time = must_look() ? alarm_now() : the_commands.cmd_breakTime_t;
+}
+
 void arm(EX_PCX* pcx, time_t limit) {
     the_commands.cmd_breakTime_t =
         the_commands.cmd_breakTime_t == 0 ? limit : std::min(the_commands.cmd_breakTime_t, limit);
-    pcx->Cmd_alarm_time = pcx->Cmd_alarm_time == 0 ? the_commands.cmd_breakTime_t
-                                                   : std::min(pcx->Cmd_alarm_time, limit);
+    set_alarm(pcx);
 }
 
 void keep_entry(EX_PCX* pcx, Cmd_Area&& entry) {
@@ -201,7 +209,7 @@ int start(request_run* run) {
     const pid_t pid = exCommandStart(run->pcx, &entry, run->passwd, &error, run->pam);
     if (pid > 0) {
         PamEndAfterStart(run->pam);
-        __log(number_started, "%i|%i|%s|", entry.cmda_jobNr, pid, entry.cmda_jclInsert.c_str());
+        __log(number_started, "%i|%i|%s", entry.cmda_jobNr, pid, entry.cmda_jclInsert.c_str());
         keep_entry(run->pcx, std::move(entry));
         return 0;
     }
@@ -210,7 +218,7 @@ int start(request_run* run) {
     }
     __log(error.qx_msgnr, "(%i)%s", entry.cmda_jobNr, error.qx_msgInsert);
     const int result = create_and_send_quitt_message(run->pcx, run->msg, error.qx_msgnr, error.qx_msgInsert);
-    __log(number_start_failed, "%i|%s|%s|", entry.cmda_jobNr, error_text(error.qx_errno).c_str(),
+    __log(number_start_failed, "%i|%s|%s", entry.cmda_jobNr, error_text(error.qx_errno).c_str(),
           entry.cmda_jobreport.c_str());
     return result;
 }
@@ -228,7 +236,7 @@ void answer_limit(EX_PCX* pcx, const Cmd_Area& entry, const qx7_error& error) {
 }
 
 int stop_at_limit(EX_PCX* pcx, Cmd_Area* entry, qx7_error* error) {
-    __log(number_time_limit, "%i(pid %i)|%s|", entry->cmda_jobNr, entry->cmda_forkPid,
+    __log(number_time_limit, "%i(pid %i)|%s", entry->cmda_jobNr, entry->cmda_forkPid,
           entry->cmda_jclInsert.c_str());
     const bool killed = cancelCommandEntry(entry, error) == 0;
     entry->cmda_status = killed ? command_killed : command_kill_failed;
@@ -236,16 +244,24 @@ int stop_at_limit(EX_PCX* pcx, Cmd_Area* entry, qx7_error* error) {
     return killed ? 1 : 0;
 }
 
-// Without the signal nobody tells of an end: what is gone goes from the list here.
-void drop_gone(EX_PCX* pcx) {
-    if (job_context()->Fl_Sigchld != 0) {
+// The process id was given anew: to a process that started at another time.
+bool is_another(const Cmd_Area& entry) {
+    procArea_t process;
+    return entry.cmda_start_ticks != 0 && GetLinuxProcEntry(entry.cmda_forkPid, &process) &&
+           process.pa_start != entry.cmda_start_ticks;
+}
+
+// What the signal would have told. The system keeps no code of a child then: it is unknown, and no success.
+void end_gone(EX_PCX* pcx) {
+    if (!must_look()) {
         return;
     }
     std::list<Cmd_Area>& commands = the_commands.cmd_firstCMDA;
     for (auto at = commands.begin(); at != commands.end();) {
         Cmd_Area* entry = &*at++;
-        if (entry->cmda_status != command_running && kill(entry->cmda_forkPid, 0) != 0 && errno == ESRCH) {
-            removeCommandEntry(pcx, entry);
+        if ((kill(entry->cmda_forkPid, 0) != 0 && errno == ESRCH) || is_another(*entry)) {
+            entry->cmda_result = command_code_unknown;
+            cmd_sendExRes(pcx, entry);
         }
     }
 }
@@ -269,6 +285,12 @@ int cmdOpen(EX_PCX* pcx) {
 }
 
 int cmdClose(EX_PCX* pcx) {
+    // Nobody will answer with it any more. Children close this module too: they have only forgotten.
+    if (pcx->running_mode == MODE_AGENT) {
+        for (Cmd_Area& entry : the_commands.cmd_firstCMDA) {
+            command_remove_output(&entry);
+        }
+    }
     the_commands = CMD_GLB{};
     pcx->pcx_cmdglb = nullptr;
     pcx->firstCMD = nullptr;
@@ -315,7 +337,7 @@ int process_exreqcancel(EX_PCX* pcx, ccm_msg_t* msg, int) {
         if ((number != 0 && entry.cmda_jobNr != number) || entry.cmda_status == command_stopped) {
             continue;
         }
-        __log(number != 0 ? number_cancel_one : number_cancel_all, "%i|%s|", entry.cmda_jobNr,
+        __log(number != 0 ? number_cancel_one : number_cancel_all, "%i|%s", entry.cmda_jobNr,
               entry.cmda_jclInsert.c_str());
         qx7_error error;
         cancelCommandEntry(&entry, &error);
@@ -332,6 +354,7 @@ int process_cmd_chk(EX_PCX* pcx, ccm_msg_t*, int) {
 }
 
 int commandTimeoutEvent(EX_PCX* pcx, qx7_error* error) {
+    end_gone(pcx);
     const time_t now = alarm_now();
     int killed = 0;
     the_commands.cmd_breakTime_t = 0;
@@ -345,26 +368,23 @@ int commandTimeoutEvent(EX_PCX* pcx, qx7_error* error) {
                     : std::min(the_commands.cmd_breakTime_t, entry.cmda_endTime_t);
         }
     }
-    pcx->Cmd_alarm_time = the_commands.cmd_breakTime_t;
-    drop_gone(pcx);
+    set_alarm(pcx);
     return killed;
 }
 
 int cancelCommandEntry(Cmd_Area* entry, qx7_error* error) {
     const char* command = entry->cmda_jclInsert.c_str();
-    __log(number_kill, "%i|%s|", entry->cmda_jobNr, command);
-    procArea_t process;
-    const bool another = entry->cmda_start_ticks != 0 && GetLinuxProcEntry(entry->cmda_forkPid, &process) &&
-                         process.pa_start != entry->cmda_start_ticks;
+    __log(number_kill, "%i|%s", entry->cmda_jobNr, command);
+    const bool another = is_another(*entry);
     errno = ESRCH;
     int result = 0;
     // Only the shell: what it left running in its group goes on, and is told of when the shell ends.
     if (entry->cmda_forkPid > 1 && !another && kill(entry->cmda_forkPid, SIGKILL) == 0) {
-        qx_error_set(error, 0, 0, number_killed, "%i(pid %i)|%s|", entry->cmda_jobNr, entry->cmda_forkPid,
+        qx_error_set(error, 0, 0, number_killed, "%i(pid %i)|%s", entry->cmda_jobNr, entry->cmda_forkPid,
                      command);
     } else {
         const int error_number = errno;
-        result = qx_error_set(error, -1, error_number, number_kill_failed, "%i(pid %i)|%s|%s|",
+        result = qx_error_set(error, -1, error_number, number_kill_failed, "%i(pid %i)|%s|%s",
                               entry->cmda_jobNr, entry->cmda_forkPid, error_text(error_number).c_str(),
                               command);
     }

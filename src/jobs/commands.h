@@ -28,6 +28,9 @@ enum command_status : char {
     command_stopped = 'S'       // by EXREQCAN
 };
 
+// cmda_result of a command whose end was only noticed (INI key `sigchld` no).
+inline constexpr int command_code_unknown = -1;
+
 inline constexpr char command_area_key[17] = "%%CMD_AREA_ID %%";
 inline constexpr char command_global_key[17] = "%CMD_GLOBAL_ID% ";
 
@@ -70,7 +73,7 @@ struct CMD_GLB {
 
 // Reads settings and lists, which then stay as they are. 0.
 int cmdOpen(EX_PCX* pcx);
-// Forgets all commands; their processes run on.
+// Forgets all commands; their processes run on, their output files go.
 int cmdClose(EX_PCX* pcx);
 CMD_GLB* GetCmdGlb();
 int getCommandCount();
@@ -80,8 +83,8 @@ int process_exreqcmd(EX_PCX* pcx, ccm_msg_t* msg, int row);
 int process_exreqcancel(EX_PCX* pcx, ccm_msg_t* msg, int row);
 // Handler of the internal record CMD_CHK.
 int process_cmd_chk(EX_PCX* pcx, ccm_msg_t* msg, int row);
-// Kills the commands that are past their limit and answers their requests; sets the next alarm. The number of
-// commands killed.
+// Kills the commands that are past their limit and answers their requests; sets the next alarm. Where no signal
+// tells of ends, those that are gone are answered. The number of commands killed.
 int commandTimeoutEvent(EX_PCX* pcx, qx7_error* error);
 // End of child `pid`. 1 when it was a command, else 0.
 int process_command_sigchild(EX_PCX* pcx, int pid, int exitCode, int rawStatus);

@@ -2,6 +2,7 @@
 #include "jobs/commands.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 
 #ifdef QX_FAKE_PAM
 #include <dlfcn.h>
@@ -95,7 +96,7 @@ TEST_F(command_test, a_code_is_told_with_the_output) {
     EXPECT_EQ(std::string(quitt.quitt, 2), "NK");
     EXPECT_EQ(get_text(quitt.msg), "EXREQCMD");
     EXPECT_EQ(quitt.msgnr, 2000172);
-    EXPECT_EQ(get_text(quitt.msg_insert), "2|3|echo out; exit 3|");
+    EXPECT_EQ(get_text(quitt.msg_insert), "2|3|echo out; exit 3");
     EXPECT_EQ(quitt.msg_dist, 304);
     EXPECT_EQ(output_of(answer), "out\r\n");
 }
@@ -113,7 +114,8 @@ TEST_F(command_test, rows_are_limited) {
         size_t bytes;
         bool told;
     };
-    constexpr row_case cases[] = {{10, 10, 40, true}, {10, 11, 40, true}, {10, 9, 36, false}, {1, 5, 4, true}};
+    constexpr row_case cases[] = {
+        {10, 10, 40, true}, {10, 11, 40, true}, {10, 9, 36, false}, {1, 5, 4, true}, {0, 5, 0, true}};
     int run = 20;
     for (const row_case& rows : cases) {
         job_test_log.clear();
@@ -150,6 +152,11 @@ TEST_F(command_test, output_is_bounded_by_what_was_there) {
     EXPECT_EQ(output.size(), 3u * 32770) << "one row cannot hold more than its share";
     close(fd);
     EXPECT_EQ(command_read_output(-1, 3, &output, &rows), -1);
+    const int memory = memfd_create("output", MFD_CLOEXEC);
+    ASSERT_EQ(ftruncate(memory, INT64_MAX), 0) << "a size that a command can give its output";
+    EXPECT_EQ(command_read_output(memory, 10, &output, &rows), 0);
+    EXPECT_EQ(output.size(), 10u * 32770);
+    close(memory);
 }
 
 TEST_F(command_test, refusals_name_their_reason) {
@@ -277,6 +284,67 @@ TEST_F(command_test, the_time_limit_kills_and_answers_once) {
     EXPECT_TRUE(sent().empty()) << "the server has its answer";
     EXPECT_EQ(getCommandCount(), 0);
     EXPECT_EQ(kill(pid, 0), -1);
+}
+
+TEST_F(command_test, an_asker_with_handle_zero_is_answered_once_too) {
+    asker_code = 0;
+    request(54, "echo out");
+    finish();
+    const sent_message answer = first_sent();
+    EXPECT_EQ(output_of(answer), "out\r\n");
+    EXPECT_EQ(answer.addr.dst_acv, 0);
+    request(55, "sleep 60");
+    alarm_clock_advance(101);
+    qx7_error error;
+    EXPECT_EQ(commandTimeoutEvent(pcx, &error), 1);
+    EXPECT_EQ(sent().size(), 1u);
+    finish();
+    EXPECT_TRUE(sent().empty()) << "not again with its end";
+    request(56, "sleep 60");
+    cancel(56);
+    finish();
+    EXPECT_TRUE(sent().empty());
+}
+
+TEST_F(command_test, without_the_signal_an_end_is_looked_for) {
+    open_with("[GLOBAL]\nsigchld=no\n[USERID]\nroot=START\n");
+    qx7_error error;
+    const auto look = [&] {
+        alarm_clock_advance(2);
+        EXPECT_LT(pcx->Cmd_alarm_time, alarm_now()) << "due at the next turn of the loop";
+        return commandTimeoutEvent(pcx, &error);
+    };
+    request(57, "echo out; kill -STOP $$");
+    const pid_t pid = GetCmdGlb()->cmd_firstCMDA.front().cmda_forkPid;
+    ASSERT_EQ(waitpid(pid, nullptr, WUNTRACED), pid);
+    EXPECT_EQ(look(), 0);
+    EXPECT_TRUE(sent().empty()) << "it is there";
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+    EXPECT_EQ(look(), 0);
+    const sent_message answer = first_sent();
+    EXPECT_EQ(answer.as<MSG_TYPE_QUITT>().msgnr, 2000172);
+    EXPECT_EQ(get_text(answer.as<MSG_TYPE_QUITT>().msg_insert), "57|-1|echo out; kill -STOP $$") << "no success";
+    EXPECT_EQ(output_of(answer), "out\r\n");
+    EXPECT_EQ(getCommandCount(), 0);
+    EXPECT_EQ(pcx->Cmd_alarm_time, 0);
+    request(58, "sleep 60");
+    const pid_t second = GetCmdGlb()->cmd_firstCMDA.front().cmda_forkPid;
+    cancel(58);
+    waitpid(second, nullptr, 0);
+    look();
+    EXPECT_TRUE(sent().empty());
+    EXPECT_EQ(getCommandCount(), 0);
+}
+
+TEST_F(command_test, the_output_of_what_still_runs_goes_with_the_agent) {
+    request(59, "sleep 60");
+    const pid_t pid = GetCmdGlb()->cmd_firstCMDA.front().cmda_forkPid;
+    cmdClose(pcx);
+    EXPECT_FALSE(std::filesystem::exists(output_file(59)));
+    EXPECT_EQ(kill(pid, 0), 0) << "it runs on";
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
 }
 
 TEST_F(command_test, each_command_has_its_own_limit) {

@@ -91,6 +91,7 @@ struct job_test : ::testing::Test {
     std::string user;
     // Names the shell, since the test's own user may have one that logs nobody in.
     std::string rest = "M='sh'";
+    int asker_code = 55;  // what the server tells the answer to its message by
 
     static constexpr uint16_t client = 100;
     static constexpr uint32_t number = 7;
@@ -149,7 +150,7 @@ struct job_test : ::testing::Test {
         msg->addr.src_ID = 4711;
         copy_text(msg->addr.src_addr, "*CP001#00000001");
         copy_text(msg->addr.src_name, "JPEXEC_R");
-        msg->addr.src_acv = 55;
+        msg->addr.src_acv = asker_code;
         const int result = handler(pcx, msg, 0);
         ccm_msg_free(ccm, msg);
         return result;
