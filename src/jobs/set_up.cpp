@@ -1,4 +1,5 @@
 // Opening and closing the job processor.
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 
@@ -107,6 +108,17 @@ int jpOpen(EX_PCX* pcx, JPPCX* context, qx7_error* error) {
     return 0;
 }
 
+// A job that waits for its start is forgotten with the agent, so its own resources would stay for ever.
+void drop_waiting() {
+    for (JP_AREA* job = Next_JEntry(INT_MIN, 0); job != nullptr;
+         job = Next_JEntry(job->JP_jobNr, job->JP_Mandant)) {
+        qx7_error error;
+        if (job->jobstart != 0 && DeleteTaskResourceFiles(job, &error) != 0) {
+            __log_error(error);
+        }
+    }
+}
+
 }  // namespace
 
 JPPCX* job_context() {
@@ -123,6 +135,9 @@ int JP_Open(EX_PCX* pcx, qx7_error* error) {
 }
 
 int JP_Close(EX_PCX* pcx) {
+    if (pcx->running_mode == MODE_AGENT) {  // a child that closes this has only a copy
+        drop_waiting();
+    }
     Reset_JTab();
     process_info_forget();
     the_context = JPPCX{};
