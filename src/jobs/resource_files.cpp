@@ -57,12 +57,12 @@ bool climbs(const std::string& clean) {
 
 int directory_error(qx7_error* error, int number, const JP_AREA* job, const std::string& path,
                     int error_number) {
-    return qx_error_set(error, -1, error_number, number, "%d:%.200s|%.500s|%d - %s|", job->JP_Mandant,
+    return qx_error_set(error, -1, error_number, number, "%d:%.200s|%.500s|%d - %s", job->JP_Mandant,
                         job->JP_oName, path.c_str(), error_number, error_text(error_number).c_str());
 }
 
 void log_directory(int number, const JP_AREA* job, const std::string& path) {
-    __log(number, "%d:%.200s|%.500s|", job->JP_Mandant, job->JP_oName, path.c_str());
+    __log(number, "%d:%.200s|%.500s", job->JP_Mandant, job->JP_oName, path.c_str());
 }
 
 // Makes the missing levels of `path` below the cache folder with the agent's rights. Each level that is there
@@ -139,14 +139,26 @@ int make_task_parent(const EX_PCX* pcx, const JP_AREA* job, const std::string& p
     return 0;
 }
 
+// A directory made beforehand by somebody else, or one that lies in what is somebody else's, would let him change
+// what the job reads.
+bool task_directory_is_jobs(const EX_PCX* pcx, const JP_AREA* job, const std::string& path) {
+    bool made = false;
+    const size_t slash = path.rfind('/');
+    effUser_guard lock;
+    const qx_descriptor folder(open_folders(pcx, path.substr(0, slash + 1), shared_directory_mode, &made));
+    struct stat status;
+    return folder.valid() &&
+           fstatat(folder.get(), path.c_str() + slash + 1, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+           S_ISDIR(status.st_mode) && status.st_uid == job->jp_uid && (status.st_mode & 022) == 0;
+}
+
 int make_task_path(const EX_PCX* pcx, const JP_AREA* job, qx7_error* error) {
     const std::string path = path_clean(job->jp_task_cache_path);
     struct stat status;
     if (lstat(path.c_str(), &status) == 0) {
-        // Made beforehand by somebody else, it would let him change what the job reads.
-        const bool own =
-            S_ISDIR(status.st_mode) && status.st_uid == job->jp_uid && (status.st_mode & 022) == 0;
-        return own ? 1 : directory_error(error, number_task_directory_failed, job, path, EPERM);
+        return task_directory_is_jobs(pcx, job, path)
+                   ? 1
+                   : directory_error(error, number_task_directory_failed, job, path, EPERM);
     }
     if (make_task_parent(pcx, job, path.substr(0, path.rfind('/') + 1), error) != 0) {
         return -1;
@@ -223,12 +235,12 @@ void delete_task_file(const JP_AREA* job, const resource_item& item, qx7_error* 
     const int removed = RemoveWithEffUser(job->jp_userName, item.file_path.c_str(), &reason);
     if (removed < 0) {
         qx7_error failure;
-        qx_error_set(&failure, -1, reason.qx_errno, number_delete_failed, "%d:%s/%s|%.400s|%d - %s|",
+        qx_error_set(&failure, -1, reason.qx_errno, number_delete_failed, "%d:%s/%s|%.400s|%d - %s",
                      job->JP_Mandant, item.object_name.c_str(), item.resource_name.c_str(),
                      item.file_path.c_str(), reason.qx_errno, error_text(reason.qx_errno).c_str());
         keep_first(first, failure);
     } else if (removed > 0) {
-        __log(number_deleted, "%d:%s/%s|%.400s|", job->JP_Mandant, item.object_name.c_str(),
+        __log(number_deleted, "%d:%s/%s|%.400s", job->JP_Mandant, item.object_name.c_str(),
               item.resource_name.c_str(), item.file_path.c_str());
     }
 }
@@ -277,8 +289,8 @@ bool resource_take_path(const EX_PCX* pcx, std::string_view told, std::string* p
 }
 
 bool resource_name_is_safe(std::string_view name) {
-    return !name.empty() && name.front() != '/' && name.find('\0') == std::string_view::npos &&
-           !climbs(path_clean(name));
+    const std::string clean = path_clean(name);
+    return !clean.empty() && clean.front() != '/' && clean.find('\0') == std::string::npos && !climbs(clean);
 }
 
 int resource_stat(const std::string& path, long* modified) {
@@ -295,7 +307,7 @@ int resource_stat(const std::string& path, long* modified) {
     }
     const bool sound =
         S_ISREG(status.st_mode) && is_agents(status) && (status.st_mode & 022) == 0 && way_is_agents(path);
-    *modified = sound ? status.st_mtime : -1;
+    *modified = sound ? status.st_mtime : resource_time_none;
     return 0;
 }
 

@@ -1,6 +1,7 @@
 // Files and directories of stored resources. Main thread.
 #pragma once
 
+#include <climits>
 #include <span>
 #include <string>
 #include <string_view>
@@ -16,8 +17,10 @@ bool resource_take_path(const EX_PCX* pcx, std::string_view told, std::string* p
 // Name of a file below a cache path: relative, without "..".
 bool resource_name_is_safe(std::string_view name);
 
+// Of a file that must not be taken for current, whatever the server's time is.
+inline constexpr long resource_time_none = LONG_MIN;
 // Whether the client resource at `path` is there: fills its modification time. -1 with errno. Under `hardened`
-// a file that somebody else could have written counts as older than any.
+// a file that somebody else could have written has resource_time_none.
 int resource_stat(const std::string& path, long* modified);
 
 // Makes the directory of the resource where it is missing: a client's with the agent's rights, a task's as the

@@ -1,4 +1,5 @@
 // BIN_GET and BIN_DATA.
+#include <cerrno>
 #include <cstring>
 #include <ctime>
 
@@ -7,6 +8,7 @@
 #include "base/log.h"
 #include "base/text.h"
 #include "channels/messages.h"
+#include "identity/accounts.h"
 #include "jobs/activation.h"
 #include "jobs/job_context.h"
 #include "jobs/job_table.h"
@@ -19,6 +21,7 @@ namespace {
 
 constexpr int number_stored_new = 2000239;
 constexpr int number_stored = 2000240;
+constexpr int number_file_failed = 2000242;
 constexpr int number_unexpected = 2000245;
 constexpr int number_asked = 2000246;
 constexpr int other_type = 2;
@@ -48,7 +51,7 @@ int send_question(EX_PCX* pcx, const resource_item& resource, int version, const
     ccm_setback(msg, pcx->exName, module, 0);
     // A line that breaks in this moment is no failure: the next logon repeats the question.
     (void)send_NAT_message(pcx->ccm, msg);
-    __log(number_asked, "%d:%s/%s|%d|", resource.client, resource.object_name.c_str(),
+    __log(number_asked, "%d:%s/%s|%d", resource.client, resource.object_name.c_str(),
           resource.resource_name.c_str(), resource.ah_idnr);
     return 0;
 }
@@ -148,7 +151,7 @@ int ProcessBinDataMessage(EX_PCX* pcx, ccm_msg_t* msg) {
     const auto data = view_record<MSG_TYPE_BIN_DATA>(view);
     resource_item* item = find_awaited(data);
     if (item == nullptr) {
-        __log(number_unexpected, "%s/%s|", printable(get_text(data.object_name)).c_str(),
+        __log(number_unexpected, "%s/%s", printable(get_text(data.object_name)).c_str(),
               printable(get_text(data.name)).c_str());
         return 0;
     }
@@ -164,12 +167,19 @@ int ProcessBinDataMessage(EX_PCX* pcx, ccm_msg_t* msg) {
     resource_item& resource = taken.front();
     qx7_error error;
     const auto content = view_data(view, data.content_dist, data.content_len);
-    if (store(pcx, resource, content, data.file_type, &error) != 0) {
+    // A file of half the bytes would count as current from then on.
+    const bool whole = data.content_len >= 0 && content.size() == static_cast<size_t>(data.content_len);
+    if (!whole) {
+        qx_error_set(&error, -1, EBADMSG, number_file_failed, "%d:%s/%s|%.400s|%d - %s|", resource.client,
+                     resource.object_name.c_str(), resource.resource_name.c_str(), resource.file_path.c_str(),
+                     EBADMSG, error_text(EBADMSG).c_str());
+    }
+    if (!whole || store(pcx, resource, content, data.file_type, &error) != 0) {
         __log_error(error);
         CancelAllJobsWaitingForThisResource(pcx, &resource, error.qx_msgnr, error.qx_msgInsert);
         return -1;
     }
-    __log(resource.usage_type == resource_new ? number_stored_new : number_stored, "%d:%s/%s|%.400s|",
+    __log(resource.usage_type == resource_new ? number_stored_new : number_stored, "%d:%s/%s|%.400s",
           resource.client, resource.object_name.c_str(), resource.resource_name.c_str(),
           resource.file_path.c_str());
     hand_out(pcx, &taken);

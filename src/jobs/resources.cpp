@@ -1,12 +1,14 @@
 // Which job needs which stored resource: from the rows of an activation to the day when nobody needs it.
 #include "jobs/resources.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
 
 #include "base/context.h"
 #include "base/error.h"
 #include "base/log.h"
+#include "base/paths.h"
 #include "identity/accounts.h"
 #include "jobs/activation.h"
 #include "jobs/job_context.h"
@@ -31,7 +33,7 @@ struct wanted_resource {
 };
 
 int bad_path(const JP_AREA* job, std::string_view told, qx7_error* error) {
-    return qx_error_set(error, -1, EPERM, number_bad_path, "%d:%.200s|%.500s|%d - %s|", job->JP_Mandant,
+    return qx_error_set(error, -1, EPERM, number_bad_path, "%d:%.200s|%.500s|%d - %s", job->JP_Mandant,
                         job->JP_oName, std::string(told).c_str(), EPERM, error_text(EPERM).c_str());
 }
 
@@ -50,7 +52,7 @@ int read_row(const JP_AREA* job, const MSG_TYPE_BINTAB& row, wanted_resource* wa
     if (folder.empty()) {
         return bad_path(job, folder, error);
     }
-    wanted->path = folder + file;
+    wanted->path = path_clean(folder + file);  // one spelling: by it jobs find what they share
     if (!resource_name_is_safe(file)) {
         return qx_error_set(error, -1, EPERM, number_bad_name, "%d:%s/%s|%.400s|%d - %s|", job->JP_Mandant,
                             wanted->object.c_str(), wanted->name.c_str(), wanted->path.c_str(), EPERM,
@@ -146,6 +148,11 @@ int read_client_row(EX_PCX* pcx, JP_AREA* job, const wanted_resource& wanted, qx
                             wanted.path.c_str(), error_number, error_text(error_number).c_str());
     }
     resource_item* used = find_shared(&context->used_resource_list, job, wanted);
+    // An order that names two versions must not wait for itself.
+    const bool used_by_others =
+        used != nullptr && std::any_of(used->job_list.begin(), used->job_list.end(), [&](const key_entry& entry) {
+            return entry.ah_idnr != job->JP_jobNr;
+        });
     if (there && modified == wanted.timestamp) {
         use_existing(job, wanted, used);
         return 0;
@@ -158,7 +165,7 @@ int read_client_row(EX_PCX* pcx, JP_AREA* job, const wanted_resource& wanted, qx
         join_waiting(job, wanted, item);
         return 0;
     }
-    if (there && used != nullptr) {
+    if (there && used_by_others) {
         wait_for_users(job, wanted, used);
         return 0;
     }

@@ -229,6 +229,54 @@ TEST_F(resource_test, a_new_version_waits_for_those_who_use_the_old_one) {
     EXPECT_TRUE(lists_are_empty());
 }
 
+TEST_F(resource_test, jobs_share_a_file_however_its_path_is_spelt) {
+    activate(with_rows(1, {{"shared", version_1}}));
+    activate(with_rows(2, {{"shared", version_1, resource_client, "./shared"}}, folder / "cache//clients//"));
+    EXPECT_EQ(sent_types(), types{"BIN_GET "});
+    give("shared", version_1, 1, "abc");
+    EXPECT_TRUE(runs(1) && runs(2));
+    end(1);
+    end(2);
+}
+
+TEST_F(resource_test, an_order_that_names_two_versions_does_not_wait_for_itself) {
+    activate(with_rows(1, {{"shared", version_1}}));
+    give("shared", version_1, 1, "old");
+    end(1);
+    activate(with_rows(2, {{"shared", version_1}, {"shared", version_2}}));
+    EXPECT_EQ(sent_types(), types{"BIN_GET "});
+    give("shared", version_2, 2, "new");
+    EXPECT_TRUE(runs(2));
+    end(2);
+    EXPECT_TRUE(lists_are_empty());
+}
+
+TEST_F(resource_test, content_that_did_not_come_whole_is_not_stored) {
+    activate(with_rows(1, {{"shared", version_1}}));
+    sent();
+    MSG_TYPE_BIN_DATA record{};
+    record.header = head("BIN_DATA", 1);
+    put_text(record.name, "shared");
+    put_text(record.object_name, "FILES");
+    record.timestamp = timestamp_utc(version_1);
+    record.ah_idnr = 1;
+    record.content_len = 100;
+    EXPECT_EQ(receive([](EX_PCX* p, ccm_msg_t* msg, int) { return ProcessBinDataMessage(p, msg); }, &record,
+                      sizeof record),
+              -1);
+    EXPECT_EQ(first_sent().as<MSG_TYPE_QUITT>().msgnr, 2000242);
+    EXPECT_FALSE(std::filesystem::exists(client_file("shared"))) << "it would count as current";
+    EXPECT_TRUE(lists_are_empty());
+}
+
+TEST_F(resource_test, what_a_waiting_job_has_already_goes_with_the_agent) {
+    activate(with_rows(1, {{"shared", version_1}, {"own", version_1, resource_task}}));
+    give("own", version_1, 1, "x");
+    EXPECT_TRUE(std::filesystem::exists(task_file(1, "own")));
+    JP_Close(pcx);
+    EXPECT_FALSE(std::filesystem::exists(folder / "cache/tasks/1"));
+}
+
 TEST_F(resource_test, a_waiting_version_goes_with_the_last_who_wants_it) {
     activate(with_rows(1, {{"shared", version_1}}));
     give("shared", version_1, 1, "old");
@@ -323,6 +371,7 @@ TEST_F(resource_test, places_outside_the_cache_are_refused) {
         {"name that climbs", {"a", version_1, resource_client, "x/../../y"}, {}, {}, 2000242},
         {"name that is only dots", {"a", version_1, resource_task, ".."}, {}, {}, 2000242},
         {"no name", {"a", version_1, resource_client, " "}, {}, {}, 2000242},
+        {"the folder itself", {"a", version_1, resource_client, "./."}, {}, {}, 2000242},
         {"unknown kind", {"a", version_1, 'X'}, {}, {}, 2000244},
     };
     for (const place_case& place : cases) {
@@ -369,6 +418,15 @@ TEST_F(resource_test, a_directory_that_somebody_else_made_is_refused) {
     sent();
     EXPECT_EQ(give("own", version_1, 2, "x"), -1);
     EXPECT_EQ(first_sent().as<MSG_TYPE_QUITT>().msgnr, 2000247);
+    if (!runs_as_root()) {
+        return;
+    }
+    std::filesystem::create_directories(folder / "cache/tasks/3");
+    ASSERT_EQ(chown((folder / "cache/tasks").c_str(), 12345, 12345), 0);
+    activate(with_rows(3, {{"own", version_1, resource_task}}));
+    sent();
+    EXPECT_EQ(give("own", version_1, 3, "x"), -1) << "whose owner can put another one in its place";
+    EXPECT_EQ(first_sent().as<MSG_TYPE_QUITT>().msgnr, 2000247);
 }
 
 TEST_F(resource_test, files_belong_to_the_jobs_user_and_under_hardened_to_the_agent) {
@@ -406,6 +464,11 @@ TEST_F(resource_test, files_belong_to_the_jobs_user_and_under_hardened_to_the_ag
     EXPECT_EQ(owner(client_file("shared")), 0u);
     EXPECT_EQ(mode_of(client_file("shared")), 0755u);
     end(3);
+    ASSERT_EQ(chown(client_file("shared").c_str(), first.uid, 0), 0);
+    activate(with_rows(5, {{"shared", -1}}));
+    EXPECT_EQ(first_sent().type(), "BIN_GET ") << "whatever the server's time is";
+    cancel(5);
+    sent();
     activate(with_rows(4, {{"fresh", version_1}}, folder / "cache/closed"));
     give("fresh", version_1, 4, "4");
     EXPECT_EQ(mode_of(folder / "cache/closed"), 0755u);
