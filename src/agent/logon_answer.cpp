@@ -76,6 +76,19 @@ void take_report(EX_PCX* pcx, const logon_answer& answer) {
     pcx->report_id_neu = answer.ah_idnr;
 }
 
+// A day's time that differs counts from today on, not behind the run that is planned already.
+void take_rollback_time(EX_PCX* pcx, const logon_answer& answer) {
+    const auto& check = answer.rb_rt_check;
+    if (pcx->pcx_rb_check_hh != check.abs2_hh || pcx->pcx_rb_check_mm != check.abs2_mm ||
+        pcx->pcx_rb_check_ss != check.abs2_ss || pcx->pcx_rb_life < 1) {
+        pcx->rb_cleanup_time = 0;
+    }
+    pcx->pcx_rb_life = answer.rb_rt_time;
+    pcx->pcx_rb_check_hh = check.abs2_hh;
+    pcx->pcx_rb_check_mm = check.abs2_mm;
+    pcx->pcx_rb_check_ss = check.abs2_ss;
+}
+
 void take_periods(EX_PCX* pcx, const logon_answer& answer) {
     take_period(&pcx->Per_JobCheck, answer.job_check, "Jobs");
     pcx->Per_StpTime = pcx->Per_JobCheck;
@@ -89,10 +102,7 @@ void take_periods(EX_PCX* pcx, const logon_answer& answer) {
     pcx->ft_rst_check_hh = answer.ft_rst_check.hh;
     pcx->ft_rst_check_mm = answer.ft_rst_check.mm;
     pcx->ft_rst_check_ss = answer.ft_rst_check.ss;
-    pcx->pcx_rb_life = answer.rb_rt_time;
-    pcx->pcx_rb_check_hh = answer.rb_rt_check.abs2_hh;
-    pcx->pcx_rb_check_mm = answer.rb_rt_check.abs2_mm;
-    pcx->pcx_rb_check_ss = answer.rb_rt_check.abs2_ss;
+    take_rollback_time(pcx, answer);
     const int events = answer.check_interval < 1 ? preset_interval : std::min(answer.check_interval, 32767);
     take_short_period(&pcx->fsh_check_interval, events, "File Event");
     take_short_period(&pcx->ftx_restart_intervall, answer.ft_rst_timer, "File Transfer Restart Point");

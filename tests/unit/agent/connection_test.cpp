@@ -150,6 +150,20 @@ TEST_F(connection, answer_that_stops_early_or_says_0_leaves_the_periods) {
     }
 }
 
+TEST_F(connection, another_time_for_the_rollback_folder_counts_from_today_on) {
+    MSG_TYPE_EXSTRTQ2 answer = good_answer();
+    answer.rb_rt_time = 3;
+    answer.rb_rt_check.abs2_hh = 4;
+    take(bytes_of(answer));
+    constexpr time_t planned = 4711;
+    pcx->rb_cleanup_time = planned;
+    take(bytes_of(answer));
+    EXPECT_EQ(pcx->rb_cleanup_time, planned) << "a logon by itself must not put it off";
+    answer.rb_rt_check.abs2_hh = 5;
+    take(bytes_of(answer));
+    EXPECT_EQ(pcx->rb_cleanup_time, 0) << "planned anew";
+}
+
 TEST_F(connection, silence_is_asked_twice_and_then_ends_the_connection) {
     const int id = add_server_channel();
     pcx->pcx_flag.fetch_or(PCX_FLAG_LOGGED_IN);
