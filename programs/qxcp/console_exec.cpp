@@ -3,10 +3,12 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <fstream>
 
 #include "console_line.h"
+#include "hex.h"
 
 using nlohmann::json;
 
@@ -35,16 +37,31 @@ int cancel(const cp_console_options& options, const std::string& agent, int numb
     return exit_code;
 }
 
-int tell(const cp_console_options& options, const json& answer) {
+// Output that is no UTF-8 came as hex too; JSON cannot hold it.
+std::string output_of(const json& answer) {
+    const auto hex = answer.find("output_hex");
+    return hex == answer.end() ? answer.value("output", "")
+                               : cp_from_hex(hex->get<std::string>()).value_or(answer.value("output", ""));
+}
+
+void print_answer(const json& answer, int rows) {
+    const std::string output = output_of(answer);
+    std::fwrite(output.data(), 1, output.size(), stdout);
+    std::fflush(stdout);
+    if (std::count(output.begin(), output.end(), '\n') >= rows) {
+        fmt::print(stderr, "qxcp: the output has reached {} lines and may go on: see --rows\n", rows);
+    }
+    if (answer.value("status", "") != "OK") {
+        fmt::print(stderr, "qxcp: {}\n", answer.value("text", ""));
+    }
+}
+
+int tell(const cp_console_options& options, const json& answer, int rows) {
     const int code = answer.value("code", -1);
     if (options.json) {
         fmt::print("{}\n", answer.dump(-1, ' ', false, json::error_handler_t::replace));
     } else {
-        fmt::print("{}", answer.value("output", ""));
-        std::fflush(stdout);
-        if (answer.value("status", "") != "OK") {
-            fmt::print(stderr, "qxcp: {}\n", answer.value("text", ""));
-        }
+        print_answer(answer, rows);
     }
     if (answer.value("status", "") == "OK") {
         return 0;
@@ -100,6 +117,6 @@ int cp_console_exec(const cp_console_options& options, const cp_exec_options& ex
         if (!answer->value("ok", false)) {
             return console_fail(answer->value("error", "the server gave no reason"));
         }
-        return tell(options, *answer);
+        return tell(options, *answer, exec.rows);
     }
 }

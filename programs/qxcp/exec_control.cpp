@@ -6,6 +6,7 @@
 
 #include "agent_messages.h"
 #include "control.h"
+#include "hex.h"
 #include "messages/records_job.h"
 #include "security/string_cipher.h"
 
@@ -25,6 +26,27 @@ int code_of(const cp_answer& answer) {
     const size_t bar = answer.insert.find('|');
     return answer.number == number_failed && bar != std::string::npos ? std::atoi(answer.insert.c_str() + bar + 1)
                                                                       : -1;
+}
+
+// Lines as the command wrote them; a CR of its own stays.
+std::string host_lines(const std::string& data) {
+    std::string lines;
+    lines.reserve(data.size());
+    for (size_t i = 0; i < data.size(); ++i) {
+        if (data[i] != '\r' || i + 1 == data.size() || data[i + 1] != '\n') {
+            lines += data[i];
+        }
+    }
+    return lines;
+}
+
+bool is_utf8(const std::string& text) {
+    try {  // the library reports other bytes by an exception
+        (void)json(text).dump();
+        return true;
+    } catch (const json::exception&) {
+        return false;
+    }
 }
 
 }  // namespace
@@ -101,15 +123,18 @@ void cp_control_exec(cp_server& server, cp_control_client& client, const json& r
         if (asker == nullptr) {
             return;
         }
-        std::string output = answer.data;
-        std::erase(output, '\r');
-        control_finish(*asker, {{"ok", true},
-                                {"status", answer.status},
-                                {"code", code_of(answer)},
-                                {"message_number", answer.number},
-                                {"message_insert", answer.insert},
-                                {"text", control_answer_text(answer)},
-                                {"output", output}});
+        const std::string output = host_lines(answer.data);
+        json story = {{"ok", true},
+                      {"status", answer.status},
+                      {"code", code_of(answer)},
+                      {"message_number", answer.number},
+                      {"message_insert", answer.insert},
+                      {"text", control_answer_text(answer)},
+                      {"output", output}};
+        if (!is_utf8(output)) {
+            story["output_hex"] = cp_to_hex(output);
+        }
+        control_finish(*asker, story);
     });
     if (sent == 0) {
         control_refuse(client, fmt::format("agent '{}' is not logged on: see 'qxcp agents'", agent));

@@ -332,7 +332,7 @@ int main(int argc, char** argv) {
     cp_exec_options exec;
     auto* exec_command = app.add_subcommand(
         "exec", "run a command on an agent's host and print its output; the exit code is the command's "
-                "(124: no answer in time, 125: it never ran or was stopped)");
+                "(124: no answer in time, 125: it never ran, was stopped, or its answer was lost)");
     exec_command->add_option("agent", exec.agent, "name of the agent")->required();
     exec_command->add_option("command", exec.command, "the command, for the user's login shell");
     exec_command->add_option("--user", exec.user, "user on the agent's host, '' for the agent's own")

@@ -1,6 +1,7 @@
 // Resources at the server: the table that an activation carries, and the answer to an agent that asks.
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "agent_messages.h"
@@ -22,10 +23,24 @@ std::string client_path(const std::string& cache, const cp_job& job) {
     return fmt::format("{}clients/{:04}/", cache, job.client);
 }
 
-// A job that waits for what is not there would wait for ever.
-void cancel_waiting_job(cp_server& server, const std::string& agent, int run, const std::string& why) {
-    cp_emit(server, "resource", agent, run, why);
-    cp_cancel(&server, run, {});
+// Jobs that wait for what is not there would wait for ever: the agent asks once for all that share it.
+void cancel_waiting_jobs(cp_server& server, const std::string& agent, int client, const std::string& object,
+                         const std::string& name) {
+    std::vector<int> runs;
+    for (const auto& [run, job] : server.store.jobs) {
+        const bool wants = std::any_of(job.resources.begin(), job.resources.end(), [&](const cp_job_resource& wanted) {
+            return wanted.object == object && wanted.name == name;
+        });
+        if (wants && job.agent == agent && job.client == client && job.state == cp_job_state::submitted) {
+            runs.push_back(run);
+        }
+    }
+    for (const int run : runs) {
+        cp_emit(server, "resource", agent, run,
+                fmt::format("agent {} asks for resource {}:{}/{}, which is not here: job {} is cancelled", agent,
+                            client, object, name, run));
+        cp_cancel(&server, run, {});
+    }
 }
 
 json resource_json(const cp_resource& resource) {
@@ -96,9 +111,7 @@ void cp_take_resource_request(cp_server& server, cp_agent& agent, message_view v
     const cp_resource* resource = cp_resource_find(server.store, client, object, name);
     const auto content = resource == nullptr ? std::nullopt : cp_resource_content(server.store, *resource);
     if (!content) {
-        cancel_waiting_job(server, agent.link.agent, question.ah_idnr,
-                           fmt::format("agent {} asks for resource {}:{}/{}, which is not here: job {} is cancelled",
-                                       agent.link.agent, client, object, name, question.ah_idnr));
+        cancel_waiting_jobs(server, agent.link.agent, client, object, name);
         return;
     }
     auto answer = new_message<MSG_TYPE_BIN_DATA>(question.header.i2Mandant, question.header.i4UsrIdNr);

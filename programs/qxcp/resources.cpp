@@ -54,8 +54,10 @@ std::string check_names(const cp_resource& resource) {
             return "names of object and resource have 1 to 200 characters";
         }
     }
-    if (resource.name.front() == '/' || ("/" + resource.name + "/").find("/../") != std::string::npos) {
-        return "the name of a resource is its file name in the agent's cache: relative, without '..'";
+    const std::string name = "/" + resource.name + "/";
+    if (name.find("/../") != std::string::npos || name.find("/./") != std::string::npos ||
+        name.find("//") != std::string::npos) {
+        return "the name of a resource is its file name in the agent's cache: relative, without '.' and '..'";
     }
     return {};
 }
@@ -122,8 +124,22 @@ std::string cp_resource_add(cp_store& store, cp_resource resource, const std::st
     cp_resource* old = find(store, resource.client, resource.object, resource.name);
     resource.file = old != nullptr ? old->file : fmt::format("{}.bin", next_number(store));
     resource.modified = std::max<int64_t>(time(nullptr), old != nullptr ? old->modified + 1 : 0);
-    fs::copy_file(path, content_path(store, resource), fs::copy_options::overwrite_existing, error);
+    // Beside the old version, which stays whole until the new one is. A copy has the mode of the file, too.
+    const std::string fresh = content_path(store, resource) + ".tmp";
+    fs::remove(fresh, error);
+    fs::copy_file(path, fresh, error);
+    if (!error) {
+        resource.size = static_cast<int64_t>(fs::file_size(fresh, error));  // it may have grown meanwhile
+    }
+    if (!error && resource.size > size_limit) {
+        error = std::make_error_code(std::errc::file_too_large);
+    }
+    if (!error) {
+        fs::rename(fresh, content_path(store, resource), error);
+    }
     if (error) {
+        std::error_code ignored;  // the failure that counts is the first
+        fs::remove(fresh, ignored);
         return fmt::format("cannot copy '{}': {}", path, error.message());
     }
     if (old != nullptr) {
@@ -145,5 +161,6 @@ std::optional<std::string> cp_resource_content(const cp_store& store, const cp_r
     if (!in || (resource.size != 0 && !(text << in.rdbuf()))) {
         return std::nullopt;
     }
-    return text.str();
+    std::string content = text.str();
+    return static_cast<int64_t>(content.size()) == resource.size ? std::optional(content) : std::nullopt;
 }

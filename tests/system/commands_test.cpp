@@ -1,4 +1,6 @@
 // Commands through the real programs: output, codes, limits, cancel, and an agent that stays awake meanwhile.
+#include <sys/stat.h>
+
 #include <csignal>
 
 #include "server_fixture.h"
@@ -56,7 +58,36 @@ TEST_F(commands, output_and_code_come_straight_back) {
         EXPECT_EQ(answer.number, one.number) << one.command;
         EXPECT_EQ(answer.data, one.output) << one.command;
     }
+    cp_answer piped;
+    exec(piped, "echo a | cat; exit 5");
+    ASSERT_TRUE(answered(piped));
+    EXPECT_TRUE(piped.insert.ends_with("|5|echo a | cat; exit 5")) << piped.insert;
+    EXPECT_TRUE(host->log_has("'echo a | cat; exit 5'")) << "the log shows all of a command\n" << host->log();
     EXPECT_TRUE(wait_until(5000, [&] { return no_output_left(); }));
+}
+
+TEST_F(commands, are_answered_without_sigchld_too) {
+    host = std::make_unique<installation>("NOSIGCMD", port());
+    host->ini["GLOBAL"]["sigchld"] = "no";
+    host->start();
+    ASSERT_TRUE(wait_logon("NOSIGCMD")) << story() << host->log();
+    cp_answer answer;
+    exec(answer, "echo out");
+    ASSERT_TRUE(answered(answer)) << "long before its limit" << host->log();
+    EXPECT_EQ(answer.number, 2000172);
+    EXPECT_EQ(answer.data, "out\r\n");
+    EXPECT_TRUE(wait_until(5000, [&] { return no_output_left(); }));
+}
+
+TEST_F(commands, what_runs_at_the_agents_end_leaves_no_file) {
+    start("ENDCMD");
+    cp_answer answer;
+    exec(answer, "exec sleep 60");
+    ASSERT_TRUE(wait(5000, [&] { return host->log_has("2000169"); })) << host->log();
+    EXPECT_FALSE(no_output_left());
+    ASSERT_TRUE(cp_stop_agent(server.get(), "ENDCMD"));
+    ASSERT_TRUE(wait(10000, [&] { return !host->agent.running(); }));
+    EXPECT_TRUE(no_output_left());
 }
 
 TEST_F(commands, a_greedy_command_blocks_nobody_and_ends_at_its_limit) {
@@ -162,6 +193,9 @@ TEST_F(commands, the_console_prints_and_passes_the_code_on) {
     EXPECT_EQ(text.substr(0, 6), "hello\n") << text;
     EXPECT_EQ(qxcp({"exec", "CONSCMD", "echo hello", "--json"}), 0);
     EXPECT_NE(text.find("\"output\":\"hello\\n\""), std::string::npos) << text;
+    EXPECT_EQ(qxcp({"exec", "CONSCMD", "printf 'a\\rb\\r\\n\\377\\n'", "--rows", "2"}), 0);
+    EXPECT_EQ(text.substr(0, 7), "a\rb\r\n\xff\n") << text;
+    EXPECT_NE(text.find("--rows"), std::string::npos) << "that it may go on: " << text;
     EXPECT_EQ(qxcp({"exec", "CONSCMD", "sleep 30", "--time-limit", "1"}), 124) << text;
     EXPECT_EQ(qxcp({"exec", "CONSCMD", "id", "--user", "qxnobodyhere"}), 125) << text;
     EXPECT_EQ(qxcp({"exec", "NOAGENT", "id"}), 1);
@@ -169,10 +203,13 @@ TEST_F(commands, the_console_prints_and_passes_the_code_on) {
     EXPECT_EQ(qxcp({"exec", "CONSCMD"}), 64) << text;
     write_file(data.path + "/tool.sh", "#!/bin/sh\necho tool\n");
     EXPECT_EQ(qxcp({"resource", "add", data.path + "/tool.sh", "--object", "TOOLS"}), 0) << text;
+    chmod((data.path + "/tool.sh").c_str(), 0400);
+    EXPECT_EQ(qxcp({"resource", "add", data.path + "/tool.sh", "--object", "TOOLS"}), 0) << "a new version: " << text;
     EXPECT_EQ(qxcp({"resource", "list"}), 0);
     EXPECT_NE(text.find("tool.sh"), std::string::npos) << text;
     EXPECT_EQ(qxcp({"resource", "add", data.path + "/none", "--object", "TOOLS"}), 1);
     EXPECT_EQ(qxcp({"resource", "add", data.path + "/tool.sh", "--object", "TOOLS", "--name", "../x"}), 1) << text;
+    EXPECT_EQ(qxcp({"resource", "add", data.path + "/tool.sh", "--object", "TOOLS", "--name", "./x"}), 1) << text;
     write_file(data.path + "/job.sh", "sh $QX_CLIENT_CACHE/tool.sh; sh $QX_TASK_CACHE/tool.sh\n");
     EXPECT_EQ(qxcp({"run", data.path + "/job.sh", "--client-resource", "TOOLS/tool.sh", "--task-resource",
                     "TOOLS/tool.sh"}),

@@ -160,6 +160,18 @@ TEST_F(resources, that_cannot_be_written_end_all_who_wait) {
     EXPECT_TRUE(wait_done(next)) << story();
 }
 
+TEST_F(resources, that_the_server_lost_end_all_who_wait) {
+    start("LOSTRES");
+    add("shared", "x\n");
+    const cp_store& store = cp_server_store(server.get());
+    write_file(store.folder + "/resources/" + store.resources[0].file, "cut");
+    const int first = submit_with("true", {{"FILES", "shared", 'C'}});
+    const int second = submit_with("true", {{"FILES", "shared", 'C'}});
+    for (int run : {first, second}) {
+        ASSERT_TRUE(wait(10000, [&] { return job(run).state == cp_job_state::refused; })) << story() << host->log();
+    }
+}
+
 TEST_F(resources, belong_to_the_jobs_user) {
     if (!is_root()) {
         GTEST_SKIP() << "needs root: jobs of other users";
