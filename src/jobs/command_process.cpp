@@ -154,7 +154,8 @@ void answer(EX_PCX* pcx, const Cmd_Area& entry) {
     send_failure(pcx, entry, number_failed, insert, output);
 }
 
-// Its child processes are nobody's to end, but whoever looks for what fills the disk shall find it in the log.
+// Its child processes are nobody's to end, but whoever looks for what fills the disk shall find it in the
+// log.
 void tell_of_leftovers(const Cmd_Area& entry) {
     if (entry.cmda_forkPid > 1 && kill(-entry.cmda_forkPid, 0) == 0) {
         __PutLogText("Command %d has ended, but processes of its group %d still run: %s", entry.cmda_jobNr,
@@ -237,8 +238,8 @@ int command_read_output(int fd, int max_rows, std::string* output, int* rows) {
     if (max_rows < 1) {
         return 0;
     }
-    // What a process of the command goes on to write is not waited for. A size may be any number, no file system
-    // has to hold that much.
+    // What a process of the command goes on to write is not waited for. A size may be any number, no file
+    // system has to hold that much.
     const int64_t size = std::min<int64_t>(status.st_size, output_limit);
     const int64_t limit = std::min({size + max_rows + 1, max_rows * row_size, output_limit});
     std::string piece(piece_size, '\0');

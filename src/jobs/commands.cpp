@@ -362,10 +362,9 @@ int commandTimeoutEvent(EX_PCX* pcx, qx7_error* error) {
         if (is_past_limit(entry, now)) {
             killed += stop_at_limit(pcx, &entry, error);
         } else if (entry.cmda_status == command_running) {
-            the_commands.cmd_breakTime_t =
-                the_commands.cmd_breakTime_t == 0
-                    ? entry.cmda_endTime_t
-                    : std::min(the_commands.cmd_breakTime_t, entry.cmda_endTime_t);
+            the_commands.cmd_breakTime_t = the_commands.cmd_breakTime_t == 0
+                                               ? entry.cmda_endTime_t
+                                               : std::min(the_commands.cmd_breakTime_t, entry.cmda_endTime_t);
         }
     }
     set_alarm(pcx);
@@ -384,9 +383,9 @@ int cancelCommandEntry(Cmd_Area* entry, qx7_error* error) {
                      command);
     } else {
         const int error_number = errno;
-        result = qx_error_set(error, -1, error_number, number_kill_failed, "%i(pid %i)|%s|%s",
-                              entry->cmda_jobNr, entry->cmda_forkPid, error_text(error_number).c_str(),
-                              command);
+        result =
+            qx_error_set(error, -1, error_number, number_kill_failed, "%i(pid %i)|%s|%s", entry->cmda_jobNr,
+                         entry->cmda_forkPid, error_text(error_number).c_str(), command);
     }
     __log_error(*error);
     return result;

@@ -1,5 +1,5 @@
-// Short commands of the server: started like a job's script, their output goes straight back. No messenger, no
-// restart record, no report to fetch. Main thread.
+// Short commands of the server: started like a job's script, their output goes straight back. No messenger,
+// no restart record, no report to fetch. Main thread.
 #pragma once
 
 #include <sys/types.h>
@@ -55,8 +55,8 @@ struct Cmd_Area {
     time_t cmda_sTime_t = 0;
     time_t cmda_endTime_t = 0;  // time limit, on the alarm clock
     MSG_TYPE_TIMESTAMP cmda_sDatumTime = {};
-    qx_descriptor cmda_fd;      // the output file, for reading; what has its name later does not count
-    dev_t cmda_device = 0;      // of that file
+    qx_descriptor cmda_fd;  // the output file, for reading; what has its name later does not count
+    dev_t cmda_device = 0;  // of that file
     ino_t cmda_inode = 0;
     bool cmda_swUser = true;  // the user differs from the agent's effective user
 };
@@ -83,8 +83,8 @@ int process_exreqcmd(EX_PCX* pcx, ccm_msg_t* msg, int row);
 int process_exreqcancel(EX_PCX* pcx, ccm_msg_t* msg, int row);
 // Handler of the internal record CMD_CHK.
 int process_cmd_chk(EX_PCX* pcx, ccm_msg_t* msg, int row);
-// Kills the commands that are past their limit and answers their requests; sets the next alarm. Where no signal
-// tells of ends, those that are gone are answered. The number of commands killed.
+// Kills the commands that are past their limit and answers their requests; sets the next alarm. Where no
+// signal tells of ends, those that are gone are answered. The number of commands killed.
 int commandTimeoutEvent(EX_PCX* pcx, qx7_error* error);
 // End of child `pid`. 1 when it was a command, else 0.
 int process_command_sigchild(EX_PCX* pcx, int pid, int exitCode, int rawStatus);
@@ -104,6 +104,6 @@ void removeCommandEntry(EX_PCX* pcx, Cmd_Area* entry);
 
 // Closes and deletes the output file, if it still is the one that was made.
 void command_remove_output(Cmd_Area* entry);
-// Output as it travels: each LF becomes CR LF. At most `max_rows` rows and what was in the file when the reading
-// began; `rows` is their number. 0, or -1 with errno.
+// Output as it travels: each LF becomes CR LF. At most `max_rows` rows and what was in the file when the
+// reading began; `rows` is their number. 0, or -1 with errno.
 int command_read_output(int fd, int max_rows, std::string* output, int* rows);

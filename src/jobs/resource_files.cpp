@@ -101,8 +101,10 @@ int open_folders(const EX_PCX* pcx, const std::string& path, mode_t mode, bool* 
     return at.release();
 }
 
-int make_client_path(const EX_PCX* pcx, const JP_AREA* job, qx7_error* error) {
-    const std::string& path = job->jp_client_cache_path;
+// Down to the file's own folder: one that a user made could not take the next version by another one's job.
+int make_client_path(const EX_PCX* pcx, const JP_AREA* job, const resource_item& resource,
+                     qx7_error* error) {
+    const std::string path(path_folder_name(resource.file_path));
     struct stat status;
     effUser_guard lock;
     if (!hardened() && stat(path.c_str(), &status) == 0) {
@@ -139,8 +141,8 @@ int make_task_parent(const EX_PCX* pcx, const JP_AREA* job, const std::string& p
     return 0;
 }
 
-// A directory made beforehand by somebody else, or one that lies in what is somebody else's, would let him change
-// what the job reads.
+// A directory made beforehand by somebody else, or one that lies in what is somebody else's, would let him
+// change what the job reads.
 bool task_directory_is_jobs(const EX_PCX* pcx, const JP_AREA* job, const std::string& path) {
     bool made = false;
     const size_t slash = path.rfind('/');
@@ -299,7 +301,7 @@ int resource_stat(const std::string& path, long* modified) {
         if (stat(path.c_str(), &status) != 0) {
             return -1;
         }
-        *modified = status.st_mtime;
+        *modified = S_ISREG(status.st_mode) ? status.st_mtime : resource_time_none;
         return 0;
     }
     if (lstat(path.c_str(), &status) != 0) {
@@ -313,7 +315,7 @@ int resource_stat(const std::string& path, long* modified) {
 
 int CreateCachePath(EX_PCX* pcx, const JP_AREA* job, const resource_item& resource, qx7_error* error) {
     return resource.cache_type == resource_task ? make_task_path(pcx, job, error)
-                                                : make_client_path(pcx, job, error);
+                                                : make_client_path(pcx, job, resource, error);
 }
 
 size_t CrLfCorrection(char* text, size_t length) {
@@ -330,10 +332,9 @@ size_t CrLfCorrection(char* text, size_t length) {
 
 int CreateResourceFile(EX_PCX*, const resource_item& resource, std::span<const unsigned char> data,
                        char fileType, qx7_error* error) {
-    const JP_AREA* job =
-        resource.job_list.empty()
-            ? nullptr
-            : Find_JEntry(resource.job_list.front().ah_idnr, static_cast<uint16_t>(resource.client));
+    const JP_AREA* job = resource.job_list.empty() ? nullptr
+                                                   : Find_JEntry(resource.job_list.front().ah_idnr,
+                                                                 static_cast<uint16_t>(resource.client));
     if (job == nullptr) {
         return qx_error_set(error, -1, 0, number_file_failed, "%d:%s/%s|%.400s|empty job list|",
                             resource.client, resource.object_name.c_str(), resource.resource_name.c_str(),

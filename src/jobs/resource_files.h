@@ -19,16 +19,16 @@ bool resource_name_is_safe(std::string_view name);
 
 // Of a file that must not be taken for current, whatever the server's time is.
 inline constexpr long resource_time_none = LONG_MIN;
-// Whether the client resource at `path` is there: fills its modification time. -1 with errno. Under `hardened`
-// a file that somebody else could have written has resource_time_none.
+// Whether the client resource at `path` is there: fills its modification time. -1 with errno. What is no
+// regular file has resource_time_none; under `hardened` also a file that somebody else could have written.
 int resource_stat(const std::string& path, long* modified);
 
-// Makes the directory of the resource where it is missing: a client's with the agent's rights, a task's as the
-// user of `job`. 1, or -1 with `error`.
+// Makes the directory of the resource where it is missing: a client's with the agent's rights, a task's as
+// the user of `job`. 1, or -1 with `error`.
 int CreateCachePath(EX_PCX* pcx, const JP_AREA* job, const resource_item& resource, qx7_error* error);
-// Writes the file, as the user of the first job that needs it, with the time of the resource. Text goes through
-// that job's code table and loses the CR of each CR LF. Nothing is left of a file that could not be written
-// whole. 0, or -1 with `error`.
+// Writes the file, as the user of the first job that needs it, with the time of the resource. Text goes
+// through that job's code table and loses the CR of each CR LF. Nothing is left of a file that could not be
+// written whole. 0, or -1 with `error`.
 int CreateResourceFile(EX_PCX* pcx, const resource_item& resource, std::span<const unsigned char> data,
                        char fileType, qx7_error* error);
 // Each CR LF becomes LF; the text ends at a zero byte. In place; the length that remains.

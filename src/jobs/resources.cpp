@@ -149,10 +149,10 @@ int read_client_row(EX_PCX* pcx, JP_AREA* job, const wanted_resource& wanted, qx
     }
     resource_item* used = find_shared(&context->used_resource_list, job, wanted);
     // An order that names two versions must not wait for itself.
-    const bool used_by_others =
-        used != nullptr && std::any_of(used->job_list.begin(), used->job_list.end(), [&](const key_entry& entry) {
-            return entry.ah_idnr != job->JP_jobNr;
-        });
+    const bool used_by_others = used != nullptr && std::any_of(used->job_list.begin(), used->job_list.end(),
+                                                               [&](const key_entry& entry) {
+                                                                   return entry.ah_idnr != job->JP_jobNr;
+                                                               });
     if (there && modified == wanted.timestamp) {
         use_existing(job, wanted, used);
         return 0;

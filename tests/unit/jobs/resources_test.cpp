@@ -1,6 +1,7 @@
 // Stored resources: who asks, who waits, who shares, and what is left on disk.
 #include "jobs/resources.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include "base/error.h"
@@ -207,6 +208,20 @@ TEST_F(resource_test, what_is_current_on_disk_is_not_asked_for) {
     const std::string report = read_text(report_file(2));
     EXPECT_EQ(report.find("2001094"), std::string::npos) << "nothing was fetched";
     EXPECT_NE(report.find("2001096"), std::string::npos);
+}
+
+TEST_F(resource_test, a_fifo_with_the_right_time_is_no_resource) {
+    activate(with_rows(1, {{"shared", version_1}}));
+    give("shared", version_1, 1, "abc");
+    end(1);
+    std::filesystem::remove(client_file("shared"));
+    ASSERT_EQ(mkfifo(client_file("shared").c_str(), 0666), 0);
+    const timespec times[2] = {{version_1, 0}, {version_1, 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, client_file("shared").c_str(), times, 0), 0);
+    activate(with_rows(2, {{"shared", version_1}}));
+    EXPECT_EQ(first_sent().type(), "BIN_GET ");
+    EXPECT_EQ(give("shared", version_1, 2, "abc"), -1);
+    EXPECT_EQ(first_sent().as<MSG_TYPE_QUITT>().msgnr, 2000242) << "a job that reads it would wait for ever";
 }
 
 TEST_F(resource_test, a_new_version_waits_for_those_who_use_the_old_one) {
@@ -443,16 +458,20 @@ TEST_F(resource_test, files_belong_to_the_jobs_user_and_under_hardened_to_the_ag
     };
     user = first.name;
     chmod((folder / "out").c_str(), 0777);
-    activate(with_rows(1, {{"shared", version_1}, {"own", version_1, resource_task}}));
+    activate(with_rows(1, {{"shared", version_1}, {"sub/deep", version_1}, {"own", version_1, resource_task}}));
     give("shared", version_1, 1, "1");
+    give("sub/deep", version_1, 1, "1");
     give("own", version_1, 1, "1");
+    EXPECT_EQ(mode_of(client_file("sub")), 01777u);
     EXPECT_EQ(owner(client_file("shared")), first.uid);
     EXPECT_EQ(owner(task_file(1, "own")), first.uid);
     end(1);
     EXPECT_FALSE(std::filesystem::exists(folder / "cache/tasks/1"));
     user = second.name;
-    activate(with_rows(2, {{"shared", version_2}}));
+    activate(with_rows(2, {{"shared", version_2}, {"sub/deep", version_2}}));
     give("shared", version_2, 2, "2");
+    give("sub/deep", version_2, 2, "2");
+    EXPECT_EQ(read_text(client_file("sub/deep")), "2");
     EXPECT_EQ(read_text(client_file("shared")), "2") << "another user's job replaces it all the same";
     EXPECT_EQ(owner(client_file("shared")), second.uid);
     end(2);
