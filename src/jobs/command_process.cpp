@@ -165,20 +165,24 @@ void tell_of_leftovers(const Cmd_Area& entry) {
 
 // Appends what fits of a piece. False when the output is full.
 bool append_piece(std::string_view piece, int max_rows, int64_t limit, std::string* output, int* rows) {
-    for (const char c : piece) {
-        const bool line_end = c == '\n';
-        if (static_cast<int64_t>(output->size()) + (line_end ? 2 : 1) > limit) {
+    constexpr std::string_view line_end = "\r\n";
+    for (;;) {
+        const size_t end = piece.find('\n');
+        const std::string_view line = piece.substr(0, end);
+        const size_t room = static_cast<size_t>(limit) - output->size();
+        output->append(line.substr(0, room));
+        if (end == std::string_view::npos) {
+            return line.size() <= room;
+        }
+        if (line.size() + line_end.size() > room) {
             return false;
         }
-        if (line_end) {
-            output->push_back('\r');
-        }
-        output->push_back(c);
-        if (line_end && ++*rows == max_rows) {
+        output->append(line_end);
+        if (++*rows == max_rows) {
             return false;
         }
+        piece.remove_prefix(end + 1);
     }
-    return true;
 }
 
 }  // namespace
