@@ -5,10 +5,10 @@
 #include <cstring>
 #include <new>
 
-#include "transfer/compress/lzx_search.h"
 #include "transfer/compress/encoder.h"
 #include "transfer/compress/error.h"
 #include "transfer/compress/lzss_search.h"
+#include "transfer/compress/lzx_search.h"
 
 CompressFile::CompressFile() = default;
 CompressFile::~CompressFile() = default;
@@ -218,6 +218,7 @@ int openSender(CompressFile& cf, ErrMsg* err) {
     }
     const CompressParameter given = cf.parameters;
     getParameters(&cf.parameters, &given, cf.id, cf.flags);
+    cf.second.always = given.lzpHash != 0;
     const bool pool = cf.id == compress_lzp || cf.id == compress_lzx;
     long size = 0;
     if (pool || (cf.flags & compress_size) != 0) {

@@ -10,6 +10,7 @@
 
 #include "transfer/compress/bits.h"
 #include "transfer/compress/huffman.h"
+#include "transfer/compress/lzp_places.h"
 #include "transfer/compress/memory.h"
 #include "transfer/compress/positions.h"
 #include "transfer/compress/source.h"
@@ -36,16 +37,11 @@ inline constexpr size_t input_slack = 2048;
 // What a method reads beyond the longest match at once, so that small pieces of a source cost little.
 inline constexpr size_t input_batch = 65536;
 
-// A sender's tables are smaller than the contexts are many. Multiplied by this odd number, which can be
-// undone, the upper bits of a context become an index for which those that are frequent seldom meet.
-inline constexpr uint32_t context_spread = 0x9e3779b1;
-
 // One table of contexts: position of the byte that followed each, 0 for none.
 struct ContextTable {
     Memory memory;
     ContextHash hash{};
-    uint32_t value = 0;     // context at the current position; only the bits of the mask count
-    unsigned restBits = 0;  // id 9: bits of a context that its slot keeps, as they are not part of the index
+    PlaceRule rule{};
 };
 
 // What the tables of id 9 told for the next places of the input, before those were entered: the distance to
@@ -56,9 +52,29 @@ struct Predictions {
     unsigned count = 0;
     uint32_t position = 0;     // of the next stretch, as slots count
     uint32_t positionEnd = 0;  // a power of two; above it slots hold a check
+    const PlaceForm& form = placeForm();
     std::array<uint32_t, stretch> first{};
     std::array<uint32_t, stretch> second{};
-    std::array<uint8_t, stretch + 8> found{};  // 1 where one of the two is to be used
+    std::array<uint8_t, stretch / 8 + 16>
+        found{};  // a bit for each place, set where one of the two is to be used
+};
+
+// A block that is sent with both tables of id 9: what it would be with the first alone.
+struct SecondTrial {
+    std::array<uint32_t, alphabet_size> frequency{};
+    uint64_t covered = 0;  // bytes of the source that these symbols cover
+    unsigned skip = 0;     // bytes of its last match that lie behind the last stretch
+    uint64_t sent = 0;     // bits before the block
+    uint32_t source = 0;   // position of its first byte
+};
+
+// Whether id 9 asks its second table.
+struct SecondUse {
+    bool always = false;  // the caller named the tables
+    bool wanted = false;  // in stretches to come
+    bool asked = false;   // in the one under way
+    unsigned block = 0;   // since the last trial began
+    std::unique_ptr<SecondTrial> trial;
 };
 
 // Symbols of the current block, not yet in the output. Which of the three arrays counts depends on the
@@ -156,6 +172,7 @@ struct CompressFile {
 
     uint32_t positionHigh = position_high;
     ContextTable context[2];
+    SecondUse second;
     std::unique_ptr<Predictions> predictions;
     std::unique_ptr<LzssSearch> lzss;
     std::unique_ptr<LzxSearch> lzx;

@@ -4,6 +4,8 @@
 // stretch is passed over twice: one loop without branches brings the tables up to date and keeps what they
 // told for each place, a second one searches in that. Neither waits for the other's misses.
 #include <algorithm>
+#include <cstring>
+#include <memory>
 
 #include "transfer/compress/encoder.h"
 
@@ -15,6 +17,9 @@ namespace {
 // anything above the position differs, or to one that is too old is larger than the pool.
 constexpr unsigned check_bits_most = 8;
 constexpr unsigned slots_ahead = 32;
+constexpr size_t near_table = 262144;  // bytes; the slots of a larger one are fetched ahead
+constexpr unsigned blocks_between_trials = 64;
+constexpr unsigned places_more = 8;  // that a form may write behind those asked for
 
 // A receiver has a slot for each context. A sender that remembers fewer of them says nothing wrong: what it
 // finds is the last place of exactly that context, and what it forgot it codes otherwise. With the defaults
@@ -56,32 +61,6 @@ void lowerSlots(CompressFile& cf) {
     ahead.position = pool + 1;
 }
 
-// Of two pairs of bytes that differ in one place only, the checks differ.
-inline uint32_t checkOf(const uint8_t* p) {
-    return p[0] + p[1] * 5U;
-}
-
-// Slots of `count` places from p on, and what is to be entered there. Slots beyond are fetched while earlier
-// ones are worked on.
-void passContexts(ContextTable& context, const uint8_t* p, unsigned count, uint32_t position, unsigned bits,
-                  uint32_t* index, uint32_t* fresh) {
-    uint32_t value = context.value;
-    for (unsigned i = 0; i < count; ++i) {
-        index[i] = value;
-        value = value << context.hash.shift ^ p[i];
-    }
-    context.value = value;
-    const uint32_t mask = context.hash.mask;
-    const unsigned restBits = context.restBits;
-    const uint32_t restMask = (1U << restBits) - 1;
-    for (unsigned i = 0; i < count; ++i) {
-        const uint32_t spread = index[i] * context_spread & mask;
-        fresh[i] = (checkOf(p + i) << restBits | (spread & restMask)) << bits | (position + i);
-        index[i] = spread >> restBits;
-    }
-    std::fill_n(index + count, slots_ahead, (value * context_spread & mask) >> restBits);
-}
-
 // Enters places into the slots of one table and keeps how far back what those held is.
 template <bool fetch, class Index>
 inline void enterPlaces(uint32_t* table, const uint32_t* fresh, unsigned count, uint32_t* distance,
@@ -96,38 +75,57 @@ inline void enterPlaces(uint32_t* table, const uint32_t* fresh, unsigned count, 
     }
 }
 
+// Passes over the places of a hashed table.
+void passContexts(CompressFile& cf, unsigned which, const uint8_t* p, unsigned count, uint32_t* distance) {
+    uint32_t fresh[Predictions::stretch + places_more];
+    uint32_t index[Predictions::stretch + slots_ahead];
+    ContextTable& context = cf.context[which];
+    const Predictions& ahead = *cf.predictions;
+    ahead.form.contexts(context.rule, p, count, ahead.position, index, fresh);
+    std::fill_n(index + count, slots_ahead, 0U);
+    auto* const table = context.memory.as<uint32_t>();
+    const auto indexed = [&](unsigned i) { return index[i]; };
+    if (context.memory.size() > near_table) {
+        enterPlaces<true>(table, fresh, count, distance, indexed);
+    } else {
+        enterPlaces<false>(table, fresh, count, distance, indexed);
+    }
+}
+
+// Passes over the places of a table whose index is the two bytes before each.
+void passPairs(CompressFile& cf, const uint8_t* p, unsigned count, uint32_t* distance) {
+    uint32_t fresh[Predictions::stretch];
+    const Predictions& ahead = *cf.predictions;
+    const unsigned bits = cf.context[1].rule.positionBits;
+    for (unsigned i = 0; i < count; ++i) {
+        fresh[i] = placeCheck(p + i) << bits | (ahead.position + i);
+    }
+    enterPlaces<false>(cf.context[1].memory.as<uint32_t>(), fresh, count, distance,
+                       [p](unsigned i) { return load16(p + i - 2); });
+}
+
 // Passes over `count` bytes from p on: what the slots of each place hold, at most the pool when they may be
 // used, goes into the predictions.
 template <Second kind>
 void passStretch(CompressFile& cf, const uint8_t* p, unsigned count) {
     Predictions& ahead = *cf.predictions;
-    uint32_t fresh[Predictions::stretch];
-    uint32_t index[Predictions::stretch + slots_ahead];
-    const unsigned bits = highestBit(ahead.positionEnd);
-    const uint32_t position = ahead.position;
-    ahead.position += count;
-    const auto indexed = [&](unsigned i) { return index[i]; };
-    passContexts(cf.context[0], p, count, position, bits, index, fresh);
-    enterPlaces<true>(cf.context[0].memory.as<uint32_t>(), fresh, count, ahead.first.data(), indexed);
-    if constexpr (kind == Second::pair) {
-        for (unsigned i = 0; i < count; ++i) {
-            fresh[i] = checkOf(p + i) << bits | (position + i);
-        }
-        enterPlaces<false>(cf.context[1].memory.as<uint32_t>(), fresh, count, ahead.second.data(),
-                           [p](unsigned i) { return load16(p + i - 2); });
-    } else if constexpr (kind == Second::hashed) {
-        passContexts(cf.context[1], p, count, position, bits, index, fresh);
-        enterPlaces<true>(cf.context[1].memory.as<uint32_t>(), fresh, count, ahead.second.data(), indexed);
-    }
     const auto pool = static_cast<uint32_t>(cf.in.history);
-    for (unsigned i = 0; i < count; ++i) {
-        bool found = ahead.first[i] <= pool;
-        if constexpr (kind != Second::none) {
-            found |= ahead.second[i] <= pool;
+    passContexts(cf, 0, p, count, ahead.first.data());
+    ahead.form.usable(ahead.first.data(), count, pool, ahead.found.data());
+    if constexpr (kind != Second::none) {
+        if constexpr (kind == Second::pair) {
+            passPairs(cf, p, count, ahead.second.data());
+        } else {
+            passContexts(cf, 1, p, count, ahead.second.data());
         }
-        ahead.found[i] = found ? 1 : 0;
+        std::array<uint8_t, Predictions::stretch / 8> other;
+        ahead.form.usable(ahead.second.data(), count, pool, other.data());
+        for (unsigned i = 0; i < (count + 7) / 8; ++i) {
+            ahead.found[i] |= other[i];
+        }
     }
-    ahead.found[count] = 1;  // ends a search
+    ahead.found[count / 8] = static_cast<uint8_t>(ahead.found[count / 8] | 1U << count % 8);  // ends a search
+    ahead.position += count;
     ahead.count = count;
     ahead.at = 0;
 }
@@ -148,11 +146,12 @@ void preparePredictions(CompressFile& cf) {
 
 // First place from `at` on where a slot may be used.
 inline unsigned findPrediction(const uint8_t* found, unsigned at) {
-    uint64_t eight;
-    while ((eight = load64(found + at)) == 0) {
-        at += 8;
+    uint64_t bits = load64(found + at / 8) >> at % 8;
+    while (bits == 0) {
+        at = (at & ~7U) + 64;
+        bits = load64(found + at / 8);
     }
-    return at + (static_cast<unsigned>(__builtin_ctzll(eight)) >> 3);
+    return at + static_cast<unsigned>(__builtin_ctzll(bits));
 }
 
 // May write 7 entries more.
@@ -208,6 +207,26 @@ inline Best bestMatch(const Predictions& ahead, unsigned at, const uint8_t* p, u
     return {length, kind != Second::none && secondLength == length ? symbol_end + counted_codes : symbol_end};
 }
 
+// What the stretch that begins would be with the first table alone.
+void tryWithout(CompressFile& cf) {
+    const InputBuffer& in = cf.in;
+    const Predictions& ahead = *cf.predictions;
+    SecondTrial& trial = *cf.second.trial;
+    const uint8_t* const end = in.at(in.end);
+    unsigned at = std::min(trial.skip, ahead.count);
+    trial.skip -= at;
+    while (at < ahead.count) {
+        const uint8_t* const p = in.at(in.src) + at;
+        const auto left = static_cast<uint32_t>(std::min<ptrdiff_t>(end - p, count_max));
+        const Best best = bestMatch<Second::none>(ahead, at, p, static_cast<uint32_t>(in.history), left);
+        const bool copy = best.length >= 2;
+        ++trial.frequency[(copy ? lengthEntry(best.length, best.base) : *p) & (alphabet_size - 1)];
+        at += copy ? best.length : 1;
+    }
+    trial.skip += at - ahead.count;
+    trial.covered += ahead.count;
+}
+
 // Codes from the source's position up to `stop`, behind which the longest match and a byte are known.
 template <Second kind>
 void fillSpan(CompressFile& cf, size_t stop) {
@@ -220,7 +239,13 @@ void fillSpan(CompressFile& cf, size_t stop) {
     size_t skip = 0;  // rest of a match
     while ((in.src < stop && entry < full) || skip != 0) {
         if (ahead.at == ahead.count) {
+            if (skip == 0 && cf.second.wanted != cf.second.asked) {
+                break;
+            }
             preparePredictions<kind>(cf);
+            if (kind != Second::none && cf.second.trial != nullptr) {
+                tryWithout(cf);
+            }
         }
         unsigned at = ahead.at;
         const auto passed = static_cast<unsigned>(std::min<size_t>(skip, ahead.count - at));
@@ -257,6 +282,62 @@ void fillSpan(CompressFile& cf, size_t stop) {
     block.count = static_cast<unsigned>(entry - block.entries);
 }
 
+// Bits that the trial's symbols would take.
+uint64_t bitsWithout(const CompressFile& cf, SecondTrial& trial) {
+    std::array<uint8_t, alphabet_size> length;
+    trial.frequency[symbol_end] = 1;
+    buildLengths(trial.frequency.data(), alphabet_size, code_length_max, length.data());
+    uint64_t bits = 0;
+    for (unsigned i = 0; i < alphabet_size; ++i) {
+        bits += uint64_t{trial.frequency[i]} * (length[i] + cf.symbols[i].extraBits);
+    }
+    return bits;
+}
+
+// Decides whether the block to come asks the second table. That takes a third of the time, so what is sent
+// has to be shorter by an eighth of it. Now and then a block fills the table, and the next one is coded both
+// ways.
+void chooseSecond(CompressFile& cf) {
+    SecondUse& use = cf.second;
+    if (use.always || cf.context[1].memory.data() == nullptr) {
+        return;
+    }
+    const uint64_t sent = cf.written * 8 + cf.writer.count;
+    switch (use.block) {
+        case 0:
+            use.wanted = true;
+            break;
+        case 1:
+            use.trial = std::make_unique<SecondTrial>();
+            use.trial->sent = sent;
+            use.trial->source = cf.in.position(cf.in.src);
+            break;
+        case 2: {
+            const uint64_t with = sent - use.trial->sent;
+            const uint64_t covered = cf.in.position(cf.in.src) - use.trial->source;
+            const uint64_t without = bitsWithout(cf, *use.trial);
+            // Both for each byte: the trial ends with a stretch, the block where it will.
+            use.wanted = without * covered / 9 * 8 > with * use.trial->covered;
+            use.trial.reset();
+            break;
+        }
+        default:
+            break;
+    }
+    use.block = (use.block + 1) % blocks_between_trials;
+}
+
+// What the stretch under way began with stays until its end.
+bool asksSecond(CompressFile& cf) {
+    const Predictions& ahead = *cf.predictions;
+    SecondUse& use = cf.second;
+    if (ahead.at == ahead.count && use.wanted != use.asked) {
+        use.asked = use.wanted;
+        memset(cf.context[1].memory.data(), 0, cf.context[1].memory.size());
+    }
+    return use.asked;
+}
+
 // The bits of a context that the index leaves out must fit above the position.
 unsigned chooseRestBits(uint32_t contextMask, size_t pool) {
     const unsigned contextBits = highestBit(contextMask) + 1;
@@ -277,10 +358,11 @@ int openLzp(CompressFile& cf, ErrMsg* err) {
         }
         ContextTable& context = cf.context[i];
         context.hash = contextHash(size, order);
-        context.value = context.hash.start;
-        context.restBits = chooseRestBits(context.hash.mask, cf.in.history);
-        if (!context.memory.take(((size_t{context.hash.mask} + 1) >> context.restBits) * sizeof(uint32_t),
-                                 "lzp", err)) {
+        context.rule = {
+            context.hash.shift, (highestBit(context.hash.mask) + context.hash.shift) / context.hash.shift,
+            context.hash.mask, chooseRestBits(context.hash.mask, cf.in.history), positionBits(cf.in.history)};
+        if (!context.memory.take(
+                ((size_t{context.hash.mask} + 1) >> context.rule.restBits) * sizeof(uint32_t), "lzp", err)) {
             return -1;
         }
         if (cf.in.history >= large_pool) {
@@ -293,12 +375,14 @@ int openLzp(CompressFile& cf, ErrMsg* err) {
     cf.predictions = std::make_unique<Predictions>();
     cf.predictions->position = static_cast<uint32_t>(cf.in.history) + 1;
     cf.predictions->positionEnd = 1U << positionBits(cf.in.history);
+    cf.second.wanted = cf.second.asked = orders.second != 0;
     return 0;
 }
 
 int lzpFillHufBuf(CompressFile& cf, ErrMsg* err) {
     InputBuffer& in = cf.in;
     const ContextHash& second = cf.context[1].hash;
+    chooseSecond(cf);
     while (cf.block.count < cf.block.size) {
         if (in.available() <= count_max && fillInBuf(cf, count_max + input_batch, err) < 0) {
             return -1;
@@ -310,9 +394,9 @@ int lzpFillHufBuf(CompressFile& cf, ErrMsg* err) {
             *in.at(in.end) = 0;  // the last check sees the same byte whatever was there before
         }
         const size_t stop = in.eof ? in.end : in.end - count_max;
-        if (cf.context[1].memory.data() == nullptr) {
+        if (!asksSecond(cf)) {
             fillSpan<Second::none>(cf, stop);
-        } else if (second.order == 2 && second.mask == 0xffff && cf.context[1].restBits == 0) {
+        } else if (second.order == 2 && second.mask == 0xffff && cf.context[1].rule.restBits == 0) {
             fillSpan<Second::pair>(cf, stop);
         } else {
             fillSpan<Second::hashed>(cf, stop);

@@ -1,6 +1,7 @@
 // Rules at the edges: headers, modes, ends, errors, strong mode, sizes that must not change unseen.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -8,6 +9,7 @@
 #include "compress_support.h"
 #include "transfer/compress/bucket.h"
 #include "transfer/compress/encoder.h"
+#include "transfer/compress/lzp_places.h"
 #include "transfer/compress/lzss_search.h"
 
 namespace {
@@ -217,6 +219,58 @@ TEST(Edges, CallbackErrorsComeThrough) {
     EXPECT_EQ(err.code, 4711);
     EXPECT_EQ(csRead(cf, buf, sizeof buf, &err), -1) << "a failure stays";
     csClose(cf);
+}
+
+// What a processor can do must not show in the stream.
+TEST(Places, VectorsGiveWhatAnyProcessorGives) {
+    const PlaceForm* const vectors = vectorPlaces();
+    if (vectors == nullptr) {
+        GTEST_SKIP() << "this processor has no vectors of 32 bytes";
+    }
+    const std::string data = makeBinary(600, 7);
+    const auto* const p = reinterpret_cast<const uint8_t*>(data.data()) + 16;
+    const PlaceRule rules[] = {
+        {6, 4, 0xfffff, 4, 24}, {2, 5, 0x1ff, 0, 24}, {6, 5, 0x1ffffff, 2, 30}, {8, 1, 0xff, 0, 24}};
+    for (const PlaceRule& rule : rules) {
+        for (const unsigned count : {1U, 7U, 8U, 509U, 512U}) {
+            std::vector<uint32_t> index[2];
+            std::vector<uint32_t> fresh[2];
+            std::vector<uint8_t> found[2];
+            for (int form = 0; form < 2; ++form) {
+                index[form].resize(count + 8);
+                fresh[form].resize(count + 8);
+                found[form].resize((count + 7) / 8);
+                const PlaceForm& here = form == 0 ? portable_places : *vectors;
+                here.contexts(rule, p, count, 4097, index[form].data(), fresh[form].data());
+                index[form].resize(count);
+                fresh[form].resize(count);
+                std::vector<uint32_t> distance(count + 8, UINT32_MAX);
+                std::transform(fresh[0].begin(), fresh[0].end(), distance.begin(),
+                               [](uint32_t slot) { return slot % 8192; });
+                here.usable(distance.data(), count, 4096, found[form].data());
+            }
+            EXPECT_EQ(index[0], index[1]) << rule.shift << ", " << count;
+            EXPECT_EQ(fresh[0], fresh[1]) << rule.shift << ", " << count;
+            EXPECT_EQ(found[0], found[1]) << rule.shift << ", " << count;
+        }
+    }
+}
+
+// Id 9 drops its second table where that costs little, and keeps it where it counts.
+TEST(Places, SecondTableIsUsedWhereItPays) {
+    const auto sizes = [](const std::string& data) {
+        ErrMsg err{};
+        EncodeOptions options;
+        options.id = compress_lzp;
+        const size_t chosen = encode(data, options, &err).size();
+        options.parameters.lzpHash = 9;
+        return std::pair(chosen, encode(data, options, &err).size());
+    };
+    const auto [chosen, both] = sizes(makeBinary(2000000, 3));
+    EXPECT_EQ(chosen, both) << "words of two and four bytes";
+    const auto [fast, small] = sizes(makeText(2000000, 2));
+    EXPECT_GT(fast, small);
+    EXPECT_LT(fast, small + small / 8);
 }
 
 // Sizes of known contents with each method. A change shows here and in the table of the documentation: run
