@@ -250,6 +250,15 @@ void write_file(const std::string& path, const std::string& text, mode_t mode) {
     chmod(path.c_str(), mode);
 }
 
+std::vector<std::string> lines_of(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
 bool is_root() {
     return geteuid() == 0;
 }

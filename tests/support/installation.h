@@ -65,6 +65,7 @@ struct installation {
 int free_port();
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& text, mode_t mode = 0644);
+std::vector<std::string> lines_of(const std::string& text);  // without their ends
 bool is_root();
 
 // A user of this host for the length of a test. Only as root.

@@ -9,7 +9,6 @@
 #include <cstring>
 #include <filesystem>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
 #include "messages/records_server.h"
 #include "messages/view.h"
@@ -18,15 +17,6 @@
 namespace {
 
 using nlohmann::json;
-
-std::vector<std::string> lines_of(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
 
 struct administration : server_test {
     installation host{"ADMIN", port()};

@@ -4,22 +4,12 @@
 #include <csignal>
 #include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
 #include "console_fixture.h"
 
 namespace {
 
 using nlohmann::json;
-
-std::vector<std::string> lines_of(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
 
 TEST_F(console, runs_a_script_and_shows_what_became_of_it) {
     serve();
