@@ -123,6 +123,34 @@ int check_login(EX_PCX* pcx, GETF_PL* request, std::span<const unsigned char> co
                                  : FillMessageOnPasswordError(error, error_number, shown.c_str());
 }
 
+// A text is kept from the opening on, until it was sent or its time is over: not more of all than memory can
+// bear.
+int64_t room_for_text(EX_PCX* pcx) {
+    int64_t held = 0;
+    for (const GETF_PL* request = first_request(pcx); request != nullptr; request = request->gf_next) {
+        held += request->gf_fd.valid() ? 0 : request->gf_restSendSize;
+    }
+    return std::clamp<int64_t>(file_requests_bytes_max - held, 0, file_request_bytes_max);
+}
+
+// Makes room where it must: those whose time is over need not wait for the next check, and of those that were
+// sent whole the oldest is asked for again least likely.
+bool room_for_request(EX_PCX* pcx) {
+    if (get_fileReqCount(pcx) < file_requests_max || check_fileReqTimeout(pcx) > 0) {
+        return true;
+    }
+    GETF_PL* done = nullptr;
+    for (GETF_PL* request = first_request(pcx); request != nullptr; request = request->gf_next) {
+        if (request->gf_lastAct != FILE_ACTION_LOGIN_ASKED && request->gf_restSendSize == 0) {
+            done = request;
+        }
+    }
+    if (done != nullptr) {
+        free_fileReqEntry(pcx, done);
+    }
+    return done != nullptr;
+}
+
 // The server answers one after the other, so a refusal belongs to the request that waits longest.
 GETF_PL* oldest_waiting(EX_PCX* pcx, uint32_t uidnr) {
     GETF_PL* found = nullptr;
@@ -188,6 +216,7 @@ int process_getfile_resdata(EX_PCX* pcx, ccm_msg_t* msg, int) {
         return -1;
     }
     request->gf_lastAct = 0;
+    request->gf_room = room_for_text(pcx);
     if (result != 0 || create_sendRecBuf(request, &error) != 0 ||
         getfile_sendXmlData(pcx, request, &error) != 0) {
         return fail_request(pcx, request, error);
@@ -264,6 +293,11 @@ int getfile_sendXmlError(EX_PCX* pcx, const ccm_addr_t& to, const std::string& k
 GETF_PL* create_fileReqEntry(EX_PCX* pcx, const ccm_msg_t* msg, qx7_error* error) {
     file_request wanted;
     if (file_request_parse(body_text(msg), &wanted, error) != 0) {
+        return nullptr;
+    }
+    if (!room_for_request(pcx)) {
+        qx_error_set(error, -1, EBUSY, FILE_REQUEST_FAILED, "%s|%s|",
+                     printable(get_field(wanted.cdata.cd_filename)).c_str(), file_requests_busy);
         return nullptr;
     }
     auto* request = new GETF_PL;

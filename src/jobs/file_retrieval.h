@@ -18,7 +18,9 @@ struct EX_PCX;
 
 inline constexpr char getfile_module[] = "GETFILE";
 inline constexpr int file_request_time_limit = 30;               // seconds of silence
-inline constexpr int64_t file_request_bytes_max = 64LL << 20;  // of text, in one request
+inline constexpr int file_requests_max = 100;                    // at once
+inline constexpr int64_t file_request_bytes_max = 64LL << 20;    // of text, in one request
+inline constexpr int64_t file_requests_bytes_max = 256LL << 20;  // of text in all that was not sent yet
 
 enum file_request_state : char { FILE_REQUEST_NEW = 'N', FILE_REQUEST_CONTINUED = 'O' };
 enum file_request_action : char { FILE_ACTION_LOGIN_ASKED = 'S', FILE_ACTION_XML = 'X' };
@@ -39,11 +41,12 @@ struct GETF_PL {
     time_t gf_timeStamp = 0;  // of the last activity, monotonic
 
     // the file
-    qx_descriptor gf_fd;  // bytes only: a text is read whole when it is opened
+    qx_descriptor gf_fd;  // bytes only, until the last one was read: a text is read whole when it is opened
     int64_t gf_fileSize = 0;
     int64_t gf_sendSize = 0;
     int64_t gf_restSendSize = 0;
     int64_t gf_startPos = 0;
+    int64_t gf_room = file_request_bytes_max;  // bytes that may be read of a text
     std::deque<RCV_RB> gf_firstRb;
     int32_t gf_records = 0;
     size_t gf_blocksize = 0;
@@ -78,7 +81,7 @@ int getfile_sendXmlData(EX_PCX* pcx, GETF_PL* request, qx7_error* error);
 // The failure to `to`; nothing without a number and without -1 in qx_errno. 0 or -1.
 int getfile_sendXmlError(EX_PCX* pcx, const ccm_addr_t& to, const std::string& key, const qx7_error& error);
 
-// A new request at the head of the list, or null with `error`.
+// A new request at the head of the list, or null with `error`, also when file_requests_max are under way.
 GETF_PL* create_fileReqEntry(EX_PCX* pcx, const ccm_msg_t* msg, qx7_error* error);
 GETF_PL* get_fileReqKey(EX_PCX* pcx, const std::string& key);
 // The newest request that waits for this login object of the user.
@@ -95,8 +98,8 @@ void set_fileReqTimeout(EX_PCX* pcx);
 
 // ---- reading (file_retrieval_read.cpp)
 
-// Opens the file as gf_sLoginInfo and, for a text, reads what is wanted. Only regular files. 0, or -1 with
-// 2000258 or the failure of the change of identity.
+// Opens the file as gf_sLoginInfo and, for a text, reads what is wanted, at most gf_room bytes. Only regular
+// files. 0, or -1 with 2000258 or the failure of the change of identity.
 int create_sendRecBuf(GETF_PL* request, qx7_error* error);
 // The encoding that the file's first bytes tell. 0, or -1 with errno.
 int set_textCoding(GETF_PL* request, int fd);

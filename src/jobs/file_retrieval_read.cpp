@@ -28,6 +28,11 @@ int file_failure(const GETF_PL* request, int error_number, const std::string& te
 
 int errno_failure(const GETF_PL* request, qx7_error* error) {
     const int number = errno;
+    // Once the others are done there is more room.
+    if (number == EFBIG && request->gf_room < file_request_bytes_max) {
+        return qx_error_set(error, -1, EBUSY, FILE_REQUEST_FAILED, "%s|%s|",
+                            printable(request->gf_sFileName).c_str(), file_requests_busy);
+    }
     return file_failure(request, number,
                         number == read_record_too_long ? "record size too long" : error_text(number), error);
 }
@@ -178,7 +183,7 @@ int create_beginRecBuf(GETF_PL* request, int fd) {
     // A mark alone is no line.
     bool done = request->gf_records <= 0 || size <= text_code_mark_size(code);
     for (int64_t position = 0; position < size && !done;) {
-        if (position >= file_request_bytes_max) {
+        if (position >= request->gf_room) {
             errno = EFBIG;
             return -1;
         }
@@ -201,12 +206,12 @@ int create_beginRecBuf(GETF_PL* request, int fd) {
 
 int create_endRecBuf(GETF_PL* request, int fd) {
     const int64_t size = request->gf_fileSize;
-    const int64_t start = text_last_records(fd, size, request->gf_records, request->gf_text_coding,
-                                            size - file_request_bytes_max);
+    const int64_t start =
+        text_last_records(fd, size, request->gf_records, request->gf_text_coding, size - request->gf_room);
     if (start < 0) {
         return -1;
     }
-    if (size - start > file_request_bytes_max) {
+    if (size - start > request->gf_room) {
         errno = EFBIG;
         return -1;
     }
@@ -277,12 +282,15 @@ int read_fileToBuff(GETF_PL* request, qx7_error* error) {
     alloc_currReadBuffer(request);
     const size_t length =
         static_cast<size_t>(std::min<int64_t>(request->gf_restSendSize, static_cast<int64_t>(request->gf_blocksize)));
-    if (read_whole(request->gf_fd.get(), request->gf_pCdataBuff.data() + head_size, length,
-                   request->gf_sendSize - request->gf_restSendSize) != 0) {
+    if (length > 0 && read_whole(request->gf_fd.get(), request->gf_pCdataBuff.data() + head_size, length,
+                                 request->gf_sendSize - request->gf_restSendSize) != 0) {
         return errno == EIO ? file_failure(request, EIO, "the file became shorter or cannot be read", error)
                             : errno_failure(request, error);
     }
     request->gf_restSendSize -= static_cast<int64_t>(length);
+    if (request->gf_restSendSize == 0) {
+        request->gf_fd.reset();
+    }
     request->gf_pCdataBuff.resize(head_size + length);
     put_head(request, length);
     return 0;

@@ -18,6 +18,7 @@ inline constexpr size_t file_request_key_size = 64;     // with its NUL
 inline constexpr int32_t file_request_block_min = 24;
 inline constexpr int32_t file_request_block_max = 1 << 20;
 inline constexpr size_t file_answer_error_max = 2048;
+inline constexpr char file_requests_busy[] = "too many files are being read, try again in half a minute";
 inline constexpr char file_request_no_key[] = "error, file request key not exist";
 
 enum file_request_type : char { FILE_REQUEST_TEXT = 'T' };  // every other letter: bytes

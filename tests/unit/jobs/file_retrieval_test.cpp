@@ -310,6 +310,45 @@ TEST_F(file_retrieval_test, silence_ends_a_request) {
     EXPECT_EQ(open(wish).text, "1\n2\n");  // from the beginning
 }
 
+TEST_F(file_retrieval_test, all_requests_together_have_a_bound) {
+    write_text(file, "1\n2\n");
+    const std::string refused = file + "|too many files are being read, try again in half a minute|";
+    for (int i = 0; i < file_requests_max; ++i) {
+        EXPECT_EQ(ask(file_request_xml({.key = "K" + std::to_string(i), .file = file})), 0);
+    }
+    sent();
+    EXPECT_EQ(ask(file_request_xml({.key = "more", .file = file})), -1);
+    const file_answer answer = first_answer();
+    EXPECT_EQ(answer.number, FILE_REQUEST_FAILED);
+    EXPECT_EQ(answer.insert, refused);
+    EXPECT_EQ(get_fileReqCount(pcx), file_requests_max);
+    // One whose time is over makes room at once.
+    get_fileReqKey(pcx, "K50")->gf_timeStamp -= 31;
+    EXPECT_EQ(ask(file_request_xml({.key = "more", .file = file})), 0);
+    sent();
+
+    // Text that waits to be sent: bytes do not count, they stay in their file.
+    login(user);
+    EXPECT_EQ(first_answer().text, "1\n2\n");
+    GETF_PL* large = get_fileReqKey(pcx, "more");
+    ASSERT_NE(large, nullptr);
+    large->gf_restSendSize = file_requests_bytes_max;
+    for (const char direction : {'B', 'E'}) {
+        free_fileReqEntry(pcx, get_fileReqKey(pcx, direction == 'B' ? "K1" : "K2"));
+        EXPECT_EQ(open({.key = "text", .file = file, .direction = direction}).insert, refused);
+    }
+    EXPECT_EQ(open({.key = "bytes", .file = file, .type = 'B'}).text, "1\n2\n");
+    EXPECT_FALSE(get_fileReqKey(pcx, "bytes")->gf_fd.valid());  // all was read
+    large->gf_restSendSize = file_requests_bytes_max - 3;
+    EXPECT_EQ(open({.key = "less", .file = file, .direction = 'E', .records = 1}).text, "2\n");
+    large->gf_restSendSize = 0;
+    // So does one that was sent whole.
+    EXPECT_EQ(get_fileReqCount(pcx), file_requests_max);
+    EXPECT_EQ(open({.key = "text", .file = file}).text, "1\n2\n");
+    EXPECT_EQ(get_fileReqKey(pcx, "more"), nullptr);
+    EXPECT_NE(get_fileReqKey(pcx, "bytes"), nullptr);
+}
+
 TEST_F(file_retrieval_test, a_request_that_lacks_something_tells_what) {
     const std::string good = file_request_xml({.file = "/x"});
     const auto with = [&](const std::string& from, const std::string& to) {
