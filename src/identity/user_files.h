@@ -4,7 +4,8 @@
 // the effective-user lock, borrow the identity, work, and give it back. Failures fill `error`: qx_errno the
 // errno, insert
 // "<function> error '<reason>'", or the message of the switch that failed. Descriptors are close-on-exec,
-// opened without waiting, and only regular files are opened (EINVAL otherwise). Any thread.
+// opened without waiting and not over /proc/<pid>/fd (ELOOP), and only if they are regular files (EINVAL).
+// Any thread.
 #pragma once
 
 #include <sys/stat.h>

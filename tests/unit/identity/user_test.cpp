@@ -308,6 +308,23 @@ TEST(UserFilesAsRoot, StrangersOnTheWay) {
     EXPECT_EQ(error.qx_errno, EACCES);
     EXPECT_EQ(removeFile_EffUser(ann.name.c_str(), (folder / "secret").c_str(), &error), -1);
     EXPECT_EQ(geteuid(), 0U);
+
+    // What the agent has open, or the folder it works in, is no way around a closed folder.
+    ASSERT_EQ(mkdir((folder / "closed").c_str(), 0700), 0);
+    write_text(folder / "closed/file", "for all who may enter");
+    chmod((folder / "closed/file").c_str(), 0666);
+    const qx_descriptor file(open((folder / "closed/file").c_str(), O_RDONLY | O_CLOEXEC));
+    const qx_descriptor closed(open((folder / "closed").c_str(), O_PATH | O_CLOEXEC));
+    const std::string own = "/proc/self/fd/";
+    for (const std::string& way :
+         {own + std::to_string(file.get()), own + std::to_string(closed.get()) + "/file"}) {
+        for (const bool links : {true, false}) {
+            EXPECT_EQ(Open_ReadEffUser(ann.name.c_str(), way.c_str(), &error, links), -1) << way;
+            EXPECT_EQ(error.qx_errno, ELOOP);
+        }
+        EXPECT_EQ(Open_AppendEffUser(ann.name.c_str(), way.c_str(), 0600, &error), -1) << way;
+        EXPECT_EQ(StreamOpen_EffUser(ann.name.c_str(), way.c_str(), "r", &error), nullptr) << way;
+    }
 }
 
 // ---- Rights
