@@ -39,6 +39,7 @@ void send_logon_answer(cp_server& server, cp_agent& agent, const QX_HEADM& reque
     record.report = options.report_interval;
     record.blksize = options.block_size;
     record.cmd_timeout = options.command_limit;
+    record.chglog_size = static_cast<decltype(record.chglog_size)>(options.log_megabytes);
     record.check_interval = 60;
     record.ft_rst_life = 14;
     record.rb_rt_time = 14;

@@ -289,6 +289,11 @@ int main(int argc, char** argv) {
             ->capture_default_str();
         command->add_flag("--check-passwords", server.check_passwords, "agents shall check the passwords of jobs");
     };
+        command
+            ->add_option("--log-size", server.log_megabytes,
+                         "megabytes after which agents begin a new log, 0: never")
+            ->check(CLI::NonNegativeNumber)
+            ->capture_default_str();
 
     auto* serve_command = app.add_subcommand("serve", "run the server: agents log on, events are printed");
     add_server_options(serve_command);

@@ -30,6 +30,7 @@ struct cp_options {
     int report_interval = 20;
     int block_size = 32000;
     int command_limit = 180;
+    int log_megabytes = 0;  // of an agent's log file, then it begins a new one; 0: any
     bool log_to_server = true;
     bool check_passwords = false;
 

@@ -30,12 +30,13 @@ void fill_write_head(const EX_PCX* pcx, int length, MSG_TYPE_WRITE* head) {
     memcpy(head->typ, pcx->report_type, sizeof head->typ);
     head->ah_idnr = pcx->report_id;
     head->timestamp = timestamp_now();
-    head->blksize = block_capacity(pcx);
+    head->blksize = pcx->logBlksize;
     head->inhalt_dist = sizeof(MSG_TYPE_WRITE);
     head->inhalt_len = length;
 }
 
-// Lines into `out` until the next one would not leave room. A line that does not fit an empty block is cut.
+// Lines into `out` until the next one would not leave room; they stay, marked as being sent. A line that does
+// not fit an empty block is cut.
 int take_lines(EX_PCX* pcx, unsigned char* out, int capacity, int* used) {
     int lines = 0;
     const log_guard guard;
@@ -53,7 +54,6 @@ int take_lines(EX_PCX* pcx, unsigned char* out, int capacity, int* used) {
         *used += length + line_end_size;
         ++lines;
     }
-    ZULOGG_DelMsg(pcx->logHnd);
     return lines;
 }
 
@@ -94,13 +94,19 @@ int send_logblock2server(EX_PCX* pcx) {
     msg->len = static_cast<int>(sizeof head) + used;
     ccm_setaddr(msg, 0, 0, ccm_name_server, report_module, 0);
     ccm_setback(msg, pcx->exName, "QXREPEX", 0);
-    send_NAT_message(pcx->ccm, msg);
+    if (send_NAT_message(pcx->ccm, msg) != 0) {
+        ZULOGG_PutMsg(pcx->logHnd, nullptr);  // for the next turn
+        return 0;
+    }
+    ZULOGG_DelMsg(pcx->logHnd);
     return lines;
 }
 
 int send_log2server(EX_PCX* pcx, int max_blocks) {
-    // Without a server a block would be freed unsent, and its lines lost: they wait in memory.
-    if (pcx->waitForChglogQu > 0 || (pcx->pcx_flag & PCX_FLAG_SERVER_CHANNEL) == 0) {
+    // Without a server a block would be freed unsent, and before its answer to the logon the server does not
+    // know the report: the lines wait in memory.
+    constexpr int logged_on = PCX_FLAG_SERVER_CHANNEL | PCX_FLAG_LOGGED_IN;
+    if (pcx->waitForChglogQu > 0 || (pcx->pcx_flag & logged_on) != logged_on) {
         return 0;
     }
     int blocks = 0;

@@ -120,9 +120,13 @@ TEST_F(administration, sets_the_trace_of_all_its_processes) {
     EXPECT_TRUE(wait(10000, [&] { return call_listener() && trace_files() >= 2; })) << "agent and listener: " << trace_files();
 }
 
-// Every line of both files stands once in what was streamed, in their order.
+// Every line of both files stands once in what was streamed, in their order, whoever wanted the change.
 TEST_F(administration, changes_the_log_and_loses_no_line) {
     host.start();
+    options.log_megabytes = 1;
+    close_server();
+    open_server();
+    host.ini["GLOBAL"]["allow_agentshell"] = "yes";
     ASSERT_TRUE(wait_logon("ADMIN")) << host.log();
     const auto some_jobs = [&] {
         for (int i = 0; i < 5; ++i) {
@@ -136,14 +140,22 @@ TEST_F(administration, changes_the_log_and_loses_no_line) {
     EXPECT_EQ(change.ah_idnr_new, change.ah_idnr_old + 1);
     some_jobs();
     ASSERT_TRUE(host.stop());
+    // The agent's own wish, as if the file had grown; the jobs go on meanwhile.
+    ASSERT_TRUE(cp_shell(server.get(), "ADMIN", "SIMULATE SETLOGFILESIZE = 1", server_folder.path + "/shell",
+                         keep()));
+    some_jobs();
+    EXPECT_EQ(count_events("log"), 1) << story();
     EXPECT_TRUE(wait(10000, [&] { return cp_find_agent(server.get(), "ADMIN") == nullptr; }));
     const std::vector<std::string> sent = lines_of(streamed());
-    std::vector<std::string> written = lines_of(read_file(host.path("temp/agent.l01")));
+    std::vector<std::string> written = lines_of(read_file(host.path("temp/agent.l02")));
     const size_t old_lines = written.size();
-    const std::vector<std::string> running = lines_of(host.log());
-    written.insert(written.end(), running.begin(), running.end());
+    for (const char* file : {"temp/agent.l01", "temp/agent.l00"}) {
+        const std::vector<std::string> lines = lines_of(read_file(host.path(file)));
+        EXPECT_NE(lines.at(1).find("U02000130"), std::string::npos) << lines[1];
+        written.insert(written.end(), lines.begin(), lines.end());
+    }
     // The last lines are written when the farewell is out.
-    ASSERT_GT(sent.size(), old_lines + 10);
+    ASSERT_GT(sent.size(), old_lines + 20);
     ASSERT_LE(sent.size(), written.size());
     written.resize(sent.size());
     EXPECT_EQ(sent, written);

@@ -244,6 +244,7 @@ struct log_stream : connection {
         ZULOGG_FreeMsg(pcx->logHnd);
         put_field(pcx->report_type, "LOG");
         pcx->report_id = pcx->report_id_neu = 5;
+        pcx->pcx_flag |= PCX_FLAG_LOGGED_IN;
     }
     void line(const std::string& text) {
         ZULOGG_SetMsg(pcx->logHnd, text.data(), static_cast<int>(text.size()));
@@ -255,6 +256,7 @@ struct log_stream : connection {
         const auto head = view_record<MSG_TYPE_WRITE>(view);
         EXPECT_EQ(head.inhalt_dist, 60);
         EXPECT_EQ(head.ah_idnr, 5);
+        EXPECT_EQ(head.blksize, pcx->logBlksize);
         return std::string(view_text(view, head.inhalt_dist, head.inhalt_len));
     }
 };
@@ -286,8 +288,14 @@ TEST_F(log_stream, keeps_its_lines_while_there_is_no_server) {
     send_log2server(pcx, 40);
     send_chglogr(pcx);  // the log has grown to its limit meanwhile
     EXPECT_GE(ZULOGG_NrMsg(pcx->logHnd), 2);
-    pcx->pcx_flag.fetch_or(PCX_FLAG_SERVER_CHANNEL);
-    pcx->waitForChglogQu = 0;  // the next logon
+    EXPECT_EQ(send_logblock2server(pcx), 0) << "a block that cannot be sent takes no lines with it";
+    EXPECT_GE(ZULOGG_NrMsg(pcx->logHnd), 2);
+    // Connected again, and not logged on yet: no report is agreed.
+    pcx->pcx_flag = PCX_FLAG_SERVER_CHANNEL;
+    pcx->waitForChglogQu = 0;
+    send_log2server(pcx, 40);
+    EXPECT_GE(ZULOGG_NrMsg(pcx->logHnd), 2);
+    pcx->pcx_flag.fetch_or(PCX_FLAG_LOGGED_IN);
     send_log2server(pcx, 40);
     EXPECT_EQ(block().substr(0, 10), "one\r\ntwo\r\n");
 }
