@@ -20,6 +20,9 @@ struct log_message_stack {
 namespace {
 
 constexpr size_t insert_size = 1024;
+// Of the lines that each new log begins with. Far below the smallest size at which a log is changed: an agent
+// that had waited days for its server would otherwise begin one log after the other.
+constexpr size_t stack_bytes_max = 256U << 10;
 constexpr char no_lines_in_memory = 'N';  // value of cLogToDb
 constexpr int abnormal_end = 2000002;
 
@@ -87,6 +90,25 @@ PZULOGG agent_log() {
 void send_to_logger(int number, const char* inserts) {
     const log_function logger = current_logger.load(std::memory_order_acquire);
     (logger == nullptr ? LogMessage : logger)(number, inserts);
+}
+
+// The first and the last lines, with a note between them where not all fit.
+void copy_ends(const ZULOGG_MSG_BUFFER* first, std::vector<std::string>* lines) {
+    size_t total = 0;
+    for (const ZULOGG_MSG_BUFFER* line = first; line != nullptr; line = line->nxt) {
+        total += line->length;
+    }
+    size_t place = 0;
+    bool noted = false;
+    for (const ZULOGG_MSG_BUFFER* line = first; line != nullptr; line = line->nxt) {
+        place += line->length;
+        if (place <= stack_bytes_max / 2 || total - place < stack_bytes_max / 2) {
+            lines->emplace_back(line->text, line->length);
+        } else if (!noted) {
+            lines->emplace_back("... lines are left out here ...");
+            noted = true;
+        }
+    }
 }
 
 std::string separator_line() {
@@ -255,9 +277,7 @@ int LOG_CreateMsgStack(EX_PCX* pcx) {
             return 0;
         }
         stack->lines.push_back(separator_line());
-        for (const ZULOGG_MSG_BUFFER* line = pcx->logHnd->pFirstMsg; line != nullptr; line = line->nxt) {
-            stack->lines.emplace_back(line->text, line->length);
-        }
+        copy_ends(pcx->logHnd->pFirstMsg, &stack->lines);
         stack->lines.push_back(separator_line());
         pcx->pcx_FirstMsgStack = stack;
     }

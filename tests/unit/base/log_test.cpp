@@ -257,6 +257,25 @@ TEST_F(LogTest, TheTailSurvivesALogChange) {
     EXPECT_EQ(LOG_LogMsgStack(pcx), 0);
 }
 
+// Each log begins with them: as many as wait for a server that was away for days would begin the next log at
+// once.
+TEST_F(LogTest, OfManyLinesTheFirstAndTheLastSurvive) {
+    ASSERT_EQ(OpenLogFile(pcx), 0);
+    for (int i = 0; i < 50000; ++i) {
+        ZULOGG_SetMsg(pcx->logHnd, ("line " + std::to_string(i)).c_str(), -1);
+    }
+    LOG_CreateMsgStack(pcx);
+    ASSERT_EQ(OpenLogFile(pcx), 0);
+    LOG_LogMsgStack(pcx);
+    const std::string log = dir.read("log00");
+    EXPECT_LT(log.size(), 1U << 20);
+    for (const char* kept :
+         {" - line 0\n", " - line 9999\n", "left out", " - line 40000\n", " - line 49999\n"}) {
+        EXPECT_NE(log.find(kept), std::string::npos) << kept;
+    }
+    EXPECT_EQ(log.find(" - line 25000\n"), std::string::npos);
+}
+
 TEST_F(LogTest, WithoutALogTheFixedMessagesAreShown) {
     DeleteLogHandle(pcx);
     testing::internal::CaptureStdout();
