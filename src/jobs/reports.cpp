@@ -185,12 +185,11 @@ int find_shell_output(EX_PCX* pcx, MSG_TYPE_REP_GET* get, report_source* source)
     Zudnst_LongToB26(static_cast<uint32_t>(get->ah_idnr), number);
     source->file = std::string(pcx->pcx_TmpFolder) + "/S_" + number + ".txt";
     get->erase = '1';
-    if (run_shell == nullptr) {
-        return open_failure(source, "process_agent_shell_command()", ENOSYS,
-                            "agent shell commands are not implemented");
+    // Without output there is no file, whatever a stranger has laid there.
+    errno = ENOENT;
+    if (run_shell(source->file.c_str(), request.c_str()) != 0) {
+        return open_failure(source, "FileFOpen()", errno, error_text(errno));
     }
-    // What fails here shows when the file is opened.
-    run_shell(source->file.c_str(), request.c_str());
     return 0;
 }
 
@@ -421,8 +420,8 @@ int process_repget(EX_PCX* pcx, ccm_msg_t* msg, int) {
     close_idle_reports(pcx);
     report_source source;
     my_passwd_unlimited passwd;
-    const bool command =
-        (pcx->pcx_flag & PCX_FLAG_AGENTSHELL) != 0 && get_text(get.filename).starts_with(shell_command);
+    const bool command = run_shell != nullptr && (pcx->pcx_flag & PCX_FLAG_AGENTSHELL) != 0 &&
+                         get_text(get.filename).starts_with(shell_command);
     if ((command ? find_shell_output(pcx, &get, &source) : find_source(pcx, get, &source, &passwd)) != 0) {
         return refuse_opening(pcx, get, source, msg->addr);
     }

@@ -88,7 +88,7 @@ int REP_Close(EX_PCX* pcx);
 
 // Runs a command of the service console and writes what it shows to a new file; 0 or -1.
 using report_shell = int (*)(const char* output_file, const char* request);
-// Without one (null) commands are refused as not implemented.
+// Without one (null) there are no commands.
 void REP_set_shell(report_shell shell);
 
 // Null for an unknown key and for keys below 1.

@@ -111,10 +111,27 @@ qx_stream open_output(const char* path) {
         const int number = errno;
         __PutLogText("error opening agent shell output");
         __PutLogText("   error: %d - %s", number, error_text(number).c_str());
+        errno = number;
         return {};
     }
     file.release();
     return stream;
+}
+
+// Half of an output would be taken for the whole: a file that could not be written is none.
+int close_output(qx_stream* stream, const char* path) {
+    const bool failed = ferror(stream->get()) != 0;
+    FILE* file = stream->release();
+    const int result = fclose(file);
+    if (!failed && result == 0) {
+        return 0;
+    }
+    const int number = result != 0 ? errno : EIO;
+    __PutLogText("error writing agent shell output");
+    __PutLogText("   error: %d - %s", number, error_text(number).c_str());
+    FileRemove(path);  // where that fails too, the number told already says enough
+    errno = number;
+    return -1;
 }
 
 }  // namespace
@@ -170,7 +187,8 @@ int process_agent_shell_command(const char* output_file, const char* request) {
     __PutLogText("EXECUTE: %s", as_clean_line(printable(request)).c_str());
     const std::string_view text = lstrip(request);
     if (text.empty()) {
-        return 0;
+        errno = ENOENT;
+        return -1;
     }
     const std::string word = upper(text.substr(0, std::min(text.find(' '), command_word_max)));
     const std::string_view behind = text.substr(std::min(text.size(), text.find(' ')));
@@ -183,10 +201,10 @@ int process_agent_shell_command(const char* output_file, const char* request) {
     if (command == nullptr) {
         __PutLogText("Agent Command '%s' is not implemented", as_clean_line(printable(word)).c_str());
         as_print(output.get(), "Agent Command '%s' is not implemented", as_clean_line(printable(word)).c_str());
-        return 0;
+    } else {
+        run_command(*command, {GlbPcx, output.get(), argument});
     }
-    run_command(*command, {GlbPcx, output.get(), argument});
-    return 0;
+    return close_output(&output, output_file);
 }
 
 void as_print(FILE* file, const char* format, ...) {

@@ -70,7 +70,8 @@ struct agent_shell_sources {
 void agent_shell_set_sources(const agent_shell_sources& sources);
 
 // Runs `request` and writes what it shows into a new file `output_file` of mode 0600. 0, also for an unknown
-// command and for an empty one, which makes no file; -1 when the file could not be made (logged). Main thread.
+// command; -1 with errno when there is no file: ENOENT for an empty request, else it could not be made or
+// written (logged). Main thread.
 int process_agent_shell_command(const char* output_file, const char* request);
 
 // A line into the file, or without one into the log.

@@ -439,3 +439,29 @@ TEST_F(report_test, files_are_written_by_order_under_the_users_name) {
         EXPECT_EQ(status.st_uid, other.uid);
     }
 }
+
+// A console that has nothing to show: no file that lies at the place of its output counts.
+TEST_F(report_test, a_command_without_output_reads_no_file_of_a_stranger) {
+    copy_text(pcx->pcx_TmpFolder, folder.path);
+    write_text(folder / "S_AAAAAAJ.txt", "planted");
+    wish w;
+    file = "<AGENTSHELL>GET_VERSION";
+    EXPECT_EQ(fetch(w).number, 29003) << "a file name: no console allows commands";
+    pcx->pcx_flag |= PCX_FLAG_AGENTSHELL;
+    EXPECT_EQ(fetch(w).insert.find("S_AAAAAAJ"), std::string::npos) << "nor is there a console";
+    REP_set_shell([](const char*, const char*) {
+        errno = ENOSPC;
+        return -1;
+    });
+    const outcome failed = fetch(w);
+    EXPECT_EQ(failed.number, 29003);
+    EXPECT_EQ(failed.insert, folder / "S_AAAAAAJ.txt(FileFOpen())|28|No space left on device|");
+    REP_set_shell([](const char* output, const char* request) {
+        write_text(output, request);
+        return 0;
+    });
+    EXPECT_EQ(fetch(w).text(), "GET_VERSION\r\n");
+    EXPECT_NE(access((folder / "S_AAAAAAJ.txt").c_str(), F_OK), 0);
+    REP_set_shell(nullptr);
+    pcx->pcx_flag &= ~PCX_FLAG_AGENTSHELL;
+}

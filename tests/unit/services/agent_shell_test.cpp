@@ -2,8 +2,11 @@
 #include "services/agent_shell.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <cerrno>
+#include <csignal>
 #include <cstring>
 
 #include "base/log.h"
@@ -175,6 +178,18 @@ TEST_F(shell_test, requests_that_are_none) {
     // A link that waits at the file's name leads nowhere.
     write_text(folder / "target", "mine");
     remove(output.c_str());
+    EXPECT_EQ(errno, ENOENT);
+    // Half an output is none.
+    signal(SIGXFSZ, SIG_IGN);
+    const rlimit unlimited{RLIM_INFINITY, RLIM_INFINITY};
+    const rlimit small{100, RLIM_INFINITY};
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+    const int result = process_agent_shell_command(output.c_str(), "GET_COMMANDS");
+    const int number = errno;
+    setrlimit(RLIMIT_FSIZE, &unlimited);
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(number, EFBIG);
+    EXPECT_NE(access(output.c_str(), F_OK), 0);
     ASSERT_EQ(symlink((folder / "target").c_str(), output.c_str()), 0);
     process_agent_shell_command(output.c_str(), "GET_VERSION");
     EXPECT_EQ(read_text(folder / "target"), "mine");
