@@ -151,8 +151,8 @@ void set_log_start(const agent_shell_call& call, const std::string& word) {
     parts.tm_isdst = -1;
     const time_t start = mktime(&parts);
     ZULOGG_SetLogFileStartTime(call.pcx->logHnd, start);
-    as_print(call.file, "log start time set to %s(%d)", time_text("%Y-%m-%d %H:%M:%S", start).c_str(),
-             static_cast<int>(start));
+    as_print(call.file, "log start time set to %s(%lld)", time_text("%Y-%m-%d %H:%M:%S", start).c_str(),
+             static_cast<long long>(start));
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstring>
 
@@ -250,7 +251,8 @@ void as_show_trace_options(const agent_shell_call& call) {
     const EX_PCX* pcx = call.pcx;
     const bool memory = (pcx->trc_flag & TRC_SETTING_MEMORY) != 0;
     const char* target = memory ? "MEMORY" : "FILE";
-    const int size = memory ? pcx->trc_max_size : static_cast<int>(pcx->trc_file_limit);
+    const int size =
+        memory ? pcx->trc_max_size : static_cast<int>(std::min(pcx->trc_file_limit, unsigned{INT32_MAX}));
     const std::string flags = trace_flags(pcx);
     if (pcx->trc_trigger_text != nullptr && *pcx->trc_trigger_text != '\0') {
         as_print(call.file, "%16.16s,%s,%i,%c,%s", flags.c_str(), target, size, pcx->trc_trigger_type,
