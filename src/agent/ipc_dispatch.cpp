@@ -169,7 +169,9 @@ std::string flush_name(const char* filename, const char* process) {
 int process_ipc_trace_flush(EX_PCX* pcx, ccm_msg_t* msg, int) {
     auto record = record_of<ipcmsg_trace_flush_t>(msg);
     record.filename[sizeof record.filename - 1] = '\0';
-    if (ChangeTraceFile(pcx->trcHnd, flush_name(record.filename, pcx->process_name).c_str()) != 0) {
+    const std::string name = flush_name(record.filename, pcx->process_name);
+    if (ChangeTraceFile(pcx->trcHnd, name.c_str()) != 0) {
+        __log(-1, "the trace cannot be written to '%s'", printable(name).c_str());
         return -1;
     }
     return trc_rt_flush(pcx->trcHnd) < 0 ? -1 : 0;

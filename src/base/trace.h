@@ -146,7 +146,7 @@ void ZUTRACE_check_trace_limit(PZUTRACE handle);
 int ZUTRACE_check_trigger(PZUTRACE handle, const char* text);
 // A copy of `text` becomes the trigger; null or empty removes it.
 int ZUTRACE_set_trigger(PZUTRACE handle, char type, const char* text);
-// Closes the file and continues in a new one; name null or empty: by the handle's pattern. 0, or 1.
+// Closes the file and continues in a new one: `name`, or the pattern's next, as when `name` fails. 0, or 1.
 int ChangeTraceFile(PZUTRACE handle, const char* name);
 // The next name of the handle's pattern, or `fallback` with "%s" replaced by the time stamp. 0, or 1.
 int zutrace_generate_filename(PZUTRACE handle, const char* fallback);

@@ -362,6 +362,7 @@ int zutrace_trigger_hit(PZUTRACE handle) {
 }
 
 int ChangeTraceFile(PZUTRACE handle, const char* name) {
+    constexpr char own_pattern[] = "WK.TRACE.%s";
     trace_guard guard;
     if (!is_trace(handle)) {
         return 1;
@@ -370,7 +371,15 @@ int ChangeTraceFile(PZUTRACE handle, const char* name) {
     if (name != nullptr && name[0] != '\0') {
         copy_text(handle->filename, name);
     } else {
-        zutrace_generate_filename(handle, "WK.TRACE.%s");
+        zutrace_generate_filename(handle, own_pattern);
     }
-    return zutrace_create_tracefile(handle) == 0 ? 0 : 1;
+    if (zutrace_create_tracefile(handle) == 0) {
+        return 0;
+    }
+    if (name != nullptr && name[0] != '\0') {
+        handle->createFailed = 0;  // of the other name
+        zutrace_generate_filename(handle, own_pattern);
+        zutrace_create_tracefile(handle);  // tried again with the next line
+    }
+    return 1;
 }

@@ -75,6 +75,8 @@ TEST_F(shell, abort_ends_the_agent) {
     EXPECT_EQ(qxcp({"shell", "SHELL", "ABORT_AGENT"}), 1);
     EXPECT_TRUE(host.agent.wait_end(10000));
     EXPECT_EQ(host.agent.exit_code(), -1);
+    EXPECT_EQ(qxcp({"shell", "SHELL", "TRACE_FLUSH", host.path("none/flushed.txt")}), 0);
+    EXPECT_TRUE(wait_until(10000, [&] { return host.log_has("cannot be written to"); })) << host.log();
 }
 
 TEST_F(shell, the_effective_user_can_be_another) {

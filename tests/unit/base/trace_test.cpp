@@ -175,6 +175,16 @@ TEST_F(TraceTest, ADumpTooLargeForTheRingIsCut) {
     EXPECT_EQ(pcx->trcHnd->flag & TRACE_RING, 0);
 }
 
+TEST_F(TraceTest, AFileThatCannotBeMadeLeavesTheTraceInItsOwn) {
+    strcpy(pcx->trc_file, dir.at("own##").c_str());
+    ASSERT_EQ(OpenTraceFile(pcx), 0);
+    _TraceText("before");
+    EXPECT_NE(ChangeTraceFile(pcx->trcHnd, dir.at("no/such/folder").c_str()), 0);
+    _TraceText("behind");
+    EXPECT_NE(dir.read("own00").find("behind"), std::string::npos);
+    EXPECT_NE(dir.read("own01").find("before"), std::string::npos);
+}
+
 TEST_F(TraceTest, AChildHasAFileOfItsOwnOnceItWrites) {
     char name[4096];
     trace_name_for_child(pcx->trc_file, "-listener", name, sizeof name);
