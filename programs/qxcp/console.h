@@ -45,6 +45,7 @@ struct cp_cat_options {
     int tail = -1;      // lines, -1: not wanted
     int head = -1;      // lines, -1: not wanted
     int64_t bytes = 0;  // at most, 0: all
+    int seconds = 60;   // of silence of the agent, then it is given up
 };
 
 struct cp_resource_options {

@@ -118,7 +118,8 @@ int show(const cp_console_options& options, const cp_cat_options& cat, const jso
 }  // namespace
 
 int cp_console_cat(const cp_console_options& options, const cp_cat_options& cat) {
-    json request = {{"op", "cat"}, {"agent", cat.agent}, {"file", cat.file}, {"user", cat.user}, {"limit", cat.bytes}};
+    json request = {{"op", "cat"},      {"agent", cat.agent}, {"file", cat.file},
+                    {"user", cat.user}, {"limit", cat.bytes}, {"time_limit", cat.seconds}};
     if (cat.tail >= 0 || cat.head >= 0) {
         request["part"] = cat.tail >= 0 ? "tail" : "head";
         request["lines"] = cat.tail >= 0 ? cat.tail : cat.head;

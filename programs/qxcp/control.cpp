@@ -1,15 +1,18 @@
 // The console's side of the server: a socket in the data folder, one JSON object a line both ways.
+#include "control.h"
+
 #include <fmt/format.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <nlohmann/json.hpp>
 
-#include "control.h"
+#include "base/time.h"
 
 using nlohmann::json;
 
@@ -152,19 +155,30 @@ void stop_agent(cp_server& server, cp_control_client& client, const json& reques
     }
 }
 
+constexpr int answer_limit = 60;  // seconds; far more than an agent takes for what it answers at once
+
 struct control_row {
     const char* op;
     control_handler handler;
+    int silence_limit = 0;  // seconds, 0: the answer may take any time
 };
 
 constexpr control_row control_rows[] = {
-    {"query", control_query}, {"trace", control_trace}, {"log", control_log},   {"mail", control_mail},
+    {"query", control_query, answer_limit},
+    {"trace", control_trace, answer_limit},
+    {"log", control_log, answer_limit},
+    {"mail", control_mail},
     {"connect", control_connect},
-    {"run", run_job},        {"agents", list_agents}, {"jobs", list_jobs},  {"cancel", cancel_job},
-    {"info", tell_of_job},   {"report", get_report},  {"stop", stop_agent},
+    {"run", run_job},
+    {"agents", list_agents},
+    {"jobs", list_jobs},
+    {"cancel", cancel_job},
+    {"info", tell_of_job},
+    {"report", get_report},
+    {"stop", stop_agent},
     {"exec", cp_control_exec},
-    {"cat", cp_control_cat},
-    {"shell", cp_control_shell},
+    {"cat", cp_control_cat, answer_limit},
+    {"shell", cp_control_shell, answer_limit},
     {"exec_cancel", cp_control_exec_cancel},
     {"resource_add", cp_control_resource_add},
     {"resource_list", cp_control_resource_list},
@@ -180,6 +194,8 @@ void handle_request(cp_server& server, cp_control_client& client, const std::str
         const std::string op = request.value("op", "");
         for (const control_row& row : control_rows) {
             if (op == row.op) {
+                client.silence_limit = std::max(request.value("time_limit", row.silence_limit), 0);
+                client.last_sign = alarm_now();
                 row.handler(server, client, request);
                 return;
             }
@@ -207,7 +223,8 @@ void control_refuse(cp_control_client& client, const std::string& text) {
 
 cp_control_client* control_find_client(cp_server& server, int id) {
     for (auto& client : server.clients) {
-        if (client->id == id) {
+        // One that has its answer waits for no other.
+        if (client->id == id && client->fd >= 0 && !client->close_when_written) {
             return client.get();
         }
     }
@@ -277,6 +294,17 @@ void cp_control_read(cp_server& server, cp_control_client& client) {
         const std::string line = client.in.substr(0, end);
         client.in.erase(0, end + 1);
         handle_request(server, client, line);
+    }
+}
+
+void cp_control_end_silent(cp_server& server) {
+    const time_t now = alarm_now();
+    for (auto& client : server.clients) {
+        if (client->silence_limit > 0 && !client->close_when_written &&
+            now - client->last_sign > client->silence_limit) {
+            control_refuse(*client,
+                           fmt::format("the agent sent nothing for {} seconds", client->silence_limit));
+        }
     }
 }
 

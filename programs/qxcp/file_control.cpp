@@ -10,6 +10,7 @@
 #include "base/base64.h"
 #include "base/memory.h"
 #include "base/text.h"
+#include "base/time.h"
 #include "control.h"
 #include "messages/records_report.h"
 #include "messages/records_server.h"
@@ -21,7 +22,8 @@ namespace {
 
 constexpr char module_files[] = "GETFILE";
 constexpr int login_unknown = 2001007;
-constexpr int file_not_opened = 29003;  // also for a command where commands are off
+constexpr int file_not_opened = 29003;  // for a command where commands are off, too
+constexpr char shell_mark[] = "<AGENTSHELL>";
 constexpr size_t login_info_size = 200;
 constexpr size_t answer_head_size = 20;
 
@@ -173,6 +175,9 @@ bool cp_take_file_answer(cp_server& server, cp_agent& agent, std::string_view te
         return true;
     }
     cp_file_read& read = found->second;
+    if (cp_control_client* asker = control_find_client(server, read.asker)) {
+        asker->last_sign = alarm_now();
+    }
     if (text.find("<![CDATA[") == std::string_view::npos) {
         end_read(server, key,
                  {"NK", std::atoi(between(text, "msgnr=\"", "\"").c_str()),
@@ -208,6 +213,18 @@ void cp_end_file_reads(cp_server& server, const cp_agent& agent) {
     }
 }
 
+void cp_end_unwanted_reads(cp_server& server) {
+    std::vector<std::string> keys;
+    for (const auto& [key, read] : server.file_reads) {
+        if (read.asker != 0 && control_find_client(server, read.asker) == nullptr) {
+            keys.push_back(key);
+        }
+    }
+    for (const std::string& key : keys) {
+        end_read(server, key, {"NK", 0, "nobody waits for it", ""});
+    }
+}
+
 bool cp_read_file(cp_server* server, const std::string& agent_name, const cp_file_wish& wish,
                   cp_answer_handler handler) {
     cp_agent* agent = cp_find_agent(server, agent_name);
@@ -221,6 +238,7 @@ bool cp_read_file(cp_server* server, const std::string& agent_name, const cp_fil
     cp_file_read& read = server->file_reads[key];
     read.agent_id = agent->id;
     read.user_id = number;
+    read.asker = wish.asker;
     read.file = file;
     read.wish = wish;
     read.handler = std::move(handler);
@@ -238,7 +256,7 @@ bool cp_shell(cp_server* server, const std::string& agent_name, const std::strin
     fchmod(fileno(file), 0600);
     auto order = new_message<MSG_TYPE_REP_GET>(100, 1);
     order.ah_idnr = server->next_transfer++;
-    put_text(order.filename, "<AGENTSHELL>" + command);
+    put_text(order.filename, shell_mark + command);
     put_text(order.rep_type, "REP");
     order.blksize = server->options.block_size;
     cp_report_wish wish;
@@ -255,8 +273,11 @@ std::string copy_path(const cp_server& server, const cp_control_client& client) 
     return fmt::format("{}/reports/console-{}.part", server.store.folder, client.id);
 }
 
-std::string not_there(const std::string& agent) {
-    return fmt::format("agent '{}' is not logged on: see 'qxcp agents'", agent);
+// Why nothing was sent.
+std::string not_sent(cp_server& server, const std::string& agent, const std::string& copy) {
+    return cp_find_agent(&server, agent) == nullptr
+               ? fmt::format("agent '{}' is not logged on: see 'qxcp agents'", agent)
+               : fmt::format("nothing was sent to agent {}: is '{}' writable?", agent, copy);
 }
 
 std::string whole_file(const std::string& path) {
@@ -281,6 +302,7 @@ void cp_control_cat(cp_server& server, cp_control_client& client, const json& re
     wish.password = request.value("password", "");
     wish.lines = request.value("lines", 0);
     wish.limit = request.value("limit", int64_t{0});
+    wish.asker = client.id;
     const std::string part = request.value("part", "bytes");
     wish.part = part == "tail" ? cp_file_part::tail : part == "head" ? cp_file_part::head : cp_file_part::bytes;
     wish.copy = copy_path(server, client);
@@ -312,7 +334,7 @@ void cp_control_cat(cp_server& server, cp_control_client& client, const json& re
                                 {"position", std::atoll(answer.data.c_str() + blank)}});
     });
     if (!sent) {
-        control_refuse(client, not_there(agent));
+        control_refuse(client, not_sent(server, agent, wish.copy));
     }
 }
 
@@ -320,7 +342,7 @@ void cp_control_shell(cp_server& server, cp_control_client& client, const json& 
     const std::string agent = request.value("agent", "");
     const std::string command = request.value("command", "");
     const std::string copy = copy_path(server, client);
-    constexpr size_t longest = sizeof(MSG_TYPE_REP_GET::filename) - sizeof("<AGENTSHELL>") + 1;
+    constexpr size_t longest = sizeof(MSG_TYPE_REP_GET::filename) - sizeof shell_mark + 1;
     if (command.find_first_not_of(' ') == std::string::npos || command.size() > longest) {
         control_refuse(client, fmt::format("a command of the console has 1 to {} characters", longest));
         return;
@@ -335,7 +357,8 @@ void cp_control_shell(cp_server& server, cp_control_client& client, const json& 
         }
         if (answer.status != "OK") {
             std::string why = control_answer_text(answer);
-            if (answer.number == file_not_opened) {
+            // Without consoles the words are the name of a file.
+            if (answer.number == file_not_opened && answer.insert.find(shell_mark) != std::string::npos) {
                 why += ". Set allow_agentshell=yes in section GLOBAL of its INI file and start it anew";
             }
             control_refuse(*asker, fmt::format("agent {} did not run the command: {}", agent, why));
@@ -344,6 +367,6 @@ void cp_control_shell(cp_server& server, cp_control_client& client, const json& 
         control_finish(*asker, {{"ok", true}, {"output", output}});
     });
     if (!sent) {
-        control_refuse(client, not_there(agent));
+        control_refuse(client, not_sent(server, agent, copy));
     }
 }

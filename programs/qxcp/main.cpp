@@ -379,6 +379,9 @@ int main(int argc, char** argv) {
     auto* shell_command = app.add_subcommand(
         "shell", "run a command of the agent's own console, such as GET_COMMANDS, and print what it shows");
     shell_command->add_option("agent", agent, "name of the agent")->required();
+    cat_command->add_option("--time-limit", cat.seconds, "seconds that the agent may send nothing")
+        ->check(CLI::Range(1, 86400))
+        ->capture_default_str();
     shell_command->add_option("command", shell_words, "the command and its words")->required();
     add_data(shell_command);
 

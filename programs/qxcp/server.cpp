@@ -20,7 +20,8 @@
 namespace {
 
 constexpr size_t read_size = 262144;
-constexpr size_t out_limit = size_t{64} << 20;  // an agent that takes nothing is dropped beyond this
+// An agent or a console that takes nothing is dropped beyond this.
+constexpr size_t out_limit = size_t{64} << 20;
 
 using clock_type = std::chrono::steady_clock;
 
@@ -170,7 +171,7 @@ void end_agents(cp_server& server) {
 
 void end_clients(cp_server& server) {
     std::erase_if(server.clients, [](auto& client) {
-        if (client->fd >= 0 && !write_out(client->fd, client->out)) {
+        if (client->fd >= 0 && (!write_out(client->fd, client->out) || client->out.size() > out_limit)) {
             close(client->fd);
             client->fd = -1;
         }
@@ -282,8 +283,10 @@ void cp_server_tap(cp_server* server, cp_message_tap tap) {
 }
 
 void cp_server_step(cp_server* server, int timeout_ms) {
+    cp_control_end_silent(*server);
     end_agents(*server);
     end_clients(*server);
+    cp_end_unwanted_reads(*server);
     std::vector<pollfd> wait;
     wait.push_back({server->listen_fd, POLLIN, 0});
     wait.push_back({server->control_fd, POLLIN, 0});

@@ -184,6 +184,7 @@ struct cp_file_wish {
     int lines = 0;      // of head and tail
     int64_t limit = 0;  // bytes that are wanted at most, 0: all
     int block_size = 524288;
+    int asker = 0;  // of the console: with it the read ends
 };
 bool cp_read_file(cp_server* server, const std::string& agent, const cp_file_wish& wish,
                   cp_answer_handler handler);

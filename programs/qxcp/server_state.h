@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdio>
+#include <ctime>
 #include <map>
 #include <string>
 
@@ -29,6 +30,7 @@ struct cp_transfer {
 // A file that is being read from an agent, by the key of its request.
 struct cp_file_read {
     int agent_id = 0;
+    int asker = 0;         // the console client that waits for it, 0: none, it is read to its end
     unsigned user_id = 0;  // as which the agent asks for the login object
     FILE* file = nullptr;
     cp_file_wish wish;
@@ -46,6 +48,8 @@ struct cp_control_client {
     int watched_run = 0;  // a `run` whose states are told
     std::string last_told;
     std::string watched_log;  // name of an agent whose log lines are told
+    int silence_limit = 0;    // seconds in which an agent must have sent something for this client, 0: none
+    time_t last_sign = 0;     // when it did, monotonic
     bool close_when_written = false;
 };
 
@@ -87,3 +91,9 @@ void cp_control_accept(cp_server& server);
 void cp_control_read(cp_server& server, cp_control_client& client);
 void cp_control_tell_job(cp_server& server, const cp_job& job);
 void cp_control_tell_log(cp_server& server, const std::string& agent, const std::string& lines);
+// Refuses the requests whose agents have been silent for too long.
+void cp_control_end_silent(cp_server& server);
+
+// file_control.cpp
+// Ends the reads that nobody waits for any more.
+void cp_end_unwanted_reads(cp_server& server);

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <nlohmann/json.hpp>
 
 #include "console_fixture.h"
@@ -83,6 +84,20 @@ TEST_F(file_retrieval, tells_what_cannot_be_read) {
     EXPECT_TRUE(says("not logged on")) << output;
     EXPECT_EQ(cat("/etc/passwd", {"--tail", "1", "--head", "1"}), 64);
     EXPECT_EQ(cat("/etc/passwd", {"--head", "1"}), 0) << output;  // and the agent goes on
+}
+
+TEST_F(file_retrieval, an_agent_that_says_nothing_is_given_up) {
+    write_file(folder.path + "/text", "one\n");
+    host.agent.signal(SIGSTOP);
+    EXPECT_EQ(cat(folder.path + "/text", {"--time-limit", "1"}), 1);
+    EXPECT_TRUE(says("sent nothing for 1 seconds")) << output;
+    host.agent.signal(SIGCONT);
+    EXPECT_EQ(cat(folder.path + "/text"), 0) << output;
+    EXPECT_EQ(output, "one\n");
+    // Neither what was given up nor what was printed stays on the server.
+    EXPECT_TRUE(wait_until(10000, [&] {
+        return run_program({"/bin/sh", "-c", "ls " + data() + "/reports | grep -c part"}, output) == 1;
+    })) << output;
 }
 
 TEST_F(file_retrieval, the_user_decides_what_may_be_read) {
