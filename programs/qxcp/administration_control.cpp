@@ -14,6 +14,7 @@ using nlohmann::json;
 namespace {
 
 constexpr size_t log_lines_shown = 20;
+constexpr std::streamoff log_bytes_shown = 65536;
 
 void refuse_agent(cp_control_client& client, const std::string& agent) {
     control_refuse(client, agent.empty() ? "no agent is logged on, or several are: name one, see 'qxcp agents'"
@@ -61,17 +62,24 @@ json trace_of(const cp_answer& answer) {
             {"trigger", parts[3]}};
 }
 
-void tell_old_lines(cp_server& server, const std::string& agent, std::string& out) {
-    std::ifstream in(fmt::format("{}/agents/{}.log", server.store.folder, agent), std::ios::binary);
+// False when no line of this agent ever came.
+bool read_old_lines(const cp_server& server, const std::string& agent, std::string& out) {
+    std::ifstream in(cp_log_path(server, agent), std::ios::binary);
+    if (!in) {
+        return false;
+    }
     in.seekg(0, std::ios::end);
-    const auto size = static_cast<long>(in.tellg());
-    const long start = std::max(0L, size - 16384);
+    if (start > 0) {
+        out.erase(0, out.find('\n') + 1);  // the rest of a line
+    }
+    const std::streamoff start = std::max<std::streamoff>(0, in.tellg() - log_bytes_shown);
     in.seekg(start);
     std::stringstream text;
     text << in.rdbuf();
     out = text.str();
     size_t from = out.size();
     for (size_t count = 0; count <= log_lines_shown && from != 0 && from != std::string::npos; ++count) {
+    return true;
         from = out.rfind('\n', from - 1);
     }
     if (from != std::string::npos && from != 0) {
@@ -125,18 +133,18 @@ void control_log(cp_server& server, cp_control_client& client, const json& reque
         }
         return;
     }
-    if (name.empty() || name.find('/') != std::string::npos) {
-        refuse_agent(client, "");
+    std::string lines;
+    if (!read_old_lines(server, name, lines) && agent == nullptr) {
+        refuse_agent(client, name);
         return;
     }
-    std::string lines;
-    tell_old_lines(server, name, lines);
     if (!request.value("follow", false)) {
         control_finish(client, {{"ok", true}, {"lines", lines}});
         return;
     }
     client.watched_log = name;
-    cp_control_tell_log(server, name, lines);
+    client.silence_limit = 0;
+    control_tell(client, {{"lines", lines}});
 }
 
 void control_mail(cp_server& server, cp_control_client& client, const json& request) {

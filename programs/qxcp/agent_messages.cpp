@@ -102,7 +102,7 @@ void take_log_block(cp_server& server, cp_agent& agent, message_view view) {
     auto block = view_record<MSG_TYPE_WRITE>(view);
     std::string text{view_text(view, block.inhalt_dist, block.inhalt_len)};
     std::erase(text, '\r');
-    const std::string path = fmt::format("{}/agents/{}.log", server.store.folder, agent.link.agent);
+    const std::string path = cp_log_path(server, agent.link.agent);
     FILE* file = std::fopen(path.c_str(), "ab");
     const bool good = file != nullptr && std::fwrite(text.data(), 1, text.size(), file) == text.size();
     if (file == nullptr || std::fclose(file) != 0 || !good) {
@@ -168,6 +168,13 @@ void answer_query(cp_server& server, cp_agent& agent, message_view view, const f
 }
 
 }  // namespace
+
+// A name may hold a '/', and must not lead out of the folder.
+std::string cp_log_path(const cp_server& server, std::string_view agent) {
+    std::string name(agent);
+    std::replace(name.begin(), name.end(), '/', '_');
+    return fmt::format("{}/agents/{}.log", server.store.folder, name);
+}
 
 void cp_answer_pending(cp_server& server, uint32_t code, const cp_answer& answer) {
     auto found = server.pending.find(code);

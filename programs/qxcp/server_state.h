@@ -82,6 +82,7 @@ std::string cp_time_text();
 // agent_messages.cpp and job_control.cpp
 void cp_handle_message(cp_server& server, cp_agent& agent);
 void cp_handle_lost_line(cp_server& server, cp_agent& agent);
+std::string cp_log_path(const cp_server& server, std::string_view agent);  // of the lines that it has sent
 void cp_job_changed(cp_server& server, cp_job& job);  // stores the job and tells those who watch it
 void cp_activate(cp_server& server, cp_agent& agent, cp_job& job);
 

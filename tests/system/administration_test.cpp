@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -244,14 +245,32 @@ TEST_F(administration, is_driven_from_the_console) {
     EXPECT_NE(output.find("U00050016"), std::string::npos) << output;
     EXPECT_EQ(run({"log", "ADMIN", "--change"}, output), 0) << output;
 
-    child_process follower;
+    child_process follower, second;
     start_program(follower, {QX_SERVER_PROGRAM, "log", "ADMIN", "--follow", "--data", options.folder},
                   server_folder.path + "/follow.out");
     ASSERT_TRUE(wait_done(submit("exit 0\n"))) << story();
     EXPECT_TRUE(wait(15000, [&] { return follower.output().find("TEST.JOB") != std::string::npos; }))
         << follower.output();
-    follower.signal(SIGTERM);
-    EXPECT_TRUE(follower.wait_end(5000));
+    // One who comes later is shown the last lines, and nobody else is shown them again.
+    start_program(second, {QX_SERVER_PROGRAM, "log", "ADMIN", "--follow", "--data", options.folder},
+                  server_folder.path + "/second.out");
+    EXPECT_TRUE(wait(15000, [&] { return second.output().find("TEST.JOB") != std::string::npos; }));
+    ASSERT_TRUE(cp_change_log(server.get(), "ADMIN", keep()) && wait_answer());
+    EXPECT_TRUE(wait(15000, [&] { return follower.output().find("U02000130") != std::string::npos; }));
+    std::vector<std::string> lines = lines_of(follower.output());
+    std::erase_if(lines, [](const std::string& line) { return line.find("TEST.JOB") == std::string::npos; });
+    EXPECT_FALSE(lines.empty());
+    std::sort(lines.begin(), lines.end());
+    EXPECT_EQ(std::adjacent_find(lines.begin(), lines.end()), lines.end()) << follower.output();
+    for (child_process* each : {&follower, &second}) {
+        each->signal(SIGTERM);
+        EXPECT_TRUE(each->wait_end(5000));
+    }
+    EXPECT_EQ(run({"log", "NOBODY"}, output), 1);
+    EXPECT_NE(output.find("not logged on"), std::string::npos) << output;
+    ASSERT_TRUE(host.stop());
+    EXPECT_EQ(run({"log", "ADMIN"}, output), 0) << "what was sent is kept";
+    EXPECT_NE(output.find("U02000130"), std::string::npos) << output;
 }
 
 }  // namespace
