@@ -46,20 +46,15 @@ json info_of(const cp_answer& answer) {
 }
 
 json trace_of(const cp_answer& answer) {
-    std::vector<std::string> parts{""};
-    for (const char c : answer.data) {
-        if (c == '\0' && parts.size() < 4) {
-            parts.emplace_back();
-        } else {
-            parts.back() += c;
-        }
-    }
-    parts.resize(4);
+    // "SIZE", NUL, memory, NUL, type, NUL, text: the type is a NUL itself as long as nobody set one.
+    const size_t places = std::min(answer.data.find('\0'), answer.data.size());
+    const std::string rest = answer.data.substr(places).append(5, '\0');
+    const std::string type(rest, 3, 1);
     return {{"flags", answer.insert},
-            {"max_size", std::atoi(parts[0].c_str())},
-            {"memory", parts[1] == "1"},
-            {"trigger_type", parts[2]},
-            {"trigger", parts[3]}};
+            {"max_size", std::atoi(answer.data.c_str())},
+            {"memory", rest[1] == '1'},
+            {"trigger_type", type[0] == '\0' ? "" : type},
+            {"trigger", answer.data.size() > places + 5 ? answer.data.substr(places + 5) : ""}};
 }
 
 // False when no line of this agent ever came.
@@ -69,22 +64,22 @@ bool read_old_lines(const cp_server& server, const std::string& agent, std::stri
         return false;
     }
     in.seekg(0, std::ios::end);
-    if (start > 0) {
-        out.erase(0, out.find('\n') + 1);  // the rest of a line
-    }
     const std::streamoff start = std::max<std::streamoff>(0, in.tellg() - log_bytes_shown);
     in.seekg(start);
     std::stringstream text;
     text << in.rdbuf();
     out = text.str();
+    if (start > 0) {
+        out.erase(0, out.find('\n') + 1);  // the rest of a line
+    }
     size_t from = out.size();
     for (size_t count = 0; count <= log_lines_shown && from != 0 && from != std::string::npos; ++count) {
-    return true;
         from = out.rfind('\n', from - 1);
     }
     if (from != std::string::npos && from != 0) {
         out.erase(0, from + 1);
     }
+    return true;
 }
 
 }  // namespace
@@ -170,14 +165,22 @@ void control_mail(cp_server& server, cp_control_client& client, const json& requ
 }
 
 void control_connect(cp_server& server, cp_control_client& client, const json& request) {
-    const std::string agent = request.value("agent", "");
-    const std::string partner = request.value("partner", "");
-    const cp_agent* known = cp_find_agent(&server, partner);
+    std::string agent = request.value("agent", "");
+    std::string partner = request.value("partner", "");
     std::string address = request.value("address", "");
     int port = request.value("port", 0);
-    if (known != nullptr && !partner.empty()) {
+    // Keys go by the name as the agent writes it.
+    if (const cp_agent* first = cp_find_agent(&server, agent); first != nullptr && !agent.empty()) {
+        agent = first->link.agent;
+    }
+    if (const cp_agent* known = cp_find_agent(&server, partner); known != nullptr && !partner.empty()) {
+        partner = known->link.agent;
         address = address.empty() ? known->listener : address;
         port = port == 0 ? known->listener_port : port;
+    }
+    if (address.size() >= sizeof MSG_TYPE_CONNECT{}.ipaddr) {
+        control_refuse(client, fmt::format("the address '{}' is longer than 63 characters", address));
+        return;
     }
     if (address.empty() || port == 0) {
         control_refuse(client, fmt::format("agent '{}' is not logged on: give its --address and --port", partner));

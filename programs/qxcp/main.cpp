@@ -177,13 +177,21 @@ struct administration_commands {
   private:
     void add_trace(CLI::App& app) {
         trace = app.add_subcommand("trace", "show or set what an agent and its processes trace");
-        trace->add_option("--flags", flags, "a digit from 0 to 9 for each area, at most 16");
-        trace->add_option("--size", max_size, "megabytes of the trace in memory");
+        trace->add_option("--flags", flags, "a digit from 0 to 9 for each area, at most 16")
+            ->check([](const std::string& text) -> std::string {
+                const bool good =
+                    text.size() <= 16 && text.find_first_not_of("0123456789") == std::string::npos;
+                return good ? "" : fmt::format("'{}' is no text of at most 16 digits", text);
+            });
+        trace->add_option("--size", max_size, "megabytes of the trace in memory")
+            ->check(CLI::Range(0, 1 << 20));
         trace->add_flag("--memory", memory, "trace to memory");
         trace->add_flag("--dump", dump, "write out what memory holds");
-        trace->add_flag("--force", force, "start tracing at once");
-        trace->add_option("--trigger", trigger, "text at which tracing starts or stops");
-        trace->add_option("--trigger-type", trigger_type, "letter of the trigger's kind");
+        trace->add_flag("--force", force, "start tracing again that a trigger has stopped");
+        trace->add_option(
+            "--trigger", trigger,
+            "text, with * and ?, at which tracing stops; a trace in memory is written out then");
+        trace->add_option("--trigger-type", trigger_type, "a letter that the agent keeps with the trigger");
         trace->add_flag("--first-version", first_version, "send the older form: only the flags");
     }
     void add_log(CLI::App& app) {
@@ -281,6 +289,11 @@ int main(int argc, char** argv) {
         command->add_option("--log-interval", server.report_interval, "seconds between two looks for new log lines")
             ->check(CLI::PositiveNumber)
             ->capture_default_str();
+        command
+            ->add_option("--log-size", server.log_megabytes,
+                         "megabytes after which agents begin a new log, 0: never")
+            ->check(CLI::NonNegativeNumber)
+            ->capture_default_str();
         command->add_option("--block-size", server.block_size, "bytes of a report block")
             ->check(CLI::Range(128, 32767))
             ->capture_default_str();
@@ -289,11 +302,6 @@ int main(int argc, char** argv) {
             ->capture_default_str();
         command->add_flag("--check-passwords", server.check_passwords, "agents shall check the passwords of jobs");
     };
-        command
-            ->add_option("--log-size", server.log_megabytes,
-                         "megabytes after which agents begin a new log, 0: never")
-            ->check(CLI::NonNegativeNumber)
-            ->capture_default_str();
 
     auto* serve_command = app.add_subcommand("serve", "run the server: agents log on, events are printed");
     add_server_options(serve_command);
@@ -371,6 +379,9 @@ int main(int argc, char** argv) {
                             "print as UTF-8 what is in this encoding; auto: what the file's mark says; raw: as it is")
         ->check(CLI::IsMember({"raw", "auto", "utf8", "ucs2le", "ucs2be"}))
         ->capture_default_str();
+    cat_command->add_option("--time-limit", cat.seconds, "seconds that the agent may send nothing")
+        ->check(CLI::Range(1, 86400))
+        ->capture_default_str();
     cat_command->add_option("--user", cat.user, "user on the agent's host")->default_val(own_user());
     cat_command->add_option("--password-file", cat.password_file, "file whose first line is that user's password");
     add_data(cat_command);
@@ -379,9 +390,6 @@ int main(int argc, char** argv) {
     auto* shell_command = app.add_subcommand(
         "shell", "run a command of the agent's own console, such as GET_COMMANDS, and print what it shows");
     shell_command->add_option("agent", agent, "name of the agent")->required();
-    cat_command->add_option("--time-limit", cat.seconds, "seconds that the agent may send nothing")
-        ->check(CLI::Range(1, 86400))
-        ->capture_default_str();
     shell_command->add_option("command", shell_words, "the command and its words")->required();
     add_data(shell_command);
 

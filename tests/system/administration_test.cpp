@@ -123,11 +123,11 @@ TEST_F(administration, sets_the_trace_of_all_its_processes) {
 
 // Every line of both files stands once in what was streamed, in their order, whoever wanted the change.
 TEST_F(administration, changes_the_log_and_loses_no_line) {
-    host.start();
     options.log_megabytes = 1;
     close_server();
     open_server();
     host.ini["GLOBAL"]["allow_agentshell"] = "yes";
+    host.start();
     ASSERT_TRUE(wait_logon("ADMIN")) << host.log();
     const auto some_jobs = [&] {
         for (int i = 0; i < 5; ++i) {
@@ -140,12 +140,12 @@ TEST_F(administration, changes_the_log_and_loses_no_line) {
     EXPECT_EQ(last.data.size(), 80u);
     EXPECT_EQ(change.ah_idnr_new, change.ah_idnr_old + 1);
     some_jobs();
-    ASSERT_TRUE(host.stop());
     // The agent's own wish, as if the file had grown; the jobs go on meanwhile.
     ASSERT_TRUE(cp_shell(server.get(), "ADMIN", "SIMULATE SETLOGFILESIZE = 1", server_folder.path + "/shell",
                          keep()));
     some_jobs();
     EXPECT_EQ(count_events("log"), 1) << story();
+    ASSERT_TRUE(host.stop());
     EXPECT_TRUE(wait(10000, [&] { return cp_find_agent(server.get(), "ADMIN") == nullptr; }));
     const std::vector<std::string> sent = lines_of(streamed());
     std::vector<std::string> written = lines_of(read_file(host.path("temp/agent.l02")));
@@ -239,6 +239,7 @@ TEST_F(administration, is_driven_from_the_console) {
     EXPECT_EQ(run({"trace", "ADMIN", "set", "--flags", "04", "--json"}, output), 0) << output;
     EXPECT_EQ(json::parse(output)["flags"], "04" + std::string(14, '0'));
     EXPECT_EQ(run({"trace", "ADMIN", "set"}, output), 64) << output;
+    EXPECT_EQ(run({"trace", "ADMIN", "set", "--flags", "4x"}, output), 64) << output;
     EXPECT_EQ(run({"query", "NOBODY"}, output), 1);
     EXPECT_NE(output.find("not logged on"), std::string::npos) << output;
     EXPECT_EQ(run({"mail", "ADMIN", "--to", "not an address", "--server", "127.0.0.1", "--from", "a@b"}, output), 1);
@@ -270,7 +271,8 @@ TEST_F(administration, is_driven_from_the_console) {
     EXPECT_NE(output.find("not logged on"), std::string::npos) << output;
     ASSERT_TRUE(host.stop());
     EXPECT_EQ(run({"log", "ADMIN"}, output), 0) << "what was sent is kept";
-    EXPECT_NE(output.find("U02000130"), std::string::npos) << output;
+    EXPECT_NE(output.find("U02003073"), std::string::npos) << output;
+    EXPECT_EQ(lines_of(output).size(), 20u) << output;
 }
 
 }  // namespace
