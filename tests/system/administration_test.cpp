@@ -36,12 +36,12 @@ struct administration : server_test {
     }
     std::string streamed() const { return read_file(options.folder + "/agents/ADMIN.log"); }
     // A connection to the listener, closed again.
-    bool call_listener() const {
+    static bool call_listener(const installation& of) {
         const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_in at{};
         at.sin_family = AF_INET;
         at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        at.sin_port = htons(static_cast<uint16_t>(host.listener_port));
+        at.sin_port = htons(static_cast<uint16_t>(of.listener_port));
         const bool good = connect(fd, reinterpret_cast<sockaddr*>(&at), sizeof at) == 0;
         close(fd);
         return good;
@@ -86,7 +86,7 @@ TEST_F(administration, sets_the_trace_of_all_its_processes) {
     host.ini["TRACE"]["file"] = "../temp/QXXJxxx.t##";
     host.start();
     ASSERT_TRUE(wait_logon("ADMIN")) << host.log();
-    ASSERT_TRUE(wait(10000, [&] { return call_listener(); })) << "the listener is there";
+    ASSERT_TRUE(wait(10000, [&] { return call_listener(host); })) << "the listener is there";
     EXPECT_EQ(trace(), std::string(16, '0'));
     EXPECT_EQ(last.data, std::string(last.data.c_str()) + std::string("\0" "0\0", 3) + last.data[last.data.size() - 2] + '\0')
         << "size, no memory, type, no text";
@@ -118,7 +118,7 @@ TEST_F(administration, sets_the_trace_of_all_its_processes) {
     ASSERT_TRUE(cp_trace_set(server.get(), "ADMIN", wish));
     EXPECT_EQ(trace(), std::string(16, '4'));
     // Something for the listener to trace.
-    EXPECT_TRUE(wait(10000, [&] { return call_listener() && trace_files() >= 2; })) << "agent and listener: " << trace_files();
+    EXPECT_TRUE(wait(10000, [&] { return call_listener(host) && trace_files() >= 2; })) << "agent and listener: " << trace_files();
 }
 
 // Every line of both files stands once in what was streamed, in their order, whoever wanted the change.
@@ -185,6 +185,8 @@ TEST_F(administration, presents_itself_to_another_agent) {
     EXPECT_EQ(last.number, 2000061) << last.insert;
     // Nobody listens there any more.
     other.stop();
+    // Its listener ends by itself, a little later.
+    ASSERT_TRUE(wait(10000, [&] { return !call_listener(other); }));
     ASSERT_TRUE(cp_connect_agents(server.get(), "ADMIN", "OTHER", "127.0.0.1", other.listener_port, token, keep()));
     ASSERT_TRUE(wait_answer()) << host.log();
     EXPECT_EQ(last.status, "NK");
