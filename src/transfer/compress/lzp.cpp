@@ -5,9 +5,10 @@
 // told for each place, a second one searches in that. Neither waits for the other's misses.
 #include <algorithm>
 #include <cstring>
-#include <memory>
+#include <new>
 
 #include "transfer/compress/encoder.h"
+#include "transfer/compress/error.h"
 
 namespace {
 
@@ -308,11 +309,16 @@ void chooseSecond(CompressFile& cf) {
             use.wanted = true;
             break;
         case 1:
-            use.trial = std::make_unique<SecondTrial>();
-            use.trial->sent = sent;
-            use.trial->source = cf.in.position(cf.in.src);
+            use.trial.reset(new (std::nothrow) SecondTrial);
+            if (use.trial != nullptr) {  // without memory the table is simply kept
+                use.trial->sent = sent;
+                use.trial->source = cf.in.position(cf.in.src);
+            }
             break;
         case 2: {
+            if (use.trial == nullptr) {
+                break;
+            }
             const uint64_t with = sent - use.trial->sent;
             const uint64_t covered = cf.in.position(cf.in.src) - use.trial->source;
             const uint64_t without = bitsWithout(cf, *use.trial);
@@ -372,7 +378,10 @@ int openLzp(CompressFile& cf, ErrMsg* err) {
     if (cf.in.history >= large_pool) {
         cf.in.memory.preferLargePages();
     }
-    cf.predictions = std::make_unique<Predictions>();
+    cf.predictions.reset(new (std::nothrow) Predictions);
+    if (cf.predictions == nullptr) {
+        return compressError(err, compress_no_memory, "%d|%s|", static_cast<int>(sizeof(Predictions)), "lzp");
+    }
     cf.predictions->position = static_cast<uint32_t>(cf.in.history) + 1;
     cf.predictions->positionEnd = 1U << positionBits(cf.in.history);
     cf.second.wanted = cf.second.asked = orders.second != 0;

@@ -3,9 +3,11 @@
 // The format wants matches of 3 to 32,767 bytes. Which one is taken is free; matches of exactly 3 bytes pay
 // only near by.
 #include <algorithm>
+#include <new>
 #include <vector>
 
 #include "transfer/compress/encoder.h"
+#include "transfer/compress/error.h"
 #include "transfer/compress/lzss_search.h"
 
 namespace {
@@ -204,7 +206,10 @@ void fillSpan(CompressFile& cf, size_t stop) {
 }  // namespace
 
 int openLzss(CompressFile& cf, ErrMsg* err) {
-    cf.lzss = std::make_unique<LzssSearch>();
+    cf.lzss.reset(new (std::nothrow) LzssSearch);
+    if (cf.lzss == nullptr) {
+        return compressError(err, compress_no_memory, "%d|%s|", static_cast<int>(sizeof(LzssSearch)), "lzss");
+    }
     LzssSearch& search = *cf.lzss;
     search.classes = positionClasses(cf.parameters.lzssWindow + 6);
     uint32_t ring = 1;

@@ -1,8 +1,10 @@
 // Symbols of id 11: as id 9 with one context, which remembers several positions.
 #include <algorithm>
 #include <climits>
+#include <new>
 
 #include "transfer/compress/encoder.h"
+#include "transfer/compress/error.h"
 #include "transfer/compress/lzx_search.h"
 
 namespace {
@@ -115,7 +117,10 @@ void fillSpan(CompressFile& cf, size_t stop) {
 }  // namespace
 
 int openLzx(CompressFile& cf, ErrMsg* err) {
-    cf.lzx = std::make_unique<LzxSearch>();
+    cf.lzx.reset(new (std::nothrow) LzxSearch);
+    if (cf.lzx == nullptr) {
+        return compressError(err, compress_no_memory, "%d|%s|", static_cast<int>(sizeof(LzxSearch)), "lzx");
+    }
     LzxSearch& search = *cf.lzx;
     search.hash = contextHash(512U << cf.parameters.lzpHashTableSize, cf.parameters.lzpHash);
     search.value = search.hash.start;
