@@ -8,6 +8,7 @@
 
 #include <cerrno>
 
+#include "base/descriptor.h"
 #include "base/files.h"
 #include "base/trace.h"
 #include "identity/accounts.h"
@@ -57,6 +58,17 @@ int open_as_user(const char* user, const char* function, qx7_error* error, Work 
     return result;
 }
 
+// A kernel before 5.6 does not know the call, and the filter of an old container refuses it.
+bool openat2_is_missing(int error_number) {
+    if (error_number != EPERM) {
+        return error_number == ENOSYS;
+    }
+    open_how how{};
+    how.flags = O_PATH | O_CLOEXEC;
+    const qx_descriptor root(static_cast<int>(syscall(SYS_openat2, AT_FDCWD, "/", &how, sizeof how)));
+    return !root.valid();
+}
+
 // open(2), but ELOOP where the way leads over a descriptor or folder of a process (/proc/self/fd/3,
 // /proc/self/cwd): over those of the agent a user would get past folders that are closed to him.
 int open_by_names(const char* path, int flags, mode_t mode) {
@@ -65,8 +77,15 @@ int open_by_names(const char* path, int flags, mode_t mode) {
     how.mode = (flags & O_CREAT) != 0 ? mode : 0;  // anything else is refused without O_CREAT
     how.resolve = RESOLVE_NO_MAGICLINKS;
     const long fd = syscall(SYS_openat2, AT_FDCWD, path, &how, sizeof how);
-    // A kernel before 5.6 does not know the call.
-    return fd < 0 && errno == ENOSYS ? open(path, flags, mode) : static_cast<int>(fd);
+    if (fd >= 0) {
+        return static_cast<int>(fd);
+    }
+    const int error_number = errno;
+    if (openat2_is_missing(error_number)) {
+        return open(path, flags, mode);
+    }
+    errno = error_number;
+    return -1;
 }
 
 // Opens what exists; makes what doesn't. O_CREAT never meets an existing file, which kernels that protect
