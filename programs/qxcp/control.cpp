@@ -334,33 +334,6 @@ void cp_control_tell_job(cp_server& server, const cp_job& job) {
     }
 }
 
-json cp_job_json(const cp_job& job) {
-    return {{"run", job.run},
-            {"name", job.name},
-            {"client", job.client},
-            {"agent", job.agent},
-            {"user", job.user},
-            {"shell", job.shell},
-            {"state", cp_state_name(job.state)},
-            {"return_code", job.return_code},
-            {"process_id", job.process_id},
-            {"program", job.program},
-            {"info_text", job.info_text},
-            {"start_time", job.start_time},
-            {"end_time", job.end_time},
-            {"cpu_ms", job.cpu_ms},
-            {"io_count", job.io_count},
-            {"cancelled", job.cancelled},
-            {"status_count", job.status_count},
-            {"message_number", job.message_number},
-            {"message_insert", job.message_insert},
-            {"variables", job.variables},
-            {"output_files", job.output_files},
-            {"job_file", job.job_file},
-            {"report_file", job.report_file},
-            {"report_copy", job.report_copy}};
-}
-
 json cp_agent_json(const cp_agent& agent) {
     return {{"name", agent.link.agent},   {"address", agent.listener}, {"port", agent.listener_port},
             {"version", agent.version},   {"platform", agent.platform}, {"since", agent.since},

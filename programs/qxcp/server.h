@@ -199,5 +199,4 @@ void cp_drop_line(cp_server* server, const std::string& agent);
 bool cp_send(cp_server* server, cp_agent& agent, std::string_view module, const void* message, size_t length,
              cp_answer_handler handler = {});
 
-nlohmann::json cp_job_json(const cp_job& job);
 nlohmann::json cp_agent_json(const cp_agent& agent);

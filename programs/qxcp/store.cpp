@@ -39,36 +39,14 @@ std::string append_line(const cp_store& store, const json& line) {
     return {};
 }
 
+// What the console tells of a job, and what only the server needs.
 json job_to_json(const cp_job& job) {
-    json j = {{"run", job.run},
-              {"client", job.client},
-              {"user_id", job.user_id},
-              {"name", job.name},
-              {"agent", job.agent},
-              {"user", job.user},
-              {"shell", job.shell},
-              {"job_file", job.job_file},
-              {"report_file", job.report_file},
-              {"state", cp_state_name(job.state)},
-              {"return_code", job.return_code},
-              {"process_id", job.process_id},
-              {"info_text", job.info_text},
-              {"program", job.program},
-              {"start_time", job.start_time},
-              {"end_time", job.end_time},
-              {"cpu_ms", job.cpu_ms},
-              {"io_count", job.io_count},
-              {"cancelled", job.cancelled},
-              {"status_count", job.status_count},
+    json j = cp_job_json(job);
+    j.update({{"user_id", job.user_id},
               {"end_count", job.end_count},
-              {"message_number", job.message_number},
-              {"message_insert", job.message_insert},
               {"restart_record", cp_to_hex(job.restart_record)},
-              {"variables", job.variables},
-              {"output_files", job.output_files},
-              {"report_copy", job.report_copy},
               {"forgotten", job.forgotten},
-              {"wrap", job.wrap}};
+              {"wrap", job.wrap}});
     if (job.state == cp_job_state::waiting) {
         j["script"] = job.script;
         j["resources"] = json::array();
@@ -150,6 +128,33 @@ std::string open_journal(cp_store& store) {
 }
 
 }  // namespace
+
+json cp_job_json(const cp_job& job) {
+    return {{"run", job.run},
+            {"name", job.name},
+            {"client", job.client},
+            {"agent", job.agent},
+            {"user", job.user},
+            {"shell", job.shell},
+            {"state", cp_state_name(job.state)},
+            {"return_code", job.return_code},
+            {"process_id", job.process_id},
+            {"program", job.program},
+            {"info_text", job.info_text},
+            {"start_time", job.start_time},
+            {"end_time", job.end_time},
+            {"cpu_ms", job.cpu_ms},
+            {"io_count", job.io_count},
+            {"cancelled", job.cancelled},
+            {"status_count", job.status_count},
+            {"message_number", job.message_number},
+            {"message_insert", job.message_insert},
+            {"variables", job.variables},
+            {"output_files", job.output_files},
+            {"job_file", job.job_file},
+            {"report_file", job.report_file},
+            {"report_copy", job.report_copy}};
+}
 
 cp_store::~cp_store() {
     if (journal != nullptr) {

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <map>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <vector>
 
@@ -71,6 +72,8 @@ struct cp_job {
     std::string report_copy;  // path of the fetched report, empty while it is not here
     bool forgotten = false;   // JOB_DEL sent
 };
+// What the console tells of a job.
+nlohmann::json cp_job_json(const cp_job& job);
 
 // A file that the server keeps for jobs, in the storage object of a client.
 struct cp_resource {
