@@ -24,8 +24,8 @@ constexpr unsigned places_more = 8;  // that a form may write behind those asked
 
 // A receiver has a slot for each context. A sender that remembers fewer of them says nothing wrong: what it
 // finds is the last place of exactly that context, and what it forgot it codes otherwise. With the defaults
-// both tables then stay in the nearest caches.
-constexpr unsigned slots_least_bits = 16;
+// its table is a quarter of a receiver's, and stays in nearer caches.
+constexpr unsigned slots_least_bits = 18;
 constexpr unsigned rest_bits_most = 4;
 constexpr unsigned check_bits_least = 3;
 
