@@ -143,10 +143,6 @@ int open_regular_at(int directory, const char* name, int flags) {
     return open_regular_with(directory, name, flags | O_NOFOLLOW);
 }
 
-int open_regular(const char* path, int flags) {
-    return open_regular_at(AT_FDCWD, path, flags);
-}
-
 FILE* FileFOpenNoTrace(const char* path, const char* mode) {
     char close_on_exec[16];
     snprintf(close_on_exec, sizeof close_on_exec, "%.8se", mode);

@@ -122,7 +122,6 @@ int create_new_file_at(int directory, const char* name, mode_t mode, uid_t uid, 
                        const char** failed_step);
 // Opens an existing regular file that is no link, without waiting and without becoming its terminal; `flags`
 // are O_RDONLY, O_WRONLY|O_APPEND and the like. EINVAL for what is no regular file, ELOOP for a link.
-int open_regular(const char* path, int flags);
 int open_regular_at(int directory, const char* name, int flags);
 
 // ---- Opening and closing

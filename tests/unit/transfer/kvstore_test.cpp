@@ -7,25 +7,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <sstream>
-
+#include "scratch.h"
 #include "transfer/status_store.h"
 
 namespace {
 
 class Store : public testing::Test {
   protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/qxkvXXXXXX";
-        folder_ = mkdtemp(pattern);
-        name_ = folder_ + "/FT1.sts";
-    }
-    void TearDown() override {
-        kvstore_close(&db_, nullptr);
-        unlink(name_.c_str());
-        rmdir(folder_.c_str());
-    }
+    void TearDown() override { kvstore_close(&db_, nullptr); }
     int open(int mode = kvstore_create) { return kvstore_open(&db_, name_.c_str(), mode, &err_); }
     int put(std::string_view key, const std::string& value) {
         return kvstore_put(&db_, key, value.data(), value.size(), &err_);
@@ -36,16 +25,11 @@ class Store : public testing::Test {
         const int64_t n = kvstore_get(&db_, key, value.data(), &len, &err_);
         return n < 0 ? "<error>" : value.substr(0, static_cast<size_t>(n));
     }
-    std::string bytes() const {
-        std::ifstream file(name_, std::ios::binary);
-        std::stringstream all;
-        all << file.rdbuf();
-        return all.str();
-    }
-    void write(const std::string& content) const { std::ofstream(name_, std::ios::binary) << content; }
+    std::string bytes() const { return dir_.read("FT1.sts"); }
+    void write(const std::string& content) const { dir_.write("FT1.sts", content); }
 
-    std::string folder_;
-    std::string name_;
+    scratch dir_;
+    const std::string name_ = dir_.at("FT1.sts");
     kvstore db_;
     qx7_error err_;
 };
@@ -105,7 +89,7 @@ TEST_F(Store, RefusesWhatDoesNotFit) {
     EXPECT_EQ(kvstore_get(&db_, "k", small, &len, &err_), -1);
     EXPECT_EQ(err_.qx_errno, ERANGE);
     kvstore_close(&db_, nullptr);
-    const std::string second = folder_ + "/second";
+    const std::string second = dir_.at("second");
     ASSERT_EQ(link(name_.c_str(), second.c_str()), 0);
     EXPECT_EQ(open(), -1) << "a file with two names";
     unlink(second.c_str());

@@ -15,7 +15,7 @@ struct scratch {
     std::string path;
 
     scratch() {
-        char name[] = "/tmp/qx_base_XXXXXX";
+        char name[] = "/tmp/qx_test_XXXXXX";
         path = mkdtemp(name);
     }
     scratch(const scratch&) = delete;
