@@ -83,10 +83,10 @@ void passContexts(CompressFile& cf, unsigned which, const uint8_t* p, unsigned c
     ContextTable& context = cf.context[which];
     const Predictions& ahead = *cf.predictions;
     ahead.form.contexts(context.rule, p, count, ahead.position, index, fresh);
-    std::fill_n(index + count, slots_ahead, 0U);
     auto* const table = context.memory.as<uint32_t>();
     const auto indexed = [&](unsigned i) { return index[i]; };
     if (context.memory.size() > near_table) {
+        std::fill_n(index + count, slots_ahead, 0U);
         enterPlaces<true>(table, fresh, count, distance, indexed);
     } else {
         enterPlaces<false>(table, fresh, count, distance, indexed);

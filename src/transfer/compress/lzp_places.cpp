@@ -1,15 +1,12 @@
 #include "transfer/compress/lzp_places.h"
 
-#include "transfer/compress/format.h"
-
 #if defined(__x86_64__)
 #include <immintrin.h>
 #endif
 
 namespace {
 
-// A sender's tables are smaller than the contexts are many: the upper bits of the multiplied context are the
-// index.
+// Position, rest of the context that the index leaves out, check of the two bytes there.
 uint32_t slotContent(const PlaceRule& rule, const uint8_t* p, uint32_t spread, uint32_t position) {
     const uint32_t rest = spread & ((1U << rule.restBits) - 1);
     return (placeCheck(p) << rule.restBits | rest) << rule.positionBits | position;
