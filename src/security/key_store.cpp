@@ -305,6 +305,26 @@ void getKeyHash(const key_manager& keys, std::string_view name, uint8_t hash[16]
     }
 }
 
+std::string key_fingerprint(const uint8_t key[gss_key_size]) {
+    constexpr std::string_view purpose = "QX7 key fingerprint";
+    constexpr size_t group = 4;  // hex digits
+    uint8_t digest[16];
+    GetKeyValue({reinterpret_cast<const uint8_t*>(purpose.data()), purpose.size()}, {key, gss_key_size},
+                digest, sizeof digest);
+    char digits[2 * sizeof digest];
+    bin2hex(digest, sizeof digest, digits);
+    std::string text;
+    for (size_t at = 0; at < sizeof digits; at += group) {
+        text.append(at == 0 ? "" : "-").append(digits + at, group);
+    }
+    return text;
+}
+
+std::string key_fingerprint(const key_manager& keys, std::string_view name) {
+    qx_secret<gss_key_size> key;
+    return get_transfer_key(keys, name, key.data()) == KM_OK ? key_fingerprint(key.data()) : std::string();
+}
+
 // ---- derivation
 // -----------------------------------------------------------------------------------------------------
 

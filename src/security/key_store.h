@@ -115,6 +115,12 @@ int get_transfer_key(const key_manager& keys, std::string_view name, uint8_t key
 int set_transfer_key(key_manager* keys, std::string_view name, const uint8_t key[gss_key_size]);
 // MD5 over the transfer key of `name`; 16 zero bytes when there is none.
 void getKeyHash(const key_manager& keys, std::string_view name, uint8_t hash[16]);
+// What two persons compare to know that agent and server hold the same key: eight groups of four hex digits.
+// It is another digest than the one on the visit card, is slow to compute, and does not lead back to the key,
+// so it may stand in a log.
+std::string key_fingerprint(const uint8_t key[gss_key_size]);
+// The same of the stored transfer key of `name`; empty when there is none that can be read.
+std::string key_fingerprint(const key_manager& keys, std::string_view name);
 
 // ---- derivation
 // ------------------------------------------------------------------------------------------------

@@ -68,6 +68,7 @@ TEST_F(store_test, a_transfer_key_is_kept_enciphered_and_read_only) {
     bytes hash(16, 9);
     getKeyHash(keys, "AGENT1", hash.data());
     EXPECT_EQ(bytes(16), hash);
+    EXPECT_EQ("", key_fingerprint(keys, "AGENT1"));
 
     ASSERT_EQ(KM_OK, set_transfer_key(&keys, "AGENT1", key.data()));
     EXPECT_EQ(0400u, mode());
@@ -83,6 +84,8 @@ TEST_F(store_test, a_transfer_key_is_kept_enciphered_and_read_only) {
     EXPECT_EQ(key, got);
     getKeyHash(keys, "AGENT1", hash.data());
     EXPECT_EQ(peer_md5(key), hash);
+    // As another program computes it: 512 rounds of MD5 over the purpose and the key.
+    EXPECT_EQ("F4DE-64AE-3C03-EECA-C196-F9C0-A82F-2930", key_fingerprint(keys, "agent1"));
 
     const bytes newer = counting(32, 50);
     ASSERT_EQ(KM_OK, set_transfer_key(&keys, "AGENT1", newer.data()));
