@@ -1,4 +1,6 @@
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -242,6 +244,33 @@ TEST_F(ccm_test, a_large_message_goes_on_where_the_socket_stopped) {
     ASSERT_EQ(received->len, size);
     EXPECT_TRUE(std::equal(expected.begin(), expected.end(), received->msg_start));
     free(received);
+}
+
+// The rest of a frame behind its first piece must not wait for an acknowledgement, which the receiver delays by
+// 40 ms: 30 such frames, each answered before the next one is sent, would take more than a second.
+TEST_F(ccm_test, frames_of_several_pieces_come_without_delay) {
+    int id = 0;
+    start();
+    partner far = open_channel(CH_TYPE_AGENT, "x", &id);
+    const int64_t begin = alarm_now_ms();
+    for (int i = 0; i < 30; ++i) {
+        const int off = 0;  // the receiver is to delay its acknowledgements from the first frame on
+        ASSERT_EQ(setsockopt(far.fd, IPPROTO_TCP, TCP_QUICKACK, &off, sizeof off), 0);
+        ccm_error_t error;
+        const int size = ccm_write_piece + 200 * i;  // beside the head: the second piece is always short
+        ccm_msg_t* msg = ccm_msg_alloc_huge(ccm, size + static_cast<int>(frame_header_size), &error);
+        ASSERT_NE(msg, nullptr);
+        msg->len = size;
+        memset(msg->msg_start, 'x', static_cast<size_t>(size));
+        ccm_setaddr(msg, id, 0, "", "", 0);
+        send_GSS_message(ccm, msg, "Q1");
+        ASSERT_EQ(far.frame().size(), static_cast<size_t>(size) + frame_header_size);
+        bytes answer = meld_frame();
+        memcpy(answer.data() + 21, "GSS", 3);
+        far.send(answer);
+        free(receive());
+    }
+    EXPECT_LT(alarm_now_ms() - begin, 600);
 }
 
 TEST_F(ccm_test, messages_for_a_channel_to_come_wait_in_order) {
