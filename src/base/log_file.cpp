@@ -164,14 +164,29 @@ void retry_open(_pzulogg* handle) {
     }
 }
 
-void Put_ErrMsg(_pzulogg* handle, int number, const std::string& inserts) {
+// Returns the line.
+std::string Put_ErrMsg(_pzulogg* handle, int number, const std::string& inserts) {
     char text[log_line_size];
     size_t stamp_length = 0;
     const std::string head = INT_Header(handle, &stamp_length);
     if (ZUHELP_Msg(handle->hlpHandle, number, -1, inserts.c_str(), sizeof text, text, nullptr) != 0) {
         snprintf(text, sizeof text, "U%.8d %.1000s", number, inserts.c_str());
     }
-    Put_MsgBuff(handle, head + text);
+    const std::string line = head + text;
+    Put_MsgBuff(handle, line);
+    return line;
+}
+
+// Whoever looks for the log finds nothing there, so the first error goes where a person or the service manager
+// sees it. That it cannot be written either changes nothing.
+void note_write_error(_pzulogg* handle) {
+    const bool first = handle->PutErrNum == 0;
+    handle->PutErrNum = handle->ErrNum;
+    const std::string line = Put_ErrMsg(handle, write_error_message,
+                                        std::string(handle->filename) + "|" + strerror(handle->ErrNum));
+    if (first) {
+        fprintf(stderr, "%s\n", line.c_str());
+    }
 }
 
 void write_to_file(_pzulogg* handle, const std::string& line) {
@@ -186,9 +201,7 @@ void write_to_file(_pzulogg* handle, const std::string& line) {
         handle->ErrNum = errno;
         clearerr(handle->fcb);
         if (handle->ErrNum != handle->PutErrNum) {
-            handle->PutErrNum = handle->ErrNum;
-            Put_ErrMsg(handle, write_error_message,
-                       std::string(handle->filename) + "|" + strerror(handle->ErrNum));
+            note_write_error(handle);
         }
         return;
     }
@@ -269,7 +282,14 @@ int log_reopen(PZULOGG handle, const char* filename) {
         return -1;
     }
     copy_text(handle->filename, filename);
-    return open_file(handle);
+    if (open_file(handle) == 0) {
+        return 0;
+    }
+    const int number = errno;
+    fprintf(stderr, "log file '%s' cannot be opened: %s; lines are kept in memory until it can\n", filename,
+            strerror(number));
+    errno = number;
+    return -1;
 }
 
 int log_close_file(PZULOGG handle) {

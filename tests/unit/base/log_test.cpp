@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 
 #include <csignal>
+#include <algorithm>
 #include <cstring>
 #include <thread>
 
@@ -190,12 +191,16 @@ TEST_F(LogTest, AnAgentWithoutItsFileGoesOnAndSaysSo) {
     LogText("kept in memory", -1);
     EXPECT_EQ(ZULOGG_NrMsg(pcx->logHnd), 1);
 
-    // A full device: told once, and once more when it works again.
+    // A full device: told once, on standard error too, and once more when it works again.
     strcpy(pcx->logFile, "/dev/full");
     ASSERT_EQ(OpenLogFile(pcx), 0);
     ZULOGG_FreeMsg(pcx->logHnd);
+    testing::internal::CaptureStderr();
     LogText("a", -1);
     LogText("b", -1);
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(said.find("U02003031 log '/dev/full' failed: "), 22u) << said;
+    EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
     strcpy(pcx->logFile, dir.at("log").c_str());
     ASSERT_EQ(OpenLogFile(pcx), 0);
     LogText("c", -1);
