@@ -15,6 +15,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/context.h"
 #include "base/descriptor.h"
 #include "base/text.h"
 #include "base/time.h"
@@ -30,7 +31,6 @@ constexpr int exit_ok = 0;
 constexpr int exit_usage = 1;
 constexpr int exit_unreachable = 2;
 
-constexpr char version_text[] = "12.2.0+build.2108";
 constexpr char version_number[] = "12.2.0";
 constexpr char job_module[] = "JPAKTJ_R";
 constexpr int64_t time_limit_ms = 30000;
@@ -48,6 +48,7 @@ constexpr char help_text[] =
     "  --run N         run number of the job\n"
     "  --client N      client of the job (0)\n"
     "  --agent NAME    name of the agent, for messages\n"
+    "  --version       shows the version and does nothing else\n"
     "\n"
     "Commands:\n"
     "  start                              the job starts\n"
@@ -318,7 +319,7 @@ template <class Record>
 void fill_common(const request& order, char status, Record* record) {
     record->jobNr = order.run;
     record->status = status;
-    put_text(record->md_version, version_text);
+    put_text(record->md_version, qx_version);
     record->mdMajor = 12;
     record->mdMinor = 2;
     record->mdPatch = 0;
@@ -549,6 +550,10 @@ int tell_agent(const request& order, const std::vector<unsigned char>& frame) {
 int main(int argc, char** argv) {
     if (wants_help(argc, argv)) {
         fputs(help_text, stdout);
+        return exit_ok;
+    }
+    if (argc == 2 && strcmp(argv[1], "--version") == 0) {
+        printf("qxxjlnxm %s\n", qx_version);
         return exit_ok;
     }
     request order;

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/context.h"
 #include "qxpack.h"
 
 namespace {
@@ -37,7 +38,8 @@ constexpr const char* help =
     "                 lzpBufferSize, zlibLevel, strongBuf, lzmixBits, lzmixLevel\n"
     "  -o FILE        write there; \"-\" is standard output\n"
     "  -f, --force    replace output files that exist\n"
-    "  --help         this text\n";
+    "  --help         this text\n"
+    "  --version      the version\n";
 
 // Output file in the making, removed when the command is interrupted.
 char unfinished[PATH_MAX];
@@ -354,6 +356,10 @@ int main(int argc, char** argv) {
     for (const std::string& word : words) {
         if (word == "--help" || word == "-h") {
             fputs(help, stdout);
+            return 0;
+        }
+        if (word == "--version") {
+            printf("qxpack %s\n", qx_version);
             return 0;
         }
     }

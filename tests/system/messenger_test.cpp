@@ -54,6 +54,7 @@ TEST(messenger, tells_wrong_use_in_one_line) {
     const messenger_call help = call({"--help"});
     EXPECT_EQ(help.code, 0);
     EXPECT_NE(help.output.find("--retcode"), std::string::npos);
+    EXPECT_EQ(call({"--version"}).output, "qxxjlnxm 12.2.0+build.2108\n");
 }
 
 TEST(messenger, writes_its_lines_also_when_the_agent_is_not_there) {

@@ -41,6 +41,11 @@ TEST_F(Command, SizeOfNothingIsKnown) {
     EXPECT_EQ(shell("cat /proc/version | cmp -s - '" + dir_.path + "/version'"), 0);
 }
 
+TEST_F(Command, TellsItsVersion) {
+    ASSERT_EQ(qxpack("--version >told"), 0);
+    EXPECT_EQ(dir_.read("told"), "qxpack 12.2.0+build.2108\n");
+}
+
 TEST_F(Command, WrongInputLeavesOneLineAndNoFile) {
     const char* const wrong[] = {
         "",           "00",
