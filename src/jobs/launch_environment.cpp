@@ -83,6 +83,18 @@ void fill_pointers(std::vector<std::string>* texts, std::vector<char*>* pointers
     pointers->push_back(nullptr);
 }
 
+std::string quoted(const std::string& text) {
+    std::string result = "'";
+    for (char c : text) {
+        if (c == '\'') {
+            result.append("'\\''");
+        } else {
+            result.push_back(c);
+        }
+    }
+    return result + "'";
+}
+
 }  // namespace
 
 std::vector<std::string> launch_environment(char* const* from, const my_passwd_unlimited& passwd,
@@ -126,7 +138,7 @@ void launch_prepare_arguments(JOB_START_VAR* startVar) {
         startVar->arguments.push_back(option);
     }
     startVar->arguments.push_back(command ? startVar->jobFile
-                                          : launch_file_argument(startVar->jobFile, option));
+                                          : launch_file_argument(startVar->jobFile, startVar->sh, option));
     fill_pointers(&startVar->arguments, &startVar->argument_pointers);
 }
 
@@ -140,19 +152,14 @@ std::string launch_command_option(std::string option) {
     return option;
 }
 
-std::string launch_file_argument(const std::string& jobFile, const std::string& option) {
-    if (option.find('c') == std::string::npos || launch_plain_word(jobFile)) {
+std::string launch_file_argument(const std::string& jobFile, std::string_view sh, const std::string& option) {
+    if (option.find('c') == std::string::npos) {
         return jobFile;
     }
-    std::string quoted = "'";
-    for (char c : jobFile) {
-        if (c == '\'') {
-            quoted.append("'\\''");
-        } else {
-            quoted.push_back(c);
-        }
-    }
-    return quoted + "'";
+    // Without exec some shells stay beside the script and die of a signal that the script survives. An
+    // interpreter whose -c means something else gets the name alone.
+    const std::string command = sh.ends_with("sh") ? "exec " : "";
+    return command + (launch_plain_word(jobFile) ? jobFile : quoted(jobFile));
 }
 
 void Put_PInfo(const my_passwd_unlimited& passwd, const char* traceHead, char* const* envp) {

@@ -60,8 +60,9 @@ std::vector<std::string> launch_environment(char* const* from, const my_passwd_u
                                             const std::string& path_sh);
 // The option of a command: it must hold a 'c'.
 std::string launch_command_option(std::string option);
-// The job file's name as the shell's argument: quoted where the shell would read more than a name.
-std::string launch_file_argument(const std::string& jobFile, const std::string& option);
+// The job file as the argument of shell `sh`. With a 'c' in the option it is a command: exec, so that the shell
+// becomes the script, and the name, quoted where the shell would read more than a name.
+std::string launch_file_argument(const std::string& jobFile, std::string_view sh, const std::string& option);
 // One message as a line of text without the message library. `texts` were loaded before the fork.
 std::string launch_message_line(int number, std::string_view inserts);
 void launch_load_texts_once(EX_PCX* pcx);

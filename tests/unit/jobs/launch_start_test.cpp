@@ -109,6 +109,19 @@ TEST_F(Launch, AJobLeadsItsOwnGroupAndIsKnownAsAChild) {
     EXPECT_EQ(WTERMSIG(finish()), SIGKILL);
 }
 
+// A cancel's signal would end a shell that stays beside its script, while the script runs on.
+TEST_F(Launch, TheShellBecomesTheScript) {
+    script = "trap 'echo cleaned; exit 6' TERM\r\necho $$\r\nwhile :; do sleep 0.01; done";
+    ASSERT_EQ(start(), LAUNCH_STARTED);
+    while (read_text(report).empty()) {
+        usleep(1000);
+    }
+    kill(-static_cast<pid_t>(pid), SIGTERM);
+    EXPECT_EQ(finish(), 6 << 8);
+    EXPECT_TRUE(read_text(report).starts_with(std::to_string(pid) + "\n"));
+    EXPECT_TRUE(read_text(report).ends_with("cleaned\n"));
+}
+
 TEST_F(Launch, NothingOfTheAgentReachesTheJob) {
     const int left_open = open("/etc/passwd", O_RDONLY);  // without close-on-exec
     ASSERT_GE(left_open, 3);

@@ -153,11 +153,12 @@ TEST(LaunchArguments, OptionsAndQuoting) {
     EXPECT_EQ(launch_command_option(""), "-c");
     EXPECT_EQ(launch_command_option("-x"), "-xc");
     EXPECT_EQ(launch_command_option("-xc"), "-xc");
-    EXPECT_EQ(launch_file_argument("/tmp/J_1.txt", "-c"), "/tmp/J_1.txt");
-    EXPECT_EQ(launch_file_argument("/tmp/a b", "-c"), "'/tmp/a b'");
-    EXPECT_EQ(launch_file_argument("/tmp/a'$(id)", "-xc"), "'/tmp/a'\\''$(id)'");
-    EXPECT_EQ(launch_file_argument("/tmp/a b", ""), "/tmp/a b") << "the shell takes it as a file";
-    EXPECT_EQ(launch_file_argument("/tmp/a b", "-x"), "/tmp/a b");
+    EXPECT_EQ(launch_file_argument("/tmp/J_1.txt", "sh", "-c"), "exec /tmp/J_1.txt");
+    EXPECT_EQ(launch_file_argument("/tmp/a b", "-tcsh", "-c"), "exec '/tmp/a b'");
+    EXPECT_EQ(launch_file_argument("/tmp/a'$(id)", "bash", "-xc"), "exec '/tmp/a'\\''$(id)'");
+    EXPECT_EQ(launch_file_argument("/tmp/a b", "sh", ""), "/tmp/a b") << "the shell takes it as a file";
+    EXPECT_EQ(launch_file_argument("/tmp/a b", "sh", "-x"), "/tmp/a b");
+    EXPECT_EQ(launch_file_argument("/tmp/a.pl", "perl", "-c"), "/tmp/a.pl") << "no command there";
 }
 
 TEST(LaunchBatch, KeysAreReplacedInOnePass) {
