@@ -12,6 +12,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "agent/settings_check.h"
 #include "base/context.h"
 #include "base/locks.h"
 #include "base/paths.h"
@@ -51,6 +52,11 @@ int read_count(EX_PCX* pcx, const char* section, const char* key, const char* pr
 short read_short(EX_PCX* pcx, const char* section, const char* key, const char* preset) {
     const int value = read_count(pcx, section, key, preset);
     return static_cast<short>(value > SHRT_MAX ? SHRT_MAX : value);
+}
+
+char read_small(EX_PCX* pcx, const char* section, const char* key, const char* preset) {
+    const int value = read_count(pcx, section, key, preset);
+    return static_cast<char>(value > SCHAR_MAX ? SCHAR_MAX : value);
 }
 
 char read_switch(EX_PCX* pcx, const char* section, const char* key, const char* preset) {
@@ -113,7 +119,7 @@ void read_file_and_process_switches(EX_PCX* pcx) {
     pcx->pcx_EndDelimiter = read_switch(pcx, "MISC", "FileEndDelimiter", "no");
     pcx->pcx_ProcInfo = read_switch(pcx, "MISC", "ProcessInfo", "yes");
     pcx->pcx_FileRemove = read_switch(pcx, "MISC", "FileRemoveCheck", "yes");
-    pcx->pcx_InfoMsg = static_cast<char>(read_int(pcx, "MISC", "InfoMsg", "0"));
+    pcx->pcx_InfoMsg = read_small(pcx, "MISC", "InfoMsg", "0");
     pcx->logThreadFlag = read_switch(pcx, "TRACE", "log_thread_id", "no");
     pcx->trcThreadFlag = pcx->logThreadFlag;
     pcx->pcx_evntVers = static_cast<short>(ReadEventVersion(pcx));
@@ -124,12 +130,12 @@ void read_file_and_process_switches(EX_PCX* pcx) {
 
 void read_connection_switches(EX_PCX* pcx) {
     const setting_text thread = read_text(pcx, "TCP/IP", "send_thread", "FT");
-    pcx->pcx_tcpSendThread = equal_ignore_case(thread.text, "IO") ? SEND_THREAD_IO : SEND_THREAD_FT;
+    pcx->pcx_tcpSendThread = equal_ignore_case(strip(thread.text), "IO") ? SEND_THREAD_IO : SEND_THREAD_FT;
     pcx->pcx_nagle = read_switch(pcx, "TCP/IP", "tcp_nodelay", "yes");
     pcx->pcx_KeepAlive = read_switch(pcx, "TCP/IP", "tcp_keepalive", "yes");
     pcx->pcx_KeepAliveTime = read_count(pcx, "TCP/IP", "tcp_keepalive_time", "0");
-    pcx->pcx_MNRdark = static_cast<char>(read_int(pcx, "TRACE", "MNRdark", "0"));
-    pcx->pcx_Chiffre = static_cast<char>(read_int(pcx, "TCP/IP", "chiffre", "1"));
+    pcx->pcx_MNRdark = read_small(pcx, "TRACE", "MNRdark", "0");
+    pcx->pcx_Chiffre = read_small(pcx, "TCP/IP", "chiffre", "1");
     if (pcx->pcx_Chiffre == 1) {
         pcx->Chiffre_key = static_cast<uint32_t>(pcx->UB_Time.load());
     }
@@ -225,7 +231,7 @@ int GetGroupsForAgent(EX_PCX* pcx) {
 }
 
 int ReadLoginCheck(EX_PCX* pcx) {
-    return pcx->getProfileBool(pcx, "GLOBAL", "login_check", "no") ? 1 : 0;
+    return settings_protecting_switch(pcx, "GLOBAL", "login_check", true) ? 1 : 0;
 }
 
 int ReadEventVersion(EX_PCX* pcx) {

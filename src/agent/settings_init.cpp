@@ -11,6 +11,7 @@
 
 #include "agent/message_error.h"
 #include "agent/settings.h"
+#include "agent/settings_check.h"
 #include "agent/shell_sources.h"
 #include "agent/system_variables.h"
 #include "agent/unbuilt_modules.h"
@@ -71,7 +72,7 @@ void read_program(EX_PCX* pcx, const char* program_path) {
     if (memory[0] != '0') {
         pcx->trc_flag |= TRC_SETTING_MEMORY;
     }
-    pcx->trc_max_size = pcx->getProfileInt(pcx, "TRACE", "MaxTraceSize", "128");
+    pcx->trc_max_size = std::max(pcx->getProfileInt(pcx, "TRACE", "MaxTraceSize", "128"), 0);
 }
 
 void split_program(EX_PCX* pcx) {
@@ -148,7 +149,7 @@ short read_short(EX_PCX* pcx, const char* section, const char* key, const char* 
 }
 
 void read_intervals(EX_PCX* pcx) {
-    pcx->trc_count = pcx->getProfileInt(pcx, "TRACE", "trccount", "3");
+    pcx->trc_count = read_short(pcx, "TRACE", "trccount", "3");
     pcx->ftx_restart_intervall = read_short(pcx, "FILETRANSFER", "ftx_restart_intervall", "5");
     pcx->ftx_sta_intervall = read_short(pcx, "FILETRANSFER", "ftx_status_intervall", "5");
     pcx->ftx_report_intervall = read_short(pcx, "FILETRANSFER", "ftx_report_intervall", "5");
@@ -418,7 +419,7 @@ void read_rest(EX_PCX* pcx) {
     const bool check = pcx->getProfileBool(pcx, "GLOBAL", "acl_check", "yes");
     pcx->pcx_AccCheck = check ? ACCESS_CHECK_ON : ACCESS_CHECK_OFF;
     pcx->pcx_Auth = AUTH_LOCAL;
-    pcx->pcx_msgProcessing = pcx->getProfileInt(pcx, "GLOBAL", "logMsgProcessing", "10");
+    pcx->pcx_msgProcessing = std::max(pcx->getProfileInt(pcx, "GLOBAL", "logMsgProcessing", "10"), 0);
     const int seconds = pcx->getProfileInt(pcx, "TCP/IP", "connwait", "20");
     pcx->connwait = seconds < 1 ? 1 : seconds;
 }
@@ -432,6 +433,10 @@ int run_steps(EX_PCX* pcx, const char* program_path, qx7_error* error, bool* no_
     read_languages(pcx);
     read_intervals(pcx);
     if (open_trace(pcx, error, no_handle) != 0 || open_log(pcx, error) != 0) {
+        return -1;
+    }
+    reading("", "");
+    if (settings_log_faults(pcx, error) != 0) {
         return -1;
     }
     const int timeout = pcx->getProfileInt(pcx, "GLOBAL", "job_timeout", "18000");
@@ -465,6 +470,7 @@ EX_PCX* PcxInit(const char* ini, const char* program_path, qx7_error* error) {
     if (pcx == nullptr || error->qx_msgnr != 0) {
         return pcx;
     }
+    settings_tell_faults(pcx, stderr);
     bool no_trace_handle = false;
     run_steps(pcx, program_path, error, &no_trace_handle);
     return no_trace_handle ? nullptr : pcx;

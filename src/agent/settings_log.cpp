@@ -3,6 +3,7 @@
 #include <cstring>
 #include <string>
 
+#include "agent/setting_table.h"
 #include "agent/settings.h"
 #include "agent/system_variables.h"
 #include "base/context.h"
@@ -14,19 +15,16 @@
 
 namespace {
 
-bool is_secret(std::string_view key) {
-    const std::string name = lower(key);
-    return name.find("password") != std::string::npos || name.find("companykey") != std::string::npos;
-}
-
-void log_ini_line(const char* line) {
-    const char* equals = strchr(line, '=');
-    const std::string_view key(line, equals == nullptr ? 0 : static_cast<size_t>(equals - line));
-    if (equals != nullptr && is_secret(key)) {
-        __PutLogText("    %.*s=***", static_cast<int>(key.size()), key.data());
-    } else {
+// As the console shows it, and besides what nearly has the name of a secret.
+void log_ini_line(std::string* section, std::string_view line) {
+    const size_t equals = line.find('=');
+    if (equals == std::string_view::npos) {
+        *section = line.size() > 2 && line.front() == '[' ? line.substr(1, line.rfind(']') - 1) : *section;
         __PutLogText("    %s", printable(line).c_str());
+        return;
     }
+    const std::string shown = clean_setting_line(*section, line.substr(0, equals), line.substr(equals + 1));
+    __PutLogText("    %s", printable(shown).c_str());
 }
 
 }  // namespace
@@ -38,8 +36,9 @@ void LOG_IniFile(EX_PCX* pcx) {
     }
     __PutLogText("INI file '%s'", pcx->IniFile);
     char line[ini_record_size];
+    std::string section;
     while (GetProfZeile(file.get(), line, sizeof line) >= 0) {
-        log_ini_line(line);
+        log_ini_line(&section, line);
     }
 }
 

@@ -6,6 +6,7 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <new>
@@ -108,7 +109,7 @@ int Var_Open(EX_PCX* pcx, qx7_error* error) {
     var->availCPU = configured < 1 ? var->activeCPU : static_cast<int>(configured);
     var->LogCpuPerProc = 1;
     read_address(var);
-    pcx->OpenFileMax = pcx->getProfileInt(pcx, "GLOBAL", "open_file_max", "32768");
+    pcx->OpenFileMax = std::max(pcx->getProfileInt(pcx, "GLOBAL", "open_file_max", "32768"), 0);
     pcx->getProfileString(pcx, "VARIABLES", "QX_HOST_CODE", "", var->QxHostCode, sizeof var->QxHostCode);
     pcx->getProfileString(pcx, "VARIABLES", "QX_HOST_JCL_VAR", "", var->QxHostJclVar,
                           sizeof var->QxHostJclVar);

@@ -102,6 +102,33 @@ bool read_profile(const char* file, std::string_view section, std::string_view k
     return read_key(stream.get(), key, value) && !value->empty();
 }
 
+// At most the line end is left: the line is whole.
+bool line_goes_on(FILE* stream) {
+    const int c = getc(stream);
+    if (c != EOF && c != '\n') {
+        ungetc(c, stream);
+    }
+    return c != EOF && c != '\n';
+}
+
+// Moves the line from its first character on to the front; the length that is left.
+int without_blanks_in_key(char* buffer, const char* from) {
+    char* to = buffer;
+    while (*from != '\0' && *from != '=') {
+        if (*from != ' ') {
+            *to++ = *from;
+        }
+        ++from;
+    }
+    if (*from == '=') {
+        *to++ = *from++;
+        from += strspn(from, " ");
+    }
+    const size_t rest = strlen(from);
+    memmove(to, from, rest + 1);
+    return static_cast<int>(to - buffer + static_cast<ptrdiff_t>(rest));
+}
+
 std::string_view view_of(const char* text) {
     return text == nullptr ? std::string_view() : text;
 }
@@ -336,33 +363,29 @@ int ReadProfZeile(FILE* stream, char* buffer, int size) {
     return any ? length : read_end_of_file;
 }
 
-int GetProfZeile(FILE* stream, char* buffer, int size) {
+int profile_read_line(FILE* stream, char* buffer, int size, int* line, bool* cut) {
     for (;;) {
-        if (ReadProfZeile(stream, buffer, size) == read_end_of_file) {
+        const bool begins = !*cut;
+        const int read = ReadProfZeile(stream, buffer, size);
+        if (read == read_end_of_file) {
             return read_end_of_file;
         }
+        *line += begins ? 1 : 0;
+        *cut = read == size - 1 && line_goes_on(stream);
         const char* from = buffer + strspn(buffer, " ");
-        if (*from == '\0' || is_comment(*from)) {
-            continue;
+        if (*from != '\0' && !is_comment(*from)) {
+            return without_blanks_in_key(buffer, from);
         }
-        char* to = buffer;
-        while (*from != '\0' && *from != '=') {
-            if (*from != ' ') {
-                *to++ = *from;
-            }
-            ++from;
-        }
-        if (*from == '=') {
-            *to++ = *from++;
-            from += strspn(from, " ");
-        }
-        const size_t rest = strlen(from);
-        memmove(to, from, rest + 1);
-        return static_cast<int>(to - buffer + static_cast<ptrdiff_t>(rest));
     }
 }
 
-void (*profile_read_watch)(const char* section, const char* key) = nullptr;
+int GetProfZeile(FILE* stream, char* buffer, int size) {
+    int line = 0;
+    bool cut = false;
+    return profile_read_line(stream, buffer, size, &line, &cut);
+}
+
+void (*profile_read_watch)(const char* section, const char* key, const char* preset) = nullptr;
 
 const char* GetProfileString(const char* file, const char* section, const char* key, const char* preset) {
     static thread_local std::string shared;
@@ -380,7 +403,7 @@ int GetPrvProfileString(const char* section, const char* key, const char* preset
         return 0;
     }
     if (profile_read_watch != nullptr) {
-        profile_read_watch(section, key);
+        profile_read_watch(section, key, preset);
     }
     std::string value;
     if (!read_profile(file, view_of(section), view_of(key), &value)) {

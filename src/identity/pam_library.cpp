@@ -127,8 +127,7 @@ int BindPamDll() {
     EX_PCX* pcx = GlbPcx;
     char method[32] = {};
     pcx->getProfileString(pcx, "MISC", "authentication", "local", method, sizeof method);
-    ToUpperStr(method);
-    pcx->pcx_Auth = strcmp(method, "PAM") == 0 ? AUTH_PAM : AUTH_LOCAL;
+    pcx->pcx_Auth = upper(strip(method)) == "PAM" ? AUTH_PAM : AUTH_LOCAL;
     if (pcx->pcx_Auth != AUTH_PAM) {
         return 0;
     }

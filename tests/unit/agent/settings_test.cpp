@@ -4,12 +4,14 @@
 #include <climits>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <regex>
 #include <set>
 
 #include "agent/listener.h"
 #include "agent/logon.h"
 #include "agent/server_connection.h"
+#include "agent/setting_table.h"
 #include "agent/signals.h"
 #include "agent_fixture.h"
 #include "base/profile.h"
@@ -203,14 +205,15 @@ TEST(settings, turns_signals_on_and_off) {
     EXPECT_EQ(bits & (SIGNAL_PENDING_CHILD | SIGNAL_PENDING_TERM), 0);
 }
 
-// ---- every setting stands on the page
+// ---- every setting stands in the table and on the page
 
-std::set<std::string> settings_read;
+// Section and key, and the presets that the readers pass.
+std::map<std::pair<std::string, std::string>, std::set<std::string>> settings_read;
 
-void watch(const char* section, const char* key) {
+void watch(const char* section, const char* key, const char* preset) {
     static const std::set<std::string> lists = {"CP_LIST", "USERID", "QX_USER"};
     if (key != nullptr && *key != '\0' && lists.count(section) == 0) {
-        settings_read.insert(std::string(section) + "/" + key);
+        settings_read[{section, key}].insert(preset == nullptr ? "" : preset);
     }
 }
 
@@ -227,12 +230,12 @@ void read_what_the_source_names() {
         }
         const std::string text = whole_file(entry.path());
         for (std::sregex_iterator at(text.begin(), text.end(), pair), end; at != end; ++at) {
-            watch((*at)[1].str().c_str(), (*at)[2].str().c_str());
+            watch((*at)[1].str().c_str(), (*at)[2].str().c_str(), "");
         }
     }
 }
 
-TEST(settings, are_all_on_the_page) {
+TEST(settings, are_all_in_the_table_and_on_the_page) {
     settings_read.clear();
     installed_agent agent;
     agent.sections +=
@@ -254,10 +257,27 @@ TEST(settings, are_all_on_the_page) {
     read_what_the_source_names();
 
     EXPECT_GT(settings_read.size(), 90u);
+    for (const auto& [setting, presets] : settings_read) {
+        const auto& [section, key] = setting;
+        const known_setting* row = find_setting(section, key);
+        ASSERT_TRUE(row != nullptr && row->key == key)
+            << section << "/" << key << " is read but setting_table.cpp has no row for it";
+        for (const std::string& preset : presets) {
+            EXPECT_TRUE(row->preset.empty() || preset.empty() || preset == row->preset)
+                << section << "/" << key << " is read with the default " << preset << ", the table says " << row->preset;
+        }
+    }
     const std::string page = whole_file(QX_SOURCE_DIR "/docs/configuration.md");
-    for (const std::string& setting : settings_read) {
-        EXPECT_NE(page.find("| `" + setting + "` |"), std::string::npos)
-            << setting << " is read but docs/configuration.md does not list it";
+    std::set<std::string> names;
+    for (const known_setting& row : all_settings()) {
+        const std::string name = std::string(row.section) + "/" + std::string(row.key);
+        names.insert(name);
+        EXPECT_TRUE(row.key == "*" || page.find("| `" + name + "` |") != std::string::npos)
+            << name << " is known but docs/configuration.md does not list it";
+    }
+    const std::regex cell(R"re(\n\| `([A-Z_/0-9]+/[^`]+)` \|)re");
+    for (std::sregex_iterator at(page.begin(), page.end(), cell), end; at != end; ++at) {
+        EXPECT_EQ(names.count((*at)[1].str()), 1u) << (*at)[1] << " stands on the page and is not known";
     }
 }
 
