@@ -44,6 +44,8 @@ enum pam_call_flag : int {
     PAM_DELETE_CRED = 0x0004,
     PAM_CHANGE_EXPIRED_AUTHTOK = 0x0020,
 };
+// The item that holds the function which waits after a failure.
+inline constexpr int PAM_FAIL_DELAY = 10;
 // Given to pam_end: the handle ends without touching what the session left, as tickets and credentials.
 inline constexpr int pam_data_silent = 0x40000000;
 inline constexpr char default_pam_library[] = "libpam.so";

@@ -9,6 +9,7 @@
 
 struct pam_handle {
     pam_conv conversation;
+    void (*delay)(int, unsigned, void*) = nullptr;
 };
 
 namespace {
@@ -72,6 +73,11 @@ int pam_authenticate(pam_handle_t* handle, int) {
         const gid_t groups[] = {4711, 4712};
         (void)!setgroups(2, groups);
     }
+    if (state.authenticate != 0 && handle->delay == nullptr) {
+        ++state.sleeps;
+    } else if (state.authenticate != 0) {
+        handle->delay(state.authenticate, 2000000, nullptr);
+    }
     return note("authenticate", state.authenticate);
 }
 
@@ -99,7 +105,10 @@ int pam_open_session(pam_handle_t*, int) {
     return note("open_session", state.open_session);
 }
 
-int pam_set_item(pam_handle_t*, int, const void*) {
+int pam_set_item(pam_handle_t* handle, int item, const void* value) {
+    if (item == PAM_FAIL_DELAY) {
+        handle->delay = reinterpret_cast<void (*)(int, unsigned, void*)>(const_cast<void*>(value));
+    }
     return 0;
 }
 

@@ -26,6 +26,7 @@ struct fake_pam_state {
     int conversation_result = -1;
     int end_status = -1;
     int open_handles = 0;
+    int sleeps = 0;  // delays of the library's own after a failure
     std::string service;
 };
 

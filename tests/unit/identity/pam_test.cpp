@@ -75,6 +75,7 @@ TEST_F(Pam, EachFailureEndsTheHandle) {
         EXPECT_EQ(calls(script->calls.end() - static_cast<long>(step.end.size()), script->calls.end()),
                   step.end);
         EXPECT_EQ(script->open_handles, 0);
+        EXPECT_EQ(script->sleeps, 0) << "a wrong password must not hold up everybody";
     }
     *script = {};
     script->styles = {PAM_PROMPT_ECHO_OFF};
