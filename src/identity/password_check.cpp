@@ -56,8 +56,31 @@ struct shadow_lock {
 
 enum class stored { found, missing };
 
+// Days of a shadow entry, since 1970; -1 where there is none.
+struct shadow_days {
+    long expires = -1;   // the account
+    long changed = -1;   // the password
+    long longest = -1;   // that a password is valid
+    long inactive = -1;  // that it is taken after that
+};
+
+constexpr char text_expired[] = "user account is expired!";
+constexpr char text_inactive[] = "user password is expired and inactive!";
+
+// Why an account may not be used on `today` whatever its password, or null.
+const char* out_of_use(const shadow_days& days, long today) {
+    if (days.expires >= 0 && today >= days.expires) {
+        return text_expired;
+    }
+    const bool limited = days.changed >= 0 && days.longest >= 0 && days.inactive >= 0;
+    if (limited && today - days.changed - days.longest > days.inactive) {
+        return text_inactive;
+    }
+    return nullptr;
+}
+
 // The hash of the shadow entry. missing: errno tells, ENOENT for no entry.
-stored shadow_hash(const char* user, qx_secret_text* hash) {
+stored shadow_hash(const char* user, qx_secret_text* hash, shadow_days* days = nullptr) {
     const shadow_lock lock;
     std::vector<char> buffer(4096);
     spwd record = {};
@@ -70,6 +93,9 @@ stored shadow_hash(const char* user, qx_secret_text* hash) {
     }
     const bool found = result == 0 && entry != nullptr;
     const bool copied = found && hash->assign(record.sp_pwdp == nullptr ? "" : record.sp_pwdp);
+    if (found && days != nullptr) {
+        *days = {record.sp_expire, record.sp_lstchg, record.sp_max, record.sp_inact};
+    }
     qx_wipe(buffer.data(), buffer.size());
     if (!found) {
         errno = result == 0 ? ENOENT : result;
@@ -114,9 +140,24 @@ bool user_exists(const char* user) {
     return GetPwdNameStruct(user, &record, nullptr);
 }
 
+// What a login would refuse after the password, the agent does under `hardened` alone.
+int check_in_use(const char* user, std::string* text) {
+    constexpr time_t day = 86400;
+    qx_secret_text hash;
+    shadow_days days;
+    if (!hardened() || shadow_hash(user, &hash, &days) == stored::missing) {
+        return PASSWORD_ACCEPTED;
+    }
+    const char* reason = out_of_use(days, static_cast<long>(time(nullptr) / day));
+    return reason == nullptr ? PASSWORD_ACCEPTED : answer(text, reason, PASSWORD_REFUSED);
+}
+
 int check_local(const char* user, const char* password, std::string* text) {
-    const int result = PwdCheckGetSpNam(user, password, text);
-    return result == PASSWORD_ERROR ? PwdCheckGetPwNam(user, password, text) : result;
+    int result = PwdCheckGetSpNam(user, password, text);
+    if (result == PASSWORD_ERROR) {
+        result = PwdCheckGetPwNam(user, password, text);
+    }
+    return result == PASSWORD_ACCEPTED ? check_in_use(user, text) : result;
 }
 
 }  // namespace

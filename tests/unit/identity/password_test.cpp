@@ -122,6 +122,42 @@ TEST(PasswordCheckAsRoot, EmptyPasswordsAndHardening) {
     }
 }
 
+TEST(PasswordCheckAsRoot, AnAccountOutOfUseIsRefusedUnderHardened) {
+    if (!runs_as_root()) {
+        return;
+    }
+    own_context context;
+    made_user user("qxexp", sha512_hash);
+    ASSERT_TRUE(user.made);
+    const long today = time(nullptr) / 86400;
+    const auto ago = [today](long days) { return std::to_string(today - days); };
+    const struct {
+        std::string options;
+        const char* text;  // under hardened
+    } rows[] = {
+        {"-E -1", "user password correct!"},
+        {"-E " + ago(-1), "user password correct!"},
+        {"-E " + ago(0), "user account is expired!"},
+        {"-E -1 -d " + ago(20) + " -M 10 -I 10", "user password correct!"},
+        {"-E -1 -d " + ago(21) + " -M 10 -I 10", "user password is expired and inactive!"},
+        {"-E -1 -d " + ago(21) + " -M 10 -I -1", "user password correct!"},
+        {"-E -1 -d " + ago(21) + " -M -1 -I 10", "user password correct!"},
+    };
+    const std::string field = build_password_field(7, plain);
+    for (const auto& row : rows) {
+        ASSERT_EQ(system(("chage " + row.options + " " + user.name).c_str()), 0) << row.options;
+        for (const int hardened : {0, 1}) {
+            context.pcx->pcx_hardened = static_cast<char>(hardened);
+            std::string text;
+            const bool right = hardened == 0 || std::string(row.text).ends_with("correct!");
+            EXPECT_EQ(PasswordCheck(1, 7, bytes_of(field), user.name.c_str(), &text, nullptr),
+                      right ? PASSWORD_ACCEPTED : PASSWORD_REFUSED)
+                << row.options;
+            EXPECT_EQ(text, hardened == 0 ? "user password correct!" : row.text) << row.options;
+        }
+    }
+}
+
 TEST(Accounts, OwnUserByNameAndByNumber) {
     own_context context;
     my_passwd_unlimited by_uid, by_name;
