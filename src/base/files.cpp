@@ -1,7 +1,9 @@
 #include "base/files.h"
 
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/resource.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -66,7 +68,7 @@ int require_regular(int fd) {
         return give_up(fd);
     }
     if (!S_ISREG(status.st_mode)) {
-        errno = EINVAL;
+        errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
         return give_up(fd);
     }
     return fd;
@@ -194,6 +196,24 @@ int FileClose(int fd) {
 
 int FileCreate(const char* path, mode_t mode) {
     return create_new_file(path, mode, static_cast<uid_t>(-1), static_cast<gid_t>(-1), nullptr);
+}
+
+bool is_kernel_file(int fd) {
+    // Of the magic numbers, not all of which every kernel's headers know.
+    static constexpr unsigned long kernels_own[] = {
+        PROC_SUPER_MAGIC, SYSFS_MAGIC,         DEBUGFS_MAGIC,  TRACEFS_MAGIC,  SECURITYFS_MAGIC,
+        CGROUP_SUPER_MAGIC, CGROUP2_SUPER_MAGIC, BPF_FS_MAGIC, SELINUX_MAGIC, PSTOREFS_MAGIC,
+        EFIVARFS_MAGIC,   BINFMTFS_MAGIC,      NSFS_MAGIC,     0x62656570 /* configfs */};
+    struct statfs status;
+    if (fstatfs(fd, &status) != 0) {
+        return true;
+    }
+    for (unsigned long magic : kernels_own) {
+        if (static_cast<unsigned long>(status.f_type) == magic) {
+            return true;
+        }
+    }
+    return false;
 }
 
 int FileRemoveAt(int directory, const char* name) {

@@ -121,8 +121,12 @@ int create_new_file(const char* path, mode_t mode, uid_t uid, gid_t gid, const c
 int create_new_file_at(int directory, const char* name, mode_t mode, uid_t uid, gid_t gid,
                        const char** failed_step);
 // Opens an existing regular file that is no link, without waiting and without becoming its terminal; `flags`
-// are O_RDONLY, O_WRONLY|O_APPEND and the like. EINVAL for what is no regular file, ELOOP for a link.
+// are O_RDONLY, O_WRONLY|O_APPEND and the like. EISDIR or EINVAL for what is no regular file, ELOOP for a link.
 int open_regular_at(int directory, const char* name, int flags);
+// True for a file of procfs, sysfs and their like, whose content the kernel makes up for the process that reads
+// it: the agent's own memory map is nothing that is read by order, whatever name leads there. True also when it
+// cannot be told.
+bool is_kernel_file(int fd);
 
 // ---- Opening and closing
 // ---------------------------------------------------------------------------------------

@@ -121,7 +121,11 @@ int checked(int fd, int flags) {
         return -1;
     }
     if (!S_ISREG(status.st_mode)) {
-        errno = EINVAL;
+        errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+        return -1;
+    }
+    if (is_kernel_file(fd)) {
+        errno = EACCES;
         return -1;
     }
     if ((flags & O_TRUNC) != 0 && ftruncate(fd, 0) != 0) {

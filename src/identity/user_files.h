@@ -4,7 +4,8 @@
 // the effective-user lock, borrow the identity, work, and give it back. Failures fill `error`: qx_errno the
 // errno, insert
 // "<function> error '<reason>'", or the message of the switch that failed. Descriptors are close-on-exec,
-// opened without waiting and not over /proc/<pid>/fd (ELOOP), and only if they are regular files (EINVAL).
+// opened without waiting and not over /proc/<pid>/fd (ELOOP), and only if they are regular files (EISDIR,
+// EINVAL) that the kernel did not make up (EACCES, see is_kernel_file).
 // Any thread.
 #pragma once
 
@@ -88,7 +89,8 @@ file_result make_file_for(const char* path, std::string_view content, mode_t mod
 
 // Opens a regular file for reading with the agent's rights on order of somebody who gave no login: where the
 // way is not trusted, the file must belong to the single stranger (else EACCES); where others may write into
-// its folder, it must have one name only (else EACCES). No link as last part. Descriptor or -1 with errno.
+// its folder, it must have one name only (else EACCES). No link as last part, and no file of the kernel's own
+// (EACCES). Descriptor or -1 with errno.
 // Takes the lock.
 int open_read_on_order(const char* path);
 // Removes a regular file or link with the agent's rights, by the folder that the walk found. Not trusted: the

@@ -267,7 +267,7 @@ int open_read_on_order(const char* path) {
     if (!file.valid() || fstat(file.get(), &status) != 0) {
         return -1;
     }
-    if (!is_strangers(way, status) || may_be_planted(way, status)) {
+    if (!is_strangers(way, status) || may_be_planted(way, status) || is_kernel_file(file.get())) {
         errno = EACCES;
         return -1;
     }

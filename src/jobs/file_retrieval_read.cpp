@@ -136,8 +136,10 @@ int open_text(GETF_PL* request, int fd) {
 int create_sendRecBuf(GETF_PL* request, qx7_error* error) {
     qx_descriptor file(Open_ReadEffUser(request->gf_sLoginInfo.c_str(), request->gf_sFileName.c_str(), error));
     if (!file.valid()) {
-        return error->qx_msgnr != 0 ? -1
-                                    : file_failure(request, error->qx_errno, error_text(error->qx_errno), error);
+        const int number = error->qx_errno;
+        return error->qx_msgnr != 0
+                   ? -1
+                   : file_failure(request, number, number == EINVAL ? "no regular file" : error_text(number), error);
     }
     request->gf_fileSize = getFileSize1(file.get());
     if (request->gf_fileSize < 0) {

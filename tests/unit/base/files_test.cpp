@@ -57,6 +57,8 @@ TEST(OpenRegular, TakesNothingElse) {
     EXPECT_EQ(errno, EINVAL);
     EXPECT_EQ(open_regular_at(AT_FDCWD, dir.at("link").c_str(), O_RDONLY), -1);
     EXPECT_EQ(errno, ELOOP);
+    EXPECT_EQ(open_regular_at(AT_FDCWD, dir.at("").c_str(), O_RDONLY), -1);
+    EXPECT_EQ(errno, EISDIR);
     EXPECT_EQ(open_regular_at(AT_FDCWD, dir.at("missing").c_str(), O_RDWR | O_CREAT), -1);
     EXPECT_FALSE(dir.exists("missing"));
     EXPECT_EQ(open_regular_at(AT_FDCWD, "/dev/null", O_RDONLY), -1);

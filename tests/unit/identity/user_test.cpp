@@ -136,6 +136,15 @@ TEST_F(UserFiles, SpecialFilesDoNotStopAnybody) {
     EXPECT_EQ(removeFile_EffUser(own(), pipe.c_str(), &error), -1);
     EXPECT_EQ(error.qx_errno, EPERM);
     EXPECT_STREQ(error.qx_msgInsert, "FileRemove() error 'Operation not permitted'");
+    EXPECT_EQ(Open_ReadEffUser(own(), folder.path.c_str(), &error), -1);
+    EXPECT_EQ(error.qx_errno, EISDIR);
+    // What the kernel tells whoever reads is the agent's memory map here, whatever leads there.
+    ASSERT_EQ(symlink("/proc/self/maps", (folder / "link").c_str()), 0);
+    for (const std::string& name : {folder / "link", std::string("/proc/self/maps"), std::string("/sys/kernel/uevent_seqnum")}) {
+        EXPECT_EQ(Open_ReadEffUser(own(), name.c_str(), &error), -1) << name;
+        EXPECT_EQ(error.qx_errno, EACCES) << name;
+    }
+    EXPECT_EQ(open_read_on_order("/proc/self/maps"), -1);
 }
 
 TEST_F(UserFiles, OpenWriteAppendReadRemove) {

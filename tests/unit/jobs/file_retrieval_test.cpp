@@ -231,10 +231,17 @@ TEST_F(file_retrieval_test, only_regular_files_are_read) {
     const std::string pipe = folder / "pipe";
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
     int key = 0;
-    for (const std::string& name : {pipe, "/dev/zero"s, folder.path, folder / "missing", ""s}) {
+    const std::pair<std::string, std::string> rows[] = {{pipe, "22 - no regular file"},
+                                                        {"/dev/zero", "22 - no regular file"},
+                                                        {folder.path, "21 - Is a directory"},
+                                                        {folder / "missing", "2 - No such file or directory"},
+                                                        {"/proc/self/maps", "13 - Permission denied"},
+                                                        {"", ""}};
+    for (const auto& [name, reason] : rows) {
         for (const char type : {'T', 'B'}) {
             const file_answer answer = open({.key = std::to_string(++key), .file = name, .type = type});
             EXPECT_EQ(answer.number, FILE_REQUEST_FAILED) << name;
+            EXPECT_NE(answer.insert.find(reason), std::string::npos) << name << " " << answer.insert;
         }
     }
     // Without a user the agent's own rights would count.
