@@ -407,6 +407,8 @@ void close_idle_reports(EX_PCX* pcx) {
     for (REP_Area* area = first_area(pcx); area != nullptr;) {
         REP_Area* next = area->pNext;
         if (now - area->last_use > report_idle_limit) {
+            __PutLogText("Report transfer %d of '%s': the server asked for nothing in %d hours.",
+                         area->iRepGet_ah_idnr, printable(area->cFile).c_str(), static_cast<int>(report_idle_limit / 3600));
             __log(REPORT_FAILED, "%u|", static_cast<unsigned>(area->iRepGet_ah_idnr));
             deleteReportEntry(pcx, area->iRepGet_ah_idnr);
         }
@@ -539,6 +541,9 @@ int process_repquit(EX_PCX* pcx, ccm_msg_t* msg, int) {
 }
 
 int process_repstop(EX_PCX* pcx, ccm_msg_t*, int) {
+    if (pcx->firstREP != nullptr) {
+        __PutLogText("The server ended all report transfers (REP_STOP).");
+    }
     deleteAllReportEntry(pcx);
     return 0;
 }

@@ -307,7 +307,10 @@ TEST_F(report_test, the_server_may_stop_and_ask_again) {
     EXPECT_EQ(getReportEntry(pcx, 9)->pNext, nullptr);
     MSG_TYPE_REP_STOP stop{};
     stop.header = head("REP_STOP", 1);
+    testing::internal::CaptureStdout();
     receive(process_repstop, &stop, sizeof stop);
+    EXPECT_NE(testing::internal::GetCapturedStdout().find("REP_STOP"), std::string::npos)
+        << "29002 points to a message before it";
     EXPECT_EQ(getReportEntry(pcx, 9), nullptr);
     EXPECT_TRUE(sent().empty());
 }
