@@ -4,9 +4,13 @@
 #include "base/code_tables.h"
 #include "base/context.h"
 #include "base/files.h"
+#include "base/locks.h"
 #include "base/log.h"
+#include "base/paths.h"
 #include "base/text.h"
+#include "identity/obstacles.h"
 #include "identity/user_files.h"
+#include "jobs/job_files.h"
 #include "jobs/launch_steps.h"
 
 namespace {
@@ -79,6 +83,42 @@ int file_failure(const step_names& names, const std::string& file, const file_re
     return -1;
 }
 
+file_result make_file(const std::string& file, std::string_view content, mode_t mode,
+                      const my_passwd_unlimited& user) {
+    return make_file_for(file.c_str(), content, mode, user.pw_name, user.pw_uid, user.pw_gid);
+}
+
+// A pipe or directory of somebody else's under the name of a job's file must not stop the job.
+int take_place_of_obstacle(const std::string& made, const std::string& file) {
+    effUser_guard lock;
+    file_way way;
+    if (walk_way(file.c_str(), &way) != 0) {
+        return -1;
+    }
+    if (!way.trusted) {
+        errno = EEXIST;
+        return -1;
+    }
+    return take_place(way.dir.get(), std::string(path_file_name(made)).c_str(), way.name.c_str(), file.c_str());
+}
+
+file_result make_file_anyhow(const std::string& file, std::string_view content, mode_t mode,
+                             const my_passwd_unlimited& user) {
+    file_result result = make_file(file, content, mode, user);
+    const bool taken = result.failed == FILE_STEP_CREATE && result.error_number == EEXIST;
+    if (!taken || GlbPcx == nullptr || !job_file_is_ours(GlbPcx, file)) {
+        return result;
+    }
+    const std::string made = std::string(path_folder_name(file)) + "/" + hidden_name();
+    result = make_file(made, content, mode, user);
+    if (result.failed == FILE_STEP_NONE && take_place_of_obstacle(made, file) != 0) {
+        result.failed = FILE_STEP_CREATE;
+        result.error_number = errno;
+        (void)remove_on_order(made.c_str());  // the first failure is the one to tell
+    }
+    return result;
+}
+
 void remove_file(const std::string& file) {
     if (remove_on_order(file.c_str()) != 0 && errno != ENOENT) {
         __log(file_message, "FileRemove|%s|%u|%s|", file.c_str(), static_cast<unsigned>(errno),
@@ -141,8 +181,7 @@ std::string launch_job_text(const JOB_START_VAR& startVar, std::string_view extr
 int CreateJobFile(JOB_START_VAR* startVar, std::string_view extraLine, mode_t mode,
                   const my_passwd_unlimited& passwd) {
     const std::string text = launch_job_text(*startVar, extraLine);
-    const file_result result =
-        make_file_for(startVar->jobFile.c_str(), text, mode, passwd.pw_name, passwd.pw_uid, passwd.pw_gid);
+    const file_result result = make_file_anyhow(startVar->jobFile, text, mode, passwd);
     if (result.failed == FILE_STEP_NONE) {
         return 0;
     }
@@ -157,8 +196,7 @@ int CreateJobFile(JOB_START_VAR* startVar, std::string_view extraLine, mode_t mo
 int CreateCmdFile(const std::string& name, std::string_view text, mode_t mode,
                   const my_passwd_unlimited& passwd, qx7_error* error) {
     qx_error_clear(error);
-    const file_result result =
-        make_file_for(name.c_str(), text, mode, passwd.pw_name, passwd.pw_uid, passwd.pw_gid);
+    const file_result result = make_file_anyhow(name, text, mode, passwd);
     return result.failed == FILE_STEP_NONE ? 0 : file_failure(job_file_steps, name, result, error);
 }
 
@@ -167,8 +205,7 @@ int launch_make_report(JOB_START_VAR* startVar, mode_t mode, const my_passwd_unl
     if (startVar->jobReport == launch_no_report) {
         return 0;
     }
-    const file_result result =
-        make_file_for(startVar->jobReport.c_str(), {}, mode, passwd.pw_name, passwd.pw_uid, passwd.pw_gid);
+    const file_result result = make_file_anyhow(startVar->jobReport, {}, mode, passwd);
     startVar->report_device = result.device;
     startVar->report_inode = result.inode;
     return result.failed == FILE_STEP_NONE ? 0

@@ -18,6 +18,7 @@
 #include "base/paths.h"
 #include "base/text.h"
 #include "identity/accounts.h"
+#include "identity/obstacles.h"
 #include "identity/user_files.h"
 #include "jobs/job_area.h"
 #include "jobs/job_table.h"
@@ -65,8 +66,34 @@ void log_directory(int number, const JP_AREA* job, const std::string& path) {
     __log(number, "%d:%.200s|%.500s", job->JP_Mandant, job->JP_oName, path.c_str());
 }
 
-// Makes the missing levels of `path` below the cache folder with the agent's rights. Each level that is there
-// must be the agent's own and no link: somebody else could lead the way elsewhere. The last one, or -1.
+// The folder `name` in `at`, made or found. The agent's own or root's and no link, for somebody else could lead
+// the way elsewhere; what else has the name is moved away. -1 with errno.
+int open_folder(int at, const std::string& name, const std::string& path, bool* created) {
+    constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    *created = mkdirat(at, name.c_str(), 0700) == 0;
+    if (!*created && errno != EEXIST) {
+        return -1;
+    }
+    qx_descriptor found(openat(at, name.c_str(), flags));
+    struct stat status;
+    if (found.valid() && fstat(found.get(), &status) == 0 && is_agents(status)) {
+        return found.release();
+    }
+    const std::string made = hidden_name();
+    if (mkdirat(at, made.c_str(), 0700) != 0) {
+        return -1;
+    }
+    if (take_place(at, made.c_str(), name.c_str(), path.c_str()) != 0) {
+        const int failed = errno;
+        unlinkat(at, made.c_str(), AT_REMOVEDIR);
+        errno = failed == EEXIST ? EPERM : failed;
+        return -1;
+    }
+    *created = true;
+    return openat(at, name.c_str(), flags);
+}
+
+// Makes the missing levels of `path` below the cache folder with the agent's rights. The last one, or -1.
 int open_folders(const EX_PCX* pcx, const std::string& path, mode_t mode, bool* made) {
     const std::string folder = folder_of(pcx);
     const std::string clean = path_clean(path) + "/";
@@ -79,17 +106,9 @@ int open_folders(const EX_PCX* pcx, const std::string& path, mode_t mode, bool* 
         if (name.empty()) {
             continue;
         }
-        const bool created = mkdirat(at.get(), name.c_str(), 0700) == 0;
-        if (!created && errno != EEXIST) {
-            return -1;
-        }
-        qx_descriptor next(openat(at.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        struct stat status;
-        if (!next.valid() || fstat(next.get(), &status) != 0) {
-            return -1;
-        }
-        if (!is_agents(status)) {
-            errno = EPERM;
+        bool created = false;
+        qx_descriptor next(open_folder(at.get(), name, path, &created));
+        if (!next.valid()) {
             return -1;
         }
         if (created && fchmod(next.get(), mode) != 0) {
@@ -154,19 +173,39 @@ bool task_directory_is_jobs(const EX_PCX* pcx, const JP_AREA* job, const std::st
            S_ISDIR(status.st_mode) && status.st_uid == job->jp_uid && (status.st_mode & 022) == 0;
 }
 
+// Somebody else was there first. 0, or -1 with qx_errno.
+int replace_task_directory(const EX_PCX* pcx, const JP_AREA* job, const std::string& path, qx7_error* error) {
+    const size_t slash = path.rfind('/');
+    const std::string made = hidden_name();
+    const std::string made_path = path.substr(0, slash + 1) + made;
+    if (createDir_EffUser(job->jp_userName, made_path.c_str(), task_mode, error) != 0) {
+        return -1;
+    }
+    bool new_folders = false;
+    effUser_guard lock;
+    const qx_descriptor folder(open_folders(pcx, path.substr(0, slash + 1), shared_directory_mode, &new_folders));
+    if (folder.valid() && take_place(folder.get(), made.c_str(), path.c_str() + slash + 1, path.c_str()) == 0) {
+        return 0;
+    }
+    const int failed = errno == EEXIST ? EPERM : errno;
+    qx7_error ignored;  // the first failure is the one to tell
+    (void)removeDir_EffUser(job->jp_userName, made_path.c_str(), &ignored);
+    return qx_error_set(error, -1, failed, 0, "%s", "");
+}
+
 int make_task_path(const EX_PCX* pcx, const JP_AREA* job, qx7_error* error) {
     const std::string path = path_clean(job->jp_task_cache_path);
     struct stat status;
-    if (lstat(path.c_str(), &status) == 0) {
-        return task_directory_is_jobs(pcx, job, path)
-                   ? 1
-                   : directory_error(error, number_task_directory_failed, job, path, EPERM);
+    const bool taken = lstat(path.c_str(), &status) == 0;
+    if (taken && task_directory_is_jobs(pcx, job, path)) {
+        return 1;
     }
     if (make_task_parent(pcx, job, path.substr(0, path.rfind('/') + 1), error) != 0) {
-        return -1;
+        return taken ? directory_error(error, number_task_directory_failed, job, path, EPERM) : -1;
     }
     qx7_error reason;
-    if (createDir_EffUser(job->jp_userName, path.c_str(), task_mode, &reason) != 0) {
+    if (createDir_EffUser(job->jp_userName, path.c_str(), task_mode, &reason) != 0 &&
+        (reason.qx_errno != EEXIST || replace_task_directory(pcx, job, path, &reason) != 0)) {
         return directory_error(error, number_task_directory_failed, job, path, reason.qx_errno);
     }
     log_directory(number_task_directory_ready, job, path);

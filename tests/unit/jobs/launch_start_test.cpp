@@ -6,7 +6,9 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <filesystem>
 #include <sstream>
 
 #include "base/children.h"
@@ -306,6 +308,46 @@ TEST_F(Launch, FilesThatCannotBeMade) {
     EXPECT_EQ(result, LAUNCH_FAILED);
     EXPECT_EQ(std::string(error.qx_msgInsert), "WriteFwrite()|" + file + "|27|File too large|");
     EXPECT_FALSE(exists(file));
+}
+
+TEST_F(Launch, WhatStrangersPutInTheWayIsMovedAway) {
+    if (!runs_as_root()) {
+        return;
+    }
+    copy_text(context.pcx->pcx_TmpFolder, folder.path);
+    copy_text(context.pcx->pcx_OutFolder, folder.path);
+    chmod(folder.path.c_str(), 01777);
+    const uid_t stranger = 12345;
+    const auto make_pipe = [](const char* path) { return mkfifo(path, 0600); };
+    const auto make_folder = [](const char* path) { return mkdir(path, 0700); };
+    int run_number = 0;
+    for (int (*make)(const char*) : {+make_pipe, +make_folder}) {
+        for (std::string* name : {&file, &report}) {
+            *name = folder / ("taken" + std::to_string(++run_number));
+            ASSERT_EQ(make(name->c_str()), 0);
+            ASSERT_EQ(chown(name->c_str(), stranger, stranger), 0);
+            testing::internal::CaptureStdout();
+            EXPECT_EQ(run("echo " + std::to_string(run_number)), 0);
+            const std::string log = testing::internal::GetCapturedStdout();
+            EXPECT_NE(log.find("'" + *name + "' was taken: a "), std::string::npos) << log;
+            EXPECT_NE(log.find("(12345)"), std::string::npos) << log;
+            EXPECT_EQ(read_text(report), std::to_string(run_number) + "\n");
+        }
+    }
+    const auto entries = std::filesystem::directory_iterator(folder.path);
+    EXPECT_EQ(std::count_if(begin(entries), end(entries),
+                            [](const auto& entry) { return entry.path().filename().string().starts_with(".qx-"); }),
+              4)
+        << "nothing of a stranger's is removed";
+
+    // Root's own is not a stranger's, and where nobody else may make names there are no strangers.
+    file = folder / "mine";
+    ASSERT_EQ(mkdir(file.c_str(), 0700), 0);
+    EXPECT_EQ(start(), LAUNCH_FAILED);
+    ASSERT_EQ(chown(file.c_str(), stranger, stranger), 0);
+    chmod(folder.path.c_str(), 0755);
+    EXPECT_EQ(start(), LAUNCH_FAILED);
+    EXPECT_EQ(std::string(error.qx_msgInsert), "FileFOpen()|" + file + "|17|File exists|");
 }
 
 TEST_F(Launch, AnotherUserWithoutRoot) {

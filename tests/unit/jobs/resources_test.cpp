@@ -436,6 +436,18 @@ TEST_F(resource_test, a_directory_that_somebody_else_made_is_refused) {
     if (!runs_as_root()) {
         return;
     }
+    // Where everybody may make names, what stands in the way is moved away.
+    ASSERT_EQ(mkdir((folder / "cache/tasks/4").c_str(), 0700), 0);
+    ASSERT_EQ(mkfifo((folder / "cache/tasks/5").c_str(), 0600), 0);
+    write_text(folder / "cache/tasks/6", "file");
+    chmod((folder / "cache/tasks").c_str(), 01777);
+    for (const int run : {4, 5, 6}) {
+        ASSERT_EQ(chown((folder / "cache/tasks/" + std::to_string(run)).c_str(), 12345, 12345), 0);
+        activate(with_rows(run, {{"own", version_1, resource_task}}));
+        sent();
+        EXPECT_EQ(give("own", version_1, run, "x"), 0) << run;
+        EXPECT_EQ(read_text(task_file(run, "own")), "x") << run;
+    }
     std::filesystem::create_directories(folder / "cache/tasks/3");
     ASSERT_EQ(chown((folder / "cache/tasks").c_str(), 12345, 12345), 0);
     activate(with_rows(3, {{"own", version_1, resource_task}}));
