@@ -466,6 +466,12 @@ void log_destruction(const ccm_channel_t* channel) {
     switch (channel->type.load()) {
         case CH_TYPE_SILENT:
             break;
+        case CH_TYPE_ACCEPTED:
+            // Each call of a job's messenger is one. What failed has told it above.
+            if (trc_on(TRC_TCPIP)) {
+                _TraceText("connection from %s (s=%d,ID=%d) is closed", channel->addr, s, channel->ID);
+            }
+            break;
         case CH_TYPE_LISTEN:
             __log(2002040, "s=%d,ID=%d|%s", s, channel->ID, ccm_name_listen);
             break;

@@ -10,6 +10,7 @@
 #include "base/error.h"
 #include "base/log.h"
 #include "base/memory.h"
+#include "base/text.h"
 #include "base/time.h"
 #include "identity/accounts.h"
 #include "identity/pam.h"
@@ -272,17 +273,18 @@ void push_out_stale(EX_PCX* pcx, const JP_AREA* job, uint32_t pid) {
     }
 }
 
-void take_process(EX_PCX* pcx, JP_AREA* job, uint32_t pid) {
-    push_out_stale(pcx, job, pid);
-    job_table_set_pid(job, pid);
-    job->akt_pid = pid;
+void take_process(EX_PCX* pcx, JP_AREA* job, const launch_started& started) {
+    push_out_stale(pcx, job, started.pid);
+    job_table_set_pid(job, started.pid);
+    job->akt_pid = started.pid;
+    job->jp_group = started.group;
     job->m_ppid = 0;
     job->jobstart = 0;
-    job->JP_alrmTime = 0;
+    // For all start types: one whose script never reaches the messenger would not be looked at again.
+    job->JP_alrmTime = alarm_now() + pcx->Per_JobCheck;
     if (job_context()->JobStartType == job_start_fork) {
         job->JP_sTime = job->JP_cTime;
         job->JP_sTime_t = job->JP_cTime_t;
-        job->JP_alrmTime = alarm_now() + pcx->Per_JobCheck;
     }
 }
 
@@ -312,13 +314,22 @@ void add_restart_record(EX_PCX* pcx, JP_AREA* job, std::vector<unsigned char>* b
     body->insert(body->end(), restart.begin(), restart.end());
 }
 
+// The second line is what other lines of the log, and ps, are brought together with.
+void log_start(const JP_AREA* job) {
+    __log(number_started, "%s|%i|", job->JP_oName, job->JP_jobNr);
+    const bool batch = job_context()->JobStartType == job_start_batch;
+    __PutLogText("Job %d of client %u: user '%s', process %s %u, report '%s'", job->JP_jobNr, job->JP_Mandant,
+                 printable(job->JP_user).c_str(), batch ? "group" : "id",
+                 batch ? static_cast<unsigned>(job->jp_group) : job->fork_pid, printable(job->JP_jReport).c_str());
+}
+
 int acknowledge_start(activation_run* run) {
     std::vector<unsigned char> body = build_exaktjqu(run->job, restart_area_offset);
     if (job_context()->JobStartType == job_start_fork) {
         add_restart_record(run->pcx, run->job, &body);
     }
     const int result = job_send_reply(run->pcx, run->msg, body);
-    __log(number_started, "%s|%i|", run->job->JP_oName, run->job->JP_jobNr);
+    log_start(run->job);
     return result;
 }
 
@@ -377,15 +388,15 @@ int fail_start(activation_run* run, const qx7_error& error) {
 
 int start_and_answer(activation_run* run) {
     qx7_error error;
-    uint32_t pid = 0;
+    launch_started process;
     const launch_result started =
-        start_job(run->pcx, run->order.order, *run->passwd, run->pam, run->job, &pid, &error);
+        start_job(run->pcx, run->order.order, *run->passwd, run->pam, run->job, &process, &error);
     if (started == LAUNCH_STARTED) {
         PamEndAfterStart(run->pam);  // tickets and credentials stay with the job
         run->pam = nullptr;
         keep_address(run->job, run->msg);
         copy_order(run->job, run->order, *run->passwd);
-        take_process(run->pcx, run->job, pid);
+        take_process(run->pcx, run->job, process);
         return acknowledge_start(run);
     }
     end_conversation(run);
@@ -410,7 +421,7 @@ int acknowledge_deferred(EX_PCX* pcx, JP_AREA* job) {
     if (job->ccmaddr != nullptr) {
         job_send_kept(pcx, *job->ccmaddr, body);  // the job runs in any case; a query finds it
     }
-    __log(number_started, "%s|%i|", job->JP_oName, job->JP_jobNr);
+    log_start(job);
     return 0;
 }
 
@@ -458,12 +469,12 @@ int Start_Ex_Aktj(EX_PCX* pcx, JP_AREA* job) {
         return give_up_deferred(pcx, job, order, account_unknown_message, order.user.c_str());
     }
     qx7_error error;
-    uint32_t pid = 0;
-    const launch_result started = start_job(pcx, order.order, *job->passwd, pam, job, &pid, &error);
+    launch_started process;
+    const launch_result started = start_job(pcx, order.order, *job->passwd, pam, job, &process, &error);
     if (started == LAUNCH_STARTED) {
         PamEndAfterStart(pam);
         job_time_now(&job->JP_cTime_t, &job->JP_cTime);
-        take_process(pcx, job, pid);
+        take_process(pcx, job, process);
         job_drop_kept_start(job);
         return acknowledge_deferred(pcx, job);
     }

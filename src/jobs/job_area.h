@@ -53,6 +53,7 @@ enum job_record_state : char { job_record_due = ' ', job_record_sent = 'Y' };
 inline constexpr int job_flag_own_child = 1;  // the process is this agent's own child
 inline constexpr int job_flag_end_taken = 2;  // reaped, or found ended: no process may be looked for any more
 inline constexpr int job_flag_acknowledged = 4;  // EXSTAJQU came for the end
+inline constexpr int job_flag_process_reaped = 8;  // after a cancel, while others of its group live on
 
 inline constexpr size_t job_file_name_limit = 511;      // text of a registered output file
 inline constexpr size_t job_variable_name_limit = 199;  // text of a variable's name
@@ -115,6 +116,8 @@ struct JP_AREA {
     int ioCount = 0;         // major faults
     uint32_t akt_pid = 0;    // process id told to the server
     uint32_t fork_pid = 0;   // set with job_table_set_pid only: the table has an index on it
+    pid_t jp_group = 0;      // batch start: group that the agent gave to the start command; 0: none
+    int jp_exit = 0;         // exit code of a process that was reaped before its group; -1: the cancel ended it
     int maxRunCount = 0;     // checks that found the own child gone before its SIGCHLD
     pid_t m_pid = 0, m_ppid = 0, m_pgrp = 0, m_pgid = 0, m_sid = 0;  // told by the messenger
     uid_t m_uid = 0, m_euid = 0;

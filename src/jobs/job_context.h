@@ -61,6 +61,7 @@ struct JPPCX {
     std::vector<SHELL_DATA> firstSD;  // grows while the agent runs
     std::string meldName;
     char JobStartType = job_start_fork;
+    int batch_wait = 0;  // seconds that a job of start type B may stay without a word
     char Fl_UidType = job_list_exclusive;
     char Qx_UidType = job_list_exclusive;
     unsigned char Fl_Sigchld = 1;  // the signal layer delivers SIGCHLD

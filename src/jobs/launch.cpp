@@ -166,14 +166,14 @@ launch_result start_process(EX_PCX* pcx, const my_passwd_unlimited& passwd, JOB_
 }
 
 launch_result start_batch(EX_PCX* pcx, const my_passwd_unlimited& passwd, const JOB_START_VAR& startVar,
-                          uint32_t* pid, qx7_error* error) {
-    const int status = doit_cmd(pcx, passwd, startVar, error);
+                          launch_started* started, qx7_error* error) {
+    const int status = doit_cmd(pcx, passwd, startVar, &started->group, error);
     if (status < 0) {
         __log_error(*error);
         launch_remove_files(startVar);
         return LAUNCH_FAILED;
     }
-    *pid = static_cast<uint32_t>(status);
+    started->pid = static_cast<uint32_t>(status);
     return LAUNCH_STARTED;
 }
 
@@ -187,9 +187,10 @@ std::string launch_complete_path(const EX_PCX* pcx, std::string_view name) {
 }
 
 launch_result start_job(EX_PCX* pcx, const launch_order& order, const my_passwd_unlimited& passwd,
-                        pam_handle_t* pamHandle, const JP_AREA* job, uint32_t* pid, qx7_error* error) {
+                        pam_handle_t* pamHandle, const JP_AREA* job, launch_started* started,
+                        qx7_error* error) {
     qx_error_clear(error);
-    *pid = 0;
+    *started = {};
     JOB_START_VAR startVar = make_start(pcx, order, passwd, job);
     note_missing_rights(pcx, passwd);
     if (make_files(passwd, &startVar, error) != 0) {
@@ -198,9 +199,9 @@ launch_result start_job(EX_PCX* pcx, const launch_order& order, const my_passwd_
     startVar.flag1 = start_flags(pcx);
     fflush(stdout);
     if (job_context()->JobStartType == job_start_batch) {
-        return start_batch(pcx, passwd, startVar, pid, error);
+        return start_batch(pcx, passwd, startVar, started, error);
     }
-    return start_process(pcx, passwd, &startVar, pamHandle, pid, error);
+    return start_process(pcx, passwd, &startVar, pamHandle, &started->pid, error);
 }
 
 void printTextFile(const char* name) {

@@ -34,7 +34,7 @@ enum launch_exit : int {
 
 // What start_job made of it.
 enum launch_result : int {
-    LAUNCH_STARTED = 1,  // *pid holds the child, under start type B the status of the start command
+    LAUNCH_STARTED = 1,  // *started tells its process
     LAUNCH_NO_PROCESS =
         0,  // fork ran out of processes (EAGAIN); files are gone again, try later. Never under B.
     LAUNCH_FAILED = -1,  // number and insert in the error, already logged
@@ -53,10 +53,16 @@ struct launch_order {
 
 inline constexpr char launch_no_report[] = "/dev/null";
 
+struct launch_started {
+    uint32_t pid = 0;  // the child, under start type B the status of the start command
+    pid_t group = 0;   // start type B: process group that the start command was given
+};
+
 // Starts the job. `pamHandle` may be null; it stays the caller's, who ends it with PamEndAfterStart or
 // PamEnd. `job` gives run number, client, code table and resources and is not changed.
 launch_result start_job(EX_PCX* pcx, const launch_order& order, const my_passwd_unlimited& passwd,
-                        pam_handle_t* pamHandle, const JP_AREA* job, uint32_t* pid, qx7_error* error);
+                        pam_handle_t* pamHandle, const JP_AREA* job, launch_started* started,
+                        qx7_error* error);
 
 // A name of a message as an absolute path: relative names stand below the agent's work directory. Empty stays
 // empty.
@@ -118,8 +124,10 @@ pid_t launch_fork(EX_PCX* pcx, char type, const my_passwd_unlimited& passwd, JOB
 // `error`.
 int doit_Child(EX_PCX* pcx, const my_passwd_unlimited& passwd, JOB_START_VAR* startVar,
                pam_handle_t* pamHandle, qx7_error* error);
-// The batch start: the command of the user's shell through system(). Its status, or -1 with `error`.
-int doit_cmd(EX_PCX* pcx, const my_passwd_unlimited& passwd, const JOB_START_VAR& startVar, qx7_error* error);
+// The batch start: the command of the user's shell, as system() runs it, in a process group of its own. Its
+// status, or -1 with `error`.
+int doit_cmd(EX_PCX* pcx, const my_passwd_unlimited& passwd, const JOB_START_VAR& startVar, pid_t* group,
+             qx7_error* error);
 
 // For tests: takes the place of fork().
 void launch_set_fork(pid_t (*function)());

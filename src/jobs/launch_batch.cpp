@@ -87,9 +87,9 @@ int become_root(bool* switched, qx7_error* error) {
     return 0;
 }
 
-// What system() does, but the command starts with default signal actions: the agent's own would stick to the
-// job. The wait status, or -1.
-int run_command(const char* command) {
+// What system() does, but the command starts with default signal actions, since the agent's own would stick to
+// the job, and in a group of its own, by which the job's processes are known. The wait status, or -1.
+int run_command(const char* command, pid_t* group) {
     posix_spawnattr_t attributes;
     sigset_t defaults, none;
     sigfillset(&defaults);
@@ -99,7 +99,8 @@ int run_command(const char* command) {
     }
     posix_spawnattr_setsigdefault(&attributes, &defaults);
     posix_spawnattr_setsigmask(&attributes, &none);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETPGROUP);
+    posix_spawnattr_setpgroup(&attributes, 0);
     const char* arguments[] = {"sh", "-c", command, nullptr};
     pid_t pid = 0;
     const int spawned =
@@ -109,6 +110,7 @@ int run_command(const char* command) {
         errno = spawned;
         return -1;
     }
+    *group = pid;
     int status = 0;
     while (waitpid(pid, &status, 0) < 0) {
         if (errno == ECHILD) {
@@ -138,7 +140,7 @@ bool launch_plain_word(std::string_view text) {
     return !text.empty();
 }
 
-int doit_cmd(EX_PCX* pcx, const my_passwd_unlimited& passwd, const JOB_START_VAR& startVar,
+int doit_cmd(EX_PCX* pcx, const my_passwd_unlimited& passwd, const JOB_START_VAR& startVar, pid_t* group,
              qx7_error* error) {
     (void)pcx;
     const std::string& pattern = batch_command(passwd);
@@ -159,7 +161,7 @@ int doit_cmd(EX_PCX* pcx, const my_passwd_unlimited& passwd, const JOB_START_VAR
     if (become_root(&switched, error) != 0) {
         return -1;
     }
-    const int status = run_command(command.c_str());
+    const int status = run_command(command.c_str(), group);
     const int command_errno = errno;
     if (switched && setreuid(real, effective) != 0) {
         const int error_number = errno;

@@ -21,6 +21,7 @@
 #include "identity/accounts.h"
 #include "jobs/job_context.h"
 #include "jobs/job_table.h"
+#include "jobs/process_group.h"
 
 namespace {
 
@@ -216,6 +217,37 @@ pid_t begin_attributes(JP_AREA* job) {
     return pid;
 }
 
+enum process_found { PROCESS_RUNS, PROCESS_GONE, PROCESS_FOREIGN };
+
+process_found look_at(const JP_AREA* job, pid_t pid) {
+    // What a message or a report told may by now be the agent or a process of its own: a cancel must not end
+    // it.
+    const bool known_by_number_only = (job->JP_flag & job_flag_own_child) == 0 && job->JP_jStart == 0;
+    if (pid == getpid() || (known_by_number_only && children_known(pid))) {
+        return PROCESS_FOREIGN;
+    }
+    // EPERM: it exists and belongs to somebody else.
+    if (kill(pid, 0) != 0 && errno != EPERM) {
+        return PROCESS_GONE;
+    }
+    // Under batch start the id was told by the job: it counts only for a process of the job's user.
+    if (job_context()->JobStartType == job_start_batch && job->jp_uid != static_cast<uid_t>(-1) &&
+        process_owner(pid) != job->jp_uid) {
+        return PROCESS_FOREIGN;
+    }
+    procArea_t process;
+    if (!GetLinuxProcEntry(pid, &process)) {
+        // Hidden by the mount options of /proc, or gone since the call above.
+        return kill(pid, 0) == 0 || errno == EPERM ? PROCESS_RUNS : PROCESS_GONE;
+    }
+    if (job->JP_jStart != 0 && process.pa_start != 0 && job->JP_jStart != process.pa_start) {
+        return PROCESS_FOREIGN;  // the number was given anew
+    }
+    const bool own_child = (job->JP_flag & job_flag_own_child) != 0 && process.pa_ppid == getpid();
+    const bool ended = process.pa_state == 'Z' || process.pa_state == 'X';
+    return ended && !own_child ? PROCESS_GONE : PROCESS_RUNS;
+}
+
 bool wants_figures() {
     const EX_PCX* pcx = GetGlbPcx();
     return pcx == nullptr || pcx->pcx_ProcInfo != 0;
@@ -273,38 +305,36 @@ pid_t SetCheckPid(const JP_AREA* job) {
 }
 
 pid_t CheckProzessId(const JP_AREA* job) {
+    if ((job->JP_flag & job_flag_end_taken) != 0) {
+        return 0;
+    }
     const pid_t pid = SetCheckPid(job);
-    if (pid <= 1 || (job->JP_flag & job_flag_end_taken) != 0) {
-        return 0;
+    if (pid <= 1) {
+        return process_group_lives(job->jp_group) ? job->jp_group : 0;
     }
-    // What a message or a report told may by now be the agent or a process of its own: a cancel must not end
-    // it.
-    const bool known_by_number_only = (job->JP_flag & job_flag_own_child) == 0 && job->JP_jStart == 0;
-    if (pid == getpid() || (known_by_number_only && children_known(pid))) {
-        return 0;
+    switch (look_at(job, pid)) {
+        case PROCESS_RUNS:
+            return pid;
+        case PROCESS_GONE:
+            return job_group_survives(job) ? pid : 0;
+        case PROCESS_FOREIGN:
+            break;
     }
-    // EPERM: it exists and belongs to somebody else.
-    if (kill(pid, 0) != 0 && errno != EPERM) {
-        return 0;
+    return 0;
+}
+
+std::vector<procArea_t> processes_of_group(pid_t group) {
+    std::vector<procArea_t> members;
+    last_pass.valid = false;
+    if (take_pass(&last_pass) == 0) {
+        const auto range = last_pass.by_id.equal_range(group);
+        for (auto entry = range.first; entry != range.second; ++entry) {
+            if (last_pass.processes[entry->second].pa_pgid == group) {
+                members.push_back(last_pass.processes[entry->second]);
+            }
+        }
     }
-    // Under batch start the id was told by the job: it counts only for a process of the job's user.
-    if (job_context()->JobStartType == job_start_batch && job->jp_uid != static_cast<uid_t>(-1) &&
-        process_owner(pid) != job->jp_uid) {
-        return 0;
-    }
-    procArea_t process;
-    if (!GetLinuxProcEntry(pid, &process)) {
-        // Hidden by the mount options of /proc, or gone since the call above.
-        return kill(pid, 0) == 0 || errno == EPERM ? pid : 0;
-    }
-    if (job->JP_jStart != 0 && process.pa_start != 0 && job->JP_jStart != process.pa_start) {
-        return 0;  // the number was given anew
-    }
-    const bool own_child = (job->JP_flag & job_flag_own_child) != 0 && process.pa_ppid == getpid();
-    if ((process.pa_state == 'Z' || process.pa_state == 'X') && !own_child) {
-        return 0;
-    }
-    return pid;
+    return members;
 }
 
 int Get_Proc_Attr(JP_AREA* job) {
@@ -313,7 +343,8 @@ int Get_Proc_Attr(JP_AREA* job) {
         return 0;
     }
     procArea_t own;
-    if (GetLinuxProcEntry(pid, &own)) {
+    // The start command's process is not the one that the messenger will name.
+    if (pid == SetCheckPid(job) && GetLinuxProcEntry(pid, &own)) {
         job->JP_jStart = own.pa_start;
     }
     if (!wants_figures()) {

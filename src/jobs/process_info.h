@@ -32,7 +32,8 @@ uid_t process_owner(pid_t pid);
 // The pid to look for: m_ppid under start type B, else fork_pid.
 pid_t SetCheckPid(const JP_AREA* job);
 // That pid when it still is the job's process, else 0: pid above 1, existing, same start time where both are
-// known, no zombie of somebody else, end not yet taken.
+// known, no zombie of somebody else, end not yet taken. Also while processes of its group outlive a cancel, and
+// under batch start the start command's group until the messenger told the pid.
 pid_t CheckProzessId(const JP_AREA* job);
 
 // Fills akt_pid, JP_jStart, consumption and ImageName over the process, its children and its group. 0: not
@@ -41,6 +42,9 @@ pid_t CheckProzessId(const JP_AREA* job);
 int Get_Proc_Attr(JP_AREA* job);
 // The same from the process's own stat file alone.
 int Get_Proc_Attr_own(JP_AREA* job);
+// All processes of a group, those that ended and were not waited for among them; read anew. Empty also where
+// /proc cannot be read, which is logged.
+std::vector<procArea_t> processes_of_group(pid_t group);
 // Forgets the processes that were read.
 void process_info_forget();
 // Number of passes over /proc so far.

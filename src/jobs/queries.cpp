@@ -18,6 +18,7 @@
 #include "jobs/job_send.h"
 #include "jobs/job_table.h"
 #include "jobs/job_time.h"
+#include "jobs/process_group.h"
 #include "jobs/process_info.h"
 #include "jobs/report_scan.h"
 #include "jobs/supervision.h"
@@ -235,16 +236,19 @@ int process_jobcan(EX_PCX* pcx, ccm_msg_t* msg, int) {
     }
     const job_insert insert = format_job(job);
     __log(number_cancel, "%s", insert.text);
-    job->JP_sigNum = static_cast<short>(GetSigInt(job_context()->KillSignal));
-    if (kill(-pid, job->JP_sigNum) != 0) {
+    const int signal = GetSigInt(job_context()->KillSignal);
+    if (kill(job_signal_target(job, pid), signal) != 0) {
         const int error_number = errno;
         __log(number_system_call, "kill|%u|%s|", static_cast<unsigned>(error_number),
               error_text(error_number).c_str());
         return refuse_cancel(pcx, msg, order.ah_idnr);
     }
+    job->JP_sigNum = static_cast<short>(signal);
     memset(job->infoText, ' ', sizeof job->infoText);
     job->JP_status = job_status_cancel;
-    if ((job->JP_flag & job_flag_own_child) != 0) {
+    if ((job->JP_flag & job_flag_process_reaped) != 0) {
+        job->JP_alrmTime = alarm_now();
+    } else if ((job->JP_flag & job_flag_own_child) != 0) {
         job->JP_alrmTime = alarm_now() + pcx->Per_JobCheck;
     } else {
         job->JP_alrmTime = alarm_now();

@@ -88,6 +88,7 @@ int jpOpen(EX_PCX* pcx, JPPCX* context, qx7_error* error) {
     if (context->JobStartType == job_start_batch && !GetStartCmd(pcx, &context->cmdAddr)) {
         return qx_error_set(error, -1, 0, number_cannot_start, "%s|%s|", pcx->exName, qx_version);
     }
+    context->batch_wait = pcx->getProfileInt(pcx, "STARTCMD", "batch_wait", "0");
     context->JP_ReadUser =
         pcx->getProfileBool(pcx, "GLOBAL", "ReadUserAlways", "no") ? job_lists_always : job_lists_at_start;
     context->Fl_UidType = list_type(pcx, "userid_type");

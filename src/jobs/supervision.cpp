@@ -15,6 +15,7 @@
 #include "jobs/job_context.h"
 #include "jobs/job_table.h"
 #include "jobs/job_time.h"
+#include "jobs/process_group.h"
 #include "jobs/process_info.h"
 #include "jobs/report_scan.h"
 
@@ -65,6 +66,42 @@ void mark_vanished(JP_AREA* job) {
     job_time_now(&job->JP_eTime_t, &job->JP_eTime);
 }
 
+// Those that the same signal ended may still be on their way out.
+bool survives_for_long(const JP_AREA* job) {
+    constexpr int looks = 20;
+    constexpr useconds_t pause = 2000;
+    for (int i = 0; i < looks && job_group_survives(job); ++i) {
+        usleep(pause);
+    }
+    return job_group_survives(job);
+}
+
+// The process of a cancelled job has ended, and others of its group have not: neither has the job.
+void await_group(JP_AREA* job, int exitCode) {
+    job->JP_flag |= job_flag_process_reaped;
+    job->jp_exit = exitCode == job->JP_sigNum ? -1 : exitCode;
+    job->JP_alrmTime = alarm_now();
+    __PutLogText(
+        "Job %d was cancelled, and processes of its group %u live on: it has not ended. A cancel with "
+        "KillSignal=KILL ends them, or 'pkill -KILL -g %u' on this host.",
+        job->JP_jobNr, job->fork_pid, job->fork_pid);
+}
+
+// true: something to tell.
+bool check_group(JP_AREA* job) {
+    const bool cancelled = job->JP_status == job_status_cancel;
+    if (job_group_survives(job)) {
+        job->JP_status = cancelled ? static_cast<char>(job_status_running) : job->JP_status;
+        return cancelled;
+    }
+    if (!job_status_is_final(job->JP_status)) {
+        job->JP_status = job_status_cancel;  // also where it was told as running again meanwhile
+    }
+    job_time_now(&job->JP_eTime_t, &job->JP_eTime);
+    take_child_end(job, static_cast<int>(job->fork_pid), job->jp_exit < 0 ? job->JP_sigNum : job->jp_exit);
+    return true;
+}
+
 // True while the SIGCHLD of a gone child may still be on its way. Counts first: the fourth check decides.
 bool wait_for_sigchld(JP_AREA* job) {
     return job_awaits_sigchld(job) && ++job->maxRunCount < decisive_check;
@@ -73,6 +110,12 @@ bool wait_for_sigchld(JP_AREA* job) {
 void decide_by_report(JP_AREA* job) {
     qx7_error error;
     if (ReadReport(job, &error) == -1) {
+        if (job_context()->JobStartType == job_start_batch && job->m_ppid == 0) {
+            __PutLogText(
+                "Job %d: the start command has ended, and nothing was heard of the job: it counts as vanished. "
+                "Where a batch system lets jobs wait, set STARTCMD/batch_wait to the seconds that they may.",
+                job->JP_jobNr);
+        }
         if (job->JP_sigNum != 0) {
             job->retCode = code_killed;  // it was still dying when the check looked at the cancel
         }
@@ -124,12 +167,19 @@ bool check_running(JP_AREA* job) {
     return true;
 }
 
+// A batch system may let the job wait, and until its messenger speaks nobody can tell this from an end.
+bool may_wait_in_queue(const JP_AREA* job) {
+    const JPPCX* context = job_context();
+    return context->JobStartType == job_start_batch && job->m_ppid == 0 &&
+           time(nullptr) - job->JP_cTime_t < context->batch_wait;
+}
+
 bool check_waiting(JP_AREA* job) {
     if (CheckProzessId(job) != 0) {
         job->JP_status = job_status_running;
         return true;
     }
-    if (wait_for_sigchld(job)) {
+    if (wait_for_sigchld(job) || may_wait_in_queue(job)) {
         return false;
     }
     decide_by_report(job);
@@ -137,6 +187,9 @@ bool check_waiting(JP_AREA* job) {
 }
 
 bool check_state(JP_AREA* job) {
+    if ((job->JP_flag & (job_flag_process_reaped | job_flag_end_taken)) == job_flag_process_reaped) {
+        return check_group(job);
+    }
     switch (job->JP_status) {
         case job_status_failed:
         case job_status_ended:
@@ -152,6 +205,13 @@ bool check_state(JP_AREA* job) {
         default:
             return false;
     }
+}
+
+// No signal tells the end of a group.
+int time_to_next_check(const EX_PCX* pcx, const JP_AREA* job) {
+    constexpr int group_check = 2;
+    const bool group_only = (job->JP_flag & (job_flag_process_reaped | job_flag_end_taken)) == job_flag_process_reaped;
+    return group_only ? std::min(group_check, pcx->Per_JobCheck) : pcx->Per_JobCheck;
 }
 
 bool is_due(const JP_AREA* job, time_t now) {
@@ -205,6 +265,10 @@ int process_job_sigchild(EX_PCX* pcx, int pid, int exitCode, int) {
         return 0;
     }
     SetCpuEndTimes(job);
+    if (survives_for_long(job)) {
+        await_group(job, exitCode);
+        return 1;
+    }
     take_child_end(job, pid, exitCode);
     job_set_text(job->JP_client_msg, "RECV_MLD_END    ");
     create_and_send_exstaj(pcx, job);
@@ -232,7 +296,7 @@ int process_jobchk(EX_PCX* pcx, ccm_msg_t*, int) {
             if (check_state(job)) {
                 create_and_send_exstaj(pcx, job);
             }
-            job->JP_alrmTime = now + pcx->Per_JobCheck;
+            job->JP_alrmTime = now + time_to_next_check(pcx, job);
         }
         job = Next_JEntry(jobNr, client);
     }

@@ -30,6 +30,14 @@ TEST_F(job_road, runs_a_script_and_returns_its_report) {
     EXPECT_NE(text.find("**  JOB " + std::to_string(run) + " START AT "), std::string::npos) << text;
     EXPECT_NE(text.find("RETCODE=3"), std::string::npos) << text;
     EXPECT_TRUE(wait_until(5000, [&] { return read_file(job(run).job_file).empty(); })) << "job file is removed";
+    // The log brings run number, user and process together, and holds no lines for calls of the messenger.
+    const std::string line = "Job " + std::to_string(run) + " of client ";
+    const size_t at = host.log().find(line);
+    ASSERT_NE(at, std::string::npos) << host.log();
+    const std::string told = host.log().substr(at, 200);
+    EXPECT_NE(told.find("user '" + own_user() + "', process id " + job(run).process_id + ", report '"), std::string::npos)
+        << told;
+    EXPECT_EQ(host.log().find("U02002040"), std::string::npos) << host.log();
     EXPECT_TRUE(host.stop()) << host.log();
     EXPECT_EQ(host.agent.exit_code(), 0);
     EXPECT_TRUE(wait(5000, [&] { return count_events("stop") == 1; })) << story();

@@ -32,6 +32,7 @@ struct Launch : testing::Test {
     my_passwd_unlimited user;
     JP_AREA job;
     qx7_error error;
+    launch_started started;
     uint32_t pid = 0;
     std::string file = folder / "job", report = folder / "report", rest, script;
     pam_handle_t* pam = nullptr;
@@ -59,7 +60,9 @@ struct Launch : testing::Test {
         order.name = "JOB.TEST";
         order.rest = rest;
         order.jcl = script;
-        return start_job(context.pcx.get(), order, user, pam, &job, &pid, &error);
+        const launch_result result = start_job(context.pcx.get(), order, user, pam, &job, &started, &error);
+        pid = started.pid;
+        return result;
     }
     // The wait status of the job.
     int finish() const {

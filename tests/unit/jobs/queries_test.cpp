@@ -5,6 +5,7 @@
 
 #include "job_fixture.h"
 #include "jobs/launch.h"
+#include "jobs/process_group.h"
 
 struct queries_test : job_test {
     int cancel(int run) {
@@ -109,6 +110,148 @@ TEST_F(queries_test, a_job_that_ignores_the_signal_is_running_again_at_the_next_
     EXPECT_EQ(first_sent().as<MSG_TYPE_EXSTAJ>().status, 'R');
     kill(-static_cast<pid_t>(job->fork_pid), SIGKILL);
     end_child(job);
+}
+
+TEST_F(queries_test, a_cancelled_job_ends_with_the_last_process_of_its_group) {
+    copy_text(job_context()->KillSignal, "TERM");
+    const std::string ready = folder / "ready";
+    start(1, "(trap '' TERM; touch " + ready + "; exec sleep 600) & wait\r\n");
+    JP_AREA* job = Find_JEntry(1, client);
+    const pid_t group = static_cast<pid_t>(job->fork_pid);
+    for (int i = 0; i < 500 && access(ready.c_str(), F_OK) != 0; ++i) {
+        usleep(10000);
+    }
+    cancel(1);
+    sent();
+    end_child(job);
+    EXPECT_EQ(job->JP_status, 'K');
+    EXPECT_TRUE(sent().empty()) << "the server would close a job that runs";
+    process_jobchk(pcx, nullptr, 0);
+    EXPECT_EQ(first_sent().as<MSG_TYPE_EXSTAJ>().status, 'R');
+    query(1, {});
+    EXPECT_EQ(answer(), "OK 0 ");
+    EXPECT_EQ(job_test_log.back().inserts, "1|100|RUNNING|");
+
+    copy_text(job_context()->KillSignal, "KILL");
+    cancel(1);
+    EXPECT_EQ(answer(), "OK 2000039 JOBS.TEST|1|");
+    const auto group_gone = [&] { return !process_group_lives(group); };
+    for (int i = 0; i < 500 && !group_gone(); ++i) {
+        usleep(10000);
+    }
+    process_jobchk(pcx, nullptr, 0);
+    const auto told = first_sent().as<MSG_TYPE_EXSTAJ>();
+    EXPECT_EQ(told.status, 'V');
+    EXPECT_EQ(told.retcode, 9);
+}
+
+// What a script leaves behind does not keep a job open that nobody cancelled.
+TEST_F(queries_test, a_job_ends_with_its_process_while_its_group_lives) {
+    start(1, "sleep 600 &\r\n");
+    JP_AREA* job = Find_JEntry(1, client);
+    end_child(job);
+    EXPECT_EQ(first_sent().as<MSG_TYPE_EXSTAJ>().status, 'E');
+    kill(-static_cast<pid_t>(job->fork_pid), SIGKILL);
+}
+
+struct batch_test : queries_test {
+    pid_t script = 0;
+
+    // Starts a script that runs, and waits until it told its process id.
+    JP_AREA* start_batch(const std::string& text) {
+        open_with("[USERID]\nroot=START\n[STARTCMD]\nstart_type=batch\n"
+                  "Bourne-Shell=&jobFile > &jobReport 2>&1 &\nOther-Shell=&jobFile > &jobReport 2>&1 &\n");
+        start(1, "echo $$\r\n" + text + "\r\n");
+        JP_AREA* job = Find_JEntry(1, client);
+        for (int i = 0; i < 500 && script == 0; ++i) {
+            usleep(10000);
+            script = atoi(read_text(report_file(1)).c_str());
+        }
+        return job;
+    }
+    // The next check of the job, made now, and what it tells.
+    char status_after_check(JP_AREA* job) {
+        EXPECT_GT(job->JP_alrmTime, 0) << "a job without alarm is never looked at";
+        job->JP_alrmTime = alarm_now();
+        process_jobchk(pcx, nullptr, 0);
+        return first_sent().as<MSG_TYPE_EXSTAJ>().status;
+    }
+    bool wait_until_gone(pid_t pid) const {
+        for (int i = 0; i < 500 && kill(pid, 0) == 0; ++i) {
+            usleep(10000);
+        }
+        return kill(pid, 0) != 0;
+    }
+};
+
+TEST_F(batch_test, a_cancel_reaches_the_job_with_and_without_a_word_of_it) {
+    if (!runs_as_root()) {
+        GTEST_SKIP() << "batch start needs root";
+    }
+    for (const bool spoke : {false, true}) {
+        script = 0;
+        JP_AREA* job = start_batch("sleep 600 & sleep 600");
+        ASSERT_NE(job, nullptr);
+        ASSERT_GT(script, 1);
+        sent();
+        job->m_ppid = spoke ? script : 0;
+        EXPECT_EQ(status_after_check(job), 'R');
+        cancel(1);
+        EXPECT_EQ(answer(), "OK 2000039 JOBS.TEST|1|");
+        EXPECT_TRUE(wait_until_gone(script));
+        for (int i = 0; i < 500 && process_group_lives(job->jp_group); ++i) {
+            usleep(10000);
+        }
+        EXPECT_FALSE(process_group_lives(job->jp_group)) << "its children, too";
+        EXPECT_EQ(status_after_check(job), 'V');
+        Erase_JEntry(1, client);
+    }
+}
+
+TEST_F(batch_test, a_job_that_never_speaks_ends_at_a_check) {
+    if (!runs_as_root()) {
+        GTEST_SKIP() << "batch start needs root";
+    }
+    JP_AREA* job = start_batch("exit 0");
+    ASSERT_NE(job, nullptr);
+    sent();
+    ASSERT_TRUE(wait_until_gone(script));
+    job_context()->batch_wait = 100;
+    EXPECT_EQ(status_after_check(job), ' ') << "it may wait in a queue";
+    job_context()->batch_wait = 0;
+    EXPECT_EQ(status_after_check(job), 'V');
+}
+
+TEST_F(batch_test, under_vfork_without_the_signal_a_job_ends_at_a_check) {
+    open_with("[USERID]\nroot=START\n[GLOBAL]\nsigchld=no\n[STARTCMD]\nstart_type=vfork\n");
+    start(1, "exit 0\r\n");
+    JP_AREA* job = Find_JEntry(1, client);
+    ASSERT_EQ(waitpid(static_cast<pid_t>(job->fork_pid), nullptr, 0), static_cast<pid_t>(job->fork_pid));
+    EXPECT_EQ(status_after_check(job), 'V');
+}
+
+// A group that a batch system made is signalled only where nothing else can be in it.
+TEST_F(batch_test, whom_a_cancel_signals) {
+    job_context()->JobStartType = job_start_batch;
+    const living_process alive, second;
+    JP_AREA* job = bare_job(1);
+    job->m_ppid = alive.pid;
+    EXPECT_EQ(job_signal_target(job, alive.pid), alive.pid) << "the agent's own group";
+    ASSERT_EQ(setpgid(alive.pid, alive.pid), 0);
+    EXPECT_EQ(job_signal_target(job, alive.pid), -alive.pid);
+    job->JP_cTime_t += 3600;
+    EXPECT_EQ(job_signal_target(job, alive.pid), alive.pid) << "older than the job";
+    job->jp_group = alive.pid;
+    EXPECT_EQ(job_signal_target(job, alive.pid), -alive.pid) << "made by the agent";
+    job->jp_group = 0;
+    job->JP_cTime_t -= 3600;
+    job->jp_uid = geteuid() + 1;
+    EXPECT_EQ(job_signal_target(job, alive.pid), alive.pid) << "somebody else's";
+    job->jp_uid = geteuid();
+    ASSERT_EQ(setpgid(second.pid, alive.pid), 0);
+    EXPECT_EQ(job_signal_target(job, alive.pid), -alive.pid);
+    bare_job(2)->m_ppid = second.pid;
+    EXPECT_EQ(job_signal_target(job, alive.pid), alive.pid) << "another job is in it";
 }
 
 TEST_F(queries_test, a_cancel_of_a_waiting_job_answers_twice_and_starts_nothing) {
