@@ -149,6 +149,7 @@ constexpr known_setting rows[] = {
     text("VARIABLES", "*", ""),
 
     word("STARTCMD", "start_type", "fork", "fork|vfork|batch", "batch"),
+    number("STARTCMD", "batch_wait", "0", 0, any_count, "0"),
     text("STARTCMD", "Bourne-Shell", at_command),
     text("STARTCMD", "Korn-Shell", at_command),
     text("STARTCMD", "C-Shell", at_command),
