@@ -1,10 +1,8 @@
 #include "installation.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <pwd.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -20,6 +18,8 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+
+#include "loopback.h"
 
 namespace fs = std::filesystem;
 using clock_type = std::chrono::steady_clock;
@@ -225,17 +225,13 @@ pid_t installation::listener_pid() const {
 }
 
 int free_port() {
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in name{};
-    name.sin_family = AF_INET;
-    name.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof name;
-    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&name), sizeof name) != 0 ||
-        getsockname(fd, reinterpret_cast<sockaddr*>(&name), &length) != 0) {
+    int port = 0;
+    const int fd = listen_on_loopback(&port);
+    if (fd < 0) {
         give_up("no free port");
     }
     close(fd);
-    return ntohs(name.sin_port);
+    return port;
 }
 
 std::string read_file(const std::string& path) {

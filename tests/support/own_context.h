@@ -14,6 +14,7 @@
 
 #include "base/context.h"
 #include "base/text.h"
+#include "scratch.h"
 
 // GlbPcx with the identity under which the test runs.
 struct own_context {
@@ -43,21 +44,7 @@ struct own_context {
     ~own_context() { GlbPcx = nullptr; }
 };
 
-struct own_folder {
-    std::string path;
-
-    own_folder() {
-        char pattern[] = "/tmp/qx-unit-XXXXXX";
-        path = mkdtemp(pattern) == nullptr ? "" : pattern;
-    }
-    own_folder(const own_folder&) = delete;
-    own_folder& operator=(const own_folder&) = delete;
-    ~own_folder() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path, ignored);
-    }
-    std::string operator/(const std::string& name) const { return path + "/" + name; }
-};
+using own_folder = scratch;
 
 inline std::string read_text(const std::string& path) {
     std::ifstream stream(path, std::ios::binary);

@@ -26,6 +26,7 @@ struct scratch {
     }
 
     std::string at(const std::string& name) const { return path + "/" + name; }
+    std::string operator/(const std::string& name) const { return at(name); }
     std::string write(const std::string& name, const std::string& content) const {
         std::ofstream(at(name), std::ios::binary) << content;
         return at(name);

@@ -1,8 +1,5 @@
 // What the server asks and orders about the agent itself.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,6 +8,7 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
+#include "loopback.h"
 #include "messages/records_server.h"
 #include "messages/view.h"
 #include "server_fixture.h"
@@ -37,14 +35,9 @@ struct administration : server_test {
     std::string streamed() const { return read_file(options.folder + "/agents/ADMIN.log"); }
     // A connection to the listener, closed again.
     static bool call_listener(const installation& of) {
-        const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in at{};
-        at.sin_family = AF_INET;
-        at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        at.sin_port = htons(static_cast<uint16_t>(of.listener_port));
-        const bool good = connect(fd, reinterpret_cast<sockaddr*>(&at), sizeof at) == 0;
+        const int fd = connect_to_loopback(of.listener_port);
         close(fd);
-        return good;
+        return fd >= 0;
     }
     std::string trace() {
         EXPECT_TRUE(cp_trace_get(server.get(), "ADMIN", keep()) && wait_answer());

@@ -1,6 +1,4 @@
 // Search, ranking, loss and return of the server; bytes that do not belong.
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -8,6 +6,7 @@
 #include <csignal>
 #include <random>
 
+#include "loopback.h"
 #include "messages/frame.h"
 #include "messages/records_connection.h"
 #include "messages/records_meld.h"
@@ -122,27 +121,10 @@ TEST_F(connection, starts_a_new_listener_when_it_dies) {
     EXPECT_EQ(job(run).return_code, 0);
 }
 
-int connect_to(int port) {
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in name{};
-    name.sin_family = AF_INET;
-    name.sin_port = htons(static_cast<uint16_t>(port));
-    name.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&name), sizeof name) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
-}
-
 TEST_F(connection, waits_for_a_port_that_is_about_to_become_free) {
     installation host("HANDOVER", port());
-    const int holder = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in name{};
-    name.sin_family = AF_INET;
-    name.sin_port = htons(static_cast<uint16_t>(host.listener_port));
-    ASSERT_EQ(bind(holder, reinterpret_cast<sockaddr*>(&name), sizeof name), 0);
-    ASSERT_EQ(listen(holder, 1), 0);
+    const int holder = listen_on_loopback(&host.listener_port);
+    ASSERT_GE(holder, 0);
     host.start();
     ASSERT_TRUE(wait(20000, [&] { return host.listener_pid() > 1; })) << host.log();
     close(holder);
@@ -156,7 +138,7 @@ TEST_F(connection, lets_jobs_report_while_idle_callers_hold_connections) {
     ASSERT_TRUE(wait_logon("CROWDED")) << host.log();
     std::vector<int> idle;
     for (int i = 0; i < 100; ++i) {
-        idle.push_back(connect_to(host.listener_port));
+        idle.push_back(connect_to_loopback(host.listener_port));
         ASSERT_GE(idle.back(), 0) << i;
     }
     std::string output;
@@ -172,7 +154,7 @@ TEST_F(connection, lets_jobs_report_while_idle_callers_hold_connections) {
 
 // Sends bytes and waits until the other side closes, at most two seconds.
 bool send_and_see_end(int port, const void* bytes, size_t length) {
-    const int fd = connect_to(port);
+    const int fd = connect_to_loopback(port);
     if (fd < 0) {
         return false;
     }
@@ -219,7 +201,7 @@ TEST_F(connection, outlives_strangers_at_its_listener) {
         std::vector<unsigned char> frame = i % 3 == 0 ? good : i % 3 == 1 ? unsealed : shutdown;
         frame[random() % frame.size()] ^= static_cast<unsigned char>(1 + random() % 255);
         const size_t length = i % 4 == 0 ? random() % frame.size() : frame.size();
-        const int fd = connect_to(host.listener_port);
+        const int fd = connect_to_loopback(host.listener_port);
         if (fd >= 0) {
             send(fd, frame.data(), length, MSG_NOSIGNAL);
             i % 10 == 0 ? held.push_back(fd) : static_cast<void>(close(fd));

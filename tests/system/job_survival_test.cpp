@@ -1,6 +1,5 @@
 // What jobs and agent go through: a line cut at any byte, a lost message, processes that run out, places that
 // may not be written, a disk that fills up under a job, a shell that went away.
-#include <arpa/inet.h>
 #include <poll.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
@@ -14,19 +13,12 @@
 #include <random>
 #include <thread>
 
+#include "loopback.h"
 #include "server_fixture.h"
 
 namespace {
 
 struct job_survival : server_test {};
-
-sockaddr_in loopback(int port) {
-    sockaddr_in name{};
-    name.sin_family = AF_INET;
-    name.sin_port = htons(static_cast<uint16_t>(port));
-    name.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return name;
-}
 
 // Stands between agent and server and cuts each of its first connections after some bytes, wherever that is.
 struct cutting_line {
@@ -39,13 +31,7 @@ struct cutting_line {
     std::thread worker;
 
     cutting_line(int to, int cuts, unsigned seed) : cuts_left(cuts), random(seed), server_port(to) {
-        listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in name = loopback(0);
-        socklen_t size = sizeof name;
-        if (bind(listener, reinterpret_cast<sockaddr*>(&name), size) == 0 && listen(listener, 5) == 0 &&
-            getsockname(listener, reinterpret_cast<sockaddr*>(&name), &size) == 0) {
-            port = ntohs(name.sin_port);
-        }
+        listener = listen_on_loopback(&port);
         worker = std::thread([this] { run(); });
     }
     ~cutting_line() {
@@ -61,9 +47,8 @@ struct cutting_line {
                 continue;
             }
             const int agent = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-            const int server = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-            const sockaddr_in name = loopback(server_port);
-            if (connect(server, reinterpret_cast<const sockaddr*>(&name), sizeof name) == 0) {
+            const int server = connect_to_loopback(server_port);
+            if (server >= 0) {
                 // Most cuts behind the logon, which takes some 3000 bytes.
                 const long budget =
                     cuts_left > 0 ? std::uniform_int_distribution<long>(500, 15000)(random) : -1;

@@ -1,5 +1,4 @@
 // The job messenger by itself: what it says, what it writes, and how it ends.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -8,6 +7,7 @@
 #include <regex>
 
 #include "installation.h"
+#include "loopback.h"
 
 namespace {
 
@@ -98,19 +98,14 @@ TEST(messenger, ends_when_the_other_side_talks_nonsense_or_hangs_up) {
         std::string(5000, '\xff'),
     };
     for (const std::string& answer : answers) {
-        const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in name{};
-        name.sin_family = AF_INET;
-        name.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof name;
-        ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&name), size), 0);
-        ASSERT_EQ(listen(listener, 1), 0);
-        ASSERT_EQ(getsockname(listener, reinterpret_cast<sockaddr*>(&name), &size), 0);
+        int port = 0;
+        const int listener = listen_on_loopback(&port);
+        ASSERT_GE(listener, 0);
         scratch_folder folder;
         child_process messenger;
         start_program(messenger,
                       {QX_MESSENGER_PROGRAM, "--address", "127.0.0.1", "--port",
-                       std::to_string(ntohs(name.sin_port)), "--run", "17", "status", "--text", "x"},
+                       std::to_string(port), "--run", "17", "status", "--text", "x"},
                       folder.path + "/out");
         const int line = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
         ASSERT_GE(line, 0);

@@ -9,6 +9,7 @@
 #include "channels/internal.h"
 #include "channels/line_budget.h"
 #include "fixture.h"
+#include "loopback.h"
 
 namespace {
 
@@ -220,18 +221,12 @@ TEST(line_budget, bounds_what_strangers_can_have_logged) {
 TEST_F(ccm_test, a_connection_carries_messages_both_ways) {
     start();
     ccm_error_t error;
-    int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), length), 0);
-    ASSERT_EQ(listen(listener, 1), 0);
-    ASSERT_EQ(getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
-    int id =
-        ccm_connect(ccm, "[127.0.0.1]", ntohs(address.sin_port), CH_TYPE_CP_CANDIDATE, nullptr, 10, &error);
+    int port = 0;
+    const int listener = listen_on_loopback(&port);
+    ASSERT_GE(listener, 0);
+    int id = ccm_connect(ccm, "[127.0.0.1]", port, CH_TYPE_CP_CANDIDATE, nullptr, 10, &error);
     ASSERT_GT(id, 0) << error.msginsert;
-    EXPECT_EQ(ccm_is_cp_connecting(ccm, "127.0.0.1", ntohs(address.sin_port), &error), 1);
+    EXPECT_EQ(ccm_is_cp_connecting(ccm, "127.0.0.1", port, &error), 1);
     EXPECT_EQ(ccm_is_cp_connecting(ccm, "127.0.0.1", 1, &error), 0);
     partner far(accept(listener, nullptr, nullptr));
     bytes data = text_bytes(std::string(76, 's'));

@@ -1,18 +1,16 @@
 #include "fixture.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
-#include <filesystem>
 
 #include "base/log.h"
 #include "base/time.h"
+#include "loopback.h"
 #include "messages/conversion.h"
 #include "messages/head.h"
 #include "messages/records_server.h"
@@ -155,16 +153,10 @@ bytes partner::unsealed(const bytes& frame) {
 }
 
 void tcp_pair(int ends[2]) {
-    int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), length), 0);
-    ASSERT_EQ(listen(listener, 1), 0);
-    ASSERT_EQ(getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
-    ends[0] = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    ASSERT_EQ(connect(ends[0], reinterpret_cast<sockaddr*>(&address), length), 0);
+    int port = 0;
+    const int listener = listen_on_loopback(&port);
+    ends[0] = connect_to_loopback(port);
+    ASSERT_GE(ends[0], 0);
     ends[1] = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
     ASSERT_GE(ends[1], 0);
     close(listener);
@@ -206,9 +198,6 @@ ccm_test::~ccm_test() {
     TcpMsg_Close(static_cast<TCPMSG_WORK_AREA*>(pcx.pcx_hTcpMsg));
     OM_uint32 minor = 0;
     gss_release_name(&minor, &pcx.pcx_sName);
-    if (!key_directory.empty()) {
-        std::filesystem::remove_all(key_directory);
-    }
     __log_set_logger(nullptr);
     GlbPcx = nullptr;
 }
@@ -331,11 +320,8 @@ std::string ccm_test::log_text(int number) {
 }
 
 void ccm_test::open_security() {
-    char directory[] = "/tmp/channels-XXXXXX";
-    ASSERT_NE(mkdtemp(directory), nullptr);
-    key_directory = directory;
-    std::string file = key_directory + "/KStore.ini";
-    ASSERT_EQ(KComInit(&agent_keys(), own_system, own_name, {}, file), 0);
+    key_folder.emplace();
+    ASSERT_EQ(KComInit(&agent_keys(), own_system, own_name, {}, *key_folder / "KStore.ini"), 0);
     ASSERT_EQ(set_transfer_key(&agent_keys(), own_name, transfer_key), 0);
     KMsetGSSCallback();
     OM_uint32 minor = 0;

@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,7 @@
 #include "channels/network_thread.h"
 #include "channels/policy.h"
 #include "messages/frame.h"
+#include "scratch.h"
 #include "security/mechanism.h"
 
 using bytes = std::vector<unsigned char>;
@@ -54,7 +56,7 @@ struct partner {
 struct ccm_test : testing::Test {
     EX_PCX pcx;
     ccm_context_t* ccm = nullptr;
-    std::string key_directory;
+    std::optional<scratch> key_folder;
 
     ccm_test();
     ~ccm_test() override;

@@ -3,25 +3,20 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <filesystem>
 
 #include "peer.h"
+#include "scratch.h"
 
 namespace {
 
-namespace fs = std::filesystem;
-
 struct exchange_test : testing::Test {
-    fs::path folder;
+    scratch folder;
     key_manager agent, server;
 
     exchange_test() {
-        std::string name = testing::TempDir() + "exchangeXXXXXX";
-        folder = mkdtemp(name.data());
         EXPECT_EQ(KM_OK, KComInit(&agent, "PROD", "AGENT1", {}, folder / "agent.ini"));
         EXPECT_EQ(KM_OK, KComInit(&server, "PROD", "CP1", {}, folder / "server.ini"));
     }
-    ~exchange_test() override { fs::remove_all(folder); }
 
     int answer_to(const bytes& package, bytes* answer, int command = GSS_CMD_START) {
         answer->assign(2000, 0);

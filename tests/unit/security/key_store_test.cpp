@@ -7,10 +7,10 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include "base/context.h"
 #include "peer.h"
+#include "scratch.h"
 #include "security/key_exchange.h"
 #include "security/key_file.h"
 
@@ -19,23 +19,12 @@ namespace {
 namespace fs = std::filesystem;
 
 struct store_test : testing::Test {
-    fs::path folder;
-    std::string file;
+    scratch place;
+    const fs::path folder = place.path;
+    const std::string file = place.at("KStore.ini");
 
-    store_test() {
-        std::string name = testing::TempDir() + "keysXXXXXX";
-        folder = mkdtemp(name.data());
-        file = folder / "KStore.ini";
-    }
-    ~store_test() override { fs::remove_all(folder); }
-
-    std::string content() const {
-        std::ifstream in(file);
-        std::stringstream text;
-        text << in.rdbuf();
-        return text.str();
-    }
-    void write(const std::string& text) const { std::ofstream(file) << text; }
+    std::string content() const { return place.read("KStore.ini"); }
+    void write(const std::string& text) const { place.write("KStore.ini", text); }
     unsigned mode() const {
         struct stat status;
         return stat(file.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
