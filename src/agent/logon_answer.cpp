@@ -2,8 +2,6 @@
 // one.
 #include <arpa/inet.h>
 #include <ifaddrs.h>
-#include <netdb.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -20,6 +18,7 @@
 #include "base/text.h"
 #include "base/time.h"
 #include "channels/messages.h"
+#include "channels/resolver.h"
 #include "jobs/resources.h"
 #include "messages/records_server.h"
 #include "messages/view.h"
@@ -150,35 +149,14 @@ void add_interfaces(address_list* list) {
     freeifaddrs(found);
 }
 
-// Asked once: a name service that is away must not stop the agent at every logon.
-const address_list& resolved_once() {
-    static const address_list resolved = [] {
-        address_list list;
-        char name[256] = {};
-        addrinfo hints = {};
-        hints.ai_family = AF_INET;
-        hints.ai_socktype = SOCK_STREAM;
-        addrinfo* found = nullptr;
-        if (gethostname(name, sizeof name - 1) != 0 || getaddrinfo(name, nullptr, &hints, &found) != 0) {
-            return list;  // the interfaces tell enough
-        }
-        for (const addrinfo* at = found; at != nullptr; at = at->ai_next) {
-            sockaddr_in address;
-            memcpy(&address, at->ai_addr, sizeof address);
-            list.add(address.sin_addr.s_addr);
-        }
-        freeaddrinfo(found);
-        return list;
-    }();
-    return resolved;
-}
-
 void take_own_addresses(EX_PCX* pcx, const logon_answer& answer, message_view view) {
     address_list list;
     list.add_text(pcx->pcx_varex->ipAddr);
     list.add_text(pcx->listener_bindaddr);
     list.add_text("127.0.0.1");
-    for (const in_addr_t address : resolved_once().addresses) {
+    // What the host's own name resolves to comes from a look-up that began with the search for a server; a logon
+    // before its end goes without, the interfaces tell the same but for an address outside the host.
+    for (const in_addr_t address : resolver_own_host()) {
         list.add(address);
     }
     add_interfaces(&list);

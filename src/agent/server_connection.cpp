@@ -16,6 +16,7 @@
 #include "channels/messages.h"
 #include "channels/network_thread.h"
 #include "channels/replies.h"
+#include "channels/resolver.h"
 #include "messages/records_connection.h"
 #include "messages/records_server.h"
 #include "messages/timestamp.h"
@@ -172,6 +173,7 @@ int get_main_cp_port(EX_PCX* pcx) {
 int server_connection_start(EX_PCX* pcx, qx7_error* error) {
     qx_error_clear(error);
     named_lists.clear();
+    resolver_own_host();  // begins the look-up that the logon wants
     if (cp_search_open(pcx) != 0) {
         return qx_error_set(error, -1, ENOMEM, 2003043, "calloc|%u|%s|", static_cast<unsigned>(ENOMEM),
                             strerror(ENOMEM));
@@ -307,6 +309,8 @@ int process_executor_data(EX_PCX* pcx, ccm_msg_t* msg) {
     context.pDelegCred = expected ? context.pDelegCred : nullptr;
     if (context.pDelegCred == nullptr) {
         channel->cuc->key[0] = '\0';  // answered below: the close isn't answered once more
+        // At once: another card of this partner, or its time limit, has nothing to say any more.
+        ccm_channel_delete(pcx->ccm, channel);
     }
     ccm_channel_unlock(pcx->ccm);
 

@@ -13,9 +13,28 @@
 #include "base/hex_dump.h"
 #include "base/locks.h"
 #include "base/log.h"
+#include "base/log_origin.h"
 #include "base/text.h"
 #include "base/time.h"
 #include "base/trace.h"
+
+namespace {
+
+thread_local std::string origin_text;
+
+}  // namespace
+
+log_origin_mark::log_origin_mark(std::string_view origin) {
+    origin_text.assign(" [").append(origin).append("]");
+}
+
+log_origin_mark::~log_origin_mark() {
+    origin_text.clear();
+}
+
+std::string_view log_origin() {
+    return origin_text;
+}
 
 namespace {
 
@@ -317,7 +336,7 @@ int ZULOGG_Msg(PZULOGG handle, int number, int insLen, const char* insTxt) {
         snprintf(text, sizeof text, "U%.8d %.*s", number,
                  static_cast<int>(std::min<size_t>(inserts.size(), 2000)), inserts.data());
     }
-    return put_line(handle, head + text, stamp_length);
+    return put_line(handle, (head + text).append(log_origin()), stamp_length);
 }
 
 int ZULOGG_Text(PZULOGG handle, const char* text, int length) {
@@ -328,7 +347,8 @@ int ZULOGG_Text(PZULOGG handle, const char* text, int length) {
     size_t stamp_length = 0;
     const std::string head = INT_Header(handle, &stamp_length);
     const size_t size = length < 0 ? strnlen(text, longest_line) : static_cast<size_t>(length);
-    return put_line(handle, std::string(head).append(text, std::min(size, longest_line)), stamp_length);
+    return put_line(handle, std::string(head).append(text, std::min(size, longest_line)).append(log_origin()),
+                    stamp_length);
 }
 
 int ZULOGG_Dump(PZULOGG handle, const char* title, const void* address, int length) {

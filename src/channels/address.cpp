@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -48,15 +49,6 @@ bool counts(const addrinfo& entry) {
     ccm_address2string(entry.ai_addr, text, sizeof text);
     ToUpperStr(text);
     return strcmp(text, "127.0.0.1") != 0 && strcmp(text, "::1") == 0 && strncmp(text, "FE80:", 5) != 0;
-}
-
-std::string_view without_mapping(std::string_view address) {
-    constexpr std::string_view mapped = "::ffff:";
-    if (address.size() > mapped.size() && address.find('.') != std::string_view::npos &&
-        equal_ignore_case(address.substr(0, mapped.size()), mapped)) {
-        address.remove_prefix(mapped.size());
-    }
-    return address;
 }
 
 }  // namespace
@@ -158,16 +150,39 @@ int ccm_log_all_ip(const char* host, ccm_error_t* err) {
     return 0;
 }
 
-bool ccm_address_is_loopback(const char* address) {
-    std::string plain(without_mapping(address));
-    in_addr number{};
-    if (inet_pton(AF_INET, plain.c_str(), &number) == 1) {
-        return (ntohl(number.s_addr) >> 24) == 127;
+std::array<unsigned char, 16> ccm_address_bytes(const sockaddr_storage& address) {
+    std::array<unsigned char, 16> bytes{};
+    if (address.ss_family == AF_INET) {
+        bytes[10] = bytes[11] = 0xff;
+        memcpy(bytes.data() + 12, &reinterpret_cast<const sockaddr_in&>(address).sin_addr, 4);
+    } else if (address.ss_family == AF_INET6) {
+        memcpy(bytes.data(), &reinterpret_cast<const sockaddr_in6&>(address).sin6_addr, bytes.size());
     }
-    return plain == "::1";
+    return bytes;
 }
 
-bool ccm_address_equal(const char* left, const char* right) {
-    std::string_view a = without_mapping(left);
-    return !a.empty() && equal_ignore_case(a, without_mapping(right));
+namespace {
+
+constexpr std::array<unsigned char, 12> mapped_prefix = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
+constexpr std::array<unsigned char, 16> loopback_v6 = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+
+bool is_v4(const std::array<unsigned char, 16>& bytes) {
+    return std::equal(mapped_prefix.begin(), mapped_prefix.end(), bytes.begin());
+}
+
+}  // namespace
+
+std::array<unsigned char, 16> ccm_caller_group(const sockaddr_storage& address) {
+    std::array<unsigned char, 16> bytes = ccm_address_bytes(address);
+    if (!is_v4(bytes)) {
+        std::fill(bytes.begin() + 8, bytes.end(), static_cast<unsigned char>(0));
+    }
+    return bytes;
+}
+
+bool ccm_is_own_host(const sockaddr_storage& own, const sockaddr_storage& peer) {
+    const std::array<unsigned char, 16> bytes = ccm_address_bytes(peer);
+    const bool loopback = is_v4(bytes) ? bytes[12] == 127 : bytes == loopback_v6;
+    const bool known = peer.ss_family == AF_INET || peer.ss_family == AF_INET6;
+    return known && (loopback || bytes == ccm_address_bytes(own));
 }

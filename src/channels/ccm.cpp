@@ -14,6 +14,7 @@
 #include "base/locks.h"
 #include "channels/connect.h"
 #include "channels/internal.h"
+#include "channels/resolver.h"
 
 namespace {
 
@@ -188,6 +189,7 @@ int ccm_close(ccm_context_t* ccm, ccm_error_t*) {
     if (ccm == nullptr) {
         return 0;
     }
+    resolver_forget(ccm);
     unregister_fork_locks();
     for (ccm_msg_queue* queue : {&ccm->sendq, &ccm->recvq, &ccm->msgq_2dispatch, &ccm->msgq_kept}) {
         queue_free_all(ccm, queue, &ccm->queue_lock);
@@ -214,6 +216,7 @@ int ccm_close(ccm_context_t* ccm, ccm_error_t*) {
 }
 
 void ccm_channel_closeall(ccm_context_t* ccm) {
+    resolver_forget(ccm);
     if (ccm == nullptr) {
         return;
     }

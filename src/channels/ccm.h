@@ -9,8 +9,10 @@
 #pragma once
 
 #include <pthread.h>
+#include <sys/socket.h>
 #include <sys/types.h>
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -112,6 +114,15 @@ unsigned char* ccm_user_context_content(ccm_connect_user_context_t* context);
 // Releases the credential, wipes and frees. Null allowed.
 void ccm_user_context_free(ccm_connect_user_context_t* context);
 
+// The two ends of an accepted connection, as they were when it was accepted: later its descriptor's number
+// may mean another one.
+struct ccm_caller {
+    sockaddr_storage own;
+    sockaddr_storage peer;
+    std::array<unsigned char, 16> group;  // ccm_caller_group of `peer`
+    bool own_host;                        // the peer is a process of this host
+};
+
 struct ccm_channel_queue {
     ccm_channel_t* first;
     ccm_channel_t* last;
@@ -154,6 +165,7 @@ struct ccm_channel_t {
     // Constant once chained.
     int ID;
     time_t accepted_at;  // of an accepted socket, on the alarm clock
+    ccm_caller caller;   // likewise
     ccm_backlog_t* backlog;
 
     // Under the context's channel_lock.
@@ -289,6 +301,8 @@ int ccm_channel_get_ip(ccm_context_t* ccm, int id, const char* name, char out[64
 // A copy of what a handler may want to know. 0, or -1 when there is no such channel. Both take the lock.
 int ccm_channel_copy(ccm_context_t* ccm, int id, ccm_channel_image_t* out);
 int ccm_channel_copybyName(ccm_context_t* ccm, const char* name, ccm_channel_image_t* out);
+// The ends of an accepted connection. 0, or -1 when there is no such channel.
+int ccm_channel_caller(ccm_context_t* ccm, int id, ccm_caller* out);
 // IDs of the channels of one type, both queues; at most `max` of them. Returns how many.
 int ccm_channel_collect(ccm_context_t* ccm, int type, int* ids, int max);
 

@@ -188,6 +188,19 @@ int ccm_channel_copybyName(ccm_context_t* ccm, const char* name, ccm_channel_ima
     return copy_found(ccm, ccm_channel_getbyName(ccm, name), out);
 }
 
+int ccm_channel_caller(ccm_context_t* ccm, int id, ccm_caller* out) {
+    ccm_channel_t* channel = ccm_channel_getbyID(ccm, id);
+    if (channel == nullptr) {
+        return -1;
+    }
+    const bool accepted = channel->type.load() == CH_TYPE_ACCEPTED;
+    if (accepted) {
+        *out = channel->caller;
+    }
+    ccm_channel_unlock(ccm);
+    return accepted ? 0 : -1;
+}
+
 int ccm_channel_collect(ccm_context_t* ccm, int type, int* ids, int max) {
     int number = 0;
     ccm_channel_lock(ccm);

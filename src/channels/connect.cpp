@@ -1,24 +1,30 @@
 #include "channels/connect.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <iterator>
 #include <utility>
 
 #include "channels/internal.h"
+#include "channels/resolver.h"
 
 namespace {
 
-// "call()|errno(text),S(socket(ID=n))|" as 2000102, from errno.
-int connect_failure(ccm_error_t* err, const char* call, const ccm_channel_t* channel) {
+// "call()|errno(text),S(socket(ID=n))|" as 2000102, from errno; closes the socket.
+int connect_failure(ccm_error_t* err, const char* call, int s, int id) {
     int number = errno;
-    return ccm_error_set(err, number, 2000102, "%s|%d(%s),S(%d(ID=%d))|", call, number, strerror(number),
-                         channel->s.load(), channel->ID);
+    if (s >= 0) {
+        close(s);
+    }
+    return ccm_error_set(err, number, 2000102, "%s|%d(%s),S(%d(ID=%d))|", call, number, strerror(number), s,
+                         id);
 }
 
 int new_socket(int family) {
@@ -26,28 +32,69 @@ int new_socket(int family) {
     return s < 0 ? -1 : descriptor_in_range(s);
 }
 
-// From the socket to the connect on its way.
-int start_connect(ccm_context_t* ccm, ccm_channel_t* channel, const sockaddr_in6& address, ccm_error_t* err) {
-    const auto* target = reinterpret_cast<const sockaddr*>(&address);
-    int s = new_socket(target->sa_family);
+int nonblocking_failure(ccm_error_t* err) {
+    return ccm_error_set(err, errno, 2000102, "ioctl(...,FIONBIO)|%d-%s", errno, strerror(errno));
+}
+
+int linger_failure(ccm_error_t* err, int s, int id) {
+    return ccm_error_set(err, errno, 2000102, "setsockopt(SO_LINGER,s=%d,ID=%d)|%d-%s", s, id, errno,
+                         strerror(errno));
+}
+
+int set_nonblocking(int s) {
+    int on = 1;
+    return ioctl(s, FIONBIO, &on);
+}
+
+int set_linger(int s, int onoff, int seconds) {
+    linger option{onoff, seconds};
+    return setsockopt(s, SOL_SOCKET, SO_LINGER, &option, sizeof option);
+}
+
+// Without a look-up: an address in figures, in brackets or not.
+bool numeric_address(const char* host, sockaddr_in6* out) {
+    std::string text = host == nullptr ? "" : host;
+    std::replace_if(
+        text.begin(), text.end(), [](char c) { return c == '[' || c == ']'; }, ' ');
+    text = std::string(strip(text));
+    *out = {};
+    auto* v4 = reinterpret_cast<sockaddr_in*>(out);
+    if (inet_pton(AF_INET, text.c_str(), &v4->sin_addr) == 1) {
+        v4->sin_family = AF_INET;
+        return true;
+    }
+    *out = {};
+    out->sin6_family = AF_INET6;
+    return inet_pton(AF_INET6, text.c_str(), &out->sin6_addr) == 1;
+}
+
+// The channel as it is chained; a refused connect may be read, destroyed and freed from then on.
+int chain_connecting(ccm_context_t* ccm, ccm_channel_t* channel, ccm_connect_user_context_t* cuc,
+                     int timeout_seconds) {
+    const int id = channel->ID;
+    const time_t now = alarm_now();
+    channel->timestamp_last_io = now;
+    channel->timestamp_last_read = now;
+    channel->connect_timeout_secs = timeout_seconds;
+    channel->connect_timeout = now + timeout_seconds;
+    channel->flag.fetch_or(CH_FLAG_CONNECTING);
+    channel->cuc = cuc;
+    ccm_channel_chain(ccm, channel);
+    return id;
+}
+
+// Directly or, for a name, once it was looked up. 0, or -1 and the channel is still the caller's.
+int start_connect(ccm_channel_t* channel, const char* host, int port, bool* by_name, ccm_error_t* err) {
+    sockaddr_in6 address;
+    *by_name = !numeric_address(host, &address);
+    if (*by_name) {
+        return 0;
+    }
+    address.sin6_port = htons(static_cast<uint16_t>(port));
+    ccm_address2string(&address, channel->addr, sizeof channel->addr);
+    const int s = connect_socket(channel->ID, address, err);
     channel->s = s;
-    if (s < 0) {
-        return connect_failure(err, "socket()", channel);
-    }
-    if (ccm_set_nonblocking(ccm, channel, err) != 0 ||
-        ccm_set_linger(ccm, channel, 1, ccm_linger_seconds, err) != 0) {
-        return -1;
-    }
-    sockaddr_in6 any{};
-    any.sin6_family = target->sa_family;
-    if (bind(s, reinterpret_cast<sockaddr*>(&any), ccm_address_length(target)) != 0) {
-        return connect_failure(err, "bind()", channel);
-    }
-    // An interrupted connect goes on by itself, like one that takes its time.
-    if (connect(s, target, ccm_address_length(target)) != 0 && errno != EINPROGRESS && errno != EINTR) {
-        return connect_failure(err, "connect()", channel);
-    }
-    return 0;
+    return s < 0 ? -1 : 0;
 }
 
 struct listen_address {
@@ -122,29 +169,28 @@ int open_listen_socket(const listen_address& where, const char* text, int port, 
     return s;
 }
 
-int listen_on(ccm_context_t* ccm, const char* text, int port, int backlog, int* bound_port,
-              ccm_error_t* err) {
+int open_listen(ccm_context_t* ccm, const char* text, int port, int backlog, ccm_error_t* err) {
     listen_address where;
     if (resolve_listen_address(ccm, text, port, &where, err) != 0) {
         return -1;
     }
-    int s = open_listen_socket(where, text, port, backlog, err);
-    if (s < 0) {
-        return -1;
-    }
+    return open_listen_socket(where, text, port, backlog, err);
+}
+
+// A channel of a socket that stands already.
+int adopt_socket(ccm_context_t* ccm, int s, int type, const char* name, int port, ccm_error_t* err) {
     ccm_channel_t* channel = nullptr;
     if (ccm_channel_new_entry(ccm, &channel, err) != 0) {
         close(s);
         return -1;
     }
     channel->s = s;
-    channel->type = CH_TYPE_LISTEN;
-    channel->port = bound_port_of(s);
-    copy_text(channel->name, ccm_name_listen);
-    if (bound_port != nullptr) {
-        *bound_port = channel->port;
-    }
-    return ccm_channel_chain(ccm, channel);
+    channel->type = type;
+    channel->port = port;
+    copy_text(channel->name, name);
+    const int id = channel->ID;
+    ccm_channel_chain(ccm, channel);
+    return id;
 }
 
 }  // namespace
@@ -152,11 +198,6 @@ int listen_on(ccm_context_t* ccm, const char* text, int port, int backlog, int* 
 int ccm_connect(ccm_context_t* ccm, const char* host, int port, int type, ccm_connect_user_context_t* cuc,
                 int timeout_seconds, ccm_error_t* err) {
     ccm_assert_no_spin_lock();
-    sockaddr_in6 address{};
-    if (ccm_hostname2address(host, CCM_PREFER_IPV4, &address, err) != 0) {
-        return -1;
-    }
-    address.sin6_port = htons(static_cast<uint16_t>(port));
     ccm_channel_t* channel = nullptr;
     if (ccm_channel_new_entry(ccm, &channel, err) != 0) {
         return -1;
@@ -164,36 +205,80 @@ int ccm_connect(ccm_context_t* ccm, const char* host, int port, int type, ccm_co
     channel->type = type;
     channel->port = port;
     copy_text(channel->host, host);
-    ccm_address2string(&address, channel->addr, sizeof channel->addr);
-    int id = channel->ID;
-    __log(2000348, "%s:%d(ID=%d)", host, port, id);
-    if (start_connect(ccm, channel, address, err) != 0) {
+    __log(2000348, "%s:%d(ID=%d)", host, port, channel->ID);
+    bool by_name = false;
+    if (start_connect(channel, host, port, &by_name, err) != 0) {
         ccm_channel_discard(ccm, channel, true);
         return -1;
     }
-    time_t now = alarm_now();
-    channel->timestamp_last_io = now;
-    channel->timestamp_last_read = now;
-    channel->connect_timeout_secs = timeout_seconds;
-    channel->connect_timeout = now + timeout_seconds;
-    channel->flag.fetch_or(CH_FLAG_CONNECTING);
-    channel->cuc = cuc;
-    // A refused connect may be read, destroyed and freed from here on.
-    ccm_channel_chain(ccm, channel);
+    const int id = chain_connecting(ccm, channel, cuc, timeout_seconds);
+    ccm_error_t fault;
+    if (by_name && resolver_connect(ccm, id, host, port, &fault) != 0) {
+        // As when the name has no address: the channel's end tells.
+        ccm_channel_failbyID(ccm, id, fault.msgnr, "%s", fault.msginsert);
+    }
     return id;
+}
+
+int connect_socket(int id, const sockaddr_in6& address, ccm_error_t* err) {
+    const auto* target = reinterpret_cast<const sockaddr*>(&address);
+    int s = new_socket(target->sa_family);
+    if (s < 0) {
+        return connect_failure(err, "socket()", s, id);
+    }
+    if (set_nonblocking(s) != 0) {
+        nonblocking_failure(err);
+        close(s);
+        return -1;
+    }
+    if (set_linger(s, 1, ccm_linger_seconds) != 0) {
+        linger_failure(err, s, id);
+        close(s);
+        return -1;
+    }
+    sockaddr_in6 any{};
+    any.sin6_family = target->sa_family;
+    if (bind(s, reinterpret_cast<sockaddr*>(&any), ccm_address_length(target)) != 0) {
+        return connect_failure(err, "bind()", s, id);
+    }
+    // An interrupted connect goes on by itself, like one that takes its time.
+    if (connect(s, target, ccm_address_length(target)) != 0 && errno != EINPROGRESS && errno != EINTR) {
+        return connect_failure(err, "connect()", s, id);
+    }
+    return s;
+}
+
+int ccm_open_listen(ccm_context_t* ccm, const char* address, int port, int backlog, ccm_error_t* err) {
+    std::string text = address == nullptr ? "" : address;
+    if (text != "*LOCAL") {
+        return open_listen(ccm, text.c_str(), port, backlog, err);
+    }
+    const int s = (ccm->flag.load() & CCM_FLAG_IPV6) != 0 ? open_listen(ccm, "::1", port, backlog, err) : -1;
+    return s >= 0 ? s : open_listen(ccm, "127.0.0.1", port, backlog, err);
+}
+
+int ccm_bound_port(int s) {
+    return bound_port_of(s);
+}
+
+int ccm_adopt_listen(ccm_context_t* ccm, int s, ccm_error_t* err) {
+    return adopt_socket(ccm, s, CH_TYPE_LISTEN, ccm_name_listen, bound_port_of(s), err);
+}
+
+int ccm_adopt_pair_end(ccm_context_t* ccm, int s, const char* name, ccm_error_t* err) {
+    return adopt_socket(ccm, s, CH_TYPE_IPC, name, 0, err);
 }
 
 int ccm_create_listen_port(ccm_context_t* ccm, const char* address, int port, int backlog, int* bound_port,
                            ccm_error_t* err) {
-    std::string text = address == nullptr ? "" : address;
-    if (text != "*LOCAL") {
-        return listen_on(ccm, text.c_str(), port, backlog, bound_port, err);
+    const int s = ccm_open_listen(ccm, address, port, backlog, err);
+    if (s < 0) {
+        return -1;
     }
-    if ((ccm->flag.load() & CCM_FLAG_IPV6) != 0 &&
-        listen_on(ccm, "::1", port, backlog, bound_port, err) == 0) {
-        return 0;
+    if (bound_port != nullptr) {
+        *bound_port = bound_port_of(s);
     }
-    return listen_on(ccm, "127.0.0.1", port, backlog, bound_port, err);
+    return ccm_adopt_listen(ccm, s, err) < 0 ? -1 : 0;
 }
 
 int ccm_create_listen(ccm_context_t* ccm, const char* address, int port, int backlog, ccm_error_t* err) {
@@ -220,18 +305,11 @@ int ccm_is_cp_connecting(ccm_context_t* ccm, const char* host, int port, ccm_err
 }
 
 int ccm_set_nonblocking(ccm_context_t*, ccm_channel_t* channel, ccm_error_t* err) {
-    int on = 1;
-    if (ioctl(channel->s.load(), FIONBIO, &on) != 0) {
-        return ccm_error_set(err, errno, 2000102, "ioctl(...,FIONBIO)|%d-%s", errno, strerror(errno));
-    }
-    return 0;
+    return set_nonblocking(channel->s.load()) == 0 ? 0 : nonblocking_failure(err);
 }
 
 int ccm_set_linger(ccm_context_t*, ccm_channel_t* channel, int onoff, int seconds, ccm_error_t* err) {
-    linger option{onoff, seconds};
-    if (setsockopt(channel->s.load(), SOL_SOCKET, SO_LINGER, &option, sizeof option) != 0) {
-        return ccm_error_set(err, errno, 2000102, "setsockopt(SO_LINGER,s=%d,ID=%d)|%d-%s", channel->s.load(),
-                             channel->ID, errno, strerror(errno));
-    }
-    return 0;
+    return set_linger(channel->s.load(), onoff, seconds) == 0
+               ? 0
+               : linger_failure(err, channel->s.load(), channel->ID);
 }

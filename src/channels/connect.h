@@ -1,7 +1,10 @@
-// Outgoing connections, listening sockets, and host names. Main thread; a name may take the resolver's time.
+// Outgoing connections, listening sockets, and host names. Main thread. A connect never waits for a name
+// (resolver.h); the other calls with a name take the resolver's time.
 #pragma once
 
 #include <netinet/in.h>
+
+#include <array>
 
 #include "channels/ccm.h"
 
@@ -22,6 +25,14 @@ int ccm_create_listen(ccm_context_t* ccm, const char* address, int port, int bac
 // The same, and the port that was bound.
 int ccm_create_listen_port(ccm_context_t* ccm, const char* address, int port, int backlog, int* bound_port,
                            ccm_error_t* err);
+// The socket alone, listening and non-blocking, or -1; the caller owns it.
+int ccm_open_listen(ccm_context_t* ccm, const char* address, int port, int backlog, ccm_error_t* err);
+// The port that a socket is bound to, 0 without one.
+int ccm_bound_port(int s);
+// Channels of sockets that were handed over, non-blocking: a listening one, and one end of a socket pair
+// under the name of its other end. The ID, or -1; the socket is the channel's, or closed after -1.
+int ccm_adopt_listen(ccm_context_t* ccm, int s, ccm_error_t* err);
+int ccm_adopt_pair_end(ccm_context_t* ccm, int s, const char* name, ccm_error_t* err);
 // 1 when a live channel of type 6 to that address and port exists, 0 if not, -1 when the name doesn't
 // resolve.
 int ccm_is_cp_connecting(ccm_context_t* ccm, const char* host, int port, ccm_error_t* err);
@@ -44,7 +55,11 @@ int ccm_getmyIP(int prefer, char* out, ccm_error_t* err);
 // Logs 2000066 for each address of a host.
 int ccm_log_all_ip(const char* host, ccm_error_t* err);
 int ccm_check_ipv6_support(ccm_error_t* err);
-// Loopback: 127/8, ::1, also as a mapped address.
-bool ccm_address_is_loopback(const char* address);
-// Equal addresses; "::ffff:a.b.c.d" is "a.b.c.d".
-bool ccm_address_equal(const char* left, const char* right);
+// An address as 16 bytes, IPv4 as a mapped one; zero for other families.
+std::array<unsigned char, 16> ccm_address_bytes(const sockaddr_storage& address);
+// Whom an address belongs to when callers are counted: an IPv4 address counts alone, an IPv6 address with all
+// others of its /64, which mostly is one host.
+std::array<unsigned char, 16> ccm_caller_group(const sockaddr_storage& address);
+// Whether the peer of a connection is this host: a loopback address (127/8, ::1) or the address of the own
+// end.
+bool ccm_is_own_host(const sockaddr_storage& own, const sockaddr_storage& peer);

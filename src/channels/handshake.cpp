@@ -1,8 +1,11 @@
 #include "channels/handshake.h"
 
+#include <array>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
+#include <set>
 
 #include "channels/internal.h"
 #include "channels/ipc.h"
@@ -10,6 +13,7 @@
 #include "messages/frame.h"
 #include "security/key_exchange.h"
 #include "security/key_store.h"
+#include "security/md5.h"
 
 namespace {
 
@@ -81,6 +85,38 @@ int classify_frame(const unsigned char* frame, int length, int* command, bool* i
     return 0;
 }
 
+// The init tokens that were accepted since the start: a token opens one connection. Who keeps or overhears
+// one could otherwise open more of them under its name. Only holders of a transfer key add to it. Main
+// thread.
+struct token_memory {
+    static constexpr size_t most = 8192;
+    // The part that the token's hash covers; what stands around it could be changed.
+    static constexpr size_t first = 18;
+    using digest = std::array<uint8_t, 16>;
+    std::set<digest> known;
+    std::deque<digest> in_order;
+
+    // False when the token was taken before.
+    bool take(const gss_buffer_desc& token) {
+        if (token.length < gss_init_token_size) {
+            return false;
+        }
+        digest sum;
+        MD5Generate(static_cast<const uint8_t*>(token.value) + first, gss_init_token_size - first,
+                    sum.data());
+        if (!known.insert(sum).second) {
+            return false;
+        }
+        in_order.push_back(sum);
+        if (in_order.size() > most) {
+            known.erase(in_order.front());
+            in_order.pop_front();
+        }
+        return true;
+    }
+};
+token_memory accepted_tokens;
+
 // Accepts the init token of a frame. 0, and the context and the answering token are the caller's.
 int accept_token(EX_PCX* pcx, const unsigned char* frame, int length, gss_ctx_id_t* context,
                  gss_buffer_t answer, qx7_error* error) {
@@ -102,6 +138,11 @@ int accept_token(EX_PCX* pcx, const unsigned char* frame, int length, gss_ctx_id
         return mechanism_failure(error, "gss_accept_sec_context", major, minor);
     }
     gss_release_OID(&minor, &mech);
+    if (!accepted_tokens.take(token)) {
+        gss_release_buffer(&minor, answer);
+        gss_delete_sec_context(&minor, context, nullptr);
+        return mechanism_failure(error, "gss_accept_sec_context", GSS_S_DUPLICATE_TOKEN, GSS_MINOR_PARAMETER);
+    }
     return 0;
 }
 

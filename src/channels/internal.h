@@ -1,6 +1,8 @@
 // What the files of this folder share. Not for others.
 #pragma once
 
+#include <netinet/in.h>
+
 #include "base/context.h"
 #include "base/log.h"
 #include "base/memory.h"
@@ -65,6 +67,9 @@ void channel_post_close(ccm_context_t* ccm, const ccm_channel_t* channel, bool w
 // Frees the record and what it owns, without log or event. `free_user_context` false leaves `cuc`.
 void channel_free(ccm_context_t* ccm, ccm_channel_t* channel, bool free_user_context);
 
+// A socket whose connect is on its way, or -1; `id` is its channel's, for the error. Any thread.
+int connect_socket(int id, const sockaddr_in6& address, ccm_error_t* err);
+
 // Whether a descriptor can be watched; one that is too high is closed, with errno EMFILE.
 int descriptor_in_range(int fd);
 // Both ends of a pair: 0, or -1 with both closed and set to -1, errno EMFILE.
@@ -80,16 +85,23 @@ int ccm_write_channel(ccm_context_t* ccm, ccm_channel_t* channel);
 int ccm_cut_frames(ccm_context_t* ccm, ccm_channel_t* channel);
 // Whether frames of the channel wait until the main thread has caught up.
 bool channel_held_back(ccm_channel_t* channel);
-// How many callers a listener bears, and how many of them from one address. The second does not count for
-// processes of this host: there may be many jobs, and all of them report from one address. Changed by tests
-// only.
+// How many callers a listener bears, how many of these places only processes of this host get, and how many
+// callers of one group (ccm_caller_group) may come from other hosts. The jobs of this host all report from
+// one address and must reach their agent whoever else calls. Changed by tests only.
 struct ccm_accept_limits {
     int all = 512;
-    int address = 32;
+    int own_host = 128;
+    int group = 32;
 };
 extern ccm_accept_limits ccm_limits;
-// Whether the share of `address` with `same` callers is used up; `own` is this host's end of the connection.
-bool ccm_share_used_up(const char* address, const char* own, int same);
+struct ccm_caller_counts {
+    int all = 0;
+    int remote = 0;  // from other hosts
+    int group = 0;   // of the new caller's group
+};
+enum ccm_room { CCM_ROOM_FREE, CCM_ROOM_GROUP_FULL, CCM_ROOM_REMOTE_FULL, CCM_ROOM_FULL };
+// Whether there is room for one more caller.
+ccm_room ccm_judge_caller(const ccm_caller_counts& now, bool own_host);
 void ccm_signal_on_listen(ccm_context_t* ccm, ccm_channel_t* channel);
 void descriptor_fifo_clear(ccm_descriptor_fifo* fifo);
 

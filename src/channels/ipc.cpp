@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "base/log_origin.h"
 #include "channels/connect.h"
 #include "channels/handshake.h"
 #include "channels/internal.h"
@@ -18,6 +19,31 @@ namespace {
 
 constexpr int placeholder_limit = 512;
 line_budget failed_handshakes{200, 2};
+// The listener keeps to less by itself (ipc_dispatch.cpp); one that was taken over does not.
+line_budget listener_lines{1200, 12};
+
+struct number_range {
+    int first;
+    int last;
+};
+
+// What a listener has to say with a number of its own: its start and end, its callers and what they sent. Any
+// other number, such as a job's end or a cancel, would be believed for the agent's.
+constexpr number_range listener_numbers[] = {
+    {1002201, 1002210}, {1002401, 1002413}, {2000033, 2000033}, {2000064, 2000064}, {2000098, 2000098},
+    {2000102, 2000102}, {2000134, 2000136}, {2000213, 2000215}, {2000361, 2000361}, {2002002, 2002002},
+    {2002036, 2002040}, {2003043, 2003043}, {2003049, 2003049}, {2003057, 2003057}, {2003060, 2003061},
+    {2003063, 2003067}, {2003073, 2003073}, {3301, 3301},
+};
+
+bool listener_may_say(int number) {
+    for (const number_range& range : listener_numbers) {
+        if (number >= range.first && number <= range.last) {
+            return true;
+        }
+    }
+    return number < 0;
+}
 
 // The fixed part of a record whose size the policy has tested.
 template <class Record>
@@ -181,10 +207,17 @@ int gsshs_remote_in_listener(ccm_context_t* ccm, const ccm_msg_t* msg, const ipc
 // ---- adoption
 // ----------------------------------------------------------------------------------------------------
 
-bool is_stream_socket(int fd) {
-    int type = 0;
-    socklen_t length = sizeof type;
-    return getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &length) == 0 && type == SOCK_STREAM;
+bool socket_option_is(int fd, int option, int wanted) {
+    int value = 0;
+    socklen_t length = sizeof value;
+    return getsockopt(fd, SOL_SOCKET, option, &value, &length) == 0 && value == wanted;
+}
+
+// A connection over the network and nothing else: only such a one was accepted.
+bool is_connection(int fd) {
+    const bool internet =
+        socket_option_is(fd, SO_DOMAIN, AF_INET) || socket_option_is(fd, SO_DOMAIN, AF_INET6);
+    return internet && socket_option_is(fd, SO_TYPE, SOCK_STREAM) && socket_option_is(fd, SO_ACCEPTCONN, 0);
 }
 
 void peer_text(int fd, char out[64]) {
@@ -196,15 +229,33 @@ void peer_text(int fd, char out[64]) {
     }
 }
 
-// Gives the placeholder its socket. The type comes last: from then on the network thread reads the channel.
-bool adopt(ccm_context_t* ccm, const ipcmsg_passfd_t& record, int fd, const char* address) {
+enum adoption { adoption_done, adoption_unexpected, adoption_wrong_name };
+
+// The name that the token proved is the only one that counts, and the system's is the server's alone: under
+// it an agent would be believed where only the server is.
+bool is_proved_name(const EX_PCX* pcx, std::string_view name, std::string_view proved) {
+    return name == proved && !equal_ignore_case(name, strip(field_text(pcx->sysName)));
+}
+
+// Gives the placeholder its socket. The type comes last: from then on the network thread reads the channel. A
+// placeholder whose caller uses another name than the proved one is deleted, and that name is in `proved`.
+adoption adopt(EX_PCX* pcx, ccm_context_t* ccm, const ipcmsg_passfd_t& record, int fd, const char* address,
+               char (&proved)[gss_name_size + 1]) {
     ccm_channel_t* channel = ccm_channel_getbyID(ccm, record.agentID);
     if (channel == nullptr) {
-        return false;
+        return adoption_unexpected;
     }
     bool expected = channel->type.load() == CH_TYPE_PLACEHOLDER && channel->remoteID == record.listenerID &&
                     channel->pATctx != nullptr;
+    adoption result = expected ? adoption_done : adoption_unexpected;
     if (expected) {
+        copy_text(proved, strip(gss_partner_name(*channel->pATctx)));
+        if (!is_proved_name(pcx, field_text(record.name), proved)) {
+            ccm_channel_delete(ccm, channel);
+            result = adoption_wrong_name;
+        }
+    }
+    if (result == adoption_done) {
         copy_text(channel->name, field_text(record.name));
         memcpy(channel->addr, address, sizeof channel->addr);
         copy_text(channel->host, field_text(channel->addr));
@@ -217,10 +268,19 @@ bool adopt(ccm_context_t* ccm, const ipcmsg_passfd_t& record, int fd, const char
         channel->type.store(CH_TYPE_AGENT, std::memory_order_release);
     }
     ccm_channel_unlock(ccm);
-    if (expected) {
+    if (result == adoption_done) {
         ccm_wakeup_network(ccm);
     }
-    return expected;
+    return result;
+}
+
+// What is not adopted is closed with its message and answered.
+int refuse_descriptor(ccm_context_t* ccm, const ccm_msg_t* msg, const ipcmsg_passfd_t& record) {
+    char insert[32];
+    snprintf(insert, sizeof insert, "%d", record.agentID);
+    __log(2003061, "%s", insert);
+    reply_remote_close(ccm, msg, record.listenerID, 2003061, insert);
+    return -1;
 }
 
 }  // namespace
@@ -248,7 +308,25 @@ int process_IPC_message(EX_PCX* pcx, ccm_context_t* ccm, ccm_msg_t* msg, const i
 
 int process_ipc_logging(EX_PCX*, ccm_msg_t* msg, int) {
     auto record = record_of<ipcmsg_logging_t>(msg);
-    __log(record.msgnr, "%s", printable(field_text(record.msginsert)).c_str());
+    const std::string text = printable(field_text(record.msginsert));
+    if (msg->origin != CCM_FROM_LISTENER) {
+        const log_origin_mark mark("worker");
+        __log(record.msgnr, "%s", text.c_str());
+        return 0;
+    }
+    const log_origin_mark mark("listener");
+    int dropped = 0;
+    if (!listener_lines.take(alarm_now(), &dropped)) {
+        return 0;
+    }
+    if (dropped > 0) {
+        __log(-1, "%d lines before this one were not logged, they came too fast", dropped);
+    }
+    if (!listener_may_say(record.msgnr)) {
+        __log(-1, "a line with number %d, which is not the listener's: %s", record.msgnr, text.c_str());
+        return 0;
+    }
+    __log(record.msgnr, "%s", text.c_str());
     return 0;
 }
 
@@ -301,17 +379,17 @@ int process_ipc_passfd(EX_PCX* pcx, ccm_msg_t* msg, int) {
     std::string_view name = field_text(record.name);
     bool named = ccm_name_acceptable(name.data(), name.size());
     char address[64] = "";
-    bool usable = fd >= 0 && named && is_stream_socket(fd) && fcntl(fd, F_SETFL, O_NONBLOCK) == 0;
+    char proved[gss_name_size + 1] = "";
+    bool usable = fd >= 0 && named && is_connection(fd) && fcntl(fd, F_SETFL, O_NONBLOCK) == 0;
     if (usable) {
         peer_text(fd, address);
     }
-    if (!usable || !adopt(ccm, record, fd, address)) {
-        // The message still owns the descriptor and closes it.
-        char insert[32];
-        snprintf(insert, sizeof insert, "%d", record.agentID);
-        __log(2003061, "%s", insert);
-        reply_remote_close(ccm, msg, record.listenerID, 2003061, insert);
-        return -1;
+    const adoption result = usable ? adopt(pcx, ccm, record, fd, address, proved) : adoption_unexpected;
+    if (result == adoption_wrong_name) {
+        __log(2000061, "%s|%s|", std::string(name).c_str(), printable(proved).c_str());
+    }
+    if (result != adoption_done) {
+        return refuse_descriptor(ccm, msg, record);
     }
     msg->passfd = -1;
     __log(2003062, "s=%d/ID=%d|s=%d/ID=%d", record.fd, record.listenerID, fd, record.agentID);

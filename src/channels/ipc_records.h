@@ -53,12 +53,18 @@ struct ipcmsg_channel_id_t {
 };
 static_assert(sizeof(ipcmsg_channel_id_t) == 20);
 
-// NATMELD: `len` bytes follow: a MELD message, and 4 bytes with the uid of its sender (all ones: unknown).
+// NATMELD: `len` bytes follow: a MELD message, and a meld_ends.
 struct ipcmsg_natmeld_t {
     ipcmsg_header_t header;
     int32_t replyID;
     int32_t len;
 };
+// Both ends of the connection that brought a MELD, as the listener names them.
+struct meld_ends {
+    sockaddr_storage own;
+    sockaddr_storage peer;
+};
+static_assert(sizeof(meld_ends) == 256);
 static_assert(sizeof(ipcmsg_natmeld_t) == 24);
 
 // NATQUITT: `len` bytes of a QUITT message follow.

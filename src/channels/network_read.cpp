@@ -85,12 +85,13 @@ bool take_descriptors(ccm_channel_t* channel, msghdr* head) {
     return fits;
 }
 
-// Bytes read, 0 at the partner's end, -1 with errno; -2 when the channel was ended here.
+// Bytes read, 0 at the partner's end, -1 with errno; -2 when the channel was ended here. A process that passed
+// a socket shares its flags and could make it wait: the call says itself that it does not.
 ssize_t receive_bytes(ccm_context_t* ccm, ccm_channel_t* channel) {
     unsigned char* at = channel->recv_buffer + channel->recv_pos;
     auto room = static_cast<size_t>(channel->recv_size - channel->recv_pos);
     if (channel->type.load() != CH_TYPE_IPC) {
-        return recv(channel->s.load(), at, room, 0);
+        return recv(channel->s.load(), at, room, MSG_DONTWAIT);
     }
     alignas(cmsghdr) unsigned char control[ccm_control_size];
     iovec piece{at, room};
@@ -99,7 +100,7 @@ ssize_t receive_bytes(ccm_context_t* ccm, ccm_channel_t* channel) {
     head.msg_iovlen = 1;
     head.msg_control = control;
     head.msg_controllen = sizeof control;
-    ssize_t got = recvmsg(channel->s.load(), &head, MSG_CMSG_CLOEXEC);
+    ssize_t got = recvmsg(channel->s.load(), &head, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
     if (got > 0 && !take_descriptors(channel, &head)) {
         channel_fail(ccm, channel, 2002036, "%s|%d(%s),S(%d(ID=%d))|", channel->name, EMSGSIZE,
                      "too many descriptors", channel->s.load(), channel->ID);

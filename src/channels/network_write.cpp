@@ -45,7 +45,8 @@ ssize_t write_piece(ccm_channel_t* channel, ccm_msg_t* msg, size_t offered) {
         head.msg_control = msg->control_data;
         head.msg_controllen = msg->control_len;
     }
-    ssize_t written = sendmsg(channel->s.load(), &head, MSG_NOSIGNAL | (more_of_frame ? MSG_MORE : 0));
+    const int flags = MSG_NOSIGNAL | MSG_DONTWAIT | (more_of_frame ? MSG_MORE : 0);
+    ssize_t written = sendmsg(channel->s.load(), &head, flags);
     if (written < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
         return 0;
     }
@@ -71,14 +72,20 @@ int seal_if_wanted(ccm_context_t* ccm, ccm_channel_t* channel, ccm_msg_t* msg) {
 }
 
 struct callers {
-    int all = 0;
-    int same = 0;            // from the address that is asked for
-    int silent_ID = 0;       // of the caller who has said nothing for longest, 0 without one
-    int same_silent_ID = 0;  // likewise of that address
+    ccm_caller_counts count;
+    int silent_ID = 0;        // of the caller who has said nothing for longest, 0 without one
+    int remote_silent_ID = 0;  // likewise of those from other hosts
+    int group_silent_ID = 0;  // likewise of the group that is asked for
 };
 
+void note_first(int* id, bool wanted, const ccm_channel_t* channel) {
+    if (wanted && *id == 0) {
+        *id = channel->ID;
+    }
+}
+
 // The IDs grow with time, and the walk goes from the oldest channel to the newest.
-callers callers_now(ccm_context_t* ccm, const char* address) {
+callers callers_now(ccm_context_t* ccm, const ccm_caller& caller) {
     callers now;
     const time_t silent_since = alarm_now() - ccm_accepted_silence;
     spin_guard guard(&ccm->channel_lock);
@@ -87,43 +94,40 @@ callers callers_now(ccm_context_t* ccm, const char* address) {
             if (channel->type.load() != CH_TYPE_ACCEPTED || channel_has(channel, CH_FLAG_DELETED)) {
                 continue;
             }
-            const bool same = strcmp(channel->addr, address) == 0;
+            const bool same = channel->caller.group == caller.group;
+            const bool remote = !channel->caller.own_host;
             const bool silent = !channel_has(channel, CH_FLAG_SPOKE) && channel->accepted_at <= silent_since;
-            ++now.all;
-            now.same += same ? 1 : 0;
-            if (silent && now.silent_ID == 0) {
-                now.silent_ID = channel->ID;
-            }
-            if (silent && same && now.same_silent_ID == 0) {
-                now.same_silent_ID = channel->ID;
-            }
+            ++now.count.all;
+            now.count.remote += remote ? 1 : 0;
+            now.count.group += same ? 1 : 0;
+            note_first(&now.silent_ID, silent, channel);
+            note_first(&now.remote_silent_ID, silent && remote, channel);
+            note_first(&now.group_silent_ID, silent && same, channel);
         }
     }
     return now;
 }
 
-// This host's end of a connection as text.
-std::string own_end(int s) {
-    sockaddr_storage own{};
-    socklen_t length = sizeof own;
-    char text[64] = "";
-    if (getsockname(s, reinterpret_cast<sockaddr*>(&own), &length) == 0) {
-        ccm_address2string(&own, text, sizeof text);
-    }
-    return text;
-}
-
 // Whether one more caller may stay. Who holds a connection without a word has to make room: otherwise a
 // handful of idle connections would keep the jobs of this host from reporting.
-bool make_room(ccm_context_t* ccm, int s, const char* address) {
-    const callers now = callers_now(ccm, address);
-    const bool share_used_up =
-        now.same >= ccm_limits.address && ccm_share_used_up(address, own_end(s).c_str(), now.same);
-    if (now.all < ccm_limits.all && !share_used_up) {
-        return true;
+bool make_room(ccm_context_t* ccm, const ccm_caller& caller) {
+    const callers now = callers_now(ccm, caller);
+    int leaving_ID = 0;
+    switch (ccm_judge_caller(now.count, caller.own_host)) {
+        case CCM_ROOM_FREE:
+            return true;
+        case CCM_ROOM_GROUP_FULL:
+            leaving_ID = now.group_silent_ID;
+            break;
+        case CCM_ROOM_REMOTE_FULL:
+            leaving_ID = now.remote_silent_ID;
+            break;
+        case CCM_ROOM_FULL:
+            leaving_ID = now.silent_ID;
+            break;
     }
     ccm_channel_image_t leaving;
-    if (ccm_channel_copy(ccm, share_used_up ? now.same_silent_ID : now.silent_ID, &leaving) != 0) {
+    if (ccm_channel_copy(ccm, leaving_ID, &leaving) != 0) {
         return false;
     }
     ccm_channel_failbyID(ccm, leaving.ID, 2000064, "%s|%d|", leaving.addr, ccm_accepted_silence);
@@ -157,8 +161,21 @@ uint16_t port_of(const sockaddr_storage& peer) {
     return ntohs(reinterpret_cast<const sockaddr_in&>(peer).sin_port);
 }
 
+// A socket whose own end nobody tells is a stranger's.
+ccm_caller caller_of(int s, const sockaddr_storage& peer) {
+    ccm_caller caller{};
+    caller.peer = peer;
+    socklen_t length = sizeof caller.own;
+    if (getsockname(s, reinterpret_cast<sockaddr*>(&caller.own), &length) != 0) {
+        caller.own = {};
+    }
+    caller.group = ccm_caller_group(peer);
+    caller.own_host = ccm_is_own_host(caller.own, peer);
+    return caller;
+}
+
 // Everything is set before the channel is chained, and it is chained before the main thread hears of it.
-void adopt_accepted(ccm_context_t* ccm, int s, const sockaddr_storage& peer, const char* address) {
+void adopt_accepted(ccm_context_t* ccm, int s, const ccm_caller& caller, const char* address) {
     ccm_error_t error;
     ccm_channel_t* channel = nullptr;
     if (ccm_channel_new_entry(ccm, &channel, &error) != 0) {
@@ -167,7 +184,8 @@ void adopt_accepted(ccm_context_t* ccm, int s, const sockaddr_storage& peer, con
     }
     channel->s = s;
     channel->type = CH_TYPE_ACCEPTED;
-    channel->port = port_of(peer);
+    channel->port = port_of(caller.peer);
+    channel->caller = caller;
     copy_text(channel->addr, address);
     copy_text(channel->host, address);
     // The socket works without linger as well; accept has made it non-blocking.
@@ -215,12 +233,13 @@ bool accept_one(ccm_context_t* ccm, ccm_channel_t* listen_channel) {
     }
     char address[64];
     ccm_address2string(&peer, address, sizeof address);
-    if (!make_room(ccm, s, address)) {
+    const ccm_caller caller = caller_of(s, peer);
+    if (!make_room(ccm, caller)) {
         close(s);
         log_turned_away(address);
         return true;
     }
-    adopt_accepted(ccm, s, peer, address);
+    adopt_accepted(ccm, s, caller, address);
     return true;
 }
 
@@ -228,9 +247,14 @@ bool accept_one(ccm_context_t* ccm, ccm_channel_t* listen_channel) {
 
 ccm_accept_limits ccm_limits;
 
-bool ccm_share_used_up(const char* address, const char* own, int same) {
-    return same >= ccm_limits.address && !ccm_address_is_loopback(address) &&
-           !ccm_address_equal(address, own);
+ccm_room ccm_judge_caller(const ccm_caller_counts& now, bool own_host) {
+    if (!own_host && now.group >= ccm_limits.group) {
+        return CCM_ROOM_GROUP_FULL;
+    }
+    if (!own_host && now.remote >= ccm_limits.all - ccm_limits.own_host) {
+        return CCM_ROOM_REMOTE_FULL;
+    }
+    return now.all >= ccm_limits.all ? CCM_ROOM_FULL : CCM_ROOM_FREE;
 }
 
 int ccm_write_channel(ccm_context_t* ccm, ccm_channel_t* channel) {

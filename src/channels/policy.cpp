@@ -155,6 +155,13 @@ std::string shown_name(const unsigned char* text, int len, int width) {
         strnlen(reinterpret_cast<const char*>(text), static_cast<size_t>(std::min(len, width))))));
 }
 
+// Offset and key as the checks of a frame write them.
+std::string shown_key(int key) {
+    char text[16];
+    snprintf(text, sizeof text, "0|%.2x", static_cast<unsigned>(key));
+    return text;
+}
+
 // A line for the operator: what came, from whom; then the channel ends.
 void end_sender(ccm_context_t* ccm, const ccm_msg_t* msg) {
     int id = msg->addr.src_ID;
@@ -177,7 +184,7 @@ void end_sender(ccm_context_t* ccm, const ccm_msg_t* msg) {
             break;
         default:
             number = 1002208;
-            what = "0|" + std::to_string(msg->protocol_key);
+            what = shown_key(msg->protocol_key) + "|not from this partner";
             break;
     }
     if (alive) {

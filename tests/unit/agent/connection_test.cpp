@@ -8,6 +8,7 @@
 #include "agent_fixture.h"
 #include "base/time.h"
 #include "messages/conversion.h"
+#include "messages/records_connection.h"
 #include "messages/records_server.h"
 #include "messages/view.h"
 
@@ -315,6 +316,33 @@ TEST_F(log_stream, waits_while_the_log_changes) {
     EXPECT_EQ(pcx->report_id_neu, 6);
     send_log2server(pcx, 40);
     EXPECT_EQ(ZULOGG_NrMsg(pcx->logHnd), 0);
+}
+
+TEST_F(connection, after_a_card_with_another_name_no_other_counts) {
+    ccm_channel_t* channel = nullptr;
+    ccm_error_t error;
+    ASSERT_EQ(ccm_channel_new_entry(pcx->ccm, &channel, &error), 0);
+    channel->type = CH_TYPE_AGENT;
+    channel->cuc = ccm_user_context_new(0);
+    copy_text(channel->cuc->name, "WANTED");
+    channel->cuc->pDelegCred = new gss_cred_id_struct;
+    const int id = channel->ID;
+    ccm_channel_chain(pcx->ccm, channel);
+    const auto present = [&](const char* name) {
+        executor_data card;
+        memset(&card, ' ', sizeof card);
+        put_field(card.name, name);
+        ccm_msg_t* msg = channels.received(std::string(reinterpret_cast<const char*>(&card), sizeof card));
+        msg->addr.src_ID = id;
+        const int result = process_executor_data(pcx, msg);
+        ccm_msg_free(pcx->ccm, msg);
+        return result;
+    };
+    EXPECT_EQ(present("OTHER"), -1);
+    EXPECT_EQ(logged_count(2000061), 1);
+    EXPECT_EQ(ccm_channel_existbyID(pcx->ccm, id), 0) << "deleted at once";
+    EXPECT_EQ(present("WANTED"), -1);
+    EXPECT_EQ(logged_count(2000006), 0);
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 #include "base/log.h"
+#include "base/log_origin.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -127,6 +128,19 @@ TEST_F(LogTest, LinesHaveStampAndNumber) {
     EXPECT_EQ(ZULOGG_NrMsg(pcx->logHnd), 5);
     ZULOGG_Text(pcx->logHnd, std::string(5000, 'x').c_str(), -1);
     EXPECT_EQ(texts(dir.read("log00")).back().size(), 2047U - 22U);
+}
+
+TEST_F(LogTest, LinesOfAnotherProcessAreMarked) {
+    ASSERT_EQ(OpenLogFile(pcx), 0);
+    {
+        const log_origin_mark mark("listener");
+        __log(100, "%s|%s|", "QX7", "1.0");
+        LogMessage(-1, "a line");
+    }
+    LogMessage(-1, "its own");
+    const std::vector<std::string> expected = {"U00000100 'QX7' started, version '1.0' [listener]",
+                                               "a line [listener]", "its own"};
+    EXPECT_EQ(texts(dir.read("log00")), expected);
 }
 
 TEST_F(LogTest, TheThreadColumnAndDumpsLineUp) {

@@ -1,13 +1,18 @@
 #include <arpa/inet.h>
+#include <dlfcn.h>
 #include <fcntl.h>
+#include <netdb.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 
 #include "base/time.h"
 #include "channels/internal.h"
 #include "channels/line_budget.h"
+#include "channels/resolver.h"
 #include "fixture.h"
 #include "loopback.h"
 
@@ -86,12 +91,111 @@ TEST_F(ccm_test, a_connect_that_fails_at_once_leaves_the_context_to_the_caller) 
     EXPECT_EQ(record.ccmch.type, CH_TYPE_CP_CANDIDATE);
     EXPECT_EQ(record.ccmch.cuc, 0U);
     EXPECT_EQ(record.cuc.key[0], '\0');
-    EXPECT_EQ(ccm_connect(ccm, "no such host.invalid", 80, CH_TYPE_AGENT, cuc, 10, &error), -1);
-    EXPECT_EQ(std::string(error.msginsert).substr(0, 12), "getaddrinfo|");
     ccm_user_context_free(cuc);
     int probe = open("/dev/null", O_RDONLY | O_CLOEXEC);
     EXPECT_GT(probe, 2);  // a channel without a socket closed no descriptor 0
     close(probe);
+}
+
+namespace {
+
+// The name service of these tests: "slow.test" is answered once it may be, and so is the own host's name.
+std::atomic<bool> name_service_answers{true};
+std::atomic<int> names_asked{0};
+
+}  // namespace
+
+extern "C" int getaddrinfo(const char* node, const char* service, const addrinfo* hints, addrinfo** result) {
+    using function = int (*)(const char*, const char*, const addrinfo*, addrinfo**);
+    static const auto real = reinterpret_cast<function>(dlsym(RTLD_NEXT, "getaddrinfo"));
+    char own[256] = {};
+    gethostname(own, sizeof own - 1);
+    if (node == nullptr || (strcmp(node, "slow.test") != 0 && strcmp(node, own) != 0)) {
+        return real(node, service, hints, result);
+    }
+    ++names_asked;
+    while (!name_service_answers) {
+        poll(nullptr, 0, 1);
+    }
+    return real("127.0.0.1", service, hints, result);
+}
+
+struct name_test : ccm_test {
+    int asked = names_asked;
+    ccm_error_t error;
+
+    name_test() {
+        name_service_answers = false;
+        start();
+    }
+    ~name_test() override {
+        name_service_answers = true;
+        EXPECT_TRUE(eventually([] { return resolver_lookups() == 0; }));
+    }
+    int connect_slow(int port, int seconds = 10) {
+        const int64_t begin = alarm_now_ms();
+        const int id = ccm_connect(ccm, "slow.test", port, CH_TYPE_AGENT, nullptr, seconds, &error);
+        EXPECT_GT(id, 0) << error.msginsert;
+        EXPECT_LT(alarm_now_ms() - begin, 1000) << "the main thread waited for the name";
+        EXPECT_TRUE(eventually([&] { return names_asked > asked; }));
+        return id;
+    }
+};
+
+TEST_F(name_test, a_slow_name_service_holds_nobody_up) {
+    int port = 0;
+    ASSERT_EQ(ccm_create_listen_port(ccm, "127.0.0.1", 0, 10, &port, &error), 0);
+    const int id = connect_slow(port);
+    ccm_channel_image_t image;
+    ASSERT_EQ(ccm_channel_copy(ccm, id, &image), 0);
+    EXPECT_EQ(image.s, -1);
+    EXPECT_EQ(image.flag & CH_FLAG_CONNECTING, CH_FLAG_CONNECTING);
+    name_service_answers = true;
+    ccm_msg_t* msg = receive_record(ipc_channel_accept);
+    EXPECT_NE(msg, nullptr);
+    free(msg);
+    ASSERT_EQ(ccm_channel_copy(ccm, id, &image), 0);
+    EXPECT_GE(image.s, 0);
+    EXPECT_STREQ(image.addr, "127.0.0.1");
+    // A name without address ends as a refused connect does.
+    const int lost = ccm_connect(ccm, "no such host.invalid", 80, CH_TYPE_AGENT, nullptr, 10, &error);
+    ASSERT_GT(lost, 0);
+    image = close_event(lost);
+    EXPECT_EQ(image.msgnr, 2000102);
+    EXPECT_EQ(std::string(image.msginsert).substr(0, 12), "getaddrinfo|");
+}
+
+TEST_F(name_test, the_time_limit_counts_for_the_name_too) {
+    const int id = connect_slow(closed_port(), 10);
+    EXPECT_EQ(ccm_channel_check_timeouts(ccm, alarm_now() + 11), 1);
+    EXPECT_EQ(close_event(id).msgnr, 2000064);
+    // An answer behind the channel's end touches nothing, and neither does one behind the channel manager's.
+    name_service_answers = true;
+    EXPECT_TRUE(eventually([] { return resolver_lookups() == 0; }));
+    name_service_answers = false;
+    connect_slow(closed_port());
+    ccm_thread_end(ccm);
+    ccm_channel_closeall(ccm);
+}
+
+TEST_F(name_test, names_that_are_looked_up_are_bounded) {
+    std::vector<int> ids;
+    for (int at = 0; at <= resolver_threads_max; ++at) {
+        ids.push_back(connect_slow(closed_port()));
+    }
+    const ccm_channel_image_t image = close_event(ids.back());
+    EXPECT_EQ(image.msgnr, 2000102);
+    name_service_answers = true;
+    EXPECT_TRUE(eventually([&] { return logged(2002036) == resolver_threads_max; }));
+}
+
+TEST_F(name_test, the_own_hosts_name_is_not_waited_for) {
+    const int64_t begin = alarm_now_ms();
+    EXPECT_TRUE(resolver_own_host().empty());
+    EXPECT_LT(alarm_now_ms() - begin, 1000);
+    name_service_answers = true;
+    EXPECT_TRUE(eventually([] { return !resolver_own_host().empty(); }));
+    EXPECT_EQ(resolver_own_host().front(), htonl(INADDR_LOOPBACK));
 }
 
 TEST_F(ccm_test, listener_and_caller) {
@@ -113,7 +217,9 @@ TEST_F(ccm_test, listener_and_caller) {
     EXPECT_EQ(image.type, CH_TYPE_ACCEPTED);
     bool ipv6 = (ccm->flag.load() & CCM_FLAG_IPV6) != 0;
     EXPECT_STREQ(image.addr, ipv6 ? "::ffff:127.0.0.1" : "127.0.0.1");
-    EXPECT_TRUE(ccm_address_is_loopback(image.addr));
+    ccm_caller caller;
+    ASSERT_EQ(ccm_channel_caller(ccm, id, &caller), 0);
+    EXPECT_TRUE(caller.own_host);
     EXPECT_EQ(image.flag & CH_FLAG_CONNECTING, CH_FLAG_CONNECTING);
     EXPECT_EQ(image.connect_timeout_secs, 60);
     // The time limit of a caller who says nothing.
@@ -126,13 +232,62 @@ TEST_F(ccm_test, listener_and_caller) {
     EXPECT_EQ(ccm_get_nof_connections(ccm), 1);
 }
 
-TEST(accept_limits, count_strangers_by_address_and_leave_this_host_alone) {
-    const int most = ccm_limits.address;
-    EXPECT_FALSE(ccm_share_used_up("192.0.2.7", "192.0.2.1", most - 1));
-    EXPECT_TRUE(ccm_share_used_up("192.0.2.7", "192.0.2.1", most));
-    EXPECT_TRUE(ccm_share_used_up("2001:db8::7", "2001:db8::1", most));
-    for (const char* local : {"127.0.0.1", "::1", "::ffff:127.0.0.1", "192.0.2.1", "::ffff:192.0.2.1"}) {
-        EXPECT_FALSE(ccm_share_used_up(local, "192.0.2.1", 10 * most)) << local;
+sockaddr_storage address_of(const char* text) {
+    sockaddr_storage storage{};
+    auto* v4 = reinterpret_cast<sockaddr_in*>(&storage);
+    auto* v6 = reinterpret_cast<sockaddr_in6*>(&storage);
+    if (inet_pton(AF_INET, text, &v4->sin_addr) == 1) {
+        storage.ss_family = AF_INET;
+    } else if (inet_pton(AF_INET6, text, &v6->sin6_addr) == 1) {
+        storage.ss_family = AF_INET6;
+    }
+    return storage;
+}
+
+TEST(accept_limits, a_network_of_ipv6_counts_as_one_caller) {
+    const auto group = [](const char* text) { return ccm_caller_group(address_of(text)); };
+    EXPECT_EQ(group("2001:db8:1:2::7"), group("2001:db8:1:2:ffff:1:2:3"));
+    EXPECT_NE(group("2001:db8:1:2::7"), group("2001:db8:1:3::7"));
+    EXPECT_NE(group("192.0.2.7"), group("192.0.2.8"));
+    EXPECT_EQ(group("192.0.2.7"), group("::ffff:192.0.2.7"));
+}
+
+TEST(accept_limits, this_host_is_told_from_others) {
+    const struct {
+        const char* own;
+        const char* peer;
+        bool same;
+    } cases[] = {
+        {"127.0.0.1", "127.9.9.9", true},        {"192.0.2.1", "192.0.2.1", true},
+        {"::ffff:192.0.2.1", "192.0.2.1", true}, {"::1", "::1", true},
+        {"::", "::ffff:127.0.0.1", true},        {"192.0.2.1", "192.0.2.2", false},
+        {"::1", "2001:db8::1", false},           {"2001:db8::7f00:1", "2001:db8::7f00:2", false},
+        {"192.0.2.1", "128.0.0.1", false},       {"", "", false},
+    };
+    for (const auto& row : cases) {
+        EXPECT_EQ(ccm_is_own_host(address_of(row.own), address_of(row.peer)), row.same)
+            << row.own << row.peer;
+    }
+}
+
+TEST(accept_limits, places_of_this_host_stay_free_whoever_calls) {
+    const int remote_most = ccm_limits.all - ccm_limits.own_host;
+    ASSERT_GE(ccm_limits.own_host, 64);
+    const struct {
+        ccm_caller_counts now;
+        bool own_host;
+        ccm_room room;
+    } cases[] = {
+        {{40, 40, ccm_limits.group - 1}, false, CCM_ROOM_FREE},
+        {{40, 40, ccm_limits.group}, false, CCM_ROOM_GROUP_FULL},
+        {{40, 0, 40}, true, CCM_ROOM_FREE},
+        {{remote_most, remote_most, 0}, false, CCM_ROOM_REMOTE_FULL},
+        {{remote_most, remote_most, 0}, true, CCM_ROOM_FREE},
+        {{ccm_limits.all, remote_most - 1, 0}, false, CCM_ROOM_FULL},
+        {{ccm_limits.all, 0, 0}, true, CCM_ROOM_FULL},
+    };
+    for (const auto& row : cases) {
+        EXPECT_EQ(ccm_judge_caller(row.now, row.own_host), row.room) << row.now.all << " " << row.own_host;
     }
 }
 
@@ -255,13 +410,4 @@ TEST(addresses, texts_and_comparisons) {
     address.sin6_family = 99;
     EXPECT_EQ(ccm_address2string(&address, text, sizeof text), -1);
     EXPECT_STREQ(text, "");
-    for (const char* yes : {"127.0.0.1", "127.9.9.9", "::1", "::ffff:127.0.0.1"}) {
-        EXPECT_TRUE(ccm_address_is_loopback(yes)) << yes;
-    }
-    for (const char* no : {"128.0.0.1", "::2", "", "::ffff:10.0.0.1", "127"}) {
-        EXPECT_FALSE(ccm_address_is_loopback(no)) << no;
-    }
-    EXPECT_TRUE(ccm_address_equal("::ffff:10.0.0.1", "10.0.0.1"));
-    EXPECT_FALSE(ccm_address_equal("", ""));
-    EXPECT_FALSE(ccm_address_equal("10.0.0.1", "10.0.0.2"));
 }

@@ -6,6 +6,11 @@
 
 #include <cstring>
 
+#include "base/log.h"
+#include "base/log_origin.h"
+#include "base/text.h"
+#include "base/time.h"
+#include "channels/internal.h"
 #include "fixture.h"
 
 namespace {
@@ -81,12 +86,13 @@ struct descriptor_test : ccm_test {
         pcx.listener_channel_ID = listener_id;
     }
 
-    int placeholder(int listenerID) {
+    int placeholder(int listenerID, const char* proved = "AGENT02") {
         ccm_channel_t* channel = nullptr;
         EXPECT_EQ(ccm_channel_new_entry(ccm, &channel, nullptr), 0);
         channel->type = CH_TYPE_PLACEHOLDER;
         channel->remoteID = listenerID;
         channel->pATctx = new gss_ctx_id_struct;
+        copy_text(channel->pATctx->m_PartnerName, proved);
         int id = channel->ID;
         ccm_channel_chain(ccm, channel);
         return id;
@@ -171,27 +177,36 @@ TEST_F(descriptor_test, what_is_not_adopted_is_closed_and_answered) {
     partner server = open_channel(CH_TYPE_SERVER, "*SERVER", &server_id);
     int known = placeholder(5);
     ASSERT_EQ(ccm_network_sync(ccm, 5000), 0);
+    enum passed_thing { connection, file, pair, listening };
     struct {
         const char* what;
         int agentID;
         int listenerID;
         const char* name;
-        bool with_socket;
+        passed_thing passed;
     } cases[] = {
-        {"unknown placeholder", 4711, 5, "AGENT02", true},
-        {"the server's channel", server_id, 0, "AGENT02", true},
-        {"another's placeholder", known, 6, "AGENT02", true},
-        {"a name of the agent's own", known, 5, "*SERVER", true},
-        {"an empty name", known, 5, "", true},
-        {"no socket", known, 5, "AGENT02", false},
+        {"unknown placeholder", 4711, 5, "AGENT02", connection},
+        {"the server's channel", server_id, 0, "AGENT02", connection},
+        {"another's placeholder", known, 6, "AGENT02", connection},
+        {"a name of the agent's own", known, 5, "*SERVER", connection},
+        {"an empty name", known, 5, "", connection},
+        {"no socket", known, 5, "AGENT02", file},
+        {"not from the network", known, 5, "AGENT02", pair},
+        {"no connection", known, 5, "AGENT02", listening},
     };
     for (const auto& test : cases) {
         SCOPED_TRACE(test.what);
         int ends[2] = {-1, -1};
-        if (test.with_socket) {
+        if (test.passed == connection) {
             tcp_pair(ends);
-        } else {
+        } else if (test.passed == pair) {
+            ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+        } else if (test.passed == file) {
             ends[0] = open("/dev/null", O_RDWR | O_CLOEXEC);
+            ends[1] = dup(ends[0]);
+        } else {
+            ends[0] = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+            ASSERT_EQ(listen(ends[0], 1), 0);
             ends[1] = dup(ends[0]);
         }
         int before = count_descriptors();
@@ -224,6 +239,110 @@ TEST_F(descriptor_test, what_is_not_adopted_is_closed_and_answered) {
     ccm_channel_image_t image;
     ASSERT_EQ(ccm_channel_copy(ccm, server_id, &image), 0);
     EXPECT_EQ(image.type, CH_TYPE_SERVER);
+}
+
+TEST_F(descriptor_test, only_the_name_that_the_token_proved_opens_a_connection) {
+    struct {
+        const char* proved;
+        const char* told;
+    } cases[] = {
+        {"AGENT02", "OTHERNAME"}, {"AGENT02", "agent02"}, {"AGENT02", "AGENT02X"}, {own_system, own_system}};
+    int refused = 0;
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.told);
+        int id = placeholder(5, test.proved);
+        int ends[2];
+        tcp_pair(ends);
+        partner far(ends[1]);
+        send_with_descriptor(listener.fd, ipc_frame(passfd_record(id, 5, test.told)), ends[0]);
+        close(ends[0]);
+        EXPECT_EQ(handle_next(), -1);
+        EXPECT_TRUE(far.ended());
+        EXPECT_EQ(ccm_channel_existbyID(ccm, id), 0);
+        EXPECT_EQ(logged(2000061), ++refused);
+        EXPECT_EQ(next_record<ipcmsg_remote_close_t>().msgnr, 2003061);
+    }
+    EXPECT_EQ(log_text(2000061), "OTHERNAME|AGENT02|");
+}
+
+// Who passed a socket can change its flags afterwards.
+TEST_F(descriptor_test, a_socket_that_was_made_blocking_stops_nobody) {
+    int id = 0;
+    partner far = open_channel(CH_TYPE_AGENT, "AGENT02", &id);
+    ASSERT_EQ(ccm_network_sync(ccm, 5000), 0);
+    ccm_channel_image_t image;
+    ASSERT_EQ(ccm_channel_copy(ccm, id, &image), 0);
+    ASSERT_EQ(fcntl(image.s, F_SETFL, 0), 0);
+    constexpr int much = 32 << 20;  // far beyond what both ends hold
+    ccm_msg_t* msg = ccm_msg_alloc_cleared(ccm, much, nullptr);
+    ASSERT_NE(msg, nullptr);
+    msg->type = CCM_MSG_NATIVE;
+    ccm_setaddr(msg, id, 0, "", "", 0);
+    ccm_send_message_common(ccm, msg, "test");
+    for (int at = 0; at < 3; ++at) {
+        EXPECT_EQ(ccm_network_sync(ccm, 2000), 0) << "the network thread waits in a write";
+    }
+    far.close();  // ends it in any case
+    close_event(id);
+}
+
+TEST_F(descriptor_test, reading_does_not_wait_either) {
+    ccm_thread_end(ccm);
+    for (const int type : {CH_TYPE_AGENT, CH_TYPE_IPC}) {
+        int id = 0;
+        partner far = open_channel(type, "AGENT02", &id);
+        ccm_channel_merge_newq(ccm);
+        ccm_channel_t* channel = ccm_channel_getbyID(ccm, id);
+        ASSERT_NE(channel, nullptr);
+        ccm_channel_unlock(ccm);
+        ASSERT_EQ(fcntl(channel->s, F_SETFL, 0), 0);
+        const timeval limit{3, 0};
+        ASSERT_EQ(setsockopt(channel->s, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit), 0);
+        const int64_t begin = alarm_now_ms();
+        EXPECT_EQ(ccm_read_channel(ccm, channel), 0);
+        EXPECT_LT(alarm_now_ms() - begin, 1500);
+    }
+}
+
+TEST_F(descriptor_test, what_the_listener_logs_is_bounded_marked_and_its_own) {
+    ccm_msg_t* msg = ipc_record_alloc(ccm, ipc_logging, sizeof(ipcmsg_logging_t));
+    msg->origin = CCM_FROM_LISTENER;
+    ipcmsg_logging_t record{};
+    strcpy(record.header.msgtype, "LOGGING");
+    strcpy(record.msginsert, "JOB|17|");
+    static std::string mark;
+    mark.clear();
+    const auto say = [&](int number) {
+        record.msgnr = number;
+        memcpy(msg->msg_start, &record, sizeof record);
+        EXPECT_EQ(process_ipc_logging(&pcx, msg, 0), 0);
+    };
+    alarm_clock_advance(1000);
+    say(2000008);  // a job's end
+    EXPECT_EQ(logged(2000008), 0);
+    EXPECT_EQ(log_text(-1), "a line with number 2000008, which is not the listener's: JOB|17|");
+    for (const int own : {2003057, 2000064, 2002036, 1002203, 2000102}) {
+        say(own);
+        EXPECT_EQ(logged(own), 1) << own;
+    }
+    for (int at = 0; at < 20000; ++at) {
+        say(2003064);
+    }
+    EXPECT_LT(logged(2003064), 1500);
+    EXPECT_GT(logged(2003064), 1000) << "an honest listener is not cut";
+    const int before = logged(-1);
+    alarm_clock_advance(60);
+    say(2003064);
+    EXPECT_EQ(logged(-1), before + 1) << "how many were left out";
+    const log_function former = __log_set_logger([](int, const char*) { mark = log_origin(); });
+    say(2003064);
+    EXPECT_EQ(mark, " [listener]");
+    msg->origin = CCM_FROM_WORKER;
+    say(2003064);
+    EXPECT_EQ(mark, " [worker]");
+    __log_set_logger(former);
+    EXPECT_EQ(log_origin(), "");
+    free(msg);
 }
 
 TEST_F(descriptor_test, a_record_that_waits_owns_its_descriptor) {
@@ -287,6 +406,12 @@ TEST_F(descriptor_test, the_agent_accepts_a_handshake_once_for_each_caller) {
     EXPECT_EQ(handle_next(), -1);
     EXPECT_EQ(next_record<ipcmsg_remote_close_t>().msgnr, 2003067);
     EXPECT_EQ(ccm_channel_existbyID(ccm, reply.agentID), 0);
+    // Nor does the token count for another caller: somebody has kept it.
+    record.listenerID = 13;
+    listener.send(ipc_frame(record, token));
+    EXPECT_EQ(handle_next(), -1);
+    EXPECT_EQ(log_text(2000105), "gss_accept_sec_context|2|1002|");
+    EXPECT_EQ(next_record<ipcmsg_remote_close_t>().msgnr, 2003067);
     // A start package of the key exchange never comes this way.
     bytes package(48 + 180);
     frame_set_header(package.data(), protocol_gss, 228);
@@ -301,7 +426,7 @@ TEST_F(descriptor_test, the_agent_accepts_a_handshake_once_for_each_caller) {
     record.len = static_cast<int>(token.size());
     listener.send(ipc_frame(record, token));
     EXPECT_EQ(handle_next(), -1);
-    EXPECT_EQ(logged(2000105), 1);
+    EXPECT_EQ(logged(2000105), 2);
     EXPECT_EQ(next_record<ipcmsg_remote_close_t>().msgnr, 2003067);
 }
 

@@ -189,6 +189,21 @@ TEST(policy, items_and_handshakes) {
     EXPECT_EQ(item(CCM_IN_AGENT, CCM_FROM_CANDIDATE, 68), CCM_POLICY_DROP);
 }
 
+TEST_F(ccm_test, a_refused_item_is_told_as_the_checks_of_a_frame_tell_it) {
+    int id = 0;
+    partner far = open_channel(CH_TYPE_AGENT, "AGENT02", &id);
+    ccm_msg_t* msg = ccm_msg_alloc_cleared(ccm, 0, nullptr);
+    msg->type = CCM_MSG_NATIVE;
+    msg->origin = CCM_FROM_PARTNER;
+    msg->protocol_key = 249;
+    msg->addr.src_ID = id;
+    EXPECT_EQ(ccm_policy_check(&pcx, ccm, msg), 0);
+    free(msg);
+    ccm_destroy_deleted_channels(ccm);
+    EXPECT_EQ(log_text(1002208),
+              "0|f9|not from this partner|AGENT02 127.0.0.1(ID=" + std::to_string(id) + ")|");
+}
+
 TEST_F(ccm_test, a_refused_record_ends_its_channel_and_reaches_no_handler) {
     int id = 0;
     int old_id = 0;
