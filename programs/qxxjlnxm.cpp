@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -34,6 +35,8 @@ constexpr int exit_unreachable = 2;
 constexpr char version_number[] = "12.2.0";
 constexpr char job_module[] = "JPAKTJ_R";
 constexpr int64_t time_limit_ms = 30000;
+constexpr int shortest_pause_ms = 100;
+constexpr int longest_pause_ms = 1600;
 constexpr size_t largest_answer = 65536;
 constexpr size_t restart_mark_size = 8;
 constexpr size_t info_text_size = 24;
@@ -60,7 +63,8 @@ constexpr char help_text[] =
     "  file PATH [--login-check C]        registers an output file; Y: only with a login (default), N: "
     "without\n"
     "\n"
-    "Exit codes: 0 the agent took it, 1 wrong use, 2 the agent cannot be reached or did not answer.\n";
+    "Exit codes: 0 the agent took it, 1 wrong use, 2 the agent cannot be reached, did not answer within 30\n"
+    "seconds or did not take it.\n";
 
 enum command_kind {
     command_none,
@@ -447,18 +451,22 @@ qx_descriptor connect_agent(const request& order, int64_t deadline, std::string*
     const int result = getaddrinfo(order.address.c_str(), order.port.c_str(), &hints, &found);
     if (result != 0) {
         *reason = gai_strerror(result);
+        errno = 0;
         return {};
     }
     qx_descriptor connected;
+    int number = 0;
     for (const addrinfo* target = found; target != nullptr && !connected.valid(); target = target->ai_next) {
         qx_descriptor trial(socket(target->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
         if (trial.valid() && connect_to(trial.get(), *target, deadline)) {
             connected = std::move(trial);
         } else {
-            *reason = strerror(errno);
+            number = errno;
+            *reason = strerror(number);
         }
     }
     freeaddrinfo(found);
+    errno = number;
     return connected;
 }
 
@@ -480,7 +488,7 @@ bool receive_all(int fd, unsigned char* bytes, size_t length, int64_t deadline) 
     while (at < length) {
         const ssize_t got = recv(fd, bytes + at, length - at, 0);
         if (got == 0) {
-            errno = ECONNRESET;
+            errno = at == 0 ? ECONNRESET : EPROTO;  // behind the start of a frame no agent hangs up
             return false;
         }
         if (got > 0) {
@@ -527,20 +535,47 @@ int unreachable(const request& order, const std::string& what) {
     return exit_unreachable;
 }
 
-int tell_agent(const request& order, const std::vector<unsigned char>& frame) {
-    const int64_t deadline = alarm_now_ms() + time_limit_ms;
+// A listener that is full hangs up, and so does one that ends. Neither lasts; the same message twice changes
+// nothing.
+bool worth_another_try(int number) {
+    return number == ECONNRESET || number == EPIPE;
+}
+
+// One try. Whether the answer has come; else what went wrong is in `*what` and errno.
+bool ask_agent(const request& order, const std::vector<unsigned char>& frame, int64_t deadline,
+               MSG_TYPE_QUITT* answer, std::string* what) {
     std::string reason;
     const qx_descriptor connection = connect_agent(order, deadline, &reason);
     if (!connection.valid()) {
-        return unreachable(order, "cannot be reached: " + reason);
+        *what = "cannot be reached: " + reason;
+        return false;
     }
-    MSG_TYPE_QUITT answer{};
     if (!send_all(connection.get(), frame, deadline) ||
-        !wait_for_answer(connection.get(), deadline, &answer)) {
-        return unreachable(order, std::string("did not answer: ") + strerror(errno));
+        !wait_for_answer(connection.get(), deadline, answer)) {
+        const int number = errno;
+        *what = std::string("did not answer: ") + strerror(number);
+        errno = number;
+        return false;
+    }
+    return true;
+}
+
+int tell_agent(const request& order, const std::vector<unsigned char>& frame) {
+    const int64_t deadline = alarm_now_ms() + time_limit_ms;
+    MSG_TYPE_QUITT answer{};
+    std::string what;
+    int pause = shortest_pause_ms;
+    while (!ask_agent(order, frame, deadline, &answer, &what)) {
+        if (!worth_another_try(errno) || alarm_now_ms() + pause >= deadline) {
+            return unreachable(order, what);
+        }
+        poll(nullptr, 0, pause);
+        pause = std::min(2 * pause, longest_pause_ms);
     }
     if (get_text(answer.quitt) != "OK") {
-        return unreachable(order, "refused the message with number " + std::to_string(answer.msgnr));
+        return unreachable(order, "did not take it (" + std::to_string(answer.msgnr) + "): job " +
+                                      std::to_string(order.run) +
+                                      " is not known there, has ended or is another user's");
     }
     return exit_ok;
 }

@@ -60,13 +60,11 @@ bool is_blank(std::string_view text) {
 }
 
 // The entry, when the sender may speak for it and its end is still open.
-JP_AREA* find_job(EX_PCX* pcx, int jobNr, uint16_t client, uid_t uid, int* result) {
+JP_AREA* find_job(EX_PCX* pcx, int jobNr, uint16_t client, uid_t uid) {
     JP_AREA* job = Find_JEntry(jobNr, client);
     if (job == nullptr) {
-        *result = -1;
         return nullptr;
     }
-    *result = 0;
     const bool own_user = job->jp_uid != meld_unknown_uid && uid == job->jp_uid;
     if (uid == meld_unknown_uid || (uid != 0 && uid != pcx->pcx_run_euid && uid != geteuid() && !own_user)) {
         __PutLogText(
@@ -165,17 +163,16 @@ void take_end(EX_PCX* pcx, JP_AREA* job) {
 
 int take_status(EX_PCX* pcx, const meld_bytes& bytes, uint16_t client, uid_t uid) {
     const auto record = record_at<JP_EXMLDJ>(bytes);
-    int result = 0;
     if (!record || !version_fits(*record)) {
-        return 0;
+        return -1;
     }
-    JP_AREA* job = find_job(pcx, record->jobNr, client, uid, &result);
+    JP_AREA* job = find_job(pcx, record->jobNr, client, uid);
     if (job == nullptr) {
-        return result;
+        return -1;
     }
     if (job->JP_status == job_status_ended && record->status != meld_ended) {
         // The job has told its end; a process that it left behind must not take back state and return code.
-        return 0;
+        return -1;
     }
     take_report(pcx, job, *record);
     if (record->status == meld_ended) {
@@ -187,13 +184,13 @@ int take_status(EX_PCX* pcx, const meld_bytes& bytes, uint16_t client, uid_t uid
     return 0;
 }
 
-void AddRegVariable(JP_AREA* job, const MSG_TYPE_STATUS_VALUE& told, const char (&info)[32]) {
+bool AddRegVariable(JP_AREA* job, const MSG_TYPE_STATUS_VALUE& told, const char (&info)[32]) {
     registered_variable variable;
     variable.name = upper(std::string_view(told.name, strnlen(told.name, job_variable_name_limit)));
     variable.value = std::string(told.value, strnlen(told.value, job_variable_value_limit));
     variable.type = told.type == 0 ? ' ' : told.type;
     if (variable.name.empty()) {
-        return;
+        return false;
     }
     const auto same =
         std::find_if(job->jp_variables.begin(), job->jp_variables.end(),
@@ -205,55 +202,52 @@ void AddRegVariable(JP_AREA* job, const MSG_TYPE_STATUS_VALUE& told, const char 
     } else {
         __PutLogText("Job %d has registered %zu variables; '%.199s' is not taken.", job->JP_jobNr,
                      job_variables_limit, variable.name.c_str());
-        return;
+        return false;
     }
     memset(job->infoText, ' ', sizeof job->infoText);
     memcpy(job->infoText, info, strnlen(info, sizeof info));
+    return true;
 }
 
 int take_variable(EX_PCX* pcx, const meld_bytes& bytes, uint16_t client, uid_t uid) {
     const auto record = record_at<JP_EXMLDV>(bytes);
-    int result = 0;
     if (!record || !version_fits(*record)) {
-        return 0;
+        return -1;
     }
-    JP_AREA* job = find_job(pcx, record->jobNr, client, uid, &result);
-    if (job == nullptr || record->variable_len == 0) {
-        return result;
-    }
-    if (record->variable_dist < 0 || static_cast<size_t>(record->variable_dist) > bytes.length) {
-        return 0;
+    JP_AREA* job = find_job(pcx, record->jobNr, client, uid);
+    if (job == nullptr || record->variable_len == 0 || record->variable_dist < 0 ||
+        static_cast<size_t>(record->variable_dist) > bytes.length) {
+        return -1;
     }
     const size_t dist = static_cast<size_t>(record->variable_dist);
     const auto value = record_at<MSG_TYPE_STATUS_VALUE>({bytes.at + dist, bytes.length - dist});
-    if (value) {
-        AddRegVariable(job, *value, record->infoText);
-    }
-    return 0;
+    return value && AddRegVariable(job, *value, record->infoText) ? 0 : -1;
 }
 
 // A registered output file.
 int processOutputView(EX_PCX* pcx, const meld_bytes& bytes, uint16_t client, uid_t uid) {
     const auto record = record_at<JP_EXMLDO>(bytes);
-    int result = 0;
     if (!record || !version_fits(*record)) {
-        return 0;
+        return -1;
     }
-    JP_AREA* job = find_job(pcx, record->jobNr, client, uid, &result);
+    JP_AREA* job = find_job(pcx, record->jobNr, client, uid);
     if (job == nullptr) {
-        return result;
+        return -1;
     }
     const std::string_view name(record->fileName, strnlen(record->fileName, sizeof record->fileName));
     const char login = record->loginCheck > ' ' ? record->loginCheck : 'Y';
-    if (!job_register_file(job, login, name, false) && !name.empty()) {
+    if (job_register_file(job, login, name, false)) {
+        return 0;
+    }
+    if (!name.empty()) {
         __PutLogText("Job %d has registered %zu output files; '%.511s' is not taken.", job->JP_jobNr,
                      job_files_limit, std::string(name).c_str());
     }
-    return 0;
+    return -1;
 }
 
-// Acknowledges over the channel that brought the record; the listener gives it to the messenger.
-int send_natquitt(EX_PCX* pcx, const ccm_msg_t* msg, const QX_HEADM& head, int reply_id) {
+// Answers over the channel that brought the record; the listener gives it to the messenger.
+int send_natquitt(EX_PCX* pcx, const ccm_msg_t* msg, const QX_HEADM& head, int reply_id, bool taken) {
     constexpr size_t size = sizeof(ipcmsg_natquitt_t) + sizeof(MSG_TYPE_QUITT);
     ccm_msg_t* out = ipc_record_alloc(pcx->ccm, ipc_natquitt, static_cast<int>(size));
     if (out == nullptr) {
@@ -265,7 +259,8 @@ int send_natquitt(EX_PCX* pcx, const ccm_msg_t* msg, const QX_HEADM& head, int r
     record.len = static_cast<int32_t>(sizeof(MSG_TYPE_QUITT));
     MSG_TYPE_QUITT quitt{};
     CreateQxHeadm(&quitt.header, "QUITT", head.i2Mandant, head.i4UsrIdNr);
-    put_text(quitt.quitt, "OK");
+    put_text(quitt.quitt, taken ? "OK" : "NK");
+    quitt.msgnr = taken ? 0 : meld_not_taken;
     put_text(quitt.msg, "MELD");
     put_text(quitt.msg_insert, "");
     memcpy(out->msg_start, &record, sizeof record);
@@ -279,7 +274,7 @@ int send_natquitt(EX_PCX* pcx, const ccm_msg_t* msg, const QX_HEADM& head, int r
 
 int job_take_meld(EX_PCX* pcx, const unsigned char* meld, size_t length, uid_t uid) {
     if (length <= meld_record_offset + meld_status_offset) {
-        return 0;
+        return -1;
     }
     QX_HEADM head;
     memcpy(&head, meld, sizeof head);
@@ -295,7 +290,7 @@ int job_take_meld(EX_PCX* pcx, const unsigned char* meld, size_t length, uid_t u
             return take_status(pcx, bytes, head.i2Mandant, uid);
         default:
             __PutLogText("MELD with the unknown status %u was ignored.", bytes.at[meld_status_offset]);
-            return 0;
+            return -1;
     }
 }
 
@@ -310,22 +305,25 @@ int process_ipc_exmeld(EX_PCX* pcx, ccm_msg_t* msg, int) {
     }
     memcpy(&record, msg->msg_start, sizeof record);
     const size_t behind = static_cast<size_t>(msg->len) - sizeof record;
-    uid_t uid = meld_unknown_uid;
-    // `len` counts the message and the uid behind it.
-    if (record.len < static_cast<int>(sizeof(QX_HEADM) + sizeof uid) ||
+    meld_ends ends;
+    // `len` counts the message and the ends behind it.
+    if (record.len < static_cast<int>(sizeof(QX_HEADM) + sizeof ends) ||
         static_cast<size_t>(record.len) != behind) {
         return -1;
     }
     const unsigned char* meld = msg->msg_start + sizeof record;
-    const size_t length = behind - sizeof uid;
-    memcpy(&uid, meld + length, sizeof uid);
+    const size_t length = behind - sizeof ends;
+    memcpy(&ends, meld + length, sizeof ends);
     QX_HEADM head;
     memcpy(&head, meld, sizeof head);
     if (memcmp(head.version, meld_message_version, sizeof head.version) != 0) {
         __log(number_wrong_version, "%.2s|%s|", head.version, meld_message_version);
         return 0;
     }
-    // The messenger's wait ends here, whatever the content.
-    send_natquitt(pcx, msg, head, record.replyID);
-    return job_take_meld(pcx, meld, length, uid);
+    // Without root the listener runs under the agent's own user.
+    const uid_t listener_uid = geteuid() == 0 ? pcx->listener_uid : geteuid();
+    const uid_t uid = meld_sender_uid(ends.own, ends.peer, pcx->listener_port, listener_uid);
+    const int result = job_take_meld(pcx, meld, length, uid);
+    send_natquitt(pcx, msg, head, record.replyID, result == 0);
+    return result;
 }

@@ -9,17 +9,23 @@
 #include "jobs/job_area.h"
 
 inline constexpr uid_t meld_unknown_uid = static_cast<uid_t>(-1);
+// The answer to a message that nobody took, whatever the reason: unknown job, another user's job, a job that
+// has ended, a message that cannot be read. Whoever asks learns no more than that.
+inline constexpr int meld_not_taken = 2003078;
 
-// Is the peer on this host: a loopback address, or the address of the socket itself?
-bool meld_peer_is_local(const sockaddr_storage& own, const sockaddr_storage& peer);
 // uid of the socket at the other end, from the kernel's socket table; all ones when it is not found, as for a
-// process in a network namespace of its own. Any thread.
+// process in a network namespace of its own. With both ends exchanged it is the uid of the own end. Any thread.
 uid_t meld_peer_uid(const sockaddr_storage& own, const sockaddr_storage& peer);
+// The uid that sent a message over the connection which the listener names: all ones unless its own end is on
+// `port`, belongs to `listener_uid` and both ends are on this host. The listener is not believed: it could
+// name any connection of this host, and the uid of a stranger's end would speak for that user's jobs. Main
+// thread.
+uid_t meld_sender_uid(const sockaddr_storage& own, const sockaddr_storage& peer, int port, uid_t listener_uid);
 // The second way of the above: the tables "tcp" and "tcp6" in `folder` ("/proc/net").
 uid_t meld_peer_uid_from_tables(const char* folder, const sockaddr_storage& own,
                                 const sockaddr_storage& peer);
 
 // Takes the content of a MELD (from its head on) over. `uid` is that of the peer: counted only for root, the
-// agent's own and the job's user. Bytes from outside, of any length. 0, or -1 for an unknown job. Main
+// agent's own and the job's user. Bytes from outside, of any length. 0, or -1 when it changed nothing. Main
 // thread.
 int job_take_meld(EX_PCX* pcx, const unsigned char* meld, size_t length, uid_t uid);

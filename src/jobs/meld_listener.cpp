@@ -1,5 +1,5 @@
-// The listener's side of MELD: who is at the other end. The listener is on the network and asks no
-// credentials; so only this host is heard, and the agent learns the uid of the sender.
+// Who is at the other end of a MELD. The listener is on the network and asks no credentials; so only this
+// host is heard, and the agent asks the kernel for the uid of the sender.
 #include <arpa/inet.h>
 #include <linux/inet_diag.h>
 #include <linux/netlink.h>
@@ -18,6 +18,7 @@
 #include "base/context.h"
 #include "base/descriptor.h"
 #include "base/log.h"
+#include "channels/connect.h"
 #include "channels/ipc.h"
 #include "channels/ipc_records.h"
 #include "jobs/meld.h"
@@ -53,18 +54,6 @@ bool read_end_point(const sockaddr_storage& from, end_point* to) {
     to->v6 = true;
     memcpy(to->address, &address.sin6_addr, 16);
     return true;
-}
-
-bool is_loopback(const end_point& point) {
-    if (!point.v6) {
-        return point.address[0] == 127;
-    }
-    static const in6_addr loopback = IN6ADDR_LOOPBACK_INIT;
-    return memcmp(point.address, &loopback, 16) == 0;
-}
-
-bool same_address(const end_point& a, const end_point& b) {
-    return a.v6 == b.v6 && memcmp(a.address, b.address, sizeof a.address) == 0;
 }
 
 struct diag_request {
@@ -173,13 +162,6 @@ uid_t uid_from_table(const std::string& file, const std::string& local, const st
 
 }  // namespace
 
-bool meld_peer_is_local(const sockaddr_storage& own, const sockaddr_storage& peer) {
-    end_point here;
-    end_point there;
-    return read_end_point(own, &here) && read_end_point(peer, &there) &&
-           (is_loopback(there) || same_address(here, there));
-}
-
 uid_t meld_peer_uid_from_tables(const char* folder, const sockaddr_storage& own,
                                 const sockaddr_storage& peer) {
     end_point here;
@@ -208,30 +190,35 @@ uid_t meld_peer_uid(const sockaddr_storage& own, const sockaddr_storage& peer) {
     return uid != meld_unknown_uid ? uid : meld_peer_uid_from_tables("/proc/net", own, peer);
 }
 
+uid_t meld_sender_uid(const sockaddr_storage& own, const sockaddr_storage& peer, int port,
+                      uid_t listener_uid) {
+    end_point here;
+    if (!read_end_point(own, &here) || here.port != port || !ccm_is_own_host(own, peer) ||
+        meld_peer_uid(peer, own) != listener_uid) {
+        return meld_unknown_uid;
+    }
+    return meld_peer_uid(own, peer);
+}
+
 int process_exmeld(EX_PCX* pcx, ccm_msg_t* msg, int) {
     if (pcx->running_mode != MODE_LISTENER) {
         __PutLogText("MELD message can be only processed by LISTENER.");
         return -1;
     }
-    ccm_channel_image_t channel;
-    sockaddr_storage own{};
-    sockaddr_storage peer{};
-    socklen_t own_size = sizeof own;
-    socklen_t peer_size = sizeof peer;
-    if (ccm_channel_copy(pcx->ccm, msg->addr.src_ID, &channel) != 0 ||
-        getsockname(channel.s, reinterpret_cast<sockaddr*>(&own), &own_size) != 0 ||
-        getpeername(channel.s, reinterpret_cast<sockaddr*>(&peer), &peer_size) != 0) {
+    ccm_caller caller;
+    if (ccm_channel_caller(pcx->ccm, msg->addr.src_ID, &caller) != 0) {
         return -1;  // the messenger has gone
     }
-    if (!meld_peer_is_local(own, peer)) {
-        __PutLogText("MELD from %.63s was refused: only processes of this host may report jobs.",
-                     channel.addr);
+    if (!caller.own_host) {
+        char address[64];
+        ccm_address2string(&caller.peer, address, sizeof address);
+        __PutLogText("MELD from %.63s was refused: only processes of this host may report jobs.", address);
         ccm_channel_deletebyID(pcx->ccm, msg->addr.src_ID);
         return -1;
     }
-    const uid_t uid = meld_peer_uid(own, peer);
+    const meld_ends ends{caller.own, caller.peer};
     const size_t length = static_cast<size_t>(msg->len);
-    const size_t size = sizeof(ipcmsg_natmeld_t) + length + sizeof uid;
+    const size_t size = sizeof(ipcmsg_natmeld_t) + length + sizeof ends;
     ccm_msg_t* out = ipc_record_alloc(pcx->ccm, ipc_natmeld, static_cast<int>(size));
     if (out == nullptr) {
         return -1;
@@ -239,10 +226,10 @@ int process_exmeld(EX_PCX* pcx, ccm_msg_t* msg, int) {
     ipcmsg_natmeld_t record;
     memcpy(&record, out->msg_start, sizeof record);
     record.replyID = msg->addr.src_ID;
-    record.len = static_cast<int32_t>(length + sizeof uid);  // all that stands behind the fixed part
+    record.len = static_cast<int32_t>(length + sizeof ends);  // all that stands behind the fixed part
     memcpy(out->msg_start, &record, sizeof record);
     memcpy(out->msg_start + sizeof record, msg->msg_start, length);
-    memcpy(out->msg_start + sizeof record + length, &uid, sizeof uid);
+    memcpy(out->msg_start + sizeof record + length, &ends, sizeof ends);
     out->len = static_cast<int>(size);
     ccm_setaddr(out, 0, 0, ccm_name_ipc_agent, "", 0);
     return send_IPC_message(pcx->ccm, out);

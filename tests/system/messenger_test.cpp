@@ -6,7 +6,10 @@
 
 #include <regex>
 
+#include "base/text.h"
 #include "installation.h"
+#include "messages/frame.h"
+#include "messages/records_server.h"
 #include "loopback.h"
 
 namespace {
@@ -92,7 +95,6 @@ TEST(messenger, writes_its_lines_also_when_the_agent_is_not_there) {
 
 TEST(messenger, ends_when_the_other_side_talks_nonsense_or_hangs_up) {
     const std::string answers[] = {
-        "",
         "HTTP/1.1 400 Bad Request\r\n\r\n",
         std::string(48, '\0') + std::string(100, '\0'),
         std::string(5000, '\xff'),
@@ -111,14 +113,61 @@ TEST(messenger, ends_when_the_other_side_talks_nonsense_or_hangs_up) {
         ASSERT_GE(line, 0);
         char bytes[4096];
         ASSERT_GT(recv(line, bytes, sizeof bytes, 0), 48) << "the message comes in one piece";
-        if (!answer.empty()) {
-            ASSERT_EQ(send(line, answer.data(), answer.size(), MSG_NOSIGNAL),
-                      static_cast<ssize_t>(answer.size()));
-        }
+        ASSERT_EQ(send(line, answer.data(), answer.size(), MSG_NOSIGNAL), static_cast<ssize_t>(answer.size()));
         shutdown(line, SHUT_WR);
         EXPECT_TRUE(messenger.wait_end(20000)) << answer.substr(0, 20);
         EXPECT_EQ(messenger.exit_code(), 2) << messenger.output();
         EXPECT_NE(messenger.output().find("did not answer"), std::string::npos) << messenger.output();
+        close(line);
+        close(listener);
+    }
+}
+
+std::vector<unsigned char> quitt(const char* status, int number) {
+    MSG_TYPE_QUITT answer{};
+    CreateQxHeadm(&answer.header, "QUITT", 0, 0);
+    put_text(answer.quitt, status);
+    put_text(answer.msg, "MELD");
+    put_text(answer.msg_insert, "");
+    answer.msgnr = number;
+    return frame_make_message(&answer, sizeof answer, {});
+}
+
+// A full listener hangs up; the word gets through as soon as there is room.
+TEST(messenger, tries_again_when_it_is_turned_away_and_tells_a_refusal) {
+    const struct {
+        const char* status;
+        int number;
+        int code;
+    } cases[] = {{"OK", 0, 0}, {"NK", 2003078, 2}};
+    for (const auto& row : cases) {
+        int port = 0;
+        const int listener = listen_on_loopback(&port);
+        ASSERT_GE(listener, 0);
+        scratch_folder folder;
+        child_process messenger;
+        start_program(messenger,
+                      {QX_MESSENGER_PROGRAM, "--address", "127.0.0.1", "--port",
+                       std::to_string(port), "--run", "17", "status", "--text", "x"},
+                      folder.path + "/out");
+        char bytes[4096];
+        for (int at = 0; at < 3; ++at) {
+            const int line = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+            ASSERT_GE(line, 0);
+            if (at == 1) {
+                EXPECT_GT(recv(line, bytes, sizeof bytes, 0), 48);  // an end behind the message
+            }
+            close(line);
+        }
+        const int line = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+        EXPECT_GT(recv(line, bytes, sizeof bytes, 0), 48);
+        const std::vector<unsigned char> answer = quitt(row.status, row.number);
+        send(line, answer.data(), answer.size(), MSG_NOSIGNAL);
+        EXPECT_TRUE(messenger.wait_end(20000));
+        EXPECT_EQ(messenger.exit_code(), row.code) << messenger.output();
+        const std::string output = messenger.output();
+        EXPECT_EQ(std::count(output.begin(), output.end(), '\n'), row.code == 0 ? 0 : 1) << output;
+        EXPECT_EQ(output.find("2003078") != std::string::npos, row.code != 0) << output;
         close(line);
         close(listener);
     }

@@ -62,18 +62,6 @@ sockaddr_storage v6(const char* text, uint16_t port) {
 
 }  // namespace
 
-TEST(meld_peer, only_this_host_is_heard) {
-    EXPECT_TRUE(meld_peer_is_local(v4("127.0.0.1", 1), v4("127.9.9.9", 2)));
-    EXPECT_TRUE(meld_peer_is_local(v4("192.0.2.1", 1), v4("192.0.2.1", 2)));
-    EXPECT_TRUE(meld_peer_is_local(v6("::ffff:192.0.2.1", 1), v6("::ffff:192.0.2.1", 2)));
-    EXPECT_TRUE(meld_peer_is_local(v6("::1", 1), v6("::1", 2)));
-    EXPECT_TRUE(meld_peer_is_local(v6("::", 1), v6("::ffff:127.0.0.1", 2)));
-    EXPECT_FALSE(meld_peer_is_local(v4("192.0.2.1", 1), v4("192.0.2.2", 2)));
-    EXPECT_FALSE(meld_peer_is_local(v6("::1", 1), v6("2001:db8::1", 2)));
-    EXPECT_FALSE(meld_peer_is_local(v6("2001:db8::7f00:1", 1), v6("2001:db8::7f00:2", 2)));
-    EXPECT_FALSE(meld_peer_is_local(sockaddr_storage{}, sockaddr_storage{}));
-}
-
 TEST(meld_peer, the_kernel_names_the_uid_at_the_other_end) {
     for (const int family : {AF_INET, AF_INET6}) {
         loopback_pair pair(family);
@@ -118,46 +106,111 @@ TEST(meld_peer, the_tables_are_read_by_all_four_numbers) {
     EXPECT_EQ(uid(0x1237), meld_unknown_uid);
 }
 
-TEST_F(job_test, a_meld_is_acknowledged_at_once_whatever_it_says) {
+// The listener may have been taken over: which connection it names must not decide whose word counts.
+TEST(meld_peer, a_named_connection_must_be_the_listeners_own) {
+    for (const int family : {AF_INET, AF_INET6}) {
+        const loopback_pair pair(family);
+        if (!pair.server.valid()) {
+            continue;  // no IPv6 here
+        }
+        const int port = ntohs(reinterpret_cast<const sockaddr_in&>(pair.own).sin_port);
+        const uid_t me = geteuid();
+        EXPECT_EQ(meld_sender_uid(pair.own, pair.peer, port, me), me);
+        EXPECT_EQ(meld_sender_uid(pair.own, pair.peer, port + 1, me), meld_unknown_uid);
+        EXPECT_EQ(meld_sender_uid(pair.own, pair.peer, port, me + 1), meld_unknown_uid)
+            << "another's connection";
+        EXPECT_EQ(meld_sender_uid(pair.peer, pair.own, port, me), meld_unknown_uid) << "the caller's end";
+        sockaddr_storage elsewhere = pair.peer;
+        reinterpret_cast<sockaddr_in&>(elsewhere).sin_port = htons(1);
+        EXPECT_EQ(meld_sender_uid(pair.own, elsewhere, port, me), meld_unknown_uid);
+        EXPECT_EQ(meld_sender_uid(sockaddr_storage{}, sockaddr_storage{}, 0, me), meld_unknown_uid);
+    }
+}
+
+TEST_F(job_test, the_listener_names_the_connection_that_it_accepted) {
+    const loopback_pair pair(AF_INET);
+    const loopback_pair other(AF_INET);
+    ccm_channel_t* channel = nullptr;
+    ccm_error_t fault;
+    ASSERT_EQ(ccm_channel_new_entry(pcx->ccm, &channel, &fault), 0);
+    channel->type = CH_TYPE_ACCEPTED;
+    channel->caller.own = pair.own;
+    channel->caller.peer = pair.peer;
+    channel->caller.own_host = true;
+    channel->s = dup(other.server.get());  // the number may mean another connection by now
+    const int id = channel->ID;
+    ccm_channel_chain(pcx->ccm, channel);
+    pcx->running_mode = MODE_LISTENER;
+    const message_bytes body = meld(1, 'R', 0);
+    ccm_msg_t* msg = ccm_msg_alloc_cleared(pcx->ccm, static_cast<int>(body.size()), nullptr);
+    memcpy(msg->msg_start, body.data(), body.size());
+    msg->addr.src_ID = id;
+    EXPECT_EQ(process_exmeld(pcx, msg, 0), 0);
+    ccm_msg_free(pcx->ccm, msg);
+    pcx->running_mode = MODE_AGENT;
+    const std::vector<sent_message> messages = sent();
+    ASSERT_EQ(messages.size(), 1u);
+    ASSERT_EQ(messages[0].body.size(), sizeof(ipcmsg_natmeld_t) + body.size() + sizeof(meld_ends));
+    meld_ends ends;
+    memcpy(&ends, messages[0].body.data() + sizeof(ipcmsg_natmeld_t) + body.size(), sizeof ends);
+    EXPECT_EQ(memcmp(&ends.own, &pair.own, sizeof ends.own), 0);
+    EXPECT_EQ(memcmp(&ends.peer, &pair.peer, sizeof ends.peer), 0);
+}
+
+TEST_F(job_test, a_meld_is_answered_by_whether_it_was_taken) {
     JP_AREA* job = bare_job(1);
-    const auto pass_on = [&](message_bytes body, uid_t uid) {
+    const loopback_pair pair(AF_INET);
+    pcx->listener_uid = geteuid();
+    pcx->listener_port = ntohs(reinterpret_cast<const sockaddr_in&>(pair.own).sin_port);
+    const auto pass_on = [&](const message_bytes& body) {
+        const meld_ends ends{pair.own, pair.peer};
         ipcmsg_natmeld_t record{};
         memcpy(record.header.msgtype, ipc_natmeld, sizeof record.header.msgtype);
         record.replyID = 12;
-        record.len = static_cast<int32_t>(body.size() + sizeof uid);
+        record.len = static_cast<int32_t>(body.size() + sizeof ends);
         message_bytes bytes(sizeof record);
         memcpy(bytes.data(), &record, sizeof record);
         bytes.insert(bytes.end(), body.begin(), body.end());
-        const auto* at = reinterpret_cast<const unsigned char*>(&uid);
-        bytes.insert(bytes.end(), at, at + sizeof uid);
+        const auto* at = reinterpret_cast<const unsigned char*>(&ends);
+        bytes.insert(bytes.end(), at, at + sizeof ends);
         return receive(process_ipc_exmeld, bytes.data(), bytes.size());
     };
-    const auto acknowledged = [&] {
+    // Status and number of the answer; empty without one.
+    const auto answer = [&]() -> std::string {
         for (const sent_message& message : sent()) {
             if (message.body.size() == 24 + 304 && memcmp(message.body.data(), "NATQUITT", 9) == 0) {
                 EXPECT_EQ(message.addr.dst_ID, 4711);
                 EXPECT_EQ(message.body[16], 12);
-                EXPECT_EQ(memcmp(message.body.data() + 24, "QUITT   ", 8), 0);
-                return memcmp(message.body.data() + 24 + 16, "OK", 2) == 0;
+                MSG_TYPE_QUITT quitt;
+                memcpy(&quitt, message.body.data() + 24, sizeof quitt);
+                EXPECT_EQ(memcmp(&quitt, "QUITT   ", 8), 0);
+                EXPECT_EQ(rstrip(std::string_view(quitt.msg_insert, sizeof quitt.msg_insert)), "");
+                return std::string(quitt.quitt, 2) + " " + std::to_string(quitt.msgnr);
             }
         }
-        return false;
+        return "";
     };
-    EXPECT_EQ(pass_on(meld(2, 'R', 0), geteuid()), -1);
-    EXPECT_TRUE(acknowledged());
-    EXPECT_EQ(pass_on(meld(1, 'R', 0), meld_unknown_uid), 0);
-    EXPECT_TRUE(acknowledged());
+    const std::string refused = "NK " + std::to_string(meld_not_taken);
+    EXPECT_EQ(pass_on(meld(2, 'R', 0)), -1);
+    EXPECT_EQ(answer(), refused) << "an unknown job";
+    pcx->listener_port += 1;
+    EXPECT_EQ(pass_on(meld(1, 'R', 0)), -1);
+    EXPECT_EQ(answer(), refused) << "a sender whose uid is not known gets the same answer";
     EXPECT_EQ(job->JP_status, 'W');
-    EXPECT_EQ(pass_on(meld(1, 'R', 0), geteuid()), 0);
-    EXPECT_TRUE(acknowledged());
+    pcx->listener_port -= 1;
+    EXPECT_EQ(pass_on(meld(1, 'R', 0)), 0);
+    EXPECT_EQ(answer(), "OK 0");
     EXPECT_EQ(job->JP_status, 'R');
+    job->JP_flag |= job_flag_end_taken;
+    EXPECT_EQ(pass_on(meld(1, 'R', 0)), -1);
+    EXPECT_EQ(answer(), refused) << "its end was told already";
     message_bytes old = meld(1, 'C', 0);
     old[9] = '2';
-    EXPECT_EQ(pass_on(old, geteuid()), 0);
-    EXPECT_FALSE(acknowledged()) << "another header version gets no answer";
+    EXPECT_EQ(pass_on(old), 0);
+    EXPECT_EQ(answer(), "") << "another header version gets no answer";
     EXPECT_TRUE(logged(2000023));
     pcx->running_mode = MODE_LISTENER;
-    EXPECT_EQ(pass_on(meld(1, 'C', 0), geteuid()), -1);
+    EXPECT_EQ(pass_on(meld(1, 'C', 0)), -1);
     pcx->running_mode = MODE_AGENT;
     EXPECT_EQ(receive(process_exmeld, old.data(), old.size()), -1) << "only the listener hears messengers";
 }

@@ -75,7 +75,7 @@ TEST_F(job_test, a_report_of_the_messenger_moves_the_state_only_while_the_end_is
     job_table_set_pid(job, 4000000);
     process_job_sigchild(pcx, 4000000, 0, 0);
     sent();
-    EXPECT_EQ(tell(meld(1, 'R', 0)), 0);
+    EXPECT_EQ(tell(meld(1, 'R', 0)), -1) << "its end was told";
     EXPECT_EQ(job->JP_status, 'A');
     EXPECT_EQ(job->retCode, 4);
     EXPECT_EQ(sent().size(), 0u);
@@ -132,7 +132,7 @@ TEST_F(job_test, only_the_jobs_user_root_and_the_agent_may_speak_for_a_job) {
     job->jp_uid = 54321;
     const message_bytes body = meld(1, 'R', 0);
     for (const uid_t stranger : {static_cast<uid_t>(54322), meld_unknown_uid}) {
-        EXPECT_EQ(job_take_meld(pcx, body.data(), body.size(), stranger), 0);
+        EXPECT_EQ(job_take_meld(pcx, body.data(), body.size(), stranger), -1);
         EXPECT_EQ(job->JP_status, 'W') << stranger;
     }
     EXPECT_EQ(job_take_meld(pcx, body.data(), body.size(), 54321), 0);
