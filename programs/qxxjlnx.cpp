@@ -1,4 +1,4 @@
-// The agent. Its listener and its workers are forks that return into the same loop.
+// The agent, and as its listener the same program started anew.
 #include "agent/entry.h"
 
 int main(int argc, char** argv) {

@@ -12,6 +12,8 @@
 #include <string>
 
 #include "agent/listener.h"
+#include "agent/listener_process.h"
+#include "agent/listener_settings.h"
 #include "agent/loop.h"
 #include "agent/process_title.h"
 #include "agent/settings.h"
@@ -322,7 +324,7 @@ int finish(EX_PCX* pcx, const entry_state& state) {
     ccm_thread_end(pcx->ccm);
     return_to_start(state);
     const bool child = pcx->running_mode != MODE_AGENT;
-    const int exit_code = child ? agent_exit_normal : pcx->upgrade_exit_code;
+    const int exit_code = child ? agent_exit_normal : agent_end_code(pcx);
     Close_All(pcx, exit_code, 1);
     if (child) {
         _exit(exit_code);
@@ -397,6 +399,9 @@ int entry_ini_name(int argc, const char* const* argv, const char* program_path, 
 }
 
 int agent_main(int argc, char** argv) {
+    if (argc == 2 && strcmp(argv[1], listener_argument) == 0) {
+        return listener_main(argc, argv);
+    }
     open_standard_descriptors();
     secure_environment();
     process_title_prepare(argc, argv);

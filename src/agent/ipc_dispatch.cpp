@@ -71,6 +71,7 @@ int listener_ended(EX_PCX* pcx, const ipcmsg_sigchld_t& end) {
         pcx->listener_alarm_time = listener_last_start();
     }
     __log(2003059, "LISTENER|%i|%i(status=%i)", end.pid, end.ret, end.status);
+    listener_log_start_failure();
     return 0;
 }
 

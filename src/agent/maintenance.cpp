@@ -5,6 +5,7 @@
 #include "agent/cp_search.h"
 #include "agent/listener.h"
 #include "agent/log_stream.h"
+#include "agent/network_watch.h"
 #include "agent/server_connection.h"
 #include "agent/shutdown.h"
 #include "agent/signals.h"
@@ -107,6 +108,7 @@ int maintenance_common(EX_PCX* pcx) {
         pcx->loop = LOOP_STOP_WANTED;
     }
     check_channel_timeout(pcx);
+    network_watch(pcx);
     if ((pcx->pcx_todo_flag.fetch_and(~PCX_TODO_TRACE_FILE) & PCX_TODO_TRACE_FILE) != 0) {
         ChangeTraceFile(pcx->trcHnd, nullptr);
     }
@@ -139,9 +141,6 @@ int maintenance_agent(EX_PCX* pcx) {
     }
     if (pcx->listener_alarm_time < now) {
         maintenance_listener_process(pcx);
-        if (pcx->running_mode == MODE_LISTENER) {
-            return 0;  // this is the forked listener now
-        }
     }
     restart_when_quiet(pcx);
     check_log_change(pcx);

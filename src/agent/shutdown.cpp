@@ -34,6 +34,8 @@ namespace {
 
 constexpr int exit_code_upgrade = 248;
 
+// The process ends because it cannot do its work.
+bool failed = false;
 // The time that draining began: a channel that was quiet before gets the whole limit.
 time_t drain_start = 0;
 // Passes in which the loop does not wait for its usual time, since a few cycles of the network thread mostly
@@ -113,6 +115,17 @@ int initiate_agent_shutdown(EX_PCX* pcx) {
         ccm_wakeup_network(pcx->ccm);
     }
     return 0;
+}
+
+int initiate_agent_failure(EX_PCX* pcx) {
+    if (pcx->loop == LOOP_RUNNING) {
+        failed = true;
+    }
+    return initiate_agent_shutdown(pcx);
+}
+
+int agent_end_code(const EX_PCX* pcx) {
+    return failed ? 1 : pcx->upgrade_exit_code;
 }
 
 int shutdown_in_progress(EX_PCX* pcx) {

@@ -310,6 +310,17 @@ TEST_F(jobs, leaves_its_listener_no_rights) {
     EXPECT_NE(status.find("Gid:\t65534\t65534\t65534\t65534"), std::string::npos) << status;
     EXPECT_NE(status.find("Groups:\t \n"), std::string::npos) << status;
     EXPECT_NE(status.find("NoNewPrivs:\t1"), std::string::npos) << status;
+    // A program of its own start: another place in memory, the files of a process that nobody may trace, and a
+    // name in the list.
+    const std::string listener = "/proc/" + std::to_string(host.listener_pid());
+    const std::string agent = "/proc/" + std::to_string(host.agent.pid);
+    EXPECT_NE(read_file(listener + "/maps").substr(0, 12), read_file(agent + "/maps").substr(0, 12));
+    struct stat maps {};
+    ASSERT_EQ(stat((listener + "/maps").c_str(), &maps), 0);
+    EXPECT_EQ(maps.st_uid, 0u) << "another process of its user could take it over";
+    EXPECT_EQ(read_file(listener + "/comm"), "qxxjlnx-listene\n");
+    EXPECT_EQ(read_file(listener + "/cmdline").c_str(), std::string("qxxjlnx-listener"));
+    EXPECT_EQ(read_file(listener + "/environ").find("HOME="), std::string::npos);
     struct stat store {};
     ASSERT_EQ(stat(host.path("bin/KStore.ini").c_str(), &store), 0);
     EXPECT_EQ(store.st_mode & 07777, 0400u);

@@ -159,15 +159,4 @@ TEST(listener_settings, take_address_and_port_apart_and_never_root) {
     }
 }
 
-TEST(listener_settings, a_free_port_stays_until_a_listener_fails_on_it) {
-    installed_agent agent;
-    ASSERT_NE(agent.init(), nullptr);
-    qx7_error error;
-    ASSERT_EQ(listener_read_config(agent.pcx, &error), 0);
-    const int first = agent.pcx->listener_port;
-    EXPECT_GT(first, 0);
-    ASSERT_EQ(listener_read_config(agent.pcx, &error), 0);
-    EXPECT_EQ(agent.pcx->listener_port, first);
-}
-
 }  // namespace
