@@ -5,6 +5,7 @@
 
 #include "agent_messages.h"
 #include "base/memory.h"
+#include "control.h"
 #include "messages/records_server.h"
 #include "messages/timestamp.h"
 
@@ -132,8 +133,7 @@ bool cp_send_mail(cp_server* server, const std::string& name, const cp_mail& mai
                   cp_answer_handler handler) {
     cp_agent* agent = cp_find_agent(server, name);
     if (agent == nullptr) {
-        error = name.empty() ? "no agent is logged on, or several are: see 'qxcp agents'"
-                             : fmt::format("agent '{}' is not logged on: see 'qxcp agents'", name);
+        error = control_no_agent_text(*server, name);
         return false;
     }
     if (mail.first_version && mail.text.size() > 0xFFFF) {

@@ -16,9 +16,8 @@ namespace {
 constexpr size_t log_lines_shown = 20;
 constexpr std::streamoff log_bytes_shown = 65536;
 
-void refuse_agent(cp_control_client& client, const std::string& agent) {
-    control_refuse(client, agent.empty() ? "no agent is logged on, or several are: name one, see 'qxcp agents'"
-                                         : fmt::format("agent '{}' is not logged on: see 'qxcp agents'", agent));
+void refuse_agent(const cp_server& server, cp_control_client& client, const std::string& agent) {
+    control_refuse(client, control_no_agent_text(server, agent));
 }
 
 // Calls `tell` with the answer while the asker is still there; any other answer than OK is told as it is.
@@ -87,7 +86,7 @@ bool read_old_lines(const cp_server& server, const std::string& agent, std::stri
 void control_query(cp_server& server, cp_control_client& client, const json& request) {
     const std::string agent = request.value("agent", "");
     if (!cp_query(&server, agent, answer_to(server, client, "the query failed", info_of))) {
-        refuse_agent(client, agent);
+        refuse_agent(server, client, agent);
     }
 }
 
@@ -104,13 +103,13 @@ void control_trace(cp_server& server, cp_control_client& client, const json& req
         wish.trigger = request.value("trigger", "");
         wish.trigger_type = request.value("trigger_type", " ").append(" ")[0];
         if (!cp_trace_set(&server, agent, wish)) {
-            refuse_agent(client, agent);
+            refuse_agent(server, client, agent);
             return;
         }
     }
     // No answer comes to an order; what holds now is asked for behind it.
     if (!cp_trace_get(&server, agent, answer_to(server, client, "no trace settings", trace_of))) {
-        refuse_agent(client, agent);
+        refuse_agent(server, client, agent);
     }
 }
 
@@ -124,13 +123,13 @@ void control_log(cp_server& server, cp_control_client& client, const json& reque
             return {{"old_report", quittung.ah_idnr_old}, {"new_report", quittung.ah_idnr_new}};
         };
         if (!cp_change_log(&server, name, answer_to(server, client, "the log was not changed", told))) {
-            refuse_agent(client, name);
+            refuse_agent(server, client, name);
         }
         return;
     }
     std::string lines;
     if (!read_old_lines(server, name, lines) && agent == nullptr) {
-        refuse_agent(client, name);
+        refuse_agent(server, client, name);
         return;
     }
     if (!request.value("follow", false)) {
@@ -195,6 +194,6 @@ void control_connect(cp_server& server, cp_control_client& client, const json& r
     const auto told = [](const cp_answer&) -> json { return {{"text", "the agents are connected"}}; };
     if (!cp_connect_agents(&server, agent, partner, address, port, token,
                            answer_to(server, client, "the agents were not connected", told))) {
-        refuse_agent(client, agent);
+        refuse_agent(server, client, agent);
     }
 }

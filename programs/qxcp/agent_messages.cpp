@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "control.h"
+#include "message_text.h"
 #include "messages/conversion.h"
 #include "messages/records_connection.h"
 #include "messages/records_server.h"
@@ -151,8 +153,8 @@ void take_quittung(cp_server& server, cp_agent& agent, message_view view, uint32
         return;
     }
     cp_emit(server, "answer", agent.link.agent, 0,
-            fmt::format("agent {} answers {}: {} U{:08} {}", agent.link.agent, get_text(quittung.msg),
-                        answer.status, answer.number, answer.insert));
+            fmt::format("agent {} answers {} with {}: {}", agent.link.agent, get_text(quittung.msg), answer.status,
+                        control_answer_text(answer)));
 }
 
 void answer_query(cp_server& server, cp_agent& agent, message_view view, const frame_address& from) {
@@ -205,7 +207,7 @@ void cp_handle_message(cp_server& server, cp_agent& agent) {
                                        ? error.warning_list.list[0].subst
                                        : error.subst;
         cp_emit(server, "conversion", agent.link.agent, 0,
-                fmt::format("message of agent {} dropped: U{:08} {}", agent.link.agent, number, insert));
+                fmt::format("message of agent {} dropped: {}", agent.link.agent, cp_message_text(number, insert)));
         free_warning_list(&error);
         return;
     }

@@ -22,6 +22,7 @@ using nlohmann::json;
 namespace {
 
 constexpr int exit_refused = 125;  // the job never ran
+constexpr int exit_signal = 128;   // and the number of the signal, for a job that was cancelled
 constexpr int exit_interrupted = 130;
 
 bool copy_report(const std::string& from, const std::string& to) {
@@ -55,8 +56,8 @@ bool copy_report(const std::string& from, const std::string& to) {
 }
 
 std::string describe(const json& job) {
-    std::string text = fmt::format("job {} {}", job.value("run", 0), job.value("state", ""));
     const std::string state = job.value("state", "");
+    std::string text = fmt::format("job {} {}", job.value("run", 0), state);
     if (state == "activated") {
         text += fmt::format(": process {} on {} since {} UTC", job.value("process_id", ""), job.value("agent", ""),
                             job.value("start_time", ""));
@@ -71,14 +72,76 @@ std::string describe(const json& job) {
         }
         text += fmt::format(" at {} UTC with return code {} ({} ms of processor time)", job.value("end_time", ""),
                             job.value("return_code", 0), job.value("cpu_ms", 0));
+    } else if (state == "cancelled" && job.contains("signal")) {
+        text += fmt::format(" at {} UTC, ended by signal {} ({} ms of processor time)", job.value("end_time", ""),
+                            job.value("signal", 0), job.value("cpu_ms", 0));
+    } else if (state == "cancelled") {
+        text += ": it was sent to no agent";
+    } else if (state == "cancelling") {
+        text += ": the order is with its agent";
     } else if (state == "refused" || state == "lost") {
-        text += fmt::format(": U{:08} {}", job.value("message_number", 0), job.value("message_insert", ""));
+        text += fmt::format(": {}", job.value("message", "the agent gave no reason"));
     } else if (state == "waiting") {
         text += " for an agent to log on";
     } else if (state == "submitted") {
         text += fmt::format(" to agent {}", job.value("agent", ""));
     }
     return text;
+}
+
+// All that is known, the main things first; what is empty or zero is left out.
+void print_job(const json& job) {
+    constexpr std::pair<const char*, const char*> rows[] = {{"run", "run"},
+                                                            {"name", "name"},
+                                                            {"state", "state"},
+                                                            {"message", "reason"},
+                                                            {"return_code", "return code"},
+                                                            {"signal", "signal"},
+                                                            {"agent", "agent"},
+                                                            {"user", "user"},
+                                                            {"client", "client"},
+                                                            {"shell", "shell"},
+                                                            {"process_id", "process"},
+                                                            {"program", "program"},
+                                                            {"start_time", "started (UTC)"},
+                                                            {"end_time", "ended (UTC)"},
+                                                            {"cpu_ms", "processor, ms"},
+                                                            {"io_count", "page faults"},
+                                                            {"info_text", "status text"},
+                                                            {"variables", "variables"},
+                                                            {"output_files", "output files"},
+                                                            {"job_file", "job file"},
+                                                            {"report_file", "report there"},
+                                                            {"report_copy", "report here"}};
+    for (const auto& [key, label] : rows) {
+        const json value = job.value(key, json{});
+        const bool bare = value.empty() || value == "" || (value == 0 && key != std::string_view{"return_code"});
+        if (!bare) {
+            fmt::print("{:<16} {}\n", label, value.is_string() ? value.get<std::string>() : value.dump());
+        }
+    }
+}
+
+// The report as one JSON object, with its text or, when it goes to a file, the file's name.
+bool tell_report(const std::string& copy, int run, const std::string& path) {
+    json line = {{"run", run}};
+    std::ifstream in(copy, std::ios::binary);
+    const std::string text{std::istreambuf_iterator<char>(in), {}};
+    if (!in.is_open() || in.bad()) {
+        console_fail(fmt::format("cannot read the report '{}': {}", copy, std::strerror(errno)));
+        return false;
+    }
+    line["bytes"] = text.size();
+    if (!path.empty()) {
+        if (!copy_report(copy, path)) {
+            return false;
+        }
+        line["output"] = path;
+    } else {
+        line["text"] = text;
+    }
+    fmt::print("{}\n", line.dump(-1, ' ', false, json::error_handler_t::replace));
+    return true;
 }
 
 // Asks on the terminal whether the job shall be cancelled. A second Ctrl-C leaves it running.
@@ -104,7 +167,10 @@ bool wants_cancel(int run, int signal_fd, bool& leave) {
 
 int job_exit_code(const json& job) {
     const std::string state = job.value("state", "");
-    if (state == "refused" || state == "lost") {
+    if (state == "cancelled" && job.contains("signal")) {
+        return exit_signal + (job.value("signal", 0) & 127);  // as a shell tells it
+    }
+    if (!job.contains("return_code")) {
         return exit_refused;
     }
     const int code = job.value("return_code", 0);
@@ -207,6 +273,9 @@ int cp_console_run(const cp_console_options& options, const cp_run_options& run)
             }
             continue;
         }
+        if (console_progress(*answer)) {
+            continue;
+        }
         if (answer->contains("ok") && !answer->value("ok", false)) {
             return console_fail(answer->value("error", "the server gave no reason"));
         }
@@ -242,23 +311,28 @@ int cp_console_agents(const cp_console_options& options) {
     int exit_code;
     std::optional<json> answer = console_ask(options, {{"op", "agents"}}, exit_code);
     if (answer && options.json) {
-        fmt::print("{}\n", (*answer)["agents"].dump());
+        console_lines((*answer)["agents"]);
     } else if (answer) {
         console_table((*answer)["agents"], {{"name", "AGENT"},
                                           {"address", "ADDRESS"},
                                           {"port", "PORT"},
                                           {"version", "VERSION"},
                                           {"platform", "PLATFORM"},
-                                          {"since", "LOGGED ON (UTC)"}});
+                                          {"since", "LOGGED ON (UTC)"},
+                                          {"key", "FINGERPRINT OF ITS KEY"}});
+        if ((*answer)["agents"].empty()) {
+            fmt::print(stderr, "qxcp: no agent is logged on\n");
+        }
     }
     return exit_code;
 }
 
-int cp_console_jobs(const cp_console_options& options) {
+int cp_console_jobs(const cp_console_options& options, const cp_jobs_options& jobs) {
     int exit_code;
-    std::optional<json> answer = console_ask(options, {{"op", "jobs"}}, exit_code);
+    const std::optional<json> answer = console_ask(
+        options, {{"op", "jobs"}, {"states", jobs.states}, {"agent", jobs.agent}, {"last", jobs.last}}, exit_code);
     if (answer && options.json) {
-        fmt::print("{}\n", (*answer)["jobs"].dump());
+        console_lines((*answer)["jobs"]);
     } else if (answer) {
         console_table((*answer)["jobs"], {{"run", "RUN"},
                                         {"name", "NAME"},
@@ -284,17 +358,14 @@ int cp_console_cancel(const cp_console_options& options, int run) {
 
 int cp_console_info(const cp_console_options& options, int run) {
     int exit_code;
-    std::optional<json> answer = console_ask(options, {{"op", "info"}, {"run", run}}, exit_code);
+    const std::optional<json> answer = console_ask(options, {{"op", "info"}, {"run", run}}, exit_code);
     if (answer && options.json) {
         fmt::print("{}\n", answer->dump());
     } else if (answer) {
-        for (const auto& [key, value] : (*answer)["job"].items()) {
-            if (value.is_string() && value.get<std::string>().empty()) {
-                continue;
-            }
-            fmt::print("{:<16} {}\n", key, value.is_string() ? value.get<std::string>() : value.dump());
+        print_job((*answer)["job"]);
+        if (answer->contains("text")) {
+            fmt::print("{:<16} {}\n", "agent's answer", answer->value("text", ""));
         }
-        fmt::print("{:<16} {}\n", "agent's answer", answer->value("text", ""));
     }
     return exit_code;
 }
@@ -302,12 +373,17 @@ int cp_console_info(const cp_console_options& options, int run) {
 int cp_console_report(const cp_console_options& options, int run, const std::string& match, bool tail,
                       const std::string& path) {
     int exit_code;
-    std::optional<json> answer =
+    const std::optional<json> answer =
         console_ask(options, {{"op", "report"}, {"run", run}, {"match", match}, {"tail", tail}}, exit_code);
-    if (answer && !copy_report(answer->value("path", ""), path)) {
-        return console_exit_failure;
+    if (!answer) {
+        return exit_code;
     }
-    return exit_code;
+    const std::string copy = answer->value("path", "");
+    const bool good = options.json ? tell_report(copy, run, path) : copy_report(copy, path);
+    if (answer->value("remove", false)) {
+        unlink(copy.c_str());  // made for this command alone; a later one takes another name
+    }
+    return good ? 0 : console_exit_failure;
 }
 
 int cp_console_stop(const cp_console_options& options, const std::string& agent) {

@@ -24,6 +24,12 @@ struct cp_run_options {
     std::vector<std::string> task_resources;    // OBJECT/NAME
 };
 
+struct cp_jobs_options {
+    std::vector<std::string> states;  // empty: any
+    std::string agent;                // empty: any
+    int last = 0;                     // 0: all
+};
+
 struct cp_exec_options {
     std::string agent;
     std::string command;
@@ -59,7 +65,7 @@ struct cp_resource_options {
 // Each returns the exit code of the command. Errors go to standard error, one line each.
 int cp_console_run(const cp_console_options& options, const cp_run_options& run);
 int cp_console_agents(const cp_console_options& options);
-int cp_console_jobs(const cp_console_options& options);
+int cp_console_jobs(const cp_console_options& options, const cp_jobs_options& jobs);
 int cp_console_cancel(const cp_console_options& options, int run);
 int cp_console_info(const cp_console_options& options, int run);
 int cp_console_report(const cp_console_options& options, int run, const std::string& match, bool tail,
@@ -69,4 +75,8 @@ int cp_console_resource_add(const cp_console_options& options, const cp_resource
 int cp_console_resource_list(const cp_console_options& options);
 int cp_console_cat(const cp_console_options& options, const cp_cat_options& cat);
 int cp_console_shell(const cp_console_options& options, const std::string& agent, const std::string& command);
+// Writes an initial package to `path`, a new file with mode 0600; empty: AGENT.package here.
+int cp_console_package(const cp_console_options& options, const std::string& agent, bool company_only,
+                       const std::string& path);
+int cp_console_forget_key(const cp_console_options& options, const std::string& agent);
 int cp_console_stop(const cp_console_options& options, const std::string& agent);

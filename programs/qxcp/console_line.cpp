@@ -110,6 +110,22 @@ std::optional<json> control_receive(control_line& line, int signal_fd, bool& int
     }
 }
 
+bool console_progress(const json& line) {
+    // What stands there is wiped by whatever is told next.
+    static bool shown = false;
+    const auto progress = line.find("progress");
+    if (progress != line.end() && isatty(STDERR_FILENO) != 0) {
+        fmt::print(stderr, "\r\x1b[Kreport of job {}: {:.1f} MB", progress->value("run", 0),
+                   static_cast<double>(progress->value("bytes", int64_t{0})) / 1e6);
+        shown = true;
+    } else if (progress == line.end() && shown) {
+        fmt::print(stderr, "\r\x1b[K");
+        shown = false;
+    }
+    std::fflush(stderr);
+    return progress != line.end();
+}
+
 std::optional<json> console_ask(const cp_console_options& options, const json& request, int& exit_code) {
     control_line line;
     exit_code = console_exit_no_server;
@@ -117,8 +133,13 @@ std::optional<json> console_ask(const cp_console_options& options, const json& r
         return std::nullopt;
     }
     bool interrupted;
+    bool more = control_send(line, request);
     std::optional<json> answer;
-    if (!control_send(line, request) || !(answer = control_receive(line, -1, interrupted))) {
+    while (more) {
+        answer = control_receive(line, -1, interrupted);
+        more = answer && console_progress(*answer);
+    }
+    if (!answer) {
         console_fail("the server closed the connection: see what it printed");
         return std::nullopt;
     }
@@ -128,6 +149,12 @@ std::optional<json> console_ask(const cp_console_options& options, const json& r
     }
     exit_code = 0;
     return answer;
+}
+
+void console_lines(const json& rows) {
+    for (const json& row : rows) {
+        fmt::print("{}\n", row.dump(-1, ' ', false, json::error_handler_t::replace));
+    }
 }
 
 void console_table(const json& rows, const std::vector<std::pair<const char*, const char*>>& columns) {

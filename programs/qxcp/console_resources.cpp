@@ -33,7 +33,7 @@ int cp_console_resource_list(const cp_console_options& options) {
     int exit_code;
     const std::optional<json> answer = console_ask(options, {{"op", "resource_list"}}, exit_code);
     if (answer && options.json) {
-        fmt::print("{}\n", (*answer)["resources"].dump());
+        console_lines((*answer)["resources"]);
     } else if (answer) {
         console_table((*answer)["resources"], {{"client", "CLIENT"},
                                                {"object", "OBJECT"},

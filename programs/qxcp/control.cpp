@@ -13,112 +13,13 @@
 #include <nlohmann/json.hpp>
 
 #include "base/time.h"
+#include "message_text.h"
 
 using nlohmann::json;
 
 namespace {
 
 constexpr size_t line_limit = size_t{256} << 20;
-
-void run_job(cp_server& server, cp_control_client& client, const json& request) {
-    cp_job job;
-    job.script = request.value("script", "");
-    job.name = request.value("name", "");
-    job.agent = request.value("agent", "");
-    job.user = request.value("user", "");
-    job.shell = request.value("shell", "");
-    job.password = request.value("password", "");
-    job.wrap = request.value("wrap", true);
-    if (job.script.empty()) {
-        control_refuse(client, "the script is empty");
-        return;
-    }
-    const int number = request.value("client", int{job.client});
-    if (number < 0 || number > 9999) {
-        control_refuse(client, "a client is a number from 0 to 9999");
-        return;
-    }
-    job.client = static_cast<uint16_t>(number);
-    for (const json& wanted : request.value("resources", json::array())) {
-        job.resources.push_back(
-            {wanted.value("object", ""), wanted.value("name", ""), wanted.value("kind", "C")[0]});
-    }
-    std::string error;
-    const int run = cp_submit(&server, std::move(job), error);
-    if (run == 0) {
-        control_refuse(client, error);
-        return;
-    }
-    client.watched_run = run;
-    cp_control_tell_job(server, *cp_find_job(&server, run));
-}
-
-void ask_agent(cp_server& server, cp_control_client& client, int run, bool cancel) {
-    if (cp_find_job(&server, run) == nullptr) {
-        control_refuse(client, fmt::format("there is no job {}: see 'qxcp jobs'", run));
-        return;
-    }
-    const int id = client.id;
-    auto handler = [&server, id, run, cancel](const cp_answer& answer) {
-        cp_control_client* asker = control_find_client(server, id);
-        const cp_job* job = cp_find_job(&server, run);
-        if (asker == nullptr || job == nullptr) {
-            return;
-        }
-        const std::string text = control_answer_text(answer);
-        if (cancel && answer.status != "OK") {
-            control_refuse(*asker, fmt::format("job {} was not cancelled: {}", run, text));
-            return;
-        }
-        control_finish(*asker, {{"ok", true},
-                        {"text", cancel ? fmt::format("job {} is being cancelled: {}", run, text) : text},
-                        {"job", cp_job_json(*job)}});
-    };
-    const bool sent = cancel ? cp_cancel(&server, run, handler) : cp_job_info(&server, run, handler);
-    if (!sent && cancel) {
-        control_refuse(client, fmt::format("the agent of job {} is not logged on", run));
-    } else if (!sent) {
-        control_finish(client, {{"ok", true}, {"text", "the agent is not logged on"}, {"job", cp_job_json(*cp_find_job(&server, run))}});
-    }
-}
-
-void get_report(cp_server& server, cp_control_client& client, const json& request) {
-    const int run = request.value("run", 0);
-    const cp_job* job = cp_find_job(&server, run);
-    if (job == nullptr) {
-        control_refuse(client, fmt::format("there is no job {}: see 'qxcp jobs'", run));
-        return;
-    }
-    cp_report_wish wish;
-    wish.match = request.value("match", "");
-    wish.tail = request.value("tail", false);
-    if (wish.match.empty() && !wish.tail && !job->report_copy.empty()) {
-        control_finish(client, {{"ok", true}, {"path", job->report_copy}});
-        return;
-    }
-    wish.path = fmt::format("{}/reports/{:07}.part.txt", server.store.folder, run);
-    for (const auto& [id, transfer] : server.transfers) {
-        if (transfer.wish.path == wish.path) {
-            control_refuse(client, fmt::format("a part of the report of job {} is being fetched: try again", run));
-            return;
-        }
-    }
-    const int id = client.id;
-    const bool sent = cp_fetch_report(&server, run, wish, [&server, id, run, path = wish.path](const cp_answer& answer) {
-        cp_control_client* asker = control_find_client(server, id);
-        if (asker == nullptr) {
-            return;
-        }
-        if (answer.status == "OK") {
-            control_finish(*asker, {{"ok", true}, {"path", path}});
-        } else {
-            control_refuse(*asker, fmt::format("no report of job {}: {}", run, control_answer_text(answer)));
-        }
-    });
-    if (!sent) {
-        control_refuse(client, fmt::format("the agent of job {} is not logged on", run));
-    }
-}
 
 void list_agents(cp_server& server, cp_control_client& client, const json&) {
     json list = json::array();
@@ -130,28 +31,12 @@ void list_agents(cp_server& server, cp_control_client& client, const json&) {
     control_finish(client, {{"ok", true}, {"agents", list}});
 }
 
-void list_jobs(cp_server& server, cp_control_client& client, const json&) {
-    json list = json::array();
-    for (auto& [run, job] : server.store.jobs) {
-        list.push_back(cp_job_json(job));
-    }
-    control_finish(client, {{"ok", true}, {"jobs", list}});
-}
-
-void cancel_job(cp_server& server, cp_control_client& client, const json& request) {
-    ask_agent(server, client, request.value("run", 0), true);
-}
-
-void tell_of_job(cp_server& server, cp_control_client& client, const json& request) {
-    ask_agent(server, client, request.value("run", 0), false);
-}
-
 void stop_agent(cp_server& server, cp_control_client& client, const json& request) {
     const std::string agent = request.value("agent", "");
     if (cp_stop_agent(&server, agent)) {
         control_finish(client, {{"ok", true}, {"text", fmt::format("agent {} was told to stop", agent)}});
     } else {
-        control_refuse(client, fmt::format("agent '{}' is not logged on: see 'qxcp agents'", agent));
+        control_refuse(client, control_no_agent_text(server, agent));
     }
 }
 
@@ -169,12 +54,14 @@ constexpr control_row control_rows[] = {
     {"log", control_log, answer_limit},
     {"mail", control_mail},
     {"connect", control_connect},
-    {"run", run_job},
+    {"run", control_run},
     {"agents", list_agents},
-    {"jobs", list_jobs},
-    {"cancel", cancel_job},
-    {"info", tell_of_job},
-    {"report", get_report},
+    {"package", control_package},
+    {"forget_key", control_forget_key},
+    {"jobs", control_jobs},
+    {"cancel", control_cancel},
+    {"info", control_info},
+    {"report", control_report},
     {"stop", stop_agent},
     {"exec", cp_control_exec},
     {"cat", cp_control_cat, answer_limit},
@@ -235,8 +122,29 @@ std::string control_answer_text(const cp_answer& answer) {
     if (answer.status == "--") {
         return "the connection to the agent was lost";
     }
-    return answer.number == 0 ? std::string{answer.status}
-                              : fmt::format("{} U{:08} {}", answer.status, answer.number, answer.insert);
+    const std::string text = cp_message_text(answer.number, answer.insert);
+    if (!text.empty()) {
+        return text;
+    }
+    return answer.status == "OK" ? "the agent says yes" : "the agent says no, and gives no reason";
+}
+
+std::string control_no_agent_text(const cp_server& server, const std::string& agent) {
+    std::string names;
+    for (const auto& other : server.agents) {
+        if (other->logged_on) {
+            names += (names.empty() ? "" : ", ") + other->link.agent;
+        }
+    }
+    if (names.empty()) {
+        return agent.empty() ? "no agent is logged on" : fmt::format("agent '{}' is not logged on, nor is any other", agent);
+    }
+    return agent.empty() ? fmt::format("several agents are logged on, name one of them: {}", names)
+                         : fmt::format("agent '{}' is not logged on; these are: {}", agent, names);
+}
+
+std::string control_copy_path(const cp_server& server, const cp_control_client& client) {
+    return fmt::format("{}/reports/console-{}.part", server.store.folder, client.id);
 }
 
 bool cp_control_open(cp_server& server, std::string& error) {
@@ -316,6 +224,14 @@ void cp_control_tell_log(cp_server& server, const std::string& agent, const std:
     }
 }
 
+void cp_control_tell_progress(cp_server& server, int run, int64_t bytes) {
+    for (auto& client : server.clients) {
+        if ((client->watched_run == run || client->watched_report == run) && !client->close_when_written) {
+            control_tell(*client, {{"progress", {{"run", run}, {"bytes", bytes}}}});
+        }
+    }
+}
+
 void cp_control_tell_job(cp_server& server, const cp_job& job) {
     for (auto& client : server.clients) {
         if (client->watched_run != job.run) {
@@ -337,5 +253,6 @@ void cp_control_tell_job(cp_server& server, const cp_job& job) {
 json cp_agent_json(const cp_agent& agent) {
     return {{"name", agent.link.agent},   {"address", agent.listener}, {"port", agent.listener_port},
             {"version", agent.version},   {"platform", agent.platform}, {"since", agent.since},
-            {"start", std::string(1, agent.start_type)}, {"variables", agent.variables}};
+            {"start", std::string(1, agent.start_type)}, {"variables", agent.variables},
+            {"key", agent.fingerprint}};
 }

@@ -16,6 +16,11 @@ void control_refuse(cp_control_client& client, const std::string& text);
 cp_control_client* control_find_client(cp_server& server, int id);
 // An agent's answer in words.
 std::string control_answer_text(const cp_answer& answer);
+// Why an order for the agent of that name cannot be sent: it is not logged on, or with an empty name, not
+// alone.
+std::string control_no_agent_text(const cp_server& server, const std::string& agent);
+// Where the server puts what this client is to print; the console removes it.
+std::string control_copy_path(const cp_server& server, const cp_control_client& client);
 
 // Handlers of requests, one of the files *_control.cpp each.
 using control_handler = void (*)(cp_server& server, cp_control_client& client, const nlohmann::json& request);
@@ -31,3 +36,12 @@ void control_trace(cp_server& server, cp_control_client& client, const nlohmann:
 void control_log(cp_server& server, cp_control_client& client, const nlohmann::json& request);
 void control_mail(cp_server& server, cp_control_client& client, const nlohmann::json& request);
 void control_connect(cp_server& server, cp_control_client& client, const nlohmann::json& request);
+// keys.cpp
+void control_package(cp_server& server, cp_control_client& client, const nlohmann::json& request);
+void control_forget_key(cp_server& server, cp_control_client& client, const nlohmann::json& request);
+// job_requests.cpp
+void control_run(cp_server& server, cp_control_client& client, const nlohmann::json& request);
+void control_jobs(cp_server& server, cp_control_client& client, const nlohmann::json& request);
+void control_cancel(cp_server& server, cp_control_client& client, const nlohmann::json& request);
+void control_info(cp_server& server, cp_control_client& client, const nlohmann::json& request);
+void control_report(cp_server& server, cp_control_client& client, const nlohmann::json& request);

@@ -137,7 +137,7 @@ void cp_control_exec(cp_server& server, cp_control_client& client, const json& r
         control_finish(*asker, story);
     });
     if (sent == 0) {
-        control_refuse(client, fmt::format("agent '{}' is not logged on: see 'qxcp agents'", agent));
+        control_refuse(client, control_no_agent_text(server, agent));
         return;
     }
     control_tell(client, {{"command", sent}});
@@ -147,7 +147,7 @@ void cp_control_exec_cancel(cp_server& server, cp_control_client& client, const 
     const std::string agent = request.value("agent", "");
     const int number = request.value("command", 0);
     if (!cp_exec_cancel(&server, agent, number)) {
-        control_refuse(client, fmt::format("agent '{}' is not logged on: see 'qxcp agents'", agent));
+        control_refuse(client, control_no_agent_text(server, agent));
         return;
     }
     control_finish(client, {{"ok", true},

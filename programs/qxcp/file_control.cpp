@@ -261,7 +261,12 @@ bool cp_shell(cp_server* server, const std::string& agent_name, const std::strin
     order.blksize = server->options.block_size;
     cp_report_wish wish;
     wish.path = copy;
-    server->transfers[order.ah_idnr] = {agent->id, 0, file, wish, 0, false, {}, std::move(handler)};
+    cp_transfer transfer;
+    transfer.agent_id = agent->id;
+    transfer.file = file;
+    transfer.wish = wish;
+    transfer.handler = std::move(handler);
+    server->transfers[order.ah_idnr] = std::move(transfer);
     return cp_send(server, *agent, module_reports, &order, sizeof order);
 }
 
@@ -269,14 +274,10 @@ bool cp_shell(cp_server* server, const std::string& agent_name, const std::strin
 
 namespace {
 
-std::string copy_path(const cp_server& server, const cp_control_client& client) {
-    return fmt::format("{}/reports/console-{}.part", server.store.folder, client.id);
-}
-
 // Why nothing was sent.
 std::string not_sent(cp_server& server, const std::string& agent, const std::string& copy) {
     return cp_find_agent(&server, agent) == nullptr
-               ? fmt::format("agent '{}' is not logged on: see 'qxcp agents'", agent)
+               ? control_no_agent_text(server, agent)
                : fmt::format("nothing was sent to agent {}: is '{}' writable?", agent, copy);
 }
 
@@ -305,7 +306,7 @@ void cp_control_cat(cp_server& server, cp_control_client& client, const json& re
     wish.asker = client.id;
     const std::string part = request.value("part", "bytes");
     wish.part = part == "tail" ? cp_file_part::tail : part == "head" ? cp_file_part::head : cp_file_part::bytes;
-    wish.copy = copy_path(server, client);
+    wish.copy = control_copy_path(server, client);
     if (wish.path.empty() || wish.path.size() > 511) {
         control_refuse(client, "a file name has 1 to 511 bytes");
         return;
@@ -341,7 +342,7 @@ void cp_control_cat(cp_server& server, cp_control_client& client, const json& re
 void cp_control_shell(cp_server& server, cp_control_client& client, const json& request) {
     const std::string agent = request.value("agent", "");
     const std::string command = request.value("command", "");
-    const std::string copy = copy_path(server, client);
+    const std::string copy = control_copy_path(server, client);
     constexpr size_t longest = sizeof(MSG_TYPE_REP_GET::filename) - sizeof shell_mark + 1;
     if (command.find_first_not_of(' ') == std::string::npos || command.size() > longest) {
         control_refuse(client, fmt::format("a command of the console has 1 to {} characters", longest));

@@ -6,6 +6,7 @@
 #include "agent_messages.h"
 #include "base/memory.h"
 #include "job_text.h"
+#include "message_text.h"
 #include "messages/records_job.h"
 #include "messages/timestamp.h"
 #include "security/string_cipher.h"
@@ -85,10 +86,22 @@ void finish_job(cp_server& server, cp_job& job) {
                     fmt::format("report of job {} is in {}", run, path));
         } else {
             cp_emit(server, "report", fetched->agent, run,
-                    fmt::format("no report of job {}: U{:08} {}", run, answer.number, answer.insert));
+                    fmt::format("no report of job {}: {}", run, cp_message_text(answer.number, answer.insert)));
         }
         forget();
     });
+}
+
+// A job that no agent has got yet.
+void withdraw(cp_server& server, cp_job& job) {
+    job.state = cp_job_state::withdrawn;
+    job.cancelled = true;
+    job.forgotten = true;
+    job.script.clear();
+    qx_wipe(job.password.data(), job.password.size());
+    job.password.clear();
+    cp_emit(server, "cancel", job.agent, job.run, fmt::format("job {} was cancelled before it was sent", job.run));
+    cp_job_changed(server, job);
 }
 
 }  // namespace
@@ -109,7 +122,8 @@ void cp_ask_for_active_jobs(cp_server& server, cp_agent& agent) {
                     asked->forgotten = true;
                     asked->message_number = answer.number;
                     asked->message_insert = answer.insert;
-                    cp_emit(server, "lost", asked->agent, number, fmt::format("job {} is lost", number));
+                    cp_emit(server, "lost", asked->agent, number,
+                            fmt::format("job {} is lost: {}", number, cp_message_text(answer.number, answer.insert)));
                     cp_job_changed(server, *asked);
                 }
             });
@@ -154,7 +168,7 @@ void cp_take_status(cp_server& server, cp_agent& agent, message_view view) {
         }
         cp_emit(
             server, "status", job->agent, job->run,
-            fmt::format("job {} is {} (process {})", job->run, cp_state_name(job->state), job->process_id));
+            fmt::format("job {} is {} (process {})", job->run, cp_shown_state(*job), job->process_id));
         cp_job_changed(server, *job);
         return;
     }
@@ -164,9 +178,10 @@ void cp_take_status(cp_server& server, cp_agent& agent, message_view view) {
     job->end_time = time_text(status.endzeit);
     job->state = status.status == 'V' ? cp_job_state::vanished : cp_job_state::ended;
     if (first) {
+        const std::string state = cp_shown_state(*job);
         cp_emit(server, "end", job->agent, job->run,
-                fmt::format("job {} {} with return code {}", job->run, cp_state_name(job->state),
-                            job->return_code));
+                state == "cancelled" ? fmt::format("job {} was cancelled, by signal {}", job->run, job->return_code)
+                                     : fmt::format("job {} {} with return code {}", job->run, state, job->return_code));
     }
     cp_job_changed(server, *job);
     send_status_answer(server, agent, *job, status.status);
@@ -263,7 +278,7 @@ void cp_activate(cp_server& server, cp_agent& agent, cp_job& job) {
         asked->message_insert = answer.insert;
         asked->forgotten = true;
         cp_emit(server, "refused", asked->agent, run,
-                fmt::format("job {} refused: U{:08} {}", run, answer.number, answer.insert));
+                fmt::format("job {} refused: {}", run, cp_message_text(answer.number, answer.insert)));
         cp_job_changed(server, *asked);
     };
     server.pending[address.src_acv] = {agent.id, "EXAKTJ", run, refused};
@@ -322,6 +337,13 @@ bool cp_send(cp_server* server, cp_agent& agent, std::string_view module, const 
 
 bool cp_cancel(cp_server* server, int run, cp_answer_handler handler) {
     cp_job* job = cp_find_job(server, run);
+    if (job != nullptr && job->state == cp_job_state::waiting) {
+        withdraw(*server, *job);
+        if (handler) {
+            handler({"OK", 0, "", ""});
+        }
+        return true;
+    }
     cp_agent* agent = job == nullptr || job->agent.empty() ? nullptr : cp_find_agent(server, job->agent);
     if (agent == nullptr) {
         return false;

@@ -6,6 +6,7 @@
 
 #include "base/memory.h"
 #include "messages/head.h"
+#include "message_text.h"
 #include "messages/records_connection.h"
 
 namespace {
@@ -33,8 +34,8 @@ void append_gss_frame(cp_link& link, const void* data, size_t length, std::strin
 bool send_init_token(cp_link& link, const cp_identity& identity) {
     uint8_t key[gss_key_size];
     if (int number = get_transfer_key(*identity.keys, link.agent, key); number != 0) {
-        return end_link(link, fmt::format("the key of agent {} cannot be read: {} {}", link.agent, number,
-                                          km_error_text(number)));
+        return end_link(link, fmt::format("the key of agent {} cannot be read: {}", link.agent,
+                                          cp_message_text(number, "")));
     }
     OM_uint32 minor = 0;
     gss_cred_id_t cred = nullptr;
@@ -62,6 +63,34 @@ bool send_init_token(cp_link& link, const cp_identity& identity) {
     return true;
 }
 
+// 0 when a key of that agent is held.
+int find_key(const cp_link& link, const cp_identity& identity) {
+    qx_secret<gss_key_size> key;
+    return get_transfer_key(*identity.keys, link.agent, key.data());
+}
+
+// First contact. A card says whatever its sender likes: a key that is held is never given up for one.
+bool start_key_exchange(cp_link& link, const cp_identity& identity) {
+    int number = find_key(link, identity);
+    if (number == KM_OK) {
+        return end_link(link, fmt::format("a card with the name {} asks for a new key, and a key of that agent is held: "
+                                          "if the agent has lost its own, type 'qxcp forget-key {}'",
+                                          link.agent, link.agent));
+    }
+    if (number != KM_NAME_UNKNOWN) {
+        return end_link(link, fmt::format("it is not known whether a key of agent {} is held: {}", link.agent,
+                                          cp_message_text(number, "")));
+    }
+    uint8_t package[start_package_size];
+    number = key_exchange_start(*identity.keys, link.agent, &link.exchange, package);
+    if (number != 0) {
+        return end_link(link, fmt::format("no start package: {}", cp_message_text(number, "")));
+    }
+    append_gss_frame(link, package, sizeof package, "");
+    link.state = cp_link_state::response_awaited;
+    return true;
+}
+
 bool take_card(cp_link& link, const cp_identity& identity, const unsigned char* data, size_t length,
                const cp_link_handler& handler) {
     executor_data card{};
@@ -80,21 +109,20 @@ bool take_card(cp_link& link, const cp_identity& identity, const unsigned char* 
 
     const unsigned char no_hash[16] = {};
     if (std::memcmp(card.key_hash, no_hash, sizeof no_hash) == 0) {
-        uint8_t package[start_package_size];
-        if (int number = key_exchange_start(*identity.keys, link.agent, &link.exchange, package); number != 0) {
-            return end_link(link, fmt::format("no start package: {} {}", number, km_error_text(number)));
-        }
-        append_gss_frame(link, package, sizeof package, "");
-        link.state = cp_link_state::response_awaited;
-        return true;
+        return start_key_exchange(link, identity);
     }
     unsigned char own_hash[16];
     getKeyHash(*identity.keys, link.agent, own_hash);
-    if (std::memcmp(card.key_hash, own_hash, sizeof own_hash) != 0) {
-        return end_link(link, fmt::format("agent {} holds a transfer key that this server does not know: remove "
-                                          "the section [{}] from the agent's key store and from KStore.ini here, "
-                                          "then start the agent again",
+    if (std::memcmp(own_hash, no_hash, sizeof no_hash) == 0) {
+        return end_link(link, fmt::format("agent {} holds a transfer key, and this server holds none of it: remove "
+                                          "section [{}] from the agent's key store and start it again",
                                           link.agent, link.agent));
+    }
+    if (std::memcmp(card.key_hash, own_hash, sizeof own_hash) != 0) {
+        return end_link(link, fmt::format("agent {} holds another transfer key than this server: if that is the real "
+                                          "agent, type 'qxcp forget-key {}', remove section [{}] from its key store "
+                                          "and start it again",
+                                          link.agent, link.agent, link.agent));
     }
     return send_init_token(link, identity);
 }
@@ -104,14 +132,19 @@ bool take_response(cp_link& link, const cp_identity& identity, std::string_view 
     uint8_t key[gss_key_size];
     int number = key_exchange_finish(*identity.keys, link.exchange, bytes_of(data).data(), data.size(), key);
     if (number != 0) {
-        return end_link(link, fmt::format("agent {} refused the key exchange: {} {}", link.agent, number,
-                                          km_error_text(number)));
+        return end_link(link, fmt::format("agent {} refused the key exchange: {}", link.agent,
+                                          cp_message_text(number, "")));
+    }
+    // The answer may come late: by then another connection may have agreed on a key of that name.
+    if (find_key(link, identity) == KM_OK) {
+        qx_wipe(key, sizeof key);
+        return end_link(link, fmt::format("a key of agent {} was stored while its key exchange ran", link.agent));
     }
     number = set_transfer_key(identity.keys, link.agent, key);
     qx_wipe(key, sizeof key);
     if (number != 0) {
-        return end_link(link, fmt::format("the key of agent {} cannot be stored: {} {}", link.agent, number,
-                                          km_error_text(number)));
+        return end_link(link, fmt::format("the key of agent {} cannot be stored in {}: {}", link.agent,
+                                          identity.keys->file, cp_message_text(number, "")));
     }
     handler(link, cp_link_event::key_agreed);
     return send_init_token(link, identity);

@@ -1,15 +1,18 @@
 // Reports of jobs, fetched block by block.
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 
 #include "agent_messages.h"
+#include "base/time.h"
 #include "messages/records_report.h"
 
 namespace {
 
 constexpr int no_block_limit = 0x7FFFFFFF;
+constexpr time_t progress_interval = 1;  // seconds
 
 }  // namespace
 
@@ -28,6 +31,9 @@ void cp_end_transfer(cp_server& server, int id, const cp_answer& answer) {
         result.status = "NK";
         result.insert = fmt::format("cannot write '{}': {}", transfer.wish.path, std::strerror(errno));
     }
+    if (result.status != "OK") {
+        unlink(transfer.wish.path.c_str());  // what came is not the report
+    }
     if (transfer.handler) {
         transfer.handler(result);
     }
@@ -43,6 +49,11 @@ void cp_take_report_block(cp_server& server, cp_agent& agent, message_view view)
     std::string text{view_text(view, block.data_dist, block.data_len)};
     std::erase(text, '\r');
     bool good = true;
+    transfer.bytes += static_cast<int64_t>(text.size());
+    if (const time_t now = alarm_now(); transfer.run != 0 && now - transfer.last_told >= progress_interval) {
+        transfer.last_told = now;
+        cp_control_tell_progress(server, transfer.run, transfer.bytes);
+    }
     if (transfer.wish.tail) {
         transfer.tail = std::move(text);
         transfer.tail_held = true;
@@ -96,6 +107,13 @@ bool cp_fetch_report(cp_server* server, int run, const cp_report_wish& wish, cp_
     order.match_dist = buffer.append(wish.match);
     order.match_len = static_cast<int32_t>(wish.match.size());
     std::memcpy(buffer.bytes.data(), &order, sizeof order);
-    server->transfers[order.ah_idnr] = {agent->id, run, file, wish, 0, false, {}, std::move(handler)};
+    cp_transfer transfer;
+    transfer.agent_id = agent->id;
+    transfer.run = run;
+    transfer.file = file;
+    transfer.wish = wish;
+    transfer.last_told = alarm_now();
+    transfer.handler = std::move(handler);
+    server->transfers[order.ah_idnr] = std::move(transfer);
     return cp_send(server, *agent, module_reports, buffer.bytes.data(), buffer.bytes.size());
 }

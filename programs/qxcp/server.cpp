@@ -15,6 +15,7 @@
 #include <ctime>
 
 #include "base/text.h"
+#include "message_text.h"
 #include "server_state.h"
 
 namespace {
@@ -90,10 +91,13 @@ void handle_link_event(cp_server& server, cp_agent& agent, cp_link_event event) 
             cp_emit(server, "card", name, 0, fmt::format("visit card of agent {} from {}", name, agent.address));
             break;
         case cp_link_event::key_agreed:
-            cp_emit(server, "key", name, 0, fmt::format("first contact: a transfer key was agreed with agent {}", name));
+            cp_emit(server, "key", name, 0,
+                    fmt::format("first contact: a transfer key was agreed with agent {}, fingerprint {}", name,
+                                key_fingerprint(server.keys, name)));
             break;
         case cp_link_event::sealed:
             end_older_connections(server, agent);
+            agent.fingerprint = key_fingerprint(server.keys, name);
             cp_emit(server, "sealed", name, 0, fmt::format("the connection of agent {} is sealed", name));
             break;
         case cp_link_event::message:
@@ -241,8 +245,11 @@ std::unique_ptr<cp_server, void (*)(cp_server*)> cp_server_open(const cp_options
         return {nullptr, cp_server_close};
     }
     if (int number = KComInit(&server->keys, system, options.name, {}, options.folder + "/KStore.ini"); number != 0) {
-        error = fmt::format("the key store '{}/KStore.ini' cannot be used: {} {}", options.folder, number,
-                            km_error_text(number));
+        error = fmt::format("the key store '{}/KStore.ini' cannot be used: {}", options.folder,
+                            cp_message_text(number, ""));
+        return {nullptr, cp_server_close};
+    }
+    if (error = options.own_company_key ? cp_make_company_key(*server) : ""; !error.empty()) {
         return {nullptr, cp_server_close};
     }
     KMsetGSSCallback();  // session keys come from the key manager

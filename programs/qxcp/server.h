@@ -33,6 +33,7 @@ struct cp_options {
     int log_megabytes = 0;  // of an agent's log file, then it begins a new one; 0: any
     bool log_to_server = true;
     bool check_passwords = false;
+    bool own_company_key = false;  // make one, if the key store is new
 
     bool fetch_reports = true;  // after a job's end, then the agent may forget the job
     bool control = true;        // open the console's socket
@@ -59,6 +60,7 @@ struct cp_agent {
     std::string version;
     std::string platform;
     std::string since;
+    std::string fingerprint;   // of the transfer key
     char start_type = ' ';
     int report_id = 0;
     std::map<std::string, std::string> variables;
@@ -78,6 +80,9 @@ using cp_answer_handler = std::function<void(const cp_answer&)>;
 using cp_observer = std::function<void(const cp_event&)>;
 // Sees each message before the server does; true takes it.
 using cp_message_tap = std::function<bool(cp_agent&, const cp_received&)>;
+
+// Now, in UTC, as events carry it.
+std::string cp_time_text();
 
 // Null with `error` filled when the folder or the port cannot be used.
 std::unique_ptr<cp_server, void (*)(cp_server*)> cp_server_open(const cp_options& options, std::string& error);
@@ -191,6 +196,13 @@ bool cp_read_file(cp_server* server, const std::string& agent, const cp_file_wis
 // A command of the agent's service console; its output is in `copy` when the answer is OK.
 bool cp_shell(cp_server* server, const std::string& agent, const std::string& command, const std::string& copy,
               cp_answer_handler handler);
+// An initial package for an agent that never logged on: its transfer key is made and stored here, so that its first
+// logon needs no key exchange. With `company_only` it holds the company key alone and suits any agent. Empty with
+// `error` filled; a key that is held is not replaced. Whoever gets the bytes wipes them.
+std::string cp_make_package(cp_server* server, const std::string& agent, bool company_only, std::string& error);
+// Gives up the transfer key of an agent: the next first contact of that name is taken. An empty text, or what is
+// wrong.
+std::string cp_forget_key(cp_server* server, const std::string& agent);
 bool cp_stop_agent(cp_server* server, const std::string& agent);
 // Ends the connection without a word.
 void cp_drop_line(cp_server* server, const std::string& agent);

@@ -22,6 +22,8 @@ struct cp_transfer {
     FILE* file = nullptr;
     cp_report_wish wish;
     int block = 0;
+    int64_t bytes = 0;
+    time_t last_told = 0;  // of `bytes` to the console, monotonic
     bool tail_held = false;
     std::string tail;  // the block received last, when only the end is wanted
     cp_answer_handler handler;
@@ -45,7 +47,8 @@ struct cp_control_client {
     int fd = -1;
     std::string in;
     std::string out;
-    int watched_run = 0;  // a `run` whose states are told
+    int watched_run = 0;     // a `run` whose states are told
+    int watched_report = 0;  // the same for a report on its way
     std::string last_told;
     std::string watched_log;  // name of an agent whose log lines are told
     int silence_limit = 0;    // seconds in which an agent must have sent something for this client, 0: none
@@ -77,7 +80,6 @@ struct cp_server {
 
 void cp_emit(cp_server& server, const std::string& kind, const std::string& agent, int run,
              const std::string& text);
-std::string cp_time_text();
 
 // agent_messages.cpp and job_control.cpp
 void cp_handle_message(cp_server& server, cp_agent& agent);
@@ -86,11 +88,17 @@ std::string cp_log_path(const cp_server& server, std::string_view agent);  // of
 void cp_job_changed(cp_server& server, cp_job& job);  // stores the job and tells those who watch it
 void cp_activate(cp_server& server, cp_agent& agent, cp_job& job);
 
+// keys.cpp
+// Makes a company key for a key store that is new; one that it has stays. An empty text, or what is wrong.
+std::string cp_make_company_key(cp_server& server);
+
 // control.cpp
 bool cp_control_open(cp_server& server, std::string& error);
 void cp_control_accept(cp_server& server);
 void cp_control_read(cp_server& server, cp_control_client& client);
 void cp_control_tell_job(cp_server& server, const cp_job& job);
+// How much of a job's report has come.
+void cp_control_tell_progress(cp_server& server, int run, int64_t bytes);
 void cp_control_tell_log(cp_server& server, const std::string& agent, const std::string& lines);
 // Refuses the requests whose agents have been silent for too long.
 void cp_control_end_silent(cp_server& server);

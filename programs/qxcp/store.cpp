@@ -11,6 +11,7 @@
 #include <nlohmann/json.hpp>
 
 #include "hex.h"
+#include "message_text.h"
 #include "resources.h"
 
 namespace fs = std::filesystem;
@@ -18,8 +19,8 @@ using nlohmann::json;
 
 namespace {
 
-constexpr std::array<const char*, 9> state_names = {"waiting", "submitted", "activated", "running", "cancelled",
-                                                    "ended",   "vanished",  "refused",   "lost"};
+constexpr std::array<const char*, 10> state_names = {"waiting", "submitted", "activated", "running", "cancelled",
+                                                     "ended",   "vanished",  "refused",   "lost",    "withdrawn"};
 
 cp_job_state state_from_name(const std::string& name) {
     for (size_t i = 0; i < state_names.size(); ++i) {
@@ -39,10 +40,37 @@ std::string append_line(const cp_store& store, const json& line) {
     return {};
 }
 
-// What the console tells of a job, and what only the server needs.
+json job_facts(const cp_job& job) {
+    return {{"run", job.run},
+            {"name", job.name},
+            {"client", job.client},
+            {"agent", job.agent},
+            {"user", job.user},
+            {"shell", job.shell},
+            {"process_id", job.process_id},
+            {"program", job.program},
+            {"info_text", job.info_text},
+            {"start_time", job.start_time},
+            {"end_time", job.end_time},
+            {"cpu_ms", job.cpu_ms},
+            {"io_count", job.io_count},
+            {"cancelled", job.cancelled},
+            {"status_count", job.status_count},
+            {"message_number", job.message_number},
+            {"message_insert", job.message_insert},
+            {"variables", job.variables},
+            {"output_files", job.output_files},
+            {"job_file", job.job_file},
+            {"report_file", job.report_file},
+            {"report_copy", job.report_copy}};
+}
+
+// With what only the server needs.
 json job_to_json(const cp_job& job) {
-    json j = cp_job_json(job);
-    j.update({{"user_id", job.user_id},
+    json j = job_facts(job);
+    j.update({{"state", cp_state_name(job.state)},
+              {"return_code", job.return_code},
+              {"user_id", job.user_id},
               {"end_count", job.end_count},
               {"restart_record", cp_to_hex(job.restart_record)},
               {"forgotten", job.forgotten},
@@ -127,33 +155,47 @@ std::string open_journal(cp_store& store) {
     return fault;
 }
 
+// Copies for consoles of a server that was killed.
+void remove_parts(const std::string& folder) {
+    std::error_code error;
+    std::vector<fs::path> parts;
+    for (const fs::directory_entry& entry : fs::directory_iterator(folder, error)) {
+        if (entry.path().extension() == ".part") {
+            parts.push_back(entry.path());
+        }
+    }
+    for (const fs::path& part : parts) {
+        fs::remove(part, error);  // what stays is overwritten by the next one of its name
+    }
+}
+
 }  // namespace
 
+const char* cp_shown_state(const cp_job& job) {
+    if (job.state == cp_job_state::withdrawn || (job.state == cp_job_state::vanished && job.cancelled)) {
+        return "cancelled";
+    }
+    return job.state == cp_job_state::cancelled ? "cancelling" : cp_state_name(job.state);
+}
+
+const std::vector<std::string>& cp_shown_states() {
+    static const std::vector<std::string> names = {"waiting", "submitted", "activated", "running", "cancelling",
+                                                   "ended",   "cancelled", "vanished",  "refused", "lost"};
+    return names;
+}
+
 json cp_job_json(const cp_job& job) {
-    return {{"run", job.run},
-            {"name", job.name},
-            {"client", job.client},
-            {"agent", job.agent},
-            {"user", job.user},
-            {"shell", job.shell},
-            {"state", cp_state_name(job.state)},
-            {"return_code", job.return_code},
-            {"process_id", job.process_id},
-            {"program", job.program},
-            {"info_text", job.info_text},
-            {"start_time", job.start_time},
-            {"end_time", job.end_time},
-            {"cpu_ms", job.cpu_ms},
-            {"io_count", job.io_count},
-            {"cancelled", job.cancelled},
-            {"status_count", job.status_count},
-            {"message_number", job.message_number},
-            {"message_insert", job.message_insert},
-            {"variables", job.variables},
-            {"output_files", job.output_files},
-            {"job_file", job.job_file},
-            {"report_file", job.report_file},
-            {"report_copy", job.report_copy}};
+    json j = job_facts(job);
+    j["state"] = cp_shown_state(job);
+    if (job.state == cp_job_state::ended || (job.state == cp_job_state::vanished && !job.cancelled)) {
+        j["return_code"] = job.return_code;
+    } else if (job.state == cp_job_state::vanished) {
+        j["signal"] = job.return_code;
+    }
+    if (job.message_number != 0) {
+        j["message"] = cp_message_text(job.message_number, job.message_insert);
+    }
+    return j;
 }
 
 cp_store::~cp_store() {
@@ -183,6 +225,7 @@ std::string cp_store_open(cp_store& store, const std::string& folder) {
     if (error) {
         return fmt::format("cannot protect the folder '{}': {}", folder, error.message());
     }
+    remove_parts(folder + "/reports");
     if (std::string fault = cp_resources_open(store); !fault.empty()) {
         return fault;
     }

@@ -3,7 +3,7 @@
 //   KStore.ini          transfer keys of the agents, enciphered with the company key
 //   journal.jsonl       jobs with their restart records and the next numbers, a line for each change; the last
 //                       line of a job counts, and the file is made compact at each start
-//   reports/RUN.txt     its report as it was fetched
+//   reports/RUN.txt     its report as it was fetched; *.part: what the console is about to print
 //   resources.json      the stored resources, their contents in resources/
 //   agents/NAME.log     log lines that the agent sent
 //   control.sock        where the console reaches the server
@@ -26,8 +26,10 @@ enum class cp_job_state {
     vanished,
     refused,
     lost,
+    withdrawn,  // cancelled before it was sent to an agent
 };
 
+// The name that the journal keeps.
 const char* cp_state_name(cp_job_state state);
 bool cp_state_is_final(cp_job_state state);
 
@@ -61,7 +63,7 @@ struct cp_job {
     std::string end_time;
     int cpu_ms = 0;
     int io_count = 0;
-    bool cancelled = false;  // the agent took the order to cancel it
+    bool cancelled = false;  // the agent took the order to cancel it, or it was withdrawn
     int status_count = 0;  // EXSTAJ received
     int end_count = 0;     // of these, with a final state
     int message_number = 0;
@@ -72,7 +74,13 @@ struct cp_job {
     std::string report_copy;  // path of the fetched report, empty while it is not here
     bool forgotten = false;   // JOB_DEL sent
 };
-// What the console tells of a job.
+// The state as people see it: the end that an order to cancel brought is "cancelled", before that the job is
+// "cancelling".
+const char* cp_shown_state(const cp_job& job);
+// All names that it gives.
+const std::vector<std::string>& cp_shown_states();
+// What the console tells of a job: `return_code` only where a job has one, `signal` for one that was cancelled,
+// `message` with the text of its message.
 nlohmann::json cp_job_json(const cp_job& job);
 
 // A file that the server keeps for jobs, in the storage object of a client.

@@ -1,0 +1,43 @@
+#include "common.h"
+
+#include <fmt/format.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <charconv>
+#include <cstdlib>
+
+void add_common_options(CLI::App* command, cp_console_options& console) {
+    command->add_option("--data", console.folder, "the server's data folder (or set QXCP_DATA)")
+        ->capture_default_str();
+    command->add_flag("--json", console.json, "print JSON, one object a line, for programs");
+}
+
+CLI::Validator whole_number(int64_t low, int64_t high) {
+    const std::string range =
+        high == INT_MAX ? fmt::format("from {}", low) : fmt::format("{} to {}", low, high);
+    return CLI::Validator(
+        [=](const std::string& text) -> std::string {
+            int64_t number = 0;
+            const auto end = text.data() + text.size();
+            const auto result = std::from_chars(text.data(), end, number);
+            const bool good =
+                result.ec == std::errc{} && result.ptr == end && number >= low && number <= high;
+            return good ? ""
+                        : fmt::format("'{}' is no whole number from {} to {}", text.substr(0, 40), low, high);
+        },
+        range);
+}
+
+std::string own_user() {
+    const passwd* entry = getpwuid(geteuid());
+    return entry != nullptr ? entry->pw_name : "";
+}
+
+std::string default_folder() {
+    if (const char* folder = std::getenv("QXCP_DATA"); folder != nullptr && *folder != '\0') {
+        return folder;
+    }
+    const char* home = std::getenv("HOME");
+    return fmt::format("{}/.qxcp", home != nullptr && *home != '\0' ? home : "/tmp");
+}
