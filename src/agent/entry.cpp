@@ -11,6 +11,8 @@
 #include <cstring>
 #include <string>
 
+#include "agent/check.h"
+#include "agent/encipher.h"
 #include "agent/listener.h"
 #include "agent/listener_process.h"
 #include "agent/listener_settings.h"
@@ -50,6 +52,8 @@ constexpr char ping_timer[] = "LISTENER_SENDPING_WATCHOG";  // spelled so; opera
 struct entry_state {
     int argc;
     char** argv;
+    int ini_argc;     // the arguments from which the INI file is taken: without the word of a command
+    char** ini_argv;
     char start_folder[qx_path_size];
     char work_folder[qx_path_size];
     char program[program_path_size];
@@ -69,6 +73,30 @@ void print_usage() {
         now_text().c_str());
 }
 
+constexpr char help_text[] =
+    "qxxjlnx, the agent of a workload-automation server: it logs on to a server process under its name,\n"
+    "runs jobs and commands by the server's order under the users that it names, and returns their states,\n"
+    "return codes and reports. Jobs outlive the agent.\n"
+    "\n"
+    "  qxxjlnx [[ini=]FILE]      run the agent with this INI file (default: the program's path with \".ini\");\n"
+    "                            it stays in the foreground and ends in order by SIGTERM\n"
+    "  qxxjlnx check [ini=FILE]  look at settings, folders, keys, port and server without starting;\n"
+    "                            one line each, exit code 0 or 1\n"
+    "  qxxjlnx encipher          read a text from standard input and print the form in which a setting such\n"
+    "                            as MAIL/smtp_password may hold it\n"
+    "  qxxjlnx -V[FILE], --version\n"
+    "                            print version and changelist, or write them to the file\n"
+    "  qxxjlnx --help            this text\n"
+    "\n"
+    "Relative paths in the INI file count from the folder of the program, a relative FILE here from the\n"
+    "current folder. The INI file needs GLOBAL/system, TCP/IP/cp and VARIABLES/QX_EX_JOB_MD; the commented\n"
+    "sample qxxjlnx.ini is a start. The log is ../temp/QXXJxxx.l00 unless GLOBAL/logging says otherwise.\n"
+    "\n"
+    "Exit codes: 0 ended in order, 1 could not start or ended abnormally, 248 stopped for an upgrade.\n"
+    "\n"
+    "Read on: man qxxjlnx; docs/operations.md (install, keys, rights, what to do when something fails),\n"
+    "docs/configuration.md (all settings), docs/messages.md (what the numbers in the log mean).\n";
+
 void print_normal_end() {
     printf("%s U02000001 QX7 Agent '%s' version '%s' ended normaly\n", now_text().c_str(), general_name,
            qx_version);
@@ -87,7 +115,7 @@ int wrong_use(const char* name) {
 
 bool is_help(const std::string& argument) {
     for (const char* form :
-         {"?", "-?", "/?", "H", "HE", "HEL", "HELP", "-H", "-HE", "-HEL", "-HELP", "--HELP"}) {
+         {"?", "-?", "/?", "H", "HE", "HEL", "HELP", "-H", "-HE", "-HEL", "-HELP"}) {
         if (argument == form) {
             return true;
         }
@@ -206,8 +234,8 @@ bool ini_is_trusted(const char* file) {
 int find_ini(entry_state* state) {
     char name[qx_path_size];
     char completed[qx_path_size];
-    if (entry_ini_name(state->argc, state->argv, state->program, name, sizeof name) != 0) {
-        return ini_failure(*state, state->argv[1], ENAMETOOLONG);
+    if (entry_ini_name(state->ini_argc, state->ini_argv, state->program, name, sizeof name) != 0) {
+        return ini_failure(*state, state->ini_argv[1], ENAMETOOLONG);
     }
     if (GetFilePfad(name, state->start_folder, completed, sizeof completed) != 0) {
         return ini_failure(*state, name, errno);
@@ -373,8 +401,17 @@ entry_request entry_classify(int argc, const char* const* argv) {
     if (argc > 1 && is_help(argument)) {
         return entry_request_help;
     }
+    if (argc > 1 && argument == "--HELP") {
+        return entry_request_long_help;
+    }
+    if (argc > 1 && argc <= 3 && std::string_view(argv[1]) == "check") {
+        return entry_request_check;
+    }
     if (argc > 2) {
         return entry_request_wrong;
+    }
+    if (argc > 1 && std::string_view(argv[1]) == "encipher") {
+        return entry_request_encipher;
     }
     if (argc > 1 && is_version(argument)) {
         return entry_request_version;
@@ -414,9 +451,18 @@ int agent_main(int argc, char** argv) {
         print_normal_end();
         return agent_exit_normal;
     }
+    if (request == entry_request_long_help) {
+        return fputs(help_text, stdout) < 0 ? agent_exit_failure : agent_exit_normal;
+    }
+    if (request == entry_request_encipher) {
+        return encipher_command(stdin, stdout, stderr);
+    }
     if (request == entry_request_wrong) {
         return wrong_use(general_name);
     }
+    const int command_words = request == entry_request_check ? 1 : 0;
+    state.ini_argc = argc - command_words;
+    state.ini_argv = argv + command_words;
     if (getcwd(state.start_folder, sizeof state.start_folder) == nullptr) {
         printf("getcwd error - errno = %d, '%s'\n", errno, strerror(errno));
         return agent_exit_failure;
@@ -429,6 +475,9 @@ int agent_main(int argc, char** argv) {
     }
     if (read_start_folder(&state) != 0 || enter_work_folder(&state) != 0 || find_ini(&state) != 0) {
         return agent_exit_failure;
+    }
+    if (request == entry_request_check) {
+        return check_command(state.ini, state.program, stdout);
     }
     return run_agent(state);
 }

@@ -108,6 +108,9 @@ int process_ipc_channel_close(EX_PCX* pcx, ccm_msg_t* msg, int) {
         return 0;
     }
     if (channel.type == CH_TYPE_CP_CANDIDATE) {
+        if (strcmp(channel.name, ccm_name_server) == 0 && pcx->loop == LOOP_RUNNING) {
+            server_handshake_failed(pcx, channel);
+        }
         cp_connection_closed(pcx, channel.ID, channel.port);
     } else if (channel.type == CH_TYPE_SERVER && !other_server_stands(pcx)) {
         server_connection_lost(pcx);

@@ -386,6 +386,26 @@ int server_connection_established(EX_PCX* pcx, int channel_id) {
     return result;
 }
 
+void server_handshake_failed(EX_PCX* pcx, const ccm_channel_image_t& channel) {
+    constexpr char remedy[] =
+        "see 'First contact' in docs/operations.md";
+    if (channel.msgnr == 2000064) {
+        return;  // it said nothing, so its opinion of the key is not known
+    }
+    const std::string fingerprint = key_fingerprint(agent_keys(), pcx->exName);
+    if (fingerprint.empty()) {
+        __log(-1,
+              "the server %s:%d ended the connection before the handshake was over, and this agent holds no transfer "
+              "key: the server may hold one for '%s' that its operator has to forget, or first contact is off; %s",
+              channel.addr, channel.port, pcx->exName, remedy);
+        return;
+    }
+    __log(-1,
+          "the server %s:%d ended the connection before the handshake was over: it may not know this agent's transfer "
+          "key (fingerprint %s). If it has lost it, remove section [%s] from '%s' and start the agent again; %s",
+          channel.addr, channel.port, fingerprint.c_str(), pcx->exName, agent_keys().file.c_str(), remedy);
+}
+
 void server_connection_lost(EX_PCX* pcx) {
     pcx->pcx_flag.fetch_and(~PCX_FLAG_SERVER_CHANNEL);
     pcx->waitForChglogQu = 0;

@@ -170,6 +170,7 @@ constexpr known_setting rows[] = {
     yes_no("PAM", "pam_setcred", "yes"),
     text("AUTHORIZATION", "KeyStore", "KStore.ini"),
     text("AUTHORIZATION", "InitialPackage", ""),
+    guard("AUTHORIZATION", "first_contact", "yes"),
 
     yes_no("MISC", "MsgToStdout", "NO"),
     yes_no("MISC", "ProcessInfo", "yes"),

@@ -12,6 +12,9 @@ struct qx7_error;
 // nor log. Null when there is no memory; otherwise `error` tells.
 EX_PCX* PcxMalloc(const char* ini, qx7_error* error);
 
+// Path, name and folder of the program, and the host's name, into the context.
+void settings_program(EX_PCX* pcx, const char* program_path);
+
 // Builds the context from the INI file in the fixed order of its steps: names, message library, trace, log,
 // directories, identity, modules. Null only when the context could not be allocated or the trace not be
 // opened; every other failure returns the context with `error` filled, and the caller ends through

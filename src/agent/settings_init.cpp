@@ -13,6 +13,7 @@
 #include "agent/settings.h"
 #include "agent/settings_check.h"
 #include "agent/shell_sources.h"
+#include "agent/start_warnings.h"
 #include "agent/system_variables.h"
 #include "agent/unbuilt_modules.h"
 #include "base/context.h"
@@ -63,8 +64,7 @@ int call_error(qx7_error* error, const char* call, const char* path) {
 
 // ---- names, library, languages
 
-void read_program(EX_PCX* pcx, const char* program_path) {
-    copy_text(pcx->ProgPfad, program_path);
+void read_trace_memory(EX_PCX* pcx) {
     pcx->trc_count = 0;
     pcx->trc_trigger_text = nullptr;
     char memory[32];
@@ -73,22 +73,6 @@ void read_program(EX_PCX* pcx, const char* program_path) {
         pcx->trc_flag |= TRC_SETTING_MEMORY;
     }
     pcx->trc_max_size = std::max(pcx->getProfileInt(pcx, "TRACE", "MaxTraceSize", "128"), 0);
-}
-
-void split_program(EX_PCX* pcx) {
-    const char* slash = strrchr(pcx->ProgPfad, '/');
-    copy_text(pcx->ProgName, slash == nullptr ? pcx->ProgPfad : slash + 1);
-    if (slash == nullptr) {
-        GetCurrDir(pcx->pcx_WorkFolder, sizeof pcx->pcx_WorkFolder);
-    } else {
-        // A program in the root has the root as its folder, not an empty name.
-        const size_t length = slash == pcx->ProgPfad ? 1 : static_cast<size_t>(slash - pcx->ProgPfad);
-        copy_text(pcx->pcx_WorkFolder, std::string_view(pcx->ProgPfad, length));
-    }
-    copy_text(pcx->exVers, qx_version);
-    if (gethostname(pcx->exNodeName, sizeof pcx->exNodeName - 1) != 0) {
-        copy_text(pcx->exNodeName, "localhost");
-    }
 }
 
 int read_name(EX_PCX* pcx, qx7_error* error) {
@@ -219,6 +203,18 @@ int open_log(EX_PCX* pcx, qx7_error* error) {
         return call_error(error, "OpenLogFile()", pcx->logFile);
     }
     return 0;
+}
+
+// For a person at a terminal and for the service manager's journal, which see nothing else of the start.
+void tell_warnings(const EX_PCX* pcx) {
+    for (const std::string& warning : start_warnings(pcx)) {
+        fprintf(stderr, "%s: warning: %s\n", pcx->ProgName, warning.c_str());
+        __PutLogText("warning: %s", warning.c_str());
+    }
+    char resolved[qx_path_size];
+    const char* log = pcx->logHnd->filename;
+    fprintf(stderr, "%s: agent %s of system %s, its log is '%s'\n", pcx->ProgName, pcx->exName, pcx->sysName,
+            realpath(log, resolved) == nullptr ? log : resolved);
 }
 
 int read_messenger(EX_PCX* pcx, qx7_error* error) {
@@ -425,8 +421,8 @@ void read_rest(EX_PCX* pcx) {
 }
 
 int run_steps(EX_PCX* pcx, const char* program_path, qx7_error* error, bool* no_handle) {
-    read_program(pcx, program_path);
-    split_program(pcx);
+    settings_program(pcx, program_path);
+    read_trace_memory(pcx);
     if (read_name(pcx, error) != 0 || read_system(pcx, error) != 0 || open_message_library(pcx, error) != 0) {
         return -1;
     }
@@ -439,6 +435,7 @@ int run_steps(EX_PCX* pcx, const char* program_path, qx7_error* error, bool* no_
     if (settings_log_faults(pcx, error) != 0) {
         return -1;
     }
+    tell_warnings(pcx);
     const int timeout = pcx->getProfileInt(pcx, "GLOBAL", "job_timeout", "18000");
     pcx->Per_JobTimeout = timeout < 0 ? 0 : timeout;
     if (read_messenger(pcx, error) != 0 || open_folders(pcx, error) != 0) {
@@ -463,6 +460,23 @@ const char* remedy_of(const qx7_error& error) {
 }
 
 }  // namespace
+
+void settings_program(EX_PCX* pcx, const char* program_path) {
+    copy_text(pcx->ProgPfad, program_path);
+    const char* slash = strrchr(pcx->ProgPfad, '/');
+    copy_text(pcx->ProgName, slash == nullptr ? pcx->ProgPfad : slash + 1);
+    if (slash == nullptr) {
+        GetCurrDir(pcx->pcx_WorkFolder, sizeof pcx->pcx_WorkFolder);
+    } else {
+        // A program in the root has the root as its folder, not an empty name.
+        const size_t length = slash == pcx->ProgPfad ? 1 : static_cast<size_t>(slash - pcx->ProgPfad);
+        copy_text(pcx->pcx_WorkFolder, std::string_view(pcx->ProgPfad, length));
+    }
+    copy_text(pcx->exVers, qx_version);
+    if (gethostname(pcx->exNodeName, sizeof pcx->exNodeName - 1) != 0) {
+        copy_text(pcx->exNodeName, "localhost");
+    }
+}
 
 EX_PCX* PcxInit(const char* ini, const char* program_path, qx7_error* error) {
     reading("", "");

@@ -243,6 +243,21 @@ int answer_init_token(EX_PCX* pcx, ccm_context_t* ccm, int id, int type, const c
     return post_gsshs_ok(ccm, id);
 }
 
+const char* advice_for_refusal(int number) {
+    switch (number) {
+        case KM_WRITE:
+            return "Let the agent's user write the key store's folder and make room there; the server tries again at "
+                   "the next connection";
+        case KM_UNEXPECTED:
+            return "Bring the key by an initial package, or set AUTHORIZATION/first_contact to yes until there is one";
+        case KM_KEY_EXISTS:
+            return "The server has lost the agent's key: remove the agent's section from the key store if a new one "
+                   "is wanted";
+        default:
+            return "Server and agent need the same system name, company key and agent name";
+    }
+}
+
 // A start or other package of the key exchange. Only the chosen server process may place a key: anybody else
 // who knows the system's name could otherwise own a fresh agent.
 int answer_package(EX_PCX* pcx, ccm_context_t* ccm, int id, int type, int command, const ccm_msg_t* msg,
@@ -257,8 +272,13 @@ int answer_package(EX_PCX* pcx, ccm_context_t* ccm, int id, int type, int comman
     int result =
         cmdData(&agent_keys(), field_text(pcx->exName), command, static_cast<const uint8_t*>(package.value),
                 package.length, answer, &answer_length, nullptr, nullptr);
-    if (result != 0) {
+    if (result == 0) {
+        __log(-1, "a transfer key was agreed; its fingerprint is %s: compare it with the one in the server's log",
+              key_fingerprint(agent_keys(), field_text(pcx->exName)).c_str());
+    } else {
         qx_error_set(error, -1, result, 2000102, "cmdData|%u|", static_cast<unsigned>(result));
+        __log(-1, "no key is agreed with the server: %s. %s", km_explain(agent_keys(), result).c_str(),
+              advice_for_refusal(result));
         if (answer_length == 0) {
             return -1;
         }

@@ -28,6 +28,14 @@ std::string authorization_file(EX_PCX* pcx, const char* key, const char* preset)
     return GetPfad(pcx->pcx_WorkFolder, name, path, sizeof path) == 0 ? path : name;
 }
 
+// The number for machines and, in a line of its own, the reason for people.
+int call_failure(qx7_error* error, const char* call, const std::string& file, int number) {
+    const bool unread = number == KM_OPEN || number == KM_READ;
+    __log(-1, "%s '%s': %s%s%s", call, file.c_str(), km_explain(agent_keys(), number).c_str(), unread ? ": " : "",
+          unread ? strerror(agent_keys().store_errno) : "");
+    return qx_error_set(error, -1, number, call_failed_message, "%s|%08X|", call, static_cast<unsigned>(number));
+}
+
 int read_package(int fd, uint8_t* out, size_t room, size_t* length) {
     *length = 0;
     while (*length < room) {
@@ -69,9 +77,22 @@ int import_initial_package(EX_PCX* pcx, qx7_error* error) {
     }
     __log(initial_package_message, "%s|", file.c_str());
     int number = ImportKey(&agent_keys(), {package.data(), length}, {});
-    return number == KM_OK ? 0
-                           : qx_error_set(error, -1, number, call_failed_message, "ImportKey|%08X|",
-                                          static_cast<unsigned>(number));
+    return number == KM_OK ? 0 : call_failure(error, "ImportKey", file, number);
+}
+
+// Which key the agent holds, or how it comes to one.
+void log_key_state() {
+    const key_manager& keys = agent_keys();
+    const std::string fingerprint = key_fingerprint(keys, keys.exName);
+    if (!fingerprint.empty()) {
+        __log(-1, "the agent's transfer key has the fingerprint %s", fingerprint.c_str());
+    } else if (keys.first_contact) {
+        __log(-1, "the agent holds no transfer key yet: it will take one from the first server that knows the company key");
+    } else {
+        __log(-1,
+              "the agent holds no transfer key and AUTHORIZATION/first_contact is no: no server can log it on "
+              "until an initial package brings a key");
+    }
 }
 
 // Group and others have nothing to do with the store, whoever made the file.
@@ -104,14 +125,15 @@ int GssOpen(qx7_error* error) {
     tighten_mode(file);
     int number = KComInit(&agent_keys(), pcx->sysName, pcx->exName, {}, file);
     if (number != KM_OK) {
-        return qx_error_set(error, -1, number, call_failed_message, "KComInit|%08X|",
-                            static_cast<unsigned>(number));
+        return call_failure(error, "KComInit", file, number);
     }
+    agent_keys().first_contact = pcx->getProfileBool(pcx, "AUTHORIZATION", "first_contact", "yes");
     KMsetGSSCallback();
     if (import_initial_package(pcx, error) != 0 || import_own_name(pcx, error) != 0) {
         GssClose();
         return -1;
     }
+    log_key_state();
     pcx->pcx_GssOpen = 1;
     return 0;
 }

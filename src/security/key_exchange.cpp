@@ -72,7 +72,7 @@ int serve_start_package(key_manager* keys, std::string_view name, const startpac
         return number == KM_OK || number == KM_BUFFER_SMALL || number == KM_WRONG_DATA ? KM_KEY_EXISTS
                                                                                        : number;
     }
-    return set_transfer_key(keys, name, key.data());
+    return keys->first_contact ? set_transfer_key(keys, name, key.data()) : KM_UNEXPECTED;
 }
 
 void copy_field(char* out, const char field[32]) {

@@ -82,7 +82,8 @@ std::string entry_key(int number, int type) {
     return text;
 }
 
-int read_number() {
+int read_number(const key_manager& keys) {
+    keys.store_errno = errno;
     return errno == ENOENT ? KM_NAME_UNKNOWN : errno == EFBIG || errno == EIO ? KM_READ : KM_OPEN;
 }
 
@@ -108,6 +109,7 @@ int WriteToIni(const key_manager& keys, std::string_view section, const std::str
     if (UpdateCfg(keys.file, section, key, value) == 0) {
         return KM_OK;
     }
+    keys.store_errno = errno;
     return errno == EINVAL ? KM_RANGE : KM_WRITE;
 }
 
@@ -145,12 +147,36 @@ const char* km_error_text(int number) {
     return number >= KM_UNKNOWN && number <= KM_KEY_EXISTS ? g_KMErrorTxt[number - KM_UNKNOWN] : "";
 }
 
+const char* km_reason_text(int number) {
+    switch (number) {
+        case KM_UNEXPECTED:
+            return "no key is taken at first contact";
+        case KM_WRITE:
+            return "the key store cannot be written";
+        case KM_PRIMES:
+            return "the company key gives no numbers for a key exchange";
+        case KM_KEY_EXISTS:
+            return "a key is held already";
+        default:
+            return *km_error_text(number) == '\0' ? "an unknown error" : km_error_text(number);
+    }
+}
+
+std::string km_explain(const key_manager& keys, int number) {
+    const std::string reason = km_reason_text(number);
+    const bool of_file = number == KM_WRITE || number == KM_OPEN || number == KM_READ;
+    return of_file && keys.store_errno != 0 && !keys.file.empty()
+               ? reason + ", '" + keys.file + "': " + strerror(keys.store_errno)
+               : reason;
+}
+
 // ---- opening and closing
 // ------------------------------------------------------------------------------------------
 
 int KComInit(key_manager* keys, std::string_view systemName, std::string_view exName,
              std::span<const uint8_t> key, const std::string& file) {
     KComExit(keys);
+    keys->first_contact = true;
     if (file.empty() || exName.empty()) {
         return KM_RANGE;
     }
@@ -217,7 +243,7 @@ int getEncKey(const key_manager& keys, std::string_view name, int number, int ty
     }
     qx_secret_text content;
     if (ReadCfg(keys.file, &content) != 0) {
-        return read_number();
+        return read_number(keys);
     }
     for (int candidate : {KEY_TYPE_PARTNER, KEY_TYPE_COMPANY}) {
         if (type != 0 && type != candidate) {

@@ -50,6 +50,9 @@ enum key_type : int {
 
 // The text of a number from 5000 on; "" for 5023 and for unknown ones.
 const char* km_error_text(int number);
+// What the number means when keys are kept in a file and agreed with a partner, for people: the fixed texts of
+// 5013, 5022 and 5024 say something else. Never empty.
+const char* km_reason_text(int number);
 
 // One key store with its company key. Wiped at its end.
 struct key_manager {
@@ -60,6 +63,8 @@ struct key_manager {
     qx_secret<gss_key_size> g_pCompKey;
     uint64_t generator = 0;  // of the key exchange, both from the company key
     uint64_t modulus = 0;
+    bool first_contact = true;     // start packages of a key exchange are served
+    mutable int store_errno = 0;  // why the file could not be read or written, of the last failure
 
     key_manager() = default;
     key_manager(const key_manager&) = delete;
@@ -77,6 +82,8 @@ int KComInit(key_manager* keys, std::string_view systemName, std::string_view ex
              std::span<const uint8_t> key, const std::string& file);
 // Sets the company key and derives the numbers of the key exchange from it. 0, 5002 or 5023.
 int KCinit(key_manager* keys, std::span<const uint8_t> key);
+// The number's reason with the store's file and the system's own reason where those count, for a line in the log.
+std::string km_explain(const key_manager& keys, int number);
 // Wipes. May be called repeatedly.
 void KComExit(key_manager* keys);
 const char* KComVersion();

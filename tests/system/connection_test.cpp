@@ -105,6 +105,22 @@ TEST_F(connection, returns_after_the_server_was_gone) {
     EXPECT_EQ(cp_find_agent(server.get(), "RETURNER")->start_type, 'W');
 }
 
+TEST_F(connection, explains_why_the_server_left_when_it_lost_the_agents_key) {
+    installation host("FORGOT", port());
+    host.start();
+    ASSERT_TRUE(wait_logon("FORGOT")) << story() << host.log();
+    EXPECT_TRUE(host.log_has("a transfer key was agreed; its fingerprint is ")) << host.log();
+    ASSERT_TRUE(host.stop());
+    close_server();
+    ASSERT_EQ(unlink((options.folder + "/KStore.ini").c_str()), 0);
+    open_server();
+    host.start();
+    EXPECT_TRUE(wait(20000, [&] { return host.log_has("it may not know this agent's transfer key (fingerprint "); }))
+        << story() << host.log();
+    EXPECT_TRUE(host.log_has("remove section [FORGOT] from '")) << host.log();
+    EXPECT_TRUE(host.stop());
+}
+
 TEST_F(connection, starts_a_new_listener_when_it_dies) {
     installation host("LISTENED", port());
     host.start();

@@ -28,6 +28,8 @@ const start_failure failures[] = {
          host.ini["VARIABLES"]["QX_EX_PATH_BACKUP"] = "../plain/backup";
      },
      "plain/backup"},
+    {"a switch that protects", [](installation& host) { host.ini["GLOBAL"]["hardened"] = "ja"; }, "[GLOBAL] hardened = 'ja'"},
+    {"no way of checking passwords", [](installation& host) { host.ini["MISC"]["authentication"] = "ldap"; }, "PAM or local"},
 };
 
 TEST(start, names_what_is_wrong_with_the_settings) {
@@ -65,6 +67,10 @@ TEST(start, answers_help_version_and_wrong_use) {
     EXPECT_NE(output.find("usage : QXXJxxx [[ini=]<file>]"), std::string::npos) << output;
     EXPECT_NE(output.find("U02000001"), std::string::npos) << output;
 
+    EXPECT_EQ(run_program({QX_AGENT_PROGRAM, "--help"}, output), 0);
+    EXPECT_NE(output.find("qxxjlnx check [ini=FILE]"), std::string::npos) << output;
+    EXPECT_LE(lines_of(output).size(), 24u) << "more than a screen";
+
     scratch_folder folder;
     EXPECT_EQ(run_program({QX_AGENT_PROGRAM, "-V" + folder.path + "/Version.TXT"}, output), 0);
     const std::string version = read_file(folder.path + "/Version.TXT");
@@ -81,6 +87,17 @@ TEST(start, finds_a_relative_ini_file_from_the_folder_of_the_call) {
     start_program(host.agent, {host.path("bin/qxxjlnx"), "INI=Mixed.Ini"}, host.path("agent.out"), host.folder.path);
     EXPECT_TRUE(wait_until(10000, [&] { return host.log_has("2000072"); })) << host.agent.output() << host.log();
     EXPECT_TRUE(host.stop());
+}
+
+TEST(start, is_checked_without_a_start) {
+    const int nobody_listens = free_port();
+    installation host("CHECKED", nobody_listens);
+    host.write_ini();
+    std::string output;
+    EXPECT_EQ(run_program({host.path("bin/qxxjlnx"), "check", "ini=" + host.ini_path()}, output), 1);
+    EXPECT_NE(output.find("FAILED   server"), std::string::npos) << output;
+    EXPECT_EQ(output.find("FAILED"), output.rfind("FAILED   ")) << "nothing else is wrong: " << output;
+    EXPECT_EQ(host.log(), "");
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include <cstring>
 
+#include "base/log.h"
 #include "base/time.h"
 #include "fixture.h"
 #include "security/key_exchange.h"
@@ -308,6 +309,42 @@ TEST_F(handshake_test, only_the_chosen_server_may_place_a_key) {
     EXPECT_EQ(key_exchange_finish(server_keys, again, answer.data() + 48, response_package_size, agreed),
               KM_KEY_EXISTS);
     EXPECT_EQ(ccm_channel_existbyID(ccm, id), 1);
+}
+
+std::string last_text;
+
+void keep_text(int number, const char* insert) {
+    last_text = number == -1 ? insert : last_text;
+}
+
+TEST_F(handshake_test, the_log_says_which_key_was_agreed_or_why_none_was) {
+    key_manager server_keys;
+    ASSERT_EQ(KComInit(&server_keys, own_system, "SERVER", {}, "/nonexistent/KStore.ini"), 0);
+    ASSERT_EQ(delEncKey(&agent_keys(), own_name, 0, KEY_TYPE_PARTNER), 0);
+    partner far = open_channel(CH_TYPE_CP_CANDIDATE, "*SERVER", &id);
+    const std::string file = agent_keys().file;
+    const auto after_a_package = [&] {
+        key_exchange exchange;
+        bytes frame(48 + start_package_size);
+        frame_set_header(frame.data(), protocol_gss, static_cast<int64_t>(frame.size()));
+        EXPECT_EQ(key_exchange_start(server_keys, own_name, &exchange, frame.data() + 48), 0);
+        log_function before = __log_set_logger(keep_text);
+        far.send(frame);
+        EXPECT_EQ(handle_gss(), 0);
+        __log_set_logger(before);
+        return last_text;
+    };
+    agent_keys().first_contact = false;
+    EXPECT_NE(after_a_package().find("AUTHORIZATION/first_contact"), std::string::npos) << last_text;
+    agent_keys().first_contact = true;
+    agent_keys().file = "/nonexistent/agent.ini";
+    EXPECT_NE(after_a_package().find("cannot be written, '/nonexistent/agent.ini': No such file"), std::string::npos)
+        << last_text;
+    agent_keys().file = file;
+    const std::string agreed = after_a_package();
+    const std::string fingerprint = key_fingerprint(agent_keys(), own_name);
+    EXPECT_FALSE(fingerprint.empty());
+    EXPECT_NE(agreed.find("fingerprint is " + fingerprint), std::string::npos) << agreed;
 }
 
 TEST_F(handshake_test, a_frame_for_a_channel_that_has_gone_is_dropped) {

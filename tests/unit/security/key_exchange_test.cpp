@@ -51,6 +51,22 @@ TEST_F(exchange_test, both_sides_hold_the_same_key) {
     }
 }
 
+TEST_F(exchange_test, an_agent_that_takes_no_key_says_why) {
+    key_exchange exchange;
+    bytes package(start_package_size), answer, agreed(32);
+    ASSERT_EQ(KM_OK, key_exchange_start(server, "AGENT1", &exchange, package.data()));
+    agent.first_contact = false;
+    EXPECT_EQ(KM_UNEXPECTED, answer_to(package, &answer));
+    EXPECT_EQ(KM_UNEXPECTED,
+              key_exchange_finish(server, exchange, answer.data(), answer.size(), agreed.data()));
+    EXPECT_FALSE(agent_holds_a_key());
+    agent.first_contact = true;
+    agent.file = folder / "none/agent.ini";
+    EXPECT_EQ(KM_WRITE, answer_to(package, &answer));
+    EXPECT_EQ("the key store cannot be written, '" + agent.file + "': No such file or directory",
+              km_explain(agent, KM_WRITE));
+}
+
 // A server written from the tables: packages by byte, arithmetic by plain repeated multiplication of small
 // exponents.
 TEST_F(exchange_test, packages_have_the_published_layout) {
