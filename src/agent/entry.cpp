@@ -28,6 +28,7 @@
 #include "base/locks.h"
 #include "base/log.h"
 #include "base/paths.h"
+#include "base/starter.h"
 #include "base/text.h"
 #include "base/time.h"
 #include "base/trace.h"
@@ -313,6 +314,14 @@ int open_channels(EX_PCX* pcx) {
     return 0;
 }
 
+// Before there are threads, and before anything secret is in memory.
+void open_starter() {
+    if (starter_open("/proc/self/exe") != 0) {
+        __log(-1, "no starter could be made (%s): processes are started by fork, which takes longer",
+              strerror(errno));
+    }
+}
+
 int open_security(EX_PCX*) {
     qx7_error error;
     if (GssOpen(&error) != 0 || error.qx_msgnr != 0) {
@@ -370,6 +379,7 @@ int run_agent(const entry_state& state) {
         return exit_code;
     }
     dump_settings(pcx);
+    open_starter();
     if (open_channels(pcx) != 0) {
         return abnormal_start_with_thread(pcx, state, true);
     }
@@ -438,6 +448,9 @@ int entry_ini_name(int argc, const char* const* argv, const char* program_path, 
 int agent_main(int argc, char** argv) {
     if (argc == 2 && strcmp(argv[1], listener_argument) == 0) {
         return listener_main(argc, argv);
+    }
+    if (starter_is_wanted(argc, argv)) {
+        return starter_run();
     }
     open_standard_descriptors();
     secure_environment();

@@ -10,6 +10,7 @@
 #include "agent/timers.h"
 #include "base/context.h"
 #include "base/log.h"
+#include "base/starter.h"
 #include "base/text.h"
 #include "base/time.h"
 #include "base/trace.h"
@@ -79,6 +80,10 @@ int process_ipc_sigchld(EX_PCX* pcx, ccm_msg_t* msg, int) {
     const auto end = record_of<ipcmsg_sigchld_t>(msg);
     if (end.pid == pcx->listener_pid) {
         return listener_ended(pcx, end);
+    }
+    if (starter_ended(end.pid)) {
+        __log(-1, "the starter %d has ended (status %d), the next start makes a new one", end.pid, end.status);
+        return 0;
     }
     if (process_command_sigchild(pcx, end.pid, end.ret, end.status) != 0) {
         return 0;

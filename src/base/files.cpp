@@ -115,12 +115,12 @@ int file_error(qx7_error* error, const char* function, const char* file, int err
 }
 
 int create_new_file_at(int directory, const char* name, mode_t mode, uid_t uid, gid_t gid,
-                       const char** failed_step) {
+                       const char** failed_step, int access) {
     set_step(failed_step, step_create);
     if (clear_name(directory, name) != 0) {
         return -1;
     }
-    const int fd = openat(directory, name, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    const int fd = openat(directory, name, access | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0) {
         return -1;
     }

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 
@@ -117,9 +118,9 @@ inline constexpr char step_chown[] = "chown";
 // descriptor; what was created is removed again when a step fails. Result: descriptor, or -1 with errno and
 // *failed_step (may be null).
 int create_new_file(const char* path, mode_t mode, uid_t uid, gid_t gid, const char** failed_step);
-// The same by descriptor of the directory.
+// The same by descriptor of the directory. `access`: O_RDWR, O_WRONLY | O_APPEND and the like.
 int create_new_file_at(int directory, const char* name, mode_t mode, uid_t uid, gid_t gid,
-                       const char** failed_step);
+                       const char** failed_step, int access = O_RDWR);
 // Opens an existing regular file that is no link, without waiting and without becoming its terminal; `flags`
 // are O_RDONLY, O_WRONLY|O_APPEND and the like. EISDIR or EINVAL for what is no regular file, ELOOP for a link.
 int open_regular_at(int directory, const char* name, int flags);

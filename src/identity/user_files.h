@@ -83,9 +83,9 @@ struct file_result {
 // A new file with `content`, in place of a regular file or link of that name, belonging to uid and gid with
 // the mode. Made with the agent's rights where the way is trusted; under the identity of `user` where the
 // only stranger on the way is that user; EPERM (step CREATE) otherwise. What was made is removed when a later
-// step fails. Takes the lock.
+// step fails. `kept`, when given, gets the file as it was made, open to append. Takes the lock.
 file_result make_file_for(const char* path, std::string_view content, mode_t mode, const char* user,
-                          uid_t uid, gid_t gid);
+                          uid_t uid, gid_t gid, qx_descriptor* kept = nullptr);
 
 // Opens a regular file for reading with the agent's rights on order of somebody who gave no login: where the
 // way is not trusted, the file must belong to the single stranger (else EACCES); where others may write into

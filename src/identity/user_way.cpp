@@ -136,6 +136,7 @@ struct new_file {
     mode_t mode;
     uid_t uid;
     gid_t gid;
+    qx_descriptor* kept;
 };
 
 // Content, mode and owner of a file that was just made. The mode comes before the owner, as its failure is
@@ -162,13 +163,16 @@ int fill_file(int fd, const new_file& wanted, file_result* result) {
 void make_file_at(int directory, const char* name, const new_file& wanted, file_result* result) {
     const uid_t keep_uid = static_cast<uid_t>(-1);
     const gid_t keep_gid = static_cast<gid_t>(-1);
-    const int fd = create_new_file_at(directory, name, 0600, keep_uid, keep_gid, nullptr);
-    if (fd < 0) {
+    const int access = O_WRONLY | O_APPEND;
+    qx_descriptor file(create_new_file_at(directory, name, 0600, keep_uid, keep_gid, nullptr, access));
+    if (!file.valid()) {
         fail(result, FILE_STEP_CREATE);
         return;
     }
-    int failed = fill_file(fd, wanted, result);
-    if (close(fd) != 0 && errno != EINTR && failed == 0) {
+    int failed = fill_file(file.get(), wanted, result);
+    if (failed == 0 && wanted.kept != nullptr) {
+        *wanted.kept = std::move(file);
+    } else if (close(file.release()) != 0 && errno != EINTR && failed == 0) {
         failed = fail(result, FILE_STEP_CLOSE);
     }
     if (failed != 0) {
@@ -222,9 +226,9 @@ int walk_way(const char* path, file_way* way) {
 }
 
 file_result make_file_for(const char* path, std::string_view content, mode_t mode, const char* user,
-                          uid_t uid, gid_t gid) {
+                          uid_t uid, gid_t gid, qx_descriptor* kept) {
     file_result result;
-    const new_file wanted{content, mode, uid, gid};
+    const new_file wanted{content, mode, uid, gid, kept};
     effUser_guard lock;
     file_way way;
     if (walk_way(path, &way) != 0) {

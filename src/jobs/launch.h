@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/descriptor.h"
 #include "base/error.h"
 #include "identity/accounts.h"
 #include "identity/pam.h"
@@ -108,15 +109,16 @@ struct JOB_START_VAR {
     sigset_t signal_mask = {};     // of the agent at the time of the fork
     const JP_AREA* job = nullptr;  // its resources are told at the head of the report; may be null
     std::vector<gid_t> groups;     // all gids of the user; filled at the fork when empty
-    // The report as it was made; a child that finds another file under its name does not write to it. Inode
-    // 0: no test.
+    // The report as it was made, for the child's output; none for /dev/null.
+    qx_descriptor report;
     dev_t report_device = 0;
     ino_t report_inode = 0;
 };
 
-// Makes the child, leader of its own group, by a fork under the fork locks; it runs doit_Child and never
-// returns here. The pid, or -1 with errno and `error` filled ("fork|<errno>|<text>|", logged). `type` 'F' or
-// 'V' names the function in the insert only. Main thread.
+// Makes the child, leader of its own group: by the starter, or by a fork under the fork locks where there is
+// no starter or a PAM conversation goes on in the child, which then runs doit_Child. The pid, or -1 with errno
+// and `error` filled ("fork|<errno>|<text>|", logged). `type` 'F' or 'V' names the function in the insert
+// only. Main thread.
 pid_t launch_fork(EX_PCX* pcx, char type, const my_passwd_unlimited& passwd, JOB_START_VAR* startVar,
                   pam_handle_t* pamHandle, qx7_error* error);
 
@@ -129,5 +131,5 @@ int doit_Child(EX_PCX* pcx, const my_passwd_unlimited& passwd, JOB_START_VAR* st
 int doit_cmd(EX_PCX* pcx, const my_passwd_unlimited& passwd, const JOB_START_VAR& startVar, pid_t* group,
              qx7_error* error);
 
-// For tests: takes the place of fork().
+// For tests: takes the place of fork(), and of the starter; null gives both back.
 void launch_set_fork(pid_t (*function)());

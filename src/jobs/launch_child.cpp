@@ -23,19 +23,8 @@
 
 namespace {
 
-struct signal_row {
-    int number;
-    const char* failure;  // printed by perror
-};
-
-constexpr signal_row reset_signals[] = {
-    {SIGIO, "\nSet SIGIO Handler"},     {SIGALRM, "\nSet SIGALRM Handler"},
-    {SIGINT, "\nSet SIGINT Handler"},   {SIGUSR1, "\nSet SIGUSR1 Handler"},
-    {SIGUSR2, "\nSet SIGUSR2 Handler"}, {SIGTERM, "\nSet SIGTERM Handler"},
-    {SIGCHLD, "\nSet SIGCHLD Handler"}, {SIGPIPE, "\nSet SIGPIPE Handler"},
-    {SIGILL, "\nSet SIGILL Handler"},   {SIGFPE, "\nSet SIGFPE Handler"},
-    {SIGBUS, "\nSet SIGBUS Handler"},   {SIGSEGV, "\nSet SIGSEGV Handler"},
-};
+constexpr int library_signal = 32;  // the first of those that the C library uses itself
+constexpr int last_signal = 64;
 
 int call_failed(const char* call, int exit_code, qx7_error* error) {
     const int error_number = errno;
@@ -71,8 +60,8 @@ int put_descriptor(int fd, int target) {
 }
 
 int redirect_output(const JOB_START_VAR& startVar, qx7_error* error) {
-    const int report = FileOpenChild(startVar.jobReport.c_str(), O_WRONLY | O_APPEND, startVar.report_device,
-                                     startVar.report_inode);
+    const int report = startVar.report.valid() ? startVar.report.get()
+                                               : FileOpenChild(launch_no_report, O_WRONLY | O_APPEND);
     if (report < 0) {
         return file_failed("FileOpenChild(STDOUT)", startVar.jobReport.c_str(), LAUNCH_EXIT_OPEN, error);
     }
@@ -96,7 +85,7 @@ int redirect_input(const JOB_START_VAR& startVar, qx7_error* error) {
     if ((startVar.flag1 & LAUNCH_STDIN_DUMMY) == 0) {
         return 0;
     }
-    const int null = FileOpenChild(launch_no_report, O_RDONLY, 0, 0);
+    const int null = FileOpenChild(launch_no_report, O_RDONLY);
     if (null < 0) {
         return file_failed("FileOpenChild(STDIN)", launch_no_report, LAUNCH_EXIT_OPEN, error);
     }
@@ -175,22 +164,8 @@ void atfork_child(EX_PCX* pcx) {
     pcx->trcHnd = nullptr;
 }
 
-int FileOpenChild(const char* path, int flags, dev_t device, ino_t inode) {
-    const bool tested = inode != 0;
-    const int extra = tested ? O_NOFOLLOW | O_NONBLOCK : 0;
-    const int fd = open(path, flags | extra | O_CLOEXEC | O_NOCTTY);
-    if (fd < 0 || !tested) {
-        return fd;
-    }
-    struct stat status;
-    if (fstat(fd, &status) == 0 && status.st_dev == device && status.st_ino == inode &&
-        fcntl(fd, F_SETFL, flags & O_APPEND) == 0) {
-        return fd;
-    }
-    // Somebody put another file in the place of the one that the agent made.
-    close(fd);
-    errno = EPERM;
-    return -1;
+int FileOpenChild(const char* path, int flags) {
+    return open(path, flags | O_CLOEXEC | O_NOCTTY);
 }
 
 void FileCloseChild(int fd) {
@@ -199,16 +174,20 @@ void FileCloseChild(int fd) {
     }
 }
 
-void Reset_Signals(sigset_t mask) {
-    for (const signal_row& row : reset_signals) {
+void Reset_Signals() {
+    for (int number = 1; number <= last_signal; ++number) {
         struct sigaction action = {};
         action.sa_handler = SIG_DFL;
-        if (sigaction(row.number, &action, nullptr) != 0) {
-            perror(row.failure);
+        // Nobody sets these: the system refuses the first two, the library keeps the others for itself.
+        const bool settable =
+            number != SIGKILL && number != SIGSTOP && (number < library_signal || number >= SIGRTMIN);
+        if (settable && sigaction(number, &action, nullptr) != 0) {
+            perror("\nSet signal handler");
         }
-        sigdelset(&mask, row.number);
     }
-    pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+    sigset_t none;
+    sigemptyset(&none);
+    pthread_sigmask(SIG_SETMASK, &none, nullptr);
 }
 
 int Init_User(const my_passwd_unlimited& passwd, const JOB_START_VAR& startVar, qx7_error* error) {
@@ -244,7 +223,7 @@ int doit_Child(EX_PCX* pcx, const my_passwd_unlimited& passwd, JOB_START_VAR* st
     if (failed != 0) {
         return failed;
     }
-    Reset_Signals(startVar->signal_mask);
+    Reset_Signals();
     drop_terminal();
     restore_limits();  // before the session, whose modules may set others
     failed = open_session(passwd, pamHandle, error);
@@ -263,9 +242,9 @@ int doit_Child(EX_PCX* pcx, const my_passwd_unlimited& passwd, JOB_START_VAR* st
 }
 
 void Check_Signals(const sigset_t& set) {
-    for (const signal_row& row : reset_signals) {
-        if (trc_on(TRC_JOB, '2') && sigismember(&set, row.number) == 1) {
-            _TraceText("signal %d is blocked", row.number);
+    for (int number = 1; trc_on(TRC_JOB, '2') && number <= last_signal; ++number) {
+        if (sigismember(&set, number) == 1) {
+            _TraceText("signal %d is blocked", number);
         }
     }
 }

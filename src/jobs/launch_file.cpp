@@ -84,8 +84,8 @@ int file_failure(const step_names& names, const std::string& file, const file_re
 }
 
 file_result make_file(const std::string& file, std::string_view content, mode_t mode,
-                      const my_passwd_unlimited& user) {
-    return make_file_for(file.c_str(), content, mode, user.pw_name, user.pw_uid, user.pw_gid);
+                      const my_passwd_unlimited& user, qx_descriptor* kept) {
+    return make_file_for(file.c_str(), content, mode, user.pw_name, user.pw_uid, user.pw_gid, kept);
 }
 
 // A pipe or directory of somebody else's under the name of a job's file must not stop the job.
@@ -103,14 +103,14 @@ int take_place_of_obstacle(const std::string& made, const std::string& file) {
 }
 
 file_result make_file_anyhow(const std::string& file, std::string_view content, mode_t mode,
-                             const my_passwd_unlimited& user) {
-    file_result result = make_file(file, content, mode, user);
+                             const my_passwd_unlimited& user, qx_descriptor* kept = nullptr) {
+    file_result result = make_file(file, content, mode, user, kept);
     const bool taken = result.failed == FILE_STEP_CREATE && result.error_number == EEXIST;
     if (!taken || GlbPcx == nullptr || !job_file_is_ours(GlbPcx, file)) {
         return result;
     }
     const std::string made = std::string(path_folder_name(file)) + "/" + hidden_name();
-    result = make_file(made, content, mode, user);
+    result = make_file(made, content, mode, user, kept);
     if (result.failed == FILE_STEP_NONE && take_place_of_obstacle(made, file) != 0) {
         result.failed = FILE_STEP_CREATE;
         result.error_number = errno;
@@ -205,7 +205,7 @@ int launch_make_report(JOB_START_VAR* startVar, mode_t mode, const my_passwd_unl
     if (startVar->jobReport == launch_no_report) {
         return 0;
     }
-    const file_result result = make_file_anyhow(startVar->jobReport, {}, mode, passwd);
+    const file_result result = make_file_anyhow(startVar->jobReport, {}, mode, passwd, &startVar->report);
     startVar->report_device = result.device;
     startVar->report_inode = result.inode;
     return result.failed == FILE_STEP_NONE ? 0

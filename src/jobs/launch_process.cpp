@@ -10,6 +10,8 @@
 #include "base/files.h"
 #include "base/locks.h"
 #include "base/log.h"
+#include "base/starter.h"
+#include "jobs/job_area.h"
 #include "jobs/job_context.h"
 #include "jobs/launch_steps.h"
 
@@ -26,7 +28,7 @@ struct child_call {
 };
 
 // The way to exec; the exit code when it failed. The line stands in the report from the moment that it was
-// opened.
+// taken for output.
 int child_way(const child_call& call) {
     qx7_error error;
     const int code = doit_Child(call.pcx, *call.passwd, call.startVar, call.pamHandle, &error);
@@ -46,8 +48,8 @@ int child_way(const child_call& call) {
     _exit(code);
 }
 
-// Always a fork, for both start types: a child in the agent's memory would keep the agent waiting until exec,
-// and from the moment that it has the user's identity that user could stop it there.
+// For both start types: a child in the agent's memory would keep the agent waiting until exec, and from the
+// moment that it has the user's identity that user could stop it there.
 pid_t fork_child(const child_call& call) {
     global_fork_lock(call.pcx);
     const pid_t pid = make_process();
@@ -63,6 +65,66 @@ pid_t fork_child(const child_call& call) {
     }
     errno = error_number;
     return pid;
+}
+
+// ---- The starter's way
+
+constexpr std::array<uint8_t, starter_step_count> exit_codes = {
+    LAUNCH_EXIT_OPEN,   LAUNCH_EXIT_DUP_STDOUT, LAUNCH_EXIT_DUP_STDERR, LAUNCH_EXIT_OPEN,
+    LAUNCH_EXIT_DUP_STDIN, LAUNCH_EXIT_SETGID,  LAUNCH_EXIT_INITGROUPS, LAUNCH_EXIT_SETUID,
+    LAUNCH_EXIT_EXEC,   LAUNCH_EXIT_CHDIR,      LAUNCH_EXIT_EXEC,
+};
+constexpr char name_byte = '\3';
+
+std::string with_name(const std::string& line, const char* name) {
+    const size_t at = line.find(name_byte);
+    return at == std::string::npos ? line : line.substr(0, at) + name + line.substr(at + 1);
+}
+
+starter_result start_by_starter(const child_call& call, pid_t* pid) {
+    const JOB_START_VAR& startVar = *call.startVar;
+    const my_passwd_unlimited& passwd = *call.passwd;
+    std::array<std::string, starter_step_count> lines = launch_failure_lines();
+    lines[STARTER_STEP_OUTPUT] = with_name(lines[STARTER_STEP_OUTPUT], startVar.jobReport.c_str());
+    lines[STARTER_STEP_DIRECTORY] = with_name(lines[STARTER_STEP_DIRECTORY], passwd.pw_dir);
+    const std::string resources =
+        startVar.jobNr != 0 && startVar.job != nullptr ? launch_resource_lines(startVar) : std::string();
+
+    starter_wish wish;
+    wish.program = startVar.path_sh.c_str();
+    wish.directory = passwd.pw_dir;
+    // Both lists end in a null pointer, which is no part of the order.
+    wish.arguments = std::span(startVar.argument_pointers).first(startVar.argument_pointers.size() - 1);
+    wish.environment = std::span(startVar.environment_pointers).first(startVar.environment_pointers.size() - 1);
+    wish.identity = strcmp(passwd.pw_name, call.pcx->pcx_runUserName) != 0;
+    wish.uid = passwd.pw_uid;
+    wish.gid = passwd.pw_gid;
+    wish.groups = startVar.groups;
+    wish.output = startVar.report.get();
+    wish.input = (startVar.flag1 & LAUNCH_STDIN_DUMMY) != 0 ? -1 : STDIN_FILENO;
+    wish.descriptor_limit = job_context()->descriptor_limit;
+    wish.lines = resources;
+    for (int step = 0; step < starter_step_count; ++step) {
+        wish.failures[static_cast<size_t>(step)] = lines[static_cast<size_t>(step)];
+    }
+    wish.exit_codes = exit_codes;
+    return starter_start(wish, pid);
+}
+
+pid_t make_child(const child_call& call) {
+    // What a PAM module has set up in this process or may do in the child belongs to a copy of it.
+    if (call.pamHandle == nullptr && make_process == fork) {
+        pid_t pid = 0;
+        switch (start_by_starter(call, &pid)) {
+            case STARTER_STARTED:
+                return pid;
+            case STARTER_NO_PROCESS:
+                return -1;
+            case STARTER_ABSENT:
+                break;
+        }
+    }
+    return fork_child(call);
 }
 
 }  // namespace
@@ -84,8 +146,7 @@ pid_t launch_fork(EX_PCX* pcx, char type, const my_passwd_unlimited& passwd, JOB
     pthread_sigmask(SIG_SETMASK, nullptr, &startVar->signal_mask);
     Put_PInfo(passwd, "launch", startVar->environment_pointers.data());
     Check_Signals(startVar->signal_mask);
-    child_call call = {pcx, &passwd, startVar, pamHandle};
-    const pid_t pid = fork_child(call);
+    const pid_t pid = make_child({pcx, &passwd, startVar, pamHandle});
     if (pid < 0) {
         const int error_number = errno;
         qx_error_set(error, -1, error_number, system_message, "%s|%u|%s|",
@@ -95,6 +156,7 @@ pid_t launch_fork(EX_PCX* pcx, char type, const my_passwd_unlimited& passwd, JOB
         errno = error_number;
         return -1;
     }
+    startVar->report.reset();
     if (job_context()->Fl_Sigchld != 0) {
         children_note(pid);  // without the signal nobody collects: the list would only grow
     }

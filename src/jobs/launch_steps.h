@@ -3,9 +3,11 @@
 
 #include <signal.h>
 
+#include <array>
 #include <string>
 #include <string_view>
 
+#include "base/starter.h"
 #include "jobs/launch.h"
 
 // ---- Shell
@@ -41,13 +43,12 @@ void launch_remove_files(const JOB_START_VAR& startVar);
 
 // Log and trace are forgotten, nothing of the parent is freed, written or closed here.
 void atfork_child(EX_PCX* pcx);
-// Opens close-on-exec, without waiting and not through a link; -1 with errno. `device` and `inode` as in
-// JOB_START_VAR.
-int FileOpenChild(const char* path, int flags, dev_t device, ino_t inode);
+// Opens close-on-exec; -1 with errno. Only for /dev/null: a report comes along open.
+int FileOpenChild(const char* path, int flags);
 // Closes unless it is descriptor 0, 1 or 2.
 void FileCloseChild(int fd);
-// Default action for the signals that the agent handles or ignores; `mask` without them becomes the mask.
-void Reset_Signals(sigset_t mask);
+// Default action for all signals, and none is blocked.
+void Reset_Signals();
 // Own process group, groups and ids of the user, and his home. 0 or a launch_exit with `error`.
 int Init_User(const my_passwd_unlimited& passwd, const JOB_START_VAR& startVar, qx7_error* error);
 // What the child gives to exec, made by the parent: the job's environment, and the shell's arguments.
@@ -66,6 +67,9 @@ std::string launch_file_argument(const std::string& jobFile, std::string_view sh
 // One message as a line of text without the message library. `texts` were loaded before the fork.
 std::string launch_message_line(int number, std::string_view inserts);
 void launch_load_texts_once(EX_PCX* pcx);
+// The lines of a child's failures, by the steps of the starter: errno and reason are left to the child, and
+// the byte 3 stands for the name of the output or of the home.
+const std::array<std::string, starter_step_count>& launch_failure_lines();
 // The lines about resources that stand ahead of all output.
 std::string launch_resource_lines(const JOB_START_VAR& startVar);
 

@@ -182,31 +182,6 @@ TEST(LaunchFiles, RelativeNamesStandBelowTheWorkFolder) {
     EXPECT_EQ(launch_complete_path(context.pcx.get(), ""), "");
 }
 
-TEST(LaunchFiles, TheReportMustBeTheOneThatWasMade) {
-    own_folder folder;
-    const std::string report = folder / "report";
-    write_text(report, "");
-    struct stat made;
-    ASSERT_EQ(stat(report.c_str(), &made), 0);
-    const int fd = FileOpenChild(report.c_str(), O_WRONLY | O_APPEND, made.st_dev, made.st_ino);
-    ASSERT_GE(fd, 0);
-    EXPECT_EQ(fcntl(fd, F_GETFL) & O_NONBLOCK, 0);
-    EXPECT_NE(fcntl(fd, F_GETFL) & O_APPEND, 0);
-    close(fd);
-    ASSERT_EQ(rename(report.c_str(), (folder / "moved").c_str()), 0);
-    write_text(report, "another one");
-    EXPECT_EQ(FileOpenChild(report.c_str(), O_WRONLY | O_APPEND, made.st_dev, made.st_ino), -1);
-    EXPECT_EQ(errno, EPERM);
-    unlink(report.c_str());
-    ASSERT_EQ(symlink((folder / "moved").c_str(), report.c_str()), 0);
-    EXPECT_EQ(FileOpenChild(report.c_str(), O_WRONLY | O_APPEND, made.st_dev, made.st_ino), -1)
-        << "not through a link";
-    unlink(report.c_str());
-    ASSERT_EQ(mkfifo(report.c_str(), 0600), 0);
-    EXPECT_EQ(FileOpenChild(report.c_str(), O_WRONLY | O_APPEND, made.st_dev, made.st_ino), -1)
-        << "without waiting";
-}
-
 TEST(LaunchTexts, ResourceLinesStandAheadOfTheOutput) {
     JP_AREA job;
     job.jp_used_task_resource_list.resize(2);
