@@ -17,6 +17,7 @@
 #include "base/trace.h"
 #include "channels/ipc.h"
 #include "channels/network_thread.h"
+#include "identity/user_files.h"
 #include "jobs/file_retrieval.h"
 #include "jobs/job_table.h"
 #include "jobs/reports.h"
@@ -47,6 +48,7 @@ void post_checks(EX_PCX* pcx, time_t now) {
     send_IPC_internal_name(pcx->ccm, ipc_ft_chk);
     send_IPC_internal_name(pcx->ccm, ipc_ioschk);
     close_idle_reports(pcx);
+    close_old_folders();
     rb_maintenance(pcx, time(nullptr));
     check_fileReqTimeout(pcx);
 }

@@ -3,12 +3,16 @@
 #include <grp.h>
 #include <pwd.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <map>
+#include <utility>
 
 #include "base/locks.h"
 #include "base/text.h"
+#include "base/time.h"
 
 namespace {
 
@@ -95,6 +99,73 @@ bool copy_record(const passwd& from, my_passwd_unlimited* to) {
     return to->pw_passwd.assign(from.pw_passwd == nullptr ? "" : from.pw_passwd);
 }
 
+// ---- What was found lately, under the effective-user lock
+
+constexpr int64_t kept_ms = 5000;
+constexpr size_t kept_limit = 200;
+
+// A database that was changed drops everything that was kept of it; other sources count after five seconds.
+struct database_state {
+    const char* file;
+    struct stat seen;
+
+    bool changed() {
+        struct stat now = {};
+        // Without the file all accounts come from elsewhere.
+        (void)stat(file, &now);
+        const bool same = now.st_ino == seen.st_ino && now.st_size == seen.st_size &&
+                          now.st_mtim.tv_sec == seen.st_mtim.tv_sec &&
+                          now.st_mtim.tv_nsec == seen.st_mtim.tv_nsec;
+        seen = now;
+        return !same;
+    }
+};
+
+template <class Key, class Value>
+struct kept_entries {
+    struct entry {
+        Value value;
+        int64_t found_ms;
+    };
+    database_state database;
+    std::map<Key, entry> entries;
+
+    const Value* find(const Key& key) {
+        if (database.changed()) {
+            entries.clear();
+        }
+        const auto found = entries.find(key);
+        return found == entries.end() || alarm_now_ms() - found->second.found_ms >= kept_ms
+                   ? nullptr
+                   : &found->second.value;
+    }
+    void keep(const Key& key, const Value& value) {
+        if (entries.size() >= kept_limit) {
+            entries.clear();
+        }
+        entries.insert_or_assign(key, entry{value, alarm_now_ms()});
+    }
+};
+
+struct kept_account {
+    uid_t uid;
+    gid_t gid;
+    std::string name, gecos, dir, shell;
+};
+kept_entries<std::string, kept_account> kept_accounts{{"/etc/passwd", {}}, {}};
+kept_entries<gid_t, std::string> kept_group_names{{"/etc/group", {}}, {}};
+kept_entries<std::pair<std::string, gid_t>, std::vector<gid_t>> kept_group_lists{{"/etc/group", {}}, {}};
+
+void copy_kept(const kept_account& from, my_passwd_unlimited* to) {
+    to->pw_uid = from.uid;
+    to->pw_gid = from.gid;
+    copy_value(to->pw_name, &to->pw_name_x, from.name.c_str());
+    copy_value(to->pw_gecos, &to->pw_gecos_x, from.gecos.c_str());
+    copy_value(to->pw_dir, &to->pw_dir_x, from.dir.c_str());
+    copy_value(to->pw_shell, &to->pw_shell_x, from.shell.c_str());
+    to->pw_passwd.clear();
+}
+
 void set_text(std::string* text, const std::string& value) {
     if (text != nullptr) {
         *text = value;
@@ -141,6 +212,36 @@ bool GetPwdNameStruct(const char* name, my_passwd_unlimited* record, qx7_error* 
     }
     errno = result;
     return false;
+}
+
+bool AccountOfUser(const char* name, my_passwd_unlimited* record, qx7_error* error) {
+    effUser_guard lock;
+    const std::string key = name == nullptr ? "" : name;
+    if (const kept_account* kept = kept_accounts.find(key)) {
+        qx_error_clear(error);
+        copy_kept(*kept, record);
+        return true;
+    }
+    if (!GetPwdNameStruct(name, record, error)) {
+        return false;
+    }
+    record->pw_passwd.clear();
+    kept_accounts.keep(key, {record->pw_uid, record->pw_gid, record->pw_name, record->pw_gecos,
+                             record->pw_dir, record->pw_shell});
+    return true;
+}
+
+std::string GroupNameOfAccount(gid_t gid) {
+    effUser_guard lock;
+    if (const std::string* kept = kept_group_names.find(gid)) {
+        return *kept;
+    }
+    group_entry entry;
+    if (!GetGroupIdEntry(gid, &entry, nullptr)) {
+        return {};
+    }
+    kept_group_names.keep(gid, entry.gr_name);
+    return entry.gr_name;
 }
 
 bool GetPwdIdEntry(uid_t uid, my_passwd_unlimited* record, std::string* text) {
@@ -233,6 +334,11 @@ int getOwnUserName(char* buffer, size_t length, qx7_error* error) {
 
 int account_groups(const char* name, gid_t primary, std::vector<gid_t>* list) {
     effUser_guard lock;
+    const std::pair key(std::string(name), primary);
+    if (const std::vector<gid_t>* kept = kept_group_lists.find(key)) {
+        *list = *kept;
+        return static_cast<int>(list->size()) - 1;
+    }
     int room = account_group_limit;
     for (;;) {
         list->resize(static_cast<size_t>(room));
@@ -245,6 +351,7 @@ int account_groups(const char* name, gid_t primary, std::vector<gid_t>* list) {
         room = count > room ? count : room * 2;
     }
     list->push_back(gid_list_end);
+    kept_group_lists.keep(key, *list);
     return static_cast<int>(list->size()) - 1;
 }
 

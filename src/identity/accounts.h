@@ -1,5 +1,6 @@
 // Accounts and groups of this host. Every lookup runs under the effective-user lock, which it takes itself;
-// the calls may be made on any thread. Nothing is cached: what the administrator changes counts at once.
+// the calls may be made on any thread. Only what AccountOfUser, GroupNameOfAccount and account_groups found is
+// kept: for five seconds at most, and not beyond a change of /etc/passwd or /etc/group.
 #pragma once
 
 #include <sys/types.h>
@@ -39,6 +40,8 @@ struct my_passwd_unlimited {
 // (2001007), 2000102 where the lookup is not permitted, 2001007 for other failures with their errno. `error`
 // may be null.
 bool GetPwdNameStruct(const char* name, my_passwd_unlimited* record, qx7_error* error);
+// The same without the password's hash, kept for some seconds: jobs of one user come many at once.
+bool AccountOfUser(const char* name, my_passwd_unlimited* record, qx7_error* error);
 // The same by uid; false with `text` "getpwuid() - <reason>" and errno. `text` may be null.
 bool GetPwdIdEntry(uid_t uid, my_passwd_unlimited* record, std::string* text);
 
@@ -49,6 +52,9 @@ struct group_entry {
 };
 // False with `text` "getgrgid() - <reason>" and errno. `text` may be null.
 bool GetGroupIdEntry(gid_t gid, group_entry* entry, std::string* text);
+
+// Name of a group, kept like the accounts; empty for an unknown one.
+std::string GroupNameOfAccount(gid_t gid);
 
 // Is the user in the group, by primary gid or by member list.
 bool GetUserNamesGid(const char* name, gid_t gid);
@@ -64,7 +70,7 @@ int getOwnUserName(char* buffer, size_t length, qx7_error* error);
 int GetGroupIdsForUser(const char* name, std::vector<gid_t>* list, std::string* text);
 // The same into a list of `capacity` entries, the -1 included; a list too short gives an empty result.
 int GetGroupIdsForUserTh(const char* name, gid_t* list, int capacity, std::string* text);
-// The same for a record that is at hand, without looking the user up once more.
+// The same for a record that is at hand, without looking the user up once more; kept for some seconds.
 int account_groups(const char* name, gid_t primary, std::vector<gid_t>* list);
 
 // Fills 2001007 "<user>|" or 2000102 "<function>(<user>)|<errno> - <reason>". Both return -1.

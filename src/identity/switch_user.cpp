@@ -81,8 +81,7 @@ int current_user(my_passwd_unlimited* record, qx7_error* error) {
 }
 
 int target_user(const char* name, my_passwd_unlimited* record, qx7_error* error) {
-    if (GetPwdNameStruct(name, record, error)) {
-        record->pw_passwd.clear();
+    if (AccountOfUser(name, record, error)) {
         return 0;
     }
     const int error_number = errno;

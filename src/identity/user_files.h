@@ -93,6 +93,9 @@ file_result make_file_for(const char* path, std::string_view content, mode_t mod
 // (EACCES). Descriptor or -1 with errno.
 // Takes the lock.
 int open_read_on_order(const char* path);
+// The three above and below keep a trusted folder open for some seconds and walk to it anew only when another
+// one stands under its path. This closes those whose time is over, so that no idle agent holds a file system.
+void close_old_folders();
 // Removes a regular file or link with the agent's rights, by the folder that the walk found. Not trusted: the
 // file must belong to the stranger (else EACCES). 0, or -1 with errno. Takes the lock.
 int remove_on_order(const char* path);

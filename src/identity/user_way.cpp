@@ -10,6 +10,7 @@
 #include "base/context.h"
 #include "base/files.h"
 #include "base/locks.h"
+#include "base/time.h"
 #include "identity/switch_user.h"
 #include "identity/user_files.h"
 
@@ -110,6 +111,80 @@ struct walker {
     }
 };
 
+// ---- Folders that were walked to lately
+
+constexpr int64_t folder_kept_ms = 5000;
+constexpr size_t folders_kept = 16;
+
+struct kept_folder {
+    std::string path;
+    qx_descriptor dir;
+    struct stat status;
+    int64_t walked_ms;
+};
+std::vector<kept_folder> kept_folders;  // the oldest first; under the effective-user lock
+
+bool is_old(const kept_folder& folder) {
+    return alarm_now_ms() - folder.walked_ms >= folder_kept_ms;
+}
+
+// A folder that still stands under its path, belonging to whom it did. Nobody but root and the agent had a say
+// about the way, and files are made and opened in the folder itself, so whatever happens to the way meanwhile
+// leads nobody elsewhere.
+int find_kept(const std::string& path) {
+    for (auto at = kept_folders.begin(); at != kept_folders.end(); ++at) {
+        if (at->path != path) {
+            continue;
+        }
+        struct stat now;
+        if (!is_old(*at) && stat(path.c_str(), &now) == 0 && now.st_ino == at->status.st_ino &&
+            now.st_dev == at->status.st_dev && now.st_uid == at->status.st_uid) {
+            return at->dir.get();
+        }
+        kept_folders.erase(at);
+        break;
+    }
+    return -1;
+}
+
+void keep_folder(const std::string& path, file_way* way) {
+    struct stat status;
+    if (!way->trusted || fstat(way->dir.get(), &status) != 0) {
+        return;
+    }
+    if (kept_folders.size() >= folders_kept) {
+        kept_folders.erase(kept_folders.begin());
+    }
+    kept_folders.push_back({path, std::move(way->dir), status, alarm_now_ms()});
+}
+
+// A way whose folder is its own or one that is kept.
+struct found_way {
+    file_way way;
+    int dir = -1;
+};
+
+int find_way(const char* path, found_way* found) {
+    const char* slash = path == nullptr || *path != '/' ? nullptr : strrchr(path, '/');
+    const std::string name = slash == nullptr ? "" : slash + 1;
+    if (name.empty() || name == "." || name == ".." || strlen(path) >= PATH_MAX) {
+        return walk_way(path, &found->way);  // which tells the reason
+    }
+    const std::string folder(path, slash == path ? 1 : static_cast<size_t>(slash - path));
+    found->dir = find_kept(folder);
+    if (found->dir >= 0) {
+        found->way.trusted = true;
+        found->way.name = name;
+        return 0;
+    }
+    if (walk_way(path, &found->way) != 0) {
+        return -1;
+    }
+    found->dir = found->way.dir.get();
+    keep_folder(folder, &found->way);
+    return 0;
+}
+
 int fail(file_result* result, file_step step) {
     result->failed = step;
     result->error_number = errno;
@@ -188,10 +263,10 @@ bool is_strangers(const file_way& way, const struct stat& status) {
 
 // Where everybody may make names, a second name of a file may have been put there by somebody who may not
 // read it.
-bool may_be_planted(const file_way& way, const struct stat& status) {
+bool may_be_planted(const found_way& found, const struct stat& status) {
     struct stat folder;
-    return way.trusted && status.st_nlink > 1 &&
-           (fstat(way.dir.get(), &folder) != 0 || (folder.st_mode & (S_IWGRP | S_IWOTH)) != 0);
+    return found.way.trusted && status.st_nlink > 1 &&
+           (fstat(found.dir, &folder) != 0 || (folder.st_mode & (S_IWGRP | S_IWOTH)) != 0);
 }
 
 }  // namespace
@@ -230,13 +305,14 @@ file_result make_file_for(const char* path, std::string_view content, mode_t mod
     file_result result;
     const new_file wanted{content, mode, uid, gid, kept};
     effUser_guard lock;
-    file_way way;
-    if (walk_way(path, &way) != 0) {
+    found_way found;
+    const file_way& way = found.way;
+    if (find_way(path, &found) != 0) {
         fail(&result, FILE_STEP_CREATE);
         return result;
     }
     if (way.trusted) {
-        make_file_at(way.dir.get(), way.name.c_str(), wanted, &result);
+        make_file_at(found.dir, way.name.c_str(), wanted, &result);
         return result;
     }
     if (!way.single_stranger || way.stranger != uid) {
@@ -262,16 +338,16 @@ file_result make_file_for(const char* path, std::string_view content, mode_t mod
 
 int open_read_on_order(const char* path) {
     effUser_guard lock;
-    file_way way;
-    if (walk_way(path, &way) != 0) {
+    found_way found;
+    if (find_way(path, &found) != 0) {
         return -1;
     }
-    qx_descriptor file(open_regular_at(way.dir.get(), way.name.c_str(), O_RDONLY));
+    qx_descriptor file(open_regular_at(found.dir, found.way.name.c_str(), O_RDONLY));
     struct stat status;
     if (!file.valid() || fstat(file.get(), &status) != 0) {
         return -1;
     }
-    if (!is_strangers(way, status) || may_be_planted(way, status) || is_kernel_file(file.get())) {
+    if (!is_strangers(found.way, status) || may_be_planted(found, status) || is_kernel_file(file.get())) {
         errno = EACCES;
         return -1;
     }
@@ -280,13 +356,14 @@ int open_read_on_order(const char* path) {
 
 int remove_on_order(const char* path) {
     effUser_guard lock;
-    file_way way;
-    if (walk_way(path, &way) != 0) {
+    found_way found;
+    const file_way& way = found.way;
+    if (find_way(path, &found) != 0) {
         return -1;
     }
     struct stat status;
     if (!way.trusted) {
-        if (fstatat(way.dir.get(), way.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        if (fstatat(found.dir, way.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
             return -1;
         }
         if (!is_strangers(way, status)) {
@@ -294,5 +371,10 @@ int remove_on_order(const char* path) {
             return -1;
         }
     }
-    return FileRemoveAt(way.dir.get(), way.name.c_str());
+    return FileRemoveAt(found.dir, way.name.c_str());
+}
+
+void close_old_folders() {
+    effUser_guard lock;
+    std::erase_if(kept_folders, is_old);
 }

@@ -121,8 +121,7 @@ step_result check_account(activation_run* run) {
     const std::string& user = run->order.user;
     if (user.empty() || user.size() > account_name_limit) {
         FillMessageOnPasswordError(&error, 0, user.c_str());
-    } else if (GetPwdNameStruct(user.c_str(), run->passwd.get(), &error)) {
-        run->passwd->pw_passwd.clear();  // a job never holds the hash
+    } else if (AccountOfUser(user.c_str(), run->passwd.get(), &error)) {
         return std::nullopt;
     }
     return refuse(run, error.qx_msgnr, error.qx_msgInsert, error.qx_msgInsert);

@@ -134,8 +134,7 @@ int check_account(request_run* run) {
     const std::string& user = run->entry.cmda_UserName;
     qx7_error error;
     error.qx_errno = ENOENT;
-    if (user.size() <= account_name_limit && GetPwdNameStruct(user.c_str(), &run->passwd, &error)) {
-        run->passwd.pw_passwd.clear();  // a command never holds the hash
+    if (user.size() <= account_name_limit && AccountOfUser(user.c_str(), &run->passwd, &error)) {
         return 0;
     }
     const int error_number = error.qx_errno == 0 ? ENOENT : error.qx_errno;

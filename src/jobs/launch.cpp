@@ -99,10 +99,7 @@ void choose_content(EX_PCX* pcx, const launch_order& order, JOB_START_VAR* start
 
 void choose_user(const my_passwd_unlimited& passwd, JOB_START_VAR* startVar) {
     copy_text(startVar->UserName, passwd.pw_name);
-    group_entry group;
-    if (GetGroupIdEntry(passwd.pw_gid, &group, nullptr)) {
-        copy_text(startVar->GrpName, group.gr_name);
-    }
+    copy_text(startVar->GrpName, GroupNameOfAccount(passwd.pw_gid));
 }
 
 JOB_START_VAR make_start(EX_PCX* pcx, const launch_order& order, const my_passwd_unlimited& passwd,

@@ -11,6 +11,7 @@
 #include <csignal>
 #include <filesystem>
 #include <random>
+#include <sstream>
 #include <thread>
 
 #include "loopback.h"
@@ -195,12 +196,25 @@ struct limited_agent {
     }
 };
 
+// The processes of jobs are made by the starter: its limit counts for them.
+pid_t starter_of(pid_t agent) {
+    std::istringstream children(
+        read_file("/proc/" + std::to_string(agent) + "/task/" + std::to_string(agent) + "/children"));
+    pid_t child = -1;
+    while (children >> child) {
+        if (read_file("/proc/" + std::to_string(child) + "/comm").starts_with("qxxjlnx-starter")) {
+            break;
+        }
+    }
+    return child;
+}
+
 // Done by the agent's user himself: a root without all capabilities may not.
-void limit_processes(const std::string& user, pid_t agent, bool none) {
+void limit_processes(const std::string& user, pid_t process, bool none) {
     rlimit limit{};
     ASSERT_EQ(getrlimit(RLIMIT_NPROC, &limit), 0);
     const std::string hard = limit.rlim_max == RLIM_INFINITY ? "unlimited" : std::to_string(limit.rlim_max);
-    std::vector<std::string> command = {"/usr/bin/prlimit", "--pid", std::to_string(agent),
+    std::vector<std::string> command = {"/usr/bin/prlimit", "--pid", std::to_string(process),
                                         "--nproc=" + (none ? "1" : hard) + ":"};
     if (is_root()) {
         command.insert(command.begin(),
@@ -219,7 +233,7 @@ TEST_F(job_survival, starts_jobs_later_when_processes_run_out) {
     ASSERT_TRUE(wait_done(1)) << story() << host.log();
     EXPECT_EQ(job(1).return_code, 2);
 
-    limit_processes(as.name, host.agent.pid, true);
+    limit_processes(as.name, starter_of(host.agent.pid), true);
     const int waits = submit("exit 3", "", as.name);
     const int gives_up = submit("exit 4", "", as.name);
     const std::string text =
@@ -234,7 +248,7 @@ TEST_F(job_survival, starts_jobs_later_when_processes_run_out) {
     ASSERT_TRUE(cp_cancel(server.get(), gives_up, [&](const cp_answer& a) { answer = a; }));
     ASSERT_TRUE(wait(5000, [&] { return answer.number == 2001059; })) << story() << host.log();
 
-    limit_processes(as.name, host.agent.pid, false);
+    limit_processes(as.name, starter_of(host.agent.pid), false);
     ASSERT_TRUE(wait_done(waits, 40000)) << story() << host.log();
     EXPECT_EQ(job(waits).state, cp_job_state::ended) << story();
     EXPECT_EQ(job(waits).return_code, 3);

@@ -266,6 +266,90 @@ TEST_F(UserFiles, AFullDiskLeavesNoHalfFile) {
     EXPECT_NE(::access(name.c_str(), F_OK), 0);
 }
 
+// How many descriptors lead to a folder.
+int held(const std::string& path) {
+    int count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        count += std::filesystem::read_symlink(entry.path(), gone) == path ? 1 : 0;
+    }
+    return count;
+}
+
+TEST_F(UserFiles, AFolderInUseIsKeptAsLongAsItIsTheSame) {
+    const std::string in_use = folder / "in_use";
+    ASSERT_EQ(mkdir(in_use.c_str(), 0755), 0);
+    const auto make = [&] {
+        return make_file_for((in_use + "/job").c_str(), "x", 0700, own(), getuid(), getgid());
+    };
+    EXPECT_EQ(make().failed, FILE_STEP_NONE);
+    EXPECT_EQ(held(in_use), 1);
+    EXPECT_EQ(make().failed, FILE_STEP_NONE);
+    EXPECT_EQ(held(in_use), 1) << "once";
+    // The administrator puts another one in its place, or leads the name elsewhere.
+    ASSERT_EQ(rename(in_use.c_str(), (folder / "old").c_str()), 0);
+    EXPECT_EQ(make().error_number, ENOENT);
+    ASSERT_EQ(mkdir(in_use.c_str(), 0755), 0);
+    EXPECT_EQ(make().failed, FILE_STEP_NONE);
+    EXPECT_EQ(::access((in_use + "/job").c_str(), F_OK), 0);
+    EXPECT_EQ(remove_on_order((in_use + "/job").c_str()), 0);
+    EXPECT_EQ(::access((folder / "old/job").c_str(), F_OK), 0) << "nothing was removed in the other one";
+    ASSERT_EQ(rename(in_use.c_str(), (folder / "new").c_str()), 0);
+    ASSERT_EQ(symlink("old", in_use.c_str()), 0);
+    EXPECT_TRUE(qx_descriptor(open_read_on_order((in_use + "/job").c_str())).valid());
+    if (runs_as_root()) {
+        EXPECT_EQ(chown((folder / "old").c_str(), 4242, 4242), 0);
+        EXPECT_EQ(make().error_number, EPERM) << "given to a stranger meanwhile";
+    }
+}
+
+TEST(Accounts, WhatIsAskedAgainAndAgainIsKept) {
+    own_context context;
+    const std::string name = context.pcx->pcx_runUserName;
+    const auto bytes_read = [] {
+        std::ifstream io("/proc/self/io");
+        std::string word;
+        int64_t count = 0;
+        io >> word >> count;
+        return count;
+    };
+    my_passwd_unlimited user;
+    std::vector<gid_t> groups;
+    const auto ask = [&] {
+        const int64_t before = bytes_read();
+        EXPECT_TRUE(AccountOfUser(name.c_str(), &user, nullptr));
+        EXPECT_GT(account_groups(name.c_str(), user.pw_gid, &groups), 0);
+        EXPECT_FALSE(GroupNameOfAccount(user.pw_gid).empty());
+        return bytes_read() - before;
+    };
+    const std::vector<gid_t> first = (ask(), groups);
+    my_passwd_unlimited direct;
+    ASSERT_TRUE(GetPwdNameStruct(name.c_str(), &direct, nullptr));
+    EXPECT_LT(ask(), 400) << "no database is read, only this process's own figures";
+    EXPECT_EQ(groups, first);
+    EXPECT_EQ(user.pw_uid, direct.pw_uid);
+    EXPECT_STREQ(user.pw_dir, direct.pw_dir);
+    EXPECT_STREQ(user.pw_shell, direct.pw_shell);
+    EXPECT_FALSE(AccountOfUser("qx-no-such-user", &user, nullptr));
+    if (!runs_as_root()) {
+        return;
+    }
+    {
+        made_user ann("qxkept");
+        ASSERT_TRUE(AccountOfUser(ann.name.c_str(), &user, nullptr));
+        EXPECT_EQ(user.pw_uid, ann.uid);
+        ASSERT_GT(account_groups(ann.name.c_str(), ann.gid, &groups), 0);
+        const size_t before = groups.size();
+        made_user group("qxkgrp");
+        EXPECT_EQ(system(("usermod -a -G " + group.name + " " + ann.name).c_str()), 0);
+        account_groups(ann.name.c_str(), ann.gid, &groups);
+        EXPECT_EQ(groups.size(), before + 1) << "a changed database counts at once";
+        EXPECT_EQ(system(("usermod -d /elsewhere " + ann.name).c_str()), 0);
+        ASSERT_TRUE(AccountOfUser(ann.name.c_str(), &user, nullptr));
+        EXPECT_STREQ(user.pw_dir, "/elsewhere");
+    }
+}
+
 TEST(UserFilesAsRoot, StrangersOnTheWay) {
     if (!runs_as_root()) {
         return;

@@ -287,11 +287,11 @@ struct StarterJobs : Starter {
         order.jobfile = file;
         order.jobreport = report;
         order.jcl = script;
-        uint32_t id = 0;
-        if (start_job(context.pcx.get(), order, user, nullptr, &job, &id, &error) != LAUNCH_STARTED) {
+        launch_started started;
+        if (start_job(context.pcx.get(), order, user, nullptr, &job, &started, &error) != LAUNCH_STARTED) {
             return error.qx_msgInsert;
         }
-        const int code = wait_status(static_cast<pid_t>(id));
+        const int code = wait_status(static_cast<pid_t>(started.pid));
         return std::to_string(code) + "\n" + read_text(report);
     }
 };
