@@ -8,6 +8,7 @@
 namespace {
 
 std::unordered_set<pid_t> noted;
+int expected = 0;  // processes that are being made elsewhere and will be noted
 
 // waitpid that is repeated when a signal came in between.
 pid_t wait_for(pid_t pid, int* status) {
@@ -50,18 +51,31 @@ bool children_known(pid_t pid) {
     return noted.contains(pid);
 }
 
+void children_expect() {
+    ++expected;
+}
+
+void children_expect_end() {
+    --expected;
+}
+
 bool children_collect(pid_t* pid, int* status) {
-    if (noted.empty()) {
+    while (const pid_t ended = peek_ended_child()) {
+        if (children_known(ended)) {
+            return collect(ended, pid, status);
+        }
+        if (expected > 0) {
+            break;  // it may be one whose number has not come yet
+        }
+        int forgotten;
+        if (wait_for(ended, &forgotten) != ended) {
+            break;
+        }
+    }
+    if (expected == 0) {
         return false;
     }
-    const pid_t ended = peek_ended_child();
-    if (ended == 0) {
-        return false;
-    }
-    if (children_known(ended)) {
-        return collect(ended, pid, status);
-    }
-    // Somebody else's child stands in front and isn't ours to collect.
+    // A child without a name stands in front: the others are asked one by one.
     const std::unordered_set<pid_t> candidates = noted;
     for (pid_t candidate : candidates) {
         if (collect(candidate, pid, status)) {
@@ -77,4 +91,5 @@ size_t children_count() {
 
 void children_forget_all() {
     noted.clear();
+    expected = 0;
 }

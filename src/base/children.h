@@ -1,5 +1,9 @@
-// The processes that this process forked itself. Only these are waited for: system() and PAM modules wait for
-// their own. Main thread.
+// The processes that this process made itself. Only these are told of when they end. Main thread.
+//
+// Others become its children without its doing: as process 1 of a container, or as a subreaper, it inherits
+// whatever its jobs leave behind. They are collected and forgotten, or each later end would have to be searched
+// behind theirs. So each process that is made here is noted before the main loop goes on, or announced by
+// children_expect, or waited for at once, as system() and PAM modules do.
 #pragma once
 
 #include <sys/types.h>
@@ -9,9 +13,13 @@
 // After each fork, in the parent.
 void children_note(pid_t pid);
 bool children_known(pid_t pid);
+// From the order for a process that somebody else makes as a child of this one until its number was noted, or is
+// known not to come. Calls nest.
+void children_expect();
+void children_expect_end();
 // Collects one noted child that has ended, without waiting. False when none has.
 // Cheap when many run: the kernel is asked for any ended child first, and each noted one only if that is a
-// stranger.
+// stranger whom nobody may collect yet.
 bool children_collect(pid_t* pid, int* status);
 size_t children_count();
 // In a forked child: the parent's children are not its own.

@@ -1,0 +1,95 @@
+#include "base/children.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace {
+
+// This process inherits what its children leave behind, as process 1 of a container does.
+struct children : ::testing::Test {
+    children() {
+        EXPECT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0), 0);
+        children_forget_all();
+    }
+    ~children() override {
+        prctl(PR_SET_CHILD_SUBREAPER, 0, 0, 0, 0);
+        while (waitpid(-1, nullptr, WNOHANG) > 0) {
+        }
+    }
+    static pid_t child_that_ends(int code) {
+        const pid_t pid = fork();
+        if (pid == 0) {
+            _exit(code);
+        }
+        wait_for_end(pid);
+        return pid;
+    }
+    // A process that became this one's child without its doing, and has ended.
+    static pid_t adopted_that_ends() {
+        int ends[2];
+        EXPECT_EQ(pipe(ends), 0);
+        const pid_t between = fork();
+        if (between == 0) {
+            const pid_t orphan = fork();
+            if (orphan == 0) {
+                _exit(3);
+            }
+            _exit(write(ends[1], &orphan, sizeof orphan) == sizeof orphan ? 0 : 1);
+        }
+        waitpid(between, nullptr, 0);
+        pid_t orphan = 0;
+        EXPECT_EQ(read(ends[0], &orphan, sizeof orphan), static_cast<ssize_t>(sizeof orphan));
+        close(ends[0]);
+        close(ends[1]);
+        wait_for_end(orphan);
+        return orphan;
+    }
+    // Until it can be collected; it stays so.
+    static void wait_for_end(pid_t pid) {
+        siginfo_t info;
+        EXPECT_EQ(waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0);
+    }
+    static bool still_there(pid_t pid) { return kill(pid, 0) == 0; }
+};
+
+TEST_F(children, adopted_ones_are_collected_and_never_told) {
+    const pid_t first = adopted_that_ends();
+    const pid_t own = child_that_ends(7);
+    children_note(own);
+    const pid_t second = adopted_that_ends();
+    pid_t pid = 0;
+    int status = 0;
+    ASSERT_TRUE(children_collect(&pid, &status));
+    EXPECT_EQ(pid, own);
+    EXPECT_EQ(WEXITSTATUS(status), 7);
+    EXPECT_FALSE(children_collect(&pid, &status));
+    EXPECT_FALSE(still_there(first));
+    EXPECT_FALSE(still_there(second)) << "also with nothing noted";
+    EXPECT_EQ(children_count(), 0U);
+}
+
+// Its number may come only after its end.
+TEST_F(children, one_whose_number_is_still_to_come_is_left_alone) {
+    children_expect();
+    const pid_t expected = child_that_ends(5);
+    const pid_t own = child_that_ends(6);
+    children_note(own);
+    pid_t pid = 0;
+    int status = 0;
+    ASSERT_TRUE(children_collect(&pid, &status)) << "what is known is found behind it";
+    EXPECT_EQ(pid, own);
+    EXPECT_FALSE(children_collect(&pid, &status));
+    ASSERT_TRUE(still_there(expected));
+    children_note(expected);
+    children_expect_end();
+    ASSERT_TRUE(children_collect(&pid, &status));
+    EXPECT_EQ(pid, expected);
+    EXPECT_EQ(WEXITSTATUS(status), 5);
+}
+
+}  // namespace
