@@ -13,6 +13,7 @@
 
 #include "agent/check.h"
 #include "agent/encipher.h"
+#include "agent/instance_lock.h"
 #include "agent/listener.h"
 #include "agent/listener_process.h"
 #include "agent/listener_settings.h"
@@ -25,6 +26,7 @@
 #include "agent/unbuilt_modules.h"
 #include "base/context.h"
 #include "base/files.h"
+#include "base/give_back.h"
 #include "base/locks.h"
 #include "base/log.h"
 #include "base/paths.h"
@@ -256,6 +258,40 @@ int find_ini(entry_state* state) {
     return 0;
 }
 
+// The name of a running program, for the person who looks for it.
+std::string program_of(pid_t pid) {
+    char name[64] = "";
+    if (FILE* in = fopen(("/proc/" + std::to_string(pid) + "/comm").c_str(), "re"); in != nullptr) {
+        if (fgets(name, sizeof name, in) != nullptr) {
+            name[strcspn(name, "\n")] = '\0';
+        }
+        fclose(in);
+    }
+    return printable(name);
+}
+
+int be_the_only_one(const entry_state& state) {
+    pid_t holder = 0;
+    switch (instance_lock(state.ini, &holder)) {
+        case instance_lock_taken:
+            return 0;
+        case instance_lock_failed:
+            fprintf(stderr,
+                    "%s lock file '%s.lock' cannot be used: %s. The agent goes on, but a second start with this "
+                    "INI file would not be noticed\n",
+                    now_text().c_str(), state.ini, strerror(errno));
+            return 0;
+        default:
+            fprintf(stderr,
+                    "%s process %d (%s) already runs as the agent of '%s': stop it first, or start this one with an "
+                    "INI file, port and log of its own\n",
+                    now_text().c_str(), static_cast<int>(holder), program_of(holder).c_str(), state.ini);
+            print_abnormal_end(main_name);
+            return_to_start(state);
+            return -1;
+    }
+}
+
 // ---- the steps with a context
 
 EX_PCX* make_context(const entry_state& state, int* exit_code) {
@@ -446,6 +482,7 @@ int entry_ini_name(int argc, const char* const* argv, const char* program_path, 
 }
 
 int agent_main(int argc, char** argv) {
+    memory_set_up();
     if (argc == 2 && strcmp(argv[1], listener_argument) == 0) {
         return listener_main(argc, argv);
     }
@@ -491,6 +528,9 @@ int agent_main(int argc, char** argv) {
     }
     if (request == entry_request_check) {
         return check_command(state.ini, state.program, stdout);
+    }
+    if (be_the_only_one(state) != 0) {
+        return agent_exit_failure;
     }
     return run_agent(state);
 }

@@ -12,6 +12,7 @@
 #include "base/context.h"
 #include "base/locks.h"
 #include "base/log.h"
+#include "base/log_output.h"
 #include "base/time.h"
 #include "channels/ipc.h"
 #include "channels/network_thread.h"
@@ -20,6 +21,10 @@
 namespace {
 
 using signal_function = void (*)(int);
+
+// Pending SIGHUP in flag_signal, at the place of the setting of SIGKILL, which has none.
+constexpr int pending_hangup = 1 << SIGKILL;
+constexpr int all_pending = SIGNAL_PENDING_CHILD | SIGNAL_PENDING_TERM | pending_hangup;
 
 // The handlers read the context once; a wake-up and an atomic bit are all they do.
 void set_pending(int bit) {
@@ -49,6 +54,10 @@ void signal_handler_sigchld(int) {
     set_pending(SIGNAL_PENDING_CHILD);
 }
 
+void signal_handler_hangup(int) {
+    set_pending(pending_hangup);
+}
+
 struct signal_row {
     int number;
     const char* name;
@@ -64,6 +73,7 @@ constexpr int table_size = 32;
 // SIGSEGV has a setting and no handler: it keeps the system's default action. SIGALRM is on together with
 // SIGIO.
 const signal_row static_handler_table[] = {
+    {SIGHUP, "SIGHUP", signal_handler_hangup, SIG_IGN, "sighup", "yes"},
     {SIGINT, "SIGINT", signal_handler_common, SIG_IGN, "sigint", "no"},
     {SIGILL, "SIGILL", signal_handler_error, SIG_DFL, "sigill", "no"},
     {SIGBUS, "SIGBUS", signal_handler_error, SIG_DFL, "sigbus", "no"},
@@ -127,7 +137,7 @@ int signal_set_handlers(const EX_PCX* pcx, qx7_error* error) {
 
 // What the parent had pending is the parent's; bits of its settings go on to hold.
 void reinit_in_child(void* context) {
-    static_cast<EX_PCX*>(context)->flag_signal.fetch_and(~(SIGNAL_PENDING_CHILD | SIGNAL_PENDING_TERM));
+    static_cast<EX_PCX*>(context)->flag_signal.fetch_and(~all_pending);
 }
 
 void post_end_of_child(EX_PCX* pcx, pid_t pid, int status) {
@@ -179,6 +189,9 @@ int maintenance_signals(EX_PCX* pcx) {
     if ((pending & SIGNAL_PENDING_TERM) != 0) {
         signal_handle_sigterm(pcx);
     }
+    if ((pending & pending_hangup) != 0) {
+        signal_handle_hangup(pcx);
+    }
     return 0;
 }
 
@@ -196,4 +209,18 @@ int signal_handle_sigchild(EX_PCX* pcx) {
 int signal_handle_sigterm(EX_PCX* pcx) {
     pcx->flag_signal.fetch_and(~SIGNAL_PENDING_TERM);
     return initiate_agent_shutdown(pcx);
+}
+
+int signal_handle_hangup(EX_PCX* pcx) {
+    pcx->flag_signal.fetch_and(~pending_hangup);
+    if (pcx->running_mode != MODE_AGENT) {
+        return 0;  // the lines of a child go over the agent
+    }
+    if (log_open_anew(pcx) != 0) {
+        __log(2003041, "OpenLogFile()|%s|%u|%s|", pcx->logFile, static_cast<unsigned>(errno),
+              strerror(errno));
+        return -1;
+    }
+    __log(-1, "the log was opened anew by order of SIGHUP");
+    return 0;
 }

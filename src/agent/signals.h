@@ -13,6 +13,8 @@ int signal_read_settings(EX_PCX* pcx);
 
 // Main loop: answers the pending bits.
 int maintenance_signals(EX_PCX* pcx);
-// Collects the ended children that this process forked itself; each gives one SIGCHLD record.
+// Collects the ended children; each that this process made itself gives one SIGCHLD record.
 int signal_handle_sigchild(EX_PCX* pcx);
 int signal_handle_sigterm(EX_PCX* pcx);
+// The agent opens its log anew, for those who move it away; a child goes on. 0 or -1.
+int signal_handle_hangup(EX_PCX* pcx);

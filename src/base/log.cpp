@@ -1,5 +1,9 @@
 // The agent's front of the log: the context's handle, the fixed messages and the logger of all modules.
 #include "base/log.h"
+#include "base/log_output.h"
+
+#include <grp.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -111,6 +115,22 @@ void copy_ends(const ZULOGG_MSG_BUFFER* first, std::vector<std::string>* lines) 
     }
 }
 
+// The group that the settings name; false when it is none of this host. The user lock is held, as around all
+// account database calls.
+bool take_log_group(EX_PCX* pcx, std::string* name) {
+    char text[256];
+    pcx->getProfileString(pcx, "GLOBAL", "log_group", "", text, sizeof text);
+    EatString(text);
+    *name = text;
+    std::vector<char> room(65536);
+    group found{};
+    group* entry = nullptr;
+    const bool known =
+        !name->empty() && getgrnam_r(text, &found, room.data(), room.size(), &entry) == 0 && entry != nullptr;
+    log_set_group(known ? found.gr_gid : static_cast<gid_t>(-1));
+    return known || name->empty();
+}
+
 std::string separator_line() {
     return std::string(132, '=');
 }
@@ -159,12 +179,26 @@ int OpenLogFile(EX_PCX* pcx) {
     copy_text(name, pcx->logFile);
     log_close_file(pcx->logHnd);
     ZULOGG_Reorg(name, sizeof name, pcx->logCount);
+    std::string group_name;
+    const bool group_known = take_log_group(pcx, &group_name);
     const int result = log_reopen(pcx->logHnd, name);
     const int kept = errno;
     ZULOGG_UseMsg(pcx->logHnd, pcx->cLogToDb != no_lines_in_memory);
     ZULOGG_SetLogThreadFlag(pcx->logHnd, pcx->logThreadFlag != 0);
+    if (!group_known) {
+        __log(-1,
+              "setting 'log_group' in section [GLOBAL] names '%s', which is no group of this host: the log keeps "
+              "the agent's own group",
+              printable(group_name).c_str());
+    }
     errno = kept;
     return result;
+}
+
+int log_open_anew(EX_PCX* pcx) {
+    effUser_guard user;
+    log_guard guard;
+    return log_file_anew(pcx->logHnd);
 }
 
 int CloseLogFile(EX_PCX* pcx) {

@@ -14,6 +14,7 @@
 #include "base/locks.h"
 #include "base/log.h"
 #include "base/log_origin.h"
+#include "base/log_output.h"
 #include "base/text.h"
 #include "base/time.h"
 #include "base/trace.h"
@@ -95,7 +96,10 @@ void drop_first_line(_pzulogg* handle) {
     count_lines(handle, -1);
 }
 
+void (*line_waker)() = nullptr;  // under the log lock
+
 void Put_MsgBuff(_pzulogg* handle, std::string_view text) {
+    const bool first = handle->pFirstMsg == nullptr;
     while (handle->msgCount >= log_memory_lines) {
         drop_first_line(handle);
         ++handle->dropped;
@@ -108,6 +112,9 @@ void Put_MsgBuff(_pzulogg* handle, std::string_view text) {
     (handle->pLastMsg == nullptr ? handle->pFirstMsg : handle->pLastMsg->nxt) = line;
     handle->pLastMsg = line;
     count_lines(handle, 1);
+    if (first && line_waker != nullptr && !on_main_thread()) {
+        line_waker();
+    }
 }
 
 // The server's log has a hole: the first line behind it tells how many are missing.
@@ -141,13 +148,55 @@ void close_file(_pzulogg* handle) {
     handle->logFileSize = 0;
 }
 
+// Command lines stand in it, and with a job trace whole scripts: nobody reads it but the agent and its group.
+constexpr mode_t log_mode = 0640;
+
+// Under the log lock. There is one log in a process.
+gid_t log_group = static_cast<gid_t>(-1);
+bool open_error_told = false;
+
+bool is_device(const char* name) {
+    struct stat status;
+    return lstat(name, &status) == 0 && S_ISCHR(status.st_mode);
+}
+
 // A log may be sent to a device; everything else is a new file.
 int open_log_descriptor(const char* name) {
-    struct stat status;
-    if (lstat(name, &status) == 0 && S_ISCHR(status.st_mode)) {
+    if (is_device(name)) {
         return open(name, O_WRONLY | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC);
     }
-    return create_new_file(name, 0644, static_cast<uid_t>(-1), static_cast<gid_t>(-1), nullptr);
+    return create_new_file(name, log_mode, static_cast<uid_t>(-1), log_group, nullptr);
+}
+
+// The file that stands there, when it is a log of this agent's own; else a new one.
+int continue_log_descriptor(const char* name) {
+    constexpr int flags = O_WRONLY | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    const int fd = is_device(name) ? -1 : open(name, flags);
+    struct stat status;
+    if (fd >= 0 && fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid() &&
+        status.st_nlink == 1) {
+        return fd;
+    }
+    if (fd >= 0) {
+        close(fd);
+    }
+    return open_log_descriptor(name);
+}
+
+// `fd` is the opened file, or -1 with errno.
+int use_file(_pzulogg* handle, int fd) {
+    handle->retryTime = alarm_now() + reopen_seconds;
+    handle->fcb = fd < 0 ? nullptr : fdopen(fd, "a");
+    if (handle->fcb == nullptr) {
+        const int number = errno;
+        if (fd >= 0) {
+            close(fd);
+        }
+        errno = number;
+        return -1;
+    }
+    setvbuf(handle->fcb, nullptr, _IONBF, 0);
+    return 0;
 }
 
 int open_file(_pzulogg* handle) {
@@ -157,17 +206,7 @@ int open_file(_pzulogg* handle) {
     if (handle->filename[0] == '\0') {
         return 0;
     }
-    const int fd = open_log_descriptor(handle->filename);
-    if (fd < 0) {
-        return -1;
-    }
-    handle->fcb = fdopen(fd, "w");
-    if (handle->fcb == nullptr) {
-        close(fd);
-        return -1;
-    }
-    setvbuf(handle->fcb, nullptr, _IONBF, 0);
-    return 0;
+    return use_file(handle, open_log_descriptor(handle->filename));
 }
 
 void retry_open(_pzulogg* handle) {
@@ -208,6 +247,16 @@ void note_write_error(_pzulogg* handle) {
     }
 }
 
+// -1 with errno kept. The first line that is written again ends it, as after a failed write.
+int note_open_error(_pzulogg* handle) {
+    const int number = errno;
+    fprintf(stderr, "log file '%s' cannot be opened: %s; lines are kept in memory until it can\n",
+            handle->filename, strerror(number));
+    open_error_told = true;
+    errno = number;
+    return -1;
+}
+
 void write_to_file(_pzulogg* handle, const std::string& line) {
     if (handle->fcb == nullptr) {
         retry_open(handle);
@@ -225,9 +274,12 @@ void write_to_file(_pzulogg* handle, const std::string& line) {
         return;
     }
     handle->logFileSize += ended.size();
-    if (handle->PutErrNum != 0) {
+    if (handle->PutErrNum != 0 || open_error_told) {
         handle->PutErrNum = 0;
-        Put_ErrMsg(handle, write_good_again_message, std::string(handle->filename) + "|");
+        open_error_told = false;
+        const std::string text =
+            Put_ErrMsg(handle, write_good_again_message, std::string(handle->filename) + "|");
+        fprintf(stderr, "%s\n", text.c_str());
     }
 }
 
@@ -301,14 +353,39 @@ int log_reopen(PZULOGG handle, const char* filename) {
         return -1;
     }
     copy_text(handle->filename, filename);
-    if (open_file(handle) == 0) {
+    return open_file(handle) == 0 ? 0 : note_open_error(handle);
+}
+
+void log_set_waker(void (*waker)()) {
+    log_guard guard;
+    line_waker = waker;
+}
+
+void log_set_group(gid_t group) {
+    log_guard guard;
+    log_group = group;
+}
+
+int log_file_anew(PZULOGG handle) {
+    log_guard guard;
+    if (!is_log(handle)) {
+        errno = EBADF;
+        return -1;
+    }
+    if (handle->filename[0] == '\0') {
         return 0;
     }
-    const int number = errno;
-    fprintf(stderr, "log file '%s' cannot be opened: %s; lines are kept in memory until it can\n", filename,
-            strerror(number));
-    errno = number;
-    return -1;
+    close_file(handle);
+    if (use_file(handle, continue_log_descriptor(handle->filename)) != 0) {
+        return note_open_error(handle);
+    }
+    struct stat status;
+    if (fstat(fileno(handle->fcb), &status) == 0 && status.st_size > 0) {
+        handle->logFileSize = static_cast<uint64_t>(status.st_size);
+    } else {
+        handle->logStartedTime = time(nullptr);
+    }
+    return 0;
 }
 
 int log_close_file(PZULOGG handle) {

@@ -36,7 +36,8 @@ int create_trace_descriptor(const char* name) {
     if (lstat(name, &status) == 0 && S_ISCHR(status.st_mode)) {
         return open(name, O_WRONLY | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC);
     }
-    return create_new_file(name, 0644, static_cast<uid_t>(-1), static_cast<gid_t>(-1), nullptr);
+    // Messages stand in it whole, with scripts and file contents.
+    return create_new_file(name, 0600, static_cast<uid_t>(-1), static_cast<gid_t>(-1), nullptr);
 }
 
 std::string stamped_name(std::string_view format) {

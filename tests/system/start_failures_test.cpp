@@ -1,4 +1,5 @@
 // What ends the agent at its start, and what it says then: exit code 1 and a line that names the key or the call.
+#include <signal.h>
 #include <sys/stat.h>
 
 #include "server_fixture.h"
@@ -59,6 +60,40 @@ TEST(start, tells_when_the_ini_file_is_not_there) {
     EXPECT_EQ(host.agent.exit_code(), 1);
     EXPECT_NE(host.agent.output().find("U02003041 Invalid 'access'-call"), std::string::npos) << host.agent.output();
     EXPECT_NE(host.agent.output().find("ended abnormaly"), std::string::npos);
+}
+
+TEST(start, finds_the_agent_that_runs_already_before_it_touches_anything) {
+    installation host("TWICE", 1);
+    host.start();
+    ASSERT_TRUE(wait_until(10000, [&] { return host.log_has("2000072"); })) << host.agent.output() << host.log();
+    const std::string before = host.log();
+    child_process second;
+    start_program(second, {host.path("bin/qxxjlnx"), "ini=" + host.ini_path()}, host.path("second.out"));
+    ASSERT_TRUE(second.wait_end(10000));
+    EXPECT_EQ(second.exit_code(), 1);
+    EXPECT_NE(second.output().find("process " + std::to_string(host.agent.pid)), std::string::npos) << second.output();
+    EXPECT_EQ(host.log().substr(0, before.size()), before) << "the running one's log was moved";
+    // The lock ends with its process, however that ended.
+    host.agent.kill_now();
+    host.start();
+    EXPECT_TRUE(wait_until(10000, [&] { return host.log_has("2000072"); })) << host.agent.output() << host.log();
+    EXPECT_TRUE(host.stop());
+    EXPECT_EQ(host.agent.exit_code(), 0);
+}
+
+TEST(start, goes_on_over_a_hang_up_with_a_log_opened_anew) {
+    installation host("HANGUP", 1);
+    host.start();
+    ASSERT_TRUE(wait_until(10000, [&] { return host.log_has("listening on port"); })) << host.log();
+    const pid_t listener = host.listener_pid();
+    ASSERT_EQ(rename(host.path("temp/QXXJxxx.l00").c_str(), host.path("temp/moved").c_str()), 0);
+    ASSERT_EQ(kill(listener, SIGHUP), 0);
+    host.agent.signal(SIGHUP);
+    EXPECT_TRUE(wait_until(10000, [&] { return host.log_has("opened anew by order of SIGHUP"); })) << host.log();
+    EXPECT_TRUE(host.agent.running());
+    EXPECT_EQ(host.listener_pid(), listener) << "a terminal tells all processes of its end";
+    EXPECT_TRUE(host.stop());
+    EXPECT_EQ(host.agent.exit_code(), 0);
 }
 
 TEST(start, answers_help_version_and_wrong_use) {

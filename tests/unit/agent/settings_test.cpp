@@ -202,6 +202,8 @@ TEST(settings, turns_signals_on_and_off) {
     EXPECT_TRUE(on(SIGALRM)) << "together with sigio";
     EXPECT_FALSE(on(SIGINT));
     EXPECT_TRUE(on(SIGUSR1));
+    EXPECT_TRUE(on(SIGHUP));
+    EXPECT_FALSE(on(SIGKILL)) << "its place tells a pending SIGHUP";
     EXPECT_EQ(bits & (SIGNAL_PENDING_CHILD | SIGNAL_PENDING_TERM), 0);
 }
 

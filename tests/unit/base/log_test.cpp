@@ -2,6 +2,7 @@
 #include "base/log_origin.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -12,6 +13,7 @@
 #include <thread>
 
 #include "base/locks.h"
+#include "base/log_output.h"
 #include "base/trace.h"
 #include "scratch.h"
 
@@ -123,7 +125,7 @@ TEST_F(LogTest, LinesHaveStampAndNumber) {
     EXPECT_EQ(texts(dir.read("log00")), expected);
     struct stat status;
     ASSERT_EQ(stat(dir.at("log00").c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777, 0644U);
+    EXPECT_EQ(status.st_mode & 07777, 0640U) << "command lines stand in it";
     EXPECT_EQ(ZULOGG_GetLogFileSize(pcx->logHnd), static_cast<uint64_t>(status.st_size));
     EXPECT_EQ(ZULOGG_NrMsg(pcx->logHnd), 5);
     ZULOGG_Text(pcx->logHnd, std::string(5000, 'x').c_str(), -1);
@@ -217,7 +219,12 @@ TEST_F(LogTest, AnAgentWithoutItsFileGoesOnAndSaysSo) {
     EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
     strcpy(pcx->logFile, dir.at("log").c_str());
     ASSERT_EQ(OpenLogFile(pcx), 0);
+    testing::internal::CaptureStderr();
     LogText("c", -1);
+    LogText("d", -1);
+    const std::string mended = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(mended.find("U02003032 log"), 22u) << mended;
+    EXPECT_EQ(std::count(mended.begin(), mended.end(), '\n'), 1) << mended;
     std::vector<std::string> lines;
     log_guard guard;
     while (ZULOGG_MSG_BUFFER* line = ZULOGG_GetMsg(pcx->logHnd)) {
@@ -225,8 +232,50 @@ TEST_F(LogTest, AnAgentWithoutItsFileGoesOnAndSaysSo) {
     }
     const std::vector<std::string> expected = {
         "a", std::string("U02003031 log '/dev/full' failed: ") + strerror(ENOSPC), "b", "c",
-        "U02003032 log '" + dir.at("log") + "' works again"};
+        "U02003032 log '" + dir.at("log") + "' works again", "d"};
     EXPECT_EQ(lines, expected);
+}
+
+TEST_F(LogTest, ALogThatWasMovedAwayBeginsAnewAndAnyOtherGoesOn) {
+    ASSERT_EQ(OpenLogFile(pcx), 0);
+    LogText("first", -1);
+    ASSERT_EQ(log_open_anew(pcx), 0);
+    LogText("second", -1);
+    EXPECT_EQ(texts(dir.read("log00")), (std::vector<std::string>{"first", "second"}));
+    EXPECT_EQ(ZULOGG_GetLogFileSize(pcx->logHnd), dir.read("log00").size());
+    ASSERT_EQ(rename(dir.at("log00").c_str(), dir.at("moved").c_str()), 0);
+    ASSERT_EQ(symlink(dir.at("moved").c_str(), dir.at("log00").c_str()), 0);
+    ASSERT_EQ(log_open_anew(pcx), 0);
+    LogText("third", -1);
+    EXPECT_EQ(texts(dir.read("log00")), std::vector<std::string>{"third"});
+    EXPECT_EQ(texts(dir.read("moved")).size(), 2U) << "a link is not followed";
+    EXPECT_NE(access(dir.at("log01").c_str(), F_OK), 0) << "no generation is moved";
+}
+
+TEST_F(LogTest, TheLogsGroupIsASetting) {
+    group* other = nullptr;
+    gid_t groups[64];
+    const int count = getgroups(64, groups);
+    for (int i = 0; i < count && other == nullptr; ++i) {
+        other = groups[i] == getegid() ? nullptr : getgrgid(groups[i]);
+    }
+    other = other == nullptr && geteuid() == 0 ? getgrnam("daemon") : other;
+    if (other == nullptr) {
+        GTEST_SKIP() << "needs root or a second group";
+    }
+    const gid_t wanted = other->gr_gid;
+    const std::string ini = dir.write("ini", std::string("[GLOBAL]\nlog_group = ") + other->gr_name + "\n");
+    strcpy(pcx->IniFile, ini.c_str());
+    ASSERT_EQ(OpenLogFile(pcx), 0);
+    struct stat status;
+    ASSERT_EQ(stat(dir.at("log00").c_str(), &status), 0);
+    EXPECT_EQ(status.st_gid, wanted);
+    dir.write("ini", "[GLOBAL]\nlog_group = no-such-group\n");
+    ASSERT_EQ(OpenLogFile(pcx), 0);
+    LogText("", -1);
+    ASSERT_EQ(stat(dir.at("log00").c_str(), &status), 0);
+    EXPECT_EQ(status.st_gid, getegid());
+    EXPECT_NE(dir.read("log00").find("'no-such-group', which is no group of this host"), std::string::npos);
 }
 
 TEST_F(LogTest, LinesInMemoryAreTakenPutBackAndRemoved) {

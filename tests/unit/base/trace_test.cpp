@@ -85,6 +85,9 @@ TEST_F(TraceTest, TextsAndDumpsHaveTheirForms) {
     EXPECT_EQ(lines[2].substr(83), figures);
     EXPECT_EQ(lines[4].substr(37), "00000000  30313233 34353637 38396162 63646566  0123456789abcdef");
     EXPECT_EQ(lines[5].substr(37, 18), "00000010  58595A  ");
+    struct stat status;
+    ASSERT_EQ(stat(dir.at("t00").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0600U) << "whole messages stand in it";
 }
 
 TEST_F(TraceTest, ALimitAsksForANewFile) {
