@@ -69,7 +69,7 @@ int listener_ended(EX_PCX* pcx, const ipcmsg_sigchld_t& end) {
     // One that was ready is replaced at once, but not twice in one second: whoever can make it end must not
     // make the agent fork without pause.
     if (pcx->listener_start_counter == 0) {
-        pcx->listener_alarm_time = listener_last_start();
+        pcx->listener_alarm_time = listener_last_start() + 1;
     }
     __log(2003059, "LISTENER|%i|%i(status=%i)", end.pid, end.ret, end.status);
     listener_log_start_failure();
@@ -178,12 +178,19 @@ std::string flush_name(const char* filename, const char* process) {
 int process_ipc_trace_flush(EX_PCX* pcx, ccm_msg_t* msg, int) {
     auto record = record_of<ipcmsg_trace_flush_t>(msg);
     record.filename[sizeof record.filename - 1] = '\0';
+    if (pcx->trcHnd == nullptr || (pcx->trcHnd->flag & TRACE_RING) == 0) {
+        // Nothing waits in memory, and the trace that is written is not to change its file.
+        __log(-1, "%s: the trace is not kept in memory, TRACE_FLUSH has nothing to write", pcx->process_name);
+        return -1;
+    }
     const std::string name = flush_name(record.filename, pcx->process_name);
     if (ChangeTraceFile(pcx->trcHnd, name.c_str()) != 0) {
         __log(-1, "the trace cannot be written to '%s'", printable(name).c_str());
         return -1;
     }
-    return trc_rt_flush(pcx->trcHnd) < 0 ? -1 : 0;
+    const int count = trc_rt_flush(pcx->trcHnd);
+    zutrace_forget_file(pcx->trcHnd);  // what is traced later belongs to the trace's own file
+    return count < 0 ? -1 : 0;
 }
 
 // Only a child obeys; a record of that name has no effect in the agent.

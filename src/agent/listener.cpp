@@ -22,6 +22,7 @@
 #include "agent/settings.h"
 #include "agent/shutdown.h"
 #include "agent/timers.h"
+#include "agent/waiting.h"
 #include "base/children.h"
 #include "base/context.h"
 #include "base/descriptor.h"
@@ -302,7 +303,7 @@ time_t last_look = 0;
 // in the queue.
 void drop_silent_listener(EX_PCX* pcx, time_t now) {
     // Time in which this thread did not run counts for nobody: no ping left and no answer was read.
-    constexpr int longest_pass = 60;
+    constexpr int longest_pass = loop_longest_wait + 30;
     if (last_look != 0 && now - last_look > longest_pass) {
         pcx->listener_last_pingq += now - last_look;
     }

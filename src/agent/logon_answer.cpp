@@ -18,6 +18,7 @@
 #include "base/text.h"
 #include "base/time.h"
 #include "channels/messages.h"
+#include "channels/network_thread.h"
 #include "channels/resolver.h"
 #include "jobs/resources.h"
 #include "messages/records_server.h"
@@ -226,6 +227,7 @@ int process_exstartq2(EX_PCX* pcx, ccm_msg_t* msg, int) {
     take_log_mode(pcx, answer);
     take_block_and_code(pcx, answer, view);
     pcx->Log_alarm_time = alarm_now() + pcx->Per_Report;
+    ccm_wakeup_network(pcx->ccm);  // what has waited for a logon goes now
     SendBinGetMessagesAfterReconnect(pcx);
     if (other_report) {
         send_chglogr(pcx);

@@ -1,5 +1,6 @@
 #include "agent/loop.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "agent/dispatch.h"
@@ -8,8 +9,11 @@
 #include "agent/server_connection.h"
 #include "agent/shutdown.h"
 #include "agent/timers.h"
+#include "agent/waiting.h"
 #include "base/context.h"
+#include "base/give_back.h"
 #include "base/log.h"
+#include "base/log_output.h"
 #include "base/text.h"
 #include "base/time.h"
 #include "channels/handshake.h"
@@ -17,8 +21,6 @@
 #include "channels/policy.h"
 
 namespace {
-
-constexpr int wait_seconds = 5;  // the longest that a periodic check can be late
 
 enum item_key {
     item_visit_card = 4,
@@ -45,31 +47,45 @@ void take_loop_time(EX_PCX* pcx) {
     pcx->UB_Time = now.utc_seconds;
 }
 
-// Seconds until `alarm` has passed, when that is sooner than the usual wait.
-int sooner(int seconds, time_t alarm, time_t now) {
-    const time_t left = alarm + 1 - now;
-    return left >= 1 && left < seconds ? static_cast<int>(left) : seconds;
+// A line that another thread logs is sent at its time, however long the loop meant to wait.
+void wake_for_line() {
+    EX_PCX* pcx = GlbPcx;
+    if (pcx != nullptr && pcx->ccm != nullptr) {
+        ccm_wakeup_processor(pcx->ccm);
+    }
 }
 
-// A search or a listener that is put off for a second shall not wait for five.
-int wait_of(const EX_PCX* pcx) {
-    int seconds = wait_seconds;
-    if (pcx->running_mode != MODE_AGENT) {
-        return seconds;
+// Messages since memory was last given back.
+struct burst {
+    int messages = 0;
+    time_t last = 0;
+};
+
+constexpr int quiet_seconds = 5;
+
+// After many messages the loop comes by in the first moment of quiet; after a few its next pass will do.
+time_t due_of(EX_PCX* pcx, const burst& past) {
+    constexpr int many = 100;
+    const time_t due = loop_due(pcx);
+    return past.messages < many ? due : std::min(due, past.last + quiet_seconds);
+}
+
+// After a wait that no message has ended.
+void rest(EX_PCX* pcx, burst* past) {
+    constexpr int pool_in_quiet = 2;
+    if (past->messages == 0 || alarm_now() - past->last < quiet_seconds) {
+        return;
     }
-    const time_t now = alarm_now();
-    if ((pcx->pcx_flag & (PCX_FLAG_SERVER_CHANNEL | PCX_FLAG_CP_SEARCH)) == 0) {
-        seconds = sooner(seconds, pcx->Srv_alarm_time, now);
-    }
-    if (pcx->listener_pid == 0) {
-        seconds = sooner(seconds, pcx->listener_alarm_time, now);
-    }
-    return seconds;
+    *past = {};
+    ccm_msg_pool_trim(pcx->ccm, pool_in_quiet);
+    memory_give_back();
 }
 
 }  // namespace
 
 void agent_loop(EX_PCX* pcx) {
+    burst past;
+    log_set_waker(wake_for_line);
     while (pcx->loop != LOOP_LEAVE) {
         maintenance_common(pcx);
         timer_check(pcx->timer_ctx);
@@ -78,7 +94,7 @@ void agent_loop(EX_PCX* pcx) {
         }
         ccm_msg_t* msg = nullptr;
         ccm_error_t error;
-        const int received = ccm_receive_message(pcx->ccm, wait_of(pcx), &msg, &error);
+        const int received = ccm_receive_message_until(pcx->ccm, due_of(pcx, past), &msg, &error);
         if (received < 0) {
             ExitCall("ccm_wait_processor", error.msginsert, error.xerrno);
         }
@@ -86,8 +102,13 @@ void agent_loop(EX_PCX* pcx) {
         if (received > 0) {
             loop_dispatch_message(pcx, msg);
             ccm_msg_free(pcx->ccm, msg);
+            ++past.messages;
+            past.last = alarm_now();
+        } else {
+            rest(pcx, &past);
         }
     }
+    log_set_waker(nullptr);
 }
 
 int loop_dispatch_message(EX_PCX* pcx, ccm_msg_t* msg) {

@@ -1,5 +1,6 @@
 #include "agent/maintenance.h"
 
+#include <algorithm>
 #include <cerrno>
 
 #include "agent/cp_search.h"
@@ -28,10 +29,10 @@ constexpr int check_period = 10;
 constexpr int exit_code_upgrade = 248;
 
 void stream_log(EX_PCX* pcx, time_t now) {
-    if (pcx->Log_alarm_time >= now) {
+    if (pcx->Log_alarm_time > now) {
         return;
     }
-    pcx->Log_alarm_time = now + pcx->Per_Report;
+    pcx->Log_alarm_time = now + std::max(pcx->Per_Report, 1);
     const bool logged_in = (pcx->pcx_flag & PCX_FLAG_LOGGED_IN) != 0;
     if (logged_in && ccm_channel_existbyName(pcx->ccm, ccm_name_server) != 0) {
         send_log2server(pcx, log_blocks_each_turn);
@@ -40,7 +41,7 @@ void stream_log(EX_PCX* pcx, time_t now) {
 
 // A post without memory is not tested: the next cycle posts again.
 void post_checks(EX_PCX* pcx, time_t now) {
-    if (pcx->timer_global >= now) {
+    if (pcx->timer_global > now) {
         return;
     }
     pcx->timer_global = now + check_period;
@@ -54,7 +55,7 @@ void post_checks(EX_PCX* pcx, time_t now) {
 }
 
 void post_when_due(EX_PCX* pcx, time_t* alarm, time_t now, const char* record) {
-    if (*alarm != 0 && *alarm < now) {
+    if (*alarm != 0 && *alarm <= now) {
         *alarm = 0;
         send_IPC_internal_name(pcx->ccm, record);
     }
@@ -73,10 +74,10 @@ void find_server(EX_PCX* pcx, time_t now) {
         pcx->pcx_flag.fetch_and(~PCX_FLAG_LOGGED_IN);
         // At once, but not twice in one second: a server that takes each logon and hangs up would otherwise be
         // called as fast as it answers.
-        pcx->Srv_alarm_time = cp_search_last_start();
+        pcx->Srv_alarm_time = cp_search_last_start() + 1;
     }
     const bool ready = (flags & PCX_FLAG_LISTENER_READY) != 0;
-    if (pcx->Srv_alarm_time < now && ready && !cp_handshake_under_way(pcx)) {
+    if (pcx->Srv_alarm_time <= now && ready && !cp_handshake_under_way(pcx)) {
         qx7_error error;
         if (server_connection_start(pcx, &error) < 0) {
             __log_error(error);
@@ -141,7 +142,7 @@ int maintenance_agent(EX_PCX* pcx) {
     if (!running) {
         return 0;
     }
-    if (pcx->listener_alarm_time < now) {
+    if (pcx->listener_alarm_time <= now) {
         maintenance_listener_process(pcx);
     }
     restart_when_quiet(pcx);
@@ -155,7 +156,7 @@ int maintenance_listener(EX_PCX*) {
 
 int maintenance_ftx(EX_PCX* pcx) {
     const time_t now = alarm_now();
-    if (pcx->timer_global < now) {
+    if (pcx->timer_global <= now) {
         pcx->timer_global = now + check_period;
         send_IPC_internal_name(pcx->ccm, ipc_ftxchk);
     }

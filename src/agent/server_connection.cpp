@@ -36,6 +36,9 @@ constexpr size_t named_list_max = 8192;  // the elements that count fit well
 // INI file, the others are forgotten: whoever answers a connect could name anything.
 std::map<int, std::string> named_lists;
 
+// When the server must have answered the start message of the standing connection.
+time_t logon_limit = 0;
+
 struct endpoint {
     char host[256];
     int port;
@@ -372,6 +375,7 @@ int server_connection_established(EX_PCX* pcx, int channel_id) {
     // Directly before the start message, so that nothing overtakes it.
     pcx->pcx_flag.fetch_or(PCX_FLAG_SERVER_CHANNEL);
     pcx->unquitted_srvqry = 0;
+    logon_limit = now + pcx->connwait;
     const int result = send_exstart(pcx);
     if (result != 0) {
         // A connection without a logon would stand for ever.
@@ -409,8 +413,27 @@ void server_handshake_failed(EX_PCX* pcx, const ccm_channel_image_t& channel) {
 void server_connection_lost(EX_PCX* pcx) {
     pcx->pcx_flag.fetch_and(~PCX_FLAG_SERVER_CHANNEL);
     pcx->waitForChglogQu = 0;
-    pcx->upgrade_exit_code = 0;  // an upgrade that was under way is off
+    if (pcx->upgrade_ah_idnr != 0) {
+        pcx->upgrade_exit_code = 0;  // an upgrade that was under way is off
+    }
 }
+
+namespace {
+
+// A server that answers everything but the logon would keep the agent from looking for another one.
+bool logon_is_late(const EX_PCX* pcx, time_t now) {
+    return (pcx->pcx_flag & PCX_FLAG_LOGGED_IN) == 0 && logon_limit != 0 && now >= logon_limit;
+}
+
+void give_up_logon(EX_PCX* pcx, int channel_id, time_t now) {
+    logon_limit = 0;
+    __log(-1, "the server has not answered the logon for %d seconds, the connection is closed and the search goes on",
+          pcx->connwait);
+    pcx->Srv_alarm_time = std::max(pcx->Srv_alarm_time, now + 1);
+    ccm_channel_deletebyID(pcx->ccm, channel_id);
+}
+
+}  // namespace
 
 int maintenance_server_connection(EX_PCX* pcx) {
     ccm_channel_image_t channel;
@@ -427,6 +450,11 @@ int maintenance_server_connection(EX_PCX* pcx) {
         return -1;
     }
     const time_t now = alarm_now();
+    if (logon_is_late(pcx, now)) {
+        ccm_channel_unlock(pcx->ccm);
+        give_up_logon(pcx, channel.ID, now);
+        return 0;
+    }
     const bool silent = now - server->timestamp_last_read >= pcx->Per_KeepAlive;
     const bool ask = silent && pcx->unquitted_srvqry < unanswered_limit;
     if (ask) {
@@ -445,6 +473,16 @@ int maintenance_server_connection(EX_PCX* pcx) {
         ccm_channel_deletebyID(pcx->ccm, channel.ID);
     }
     return 0;
+}
+
+time_t server_connection_due(EX_PCX* pcx) {
+    ccm_channel_image_t channel;
+    if (ccm_channel_copybyName(pcx->ccm, ccm_name_server, &channel) != 0 || channel.type != CH_TYPE_SERVER) {
+        return alarm_now() + 1;  // its end is on the way, or lost
+    }
+    const time_t silent = static_cast<time_t>(channel.timestamp_last_read) + pcx->Per_KeepAlive;
+    const bool waits_for_logon = (pcx->pcx_flag & PCX_FLAG_LOGGED_IN) == 0 && logon_limit != 0;
+    return waits_for_logon ? std::min(silent, logon_limit) : silent;
 }
 
 int send_srvquery(EX_PCX* pcx) {

@@ -32,5 +32,7 @@ void server_handshake_failed(EX_PCX* pcx, const ccm_channel_image_t& channel);
 void server_connection_lost(EX_PCX* pcx);
 // Keep-alive, only while a server channel stands. Silence means that nothing was received.
 int maintenance_server_connection(EX_PCX* pcx);
+// When that has something to do next, on the alarm clock; only while a server channel stands.
+time_t server_connection_due(EX_PCX* pcx);
 int send_srvquery(EX_PCX* pcx);
 int send_exstop(EX_PCX* pcx);

@@ -229,7 +229,9 @@ void ExitCall(const char* call, const char* text, int error_number) {
     if (std::string_view(call) == "calloc") {
         abort();  // memory is gone, nothing can be closed in order
     }
-    if (!on_main_thread()) {
+    // The context is freed below, and the network thread works with it.
+    constexpr int seconds_for_thread = 5;
+    if (!on_main_thread() || (pcx != nullptr && !ccm_thread_end_within(pcx->ccm, seconds_for_thread))) {
         _exit(1);
     }
     const bool child = pcx != nullptr && pcx->running_mode != MODE_AGENT;

@@ -163,6 +163,16 @@ int timer_remove(__qx_timer_context* ctx, const char* name, const char* minor) {
     return 0;
 }
 
+time_t timer_next(const __qx_timer_context* ctx) {
+    time_t next = 0;
+    if (timer_check_context(ctx) == 0) {
+        for (const __timer& timer : ctx->timers) {
+            next = next == 0 || timer.next_hit < next ? timer.next_hit : next;
+        }
+    }
+    return next;
+}
+
 int timer_check(__qx_timer_context* ctx) {
     return timer_check_at(ctx, alarm_now());
 }

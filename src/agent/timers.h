@@ -24,6 +24,8 @@ int timer_reset(__qx_timer_context* ctx, const char* name, const char* minor, ti
                 int recurrence);
 // 0, or -1 when unknown.
 int timer_remove(__qx_timer_context* ctx, const char* name, const char* minor);
+// The earliest time at which one is due, 0 without timers.
+time_t timer_next(const __qx_timer_context* ctx);
 // Fires what is due, at most once a second.
 int timer_check(__qx_timer_context* ctx);
 // The same at the given second; the clock of `timer_check` is outside, so that a test can step it.

@@ -198,6 +198,7 @@ struct ccm_channel_t {
     ccm_msg_queue sendq;
     ccm_msg_queue recvq;
     int nof_sendq;
+    int64_t sendq_bytes;  // of the messages in sendq, whole even where a part is written
 };
 
 // The copy of a channel that a CHANNEL_CLOSE record carries: plain values, no pointer.
@@ -246,6 +247,7 @@ struct ccm_context_t {
     ccm_msg_queue msgq_kept;  // messages that wait for their channel
     int nof_freemsg;
     int nof_kept;
+    int64_t kept_bytes;
     bool in_dispatch;  // the network thread moves a message to its channel just now
     unsigned long unique_msg_ID;
 
@@ -318,6 +320,9 @@ int ccm_channel_failbyID(ccm_context_t* ccm, int id, int msgnr, const char* form
 int ccm_channel_silencebyID(ccm_context_t* ccm, int id);
 // Deletes every channel whose CONNECTING time has passed, with 2000064. Main thread, once each pass.
 int ccm_channel_check_timeouts(ccm_context_t* ccm, time_t now);
+
+// When the next one passes on the alarm clock; 0 when none runs.
+time_t ccm_channel_next_timeout(ccm_context_t* ccm);
 
 // Deletes the channels of one type that have something to send and whose partner has taken nothing since
 // `since`. Returns how many.

@@ -290,6 +290,20 @@ int ccm_channel_check_timeouts(ccm_context_t* ccm, time_t now) {
     return late;
 }
 
+time_t ccm_channel_next_timeout(ccm_context_t* ccm) {
+    time_t next = 0;
+    ccm_channel_lock(ccm);
+    find_locked(ccm, [&](ccm_channel_t* channel) {
+        const time_t limit = channel->connect_timeout;
+        if (channel_has(channel, CH_FLAG_CONNECTING) && limit != 0 && (next == 0 || limit < next)) {
+            next = limit;
+        }
+        return false;
+    });
+    ccm_channel_unlock(ccm);
+    return next;
+}
+
 int ccm_channel_give_up_stuck(ccm_context_t* ccm, int type, time_t since) {
     int stuck = 0;
     ccm_channel_lock(ccm);
@@ -515,6 +529,7 @@ void close_socket(int s) {
 
 void channel_destroy(ccm_context_t* ccm, ccm_channel_t* channel) {
     log_destruction(channel);
+    keep_unsent(ccm, channel);
     int type = channel->type.load();
     if (type != CH_TYPE_PLACEHOLDER && type != CH_TYPE_SILENT) {
         channel_post_close(ccm, channel, true);

@@ -87,7 +87,8 @@ ccm_classified classify_gss(ccm_context_t* ccm, ccm_channel_t* channel, ccm_msg_
         return refuse(ccm, channel, 1002203, "Protocol");
     }
     if (msg->len > ccm_frame_gss_max) {
-        channel_fail(ccm, channel, 1002210, "%d|%s(ID=%d)|", msg->len, channel->addr, channel->ID);
+        channel_fail(ccm, channel, frame_too_long, "%d|%s(ID=%d)|%d|", msg->len, channel->addr, channel->ID,
+                     ccm_frame_gss_max);
         return CCM_CLASS_END;
     }
     msg->type = CCM_MSG_GSS;

@@ -33,6 +33,7 @@ void keep(ccm_channel_t* channel, bool with_buffer) {
     channel->sendq = {};
     channel->recvq = {};
     channel->nof_sendq = 0;
+    channel->sendq_bytes = 0;
     if (with_buffer) {
         channel->flag.fetch_and(~CH_FLAG_NO_READ);  // it was held for the fork
     } else {
@@ -99,6 +100,7 @@ void ccm_child_keep_channels(ccm_context_t* ccm, const int* keep_ids, int count,
     ccm->msgq_inuse = nullptr;
     ccm->nof_freemsg = 0;
     ccm->nof_kept = 0;
+    ccm->kept_bytes = 0;
     ccm->in_dispatch = false;
     ccm->flag.fetch_and(~CCM_FLAG_CHANNELS_TO_DELETE);
     ccm_channel_merge_newq(ccm);

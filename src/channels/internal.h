@@ -75,6 +75,9 @@ int descriptor_in_range(int fd);
 // Both ends of a pair: 0, or -1 with both closed and set to -1, errno EMFILE.
 int descriptors_in_range(int (&ends)[2]);
 
+// Number of a frame above a limit; inserts: its length, the partner, the limit.
+inline constexpr int frame_too_long = 1002210;
+
 // ---- network thread
 // ----------------------------------------------------------------------------------------------
 
@@ -104,6 +107,17 @@ enum ccm_room { CCM_ROOM_FREE, CCM_ROOM_GROUP_FULL, CCM_ROOM_REMOTE_FULL, CCM_RO
 ccm_room ccm_judge_caller(const ccm_caller_counts& now, bool own_host);
 void ccm_signal_on_listen(ccm_context_t* ccm, ccm_channel_t* channel);
 void descriptor_fifo_clear(ccm_descriptor_fifo* fifo);
+
+// What may wait for one partner, and for partners to come. A line on which more waits, since nobody reads at its
+// other end, is given up: what has flag 8 then waits for the next one, everything else asks again by itself or is
+// repeated. One message alone may be larger. Changed by tests only.
+extern int64_t ccm_queue_limit;
+// The counts of a channel's send queue, under its queue_lock. The seal changes a message's length in between.
+void sendq_joined(ccm_channel_t* channel, ccm_msg_t* msg);
+void sendq_left(ccm_channel_t* channel, const ccm_msg_t* msg);
+// Messages with flag 8 that a dying channel has not sent go back to those that wait, in front of them. Network
+// thread, or when none runs.
+void keep_unsent(ccm_context_t* ccm, ccm_channel_t* channel);
 
 enum ccm_classified : int {
     CCM_CLASS_QUEUE = 0,

@@ -20,6 +20,44 @@ size_t buffer_size(int size) {
     return static_cast<size_t>(ccm_msg_headroom) + static_cast<size_t>(size) + ccm_msg_tailroom;
 }
 
+bool is_plain(const ccm_msg_t* msg) {
+    return msg->msg_start >= msg->buffer1 && msg->msg_start < msg->buffer1 + buffer_size(msg->size);
+}
+
+// Behind the record: one buffer, or both.
+ccm_msg_t* new_message(ccm_context_t* ccm, int size, bool both, ccm_msg_t* msg, ccm_error_t* err) {
+    if (msg == nullptr && size >= 0 && size <= message_size_max) {
+        msg = static_cast<ccm_msg_t*>(calloc(1, sizeof(ccm_msg_t) + (both ? 2 : 1) * buffer_size(size)));
+    }
+    if (msg == nullptr) {
+        ccm_error_set(err, ENOMEM, 3301, "%s/%s(%d)", "CCMMSG", __FILE__, __LINE__);
+        return nullptr;
+    }
+    *msg = ccm_msg_t{};
+    memcpy(msg->eyec, "##CCM#MESSAGE###", sizeof msg->eyec);
+    msg->size = size;
+    msg->passfd = -1;
+    msg->fitted = !both;
+    msg->buffer1 = reinterpret_cast<unsigned char*>(msg) + sizeof(ccm_msg_t);
+    msg->buffer2 = both ? msg->buffer1 + buffer_size(size) : nullptr;
+    msg->msg_start = msg->buffer1 + ccm_msg_headroom;
+    spin_guard guard(&ccm->queue_lock);
+    msg->ID = ccm->unique_msg_ID++;
+    inuse_link(ccm, msg);
+    return msg;
+}
+
+// Bodies carry passwords and file contents; neither shall stand in a later message's buffer.
+void wipe_plain(ccm_msg_t* msg) {
+    if (msg->type == CCM_MSG_NAT && msg->len > 0 && is_plain(msg)) {
+        qx_wipe(msg->msg_start, static_cast<size_t>(msg->len));
+    }
+    if (msg->plain_start != nullptr) {
+        qx_wipe(msg->plain_start, static_cast<size_t>(msg->plain_len));
+        msg->plain_start = nullptr;
+    }
+}
+
 ccm_msg_t* take_from_pool(ccm_context_t* ccm) {
     spin_guard guard(&ccm->queue_lock);
     ccm_msg_t* msg = queue_take(&ccm->msg_freeq);
@@ -33,7 +71,7 @@ ccm_msg_t* take_from_pool(ccm_context_t* ccm) {
 bool give_to_pool(ccm_context_t* ccm, ccm_msg_t* msg) {
     spin_guard guard(&ccm->queue_lock);
     inuse_unlink(ccm, msg);
-    if (msg->size != ccm_msg_standard_size || ccm->nof_freemsg >= ccm_msg_pool_size) {
+    if (msg->fitted || msg->size != ccm_msg_standard_size || ccm->nof_freemsg >= ccm_msg_pool_size) {
         return false;
     }
     msg->nxt = ccm->msg_freeq.first;
@@ -134,30 +172,55 @@ ccm_msg_t* ccm_msg_alloc(ccm_context_t* ccm, ccm_error_t* err) {
 
 ccm_msg_t* ccm_msg_alloc_huge(ccm_context_t* ccm, int size, ccm_error_t* err) {
     ccm_assert_no_spin_lock();
-    ccm_msg_t* msg = nullptr;
-    if (size >= 0 && size <= message_size_max) {
-        if (size == ccm_msg_standard_size) {
-            msg = take_from_pool(ccm);
-        }
-        if (msg == nullptr) {
-            msg = static_cast<ccm_msg_t*>(calloc(1, sizeof(ccm_msg_t) + 2 * buffer_size(size)));
-        }
+    ccm_msg_t* pooled = size == ccm_msg_standard_size ? take_from_pool(ccm) : nullptr;
+    return new_message(ccm, size, true, pooled, err);
+}
+
+ccm_msg_t* ccm_msg_fit(ccm_context_t* ccm, ccm_msg_t* msg) {
+    if (msg->fitted || msg->size < ccm_msg_standard_size || msg->len < 0 || msg->len > ccm_msg_fit_below ||
+        !is_plain(msg)) {
+        return msg;
     }
-    if (msg == nullptr) {
-        ccm_error_set(err, ENOMEM, 3301, "%s/%s(%d)", "CCMMSG", __FILE__, __LINE__);
-        return nullptr;
+    ccm_msg_t* fit = new_message(ccm, msg->len, false, nullptr, nullptr);
+    if (fit == nullptr) {
+        return msg;
     }
-    *msg = ccm_msg_t{};
-    memcpy(msg->eyec, "##CCM#MESSAGE###", sizeof msg->eyec);
-    msg->size = size;
-    msg->passfd = -1;
-    msg->buffer1 = reinterpret_cast<unsigned char*>(msg) + sizeof(ccm_msg_t);
-    msg->buffer2 = msg->buffer1 + buffer_size(size);
-    msg->msg_start = msg->buffer1 + ccm_msg_headroom;
-    spin_guard guard(&ccm->queue_lock);
-    msg->ID = ccm->unique_msg_ID++;
-    inuse_link(ccm, msg);
-    return msg;
+    fit->addr = msg->addr;
+    fit->type = msg->type;
+    fit->protocol_key = msg->protocol_key;
+    fit->flag = msg->flag;
+    fit->origin = msg->origin;
+    fit->len = msg->len;
+    fit->passfd = std::exchange(msg->passfd, -1);
+    fit->agentID = msg->agentID;
+    fit->pATctx = msg->pATctx;
+    fit->pDelegCred = msg->pDelegCred;
+    fit->backlog = std::exchange(msg->backlog, nullptr);
+    memcpy(fit->msg_start, msg->msg_start, static_cast<size_t>(msg->len));
+    ccm_msg_free(ccm, msg);
+    return fit;
+}
+
+int ccm_msg_second_buffer(ccm_msg_t* msg) {
+    if (msg->buffer2 == nullptr) {
+        msg->buffer2 = static_cast<unsigned char*>(malloc(buffer_size(msg->size)));
+    }
+    return msg->buffer2 == nullptr ? -1 : 0;
+}
+
+void ccm_msg_pool_trim(ccm_context_t* ccm, int keep) {
+    for (;;) {
+        ccm_msg_t* msg;
+        {
+            spin_guard guard(&ccm->queue_lock);
+            if (ccm->nof_freemsg <= keep) {
+                return;
+            }
+            msg = queue_take(&ccm->msg_freeq);
+            --ccm->nof_freemsg;
+        }
+        free(msg);
+    }
 }
 
 ccm_msg_t* ccm_msg_alloc_cleared(ccm_context_t* ccm, int size, ccm_error_t* err) {
@@ -180,11 +243,11 @@ int ccm_msg_free(ccm_context_t* ccm, ccm_msg_t* msg) {
         close(msg->passfd);
         msg->passfd = -1;
     }
-    if (msg->type == CCM_MSG_NAT && msg->len > 0 && msg->msg_start < msg->buffer2) {
-        // Bodies carry passwords and file contents; neither shall stand in a later message's buffer.
-        qx_wipe(msg->msg_start, static_cast<size_t>(msg->len));
-    }
+    wipe_plain(msg);
     if (!give_to_pool(ccm, msg)) {
+        if (msg->fitted) {
+            free(msg->buffer2);
+        }
         free(msg);
     }
     return 0;
@@ -230,6 +293,7 @@ void ccm_channel_emptying_msg_queue(ccm_context_t* ccm, ccm_channel_t* channel) 
     queue_free_all(ccm, &channel->recvq, &channel->queue_lock);
     spin_guard guard(&channel->queue_lock);
     channel->nof_sendq = 0;
+    channel->sendq_bytes = 0;
 }
 
 void ccm_msg_emptying_queues(ccm_context_t* ccm) {
@@ -237,6 +301,7 @@ void ccm_msg_emptying_queues(ccm_context_t* ccm) {
         queue_free_all(ccm, queue, &ccm->queue_lock);
     }
     ccm->nof_kept = 0;
+    ccm->kept_bytes = 0;
     ccm->in_dispatch = false;
     while (ccm->msgq_inuse != nullptr) {
         ccm_msg_free(ccm, ccm->msgq_inuse);

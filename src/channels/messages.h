@@ -38,6 +38,7 @@ inline constexpr int ccm_msg_headroom = 256;  // in front of a body, for prefixe
 inline constexpr int ccm_msg_tailroom = 512;  // behind `size` bytes, for source items and the seal
 inline constexpr int ccm_msg_pool_size = 64;
 inline constexpr int ccm_msg_kept_max = 1000;
+inline constexpr int ccm_msg_fit_below = 8192;  // bytes up to which a queued message is fitted
 inline constexpr int ccm_frame_max = 99999999;    // what eight digits can tell
 inline constexpr int ccm_frame_open_max = 65536;  // on a TCP channel before sealing
 inline constexpr int ccm_frame_gss_max = 4096;
@@ -58,6 +59,7 @@ struct ccm_msg_t {
     int size;    // payload capacity behind the headroom of each buffer
     int len;     // bytes from msg_start on
     int pos;     // bytes of it already written to the socket
+    int queued;  // bytes that its channel's queue counts for it
     int passfd;  // descriptor that the message owns, -1 without one
     int agentID;
     gss_ctx_id_t pATctx;       // of the channel that it is queued on, not owned
@@ -67,7 +69,10 @@ struct ccm_msg_t {
     alignas(16) unsigned char control_data[ccm_control_size];
     unsigned char* msg_start;
     unsigned char* buffer1;  // ccm_msg_headroom + size + ccm_msg_tailroom bytes
-    unsigned char* buffer2;  // likewise; target of sealing
+    unsigned char* buffer2;  // likewise; target of sealing. Null while a fitted message needs none
+    bool fitted;             // made for what it holds, with buffer2 on its own
+    unsigned char* plain_start;  // of a message with flag KEEP, once it is sealed: the frame before the seal
+    int plain_len;
 };
 
 // Body of a message as bytes and as text.
@@ -84,6 +89,13 @@ ccm_msg_t* ccm_msg_alloc(ccm_context_t* ccm, ccm_error_t* err);
 ccm_msg_t* ccm_msg_alloc_huge(ccm_context_t* ccm, int size, ccm_error_t* err);
 // The smallest fitting of the two above, with the first `size` body bytes zero and `len` set to it.
 ccm_msg_t* ccm_msg_alloc_cleared(ccm_context_t* ccm, int size, ccm_error_t* err);
+// Whoever waits in a queue shall take no more memory than what it carries: a short message in a large buffer is
+// moved to a fitted one and freed. The result is the message to go on with.
+ccm_msg_t* ccm_msg_fit(ccm_context_t* ccm, ccm_msg_t* msg);
+// Gives a fitted message its second buffer. 0, or -1 without memory.
+int ccm_msg_second_buffer(ccm_msg_t* msg);
+// Frees the pool but for `keep` messages, for a process that has become quiet.
+void ccm_msg_pool_trim(ccm_context_t* ccm, int keep);
 // Closes a descriptor that it owns. Null allowed. Any thread, no spin lock held.
 int ccm_msg_free(ccm_context_t* ccm, ccm_msg_t* msg);
 

@@ -109,6 +109,11 @@ ssize_t receive_bytes(ccm_context_t* ccm, ccm_channel_t* channel) {
     return got;
 }
 
+// Not sealed yet, and no pair of this agent's own.
+bool is_open_tcp(const ccm_channel_t* channel) {
+    return channel->type.load() != CH_TYPE_IPC && !channel_has(channel, CH_FLAG_SEALED);
+}
+
 // The header as far as it is here. 0, or -1 when the channel was ended.
 int check_header(ccm_context_t* ccm, ccm_channel_t* channel, unsigned char* at, int available) {
     int type = channel->type.load();
@@ -128,6 +133,13 @@ int check_header(ccm_context_t* ccm, ccm_channel_t* channel, unsigned char* at, 
     if (trc_on(TRC_TCPIP)) {
         trcdump_limited("frame with a bad header", at, available, 64);
     }
+    if (number == frame_too_long) {
+        const auto* framing = static_cast<const TCPMSG_WORK_AREA*>(ccm->pcx->pcx_hTcpMsg);
+        channel_fail(ccm, channel, number, "%s%s(ID=%d)|%d|", reason, channel->addr, channel->ID,
+                     is_open_tcp(channel) ? std::min(ccm_frame_open_max, framing->iMaxPhysMsgSize)
+                                          : framing->iMaxPhysMsgSize);
+        return -1;
+    }
     channel_fail(ccm, channel, number, "%s%s(ID=%d)|", reason, channel->addr, channel->ID);
     return -1;
 }
@@ -137,9 +149,10 @@ int frame_length(ccm_context_t* ccm, ccm_channel_t* channel, const unsigned char
     char digits[9] = "";
     memcpy(digits, at, 8);
     long length = strtol(digits, nullptr, 10);
-    bool open_tcp = channel->type.load() != CH_TYPE_IPC && !channel_has(channel, CH_FLAG_SEALED);
-    if (length <= static_cast<long>(frame_header_size) || (open_tcp && length > ccm_frame_open_max)) {
-        channel_fail(ccm, channel, 1002210, "%ld|%s(ID=%d)|", length, channel->addr, channel->ID);
+    if (length <= static_cast<long>(frame_header_size) ||
+        (is_open_tcp(channel) && length > ccm_frame_open_max)) {
+        channel_fail(ccm, channel, frame_too_long, "%ld|%s(ID=%d)|%d|", length, channel->addr, channel->ID,
+                     ccm_frame_open_max);
         return -1;
     }
     return static_cast<int>(length);

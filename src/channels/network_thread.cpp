@@ -5,7 +5,9 @@
 #include <sys/select.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <ctime>
 #include <string>
@@ -31,6 +33,8 @@ struct descriptor_set {
 static_assert(sizeof(descriptor_set) == 8192);
 
 constexpr int failure_pause_ms = 1000;
+// Whoever queues a message, makes a channel or marks one wakes the thread: the limit is a safety net only.
+constexpr int longest_wait_seconds = 300;
 
 // Network thread only (in tests: the one thread that runs cycles).
 descriptor_set read_set;
@@ -83,7 +87,7 @@ void* ccm_thread_run(void* argument) {
     __log(2000134, "%s|", thread_name(ccm->pcx));
     while (ccm->loop.load() != 0) {
         ccm_error_t error;
-        ccm_network_select(ccm, 10, &error);
+        ccm_network_select(ccm, longest_wait_seconds, &error);
         if ((ccm->flag.load() & CCM_FLAG_CHANNELS_TO_DELETE) != 0) {
             ccm_destroy_deleted_channels(ccm);
         }
@@ -216,6 +220,13 @@ void serve_channel(ccm_context_t* ccm, ccm_channel_t* channel, int s, bool reada
     }
 }
 
+// What has waited for the server must not overtake the logon, nor come before the server's answer to it.
+bool waits_for_logon(const ccm_context_t* ccm, const ccm_channel_t* channel, const ccm_msg_t* msg) {
+    return ccm->pcx->running_mode == MODE_AGENT && msg->type == CCM_MSG_NAT &&
+           (msg->flag & CCM_MSG_FLAG_KEEP) != 0 && channel->type.load() == CH_TYPE_SERVER &&
+           (ccm->pcx->pcx_flag.load() & PCX_FLAG_LOGGED_IN) == 0;
+}
+
 // Destination of a queued message. With a channel channel_lock is held.
 ccm_channel_t* find_destination(ccm_context_t* ccm, ccm_msg_t* msg) {
     if (msg->addr.dst_ID != 0) {
@@ -230,13 +241,41 @@ ccm_channel_t* find_destination(ccm_context_t* ccm, ccm_msg_t* msg) {
         ccm_channel_unlock(ccm);  // chosen, but not the server yet
         return nullptr;
     }
+    if (channel != nullptr && waits_for_logon(ccm, channel, msg)) {
+        ccm_channel_unlock(ccm);
+        return nullptr;
+    }
     return channel;
+}
+
+// Under channel_lock and the channel's queue_lock.
+bool takes_no_more(const ccm_channel_t* channel, const ccm_msg_t* msg) {
+    return channel->sendq.first != nullptr && channel->sendq_bytes + msg->len > ccm_queue_limit;
+}
+
+void give_up_full_channel(ccm_context_t* ccm, ccm_channel_t* channel) {
+    char reason[256];
+    snprintf(reason, sizeof reason,
+             "%.63s(ID=%d) takes nothing: %lld bytes in %d messages wait for it, the connection is closed",
+             channel->addr, channel->ID, static_cast<long long>(channel->sendq_bytes), channel->nof_sendq);
+    channel_note_reason(channel, -1, reason);
+    ccm_channel_delete(ccm, channel);
 }
 
 // True when the message has found its channel.
 bool dispatch_one(ccm_context_t* ccm, ccm_msg_t* msg) {
     ccm_channel_t* channel = find_destination(ccm, msg);
     if (channel == nullptr) {
+        return false;
+    }
+    bool full;
+    {
+        spin_guard guard(&channel->queue_lock);
+        full = takes_no_more(channel, msg);
+    }
+    if (full) {
+        give_up_full_channel(ccm, channel);
+        ccm_channel_unlock(ccm);
         return false;
     }
     msg->pATctx = channel->pATctx;
@@ -246,25 +285,88 @@ bool dispatch_one(ccm_context_t* ccm, ccm_msg_t* msg) {
     {
         spin_guard guard(&channel->queue_lock);
         queue_append(&channel->sendq, msg);
-        ++channel->nof_sendq;
+        sendq_joined(channel, msg);
     }
     ccm_channel_unlock(ccm);
     return true;
 }
 
-void keep_or_free(ccm_context_t* ccm, ccm_msg_t* msg, ccm_msg_queue* kept, int* nof_kept) {
+// Messages that wait for their channel: the oldest go when there are too many.
+struct kept_messages {
+    ccm_msg_queue queue{};
+    int count = 0;
+    int64_t bytes = 0;
+};
+
+void keep_or_free(ccm_context_t* ccm, ccm_msg_t* msg, kept_messages* kept) {
     if ((msg->flag & CCM_MSG_FLAG_KEEP) == 0) {
         ccm_msg_free(ccm, msg);
         return;
     }
-    queue_append(kept, msg);
-    if (++*nof_kept > ccm_msg_kept_max) {
-        ccm_msg_free(ccm, queue_take(kept));
-        --*nof_kept;
+    queue_append(&kept->queue, msg);
+    ++kept->count;
+    kept->bytes += msg->len;
+    while (kept->count > 1 && (kept->count > ccm_msg_kept_max || kept->bytes > ccm_queue_limit)) {
+        ccm_msg_t* oldest = queue_take(&kept->queue);
+        --kept->count;
+        kept->bytes -= oldest->len;
+        __log(-1, "more than %d messages or %lld bytes wait for a partner: the oldest is given up", ccm_msg_kept_max,
+              static_cast<long long>(ccm_queue_limit));
+        ccm_msg_free(ccm, oldest);
     }
 }
 
 }  // namespace
+
+int64_t ccm_queue_limit = 128LL << 20;
+
+void sendq_joined(ccm_channel_t* channel, ccm_msg_t* msg) {
+    msg->queued = msg->len;
+    ++channel->nof_sendq;
+    channel->sendq_bytes += msg->queued;
+}
+
+void sendq_left(ccm_channel_t* channel, const ccm_msg_t* msg) {
+    --channel->nof_sendq;
+    channel->sendq_bytes -= msg->queued;
+}
+
+void keep_unsent(ccm_context_t* ccm, ccm_channel_t* channel) {
+    ccm_msg_queue unsent{};
+    {
+        spin_guard guard(&channel->queue_lock);
+        std::swap(unsent, channel->sendq);
+        channel->nof_sendq = 0;
+        channel->sendq_bytes = 0;
+    }
+    kept_messages kept;
+    while (ccm_msg_t* msg = queue_take(&unsent)) {
+        // One for this channel alone has nowhere else to go.
+        if ((msg->flag & CCM_MSG_FLAG_KEEP) == 0 || msg->addr.dst_ID != 0) {
+            ccm_msg_free(ccm, msg);
+            continue;
+        }
+        if (msg->plain_start != nullptr) {
+            msg->msg_start = msg->plain_start;
+            msg->len = msg->plain_len;
+            msg->plain_start = nullptr;
+        }
+        msg->pos = 0;
+        msg->pATctx = nullptr;
+        keep_or_free(ccm, msg, &kept);
+    }
+    if (kept.count == 0) {
+        return;
+    }
+    spin_guard guard(&ccm->queue_lock);
+    kept.queue.last->nxt = ccm->msgq_kept.first;
+    if (ccm->msgq_kept.first == nullptr) {
+        ccm->msgq_kept.last = kept.queue.last;
+    }
+    ccm->msgq_kept.first = kept.queue.first;
+    ccm->nof_kept += kept.count;
+    ccm->kept_bytes += kept.bytes;
+}
 
 int ccm_thread_start(ccm_context_t* ccm, ccm_error_t* err) {
     if ((ccm->network_wakeup[0] < 0 && make_pipe(ccm->network_wakeup) != 0) ||
@@ -298,6 +400,21 @@ void ccm_thread_end(ccm_context_t* ccm) {
     }
 }
 
+bool ccm_thread_end_within(ccm_context_t* ccm, int seconds) {
+    if (ccm == nullptr || ccm->thread_started.load() == 0) {
+        return true;
+    }
+    ccm_thread_stop(ccm);
+    timespec limit{};
+    clock_gettime(CLOCK_REALTIME, &limit);  // the only clock that this join knows
+    limit.tv_sec += seconds;
+    if (pthread_timedjoin_np(ccm->thread, nullptr, &limit) != 0) {
+        return false;
+    }
+    ccm->thread_started.store(0);
+    return true;
+}
+
 int ccm_wakeup_network(ccm_context_t* ccm) {
     return wake(ccm->network_wakeup[1], &ccm->network_awake, 'N');
 }
@@ -306,9 +423,11 @@ int ccm_wakeup_processor(ccm_context_t* ccm) {
     return wake(ccm->processor_wakeup[1], &ccm->processor_awake, 'P');
 }
 
-int ccm_wait_processor(ccm_context_t* ccm, int seconds, ccm_error_t* err) {
+namespace {
+
+int wait_processor_ms(ccm_context_t* ccm, int milliseconds, ccm_error_t* err) {
     pollfd wait{ccm->processor_wakeup[0], POLLIN, 0};
-    int ready = poll(&wait, 1, seconds * 1000);
+    int ready = poll(&wait, 1, milliseconds);
     int number = errno;
     if (ready > 0 && (wait.revents & POLLNVAL) != 0) {
         ready = -1;
@@ -325,24 +444,39 @@ int ccm_wait_processor(ccm_context_t* ccm, int seconds, ccm_error_t* err) {
     return 0;
 }
 
-namespace {
-
 ccm_msg_t* take_received(ccm_context_t* ccm) {
     spin_guard guard(&ccm->queue_lock);
     return queue_take(&ccm->recvq);
 }
 
-}  // namespace
-
-int ccm_receive_message(ccm_context_t* ccm, int timeout_seconds, ccm_msg_t** out, ccm_error_t* err) {
+int receive_within(ccm_context_t* ccm, int milliseconds, ccm_msg_t** out, ccm_error_t* err) {
     *out = take_received(ccm);
     if (*out == nullptr) {
-        if (ccm_wait_processor(ccm, timeout_seconds, err) != 0) {
+        if (wait_processor_ms(ccm, milliseconds, err) != 0) {
             return -1;
         }
         *out = take_received(ccm);
     }
     return *out == nullptr ? 0 : 1;
+}
+
+}  // namespace
+
+int ccm_wait_processor(ccm_context_t* ccm, int seconds, ccm_error_t* err) {
+    return wait_processor_ms(ccm, seconds * 1000, err);
+}
+
+int ccm_receive_message(ccm_context_t* ccm, int timeout_seconds, ccm_msg_t** out, ccm_error_t* err) {
+    return receive_within(ccm, timeout_seconds * 1000, out, err);
+}
+
+int ccm_receive_message_until(ccm_context_t* ccm, time_t due, ccm_msg_t** out, ccm_error_t* err) {
+    // Whatever is due already was seen to in the pass before this wait; what that left alone must not make the
+    // loop spin.
+    constexpr int64_t shortest = 20;
+    constexpr int64_t longest = INT_MAX;
+    const int64_t left = static_cast<int64_t>(due) * 1000 - alarm_now_ms();
+    return receive_within(ccm, static_cast<int>(std::clamp(left, shortest, longest)), out, err);
 }
 
 bool ccm_recvq_empty(ccm_context_t* ccm) {
@@ -393,21 +527,20 @@ void ccm_channel_merge_newq(ccm_context_t* ccm) {
 
 // Messages that wait for their channel come first, in their order; then what was sent since the last cycle.
 void ccm_dispatch_send_messages(ccm_context_t* ccm) {
-    ccm_msg_queue kept{};
-    int nof_kept = 0;
+    ccm_msg_queue waiting{};
     {
         spin_guard guard(&ccm->queue_lock);
         if (ccm->sendq.first == nullptr && ccm->msgq_kept.first == nullptr) {
             return;
         }
         std::swap(ccm->msgq_2dispatch, ccm->sendq);
-        std::swap(kept, ccm->msgq_kept);
+        std::swap(waiting, ccm->msgq_kept);
         ccm->in_dispatch = true;
     }
-    ccm_msg_queue still_kept{};
-    while (ccm_msg_t* msg = queue_take(&kept)) {
+    kept_messages kept;
+    while (ccm_msg_t* msg = queue_take(&waiting)) {
         if (!dispatch_one(ccm, msg)) {
-            keep_or_free(ccm, msg, &still_kept, &nof_kept);
+            keep_or_free(ccm, msg, &kept);
         }
     }
     for (;;) {
@@ -420,12 +553,13 @@ void ccm_dispatch_send_messages(ccm_context_t* ccm) {
             break;
         }
         if (!dispatch_one(ccm, msg)) {
-            keep_or_free(ccm, msg, &still_kept, &nof_kept);
+            keep_or_free(ccm, msg, &kept);
         }
     }
     spin_guard guard(&ccm->queue_lock);
-    ccm->msgq_kept = still_kept;
-    ccm->nof_kept = nof_kept;
+    ccm->msgq_kept = kept.queue;
+    ccm->nof_kept = kept.count;
+    ccm->kept_bytes = kept.bytes;
     ccm->in_dispatch = false;
 }
 

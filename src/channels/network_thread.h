@@ -12,6 +12,8 @@ int ccm_thread_start(ccm_context_t* ccm, ccm_error_t* err);
 int ccm_thread_stop(ccm_context_t* ccm);
 // Stops and joins, when it runs.
 void ccm_thread_end(ccm_context_t* ccm);
+// The same, but waits `seconds` at most: false when it still runs then, and what it uses must not be freed.
+bool ccm_thread_end_within(ccm_context_t* ccm, int seconds);
 
 // Async-signal safe, keep errno, never block. A full pipe is a success.
 int ccm_wakeup_network(ccm_context_t* ccm);
@@ -20,6 +22,8 @@ int ccm_wakeup_processor(ccm_context_t* ccm);
 // Head of the receive queue, after waiting at most `timeout_seconds` for one. 1 with a message, 0 without, -1
 // on an error of the wait. Main thread.
 int ccm_receive_message(ccm_context_t* ccm, int timeout_seconds, ccm_msg_t** out, ccm_error_t* err);
+// The same, waiting at most until the alarm clock shows `due`.
+int ccm_receive_message_until(ccm_context_t* ccm, time_t due, ccm_msg_t** out, ccm_error_t* err);
 // Waits for the processor's wake-up pipe and empties it. 0, or -1 with 2000102. A signal ends the wait.
 int ccm_wait_processor(ccm_context_t* ccm, int seconds, ccm_error_t* err);
 // Whether the receive queue is empty.

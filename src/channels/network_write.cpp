@@ -278,7 +278,7 @@ int ccm_write_channel(ccm_context_t* ccm, ccm_channel_t* channel) {
             {
                 spin_guard guard(&channel->queue_lock);
                 queue_take(&channel->sendq);
-                --channel->nof_sendq;
+                sendq_left(channel, msg);
             }
             ccm_msg_free(ccm, msg);
         }

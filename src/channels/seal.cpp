@@ -1,5 +1,6 @@
 // The seal on the frames of a channel. Network thread.
 
+#include <cerrno>
 #include <cstring>
 
 #include "channels/handshake.h"
@@ -22,6 +23,9 @@ size_t data_offset(const unsigned char* sealed, size_t length) {
 }  // namespace
 
 int ccm_chiffre_gss(ccm_msg_t* msg, ccm_error_t* error) {
+    if (ccm_msg_second_buffer(msg) != 0) {
+        return ccm_error_set(error, ENOMEM, 3301, "%s/%s(%d)", "CCMMSG", __FILE__, __LINE__);
+    }
     const unsigned char* body = msg->msg_start + frame_header_size;
     size_t length = static_cast<size_t>(msg->len) - frame_header_size;
     size_t room = static_cast<size_t>(ccm_msg_headroom) + static_cast<size_t>(msg->size) + ccm_msg_tailroom -
@@ -37,7 +41,12 @@ int ccm_chiffre_gss(ccm_msg_t* msg, ccm_error_t* error) {
         return ccm_error_set(error, 0, 2000143, "gss_wrap()/ret=%.8X(rsn=%d)", major,
                              static_cast<int>(minor));
     }
-    qx_wipe(msg->msg_start, static_cast<size_t>(msg->len));  // the plain form has served
+    if ((msg->flag & CCM_MSG_FLAG_KEEP) != 0) {
+        msg->plain_start = msg->msg_start;  // for another connection, should this one end before it is sent
+        msg->plain_len = msg->len;
+    } else {
+        qx_wipe(msg->msg_start, static_cast<size_t>(msg->len));  // the plain form has served
+    }
     msg->msg_start = msg->buffer2;
     msg->len = static_cast<int>(frame_header_size + written);
     if (ccm_msg_set_protocol_header(msg, protocol_native) != 0) {

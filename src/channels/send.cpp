@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "channels/internal.h"
 #include "channels/ipc.h"
@@ -22,6 +23,11 @@ bool is_server_address(std::string_view address) {
 int refuse(ccm_context_t* ccm, ccm_msg_t* msg) {
     ccm_msg_free(ccm, msg);
     return -1;
+}
+
+void log_too_long(const ccm_msg_t* msg) {
+    const std::string partner(field_text(msg->addr.dst_addr));
+    __log(frame_too_long, "%d|%s(ID=%d)|%d|", msg->len, partner.c_str(), msg->addr.dst_ID, ccm_frame_max);
 }
 
 // A caller's mistake about lengths must not become a write behind the buffer.
@@ -99,7 +105,7 @@ int put_header(ccm_msg_t* msg, const char* kind) {
 int queue_framed(ccm_context_t* ccm, ccm_msg_t* msg, const char* kind, int type) {
     msg->type = type;
     if (put_header(msg, kind) != 0) {
-        __log(1002210, "%d|", msg->len);
+        log_too_long(msg);
         return refuse(ccm, msg);
     }
     return ccm_send_message_common(ccm, msg, kind);
@@ -127,6 +133,7 @@ int ccm_send_message_common(ccm_context_t* ccm, ccm_msg_t* msg, const char* labe
         _TraceText("send %s: message %lu, %d bytes to ID=%d '%.64s'", label, msg->ID, msg->len,
                    msg->addr.dst_ID, msg->addr.dst_addr);
     }
+    msg = ccm_msg_fit(ccm, msg);
     {
         spin_guard guard(&ccm->queue_lock);
         inuse_unlink(ccm, msg);
@@ -155,7 +162,7 @@ int send_GSS_message(ccm_context_t* ccm, ccm_msg_t* msg, const char* coding) {
 
 int send_NAT_message(ccm_context_t* ccm, ccm_msg_t* msg) {
     if (!body_fits(msg)) {
-        __log(1002210, "%d|", msg->len);
+        log_too_long(msg);
         return refuse(ccm, msg);
     }
     msg->type = CCM_MSG_NAT;  // also for the wiping of a message that goes no further
@@ -184,6 +191,7 @@ int send_IPC_internal(ccm_context_t* ccm, ccm_msg_t* msg) {
     msg->type = CCM_MSG_IPC;
     msg->origin = CCM_FROM_SELF;
     msg->addr.src_ID = 0;
+    msg = ccm_msg_fit(ccm, msg);
     {
         spin_guard guard(&ccm->queue_lock);
         inuse_unlink(ccm, msg);

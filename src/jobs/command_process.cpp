@@ -108,24 +108,7 @@ void send_result(EX_PCX* pcx, const Cmd_Area& entry, const std::string& output) 
     result.rep_dist = static_cast<int32_t>(sizeof result);
     result.rep_len = static_cast<int32_t>(output.size());
     memcpy(body.data(), &result, sizeof result);
-    job_send_kept(pcx, entry.cmda_ccmaddr, with_output(std::move(body), output));
-}
-
-void send_failure(EX_PCX* pcx, const Cmd_Area& entry, int number, const std::string& insert,
-                  const std::string& output) {
-    std::vector<unsigned char> body = job_new_body(sizeof(MSG_TYPE_QUITT), "QUITT", 1, entry.cmda_headm);
-    MSG_TYPE_QUITT quitt;
-    memcpy(&quitt, body.data(), sizeof quitt);
-    put_text(quitt.quitt, "NK");
-    put_text(quitt.msg, "EXREQCMD");
-    quitt.msgnr = number;
-    put_text(quitt.msg_insert, insert);
-    if (!output.empty()) {
-        quitt.msg_dist = static_cast<int32_t>(sizeof quitt);
-        quitt.msg_len = static_cast<int32_t>(output.size());
-    }
-    memcpy(body.data(), &quitt, sizeof quitt);
-    job_send_kept(pcx, entry.cmda_ccmaddr, with_output(std::move(body), output));
+    job_send_kept_surely(pcx, entry.cmda_ccmaddr, with_output(std::move(body), output));
 }
 
 void answer(EX_PCX* pcx, const Cmd_Area& entry) {
@@ -137,7 +120,7 @@ void answer(EX_PCX* pcx, const Cmd_Area& entry) {
         const std::string insert = entry.cmda_jobreport + "|" + std::to_string(entry.cmda_jobNr) + "|" +
                                    error_text(errno) + "|" + command;
         __log(number_unreadable, "%s", insert.c_str());
-        send_failure(pcx, entry, number_unreadable, insert, {});
+        command_send_failure(pcx, entry, number_unreadable, insert, {});
         return;
     }
     if (rows == entry.cmda_max_rows) {
@@ -151,7 +134,7 @@ void answer(EX_PCX* pcx, const Cmd_Area& entry) {
     const std::string insert =
         std::to_string(entry.cmda_jobNr) + "|" + std::to_string(entry.cmda_result) + "|" + command;
     __log(number_failed, "%s", insert.c_str());
-    send_failure(pcx, entry, number_failed, insert, output);
+    command_send_failure(pcx, entry, number_failed, insert, output);
 }
 
 // Its child processes are nobody's to end, but whoever looks for what fills the disk shall find it in the
@@ -186,6 +169,24 @@ bool append_piece(std::string_view piece, int max_rows, int64_t limit, std::stri
 }
 
 }  // namespace
+
+void command_send_failure(EX_PCX* pcx, const Cmd_Area& entry, int number, const std::string& insert,
+                  const std::string& output) {
+    std::vector<unsigned char> body = job_new_body(sizeof(MSG_TYPE_QUITT), "QUITT", 1, entry.cmda_headm);
+    MSG_TYPE_QUITT quitt;
+    memcpy(&quitt, body.data(), sizeof quitt);
+    put_text(quitt.quitt, "NK");
+    put_text(quitt.filler, "");
+    put_text(quitt.msg, "EXREQCMD");
+    quitt.msgnr = number;
+    put_text(quitt.msg_insert, insert);
+    if (!output.empty()) {
+        quitt.msg_dist = static_cast<int32_t>(sizeof quitt);
+        quitt.msg_len = static_cast<int32_t>(output.size());
+    }
+    memcpy(body.data(), &quitt, sizeof quitt);
+    job_send_kept_surely(pcx, entry.cmda_ccmaddr, with_output(std::move(body), output));
+}
 
 pid_t exCommandStart(EX_PCX* pcx, Cmd_Area* entry, const my_passwd_unlimited& passwd, qx7_error* error,
                      pam_handle_t* pamHandle) {

@@ -11,7 +11,6 @@
 #include "base/log.h"
 #include "base/text.h"
 #include "base/time.h"
-#include "channels/replies.h"
 #include "identity/accounts.h"
 #include "identity/pam.h"
 #include "identity/password_check.h"
@@ -41,7 +40,6 @@ constexpr int number_bad_password = 2001088;
 constexpr int number_time_limit = 2001091;
 constexpr int number_cancel_one = 2001092;
 
-constexpr char request_type[] = "EXREQCMD";
 constexpr char anonymous_allowed = 'Y';
 constexpr size_t insert_limit = 220;
 constexpr char insert_rest[] = ".......etc";
@@ -178,13 +176,13 @@ int check_password(request_run* run) {
 
 // ---- A started command ----
 
-// Without the signal nobody tells of an end: as long as there are commands, each turn of the loop looks.
+// Without the signal nobody tells of an end: as long as there are commands, each second is looked.
 bool must_look() {
     return job_context()->Fl_Sigchld == 0 && !the_commands.cmd_firstCMDA.empty();
 }
 
 void set_alarm(EX_PCX* pcx) {
-    pcx->Cmd_alarm_time = must_look() ? alarm_now() : the_commands.cmd_breakTime_t;
+    pcx->Cmd_alarm_time = must_look() ? alarm_now() + 1 : the_commands.cmd_breakTime_t;
 }
 
 void arm(EX_PCX* pcx, time_t limit) {
@@ -228,18 +226,12 @@ bool is_past_limit(const Cmd_Area& entry, time_t now) {
     return entry.cmda_status == command_running && entry.cmda_endTime_t <= now;
 }
 
-void answer_limit(EX_PCX* pcx, const Cmd_Area& entry, const qx7_error& error) {
-    send_quitt_extended(pcx, 0, entry.cmda_ccmaddr.src_name, "", entry.cmda_ccmaddr.src_acv, request_type,
-                        entry.cmda_client, static_cast<int>(entry.cmda_headm.i4UsrIdNr), error.qx_msgnr,
-                        error.qx_msgInsert, "NK", nullptr, 0);
-}
-
 int stop_at_limit(EX_PCX* pcx, Cmd_Area* entry, qx7_error* error) {
     __log(number_time_limit, "%i(pid %i)|%s", entry->cmda_jobNr, entry->cmda_forkPid,
           entry->cmda_jclInsert.c_str());
     const bool killed = cancelCommandEntry(entry, error) == 0;
     entry->cmda_status = killed ? command_killed : command_kill_failed;
-    answer_limit(pcx, *entry, *error);
+    command_send_failure(pcx, *entry, error->qx_msgnr, error->qx_msgInsert, {});
     return killed ? 1 : 0;
 }
 

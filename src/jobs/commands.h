@@ -97,6 +97,9 @@ pid_t exCommandStart(EX_PCX* pcx, Cmd_Area* entry, const my_passwd_unlimited& pa
                      pam_handle_t* pamHandle);
 // Answers the request of a command that has ended, unless it was answered already, and removes the entry.
 void cmd_sendExRes(EX_PCX* pcx, Cmd_Area* entry);
+// The answer "NK" with a number, which waits for the next logon when the line is down: nobody repeats it.
+void command_send_failure(EX_PCX* pcx, const Cmd_Area& entry, int number, const std::string& insert,
+                          const std::string& output);
 // Kills the shell, and nothing else. 0 with 2000177 in `error`, or -1 with 2000179.
 int cancelCommandEntry(Cmd_Area* entry, qx7_error* error);
 // Deletes the output file and the entry.

@@ -33,6 +33,16 @@ const char* kept_destination(const ccm_addr_t& kept) {
     return strncmp(kept.src_addr, "*CP", 3) == 0 ? kept.src_addr : ccm_name_server;
 }
 
+int send_to_kept(EX_PCX* pcx, const ccm_addr_t& kept, const std::vector<unsigned char>& body, int flag) {
+    ccm_msg_t* msg = message_with(pcx, body);
+    if (msg == nullptr) {
+        return -1;
+    }
+    msg->flag |= flag;
+    ccm_setaddr(msg, 0, 0, kept_destination(kept), kept.src_name, kept.src_acv);
+    return send_NAT_message(pcx->ccm, msg);
+}
+
 }  // namespace
 
 bool job_server_reachable(EX_PCX* pcx) {
@@ -50,12 +60,11 @@ int job_send_reply(EX_PCX* pcx, const ccm_msg_t* request, const std::vector<unsi
 }
 
 int job_send_kept(EX_PCX* pcx, const ccm_addr_t& kept, const std::vector<unsigned char>& body) {
-    ccm_msg_t* msg = message_with(pcx, body);
-    if (msg == nullptr) {
-        return -1;
-    }
-    ccm_setaddr(msg, 0, 0, kept_destination(kept), kept.src_name, kept.src_acv);
-    return send_NAT_message(pcx->ccm, msg);
+    return send_to_kept(pcx, kept, body, 0);
+}
+
+int job_send_kept_surely(EX_PCX* pcx, const ccm_addr_t& kept, const std::vector<unsigned char>& body) {
+    return send_to_kept(pcx, kept, body, CCM_MSG_FLAG_KEEP);
 }
 
 int job_send_server(EX_PCX* pcx, const ccm_addr_t* kept, const std::vector<unsigned char>& body) {

@@ -21,6 +21,8 @@ int job_send_reply(EX_PCX* pcx, const ccm_msg_t* request, const std::vector<unsi
 // `body` as the answer to a message that is gone. Its channel may be gone too, so the answer goes by name:
 // to the kept source when that begins "*CP", else to "*SERVER".
 int job_send_kept(EX_PCX* pcx, const ccm_addr_t& kept, const std::vector<unsigned char>& body);
+// The same, and when no server is there it goes behind the next logon: for what nobody asks for again.
+int job_send_kept_surely(EX_PCX* pcx, const ccm_addr_t& kept, const std::vector<unsigned char>& body);
 // `body` to "*SERVER", for the module that activated or asked; no handle.
 int job_send_server(EX_PCX* pcx, const ccm_addr_t* kept, const std::vector<unsigned char>& body);
 

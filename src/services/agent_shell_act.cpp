@@ -12,6 +12,7 @@
 #include "base/files.h"
 #include "base/log.h"
 #include "base/text.h"
+#include "base/time.h"
 #include "base/trace.h"
 #include "channels/ipc.h"
 #include "identity/accounts.h"
@@ -44,7 +45,7 @@ ccm_msg_t* flush_record(EX_PCX* pcx, const std::string& target) {
 std::string time_text(const char* format, time_t when) {
     struct tm parts;
     char text[64] = "";
-    if (localtime_r(&when, &parts) != nullptr) {
+    if (qx_localtime(when, &parts)) {
         strftime(text, sizeof text, format, &parts);
     }
     return text;

@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "base/text.h"
+#include "base/time.h"
 
 namespace {
 
@@ -193,7 +194,7 @@ std::string getDateField(time_t now) {
     static constexpr const char* months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                              "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
     tm local{};
-    localtime_r(&now, &local);
+    qx_localtime(now, &local);
     const long minutes = local.tm_gmtoff / 60;
     const long distance = minutes < 0 ? -minutes : minutes;
     char text[96];

@@ -67,8 +67,18 @@ TEST_F(shell, shows_its_jobs) {
     EXPECT_EQ(qxcp({"cancel", "1"}), 0);
 }
 
+TEST_F(shell, a_trace_that_is_written_stays_where_it_is) {
+    host.ini["TRACE"]["tcp/ip"] = "2";
+    start_agent("y");
+    EXPECT_EQ(qxcp({"shell", "SHELL", "TRACE_FLUSH", host.path("temp/flushed.txt")}), 0);
+    EXPECT_TRUE(wait_until(10000, [&] { return host.log_has("AGENT: the trace is not kept in memory"); })) << host.log();
+    EXPECT_NE(access(host.path("temp/flushed-AGENT.txt").c_str(), F_OK), 0);
+}
+
 TEST_F(shell, trace_goes_to_files_and_the_log_obeys) {
     host.ini["TRACE"]["tcp/ip"] = "2";
+    host.ini["TRACE"]["memory"] = "1";
+    host.ini["TRACE"]["MaxTraceSize"] = "1";
     start_agent("y");
     const std::string target = host.path("temp/flushed.txt");
     EXPECT_EQ(qxcp({"shell", "SHELL", "TRACE_FLUSH", target}), 0);

@@ -184,6 +184,39 @@ TEST_F(connection, silence_is_asked_twice_and_then_ends_the_connection) {
     EXPECT_NEAR(static_cast<double>(pcx->Srv_alarm_time), static_cast<double>(alarm_now() + 30), 1);
 }
 
+TEST_F(connection, a_logon_that_nobody_answers_ends_the_connection) {
+    const int id = add_server_channel();
+    ASSERT_EQ(server_connection_established(pcx, id), 0);
+    alarm_clock_advance(pcx->connwait - 1);
+    maintenance_server_connection(pcx);
+    EXPECT_EQ(ccm_channel_existbyID(pcx->ccm, id), 1);
+    // Whatever else the server says: without its answer no job comes from it.
+    ccm_channel_t* channel = ccm_channel_getbyID(pcx->ccm, id);
+    ASSERT_NE(channel, nullptr);
+    channel->timestamp_last_read = alarm_now();
+    ccm_channel_unlock(pcx->ccm);
+    alarm_clock_advance(2);
+    maintenance_server_connection(pcx);
+    EXPECT_EQ(ccm_channel_existbyID(pcx->ccm, id), 0);
+    server_connection_lost(pcx);
+
+    const int next = add_server_channel();
+    ASSERT_EQ(server_connection_established(pcx, next), 0);
+    take(bytes_of(good_answer()));
+    alarm_clock_advance(pcx->connwait + 1);
+    maintenance_server_connection(pcx);
+    EXPECT_EQ(ccm_channel_existbyID(pcx->ccm, next), 1) << "an answered logon has no limit";
+}
+
+TEST_F(connection, a_loss_ends_an_upgrade_that_runs_and_no_restart_that_waits) {
+    pcx->upgrade_exit_code = 248;
+    server_connection_lost(pcx);
+    EXPECT_EQ(pcx->upgrade_exit_code, 248);
+    pcx->upgrade_ah_idnr = 7;
+    server_connection_lost(pcx);
+    EXPECT_EQ(pcx->upgrade_exit_code, 0);
+}
+
 TEST_F(connection, a_lost_close_event_does_not_hang_the_agent) {
     maintenance_server_connection(pcx);
     EXPECT_EQ(pcx->pcx_flag & PCX_FLAG_SERVER_CHANNEL, 0);

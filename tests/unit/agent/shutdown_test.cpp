@@ -107,4 +107,25 @@ TEST_F(shutdown, gives_up_a_child_that_takes_nothing) {
     EXPECT_EQ(pcx->loop, LOOP_LEAVE);
 }
 
+ccm_context_t* left_channels = nullptr;
+
+void tell_about_thread() {
+    fprintf(stderr, "%s", left_channels->thread_started.load() == 0 ? "thread has ended" : "thread runs on");
+}
+
+using shutdown_death_test = shutdown;
+
+TEST_F(shutdown_death_test, the_last_resort_frees_nothing_that_the_network_thread_still_uses) {
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    EXPECT_EXIT(
+        {
+            start_thread();
+            left_channels = pcx->ccm;
+            channels.own.pcx.release();  // the call frees it
+            atexit(tell_about_thread);
+            ExitCall("ccm_wait_processor", "no reason", 5);
+        },
+        testing::ExitedWithCode(1), "thread has ended");
+}
+
 }  // namespace

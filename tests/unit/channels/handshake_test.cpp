@@ -1,7 +1,9 @@
 #include <cstring>
+#include <utility>
 
 #include "base/log.h"
 #include "base/time.h"
+#include "channels/internal.h"
 #include "fixture.h"
 #include "security/key_exchange.h"
 #include "security/key_store.h"
@@ -107,6 +109,65 @@ TEST_F(handshake_test, what_fits_exactly_is_sealed_beside_its_room) {
         bytes frame = far.frame();
         ASSERT_FALSE(frame.empty());
         EXPECT_GT(far.unsealed(frame).size(), static_cast<size_t>(size));
+    }
+}
+
+// The line of a server that does not read ends, and what was to be kept comes once, behind the next logon.
+TEST_F(handshake_test, what_is_kept_outlives_a_server_that_does_not_read) {
+    struct small_limit {
+        int64_t former = std::exchange(ccm_queue_limit, 1 << 20);
+        ~small_limit() { ccm_queue_limit = former; }
+    } limit;
+    const auto send_text = [&](const std::string& text, int flag) {
+        const bytes xml = text_bytes("<?xml " + text);
+        ccm_msg_t* out = ccm_msg_alloc_cleared(ccm, static_cast<int>(xml.size()), nullptr);
+        memcpy(out->msg_start, xml.data(), xml.size());
+        out->flag |= CCM_MSG_FLAG_RAW | flag;
+        ccm_setaddr(out, 0, 0, "*SERVER", "QXVAREXR", 0);
+        ASSERT_EQ(send_NAT_message(ccm, out), 0);
+    };
+    // Empty at the end of the connection.
+    const auto next_text = [&](partner* far) {
+        const bytes frame = far->frame();
+        frame_body parsed;
+        const bytes body = frame.empty() ? frame : far->unsealed(frame);
+        if (body.empty() || frame_parse_body(body.data(), body.size(), &parsed, nullptr) != 0) {
+            return std::string();
+        }
+        return std::string(body.begin() + static_cast<long>(parsed.offset) + 6,
+                           body.begin() + static_cast<long>(parsed.offset + parsed.length));
+    };
+    partner far = server();
+    const int first = id;
+    pcx.pcx_flag.fetch_or(PCX_FLAG_LOGGED_IN);
+    size_t kept = 0;
+    for (int i = 0; i < 50000 && ccm_channel_existbyID(ccm, first) != 0; ++i) {
+        send_text(std::string(20000, 'f'), 0);
+        if (i % 10 == 0) {
+            send_text("kept " + std::to_string(kept++), CCM_MSG_FLAG_KEEP);
+            ASSERT_EQ(ccm_network_sync(ccm, 5000), 0);
+        }
+    }
+    EXPECT_NE(std::string(close_event(first).msginsert).find("takes nothing"), std::string::npos);
+    pcx.pcx_flag.fetch_and(~PCX_FLAG_LOGGED_IN);
+    std::vector<std::string> got;
+    for (std::string text = next_text(&far); !text.empty(); text = next_text(&far)) {
+        if (text[0] == 'k') {
+            got.push_back(text);
+        }
+    }
+    EXPECT_LT(got.size(), kept) << "some had not left yet";
+    partner next = server();
+    send_text("logon", 0);
+    EXPECT_EQ(next_text(&next), "logon") << "nothing overtakes it";
+    pcx.pcx_flag.fetch_or(PCX_FLAG_LOGGED_IN);
+    ccm_wakeup_network(ccm);
+    while (got.size() < kept) {
+        got.push_back(next_text(&next));
+        ASSERT_FALSE(got.back().empty());
+    }
+    for (size_t i = 0; i < kept; ++i) {
+        EXPECT_EQ(got[i], "kept " + std::to_string(i));
     }
 }
 

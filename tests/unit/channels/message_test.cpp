@@ -1,3 +1,5 @@
+#include <malloc.h>
+
 #include <cstring>
 
 #include "base/locks.h"
@@ -57,6 +59,33 @@ TEST_F(ccm_test, a_message_holds_its_size_and_the_prefixes_and_the_seal_beside_i
         memset(msg->buffer1, 0xAA, 2 * capacity);  // a sanitizer judges the allocation
         free(msg);
     }
+    // One that waits in a queue, too, though it takes no more than it needs.
+    ccm_msg_t* msg = ccm_msg_fit(ccm, nat_message(quitt_body("short")));
+    ASSERT_EQ(msg->size, 304);
+    ASSERT_EQ(ccm_msg_second_buffer(msg), 0);
+    EXPECT_EQ(msg->msg_start, msg->buffer1 + 256);
+    EXPECT_EQ(bytes(msg->msg_start, msg->msg_start + msg->len), quitt_body("short"));
+    for (unsigned char* buffer : {msg->buffer1, msg->buffer2}) {
+        memset(buffer, 0xAA, 256 + 304 + 512);
+    }
+    free(msg);
+}
+
+// 64 KB for each of 10,000 ended jobs would be 690 MB.
+TEST_F(ccm_test, what_waits_in_a_queue_takes_the_room_of_what_it_carries) {
+    const size_t before = mallinfo2().uordblks + mallinfo2().hblkhd;
+    constexpr int count = 1000;
+    for (int i = 0; i < count; ++i) {
+        ccm_msg_t* msg = nat_message(quitt_body());
+        ccm_setaddr(msg, 0, 0, "PARTNER", "", 0);
+        ASSERT_EQ(send_NAT_message(ccm, msg), 0);
+        ASSERT_EQ(send_IPC_internal_name(ccm, ipc_jobchk), 0);
+    }
+    EXPECT_LT(mallinfo2().uordblks + mallinfo2().hblkhd - before, count * 4096U);
+    ccm_msg_emptying_queues(ccm);
+    ccm_msg_pool_trim(ccm, 2);
+    EXPECT_LE(ccm->nof_freemsg, 2);
+    EXPECT_LT(mallinfo2().uordblks + mallinfo2().hblkhd, before + 4 * 65536U) << "given back";
 }
 
 TEST_F(ccm_test, an_application_message_is_framed_as_the_protocol_says) {

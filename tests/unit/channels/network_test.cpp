@@ -132,6 +132,9 @@ TEST_F(ccm_test, bad_frames_end_the_connection) {
         ccm_channel_image_t image = close_event(id);
         if (test.number > 0) {
             EXPECT_EQ(image.msgnr, test.number) << image.msginsert;
+            const std::string limit = test.data == long_gss ? "|4096|" : "|65536|";
+            EXPECT_EQ(std::string(image.msginsert).ends_with(limit), test.number == 1002210)
+                << "a fixed limit is named: " << image.msginsert;
         } else {
             EXPECT_NE(image.msgnr, 0);
         }

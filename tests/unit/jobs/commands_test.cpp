@@ -286,6 +286,29 @@ TEST_F(command_test, the_time_limit_kills_and_answers_once) {
     EXPECT_EQ(kill(pid, 0), -1);
 }
 
+// Nobody repeats them, so they wait for the next logon when the line is down.
+TEST_F(command_test, answers_are_kept_for_a_server_that_comes_back) {
+    const auto waits = [&] {
+        const ccm_msg_t* msg = pcx->ccm->sendq.first;
+        return msg != nullptr && (msg->flag & CCM_MSG_FLAG_KEEP) != 0;
+    };
+    for (const char* command : {"echo out", "exit 3", "sleep 60"}) {
+        request(60, command);
+        pcx->pcx_flag.fetch_and(~PCX_FLAG_SERVER_CHANNEL);
+        if (std::string(command) == "sleep 60") {
+            alarm_clock_advance(101);
+            qx7_error error;
+            EXPECT_EQ(commandTimeoutEvent(pcx, &error), 1);
+        } else {
+            finish();
+        }
+        EXPECT_TRUE(waits()) << command;
+        sent();
+        pcx->pcx_flag.fetch_or(PCX_FLAG_SERVER_CHANNEL);
+    }
+    finish();
+}
+
 TEST_F(command_test, an_asker_with_handle_zero_is_answered_once_too) {
     asker_code = 0;
     request(54, "echo out");

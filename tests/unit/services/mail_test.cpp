@@ -3,9 +3,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <string>
 #include <thread>
 
+#include "base/locks.h"
 #include "messages/records_common.h"
 #include "messages/records_server.h"
 #include "own_context.h"
@@ -117,6 +119,23 @@ TEST(mail_header, encodes_and_folds) {
     EXPECT_EQ(addParameter("filename", "\xe4.txt", "iso-8859-1"), "\r\n filename*=iso-8859-1''%E4.txt");
     const std::string date = getDateField(0);
     EXPECT_TRUE(date.find("1970") != std::string::npos || date.find("1969") != std::string::npos) << date;
+}
+
+// A fork in this moment must find the time zone's lock held, or the child could wait for it for ever.
+TEST(mail_header, the_date_is_made_under_the_lock_of_the_time_zone) {
+    const own_context own;
+    std::atomic<bool> done = false;
+    global_fork_lock(own.pcx.get());
+    std::thread mail([&] {
+        getDateField(86400);
+        done = true;
+    });
+    for (int wait = 0; wait < 50 && !done; ++wait) {
+        usleep(1000);
+    }
+    EXPECT_FALSE(done);
+    global_fork_unlock(own.pcx.get());
+    mail.join();
 }
 
 TEST(mail_body, codes_as_the_standards_say) {
