@@ -1,8 +1,11 @@
 #include "base/base64.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstring>
+
+#include "base/base64_vector.h"
 
 namespace {
 
@@ -44,6 +47,23 @@ char* base64_encode_to(std::string_view data, char* to) {
         to[2] = left == 2 ? alphabet[(second & 15) << 2] : '=';
         to[3] = '=';
         to += 4;
+    }
+    return to;
+}
+
+char* base64_lines_to(std::string_view data, char* to) {
+    static const base64_line_encoder vector_lines = base64_vector_lines();
+    if (vector_lines != nullptr) {
+        const size_t whole = data.size() / base64_line_bytes;
+        vector_lines(reinterpret_cast<const unsigned char*>(data.data()), to, whole);
+        data.remove_prefix(whole * base64_line_bytes);
+        to += whole * (base64_line_text + 2);
+    }
+    while (!data.empty()) {
+        to = base64_encode_to(data.substr(0, base64_line_bytes), to);
+        memcpy(to, "\r\n", 2);
+        to += 2;
+        data.remove_prefix(std::min(data.size(), base64_line_bytes));
     }
     return to;
 }

@@ -12,6 +12,9 @@ constexpr size_t base64_size(size_t length) {
 
 // Writes the text of `data`, base64_size() characters without line ends, to `to`. The place behind it.
 char* base64_encode_to(std::string_view data, char* to);
+// Writes it in lines of 76 characters, each with CR LF behind it: one for each 57 bytes and one for the rest. The place
+// behind it.
+char* base64_lines_to(std::string_view data, char* to);
 // Appends the text of `data` to `out`, without line ends.
 void base64_encode(std::string_view data, std::string* out);
 

@@ -3,7 +3,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -85,6 +90,29 @@ struct plain_test {
     bool end() const { return !after_cr; }
 };
 
+// The first place of `wanted` at or behind `at`, npos without one. By its first and its last byte at once, 16 places
+// at a time: in most files both meet seldom, and a search that looks at one byte alone stops ten times as often.
+size_t find_from(std::string_view text, size_t at, std::string_view wanted) {
+#ifdef __SSE2__
+    constexpr size_t step = 16;
+    const __m128i first = _mm_set1_epi8(wanted.front());
+    const __m128i last = _mm_set1_epi8(wanted.back());
+    for (; at + step + wanted.size() <= text.size(); at += step) {
+        const auto* place = reinterpret_cast<const __m128i*>(text.data() + at);
+        const auto* place_of_last = reinterpret_cast<const __m128i*>(text.data() + at + wanted.size() - 1);
+        const __m128i both = _mm_and_si128(_mm_cmpeq_epi8(_mm_loadu_si128(place), first),
+                                           _mm_cmpeq_epi8(_mm_loadu_si128(place_of_last), last));
+        for (unsigned bits = static_cast<unsigned>(_mm_movemask_epi8(both)); bits != 0; bits &= bits - 1) {
+            const size_t hit = at + static_cast<size_t>(std::countr_zero(bits));
+            if (text.compare(hit, wanted.size(), wanted) == 0) {
+                return hit;
+            }
+        }
+    }
+#endif
+    return at < text.size() ? text.find(wanted, at) : std::string_view::npos;
+}
+
 // Counts what follows each place where a line begins with the boundary.
 struct boundary_search {
     const std::string& boundary;
@@ -122,11 +150,10 @@ struct boundary_search {
     // with the next block.
     void count_all(std::string_view text, size_t low, size_t high) {
         for (size_t at = low; at < high && at < text.size();) {
-            const void* hit = memmem(text.data() + at, text.size() - at, boundary.data(), boundary.size());
-            if (hit == nullptr) {
+            at = find_from(text, at, boundary);
+            if (at == std::string_view::npos) {
                 break;
             }
-            at = static_cast<size_t>(static_cast<const char*>(hit) - text.data());
             if (at < high && at + boundary.size() < text.size()) {
                 count(text, at);
             }
@@ -368,12 +395,7 @@ void mail_append_base64(std::string* out, std::string_view block) {
     const size_t start = out->size();
     const size_t lines = (block.size() + base64_line - 1) / base64_line;
     out->resize(start + base64_size(block.size()) + lines * 2);
-    char* to = out->data() + start;
-    for (; !block.empty(); block.remove_prefix(std::min(block.size(), base64_line))) {
-        to = base64_encode_to(block.substr(0, base64_line), to);
-        memcpy(to, "\r\n", 2);
-        to += 2;
-    }
+    base64_lines_to(block, out->data() + start);
 }
 
 std::string mail_quoted_printable(std::string_view text) {

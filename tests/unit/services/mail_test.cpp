@@ -7,6 +7,7 @@
 #include <string>
 #include <thread>
 
+#include "base/base64.h"
 #include "base/locks.h"
 #include "messages/records_common.h"
 #include "messages/records_server.h"
@@ -151,6 +152,19 @@ TEST(mail_body, codes_as_the_standards_say) {
         mail_append_base64(&out, std::string(size, 'x'));
         EXPECT_EQ(out.find("\r\n"), std::min<size_t>(76, (size + 2) / 3 * 4)) << size;
     }
+    // Whole lines are coded by other instructions than the rest of one.
+    std::string plain;
+    for (unsigned at = 0; at < 700; ++at) {
+        std::string lines;
+        mail_append_base64(&lines, plain);
+        std::string expected;
+        for (size_t from = 0; from < plain.size(); from += 57) {
+            base64_encode(std::string_view(plain).substr(from, 57), &expected);
+            expected += "\r\n";
+        }
+        ASSERT_EQ(lines, expected) << at;
+        plain += static_cast<char>(at * at * 31 >> 3);
+    }
     EXPECT_EQ(mail_quoted_printable("a=b\nc \r\nd\t"), "a=3Db\r\nc=20\r\nd=09");
     EXPECT_EQ(mail_quoted_printable(std::string(76, 'x')), std::string(75, 'x') + "=\r\nx");
 }
@@ -186,6 +200,9 @@ TEST(mail_body, chooses_a_boundary_that_no_line_begins_with) {
     EXPECT_EQ(boundary_for({start}), start + "A") << "one character more";
     EXPECT_EQ(boundary_for({"x\n--" + start}), start + "A");
     EXPECT_EQ(boundary_for({"x", "y\n" + start + "Ax\n"}), start + "B");
+    for (size_t before = 0; before < 40; ++before) {
+        EXPECT_EQ(boundary_for({std::string(before, '-') + "\n" + start + std::string(40 - before, '=')}), start + "A") << before;
+    }
     std::string all;
     for (int c = 'A'; c <= 'Z'; ++c) {
         all += start + static_cast<char>(c) + "\n";
