@@ -62,6 +62,9 @@ int text_reader_next(text_reader* reader, char* buffer, size_t size);
 // The record as a view that lives until the next call. A record of more than `limit` bytes is cut there and
 // goes on with the next call (*cut is then true); two-byte codes are cut at pairs. Same results.
 int text_reader_next_view(text_reader* reader, size_t limit, std::string_view* record, bool* cut);
+// Reads the next `wanted` bytes, as far as the file has them, while nobody waits for them. A failure shows when they
+// are taken.
+void text_reader_read_ahead(text_reader* reader, size_t wanted);
 
 // Where the last `records` records of a file begin: read backwards in pieces of 8192 bytes that start at
 // multiples of 8192; line ends of two-byte codes count at even positions. `size` is the file's size to work

@@ -224,6 +224,12 @@ void text_reader_open(text_reader* reader, int fd, char code, int64_t position) 
     reader->block_length = 0;
 }
 
+void text_reader_read_ahead(text_reader* reader, size_t wanted) {
+    const int error_number = errno;
+    (void)fill_block(reader, std::min(wanted, reader_block));
+    errno = error_number;
+}
+
 int text_reader_next_view(text_reader* reader, size_t limit, std::string_view* record, bool* cut) {
     *record = {};
     *cut = false;
@@ -234,12 +240,15 @@ int text_reader_next_view(text_reader* reader, size_t limit, std::string_view* r
     }
     const bool odd = (reader->position & 1) != 0;
     size_t end = std::string_view::npos;
-    for (bool again = true; again;) {
+    // A record that does not end in what was read before may have grown since.
+    for (bool read_again = false;; read_again = true) {
         const size_t offset = static_cast<size_t>(reader->position - reader->block_start);
         const size_t length = std::min(limit, reader->block_length - offset);
         end = find_record_end(reader->block.get() + offset, length, 0, reader->code, odd);
-        again = end == std::string_view::npos && length < limit && offset > 0;
-        if (again && fill_block(reader, limit) != 0) {
+        if (end != std::string_view::npos || length == limit || read_again) {
+            break;
+        }
+        if (fill_block(reader, limit) != 0) {
             return -1;
         }
     }

@@ -75,13 +75,15 @@ void report_read_line(REP_Area* area, size_t size) {
     if (!cut && record.back() == '\n') {
         record.remove_suffix(1);
     }
-    area->pLastRec.assign(record);
+    area->pLastRec = record;  // no copy: nothing is read while it is in hand
     area->line_in_hand = true;
     area->lLastRec = static_cast<int>(record.size());
     if (!cut && record.size() <= size - 2) {
         return;
     }
     area->last_was_cut = true;
+    area->cut_record = record;
+    area->pLastRec = area->cut_record;
     area->last_full = static_cast<int64_t>(record.size());
     while (cut) {  // the rest of the line is passed over
         if (area->last_full > passed_over_limit) {

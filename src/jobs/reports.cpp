@@ -24,7 +24,7 @@ constexpr char module_reports[] = "QXREPEX";
 constexpr char server_module[] = "QXREPRTR";
 constexpr char shell_command[] = "<AGENTSHELL>";
 constexpr size_t message_extra = 768;
-constexpr size_t standard_body = 32000;
+constexpr size_t standard_body = ccm_msg_standard_size;  // what stands around a body has its room beside it
 
 report_shell run_shell = nullptr;
 
@@ -264,6 +264,15 @@ void drop_block(EX_PCX* pcx, report_block* block) {
     block->msg = nullptr;
 }
 
+// While the block that was just sent is being sealed: the next one need not wait for the disk.
+void read_ahead(REP_Area* area) {
+    if (area->line_in_hand && area->pLastRec.data() != area->cut_record.data()) {
+        area->cut_record = area->pLastRec;
+        area->pLastRec = area->cut_record;
+    }
+    text_reader_read_ahead(&area->pFile, static_cast<size_t>(area->i4Blksize));
+}
+
 int erase_file(const REP_Area* area, int* error_number) {
     qx7_error error;
     const int result = area->erase_user.empty()
@@ -457,6 +466,7 @@ int process_repget(EX_PCX* pcx, ccm_msg_t* msg, int) {
     }
     block.head.totalsize = area->llByteSend;
     const int result = send_block(pcx, &block, area.get());
+    read_ahead(area.get());
     addReportEntry(pcx, std::move(area));
     return result;
 }
@@ -537,7 +547,9 @@ int process_repquit(EX_PCX* pcx, ccm_msg_t* msg, int) {
         }
         return end_transfer(end);
     }
-    return send_block(pcx, &block, area);
+    const int result = send_block(pcx, &block, area);
+    read_ahead(area);
+    return result;
 }
 
 int process_repstop(EX_PCX* pcx, ccm_msg_t*, int) {

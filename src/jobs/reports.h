@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "base/descriptor.h"
@@ -72,7 +73,8 @@ struct REP_Area {
     bool last_was_cut = false;  // its full length is last_full
     int64_t last_full = 0;
     bool line_too_long = false;  // the end of the line in hand was not found: the transfer ends behind it
-    std::string pLastRec;
+    std::string_view pLastRec;   // in the reader's buffer, or cut_record
+    std::string cut_record;
     std::string pMatchRecord;
     time_t last_use = 0;
 

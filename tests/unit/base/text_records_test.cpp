@@ -138,6 +138,24 @@ TEST(TextRecords, TooLongIsToldAtTheExactLength) {
     EXPECT_EQ(reader.position, 6);
 }
 
+TEST(TextRecords, ALineThatGrewSinceItWasReadAheadComesWhole) {
+    scratch dir;
+    const std::string name = dir.write("data", "one\ntw");
+    const qx_descriptor file(open(name.c_str(), O_RDWR | O_APPEND | O_CLOEXEC));
+    text_reader reader;
+    text_reader_open(&reader, file.get(), TEXT_CODE_NORMAL, 0);
+    std::string_view record;
+    bool cut = false;
+    EXPECT_EQ(text_reader_next_view(&reader, 100, &record, &cut), 4);
+    text_reader_read_ahead(&reader, 100);
+    ASSERT_EQ(WriteFdWrite(file.get(), "o\n", 2), 0);
+    EXPECT_EQ(text_reader_next_view(&reader, 100, &record, &cut), 4);
+    EXPECT_EQ(record, "two\n");
+    text_reader_read_ahead(&reader, 100);
+    ASSERT_EQ(WriteFdWrite(file.get(), "more\n", 5), 0);
+    EXPECT_EQ(text_reader_next_view(&reader, 100, &record, &cut), 5);
+}
+
 TEST(TextRecords, TheLastOnesAreFoundFromTheEnd) {
     scratch dir;
     const std::string mark8 = "\xEF\xBB\xBF";
