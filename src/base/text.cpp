@@ -22,7 +22,7 @@ void put_field(char* field, size_t width, std::string_view text) {
 }
 
 std::string_view get_field(const char* field, size_t width) {
-    size_t length = strnlen(field, width);
+    size_t length = width == 0 ? 0 : strnlen(field, width);  // a field that did not come has no place either
     while (length > 0 && field[length - 1] == ' ') {
         --length;
     }

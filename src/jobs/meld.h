@@ -24,6 +24,9 @@ uid_t meld_sender_uid(const sockaddr_storage& own, const sockaddr_storage& peer,
 // The second way of the above: the tables "tcp" and "tcp6" in `folder` ("/proc/net").
 uid_t meld_peer_uid_from_tables(const char* folder, const sockaddr_storage& own,
                                 const sockaddr_storage& peer);
+// What a netlink answer of `length` bytes says; all ones for one that is not whole, and for a socket without a
+// living owner.
+uid_t meld_uid_from_answer(const char* answer, size_t length);
 
 // Takes the content of a MELD (from its head on) over. `uid` is that of the peer: counted only for root, the
 // agent's own and the job's user. Bytes from outside, of any length. 0, or -1 when it changed nothing. Main

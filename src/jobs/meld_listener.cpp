@@ -61,25 +61,6 @@ struct diag_request {
     inet_diag_req_v2 body;
 };
 
-uid_t uid_from_answer(const char* answer, size_t length) {
-    if (length < sizeof(nlmsghdr) + sizeof(inet_diag_msg)) {
-        return meld_unknown_uid;
-    }
-    nlmsghdr head;
-    memcpy(&head, answer, sizeof head);
-    if (head.nlmsg_type != SOCK_DIAG_BY_FAMILY || head.nlmsg_len > length) {
-        return meld_unknown_uid;
-    }
-    inet_diag_msg found;
-    memcpy(&found, answer + NLMSG_HDRLEN, sizeof found);
-    // A socket that its process has closed belongs to nobody and is shown with uid 0: it must not pass for
-    // root.
-    if (found.idiag_state != TCP_ESTABLISHED || found.idiag_inode == 0) {
-        return meld_unknown_uid;
-    }
-    return found.idiag_uid;
-}
-
 // Asks for exactly one socket: the peer's, whose source is the peer's address and whose target is ours.
 uid_t uid_from_kernel(const end_point& own, const end_point& peer) {
     const qx_descriptor netlink(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
@@ -110,7 +91,7 @@ uid_t uid_from_kernel(const end_point& own, const end_point& peer) {
     do {
         length = recv(netlink.get(), answer, sizeof answer, 0);
     } while (length < 0 && errno == EINTR);
-    return length > 0 ? uid_from_answer(answer, static_cast<size_t>(length)) : meld_unknown_uid;
+    return length > 0 ? meld_uid_from_answer(answer, static_cast<size_t>(length)) : meld_unknown_uid;
 }
 
 // As the kernel's tables print it: 32-bit words in host order.
@@ -161,6 +142,26 @@ uid_t uid_from_table(const std::string& file, const std::string& local, const st
 }
 
 }  // namespace
+
+uid_t meld_uid_from_answer(const char* answer, size_t length) {
+    if (length < sizeof(nlmsghdr) + sizeof(inet_diag_msg)) {
+        return meld_unknown_uid;
+    }
+    nlmsghdr head;
+    memcpy(&head, answer, sizeof head);
+    if (head.nlmsg_type != SOCK_DIAG_BY_FAMILY || head.nlmsg_len > length ||
+        head.nlmsg_len < NLMSG_HDRLEN + sizeof(inet_diag_msg)) {
+        return meld_unknown_uid;
+    }
+    inet_diag_msg found;
+    memcpy(&found, answer + NLMSG_HDRLEN, sizeof found);
+    // A socket that its process has closed belongs to nobody and is shown with uid 0: it must not pass for
+    // root.
+    if (found.idiag_state != TCP_ESTABLISHED || found.idiag_inode == 0) {
+        return meld_unknown_uid;
+    }
+    return found.idiag_uid;
+}
 
 uid_t meld_peer_uid_from_tables(const char* folder, const sockaddr_storage& own,
                                 const sockaddr_storage& peer) {
