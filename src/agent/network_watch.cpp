@@ -25,6 +25,10 @@ watch state;
 
 }  // namespace
 
+time_t network_watch_due() {
+    return state.asked == 0 ? 0 : alarm_now() + last_chance;
+}
+
 void network_watch(EX_PCX* pcx) {
     if (pcx->ccm == nullptr || pcx->ccm->thread_started.load() == 0) {
         return;

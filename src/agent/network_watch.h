@@ -2,6 +2,8 @@
 // nobody and cannot even be stopped in order.
 #pragma once
 
+#include <ctime>
+
 struct EX_PCX;
 
 // Seconds without a cycle, although one was asked for, after which the process ends; the second while it is
@@ -13,3 +15,5 @@ inline constexpr int network_watch_limit_at_end = 15;
 // code 1, so that a supervisor starts it anew: jobs go on and are found again, since nothing of them is in
 // this process.
 void network_watch(EX_PCX* pcx);
+// When the next look is due, while the thread has not answered to the last one; 0 otherwise.
+time_t network_watch_due();

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "agent/cp_search.h"
+#include "agent/network_watch.h"
 #include "agent/server_connection.h"
 #include "agent/timers.h"
 #include "base/context.h"
@@ -87,5 +88,6 @@ time_t loop_due(EX_PCX* pcx) {
     due.take_armed(pcx->shutdown_timer);
     due.take_armed(timer_next(pcx->timer_ctx));
     due.take_armed(ccm_channel_next_timeout(pcx->ccm));
+    due.take_armed(network_watch_due());
     return due.at;
 }
