@@ -12,6 +12,7 @@
 #include "base/time.h"
 #include "channels/ipc.h"
 #include "channels/ipc_records.h"
+#include "channels/line_budget.h"
 #include "jobs/job_context.h"
 #include "jobs/job_send.h"
 #include "jobs/job_table.h"
@@ -28,6 +29,20 @@ constexpr int number_wrong_version = 2000023;
 constexpr int number_restart_mark = 2000031;
 constexpr char agent_version_text[] = "12.2.0";
 constexpr size_t restart_mark_size = 8;
+
+// Every user of this host can send what is not taken: lines about it must not fill the disk.
+line_budget refusal_lines{200, 2};
+
+bool may_log() {
+    int dropped = 0;
+    if (!refusal_lines.take(alarm_now(), &dropped)) {
+        return false;
+    }
+    if (dropped > 0) {
+        __PutLogText("%d lines about messages of job messengers that were not taken were left out.", dropped);
+    }
+    return true;
+}
 
 // The bytes of a message as far as they came.
 struct meld_bytes {
@@ -50,8 +65,10 @@ bool version_fits(const Record& record) {
     if (record.mdMajor == meld_major_version) {
         return true;
     }
-    __log(number_wrong_version, "%i.%i.%i|%s|", record.mdMajor, record.mdMinor, record.mdPatch,
-          agent_version_text);
+    if (may_log()) {
+        __log(number_wrong_version, "%i.%i.%i|%s|", record.mdMajor, record.mdMinor, record.mdPatch,
+              agent_version_text);
+    }
     return false;
 }
 
@@ -67,9 +84,11 @@ JP_AREA* find_job(EX_PCX* pcx, int jobNr, uint16_t client, uid_t uid) {
     }
     const bool own_user = job->jp_uid != meld_unknown_uid && uid == job->jp_uid;
     if (uid == meld_unknown_uid || (uid != 0 && uid != pcx->pcx_run_euid && uid != geteuid() && !own_user)) {
-        __PutLogText(
-            "MELD for job %d of client %d was ignored: it came from uid %d, which is not the job's user.",
-            jobNr, client, static_cast<int>(uid));
+        if (may_log()) {
+            __PutLogText(
+                "MELD for job %d of client %d was ignored: it came from uid %d, which is not the job's user.",
+                jobNr, client, static_cast<int>(uid));
+        }
         return nullptr;
     }
     job_set_text(job->JP_client_msg, "SEND_MLD_QUITT  ");
@@ -289,7 +308,9 @@ int job_take_meld(EX_PCX* pcx, const unsigned char* meld, size_t length, uid_t u
         case meld_ended:
             return take_status(pcx, bytes, head.i2Mandant, uid);
         default:
-            __PutLogText("MELD with the unknown status %u was ignored.", bytes.at[meld_status_offset]);
+            if (may_log()) {
+                __PutLogText("MELD with the unknown status %u was ignored.", bytes.at[meld_status_offset]);
+            }
             return -1;
     }
 }
@@ -317,7 +338,9 @@ int process_ipc_exmeld(EX_PCX* pcx, ccm_msg_t* msg, int) {
     QX_HEADM head;
     memcpy(&head, meld, sizeof head);
     if (memcmp(head.version, meld_message_version, sizeof head.version) != 0) {
-        __log(number_wrong_version, "%.2s|%s|", head.version, meld_message_version);
+        if (may_log()) {
+            __log(number_wrong_version, "%.2s|%s|", head.version, meld_message_version);
+        }
         return 0;
     }
     // Without root the listener runs under the agent's own user.
