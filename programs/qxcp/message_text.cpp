@@ -29,7 +29,7 @@ std::string cp_message_text(int number, std::string_view inserts) {
         return std::string{without_bars(inserts)};
     }
     if (number >= KM_UNKNOWN && number <= KM_KEY_EXISTS) {
-        return fmt::format("{} ({})", km_reason(number), number);
+        return fmt::format("{} ({})", km_reason_text(number), number);
     }
     for (const text_row& row : texts) {
         if (row.number == number) {

@@ -22,6 +22,7 @@
 #include "base/log.h"
 #include "base/paths.h"
 #include "base/text.h"
+#include "security/key_reason.h"
 #include "security/key_store.h"
 
 namespace {

@@ -22,7 +22,7 @@ constexpr reason_row reasons[] = {
     {KM_BUFFER_SMALL, "a key is longer than it may be"},
     {KM_WRONG_DATA, "the data is damaged, or made for another agent"},
     {KM_HASH, "the hash is wrong: the data is damaged, or made with another company key"},
-    {KM_UNEXPECTED, "a package came that was not expected"},
+    {KM_UNEXPECTED, "no key is taken at first contact"},
     {KM_OPEN, "the file cannot be opened: check that it is there, and its rights"},
     {KM_READ, "the file cannot be read, or is larger than a megabyte"},
     {KM_PLUGIN_HASH, "it names another key store plug-in"},
@@ -31,14 +31,14 @@ constexpr reason_row reasons[] = {
     {KM_NO_PLUGIN, "there is no key store plug-in"},
     {KM_NAME_UNKNOWN, "there is no key of that name"},
     {KM_VERSION, "it is no initial package, or one of another version"},
-    {KM_WRITE, "the key store cannot be written: check its folder, its rights and free space"},
+    {KM_WRITE, "the key store cannot be written"},
     {KM_PRIMES, "no numbers for a key exchange follow from the company key"},
     {KM_KEY_EXISTS, "a key is held already"},
 };
 
 }  // namespace
 
-const char* km_reason(int number) {
+const char* km_reason_text(int number) {
     for (const reason_row& row : reasons) {
         if (row.number == number) {
             return row.text;

@@ -3,4 +3,4 @@
 #pragma once
 
 // What is wrong, without a capital and without a full stop; never empty. Any thread.
-const char* km_reason(int number);
+const char* km_reason_text(int number);

@@ -10,6 +10,7 @@
 #include "security/aes.h"
 #include "security/key_exchange.h"
 #include "security/key_file.h"
+#include "security/key_reason.h"
 #include "security/md5.h"
 #include "security/random.h"
 
@@ -145,21 +146,6 @@ void PadKey(std::span<const uint8_t> text, uint8_t block[64]) {
 
 const char* km_error_text(int number) {
     return number >= KM_UNKNOWN && number <= KM_KEY_EXISTS ? g_KMErrorTxt[number - KM_UNKNOWN] : "";
-}
-
-const char* km_reason_text(int number) {
-    switch (number) {
-        case KM_UNEXPECTED:
-            return "no key is taken at first contact";
-        case KM_WRITE:
-            return "the key store cannot be written";
-        case KM_PRIMES:
-            return "the company key gives no numbers for a key exchange";
-        case KM_KEY_EXISTS:
-            return "a key is held already";
-        default:
-            return *km_error_text(number) == '\0' ? "an unknown error" : km_error_text(number);
-    }
 }
 
 std::string km_explain(const key_manager& keys, int number) {

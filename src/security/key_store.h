@@ -50,9 +50,6 @@ enum key_type : int {
 
 // The text of a number from 5000 on; "" for 5023 and for unknown ones.
 const char* km_error_text(int number);
-// What the number means when keys are kept in a file and agreed with a partner, for people: the fixed texts of
-// 5013, 5022 and 5024 say something else. Never empty.
-const char* km_reason_text(int number);
 
 // One key store with its company key. Wiped at its end.
 struct key_manager {
