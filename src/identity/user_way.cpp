@@ -149,7 +149,8 @@ int find_kept(const std::string& path) {
 
 void keep_folder(const std::string& path, file_way* way) {
     struct stat status;
-    if (!way->trusted || fstat(way->dir.get(), &status) != 0) {
+    // The three standard descriptors may be given to something else at any time.
+    if (!way->trusted || way->dir.get() <= STDERR_FILENO || fstat(way->dir.get(), &status) != 0) {
         return;
     }
     if (kept_folders.size() >= folders_kept) {
