@@ -107,7 +107,7 @@ void activate(const message_bytes& message) {
 }
 
 void step(byte_source* source) {
-    const uint8_t choice = source->byte() % (end_process + 1);
+    const auto choice = static_cast<uint8_t>(source->byte() % (end_process + 1));
     EX_PCX& pcx = fuzz_agent();
     if (choice == check_jobs) {
         make_alarms_due();

@@ -5,7 +5,9 @@
 #include <linux/openat2.h>
 #include <netdb.h>
 #include <pwd.h>
+#include <sched.h>
 #include <shadow.h>
+#include <spawn.h>
 #include <stdarg.h>
 #include <stdlib.h>
 #include <string.h>
@@ -275,6 +277,24 @@ int chown(const char* path, uid_t uid, gid_t gid) noexcept {
 // The fuzzer itself may need processes, while no input runs; it makes them with the kernel's call.
 pid_t fork() noexcept {
     return sandbox().closed ? no_process() : static_cast<pid_t>(kernel(SYS_fork));
+}
+
+pid_t vfork() noexcept {
+    return no_process();
+}
+
+int clone(int (*)(void*), void*, int, void*, ...) noexcept {
+    return no_process();
+}
+
+int posix_spawn(pid_t* process, const char*, const posix_spawn_file_actions_t*, const posix_spawnattr_t*, char* const*,
+                char* const*) {
+    *process = no_process();
+    return *process > 0 ? 0 : EAGAIN;
+}
+
+int system(const char*) {
+    return no_process();
 }
 
 int execve(const char*, char* const*, char* const*) noexcept {

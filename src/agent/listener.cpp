@@ -325,7 +325,7 @@ void drop_silent_listener(EX_PCX* pcx, time_t now) {
 int port_refused(EX_PCX* pcx, time_t now, const ccm_error_t& fault) {
     if (fault.xerrno == EADDRINUSE && quick_tries < port_quick_tries) {
         ++quick_tries;
-        pcx->listener_alarm_time = now;
+        pcx->listener_alarm_time = now + 1;
         return -1;
     }
     __log(fault.msgnr, "%s", fault.msginsert);
