@@ -50,9 +50,10 @@ log=$1/opt/agent/temp/QXXJxxx.l00
 case \$* in
   "enable --now qxxjlnx")
     ! command -v systemd-analyze >/dev/null || systemd-analyze verify --man=no ./qxxjlnx.service || exit
+    rm -f \$log  # of the start by hand before: it says all that is waited for
     setsid \$(sed -n 's/^ExecStart=//p' qxxjlnx.service) >agent.out 2>&1 &
     echo \$! >agent.pid
-    for _ in {1..300}; do ! grep -q U02000072 \$log || exit 0; sleep 0.1; done ;;  # it looks for its server
+    for _ in {1..300}; do ! grep -qs U02000072 \$log || exit 0; sleep 0.1; done ;;  # it looks for its server
   "stop qxxjlnx")
     kill -TERM \$(cat agent.pid)
     for _ in {1..600}; do ! tail -n 1 \$log | grep -q U02000001 || exit 0; sleep 0.1; done ;;
