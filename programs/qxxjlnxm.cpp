@@ -212,11 +212,17 @@ std::string check(request* order) {
     }
 }
 
+// A text that a script hands on as the value of an option or as a word is none, whatever it says.
 bool wants_help(int argc, char** argv) {
-    for (int i = 1; i < argc; ++i) {
-        if (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0) {
+    bool words = false;
+    for (int i = 1; i < argc && strcmp(argv[i], "--") != 0; ++i) {
+        const std::string_view word = argv[i];
+        if (word == "--help" || (word == "-h" && !words)) {
             return true;
         }
+        const bool option = word.starts_with("--");
+        words = words || !option;
+        i += option ? 1 : 0;
     }
     return false;
 }

@@ -47,6 +47,10 @@ TEST(messenger, tells_wrong_use_in_one_line) {
         {"--port", "1", "--run", "5", "file", std::string("/") + std::string(511, 'f')},
         {"--port", "1", "--run", "5", "--client", "65536", "start"},
         {"--port", "1", "--run", "5", "--nonsense", "x", "start"},
+        {"--port", "--help", "--run", "5", "start"},
+        {"--port", "1", "--run", "5", "restart", "--text", "--help"},
+        {"--port", "1", "--run", "5", "variable", "-h"},
+        {"--port", "1", "--run", "5", "variable", "--", "--help"},
     };
     for (const std::vector<std::string>& arguments : wrong) {
         const messenger_call result = call(arguments);
@@ -54,9 +58,12 @@ TEST(messenger, tells_wrong_use_in_one_line) {
         EXPECT_EQ(std::count(result.output.begin(), result.output.end(), '\n'), 1) << result.output;
         EXPECT_NE(result.output.find("--help"), std::string::npos) << result.output;
     }
-    const messenger_call help = call({"--help"});
-    EXPECT_EQ(help.code, 0);
-    EXPECT_NE(help.output.find("--retcode"), std::string::npos);
+    const std::vector<std::string> helps[] = {{"--help"}, {"-h"}, {"--port", "1", "--help"}, {"start", "--help"}};
+    for (const std::vector<std::string>& arguments : helps) {
+        const messenger_call help = call(arguments);
+        EXPECT_EQ(help.code, 0) << help.output;
+        EXPECT_NE(help.output.find("--retcode"), std::string::npos) << help.output;
+    }
     EXPECT_EQ(call({"--version"}).output, "qxxjlnxm 12.2.0+build.2108\n");
 }
 
