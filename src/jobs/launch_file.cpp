@@ -4,11 +4,11 @@
 #include "base/code_tables.h"
 #include "base/context.h"
 #include "base/files.h"
-#include "base/locks.h"
 #include "base/log.h"
+#include "base/obstacles.h"
 #include "base/paths.h"
 #include "base/text.h"
-#include "identity/obstacles.h"
+#include "identity/own_place.h"
 #include "identity/user_files.h"
 #include "jobs/job_files.h"
 #include "jobs/launch_steps.h"
@@ -89,19 +89,6 @@ file_result make_file(const std::string& file, std::string_view content, mode_t 
 }
 
 // A pipe or directory of somebody else's under the name of a job's file must not stop the job.
-int take_place_of_obstacle(const std::string& made, const std::string& file) {
-    effUser_guard lock;
-    file_way way;
-    if (walk_way(file.c_str(), &way) != 0) {
-        return -1;
-    }
-    if (!way.trusted) {
-        errno = EEXIST;
-        return -1;
-    }
-    return take_place(way.dir.get(), std::string(path_file_name(made)).c_str(), way.name.c_str(), file.c_str());
-}
-
 file_result make_file_anyhow(const std::string& file, std::string_view content, mode_t mode,
                              const my_passwd_unlimited& user, qx_descriptor* kept = nullptr) {
     file_result result = make_file(file, content, mode, user, kept);
@@ -111,7 +98,7 @@ file_result make_file_anyhow(const std::string& file, std::string_view content, 
     }
     const std::string made = std::string(path_folder_name(file)) + "/" + hidden_name();
     result = make_file(made, content, mode, user, kept);
-    if (result.failed == FILE_STEP_NONE && take_place_of_obstacle(made, file) != 0) {
+    if (result.failed == FILE_STEP_NONE && take_place_of_path(made, file) != 0) {
         result.failed = FILE_STEP_CREATE;
         result.error_number = errno;
         (void)remove_on_order(made.c_str());  // the first failure is the one to tell

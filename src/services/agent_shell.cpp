@@ -12,6 +12,7 @@
 #include "base/log.h"
 #include "base/text.h"
 #include "identity/accounts.h"
+#include "identity/own_place.h"
 #include "services/agent_shell_commands.h"
 
 namespace {
@@ -103,9 +104,7 @@ void run_command(const agent_command& command, const agent_shell_call& call) {
 }
 
 qx_stream open_output(const char* path) {
-    const uid_t own_uid = static_cast<uid_t>(-1);
-    const gid_t own_gid = static_cast<gid_t>(-1);
-    qx_descriptor file(create_new_file(path, 0600, own_uid, own_gid, nullptr));
+    qx_descriptor file(create_in_place(path, 0600));
     qx_stream stream(file.valid() ? fdopen(file.get(), "w") : nullptr);
     if (!stream.valid()) {
         const int number = errno;

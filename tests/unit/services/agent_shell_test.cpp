@@ -202,6 +202,29 @@ TEST_F(shell_test, requests_that_are_none) {
     EXPECT_EQ(read_text(folder / "target"), "mine");
 }
 
+TEST_F(shell_test, what_strangers_put_in_the_way_is_moved_away) {
+    if (!runs_as_root()) {
+        return;
+    }
+    const uid_t stranger = 12345;
+    const auto make_pipe = [](const char* path) { return mkfifo(path, 0600); };
+    const auto make_folder = [](const char* path) { return mkdir(path, 0700); };
+    ASSERT_EQ(chmod(folder.path.c_str(), 01777), 0);
+    for (int (*make)(const char*) : {+make_pipe, +make_folder}) {
+        remove(output.c_str());
+        ASSERT_EQ(make(output.c_str()), 0);
+        ASSERT_EQ(chown(output.c_str(), stranger, stranger), 0);
+        ASSERT_EQ(process_agent_shell_command(output.c_str(), "GET_SOCKETS"), 0) << errno;
+        EXPECT_EQ(read_text(output), "GET_SOCKETS\n");
+    }
+    remove(output.c_str());
+    ASSERT_EQ(mkdir(output.c_str(), 0700), 0);
+    EXPECT_EQ(process_agent_shell_command(output.c_str(), "GET_SOCKETS"), -1) << "the agent's own";
+    EXPECT_EQ(errno, EEXIST);
+    const auto entries = std::filesystem::directory_iterator(folder.path);
+    EXPECT_EQ(std::distance(begin(entries), end(entries)), 3) << "two were moved, and no half file is left";
+}
+
 TEST_F(shell_test, simulate_takes_its_fourth_word) {
     EXPECT_EQ(run("SIMULATE SETLOGFILESIZE = 7"), "SIMULATE\nnew log file size 7 MB\n");
     EXPECT_EQ(ZULOGG_GetLogFileSize(pcx->logHnd), 7ULL << 20);

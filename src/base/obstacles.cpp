@@ -1,6 +1,7 @@
-#include "identity/obstacles.h"
+#include "base/obstacles.h"
 
 #include <fcntl.h>
+#include <pwd.h>
 #include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,11 +9,15 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
+#include <vector>
 
+#include "base/descriptor.h"
 #include "base/locks.h"
 #include "base/log.h"
+#include "base/memory.h"
+#include "base/paths.h"
 #include "base/text.h"
-#include "identity/accounts.h"
 
 namespace {
 
@@ -29,14 +34,6 @@ const char* kind_of(mode_t mode) {
     }
 }
 
-void log_moved(const struct stat& obstacle, const char* made, const char* path) {
-    my_passwd_unlimited owner;
-    const bool known = GetPwdIdEntry(obstacle.st_uid, &owner, nullptr);
-    __PutLogText("'%.500s' was taken: a %s of user '%s' (%u) stood there, and is called '%s' in that folder now.",
-                 printable(path).c_str(), kind_of(obstacle.st_mode), known ? owner.pw_name : "?",
-                 static_cast<unsigned>(obstacle.st_uid), made);
-}
-
 // An order may name what the system or another user needs: only what a stranger put where everybody may.
 bool may_be_moved(int directory, const struct stat& obstacle) {
     struct stat folder;
@@ -47,10 +44,11 @@ bool may_be_moved(int directory, const struct stat& obstacle) {
 // `made` has the name now, and the obstacle has the name that `made` had.
 void put_aside(int directory, const struct stat& obstacle, const char* made, const char* path) {
     if (!S_ISREG(obstacle.st_mode) && !S_ISLNK(obstacle.st_mode)) {
-        log_moved(obstacle, made, path);
+        const moved_obstacle moved{path, made, obstacle.st_mode, obstacle.st_uid};
+        __PutLogText("%s", obstacle_line(moved, owner_name(moved.owner)).c_str());
     } else if (unlinkat(directory, made, 0) != 0) {
         __PutLogText("'%.500s': the file that was there is called '%s' now and cannot be removed: %s",
-                     printable(path).c_str(), made, error_text(errno).c_str());
+                     printable(path).c_str(), made, strerror(errno));
     }
 }
 
@@ -98,4 +96,38 @@ int take_place(int directory, const char* made, const char* name, const char* pa
     }
     errno = EAGAIN;
     return -1;
+}
+
+moved_obstacle move_aside(const char* path) {
+    const std::string folder(path_folder_name(path));
+    const std::string name(path_file_name(path));
+    const qx_descriptor directory(open(folder.empty() ? "." : folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const std::string made = hidden_name();
+    struct stat obstacle;
+    if (!directory.valid() || fstatat(directory.get(), name.c_str(), &obstacle, AT_SYMLINK_NOFOLLOW) != 0 ||
+        S_ISREG(obstacle.st_mode) || S_ISLNK(obstacle.st_mode) || !may_be_moved(directory.get(), obstacle) ||
+        renameat2(directory.get(), name.c_str(), directory.get(), made.c_str(), RENAME_NOREPLACE) != 0) {
+        return {};
+    }
+    return {path, made, obstacle.st_mode, obstacle.st_uid};
+}
+
+std::string obstacle_line(const moved_obstacle& moved, const std::string& owner) {
+    char line[log_line_size];
+    snprintf(line, sizeof line,
+             "'%.500s' was taken: a %s of user '%s' (%u) stood there, and is called '%s' in that folder now.",
+             printable(moved.path).c_str(), kind_of(moved.mode), owner.c_str(), static_cast<unsigned>(moved.owner),
+             moved.name.c_str());
+    return line;
+}
+
+std::string owner_name(uid_t uid) {
+    effUser_guard lock;
+    std::vector<char> room(65536);
+    passwd found{};
+    passwd* entry = nullptr;
+    const bool known = getpwuid_r(uid, &found, room.data(), room.size(), &entry) == 0 && entry != nullptr;
+    const std::string name = known ? found.pw_name : "?";
+    qx_wipe(room.data(), room.size());  // the record may hold the hash
+    return name;
 }
