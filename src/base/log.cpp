@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "base/locks.h"
+#include "base/log_parts.h"
 #include "base/text.h"
 #include "base/time.h"
 #include "base/trace.h"
@@ -178,13 +179,17 @@ int OpenLogFile(EX_PCX* pcx) {
     char name[qx_path_size];
     copy_text(name, pcx->logFile);
     log_close_file(pcx->logHnd);
-    ZULOGG_Reorg(name, sizeof name, pcx->logCount);
+    moved_obstacle moved;
+    log_move_generations(name, sizeof name, pcx->logCount, &moved);
     std::string group_name;
     const bool group_known = take_log_group(pcx, &group_name);
     const int result = log_reopen(pcx->logHnd, name);
     const int kept = errno;
     ZULOGG_UseMsg(pcx->logHnd, pcx->cLogToDb != no_lines_in_memory);
     ZULOGG_SetLogThreadFlag(pcx->logHnd, pcx->logThreadFlag != 0);
+    if (!moved.name.empty()) {
+        __PutLogText("%s", obstacle_line(moved, owner_name(moved.owner)).c_str());
+    }
     if (!group_known) {
         __log(-1,
               "setting 'log_group' in section [GLOBAL] names '%s', which is no group of this host: the log keeps "

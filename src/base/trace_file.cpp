@@ -14,6 +14,7 @@
 #include "base/hex_dump.h"
 #include "base/locks.h"
 #include "base/log.h"
+#include "base/log_parts.h"
 #include "base/text.h"
 #include "base/time.h"
 #include "base/trace.h"
@@ -264,7 +265,14 @@ int zutrace_generate_filename(PZUTRACE handle, const char* fallback) {
         return 0;
     }
     copy_text(handle->filename, handle->trc_file);
-    return ZULOGG_Reorg(handle->filename, sizeof handle->filename, handle->iFileCount);
+    moved_obstacle moved;
+    const int result = log_move_generations(handle->filename, sizeof handle->filename, handle->iFileCount, &moved);
+    if (!moved.name.empty()) {
+        // Under the trace lock neither the log nor an account may be asked.
+        printf("%s\n", obstacle_line(moved, "?").c_str());
+        fflush(stdout);
+    }
+    return result;
 }
 
 int zutrace_create_tracefile(PZUTRACE handle) {

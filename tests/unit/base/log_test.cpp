@@ -191,6 +191,27 @@ TEST_F(LogTest, GenerationsMoveUpAndTheOldestGoes) {
     EXPECT_FALSE(dir.exists("c00"));
 }
 
+TEST_F(LogTest, AStrangersFolderInPlaceOfAGenerationIsMovedAside) {
+    if (geteuid() != 0) {
+        return;  // nobody else's folder can be made
+    }
+    ASSERT_EQ(chmod(dir.path.c_str(), 01777), 0);
+    ASSERT_EQ(mkdir(dir.at("log02").c_str(), 0700), 0);
+    dir.write("log02/kept", "");
+    ASSERT_EQ(chown(dir.at("log02").c_str(), 12345, 12345), 0);
+    for (int i = 0; i < 5; ++i) {
+        ASSERT_EQ(OpenLogFile(pcx), 0);
+        __PutLogText("run %d", i);
+    }
+    const std::vector<std::string> lines = texts(dir.read("log03"));
+    ASSERT_EQ(lines.size(), 2U) << "the rotation that met it";
+    EXPECT_NE(lines[0].find("/log03' was taken: a directory of user '?' (12345)"), std::string::npos) << lines[0];
+    EXPECT_EQ(lines[1], "run 1");
+    const size_t name = lines[0].find(".qx-");
+    ASSERT_NE(name, std::string::npos);
+    EXPECT_TRUE(dir.exists(lines[0].substr(name, 20) + "/kept"));
+}
+
 TEST_F(LogTest, ALinkInPlaceOfTheLogIsNotFollowed) {
     dir.write("victim", "precious");
     strcpy(pcx->logFile, dir.at("plain").c_str());
