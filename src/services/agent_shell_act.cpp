@@ -150,7 +150,7 @@ void set_log_start(const agent_shell_call& call, const std::string& word) {
     parts.tm_mon = month - 1;
     parts.tm_mday = day;
     parts.tm_isdst = -1;
-    const time_t start = mktime(&parts);
+    const time_t start = qx_mktime(&parts);
     ZULOGG_SetLogFileStartTime(call.pcx->logHnd, start);
     as_print(call.file, "log start time set to %s(%lld)", time_text("%Y-%m-%d %H:%M:%S", start).c_str(),
              static_cast<long long>(start));
