@@ -11,10 +11,12 @@
 #include <cstring>
 
 #include "agent/check_report.h"
+#include "agent/instance_lock.h"
 #include "agent/settings.h"
 #include "base/context.h"
 #include "base/descriptor.h"
 #include "base/text.h"
+#include "channels/port_holder.h"
 
 namespace {
 
@@ -91,6 +93,19 @@ std::string value_of(EX_PCX* pcx, const char* key) {
     return std::string(strip(value));
 }
 
+// By this very installation, as its lock shows, or by somebody else.
+void check_taken_port(check_report* report, EX_PCX* pcx, const std::string& where, int port) {
+    const pid_t agent = instance_lock_holder(pcx->IniFile);
+    const bool hidden = agent < 0 && errno == EACCES;
+    if (agent > 0 && port_is_held_by(port, agent)) {
+        check_say(report, CHECK_OK, "port", where + " is in use by this agent, process " + std::to_string(agent));
+        return;
+    }
+    check_say(report, CHECK_FAILED, "port",
+              where + ": " + strerror(EADDRINUSE) + " by " + port_holder_text(port) + "; choose another TCP/IP/port" +
+                  (hidden ? ", or look as the agent's user whether it is this agent" : ""));
+}
+
 }  // namespace
 
 void check_port(check_report* report, EX_PCX* pcx) {
@@ -109,10 +124,10 @@ void check_port(check_report* report, EX_PCX* pcx) {
     const std::string where = (host.empty() ? "" : host + ", ") + "port " + std::to_string(port);
     if (!addresses.failure.empty()) {
         check_say(report, CHECK_FAILED, "port", where + ": " + addresses.failure + "; set TCP/IP/bindaddr to an address of this host");
+    } else if (number == EADDRINUSE) {
+        check_taken_port(report, pcx, where, port);
     } else if (number != 0) {
-        check_say(report, CHECK_FAILED, "port",
-                  where + ": " + strerror(number) +
-                      (number == EADDRINUSE ? "; this is right while this agent runs, otherwise choose another TCP/IP/port" : ""));
+        check_say(report, CHECK_FAILED, "port", where + ": " + strerror(number));
     } else {
         check_say(report, CHECK_OK, "port", where + " is free");
     }

@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <string>
 
+#include "base/descriptor.h"
+
 namespace {
 
 constexpr char suffix[] = ".lock";
@@ -16,6 +18,12 @@ struct flock whole_file() {
     range.l_type = F_WRLCK;
     range.l_whence = SEEK_SET;
     return range;
+}
+
+// 0 when it is free, or when the holder is of another container.
+pid_t holder_of(int fd) {
+    struct flock range = whole_file();
+    return fcntl(fd, F_GETLK, &range) == 0 && range.l_type != F_UNLCK && range.l_pid > 0 ? range.l_pid : 0;
 }
 
 }  // namespace
@@ -39,10 +47,13 @@ instance_lock_result instance_lock(const char* ini, pid_t* holder) {
         errno = number;
         return instance_lock_failed;
     }
-    range = whole_file();
-    if (fcntl(fd, F_GETLK, &range) == 0 && range.l_type != F_UNLCK && range.l_pid > 0) {
-        *holder = range.l_pid;
-    }
+    *holder = holder_of(fd);
     close(fd);
     return instance_lock_foreign;
+}
+
+pid_t instance_lock_holder(const char* ini) {
+    constexpr int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    const qx_descriptor file(open((std::string(ini) + suffix).c_str(), flags));
+    return file.valid() ? holder_of(file.get()) : -1;
 }

@@ -13,3 +13,7 @@ enum instance_lock_result {
 // file is replaced whenever it is written. Children do not inherit the lock, and it ends with the process. Before
 // anything of the installation is touched. `holder` receives the other process, 0 when it is of another container.
 instance_lock_result instance_lock(const char* ini, pid_t* holder);
+
+// The process that holds the lock, 0 when nobody does, -1 with errno when the lock file cannot be opened. Takes and
+// makes nothing.
+pid_t instance_lock_holder(const char* ini);

@@ -64,14 +64,28 @@ std::string name_of(const std::string& process) {
     return printable(rstrip(std::string_view(name, strcspn(name, "\n"))));
 }
 
+bool find_listening(int port, listening_socket* found) {
+    return find_listening("/proc/net/tcp", port, found) || find_listening("/proc/net/tcp6", port, found);
+}
+
+// As /proc shows its descriptor.
+std::string link_of(const listening_socket& found) {
+    return "socket:[" + std::to_string(found.inode) + "]";
+}
+
 }  // namespace
+
+bool port_is_held_by(int port, pid_t process) {
+    listening_socket found;
+    return find_listening(port, &found) && holds(std::to_string(process), link_of(found));
+}
 
 std::string port_holder_text(int port) {
     listening_socket found;
-    if (!find_listening("/proc/net/tcp", port, &found) && !find_listening("/proc/net/tcp6", port, &found)) {
+    if (!find_listening(port, &found)) {
         return "an unknown process";
     }
-    const std::string wanted = "socket:[" + std::to_string(found.inode) + "]";
+    const std::string wanted = link_of(found);
     const qx_directory list(opendir("/proc"));
     while (const dirent* entry = list.dir == nullptr ? nullptr : readdir(list.dir)) {
         if (isdigit(static_cast<unsigned char>(entry->d_name[0])) != 0 && holds(entry->d_name, wanted)) {

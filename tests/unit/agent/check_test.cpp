@@ -2,13 +2,17 @@
 #include "agent/check.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <filesystem>
 
 #include "agent/encipher.h"
+#include "agent/instance_lock.h"
 #include "agent/start_warnings.h"
 #include "agent_fixture.h"
 #include "base/descriptor.h"
@@ -109,6 +113,33 @@ TEST_F(check_test, tells_each_thing_that_would_fail) {
         ASSERT_NE(at, std::string::npos) << one.told << said;
         EXPECT_EQ(said.compare(said.rfind('\n', at) + 1, 6, "FAILED"), 0) << said;
     }
+}
+
+TEST_F(check_test, the_port_of_its_own_running_agent_is_good) {
+    const listening_socket holder;
+    replace("bindaddr=127.0.0.1", "bindaddr=127.0.0.1\nport=" + std::to_string(holder.port));
+    int ready[2];
+    ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        pid_t other = 0;
+        const bool taken = instance_lock(agent.ini().c_str(), &other) == instance_lock_taken;
+        if (!taken || write(ready[1], "x", 1) != 1) {
+            _exit(1);
+        }
+        pause();
+    }
+    close(ready[1]);
+    char byte = 0;
+    EXPECT_EQ(read(ready[0], &byte, 1), 1);
+    close(ready[0]);
+    const std::string said = run();
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    EXPECT_EQ(result, 0) << said;
+    EXPECT_NE(said.find("is in use by this agent, process " + std::to_string(child)), std::string::npos) << said;
+    run();
+    EXPECT_EQ(result, 1) << "the lock file alone says nothing";
 }
 
 TEST_F(check_test, says_which_of_the_three_kinds_of_keys_is_used) {
