@@ -188,19 +188,31 @@ std::string safe_charset(std::string_view name) {
     return std::string(good ? name : mail_charset_default);
 }
 
-int check_address(const std::string& mailbox, std::string* address, qx7_error* error) {
+int check_address(const std::string& mailbox, const char* whose, std::string* address, qx7_error* error) {
     *address = mail_address(mailbox);
-    return address->empty() ? qx_error_set(error, -1, EINVAL, MAIL_ADDRESS, "%s|", printable(mailbox).c_str()) : 0;
+    return address->empty()
+               ? qx_error_set(error, -1, EINVAL, MAIL_ADDRESS, "%s|%s|", printable(mailbox).c_str(), whose)
+               : 0;
+}
+
+// An order that leaves server and sender to settings that are not there.
+int check_settings(const mail_order& order, qx7_error* error) {
+    if (order.server.empty()) {
+        return qx_error_set(error, -1, EINVAL, MAIL_NO_SERVER, "|write smtp_server into section MAIL|");
+    }
+    return order.from.empty()
+               ? qx_error_set(error, -1, EINVAL, MAIL_ADDRESS, "|the sender: write smtp_from_addr into section MAIL|")
+               : 0;
 }
 
 int check_addresses(const mail_order& order, smtp_mail* mail, qx7_error* error) {
-    if (check_address(order.from, &mail->from, error) != 0) {
+    if (check_settings(order, error) != 0 || check_address(order.from, "the sender", &mail->from, error) != 0) {
         return -1;
     }
     for (const auto* list : {&order.to, &order.cc}) {
         for (const std::string& mailbox : *list) {
             mail->to.emplace_back();
-            if (check_address(mailbox, &mail->to.back(), error) != 0) {
+            if (check_address(mailbox, "a recipient", &mail->to.back(), error) != 0) {
                 return -1;
             }
         }

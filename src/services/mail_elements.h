@@ -24,7 +24,7 @@ enum mail_number : int {
     MAIL_DATA_REFUSED = 50009,     // "server|reply|"
     MAIL_REFUSED = 50010,          // "server|reply|"
     MAIL_NO_MEMORY = 50015,
-    MAIL_ADDRESS = 50016,          // "address|"
+    MAIL_ADDRESS = 50016,          // "address|whose|"
     MAIL_LOGON_REFUSED = 50027,    // "user|reply|"
     MAIL_NO_RECIPIENT = 50028,     // "server|"
     MAIL_SENT = 2000259,           // "order|"

@@ -12,6 +12,7 @@
 #include "messages/records_common.h"
 #include "messages/records_server.h"
 #include "own_context.h"
+#include "services/mail.h"
 #include "services/mail_body.h"
 #include "services/mail_elements.h"
 #include "services/mail_header.h"
@@ -137,6 +138,22 @@ TEST(mail_header, the_date_is_made_under_the_lock_of_the_time_zone) {
     EXPECT_FALSE(done);
     global_fork_unlock(own.pcx.get());
     mail.join();
+}
+
+TEST(mail_header, an_order_without_settings_is_told_which_one_to_write) {
+    const own_context context;
+    mail_order order;
+    const auto refusal = [&order] {
+        qx7_error error;
+        EXPECT_EQ(qxsmtp_sendMailEx(order, {}, {}, &error), -1);
+        return std::to_string(error.qx_msgnr) + " " + error.qx_msgInsert;
+    };
+    EXPECT_EQ(refusal(), "50001 |write smtp_server into section MAIL|");
+    order.server = "127.0.0.1";
+    EXPECT_EQ(refusal(), "50016 |the sender: write smtp_from_addr into section MAIL|");
+    order.from = "a@b";
+    order.to = {"a b@c"};
+    EXPECT_EQ(refusal(), "50016 a b@c|a recipient|");
 }
 
 TEST(mail_body, codes_as_the_standards_say) {
