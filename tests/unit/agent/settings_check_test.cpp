@@ -54,7 +54,6 @@ TEST(settings_check, tells_each_name_that_nobody_knows_and_each_value_that_nobod
         {"GLOBAL", "EventVersion = 3\n", {"taken instead: 1:", "1 to 2"}},
         {"GLOBAL", "ReportMode = 689\n", {"taken instead: 6:", "octal"}},
         {"GLOBAL", "KillSignal = HUP\n", {"taken instead: SIGKILL:", "TERM, ABRT"}},
-        {"GLOBAL", "userid_type = INCLUDED\n", {"taken instead: EXCL:", "write EXCL or INCL"}},
         {"GLOBAL", "language = (E,1)\n", {"language letters"}},
         {"GLOBAL", "sigterm = yes \n", {"has blanks at its end", "taken instead: no:"}},
         {"GLOBAL", "FT_Owner = user\nlog Count = 4\nhelplib =\n", {}},
@@ -77,7 +76,9 @@ TEST(settings_check, tells_each_name_that_nobody_knows_and_each_value_that_nobod
         {"GLOBAL", "allow_agentshell = on\n", {"END"}},
         {"GLOBAL", "listenerUID = nobody\n", {"'nobody'", "a number", "END"}},
         {"MISC", "authentication = ldap\n", {"'ldap'", "PAM or local", "END"}},
-        {"GLOBAL", "login_check = YE\nhardened = n\nallow_agentshell = 0\nlistenerUID = 0\n", {}},
+        {"GLOBAL", "userid_type = INCLUDED\n", {"'INCLUDED'", "EXCL or INCL", "END"}},
+        {"GLOBAL", "QX_user_type = only\n", {"'only'", "EXCL or INCL", "END"}},
+        {"GLOBAL", "userid_type = incl\nlogin_check = YE\nhardened = n\nallow_agentshell = 0\nlistenerUID = 0\n", {}},
         {"MISC", "authentication = pam\n", {}},
     };
     for (const fault_case& one : cases) {
