@@ -17,6 +17,7 @@
 #include "base/children.h"
 #include "base/descriptor.h"
 #include "base/log.h"
+#include "base/starter_limits.h"
 #include "base/starter_link.h"
 #include "base/starter_record.h"
 #include "base/time.h"
@@ -237,6 +238,7 @@ starter_result starter_start(const starter_wish& wish, pid_t* pid) {
     if (record.empty() || !have_starter()) {
         return STARTER_ABSENT;
     }
+    starter_follow_limits(the_starter.pid);
     if (send_order(record, wish) != 0) {
         __log(-1, "the starter %d takes no orders and is replaced", static_cast<int>(the_starter.pid));
         drop_starter(true);

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 
@@ -82,6 +83,26 @@ TEST_F(Starter, AChildIsOurOwnAndTakesWhatTheOrderSays) {
               "first line\nvalue " + std::to_string(getpid()) + "\n" + folder.path +
                   "\n77\n4\n/dev/null\nSigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n");
     close(out);
+}
+
+// As `prlimit --pid` on the agent while it runs.
+TEST_F(Starter, AChildHasTheLimitsThatTheAgentHasNow) {
+    const std::string script = "ulimit -S -f >> " + (folder / "out");
+    rlimit before;
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+    ASSERT_EQ(start(script), STARTER_STARTED);
+    EXPECT_EQ(wait_status(pid), 0);
+    const rlimit lower = {512 * 4321, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &lower), 0);
+    const starter_result result = start(script);
+    setrlimit(RLIMIT_FSIZE, &before);
+    ASSERT_EQ(result, STARTER_STARTED);
+    EXPECT_EQ(wait_status(pid), 0);
+    ASSERT_EQ(start(script), STARTER_STARTED);
+    EXPECT_EQ(wait_status(pid), 0);
+    const std::string told = read_text(folder / "out");
+    const std::string first = told.substr(0, told.find('\n') + 1);
+    EXPECT_EQ(told, first + "4321\n" + first);
 }
 
 TEST_F(Starter, AChildThatIsHeldOnItsWayHoldsNobody) {
