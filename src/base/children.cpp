@@ -1,14 +1,64 @@
 #include "base/children.h"
 
+#include <sys/epoll.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <unordered_map>
 #include <unordered_set>
+#include <utility>
+
+#include "base/descriptor.h"
 
 namespace {
 
-std::unordered_set<pid_t> noted;
+// The end of a child is seen at its pidfd, so that the others cost nothing however many they are. Those without
+// one (an old kernel, too few descriptors) are looked for.
+struct watched_children {
+    qx_descriptor set;  // epoll
+    std::unordered_map<pid_t, qx_descriptor> watched;
+    std::unordered_set<pid_t> unwatched;
+};
+
+watched_children children;
 int expected = 0;  // processes that are being made elsewhere and will be noted
+
+// A quarter of the descriptors is left to connections and files.
+size_t watch_limit() {
+    rlimit limit{};
+    return getrlimit(RLIMIT_NOFILE, &limit) == 0 ? static_cast<size_t>(limit.rlim_cur / 4 * 3) : 0;
+}
+
+qx_descriptor watch(pid_t pid) {
+    if (children.watched.size() >= watch_limit()) {
+        return {};
+    }
+    if (!children.set.valid()) {
+        children.set.reset(epoll_create1(EPOLL_CLOEXEC));
+    }
+    qx_descriptor process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.fd = pid;
+    if (!process.valid() || epoll_ctl(children.set.get(), EPOLL_CTL_ADD, process.get(), &event) != 0) {
+        return {};
+    }
+    return process;
+}
+
+// Taken out of the set by name: a forked process may still hold the descriptor.
+void forget(pid_t pid) {
+    if (const auto found = children.watched.find(pid); found != children.watched.end()) {
+        epoll_ctl(children.set.get(), EPOLL_CTL_DEL, found->second.get(), nullptr);
+        children.watched.erase(found);
+    }
+    children.unwatched.erase(pid);
+}
 
 // waitpid that is repeated when a signal came in between.
 pid_t wait_for(pid_t pid, int* status) {
@@ -31,24 +81,54 @@ pid_t peek_ended_child() {
 }
 
 bool collect(pid_t candidate, pid_t* pid, int* status) {
-    if (wait_for(candidate, status) != candidate) {
+    const pid_t result = wait_for(candidate, status);
+    if (result != 0) {
+        forget(candidate);  // also when somebody else has waited for it
+    }
+    if (result != candidate) {
         return false;
     }
-    noted.erase(candidate);
     *pid = candidate;
     return true;
+}
+
+bool collect_watched(pid_t* pid, int* status) {
+    epoll_event event{};
+    while (!children.watched.empty() && epoll_wait(children.set.get(), &event, 1, 0) == 1) {
+        if (collect(event.data.fd, pid, status)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool collect_unwatched(pid_t* pid, int* status) {
+    const std::unordered_set<pid_t> candidates = children.unwatched;
+    return std::any_of(candidates.begin(), candidates.end(),
+                       [&](pid_t candidate) { return collect(candidate, pid, status); });
+}
+
+bool adopts() {
+    int subreaper = 0;
+    return getpid() == 1 || (prctl(PR_GET_CHILD_SUBREAPER, &subreaper) == 0 && subreaper != 0);
 }
 
 }  // namespace
 
 void children_note(pid_t pid) {
-    if (pid > 0) {
-        noted.insert(pid);
+    if (pid <= 0) {
+        return;
+    }
+    forget(pid);
+    if (qx_descriptor process = watch(pid); process.valid()) {
+        children.watched.emplace(pid, std::move(process));
+    } else {
+        children.unwatched.insert(pid);
     }
 }
 
 bool children_known(pid_t pid) {
-    return noted.contains(pid);
+    return children.watched.contains(pid) || children.unwatched.contains(pid);
 }
 
 void children_expect() {
@@ -60,6 +140,12 @@ void children_expect_end() {
 }
 
 bool children_collect(pid_t* pid, int* status) {
+    if (collect_watched(pid, status)) {
+        return true;
+    }
+    if (children.unwatched.empty() && !adopts()) {
+        return false;
+    }
     while (const pid_t ended = peek_ended_child()) {
         if (children_known(ended)) {
             return collect(ended, pid, status);
@@ -72,24 +158,16 @@ bool children_collect(pid_t* pid, int* status) {
             break;
         }
     }
-    if (expected == 0) {
-        return false;
-    }
     // A child without a name stands in front: the others are asked one by one.
-    const std::unordered_set<pid_t> candidates = noted;
-    for (pid_t candidate : candidates) {
-        if (collect(candidate, pid, status)) {
-            return true;
-        }
-    }
-    return false;
+    return expected > 0 && collect_unwatched(pid, status);
 }
 
 size_t children_count() {
-    return noted.size();
+    return children.watched.size() + children.unwatched.size();
 }
 
+// The set is the parent's, too: nothing may be taken out of it here.
 void children_forget_all() {
-    noted.clear();
+    children = watched_children{};
     expected = 0;
 }

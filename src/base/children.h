@@ -18,8 +18,9 @@ bool children_known(pid_t pid);
 void children_expect();
 void children_expect_end();
 // Collects one noted child that has ended, without waiting. False when none has.
-// Cheap when many run: the kernel is asked for any ended child first, and each noted one only if that is a
-// stranger whom nobody may collect yet.
+// What it costs does not grow with the children that run: each is watched by a descriptor (pidfd), for up to
+// three quarters of the descriptors that this process may have. The kernel's list is searched only for those above that, and
+// where this process adopts.
 bool children_collect(pid_t* pid, int* status);
 size_t children_count();
 // In a forked child: the parent's children are not its own.

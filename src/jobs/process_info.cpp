@@ -206,20 +206,10 @@ void take_figures(JP_AREA* job, const job_figures& figures) {
     job_set_text(job->ImageName, figures.image);
 }
 
-// The part that both forms share: 0 when the process is gone.
-pid_t begin_attributes(JP_AREA* job) {
-    const pid_t pid = CheckProzessId(job);
-    if (pid == 0) {
-        return 0;
-    }
-    clear_figures(job);
-    job->akt_pid = job->m_ppid > 0 ? static_cast<uint32_t>(job->m_ppid) : static_cast<uint32_t>(pid);
-    return pid;
-}
-
 enum process_found { PROCESS_RUNS, PROCESS_GONE, PROCESS_FOREIGN };
 
-process_found look_at(const JP_AREA* job, pid_t pid) {
+// Fills what it read of the process, else its id stays 0.
+process_found look_at(const JP_AREA* job, pid_t pid, procArea_t* process) {
     // What a message or a report told may by now be the agent or a process of its own: a cancel must not end
     // it.
     const bool known_by_number_only = (job->JP_flag & job_flag_own_child) == 0 && job->JP_jStart == 0;
@@ -235,17 +225,52 @@ process_found look_at(const JP_AREA* job, pid_t pid) {
         process_owner(pid) != job->jp_uid) {
         return PROCESS_FOREIGN;
     }
-    procArea_t process;
-    if (!GetLinuxProcEntry(pid, &process)) {
+    if (!GetLinuxProcEntry(pid, process)) {
+        process->pa_pid = 0;
         // Hidden by the mount options of /proc, or gone since the call above.
         return kill(pid, 0) == 0 || errno == EPERM ? PROCESS_RUNS : PROCESS_GONE;
     }
-    if (job->JP_jStart != 0 && process.pa_start != 0 && job->JP_jStart != process.pa_start) {
+    if (job->JP_jStart != 0 && process->pa_start != 0 && job->JP_jStart != process->pa_start) {
         return PROCESS_FOREIGN;  // the number was given anew
     }
-    const bool own_child = (job->JP_flag & job_flag_own_child) != 0 && process.pa_ppid == getpid();
-    const bool ended = process.pa_state == 'Z' || process.pa_state == 'X';
+    const bool own_child = (job->JP_flag & job_flag_own_child) != 0 && process->pa_ppid == getpid();
+    const bool ended = process->pa_state == 'Z' || process->pa_state == 'X';
     return ended && !own_child ? PROCESS_GONE : PROCESS_RUNS;
+}
+
+// CheckProzessId, with what was read of the process.
+pid_t check_process(const JP_AREA* job, procArea_t* process) {
+    if ((job->JP_flag & job_flag_end_taken) != 0) {
+        return 0;
+    }
+    const pid_t pid = SetCheckPid(job);
+    if (pid <= 1) {
+        return process_group_lives(job->jp_group) ? job->jp_group : 0;
+    }
+    switch (look_at(job, pid, process)) {
+        case PROCESS_RUNS:
+            return pid;
+        case PROCESS_GONE:
+            return job_group_survives(job) ? pid : 0;
+        case PROCESS_FOREIGN:
+            break;
+    }
+    return 0;
+}
+
+// The part that both forms share: 0 when the process is gone. The id in `own` is 0 where it could not be read, and
+// where a start command's process stands for one that the messenger will name.
+pid_t begin_attributes(JP_AREA* job, procArea_t* own) {
+    const pid_t pid = check_process(job, own);
+    if (pid == 0) {
+        return 0;
+    }
+    clear_figures(job);
+    job->akt_pid = job->m_ppid > 0 ? static_cast<uint32_t>(job->m_ppid) : static_cast<uint32_t>(pid);
+    if (own->pa_pid != 0) {
+        job->JP_jStart = own->pa_start;
+    }
+    return pid;
 }
 
 bool wants_figures() {
@@ -305,22 +330,8 @@ pid_t SetCheckPid(const JP_AREA* job) {
 }
 
 pid_t CheckProzessId(const JP_AREA* job) {
-    if ((job->JP_flag & job_flag_end_taken) != 0) {
-        return 0;
-    }
-    const pid_t pid = SetCheckPid(job);
-    if (pid <= 1) {
-        return process_group_lives(job->jp_group) ? job->jp_group : 0;
-    }
-    switch (look_at(job, pid)) {
-        case PROCESS_RUNS:
-            return pid;
-        case PROCESS_GONE:
-            return job_group_survives(job) ? pid : 0;
-        case PROCESS_FOREIGN:
-            break;
-    }
-    return 0;
+    procArea_t process;
+    return check_process(job, &process);
 }
 
 std::vector<procArea_t> processes_of_group(pid_t group) {
@@ -338,14 +349,10 @@ std::vector<procArea_t> processes_of_group(pid_t group) {
 }
 
 int Get_Proc_Attr(JP_AREA* job) {
-    const pid_t pid = begin_attributes(job);
+    procArea_t own;
+    const pid_t pid = begin_attributes(job, &own);
     if (pid == 0) {
         return 0;
-    }
-    procArea_t own;
-    // The start command's process is not the one that the messenger will name.
-    if (pid == SetCheckPid(job) && GetLinuxProcEntry(pid, &own)) {
-        job->JP_jStart = own.pa_start;
     }
     if (!wants_figures()) {
         return static_cast<int>(job->akt_pid);
@@ -361,17 +368,13 @@ int Get_Proc_Attr(JP_AREA* job) {
 }
 
 int Get_Proc_Attr_own(JP_AREA* job) {
-    const pid_t pid = begin_attributes(job);
+    procArea_t own;
+    const pid_t pid = begin_attributes(job, &own);
     if (pid == 0) {
         return 0;
     }
-    procArea_t own;
-    if (GetLinuxProcEntry(pid, &own)) {
-        job->JP_jStart = own.pa_start;
-        if (wants_figures()) {
-            take_figures(job,
-                         job_figures{own.pa_cpuTime, own.pa_ucpu, own.pa_scpu, own.pa_ioCount, own.pa_fname});
-        }
+    if (wants_figures() && (own.pa_pid != 0 || GetLinuxProcEntry(pid, &own))) {
+        take_figures(job, job_figures{own.pa_cpuTime, own.pa_ucpu, own.pa_scpu, own.pa_ioCount, own.pa_fname});
     }
     return static_cast<int>(job->akt_pid);
 }

@@ -3,10 +3,12 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <set>
 
 namespace {
 
@@ -90,6 +92,31 @@ TEST_F(children, one_whose_number_is_still_to_come_is_left_alone) {
     ASSERT_TRUE(children_collect(&pid, &status));
     EXPECT_EQ(pid, expected);
     EXPECT_EQ(WEXITSTATUS(status), 5);
+}
+
+// Descriptors are kept for other things: whom none is left for is found all the same, and so is one whom somebody
+// else has waited for.
+TEST_F(children, all_are_found_when_descriptors_are_few) {
+    rlimit usual{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
+    const rlimit few{20, usual.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+    std::set<pid_t> own;
+    for (int i = 0; i < 30; ++i) {
+        const pid_t pid = child_that_ends(i);
+        children_note(pid);
+        own.insert(pid);
+    }
+    EXPECT_EQ(waitpid(*own.begin(), nullptr, 0), *own.begin());
+    own.erase(own.begin());
+    pid_t pid = 0;
+    int status = 0;
+    while (children_collect(&pid, &status)) {
+        EXPECT_EQ(own.erase(pid), 1U);
+    }
+    EXPECT_TRUE(own.empty());
+    EXPECT_EQ(children_count(), 0U);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
 }
 
 }  // namespace
