@@ -1,7 +1,6 @@
 #include "messages/frame.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 
 #include "messages/frame_items.h"
@@ -30,7 +29,7 @@ bool has_eye_catcher(const void* buffer) {
                   sizeof eye_catcher - 1) == 0;
 }
 
-// 7 decimal digits, -1 when they are none.
+// -1 when they are none.
 int64_t read_digits(const unsigned char* bytes, size_t size) {
     int64_t value = 0;
     for (size_t i = 0; i < size; i++) {
@@ -39,6 +38,11 @@ int64_t read_digits(const unsigned char* bytes, size_t size) {
         value = value * 10 + bytes[i] - '0';
     }
     return value;
+}
+
+void write_digits(unsigned char* bytes, size_t size, uint64_t value) {
+    for (size_t i = size; i > 0; value /= 10)
+        bytes[--i] = static_cast<unsigned char>('0' + value % 10);
 }
 
 }  // namespace
@@ -56,9 +60,7 @@ int64_t GetProtocolLength(const void* buffer) {
 int SetProtocolLength(void* buffer, int64_t length) {
     if (!has_eye_catcher(buffer) || length < 0 || length > frame_length_max)
         return -1;
-    char digits[24];
-    snprintf(digits, sizeof digits, "%.8lld", static_cast<long long>(length));
-    memcpy(buffer, digits, 8);
+    write_digits(static_cast<unsigned char*>(buffer), 8, static_cast<uint64_t>(length));
     return 0;
 }
 
@@ -158,9 +160,7 @@ size_t item_write_head(unsigned char* dst, unsigned char key, size_t length) {
     if (field == 7) {
         if (length > 9'999'999)
             return 0;
-        char digits[24];
-        snprintf(digits, sizeof digits, "%.7zu", length);
-        memcpy(dst + 1, digits, field);
+        write_digits(dst + 1, field, length);
     } else {
         if (length > UINT32_MAX || (field < 4 && length >> (8 * field) != 0))
             return 0;
@@ -241,35 +241,6 @@ int64_t frame_wrap_body(unsigned char* body, size_t length, const char* protocol
     *frame = body - frame_header_size;
     frame_set_header(*frame, protocol, whole);
     return whole;
-}
-
-std::vector<unsigned char> frame_make_message(const void* message, size_t length,
-                                              const frame_address& address) {
-    if (length > static_cast<uint64_t>(frame_length_max))
-        return {};
-    std::vector<unsigned char> buffer(frame_headroom + length + frame_tailroom);
-    if (length > 0)
-        memcpy(buffer.data() + frame_headroom, message, length);
-    unsigned char* body = nullptr;
-    unsigned char* frame = nullptr;
-    size_t body_length = frame_wrap_message(buffer.data() + frame_headroom, length, address, &body);
-    int64_t whole = frame_wrap_body(body, body_length, protocol_native, &frame);
-    if (whole < 0)
-        return {};
-    return {frame, frame + whole};
-}
-
-std::vector<unsigned char> frame_make_item(unsigned char key, const void* data, size_t length) {
-    unsigned char head[8];
-    size_t head_size = item_write_head(head, key, length);
-    if (head_size == 0 || length > static_cast<uint64_t>(frame_length_max) - frame_header_size - head_size)
-        return {};
-    std::vector<unsigned char> frame(frame_header_size + head_size + length);
-    frame_set_header(frame.data(), protocol_native, static_cast<int64_t>(frame.size()));
-    memcpy(frame.data() + frame_header_size, head, head_size);
-    if (length > 0)
-        memcpy(frame.data() + frame_header_size + head_size, data, length);
-    return frame;
 }
 
 namespace {
