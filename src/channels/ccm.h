@@ -258,7 +258,7 @@ struct ccm_context_t {
     std::atomic<unsigned long> cycles;  // of the network thread
     int network_wakeup[2];              // non-blocking pipes, -1 when closed
     int processor_wakeup[2];
-    std::atomic<int> network_awake;  // a wake-up byte stands in the pipe
+    std::atomic<int> network_awake;  // no wake-up byte is wanted: one stands in the pipe, or work goes on
     std::atomic<int> processor_awake;
 };
 

@@ -43,9 +43,9 @@ int highest_used = 0;
 
 void drain_pipe(int fd) {
     char bytes[256];
-    while (read(fd, bytes, sizeof bytes) > 0) {
+    while (read(fd, bytes, sizeof bytes) == sizeof bytes) {
     }
-    // EAGAIN: empty. Anything else shows at the next wait.
+    // Less than that was all. A failure shows at the next wait.
 }
 
 int make_pipe(int (&ends)[2]) {
@@ -55,8 +55,8 @@ int make_pipe(int (&ends)[2]) {
     return descriptors_in_range(ends);
 }
 
-// `awake` tells that a byte stands in the pipe already; the reader clears it after emptying the pipe and
-// before it looks for work.
+// `awake` tells that no byte is wanted: one stands in the pipe already, or the reader is at work and looks for
+// more by itself. The reader clears it before it looks for work and waits.
 int wake(int fd, std::atomic<int>* awake, char letter) {
     if (awake->exchange(1) != 0) {
         return 0;
@@ -390,6 +390,7 @@ int ccm_thread_start(ccm_context_t* ccm, ccm_error_t* err) {
 
 int ccm_thread_stop(ccm_context_t* ccm) {
     ccm->loop.store(0);
+    ccm->network_awake.store(0);  // the thread may have looked at its loop already: it needs the byte
     return ccm_wakeup_network(ccm);
 }
 
@@ -564,6 +565,7 @@ void ccm_dispatch_send_messages(ccm_context_t* ccm) {
 }
 
 int ccm_network_select(ccm_context_t* ccm, int timeout_seconds, ccm_error_t* err) {
+    ccm->network_awake.exchange(0);
     {
         spin_guard guard(&ccm->channel_lock);
         ccm_channel_merge_newq(ccm);
@@ -573,6 +575,7 @@ int ccm_network_select(ccm_context_t* ccm, int timeout_seconds, ccm_error_t* err
     timeval timeout{plan.timeout_seconds, 0};
     // No exception set: one urgent byte of a stranger would keep it ready for ever.
     int ready = select(plan.highest + 1, read_set.native(), write_set.native(), nullptr, &timeout);
+    ccm->network_awake.store(1);
     if (ready < 0) {
         return report_select(ccm, plan, errno, err);
     }
@@ -582,7 +585,6 @@ int ccm_network_select(ccm_context_t* ccm, int timeout_seconds, ccm_error_t* err
     int pipe = ccm->network_wakeup[0];
     if (pipe >= 0 && read_set.has(pipe)) {
         drain_pipe(pipe);
-        ccm->network_awake.store(0);
     }
     for (ccm_channel_t *channel = ccm->channelq.first, *next; channel != nullptr; channel = next) {
         next = channel->nxt;

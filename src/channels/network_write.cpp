@@ -188,6 +188,9 @@ void adopt_accepted(ccm_context_t* ccm, int s, const ccm_caller& caller, const c
     channel->caller = caller;
     copy_text(channel->addr, address);
     copy_text(channel->host, address);
+    if (ccm_address2string(&caller.own, channel->bind_addr, sizeof channel->bind_addr) == 0) {
+        channel->flag.fetch_or(CH_FLAG_BIND_KNOWN);
+    }
     // The socket works without linger as well; accept has made it non-blocking.
     ccm_set_linger(ccm, channel, 1, ccm_linger_seconds, &error);
     channel->timestamp_last_io = channel->timestamp_last_read = alarm_now();

@@ -447,6 +447,30 @@ TEST_F(ccm_test, wake_ups_neither_block_nor_pile_up) {
     ccm_thread_end(ccm);
 }
 
+// The thread is between its last write and its next wait when the next message is queued: it gets no byte then,
+// and must look before it waits.
+TEST_F(ccm_test, what_is_queued_while_the_thread_is_at_work_goes_out_as_well) {
+    int id = 0;
+    start();
+    be(MODE_LISTENER);
+    partner far = open_channel(CH_TYPE_IPC, ccm_name_ipc_agent, &id);
+    const timeval limit{5, 0};
+    ASSERT_EQ(setsockopt(far.fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit), 0);
+    for (int i = 0; i < 5000; ++i) {
+        ccm_msg_t* msg = ipc_record_alloc(ccm, ipc_ping, sizeof(ipcmsg_ping_t));
+        ccm_setaddr(msg, id, 0, "", "", 0);
+        ASSERT_EQ(send_IPC_message(ccm, msg), 0);
+        unsigned char frame[frame_header_size + sizeof(ipcmsg_ping_t)];
+        ASSERT_EQ(recv(far.fd, frame, sizeof frame, MSG_WAITALL), static_cast<ssize_t>(sizeof frame)) << i;
+    }
+    // A stop in the same moment as well: it ends the thread here, or the test by its time limit.
+    for (int i = 0; i < 500; ++i) {
+        ccm_wakeup_network(ccm);
+        ccm_thread_end(ccm);
+        start();
+    }
+}
+
 TEST_F(ccm_test, record_heads_with_any_size_are_judged_before_they_are_read) {
     int id = 0;
     start();
