@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <optional>
 
 #include "base/context.h"
@@ -132,11 +133,13 @@ void take_info_text(JP_AREA* job, const JP_EXMLDJ& record) {
 }
 
 void take_ids(JP_AREA* job, const JP_EXMLDJ& record) {
-    job->m_pid = accepted_pid(job, record.pid);
-    job->m_ppid = accepted_pid(job, record.ppid);
-    job->m_pgrp = accepted_pid(job, record.pgrp);
-    job->m_pgid = accepted_pid(job, record.pgid);
-    job->m_sid = accepted_pid(job, record.sid);
+    const int32_t told[] = {record.pid, record.ppid, record.pgrp, record.pgid, record.sid};
+    pid_t* const fields[] = {&job->m_pid, &job->m_ppid, &job->m_pgrp, &job->m_pgid, &job->m_sid};
+    for (size_t at = 0; at < std::size(told); ++at) {
+        // Most of them are the same process, which is looked up once.
+        const size_t first = static_cast<size_t>(std::find(told, told + at, told[at]) - told);
+        *fields[at] = first < at ? *fields[first] : accepted_pid(job, told[at]);
+    }
     job->m_uid = record.uid;
     job->m_euid = record.euid;
     job->m_gid = record.gid;

@@ -14,7 +14,7 @@ inline constexpr uid_t meld_unknown_uid = static_cast<uid_t>(-1);
 inline constexpr int meld_not_taken = 2003078;
 
 // uid of the socket at the other end, from the kernel's socket table; all ones when it is not found, as for a
-// process in a network namespace of its own. With both ends exchanged it is the uid of the own end. Any thread.
+// process in a network namespace of its own. With both ends exchanged it is the uid of the own end. Main thread.
 uid_t meld_peer_uid(const sockaddr_storage& own, const sockaddr_storage& peer);
 // The uid that sent a message over the connection which the listener names: all ones unless its own end is on
 // `port`, belongs to `listener_uid` and both ends are on this host. The listener is not believed: it could

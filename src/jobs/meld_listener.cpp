@@ -7,9 +7,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 
-#include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
@@ -61,19 +59,18 @@ struct diag_request {
     inet_diag_req_v2 body;
 };
 
-// Asks for exactly one socket: the peer's, whose source is the peer's address and whose target is ours.
-uid_t uid_from_kernel(const end_point& own, const end_point& peer) {
-    const qx_descriptor netlink(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
-    if (!netlink.valid()) {
-        return meld_unknown_uid;
-    }
-    const timeval limit{1, 0};
-    setsockopt(netlink.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);  // a second try follows anyway
+// Kept from one message to the next, and given up with the first answer that is none: nothing of an earlier
+// question can stand in it. Main thread.
+qx_descriptor socket_tables;
+uint32_t questions = 0;
 
+// Asks for exactly one socket: the peer's, whose source is the peer's address and whose target is ours.
+diag_request question(const end_point& own, const end_point& peer) {
     diag_request request{};
     request.head.nlmsg_len = sizeof request;
     request.head.nlmsg_type = SOCK_DIAG_BY_FAMILY;
     request.head.nlmsg_flags = NLM_F_REQUEST;
+    request.head.nlmsg_seq = ++questions;
     request.body.sdiag_family = peer.v6 ? AF_INET6 : AF_INET;
     request.body.sdiag_protocol = IPPROTO_TCP;
     request.body.idiag_states = ~0U;
@@ -83,15 +80,35 @@ uid_t uid_from_kernel(const end_point& own, const end_point& peer) {
     memcpy(request.body.id.idiag_dst, own.address, sizeof own.address);
     request.body.id.idiag_cookie[0] = INET_DIAG_NOCOOKIE;
     request.body.id.idiag_cookie[1] = INET_DIAG_NOCOOKIE;
-    if (send(netlink.get(), &request, sizeof request, 0) != static_cast<ssize_t>(sizeof request)) {
+    return request;
+}
+
+// The answer's length; -1 when it is none to this question. The kernel answers before the send returns.
+ssize_t ask_kernel(const diag_request& request, char* answer, size_t size) {
+    if (!socket_tables.valid()) {
+        socket_tables.reset(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
+    }
+    if (!socket_tables.valid() ||
+        send(socket_tables.get(), &request, sizeof request, 0) != static_cast<ssize_t>(sizeof request)) {
+        return -1;
+    }
+    const ssize_t length = recv(socket_tables.get(), answer, size, MSG_DONTWAIT);
+    nlmsghdr head{};
+    if (length < static_cast<ssize_t>(sizeof head)) {
+        return -1;
+    }
+    memcpy(&head, answer, sizeof head);
+    return head.nlmsg_seq == request.head.nlmsg_seq ? length : -1;
+}
+
+uid_t uid_from_kernel(const end_point& own, const end_point& peer) {
+    alignas(nlmsghdr) char answer[8192];
+    const ssize_t length = ask_kernel(question(own, peer), answer, sizeof answer);
+    if (length < 0) {
+        socket_tables.reset();  // a second way follows
         return meld_unknown_uid;
     }
-    alignas(nlmsghdr) char answer[8192];
-    ssize_t length = 0;
-    do {
-        length = recv(netlink.get(), answer, sizeof answer, 0);
-    } while (length < 0 && errno == EINTR);
-    return length > 0 ? meld_uid_from_answer(answer, static_cast<size_t>(length)) : meld_unknown_uid;
+    return meld_uid_from_answer(answer, static_cast<size_t>(length));
 }
 
 // As the kernel's tables print it: 32-bit words in host order.
