@@ -132,7 +132,14 @@ int process_ipc_channel_accept(EX_PCX* pcx, ccm_msg_t* msg, int) {
         __log(2003066, "LISTENER/%s()|%d", "process_ipc_channel_accept", record.ID);
         return -1;
     }
-    __log(2002039, "s=%d(ID=%d)|%s:%d", channel.s, channel.ID, channel.addr, channel.port);
+    ccm_caller caller;
+    if (ccm_channel_caller(pcx->ccm, record.ID, &caller) != 0 || !caller.own_host) {
+        __log(2002039, "s=%d(ID=%d)|%s:%d", channel.s, channel.ID, channel.addr, channel.port);
+    } else if (trc_on(TRC_TCPIP)) {
+        // Each call of a job's messenger is one; an agent of this host is told at its handshake.
+        _TraceText("connection from %s:%d (s=%d,ID=%d) is accepted", channel.addr, channel.port, channel.s,
+                   channel.ID);
+    }
     return send_visitcard(pcx, record.ID);
 }
 
