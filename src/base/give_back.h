@@ -3,6 +3,6 @@
 
 // At the start of a process: large blocks always come from the system and go back to it, whatever was freed before.
 void memory_set_up();
-// Gives free memory back when there is more of it than the last time. Cheap when nothing has changed. Main thread, in
+// Gives free memory back when the process has grown since the last time. Cheap when it has not. Main thread, in
 // a moment of quiet.
 void memory_give_back();
