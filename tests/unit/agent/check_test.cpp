@@ -3,8 +3,10 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -229,6 +231,44 @@ TEST(encipher, gives_a_text_that_settings_read_back) {
     for (const std::string& text : {std::string(), std::string("\n"), std::string(101, 'q')}) {
         EXPECT_EQ(enciphered(text, 1), "");
     }
+}
+
+TEST(encipher, a_terminal_does_not_show_what_is_typed) {
+    const qx_descriptor screen(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+    char name[64];
+    ASSERT_TRUE(screen.valid() && grantpt(screen.get()) == 0 && unlockpt(screen.get()) == 0);
+    ASSERT_EQ(ptsname_r(screen.get(), name, sizeof name), 0);
+    const qx_descriptor keys(open(name, O_RDWR | O_NOCTTY | O_CLOEXEC));
+    ASSERT_TRUE(keys.valid());
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(60);
+        FILE* in = fdopen(keys.get(), "r");
+        FILE* messages = fopen(name, "we");
+        FILE* out = fopen("/dev/null", "we");
+        setvbuf(messages, nullptr, _IONBF, 0);  // as standard error
+        const int code = encipher_command(in, out, messages);
+        fputs("the end", messages);
+        _exit(code);
+    }
+    std::string shown;
+    const auto read_until = [&](const char* text) {
+        char part[256];
+        ssize_t length = 0;
+        while (shown.find(text) == std::string::npos && (length = read(screen.get(), part, sizeof part)) > 0) {
+            shown.append(part, static_cast<size_t>(length));
+        }
+    };
+    read_until("it is not shown");
+    ASSERT_EQ(write(screen.get(), "s3cret\n", 7), 7);
+    read_until("the end");
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(shown.find("s3cret"), std::string::npos) << shown;
+    termios after;
+    ASSERT_EQ(tcgetattr(keys.get(), &after), 0);
+    EXPECT_NE(after.c_lflag & ECHO, 0U) << "the next command's typing is shown again";
 }
 
 }  // namespace
