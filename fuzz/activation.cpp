@@ -1,11 +1,11 @@
 // The life of a job as the server can shape it: EXAKTJ with its rest items, JCL and tables, BIN_DATA for what it
 // waits for, then queries, cancels and checks in any order. The first byte chooses the start type, whether a
 // process can be had, and whether passwords are checked. Every activation is answered once, or its job waits.
-#include <algorithm>
 #include <cstdlib>
 
 #include "agent_side.h"
 #include "identity/password_check.h"
+#include "input.h"
 #include "jobs/activation.h"
 #include "jobs/job_context.h"
 #include "jobs/job_table.h"
@@ -14,15 +14,8 @@
 
 namespace {
 
-constexpr int process_of_nobody = 1 << 23;  // above the largest that there can be
-
 std::string work_file(const char* name) {
     return sandbox().folder + "/work/" + name;
-}
-
-void number_only(message_bytes* message) {
-    const char* type = reinterpret_cast<const char*>(message->data());
-    set_number(message, std::string(type, 8).c_str(), "ah_idnr", fuzz_run);
 }
 
 void preset_activation(message_bytes* message) {
@@ -81,25 +74,17 @@ void set_up(uint8_t choice) {
     pcx.upgrade_ah_idnr = (choice & 0xc0) == 0xc0 ? 9 : 0;
 }
 
-void make_alarms_due() {
-    for (JP_AREA* job = Next_JEntry(0, 0); job != nullptr; job = Next_JEntry(job->JP_jobNr, job->JP_Mandant)) {
-        job->JP_alrmTime = job->JP_alrmTime == 0 ? 0 : 1;
-    }
-}
-
-size_t count_of(const std::vector<std::string>& answers, const char* type) {
-    return static_cast<size_t>(std::count(answers.begin(), answers.end(), type));
+size_t answers_told() {
+    return answer_count("EXAKTJQU") + answer_count("QUITT   ");
 }
 
 void activate(const message_bytes& message) {
-    const std::vector<std::string> before = fuzz_answers();
+    const size_t before = answers_told();
     const int jobs = jpGetJobCount();
     if (!fuzz_give("JPAKTJ_R", message)) {
         return;
     }
-    const std::vector<std::string> after = fuzz_answers();
-    const size_t told = count_of(after, "EXAKTJQU") - count_of(before, "EXAKTJQU") + count_of(after, "QUITT   ") -
-                        count_of(before, "QUITT   ");
+    const size_t told = answers_told() - before;
     const bool entered = jpGetJobCount() > jobs;
     if (told > 1 || (told == 0 && !entered)) {
         abort();
@@ -110,7 +95,7 @@ void step(byte_source* source) {
     const auto choice = static_cast<uint8_t>(source->byte() % (end_process + 1));
     EX_PCX& pcx = fuzz_agent();
     if (choice == check_jobs) {
-        make_alarms_due();
+        make_alarms_due(true);
         process_jobchk(&pcx, nullptr, 0);
     } else if (choice == end_process) {
         process_job_sigchild(&pcx, process_of_nobody, source->byte(), source->byte() << 8);
@@ -124,24 +109,19 @@ void step(byte_source* source) {
     }
 }
 
-}  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (size < 2) {
-        return 0;
-    }
-    byte_source source(data, size);
-    fuzz_begin();
-    set_up(source.byte());
-    activate(fuzz_message(&source, orders[source.byte() & 1]));
-    for (int i = 0; i < 4 && source.left() > 0; ++i) {
-        step(&source);
-    }
+void run(byte_source* source) {
+    set_up(source->byte());
+    activate(fuzz_message(source, orders[source->byte() & 1]));
+    fuzz_steps(source, 4, step);
     JPPCX* jobs = job_context();
     Reset_JTab();
     jobs->used_resource_list.clear();
     jobs->requested_resource_list.clear();
     jobs->waiting_resource_list.clear();
-    fuzz_end();
-    return 0;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    return fuzz_input(data, size, 2, run);
 }

@@ -1,17 +1,15 @@
 // EXREQCMD, what the command leaves in its output, its end, its cancel and its time limit. The first byte chooses
 // whether a process can be had and whether passwords are checked. A request is refused at once or answered once at
 // the end of its command, if nobody cancelled it.
-#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 
 #include "agent_side.h"
+#include "input.h"
 #include "jobs/commands.h"
 #include "jobs/job_context.h"
 
 namespace {
-
-constexpr int process_of_nobody = 1 << 23;
 
 std::string output_file() {
     return sandbox().folder + "/work/output";
@@ -26,24 +24,18 @@ void preset_request(message_bytes* message) {
     add_data(message, type, "jcl", "echo");
 }
 
-void preset_cancel(message_bytes* message) {
-    set_number(message, "EXREQCAN", "ah_idnr", fuzz_run);
-}
-
 constexpr fuzz_order request = {"EXECCMD", "EXREQCMD", preset_request};
-constexpr fuzz_order cancel = {"EXECCMD", "EXREQCAN", preset_cancel};
+constexpr fuzz_order cancel = {"EXECCMD", "EXREQCAN", number_only};
 
-size_t answer_count() {
-    const auto answers = fuzz_answers();
-    return static_cast<size_t>(std::count(answers.begin(), answers.end(), "EXRESCMD") +
-                               std::count(answers.begin(), answers.end(), "QUITT   "));
+size_t answers_told() {
+    return answer_count("EXRESCMD") + answer_count("QUITT   ");
 }
 
 void ask(const message_bytes& message) {
-    const size_t before = answer_count();
+    const size_t before = answers_told();
     const int commands = getCommandCount();
     if (fuzz_give(request.module, message) &&
-        answer_count() - before + static_cast<size_t>(getCommandCount() - commands) != 1) {
+        answers_told() - before + static_cast<size_t>(getCommandCount() - commands) != 1) {
         abort();
     }
 }
@@ -55,10 +47,10 @@ void end_command(byte_source* source) {
     }
     const Cmd_Area& entry = GetCmdGlb()->cmd_firstCMDA.front();
     const bool awaited = entry.cmda_status == command_running;
-    const size_t before = answer_count();
+    const size_t before = answers_told();
     const int code = source->byte();
     process_command_sigchild(&pcx, entry.cmda_forkPid, code, code << 8);
-    if (answer_count() != before + (awaited ? 1 : 0)) {
+    if (answers_told() != before + (awaited ? 1 : 0)) {
         abort();
     }
 }
@@ -71,41 +63,40 @@ void let_time_pass() {
     process_cmd_chk(&pcx, nullptr, 0);
 }
 
-}  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (size < 3) {
-        return 0;
+void step(byte_source* source) {
+    switch (source->byte() % 5) {
+        case 0:
+            std::ofstream(output_file(), std::ios::binary | std::ios::in) << source->text();
+            break;
+        case 1:
+            end_command(source);
+            break;
+        case 2:
+            let_time_pass();
+            break;
+        case 3:
+            fuzz_give(cancel.module, fuzz_message(source, cancel));
+            break;
+        default:
+            ask(fuzz_message(source, request));
     }
+}
+
+void run(byte_source* source) {
     EX_PCX& pcx = fuzz_agent();
-    byte_source source(data, size);
-    const uint8_t choice = source.byte();
-    fuzz_begin();
+    const uint8_t choice = source->byte();
     sandbox().next_process = (choice & 1) != 0 ? 0 : process_of_nobody;
     pcx.pcx_JobPwCheck = (choice & 2) != 0 ? 1 : 0;
     pcx.pcx_anonymusUsr = (choice & 4) != 0 ? 'Y' : 'N';
-    ask(fuzz_message(&source, request));
-    for (int i = 0; i < 6 && source.left() > 0; ++i) {
-        switch (source.byte() % 5) {
-            case 0:
-                std::ofstream(output_file(), std::ios::binary | std::ios::in) << source.text();
-                break;
-            case 1:
-                end_command(&source);
-                break;
-            case 2:
-                let_time_pass();
-                break;
-            case 3:
-                fuzz_give(cancel.module, fuzz_message(&source, cancel));
-                break;
-            default:
-                ask(fuzz_message(&source, request));
-        }
-    }
+    ask(fuzz_message(source, request));
+    fuzz_steps(source, 6, step);
     while (getCommandCount() > 0) {
         removeCommandEntry(&pcx, &GetCmdGlb()->cmd_firstCMDA.front());
     }
-    fuzz_end();
-    return 0;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    return fuzz_input(data, size, 3, run);
 }

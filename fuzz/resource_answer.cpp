@@ -7,6 +7,7 @@
 #include "agent_side.h"
 #include "base/base64.h"
 #include "base/text.h"
+#include "input.h"
 #include "jobs/file_retrieval.h"
 #include "messages/frame.h"
 
@@ -65,23 +66,20 @@ void step(byte_source* source) {
     }
 }
 
+void run(byte_source* source) {
+    EX_PCX& pcx = fuzz_agent();
+    const uint8_t choice = source->byte();
+    sandbox_open();
+    std::ofstream(sandbox().folder + "/home/file", std::ios::binary) << source->text();
+    sandbox_close();
+    pcx.pcx_JobPwCheck = (choice & 1) != 0 ? 1 : 0;
+    fuzz_steps(source, 6, step);
+    GET_fileClose(&pcx);
+    GET_fileOpen(&pcx);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (size < 3) {
-        return 0;
-    }
-    EX_PCX& pcx = fuzz_agent();
-    byte_source source(data, size);
-    const uint8_t choice = source.byte();
-    std::ofstream(sandbox().folder + "/home/file", std::ios::binary) << source.text();
-    fuzz_begin();
-    pcx.pcx_JobPwCheck = (choice & 1) != 0 ? 1 : 0;
-    for (int i = 0; i < 6 && source.left() > 0; ++i) {
-        step(&source);
-    }
-    GET_fileClose(&pcx);
-    GET_fileOpen(&pcx);
-    fuzz_end();
-    return 0;
+    return fuzz_input(data, size, 3, run);
 }

@@ -9,6 +9,7 @@
 #include <fstream>
 
 #include "agent_side.h"
+#include "input.h"
 #include "jobs/job_context.h"
 #include "jobs/job_table.h"
 #include "jobs/process_info.h"
@@ -27,7 +28,7 @@ void put(char (&field)[size], std::string_view text) {
 
 // A record whose places are right and whose contents are the source's.
 std::string record_of(byte_source* source) {
-    const pid_t processes[] = {0, 1, getpid(), -1, getppid(), 1 << 23};
+    const pid_t processes[] = {0, 1, getpid(), -1, getppid(), process_of_nobody};
     JP_item item{};
     const uint8_t choice = source->byte();
     item.JI_pgid = processes[(choice & 7) % 6];
@@ -47,11 +48,6 @@ std::string record_of(byte_source* source) {
            std::string((choice & 128) != 0 ? 0 : 4, '\0');
 }
 
-void number_only(message_bytes* message) {
-    const std::string type(reinterpret_cast<const char*>(message->data()), 8);
-    set_number(message, type.c_str(), "ah_idnr", fuzz_run);
-}
-
 constexpr fuzz_order query = {"JPAKTJ_R", "JOB_INF ", number_only};
 constexpr fuzz_order orders[] = {
     query,
@@ -61,12 +57,8 @@ constexpr fuzz_order orders[] = {
 };
 
 void ask(const message_bytes& message) {
-    const auto before = fuzz_answers();
-    if (!fuzz_give("JPAKTJ_R", message)) {
-        return;
-    }
-    const auto after = fuzz_answers();
-    if (std::count(after.begin(), after.end(), "QUITT   ") != std::count(before.begin(), before.end(), "QUITT   ") + 1) {
+    const size_t before = answer_count("QUITT   ");
+    if (fuzz_give("JPAKTJ_R", message) && answer_count("QUITT   ") != before + 1) {
         abort();
     }
 }
@@ -74,9 +66,7 @@ void ask(const message_bytes& message) {
 void step(byte_source* source) {
     const uint8_t choice = source->byte() % 5;
     if (choice == 4) {
-        for (JP_AREA* job = Next_JEntry(0, 0); job != nullptr; job = Next_JEntry(job->JP_jobNr, job->JP_Mandant)) {
-            job->JP_alrmTime = 1;
-        }
+        make_alarms_due(false);
         process_jobchk(&fuzz_agent(), nullptr, 0);
     } else if (choice == 0) {
         ask(fuzz_message(source, query));
@@ -85,28 +75,23 @@ void step(byte_source* source) {
     }
 }
 
-}  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (size < 4) {
-        return 0;
-    }
-    byte_source source(data, size);
-    fuzz_begin();
-    const uint8_t how = source.byte();
+void run(byte_source* source) {
+    const uint8_t how = source->byte();
     sandbox_open();
-    std::ofstream(report_file(), std::ios::binary) << source.text();
+    std::ofstream(report_file(), std::ios::binary) << source->text();
     sandbox_close();
-    const std::string record((how & 1) != 0 ? std::string(source.text()) : record_of(&source));
-    message_bytes message = fuzz_message(&source, query);
+    const std::string record((how & 1) != 0 ? std::string(source->text()) : record_of(source));
+    message_bytes message = fuzz_message(source, query);
     if ((how & 2) == 0) {
         add_data(&message, "JOB_INF ", "restart", record);
     }
     ask(message);
-    for (int i = 0; i < 4 && source.left() > 0; ++i) {
-        step(&source);
-    }
+    fuzz_steps(source, 4, step);
     Reset_JTab();
-    fuzz_end();
-    return 0;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    return fuzz_input(data, size, 4, run);
 }

@@ -12,6 +12,7 @@
 #include "agent/server_connection.h"
 #include "agent_side.h"
 #include "base/text.h"
+#include "input.h"
 #include "messages/records_connection.h"
 
 namespace {
@@ -76,21 +77,14 @@ message_bytes item_content(byte_source* source, unsigned char key) {
     return body;
 }
 
-}  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (size < 3) {
-        return 0;
-    }
+void run(byte_source* source) {
     EX_PCX& pcx = fuzz_agent();
-    byte_source source(data, size);
-    const uint8_t choice = source.byte();
-    const uint8_t known = source.byte();
-    fuzz_begin();
+    const uint8_t choice = source->byte();
+    const uint8_t known = source->byte();
     const int id = make_candidate(&pcx);
     start_search(&pcx, id, known);
     const unsigned char key = items[choice & 3];
-    const message_bytes body = item_content(&source, key);
+    const message_bytes body = item_content(source, key);
     ccm_msg_t* msg = ccm_msg_alloc_cleared(pcx.ccm, static_cast<int>(body.size()), nullptr);
     memcpy(msg->msg_start, body.data(), body.size());
     msg->type = CCM_MSG_NATIVE;
@@ -112,6 +106,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     cp_search_end(&pcx, 0);
     pcx.loop = 1;
-    fuzz_end();
-    return 0;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    return fuzz_input(data, size, 3, run);
 }
