@@ -104,7 +104,7 @@ constexpr int rate_rounds = 3;
 // Alternating, so that a slow moment of the host meets both; the medians count.
 void measure_rate(bench& b, int count) {
     const std::string file = b.folder.path + "/peer";
-    write_file(file, "true\n", 0755);
+    write_file(file, "#!/bin/sh\ntrue\n", 0755);
     std::vector<double> rates, peers, cpus, peer_cpus;
     for (int round = 0; round < rate_rounds; ++round) {
         const loop_figures peer = start_loop(file, count);
@@ -128,7 +128,7 @@ void measure_rate(bench& b, int count) {
 void measure_messenger(bench& b, int count) {
     const std::string file = b.folder.path + "/peer3";
     const std::string call = std::string(QX_MESSENGER_PROGRAM) + " --version > /dev/null\n";
-    write_file(file, call + "true\n" + call, 0755);
+    write_file(file, "#!/bin/sh\n" + call + "true\n" + call, 0755);
     std::vector<double> rates, peers;
     for (int round = 0; round < rate_rounds; ++round) {
         peers.push_back(start_loop(file, count).rate);
