@@ -2,7 +2,6 @@
 // processes and beside jobs without resources in the same run. Prints one table.
 //
 //   bench_everyday [--only WHAT | --quick]     WHAT: command, resource or log
-#include <pwd.h>
 
 #include "messages/view.h"
 #include "qxcp/resources.h"
@@ -12,8 +11,7 @@ namespace {
 
 // A command runs in its user's login shell, and so does the peer.
 void measure_command(bench& b, int count) {
-    const passwd* account = getpwnam(b.own_user.c_str());
-    const std::string shell = account != nullptr && *account->pw_shell != 0 ? account->pw_shell : "/bin/sh";
+    const std::string shell = login_shell(b.own_user);
     std::vector<double> times;
     std::vector<double> peers;
     for (int i = 0; i < count; ++i) {

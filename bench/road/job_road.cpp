@@ -107,7 +107,7 @@ void measure_rate(bench& b, int count) {
     write_file(file, "#!/bin/sh\ntrue\n", 0755);
     std::vector<double> rates, peers, cpus, peer_cpus;
     for (int round = 0; round < rate_rounds; ++round) {
-        const loop_figures peer = start_loop(file, count);
+        const loop_figures peer = start_loop(login_shell(b.own_user), file, count);
         peers.push_back(peer.rate);
         peer_cpus.push_back(peer.parent_cpu);
         const double before = b.agent_cpu();
@@ -131,7 +131,7 @@ void measure_messenger(bench& b, int count) {
     write_file(file, "#!/bin/sh\n" + call + "true\n" + call, 0755);
     std::vector<double> rates, peers;
     for (int round = 0; round < rate_rounds; ++round) {
-        peers.push_back(start_loop(file, count).rate);
+        peers.push_back(start_loop(login_shell(b.own_user), file, count).rate);
         rates.push_back(b.job_rate(count, "true", true));
     }
     const double ratio = median(rates) / median(peers);

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <pwd.h>
 #include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -97,15 +98,21 @@ inline double own_cpu_seconds() {
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
+// The user's login shell, in which his jobs and commands start.
+inline std::string login_shell(const std::string& user) {
+    const passwd* account = getpwnam(user.c_str());
+    return account != nullptr && *account->pw_shell != 0 ? account->pw_shell : "/bin/sh";
+}
+
 // The peer of many starts: the shell runs `file` as a job's shell runs the job file, two at a time.
-inline loop_figures start_loop(const std::string& file, int count) {
+inline loop_figures start_loop(const std::string& shell, const std::string& file, int count) {
     constexpr size_t at_once = 2;
     std::set<pid_t> running;
     const auto start = clock_type::now();
     const double cpu = own_cpu_seconds();
     for (int started = 0; started < count || !running.empty();) {
         if (started < count && running.size() < at_once) {
-            running.insert(spawn_shell("exec " + file));
+            running.insert(spawn_shell("exec " + file, shell));
             ++started;
             continue;
         }
