@@ -65,6 +65,9 @@ int text_reader_next_view(text_reader* reader, size_t limit, std::string_view* r
 // Reads the next `wanted` bytes, as far as the file has them, while nobody waits for them. A failure shows when they
 // are taken.
 void text_reader_read_ahead(text_reader* reader, size_t wanted);
+// Where the last whole line ends of what was read: up to there records come without a look at the file. For codes of
+// one byte.
+int64_t text_reader_whole_until(const text_reader* reader);
 
 // Where the last `records` records of a file begin: read backwards in pieces of 8192 bytes that start at
 // multiples of 8192; line ends of two-byte codes count at even positions. `size` is the file's size to work

@@ -230,6 +230,13 @@ void text_reader_read_ahead(text_reader* reader, size_t wanted) {
     errno = error_number;
 }
 
+int64_t text_reader_whole_until(const text_reader* reader) {
+    const unsigned char* block = reader->block.get();
+    const void* end = block == nullptr ? nullptr : memrchr(block, '\n', reader->block_length);
+    return end == nullptr ? reader->block_start
+                          : reader->block_start + (static_cast<const unsigned char*>(end) - block) + 1;
+}
+
 int text_reader_next_view(text_reader* reader, size_t limit, std::string_view* record, bool* cut) {
     *record = {};
     *cut = false;

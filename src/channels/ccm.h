@@ -1,7 +1,8 @@
 // The channel manager's records: one context for each process, its channels, and the addresses of messages.
 //
-// Threads. The main thread runs all logic; the network thread does all socket I/O and is the only one that
-// unlinks or destroys a channel. `ccm_channel_getby*` return with `channel_lock` held: between them and
+// Threads. The main thread runs all logic; the network thread does the socket I/O and is the only one that
+// unlinks or destroys a channel. A message that nothing stands in front of is written by its sender, who holds
+// the channel's pen meanwhile. `ccm_channel_getby*` return with `channel_lock` held: between them and
 // `ccm_channel_unlock` a caller only copies or sets fields. Logging, allocating, sending, connecting, another
 // lookup, the security mechanism, files and names come after the unlock, on copies; this is tested, and a
 // violation aborts. Lock order: `channel_lock`, the context's `queue_lock`, a channel's `queue_lock`; none is
@@ -161,6 +162,7 @@ struct ccm_channel_t {
     std::atomic<time_t> timestamp_last_io;     // all on the alarm clock
     std::atomic<time_t> timestamp_last_read;   // what the keep-alive looks at
     std::atomic<time_t> timestamp_last_write;  // when the partner last took something; 0 before
+    std::atomic<bool> pen;                     // a thread seals or writes
 
     // Constant once chained.
     int ID;
@@ -258,8 +260,8 @@ struct ccm_context_t {
     std::atomic<unsigned long> cycles;  // of the network thread
     int network_wakeup[2];              // non-blocking pipes, -1 when closed
     int processor_wakeup[2];
-    std::atomic<int> network_awake;  // no wake-up byte is wanted: one stands in the pipe, or work goes on
-    std::atomic<int> processor_awake;
+    std::atomic<int> network_wake;  // whether the thread waits at its pipe (wakeups.cpp)
+    std::atomic<int> processor_wake;
 };
 
 // ---- context

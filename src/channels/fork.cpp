@@ -30,6 +30,7 @@ void drop(ccm_channel_t* channel) {
 }
 
 void keep(ccm_channel_t* channel, bool with_buffer) {
+    channel->pen.store(false);
     channel->sendq = {};
     channel->recvq = {};
     channel->nof_sendq = 0;
@@ -53,8 +54,8 @@ void close_wakeups(ccm_context_t* ccm) {
             *end = -1;
         }
     }
-    ccm->network_awake.store(0);
-    ccm->processor_awake.store(0);
+    ccm->network_wake.store(0);
+    ccm->processor_wake.store(0);
 }
 
 int close_span(unsigned first, unsigned last) {

@@ -22,8 +22,8 @@ int gss_request(EX_PCX* pcx, const unsigned char* frame, int length, unsigned ch
                 int* answer_length, gss_ctx_id_t* context, qx7_error* error);
 
 // Seals the body behind the 48-byte header into the second buffer and rewrites the header. 0, or -1 with
-// 2000143 "gss_wrap()/ret=%.8X(rsn=%d)". Network thread.
-int ccm_chiffre_gss(ccm_msg_t* msg, ccm_error_t* error);
+// 2000143 "gss_wrap()/ret=%.8X(rsn=%d)". With the channel's pen.
+int ccm_chiffre_gss(ccm_channel_t* channel, ccm_msg_t* msg, ccm_error_t* error);
 // Opens the body behind the header in place; `msg_start` and `len` then tell the plain body without header.
 // -1 with 2000098 "%s|%u|%u|". Network thread.
 int ccm_dechiffre_gss(ccm_channel_t* channel, ccm_msg_t* msg, ccm_error_t* error);

@@ -73,6 +73,9 @@ struct ccm_msg_t {
     bool fitted;             // made for what it holds, with buffer2 on its own
     unsigned char* plain_start;  // of a message with flag KEEP, once it is sealed: the frame before the seal
     int plain_len;
+    int ahead_ID;  // of the channel for which buffer2 holds the sealed form, as the message `ahead_counter`; 0 for none
+    uint32_t ahead_counter;
+    int ahead_len;
 };
 
 // Body of a message as bytes and as text.
@@ -126,6 +129,10 @@ int send_GSS_message(ccm_context_t* ccm, ccm_msg_t* msg, const char* coding);
 // what is meant for "*SERVER", "*CP..." or the channel "*IPC(AGENT)" goes as ROUTENAT. In the agent a message
 // for the server is freed while no server connection is reported, unless it has flag 8.
 int send_NAT_message(ccm_context_t* ccm, ccm_msg_t* msg);
+// The two steps of it, for a message in the agent that will be asked for soon: it is framed, and sealed where its
+// connection stands free; then it is sent as it is. The first is -1 when the message was freed.
+int ccm_prepare_NAT_message(ccm_context_t* ccm, ccm_msg_t* msg);
+int ccm_send_prepared(ccm_context_t* ccm, ccm_msg_t* msg);
 // The two ways to reach another process of this agent, and the own main loop.
 int send_IPC_message(ccm_context_t* ccm, ccm_msg_t* msg);
 int send_IPC_internal(ccm_context_t* ccm, ccm_msg_t* msg);

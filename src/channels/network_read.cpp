@@ -171,7 +171,7 @@ void enqueue_received(ccm_context_t* ccm, ccm_channel_t* channel, ccm_msg_t* msg
         inuse_unlink(ccm, msg);
         queue_append(&ccm->recvq, msg);
     }
-    ccm_wakeup_processor(ccm);
+    wake_for_message(ccm);
 }
 
 // One whole frame. 0, or -1 when the channel was ended.

@@ -64,7 +64,7 @@ int seal_if_wanted(ccm_context_t* ccm, ccm_channel_t* channel, ccm_msg_t* msg) {
     }
     msg->flag &= ~CCM_MSG_FLAG_SEAL;
     ccm_error_t error;
-    if (ccm_chiffre_gss(msg, &error) == 0) {
+    if (ccm_chiffre_gss(channel, msg, &error) == 0) {
         return 0;
     }
     channel_fail(ccm, channel, error.msgnr, "%s", error.msginsert);
@@ -261,6 +261,15 @@ ccm_room ccm_judge_caller(const ccm_caller_counts& now, bool own_host) {
 }
 
 int ccm_write_channel(ccm_context_t* ccm, ccm_channel_t* channel) {
+    if (!pen_take(channel)) {
+        return 0;
+    }
+    int result = write_queued(ccm, channel);
+    channel->pen.store(false);
+    return result;
+}
+
+int write_queued(ccm_context_t* ccm, ccm_channel_t* channel) {
     while (ccm_msg_t* msg = head_of_sendq(channel)) {
         if (seal_if_wanted(ccm, channel, msg) != 0) {
             return -1;

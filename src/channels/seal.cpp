@@ -1,4 +1,4 @@
-// The seal on the frames of a channel. Network thread.
+// The seal on the frames of a channel: made by whoever holds its pen, opened by the network thread.
 
 #include <cerrno>
 #include <cstring>
@@ -20,9 +20,8 @@ size_t data_offset(const unsigned char* sealed, size_t length) {
     return length_bytes <= 5 && offset < length ? offset : 0;
 }
 
-}  // namespace
-
-int ccm_chiffre_gss(ccm_msg_t* msg, ccm_error_t* error) {
+// The sealed form goes into the second buffer; the plain one stays.
+int seal(ccm_msg_t* msg, const gss_ctx_id_struct* context, size_t* written, uint32_t* counter, ccm_error_t* error) {
     if (ccm_msg_second_buffer(msg) != 0) {
         return ccm_error_set(error, ENOMEM, 3301, "%s/%s(%d)", "CCMMSG", __FILE__, __LINE__);
     }
@@ -32,14 +31,44 @@ int ccm_chiffre_gss(ccm_msg_t* msg, ccm_error_t* error) {
                   frame_header_size;
     auto qop = static_cast<gss_qop_t>(GlbPcx->pcx_iGssQop);
     OM_uint32 minor = 0;
-    size_t written = 0;
-    OM_uint32 major = msg->pATctx == nullptr
+    OM_uint32 major = context == nullptr
                           ? static_cast<OM_uint32>(GSS_S_NO_CONTEXT)
-                          : gss_wrap_ex(&minor, msg->pATctx, qop != 0 ? 1 : 0, qop, {body, length},
-                                        {msg->buffer2 + frame_header_size, room}, &written);
+                          : gss_wrap_ahead(&minor, context, qop != 0 ? 1 : 0, qop, {body, length},
+                                           {msg->buffer2 + frame_header_size, room}, written, counter);
     if (major != GSS_S_COMPLETE) {
         return ccm_error_set(error, 0, 2000143, "gss_wrap()/ret=%.8X(rsn=%d)", major,
                              static_cast<int>(minor));
+    }
+    return 0;
+}
+
+}  // namespace
+
+void ccm_seal_ahead(ccm_context_t* ccm, ccm_msg_t* msg) {
+    ccm_channel_t* channel = ccm_find_to_write(ccm, msg);
+    if (channel == nullptr) {
+        return;
+    }
+    const bool sealed = channel_has(channel, CH_FLAG_SEALED);
+    ccm_channel_unlock(ccm);
+    size_t written = 0;
+    uint32_t counter = 0;
+    if (sealed && seal(msg, channel->pATctx, &written, &counter, nullptr) == 0) {
+        msg->ahead_ID = channel->ID;
+        msg->ahead_counter = counter;
+        msg->ahead_len = static_cast<int>(written);
+    }
+    pen_give_back(ccm, channel);
+}
+
+int ccm_chiffre_gss(ccm_channel_t* channel, ccm_msg_t* msg, ccm_error_t* error) {
+    auto written = static_cast<size_t>(msg->ahead_len);
+    uint32_t counter = 0;
+    if (msg->ahead_ID != channel->ID || !gss_use_ahead(msg->pATctx, msg->ahead_counter)) {
+        if (seal(msg, msg->pATctx, &written, &counter, error) != 0) {
+            return -1;
+        }
+        gss_use_ahead(msg->pATctx, counter);
     }
     if ((msg->flag & CCM_MSG_FLAG_KEEP) != 0) {
         msg->plain_start = msg->msg_start;  // for another connection, should this one end before it is sent

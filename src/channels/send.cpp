@@ -102,13 +102,27 @@ int put_header(ccm_msg_t* msg, const char* kind) {
     return ccm_msg_set_protocol_header(msg, kind);
 }
 
-int queue_framed(ccm_context_t* ccm, ccm_msg_t* msg, const char* kind, int type) {
+int frame(ccm_context_t* ccm, ccm_msg_t* msg, const char* kind, int type) {
     msg->type = type;
     if (put_header(msg, kind) != 0) {
         log_too_long(msg);
         return refuse(ccm, msg);
     }
-    return ccm_send_message_common(ccm, msg, kind);
+    return 0;
+}
+
+int queue_framed(ccm_context_t* ccm, ccm_msg_t* msg, const char* kind, int type) {
+    return frame(ccm, msg, kind, type) == 0 ? ccm_send_message_common(ccm, msg, kind) : -1;
+}
+
+int frame_NAT_message(ccm_context_t* ccm, ccm_msg_t* msg) {
+    if ((msg->flag & CCM_MSG_FLAG_RAW) == 0 &&
+        msgconv_ToLan(msg->msg_start, static_cast<size_t>(msg->len),
+                      static_cast<const msgconv_ctx_t*>(ccm->pcx->pcx_msgctx)) != 0) {
+        return refuse(ccm, msg);
+    }
+    write_sr_data(msg);
+    return frame(ccm, msg, protocol_native, CCM_MSG_NAT);
 }
 
 }  // namespace
@@ -132,6 +146,9 @@ int ccm_send_message_common(ccm_context_t* ccm, ccm_msg_t* msg, const char* labe
     if (trc_on(TRC_TCPIP, '3')) {
         _TraceText("send %s: message %lu, %d bytes to ID=%d '%.64s'", label, msg->ID, msg->len,
                    msg->addr.dst_ID, msg->addr.dst_addr);
+    }
+    if (ccm_write_at_once(ccm, msg)) {
+        return 0;
     }
     msg = ccm_msg_fit(ccm, msg);
     {
@@ -161,6 +178,7 @@ int send_GSS_message(ccm_context_t* ccm, ccm_msg_t* msg, const char* coding) {
 }
 
 int send_NAT_message(ccm_context_t* ccm, ccm_msg_t* msg) {
+    msg->ahead_ID = 0;  // a body that was prepared and then written anew
     if (!body_fits(msg)) {
         log_too_long(msg);
         return refuse(ccm, msg);
@@ -173,13 +191,25 @@ int send_NAT_message(ccm_context_t* ccm, ccm_msg_t* msg) {
     } else if (server_not_reported(ccm, msg)) {
         return refuse(ccm, msg);
     }
-    if ((msg->flag & CCM_MSG_FLAG_RAW) == 0 &&
-        msgconv_ToLan(msg->msg_start, static_cast<size_t>(msg->len),
-                      static_cast<const msgconv_ctx_t*>(ccm->pcx->pcx_msgctx)) != 0) {
+    return frame_NAT_message(ccm, msg) == 0 ? ccm_send_message_common(ccm, msg, protocol_native) : -1;
+}
+
+int ccm_prepare_NAT_message(ccm_context_t* ccm, ccm_msg_t* msg) {
+    msg->ahead_ID = 0;
+    if (!body_fits(msg)) {
+        log_too_long(msg);
         return refuse(ccm, msg);
     }
-    write_sr_data(msg);
-    return queue_framed(ccm, msg, protocol_native, CCM_MSG_NAT);
+    if (frame_NAT_message(ccm, msg) != 0) {
+        return -1;
+    }
+    ccm_seal_ahead(ccm, msg);
+    return 0;
+}
+
+int ccm_send_prepared(ccm_context_t* ccm, ccm_msg_t* msg) {
+    return server_not_reported(ccm, msg) ? refuse(ccm, msg)
+                                         : ccm_send_message_common(ccm, msg, protocol_native);
 }
 
 int send_IPC_message(ccm_context_t* ccm, ccm_msg_t* msg) {
@@ -197,7 +227,7 @@ int send_IPC_internal(ccm_context_t* ccm, ccm_msg_t* msg) {
         inuse_unlink(ccm, msg);
         queue_append(&ccm->recvq, msg);
     }
-    ccm_wakeup_processor(ccm);  // before the pipes exist nobody sleeps at one
+    wake_for_message(ccm);  // before the pipes exist nobody sleeps at one
     return 0;
 }
 

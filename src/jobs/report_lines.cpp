@@ -98,10 +98,15 @@ void report_read_line(REP_Area* area, size_t size) {
     }
 }
 
-report_fill report_fill_block(REP_Area* area, unsigned char* block, int* length, size_t size, bool first) {
+report_fill report_fill_block(REP_Area* area, unsigned char* block, int* length, size_t size, report_stage stage) {
+    const int64_t whole = stage == REPORT_AHEAD ? text_reader_whole_until(&area->pFile) : INT64_MAX;
     while (true) {
         if (!area->line_in_hand) {
-            if (line_limit_reached(area, first)) {
+            const bool at_limit = line_limit_reached(area, stage == REPORT_FIRST);
+            if (stage == REPORT_AHEAD && (at_limit || area->pFile.position >= whole)) {
+                return REPORT_FILL_PAUSE;
+            }
+            if (at_limit) {
                 area->lRetCode = REPORT_LINE_LIMIT;
                 area->cRetText = area->cFile + "|" + std::to_string(area->lMaxRecords) + "|";
                 return REPORT_FILL_LIMIT;

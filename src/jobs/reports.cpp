@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "base/code_tables.h"
 #include "base/context.h"
@@ -233,44 +234,112 @@ std::unique_ptr<REP_Area> make_area(EX_PCX* pcx, const MSG_TYPE_REP_GET& get, me
 
 // ---- data
 
-struct report_block {
-    MSG_TYPE_REP_DATA head{};
-    ccm_msg_t* msg = nullptr;
-    int length = 0;
-    unsigned char* data() const { return msg->msg_start + report_data_offset; }
-};
-
 bool start_block(EX_PCX* pcx, report_block* block, const REP_Area* area) {
     block->msg = new_message(pcx, report_data_offset + static_cast<size_t>(area->i4Blksize));
     return block->msg != nullptr;
 }
 
-int send_block(EX_PCX* pcx, report_block* block, const REP_Area* area) {
+// Who the block is for and which one it is: what the request says. Everything else follows from the file.
+template <class Request>
+void address_block(report_block* block, const Request& request) {
+    CreateQxHeadm(&block->head.header, "REP_DATA", request.header.i2Mandant, request.header.i4UsrIdNr);
+    block->head.ah_idnr = request.ah_idnr;
+    block->head.rep_ah_idnr = request.rep_ah_idnr;
+    block->head.rep_rh_idnr = request.rep_rh_idnr;
+    memcpy(block->head.rep_type, request.rep_type, sizeof block->head.rep_type);
+    block->head.rep_blk = request.rep_blk;
+}
+
+void complete_block(EX_PCX* pcx, report_block* block, const REP_Area* area) {
     block->head.transfered = area->llByteSend;
     block->head.reccnt = area->llRecCount;
     block->head.data_dist = report_data_offset;
     block->head.data_len = block->length;
-    memcpy(block->msg->msg_start, &block->head, sizeof block->head);
+    memcpy(block->body(), &block->head, sizeof block->head);
+    block->msg->msg_start = block->body();
     block->msg->len = report_data_offset + block->length;
     ccm_setaddr(block->msg, 0, 0, ccm_name_server, server_module, static_cast<int>(area->RepGet_bAcv));
     ccm_setback(block->msg, pcx->exName, module_reports, 0);
+}
+
+int send_block(EX_PCX* pcx, report_block* block, const REP_Area* area) {
+    complete_block(pcx, block, area);
     send_NAT_message(pcx->ccm, block->msg);
     block->msg = nullptr;
     return 0;
 }
 
-void drop_block(EX_PCX* pcx, report_block* block) {
-    ccm_msg_free(pcx->ccm, block->msg);
+int send_prepared(EX_PCX* pcx, report_block* block) {
+    ccm_send_prepared(pcx->ccm, block->msg);
     block->msg = nullptr;
+    return 0;
 }
 
-// While the block that was just sent is being sealed: the next one need not wait for the disk.
-void read_ahead(REP_Area* area) {
+void drop_block(EX_PCX* pcx, report_block* block) {
+    if (block->msg != nullptr && !block->prepared) {
+        block->msg->type = CCM_MSG_NAT;  // so that its text is wiped
+        block->msg->len = report_data_offset + block->length;
+    }
+    ccm_msg_free(pcx->ccm, block->msg);
+    *block = {};
+}
+
+void close_area(EX_PCX* pcx, REP_Area* area) {
+    if (pcx->running_mode == MODE_AGENT) {  // what a child finds in its memory is the agent's
+        drop_block(pcx, &area->ahead);
+    }
+    delete area;
+}
+
+void note_start_of_block(REP_Area* area) {
+    area->rep_llByteSend = area->llByteSend;
+    area->rep_llRecCount = area->llRecCount;
+}
+
+// While the server takes the block that was just sent: the next one need not wait for the disk, nor for its seal, if
+// the server asks for it as it asked for this one.
+void make_ahead(EX_PCX* pcx, REP_Area* area, const MSG_TYPE_REP_DATA& sent) {
+    constexpr size_t spare = 4096;  // so that the line behind the block shows that it is full
     if (area->line_in_hand && area->pLastRec.data() != area->cut_record.data()) {
         area->cut_record = area->pLastRec;
         area->pLastRec = area->cut_record;
     }
-    text_reader_read_ahead(&area->pFile, static_cast<size_t>(area->i4Blksize));
+    text_reader_read_ahead(&area->pFile, static_cast<size_t>(area->i4Blksize) + spare);
+    report_block& next = area->ahead;
+    if (area->lLastRec < 0 || area->lRetCode != 0 || !start_block(pcx, &next, area)) {
+        return;
+    }
+    note_start_of_block(area);
+    next.full = report_fill_block(area, next.text(), &next.length, static_cast<size_t>(area->i4Blksize) - 2,
+                                  REPORT_AHEAD) == REPORT_FILL_FULL;
+    if (!next.full) {
+        return;
+    }
+    next.head = sent;
+    next.head.rep_blk += 1;
+    next.head.totalsize = 0;
+    complete_block(pcx, &next, area);
+    next.prepared = true;
+    if (ccm_prepare_NAT_message(pcx->ccm, next.msg) != 0) {
+        next = {};
+        area->i4Errno = EINVAL;  // its lines are gone: the transfer must not go on without them
+        area->lLastRec = read_failed;
+    }
+}
+
+// The block as the request wants it: what was made ahead, or a new one.
+bool next_block(EX_PCX* pcx, report_block* block, REP_Area* area, const MSG_TYPE_REP_QUIT& quit) {
+    *block = std::exchange(area->ahead, {});
+    if (block->msg == nullptr) {
+        note_start_of_block(area);
+        if (!start_block(pcx, block, area)) {
+            return false;
+        }
+    }
+    const MSG_TYPE_REP_DATA expected = block->head;
+    address_block(block, quit);
+    block->prepared = block->prepared && memcmp(&expected, &block->head, sizeof expected) == 0;
+    return true;
 }
 
 int erase_file(const REP_Area* area, int* error_number) {
@@ -312,7 +381,7 @@ std::string read_failure(const REP_Area* area) {
 report_fill fill_first_block(REP_Area* area, report_block* block, int wanted) {
     size_t size = static_cast<size_t>(area->i4Blksize) - 1;
     for (int number = 0;; ++number) {
-        const report_fill fill = report_fill_block(area, block->data(), &block->length, size, true);
+        const report_fill fill = report_fill_block(area, block->text(), &block->length, size, REPORT_FIRST);
         if (fill != REPORT_FILL_FULL || number >= wanted) {
             if (number < wanted) {
                 block->length = 0;  // the file ends before the wanted block
@@ -356,7 +425,7 @@ void REP_set_shell(report_shell shell) {
 int REP_Close(EX_PCX* pcx) {
     while (REP_Area* area = first_area(pcx)) {
         pcx->firstREP = area->pNext;
-        delete area;
+        close_area(pcx, area);
     }
     pcx->pcx_reparea = nullptr;
     return 0;
@@ -397,7 +466,7 @@ void deleteReportEntry(EX_PCX* pcx, int ah_idnr) {
             } else {
                 before->pNext = area->pNext;
             }
-            delete area;
+            close_area(pcx, area);
             return;
         }
     }
@@ -407,7 +476,7 @@ void deleteAllReportEntry(EX_PCX* pcx) {
     while (REP_Area* area = first_area(pcx)) {
         __log(REPORT_FAILED, "%u|", static_cast<unsigned>(area->iRepGet_ah_idnr));
         pcx->firstREP = area->pNext;
-        delete area;
+        close_area(pcx, area);
     }
 }
 
@@ -449,12 +518,7 @@ int process_repget(EX_PCX* pcx, ccm_msg_t* msg, int) {
     if (!start_block(pcx, &block, area.get())) {
         return -1;
     }
-    CreateQxHeadm(&block.head.header, "REP_DATA", get.header.i2Mandant, get.header.i4UsrIdNr);
-    block.head.ah_idnr = get.ah_idnr;
-    block.head.rep_ah_idnr = get.rep_ah_idnr;
-    block.head.rep_rh_idnr = get.rep_rh_idnr;
-    memcpy(block.head.rep_type, get.rep_type, sizeof block.head.rep_type);
-    block.head.rep_blk = get.rep_blk;
+    address_block(&block, get);
     const report_fill fill = fill_first_block(area.get(), &block, get.rep_blk);
     if (block.length == 0) {
         drop_block(pcx, &block);
@@ -466,7 +530,7 @@ int process_repget(EX_PCX* pcx, ccm_msg_t* msg, int) {
     }
     block.head.totalsize = area->llByteSend;
     const int result = send_block(pcx, &block, area.get());
-    read_ahead(area.get());
+    make_ahead(pcx, area.get(), block.head);
     addReportEntry(pcx, std::move(area));
     return result;
 }
@@ -490,6 +554,10 @@ int process_repquit(EX_PCX* pcx, ccm_msg_t* msg, int) {
         return result;
     };
     if (area->lLastRec < 0 || quit.msgnr != 0 || area->lRetCode != 0) {
+        if (area->ahead.msg != nullptr) {  // not sent, and not counted
+            area->llByteSend = area->rep_llByteSend;
+            area->llRecCount = area->rep_llRecCount;
+        }
         report_end end = iFillRepQuitToRepEnd(quit, quit.msgnr, get_text(quit.msg_insert));
         if (quit.msgnr == 0 && area->lRetCode != 0) {
             iChangeRepEndMessage(&end, area->lRetCode, area->cRetText);
@@ -504,30 +572,23 @@ int process_repquit(EX_PCX* pcx, ccm_msg_t* msg, int) {
     }
 
     report_block block;
-    if (!start_block(pcx, &block, area)) {
+    if (!next_block(pcx, &block, area, quit)) {
         return -1;
     }
-    CreateQxHeadm(&block.head.header, "REP_DATA", quit.header.i2Mandant, quit.header.i4UsrIdNr);
-    block.head.ah_idnr = quit.ah_idnr;
-    block.head.rep_ah_idnr = quit.rep_ah_idnr;
-    block.head.rep_rh_idnr = quit.rep_rh_idnr;
-    memcpy(block.head.rep_type, quit.rep_type, sizeof block.head.rep_type);
-    block.head.rep_blk = quit.rep_blk;
     if (area->lMaxBlk > 0 && quit.rep_blk >= area->lMaxBlk) {
         area->lRetCode = REPORT_BLOCK_LIMIT;
         area->cRetText = area->cFile + "|" + std::to_string(area->lMaxBlk) + "|";
     }
-    area->rep_llByteSend = area->llByteSend;
-    area->rep_llRecCount = area->llRecCount;
-    report_fill fill =
-        report_fill_block(area, block.data(), &block.length, static_cast<size_t>(area->i4Blksize) - 2, false);
+    report_fill fill = block.full ? REPORT_FILL_FULL
+                                  : report_fill_block(area, block.text(), &block.length,
+                                                      static_cast<size_t>(area->i4Blksize) - 2, REPORT_LATER);
 
     if (fill == REPORT_FILL_END && area->lRetCode == REPORT_BLOCK_LIMIT) {
         area->lRetCode = 0;  // the rest of the file fits into the last block
     }
     if (fill == REPORT_FILL_FULL && area->lRetCode == REPORT_BLOCK_LIMIT) {
         qx7_error error;
-        if (create_lastRecBuf(area, block.data(), &block.length, &error) != 0) {
+        if (create_lastRecBuf(area, block.text(), &block.length, &error) != 0) {
             __log_error(error);
             area->i4Errno = error.qx_errno;
             block.length = 0;
@@ -547,8 +608,8 @@ int process_repquit(EX_PCX* pcx, ccm_msg_t* msg, int) {
         }
         return end_transfer(end);
     }
-    const int result = send_block(pcx, &block, area);
-    read_ahead(area);
+    const int result = block.prepared ? send_prepared(pcx, &block) : send_block(pcx, &block, area);
+    make_ahead(pcx, area, block.head);
     return result;
 }
 

@@ -14,6 +14,7 @@
 #include "base/file_data.h"
 #include "base/time.h"
 #include "channels/messages.h"
+#include "messages/records_report.h"
 
 struct EX_PCX;
 struct qx7_error;
@@ -34,6 +35,17 @@ enum report_number : int {
     REPORT_BLOCK_LIMIT = 29007,
     REPORT_LINE_LIMIT = 29008,
     REPORT_LINE_CUT = 29009,
+};
+
+// A REP_DATA that is being made.
+struct report_block {
+    MSG_TYPE_REP_DATA head{};
+    ccm_msg_t* msg = nullptr;  // owned; null without one
+    int length = 0;            // of the text
+    bool full = false;
+    bool prepared = false;     // framed, perhaps sealed, with `head` as it stands
+    unsigned char* body() const { return msg->buffer1 + ccm_msg_headroom; }
+    unsigned char* text() const { return body() + report_data_offset; }
 };
 
 // One open transfer. "constant" fields are set when it opens.
@@ -77,6 +89,7 @@ struct REP_Area {
     std::string cut_record;
     std::string pMatchRecord;
     time_t last_use = 0;
+    report_block ahead;  // the block behind the last that was sent, as far as it is made; rep_ll* stand at its start
 
     // the asker of the last REP_QUIT
     std::string RepQuit_bAddr;
@@ -113,14 +126,17 @@ int process_iprcwrite(EX_PCX* pcx, ccm_msg_t* msg, int row);
 
 // ---- reading, shared by its two users and the tests
 
-enum report_fill { REPORT_FILL_FULL, REPORT_FILL_END, REPORT_FILL_ERROR, REPORT_FILL_LIMIT };
+enum report_fill { REPORT_FILL_FULL, REPORT_FILL_END, REPORT_FILL_ERROR, REPORT_FILL_LIMIT, REPORT_FILL_PAUSE };
+enum report_stage { REPORT_FIRST, REPORT_LATER, REPORT_AHEAD };
 
 // Reads the next line into pLastRec, cut to what `size` allows (a line of more than size - 2 bytes is cut to
 // size - 1 and its rest passed over). lLastRec is its length, read_failed or read_end_of_file.
 void report_read_line(REP_Area* area, size_t size);
 // Fills `block` (i4Blksize bytes) with converted lines, each followed by CR LF, and counts them. `size` is
-// for report_read_line. `at_limit` decides whether the line limit has been reached for the count given.
-report_fill report_fill_block(REP_Area* area, unsigned char* block, int* length, size_t size, bool first);
+// for report_read_line. Goes on behind the `*length` bytes that stand there. Ahead of the server's order only whole
+// lines are taken that were read already, and it pauses where they end or a limit is reached: what the file has then
+// is told when the order comes.
+report_fill report_fill_block(REP_Area* area, unsigned char* block, int* length, size_t size, report_stage stage);
 // The block that ends a report under a block limit: the mark, then the last lines of the file. 0 and the
 // length, or -1 with `error`.
 int create_lastRecBuf(REP_Area* area, unsigned char* block, int* length, qx7_error* error);

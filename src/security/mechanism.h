@@ -292,6 +292,12 @@ OM_uint32 gss_wrap(OM_uint32* minor, gss_ctx_id_t context, int conf, gss_qop_t q
 // least, else minor 1002; `input` and `output` don't overlap. `*written` is the length used.
 OM_uint32 gss_wrap_ex(OM_uint32* minor, gss_ctx_id_t context, int conf, gss_qop_t qop,
                       std::span<const uint8_t> input, std::span<uint8_t> output, size_t* written);
+// In two steps: the message is sealed as the one behind the last, and counts once gss_use_ahead is called with the
+// `counter` that it got. False: others were sealed meanwhile, and it must be sealed anew.
+OM_uint32 gss_wrap_ahead(OM_uint32* minor, const gss_ctx_id_struct* context, int conf, gss_qop_t qop,
+                         std::span<const uint8_t> input, std::span<uint8_t> output, size_t* written,
+                         uint32_t* counter);
+bool gss_use_ahead(gss_ctx_id_t context, uint32_t counter);
 
 // Opens `input` into a new buffer. A counter that runs ahead shows as supplementary status 8 with the
 // sequence flag; context id and counter are judged no further.

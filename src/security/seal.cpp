@@ -240,9 +240,11 @@ size_t CalcMsgSize(size_t length) {
     return 1 + length_size(inner) + inner;
 }
 
-OM_uint32 gss_wrap_ex(OM_uint32* minor, gss_ctx_id_t context, int conf, gss_qop_t qop,
-                      std::span<const uint8_t> input, std::span<uint8_t> output, size_t* written) {
+OM_uint32 gss_wrap_ahead(OM_uint32* minor, const gss_ctx_id_struct* context, int conf, gss_qop_t qop,
+                         std::span<const uint8_t> input, std::span<uint8_t> output, size_t* written,
+                         uint32_t* counter) {
     *written = 0;
+    *counter = 0;
     if (context == nullptr || !established(*context)) {
         return result(minor, GSS_MINOR_PARAMETER, GSS_S_NO_CONTEXT);
     }
@@ -267,16 +269,34 @@ OM_uint32 gss_wrap_ex(OM_uint32* minor, gss_ctx_id_t context, int conf, gss_qop_
     memcpy(inner + SEAL_REFERENCE, g_RefCode, sizeof g_RefCode);
     inner[SEAL_QOP] = static_cast<uint8_t>(qop);
     UInt32ToTrans(static_cast<uint32_t>(input.size()), inner + SEAL_LENGTH);
-    UInt32ToTrans(context->m_OutMsgCounter + 1, inner + SEAL_COUNTER);
+    *counter = context->m_OutMsgCounter + 1;
+    UInt32ToTrans(*counter, inner + SEAL_COUNTER);
     UInt32ToTrans(context->m_PartnerCtxID, inner + SEAL_CONTEXT);
     seal_data(*context, qop, input, inner, inner + SEAL_HASH);
     uint8_t iv[aes_block_size];
     memcpy(iv, context->m_InitVect.data(), sizeof iv);
     aes_cbc_encrypt(context->full_key, inner + SEAL_HASH, inner + SEAL_HASH,
                     seal_head_sealed / aes_block_size, iv);
-    context->m_OutMsgCounter++;
     *written = size;
     return result(minor, 0, GSS_S_COMPLETE);
+}
+
+bool gss_use_ahead(gss_ctx_id_t context, uint32_t counter) {
+    if (context == nullptr || counter != context->m_OutMsgCounter + 1) {
+        return false;
+    }
+    context->m_OutMsgCounter = counter;
+    return true;
+}
+
+OM_uint32 gss_wrap_ex(OM_uint32* minor, gss_ctx_id_t context, int conf, gss_qop_t qop,
+                      std::span<const uint8_t> input, std::span<uint8_t> output, size_t* written) {
+    uint32_t counter = 0;
+    OM_uint32 major = gss_wrap_ahead(minor, context, conf, qop, input, output, written, &counter);
+    if (major == GSS_S_COMPLETE) {
+        gss_use_ahead(context, counter);
+    }
+    return major;
 }
 
 OM_uint32 gss_wrap(OM_uint32* minor, gss_ctx_id_t context, int conf, gss_qop_t qop,

@@ -1,4 +1,7 @@
+#include <sys/ioctl.h>
+
 #include <cstring>
+#include <thread>
 #include <utility>
 
 #include "base/log.h"
@@ -52,6 +55,24 @@ struct handshake_test : ccm_test {
         return far;
     }
 
+    ccm_msg_t* xml_message(const std::string& text) {
+        const std::string xml = "<?xml " + text;
+        ccm_msg_t* out = ccm_msg_alloc_cleared(ccm, static_cast<int>(xml.size()), nullptr);
+        memcpy(out->msg_start, xml.data(), xml.size());
+        out->flag |= CCM_MSG_FLAG_RAW;
+        ccm_setaddr(out, 0, 0, "*SERVER", "QXVAREXR", 0);
+        return out;
+    }
+
+    // Text of the next message; its seal must be the one behind the last.
+    std::string next_text(partner& far) {
+        bytes body = far.unsealed(far.frame());
+        frame_body parsed;
+        EXPECT_EQ(frame_parse_body(body.data(), body.size(), &parsed, nullptr), 0);
+        return parsed.length < 6 ? "" : std::string(body.begin() + static_cast<long>(parsed.offset) + 6,
+                                                    body.begin() + static_cast<long>(parsed.offset + parsed.length));
+    }
+
     bytes sealed_message(partner& far, const bytes& body) {
         return far.sealed(frame_make_message(body.data(), body.size(), {}));
     }
@@ -92,6 +113,61 @@ TEST_F(handshake_test, sealed_traffic_runs_both_ways) {
         EXPECT_NE(in->flag & CCM_MSG_FLAG_CAME_SEALED, 0);
         EXPECT_EQ(bytes(in->msg_start, in->msg_start + in->len), xml);
         free(in);
+    }
+}
+
+TEST_F(handshake_test, a_message_that_nothing_stands_in_front_of_is_written_by_its_sender) {
+    partner far = server();
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_EQ(send_NAT_message(ccm, xml_message(std::to_string(i))), 0);
+        int there = 0;
+        ASSERT_EQ(ioctl(far.fd, FIONREAD, &there), 0);
+        EXPECT_GT(there, 0) << "before any other thread could have run for it";
+        EXPECT_EQ(next_text(far), std::to_string(i));
+    }
+}
+
+TEST_F(handshake_test, several_senders_keep_the_order_of_seals_and_of_their_own_messages) {
+    partner far = server();
+    constexpr int senders = 3, each = 200;
+    std::vector<std::thread> threads;
+    for (int sender = 0; sender < senders; ++sender) {
+        threads.emplace_back([&, sender] {
+            for (int i = 0; i < each; ++i) {
+                // Long ones take the way through the network thread, and what the socket does not take stays there.
+                const size_t filler = i % 10 == 0 ? static_cast<size_t>(ccm_write_at_once_max) : 100;
+                EXPECT_EQ(send_NAT_message(ccm, xml_message(std::to_string(sender) + std::to_string(1000 + i) +
+                                                            std::string(filler, '.'))),
+                          0);
+            }
+        });
+    }
+    int next[senders] = {};
+    for (int i = 0; i < senders * each; ++i) {
+        const std::string text = next_text(far);
+        ASSERT_GE(text.size(), 5U) << "after " << i << " messages";
+        EXPECT_EQ(text.substr(1, 4), std::to_string(1000 + next[text[0] - '0']++));
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+}
+
+TEST_F(handshake_test, what_was_sealed_ahead_goes_out_as_it_is_unless_others_went_before) {
+    partner far = server();
+    for (bool others : {false, true}) {
+        ccm_msg_t* ahead = xml_message("ahead");
+        ASSERT_EQ(ccm_prepare_NAT_message(ccm, ahead), 0);
+        ASSERT_EQ(ahead->ahead_ID, id);
+        const bytes seal(ahead->buffer2 + frame_header_size, ahead->buffer2 + frame_header_size + ahead->ahead_len);
+        if (others) {
+            ASSERT_EQ(send_NAT_message(ccm, xml_message("other")), 0);
+            EXPECT_EQ(next_text(far), "other");
+        }
+        ASSERT_EQ(ccm_send_prepared(ccm, ahead), 0);
+        const bytes frame = far.frame();
+        EXPECT_EQ(bytes(frame.begin() + frame_header_size, frame.end()) == seal, !others);
+        EXPECT_FALSE(far.unsealed(frame).empty());
     }
 }
 

@@ -13,7 +13,7 @@
 
 #include "base/log.h"
 #include "base/time.h"
-#include "channels/messages.h"
+#include "channels/internal.h"
 #include "jobs/activation.h"
 #include "jobs/job_context.h"
 #include "jobs/job_table.h"
@@ -170,7 +170,7 @@ struct job_test : ::testing::Test {
                 all.push_back({msg->addr, message_bytes(body, body + length)});
             }
         }
-        ccm_msg_emptying_queues(ccm);
+        queue_free_all(ccm, &ccm->sendq, &ccm->queue_lock);
         return all;
     }
 

@@ -315,6 +315,45 @@ TEST_F(report_test, the_server_may_stop_and_ask_again) {
     EXPECT_TRUE(sent().empty());
 }
 
+TEST_F(report_test, what_is_made_ahead_counts_when_it_is_asked_for) {
+    const std::string line = std::string(18, 'a') + "\n";
+    const auto lines = [&](int count) {
+        std::string text;
+        for (int i = 0; i < count; ++i) {
+            text += line;
+        }
+        return text;
+    };
+    wish w;
+    w.blksize = 200;  // ten lines
+    write_text(file, lines(40));
+    outcome result;
+    get(w, file);
+    ASSERT_TRUE(take(&result));
+    quit(9, 1, 4711);
+    ASSERT_TRUE(take(&result));
+    EXPECT_EQ(result.bytes, 200);
+    EXPECT_EQ(result.records, 10) << "the second block was never sent";
+
+    get(w, file);
+    result = {};
+    ASSERT_TRUE(take(&result));
+    quit(9, 7);  // not the number that follows
+    ASSERT_TRUE(take(&result));
+    EXPECT_EQ(result.numbers, (std::vector<int>{0, 7}));
+    EXPECT_EQ(result.blocks[1], result.blocks[0]);
+    EXPECT_EQ(result.records, 20);
+
+    write_text(file, lines(16) + "half");  // of a line that its writer has not finished
+    get(w, file);
+    result = {};
+    ASSERT_TRUE(take(&result));
+    write_text(file, lines(16) + "half a line\n");
+    quit(9, 1);
+    ASSERT_TRUE(take(&result));
+    EXPECT_TRUE(result.blocks[1].ends_with("\r\nhalf a line\r\n")) << result.blocks[1];
+}
+
 TEST_F(report_test, a_file_that_changes_on_the_way_ends_cleanly) {
     write_text(file, numbered_lines(2000, "\n"));
     wish w;
