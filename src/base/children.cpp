@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <optional>
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
@@ -20,7 +21,8 @@ namespace {
 // The end of a child is seen at its pidfd, so that the others cost nothing however many they are. Those without
 // one (an old kernel, too few descriptors) are looked for.
 struct watched_children {
-    qx_descriptor set;  // epoll
+    std::optional<bool> adopts;  // once it was asked for: nothing here changes it
+    qx_descriptor set;           // epoll
     std::unordered_map<pid_t, qx_descriptor> watched;
     std::unordered_set<pid_t> unwatched;
 };
@@ -109,8 +111,11 @@ bool collect_unwatched(pid_t* pid, int* status) {
 }
 
 bool adopts() {
-    int subreaper = 0;
-    return getpid() == 1 || (prctl(PR_GET_CHILD_SUBREAPER, &subreaper) == 0 && subreaper != 0);
+    if (!children.adopts) {
+        int subreaper = 0;
+        children.adopts = getpid() == 1 || (prctl(PR_GET_CHILD_SUBREAPER, &subreaper) == 0 && subreaper != 0);
+    }
+    return *children.adopts;
 }
 
 }  // namespace
