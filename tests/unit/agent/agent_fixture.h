@@ -3,9 +3,11 @@
 #pragma once
 
 #include <gtest/gtest.h>
+
 #include <sys/stat.h>
 
 #include <fstream>
+#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -22,11 +24,15 @@
 // Log lines of this test, number and inserts.
 inline std::vector<std::pair<int, std::string>> logged_lines;
 
+inline std::mutex logged_lock;  // threads of the tested process log as well
+
 inline void collect_line(int number, const char* insert) {
+    const std::lock_guard guard(logged_lock);
     logged_lines.emplace_back(number, insert);
 }
 
 inline int logged_count(int number) {
+    const std::lock_guard guard(logged_lock);
     int count = 0;
     for (const auto& line : logged_lines) {
         count += line.first == number ? 1 : 0;
