@@ -5,7 +5,8 @@
 
 void put_text(char* field, size_t size, std::string_view text) {
     size_t length = std::min(size, text.size());
-    memcpy(field, text.data(), length);
+    if (length > 0)
+        memcpy(field, text.data(), length);  // an empty view may have no place
     memset(field + length, ' ', size - length);
 }
 
