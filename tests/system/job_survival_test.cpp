@@ -11,7 +11,6 @@
 #include <csignal>
 #include <filesystem>
 #include <random>
-#include <sstream>
 #include <thread>
 
 #include "loopback.h"
@@ -196,19 +195,6 @@ struct limited_agent {
     }
 };
 
-// The processes of jobs are made by the starter: its limit counts for them.
-pid_t starter_of(pid_t agent) {
-    std::istringstream children(
-        read_file("/proc/" + std::to_string(agent) + "/task/" + std::to_string(agent) + "/children"));
-    pid_t child = -1;
-    while (children >> child) {
-        if (read_file("/proc/" + std::to_string(child) + "/comm").starts_with("qxxjlnx-starter")) {
-            break;
-        }
-    }
-    return child;
-}
-
 // Done by the agent's user himself: a root without all capabilities may not.
 void limit_processes(const std::string& user, pid_t process, bool none) {
     rlimit limit{};
@@ -233,7 +219,7 @@ TEST_F(job_survival, starts_jobs_later_when_processes_run_out) {
     ASSERT_TRUE(wait_done(1)) << story() << host.log();
     EXPECT_EQ(job(1).return_code, 2);
 
-    limit_processes(as.name, starter_of(host.agent.pid), true);
+    limit_processes(as.name, host.agent.pid, true);
     const int waits = submit("exit 3", "", as.name);
     const int gives_up = submit("exit 4", "", as.name);
     const std::string text =
@@ -248,7 +234,7 @@ TEST_F(job_survival, starts_jobs_later_when_processes_run_out) {
     ASSERT_TRUE(cp_cancel(server.get(), gives_up, [&](const cp_answer& a) { answer = a; }));
     ASSERT_TRUE(wait(5000, [&] { return answer.number == 2001059; })) << story() << host.log();
 
-    limit_processes(as.name, starter_of(host.agent.pid), false);
+    limit_processes(as.name, host.agent.pid, false);
     ASSERT_TRUE(wait_done(waits, 40000)) << story() << host.log();
     EXPECT_EQ(job(waits).state, cp_job_state::ended) << story();
     EXPECT_EQ(job(waits).return_code, 3);
