@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <optional>
 #include <unordered_map>
 #include <unordered_set>
@@ -94,11 +95,19 @@ bool collect(pid_t candidate, pid_t* pid, int* status) {
     return true;
 }
 
+// One that another process traces has ended and is not ours yet: it is passed over, and tells of itself again.
+// The set hands out its members in turn, so one round over all of them leaves nobody out.
 bool collect_watched(pid_t* pid, int* status) {
-    epoll_event event{};
-    while (!children.watched.empty() && epoll_wait(children.set.get(), &event, 1, 0) == 1) {
-        if (collect(event.data.fd, pid, status)) {
+    epoll_event events[16];
+    constexpr int most = std::size(events);
+    for (size_t seen = 0, all = children.watched.size(); seen < all; seen += most) {
+        const int told = epoll_wait(children.set.get(), events, most, 0);
+        if (std::any_of(events, events + std::max(told, 0),
+                        [&](const epoll_event& event) { return collect(event.data.fd, pid, status); })) {
             return true;
+        }
+        if (told < most) {
+            return false;
         }
     }
     return false;

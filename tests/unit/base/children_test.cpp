@@ -3,12 +3,16 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/ptrace.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <set>
+#include <string>
+
+#include "own_context.h"
 
 namespace {
 
@@ -117,6 +121,56 @@ TEST_F(children, all_are_found_when_descriptors_are_few) {
     EXPECT_TRUE(own.empty());
     EXPECT_EQ(children_count(), 0U);
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
+}
+
+// Its descriptor tells the end, but the one who traces it has it first, for as long as he likes.
+TEST_F(children, one_that_another_process_traces_holds_nobody_up) {
+    int said[2], wanted[2];
+    ASSERT_EQ(pipe(said), 0);
+    ASSERT_EQ(pipe(wanted), 0);
+    const auto wait_for_byte = [](int fd) {
+        char byte;
+        return read(fd, &byte, 1) == 1;
+    };
+    const pid_t traced = fork();
+    if (traced == 0) {
+        prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY, 0, 0, 0);
+        _exit(wait_for_byte(wanted[0]) ? 3 : 4);
+    }
+    const pid_t tracer = fork();
+    if (tracer == 0) {
+        const bool held = ptrace(PTRACE_SEIZE, traced, 0, 0) == 0;
+        if (write(said[1], held ? "y" : "n", 1) != 1) {
+            _exit(1);
+        }
+        pause();
+    }
+    char held = 'n';
+    ASSERT_EQ(read(said[0], &held, 1), 1);
+    children_note(traced);
+    ASSERT_EQ(write(wanted[1], "x", 1), 1);
+    pid_t pid = 0;
+    int status = 0;
+    if (held == 'y') {
+        alarm(20);  // ends a search without end
+        while (read_text("/proc/" + std::to_string(traced) + "/stat").find(") Z ") == std::string::npos) {
+            usleep(1000);
+        }
+        EXPECT_FALSE(children_collect(&pid, &status));
+        const pid_t other = child_that_ends(5);
+        children_note(other);
+        ASSERT_TRUE(children_collect(&pid, &status));
+        EXPECT_EQ(pid, other);
+    }
+    kill(tracer, SIGKILL);
+    EXPECT_EQ(waitpid(tracer, nullptr, 0), tracer);
+    wait_for_end(traced);
+    ASSERT_TRUE(children_collect(&pid, &status));
+    EXPECT_EQ(pid, traced);
+    alarm(0);
+    for (const int fd : {said[0], said[1], wanted[0], wanted[1]}) {
+        close(fd);
+    }
 }
 
 }  // namespace
