@@ -1,11 +1,8 @@
 #include "agent_side.h"
 
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define __SANITIZE_ADDRESS__  // as the other compiler says it
-#endif
-#endif
-#ifdef __SANITIZE_ADDRESS__
+#include "base/sanitizer.h"
+
+#if QX_ADDRESS_SANITIZER
 #include <sanitizer/asan_interface.h>
 #endif
 #include <fcntl.h>
@@ -320,7 +317,7 @@ ccm_msg_t* fuzz_receive(const char* module, const message_bytes& body) {
 }
 
 void fuzz_fence(const ccm_msg_t* msg, bool closed) {
-#ifdef __SANITIZE_ADDRESS__
+#if QX_ADDRESS_SANITIZER
     const unsigned char* behind = msg->msg_start + msg->len;
     const unsigned char* end = msg->buffer1 + ccm_msg_headroom + msg->size + ccm_msg_tailroom;
     const size_t size = static_cast<size_t>(end - behind);

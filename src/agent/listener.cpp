@@ -28,6 +28,7 @@
 #include "base/descriptor.h"
 #include "base/locks.h"
 #include "base/log.h"
+#include "base/sanitizer.h"
 #include "base/text.h"
 #include "base/threads.h"
 #include "base/time.h"
@@ -167,11 +168,9 @@ void place_descriptors(launch_plan* plan) {
     }
     const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
     for (int fd = 0; fd <= 2 && null >= 0; ++fd) {
-#ifdef __SANITIZE_ADDRESS__
-        if (fd == 2) {
+        if (QX_ADDRESS_SANITIZER && fd == 2) {
             break;  // reports go there
         }
-#endif
         dup2(null, fd);  // what it writes there would pass for the agent's
     }
     for (int at = 0; at < plan->count; ++at) {

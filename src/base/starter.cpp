@@ -17,6 +17,7 @@
 #include "base/children.h"
 #include "base/descriptor.h"
 #include "base/log.h"
+#include "base/sanitizer.h"
 #include "base/starter_limits.h"
 #include "base/starter_link.h"
 #include "base/starter_record.h"
@@ -90,14 +91,7 @@ void set_wait(int64_t milliseconds) {
 }
 
 // The thread sanitizer loses its way in a child that has its parent's memory: under it all starts are forks.
-#ifndef __has_feature
-#define __has_feature(x) 0
-#endif
-#if defined(__SANITIZE_THREAD__) || __has_feature(thread_sanitizer)
-constexpr bool memory_can_be_shared = false;
-#else
-constexpr bool memory_can_be_shared = true;
-#endif
+constexpr bool memory_can_be_shared = !QX_THREAD_SANITIZER;
 
 int make_starter() {
     the_starter.made_ms = alarm_now_ms();

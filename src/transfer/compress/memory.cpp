@@ -6,23 +6,14 @@
 #include <climits>
 #include <cstdlib>
 
+#include "base/sanitizer.h"
 #include "transfer/compress/compress.h"
 #include "transfer/compress/error.h"
 
 namespace {
 
 // Small regions come from the allocator, so that its checks see their bounds in a sanitizer build.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr size_t map_from = size_t{1} << 20;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-constexpr size_t map_from = size_t{1} << 20;
-#else
-constexpr size_t map_from = size_t{64} << 10;
-#endif
-#else
-constexpr size_t map_from = size_t{64} << 10;
-#endif
+constexpr size_t map_from = QX_ADDRESS_SANITIZER ? size_t{1} << 20 : size_t{64} << 10;
 
 }  // namespace
 

@@ -9,11 +9,9 @@
 #include <memory>
 #include <vector>
 
-#ifndef __has_feature
-#define __has_feature(x) 0
-#endif
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) && !__has_feature(address_sanitizer) && \
-    !__has_feature(thread_sanitizer)  // these have an allocator of their own
+#include "base/sanitizer.h"
+
+#if !QX_ADDRESS_SANITIZER && !QX_THREAD_SANITIZER  // these have an allocator of their own
 
 namespace {
 

@@ -8,12 +8,10 @@
 #include <cstring>
 
 #include "base/locks.h"
+#include "base/sanitizer.h"
 #include "fixture.h"
 
-#ifndef __has_feature
-#define __has_feature(x) 0
-#endif
-#if defined(__SANITIZE_THREAD__) || __has_feature(thread_sanitizer)
+#if QX_THREAD_SANITIZER
 #define FORK_TEST(name) TEST_F(ccm_test, DISABLED_##name)  // the tool has no threads in a forked child
 #else
 #define FORK_TEST(name) TEST_F(ccm_test, name)

@@ -11,6 +11,7 @@
 #include <cerrno>
 
 #include "base/children.h"
+#include "base/sanitizer.h"
 #include "base/starter_record.h"
 #include "base/time.h"
 #include "jobs/job_area.h"
@@ -33,14 +34,7 @@ int wait_status(pid_t pid) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
-#ifndef __has_feature
-#define __has_feature(x) 0
-#endif
-#if defined(__SANITIZE_THREAD__) || __has_feature(thread_sanitizer)
-constexpr bool has_starter = false;
-#else
-constexpr bool has_starter = true;
-#endif
+constexpr bool has_starter = !QX_THREAD_SANITIZER;
 
 struct Starter : testing::Test {
     own_context context;
