@@ -8,6 +8,7 @@
 #include "base/context.h"
 #include "base/text.h"
 #include "messages/head.h"
+#include "messages/timestamp.h"
 #include "moment.h"
 
 namespace {
@@ -17,16 +18,7 @@ constexpr size_t restart_mark_size = 8;
 constexpr size_t info_text_size = 24;
 
 MSG_TYPE_TIMESTAMP stamp_of(const timespec& now) {
-    const tm utc = utc_date(now.tv_sec);
-    MSG_TYPE_TIMESTAMP stamp{};
-    stamp.jjjj = static_cast<int16_t>(utc.tm_year + 1900);
-    stamp.mo = static_cast<int16_t>(utc.tm_mon + 1);
-    stamp.tt = static_cast<int16_t>(utc.tm_mday);
-    stamp.hh = static_cast<int16_t>(utc.tm_hour);
-    stamp.mi = static_cast<int16_t>(utc.tm_min);
-    stamp.ss = static_cast<int16_t>(utc.tm_sec);
-    stamp.ns = static_cast<int32_t>(now.tv_nsec);
-    return stamp;
+    return timestamp_of(utc_date(now.tv_sec), static_cast<int32_t>(now.tv_nsec));
 }
 
 template <class Record>

@@ -6,18 +6,6 @@
 
 namespace {
 
-MSG_TYPE_TIMESTAMP from_tm(const struct tm& parts, int32_t nanoseconds) {
-    MSG_TYPE_TIMESTAMP stamp;
-    stamp.jjjj = static_cast<int16_t>(parts.tm_year + 1900);
-    stamp.mo = static_cast<int16_t>(parts.tm_mon + 1);
-    stamp.tt = static_cast<int16_t>(parts.tm_mday);
-    stamp.hh = static_cast<int16_t>(parts.tm_hour);
-    stamp.mi = static_cast<int16_t>(parts.tm_min);
-    stamp.ss = static_cast<int16_t>(parts.tm_sec);
-    stamp.ns = nanoseconds;
-    return stamp;
-}
-
 bool to_tm(const MSG_TYPE_TIMESTAMP& stamp, struct tm* parts) {
     if (stamp.jjjj < 1900 || stamp.mo < 1 || stamp.mo > 12 || stamp.tt < 1 || stamp.tt > 31)
         return false;
@@ -37,7 +25,7 @@ MSG_TYPE_TIMESTAMP timestamp_utc(time_t seconds, int32_t nanoseconds) {
     struct tm parts;
     if (!qx_gmtime(seconds, &parts))
         return MSG_TYPE_TIMESTAMP{};
-    return from_tm(parts, nanoseconds);
+    return timestamp_of(parts, nanoseconds);
 }
 
 MSG_TYPE_TIMESTAMP timestamp_now() {
@@ -50,7 +38,7 @@ MSG_TYPE_TIMESTAMP timestamp_local(time_t seconds) {
     struct tm parts;
     if (!qx_localtime(seconds, &parts))
         return MSG_TYPE_TIMESTAMP{};
-    return from_tm(parts, 0);
+    return timestamp_of(parts, 0);
 }
 
 time_t timestamp_seconds(const MSG_TYPE_TIMESTAMP& stamp) {

@@ -5,6 +5,18 @@
 
 #include "messages/records_common.h"
 
+// A date as it stands in messages.
+inline MSG_TYPE_TIMESTAMP timestamp_of(const tm& date, int32_t nanoseconds) {
+    MSG_TYPE_TIMESTAMP stamp;
+    stamp.jjjj = static_cast<int16_t>(date.tm_year + 1900);
+    stamp.mo = static_cast<int16_t>(date.tm_mon + 1);
+    stamp.tt = static_cast<int16_t>(date.tm_mday);
+    stamp.hh = static_cast<int16_t>(date.tm_hour);
+    stamp.mi = static_cast<int16_t>(date.tm_min);
+    stamp.ss = static_cast<int16_t>(date.tm_sec);
+    stamp.ns = nanoseconds;
+    return stamp;
+}
 // A moment as UTC, `nanoseconds` beside it.
 MSG_TYPE_TIMESTAMP timestamp_utc(time_t seconds, int32_t nanoseconds = 0);
 // Now as UTC.
