@@ -11,8 +11,8 @@
 
 #include "messages/records_report.h"
 #include "messages/view.h"
+#include "../sealing_pair.h"
 #include "road_bench.h"
-#include "security/mechanism.h"
 
 namespace {
 
@@ -21,38 +21,6 @@ constexpr int block_size = 32000;
 constexpr double megabyte = 1e6;
 
 // ---- the seal alone
-
-struct sealing_pair {
-    gss_ctx_id_t initiator = nullptr, acceptor = nullptr;
-
-    sealing_pair() {
-        const std::vector<uint8_t> key(gss_key_size, 0x5A);
-        gss_cred_id_t ours = nullptr, theirs = nullptr;
-        gss_name_t target = nullptr;
-        char name[] = "AGENT";
-        gss_buffer_desc text{5, name}, token, answer, none;
-        gss_acquire_cred_with_key(nullptr, "SYSTEM", key.data(), GSS_C_INITIATE, &ours);
-        gss_acquire_cred_with_key(nullptr, "AGENT", key.data(), GSS_C_ACCEPT, &theirs);
-        gss_import_name(nullptr, &text, GSS_C_NT_MACHINE_UID_NAME, &target);
-        gss_init_sec_context(nullptr, ours, &initiator, target, nullptr, 0, 0, nullptr, nullptr, nullptr, &token,
-                             nullptr, nullptr);
-        gss_accept_sec_context(nullptr, &acceptor, theirs, &token, nullptr, nullptr, nullptr, &answer, nullptr,
-                               nullptr, nullptr);
-        gss_init_sec_context(nullptr, nullptr, &initiator, nullptr, nullptr, 0, 0, nullptr, &answer, nullptr, &none,
-                             nullptr, nullptr);
-        gss_release_buffer(nullptr, &token);
-        gss_release_buffer(nullptr, &answer);
-        gss_release_name(nullptr, &target);
-        gss_release_cred(nullptr, &ours);
-        gss_release_cred(nullptr, &theirs);
-    }
-    ~sealing_pair() {
-        gss_delete_sec_context(nullptr, &initiator, nullptr);
-        gss_delete_sec_context(nullptr, &acceptor, nullptr);
-    }
-    sealing_pair(const sealing_pair&) = delete;
-    sealing_pair& operator=(const sealing_pair&) = delete;
-};
 
 // Seconds for as many blocks as a report has, sealed; with `open` also opened.
 double seal_all(bool open) {
@@ -177,11 +145,8 @@ int main(int argc, char** argv) {
     const bool quick = argc == 2 && std::strcmp(argv[1], "--quick") == 0;
     const bool told = argc == 3 && std::strcmp(argv[1], "--rounds") == 0;
     const int rounds = quick ? 1 : told ? std::max(std::atoi(argv[2]), 1) : 7;
-    if (access("/dev/shm", W_OK) == 0) {
-        setenv("TMPDIR", "/dev/shm", 0);
-    }
     bench b;
-    fmt::print("{:<46} {:>16} {:>22} {:>10}   {:<28}\n", "what", "figure", "peer", "ratio", "aim");
+    row_head();
     cp_server_options(b.server.get()).reconnect = 1;  // each drained line is followed by a new one
     b.logon();
     const int run = b.submit("yes \"a line of a report as programs write them, some eighty characters long it is\" | "
