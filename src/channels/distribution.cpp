@@ -180,7 +180,7 @@ bool ccm_write_at_once(ccm_context_t* ccm, ccm_msg_t* msg) {
     }
     join(channel, msg);
     ccm_channel_unlock(ccm);
-    write_queued(ccm, channel);
+    write_queued(ccm, channel);  // a channel that failed is marked deleted, and the network thread sees to it
     pen_give_back(ccm, channel);
     return true;
 }
