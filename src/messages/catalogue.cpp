@@ -2,64 +2,128 @@
 
 #include <algorithm>
 #include <array>
+#include <iterator>
+#include <span>
 
-#include "messages/catalogue_common.h"
-#include "messages/catalogue_event.h"
-#include "messages/catalogue_foreign.h"
-#include "messages/catalogue_job.h"
-#include "messages/catalogue_report.h"
-#include "messages/catalogue_server.h"
-#include "messages/catalogue_transfer.h"
+#include "messages/records_common.h"
+#include "messages/records_event.h"
+#include "messages/records_job.h"
+#include "messages/records_report.h"
+#include "messages/records_server.h"
+#include "messages/records_transfer.h"
+
+// Defines what the lists are read by, so that it comes last.
+#include "messages/declare_rows.h"
 
 namespace {
 
-constexpr std::array<std::span<const catalogue_part>, 7> all_parts = {
-    common_catalogue,   server_catalogue, job_catalogue,     report_catalogue,
-    transfer_catalogue, event_catalogue,  foreign_catalogue,
+using namespace declare;
+
+constexpr line lines[] = {
+#include "messages/protocol_common.h"
+#include "messages/protocol_event.h"
+#include "messages/protocol_foreign.h"
+#include "messages/protocol_job.h"
+#include "messages/protocol_report.h"
+#include "messages/protocol_server.h"
+#include "messages/protocol_transfer.h"
+};
+#include "messages/declare_end.h"
+
+// An entry of the catalogue: a line that begins one, and those of its fields behind it.
+struct entry_lines {
+    const line* begin;
+    std::span<const line> fields;
 };
 
-constexpr size_t count_entries() {
-    size_t count = 0;
-    for (const auto& parts : all_parts)
-        count += parts.size();
-    return count;
-}
-static_assert(count_entries() == catalogue_count);
+constexpr size_t entry_count = static_cast<size_t>(
+    std::count_if(std::begin(lines), std::end(lines), [](const line& line) { return line.begins; }));
+constexpr size_t element_count = std::size(lines) - entry_count;
+static_assert(entry_count < UINT8_MAX);  // structure_numbers
 
 // Sorting happens while compiling, so that a lookup never depends on who opened the engine first.
-constexpr auto sorted_parts = [] {
-    std::array<catalogue_part, catalogue_count> sorted{};
+constexpr auto sorted_entries = [] {
+    std::array<entry_lines, entry_count> sorted{};
     size_t at = 0;
-    for (const auto& parts : all_parts)
-        for (const catalogue_part& part : parts)
-            sorted[at++] = part;
-    std::sort(sorted.begin(), sorted.end(), [](const catalogue_part& a, const catalogue_part& b) {
-        return std::string_view(a.name) < std::string_view(b.name);
+    for (const line* begin = lines; begin != std::end(lines);) {
+        const line* end =
+            std::find_if(begin + 1, std::end(lines), [](const line& line) { return line.begins; });
+        sorted[at++] = {begin, {begin + 1, end}};
+        begin = end;
+    }
+    std::sort(sorted.begin(), sorted.end(), [](const entry_lines& a, const entry_lines& b) {
+        return std::string_view(a.begin->name) < b.begin->name;
     });
     return sorted;
 }();
 
 constexpr bool names_are_unique() {
-    for (size_t i = 1; i < sorted_parts.size(); i++)
-        if (std::string_view(sorted_parts[i - 1].name) == sorted_parts[i].name)
+    for (size_t i = 1; i < sorted_entries.size(); i++)
+        if (std::string_view(sorted_entries[i - 1].begin->name) == sorted_entries[i].begin->name)
             return false;
     return true;
 }
 static_assert(names_are_unique());
 
-constexpr size_t element_count = [] {
-    size_t count = 0;
-    for (const catalogue_part& part : sorted_parts)
-        count += part.elements.size();
-    return count;
+constexpr size_t longest_name = 18;
+
+// Names, blank-padded to 8 characters.
+constexpr auto padded_names = [] {
+    std::array<std::array<char, longest_name + 1>, entry_count> names{};
+    for (size_t i = 0; i < names.size(); i++) {
+        std::string_view name = sorted_entries[i].begin->name;
+        std::fill_n(names[i].begin(), message_type_size, ' ');
+        std::copy(name.begin(), name.end(), names[i].begin());
+    }
+    return names;
 }();
+
+// Index of the field `name` in front of the field `index`; `index` itself when nothing is referred to. A
+// name that is not there does not compile.
+constexpr size_t referred_index(std::span<const line> fields, size_t index, const char* name) {
+    if (name == nullptr)
+        return index;
+    for (size_t i = 0; i < index; i++)
+        if (std::string_view(fields[i].name) == name)
+            return i;
+    throw "a field that is not in front of this one";
+}
+
+// A field's number: its place, counted from 1, with room for the named values of those in front of it.
+constexpr int32_t field_number(std::span<const line> fields, size_t index) {
+    int32_t number = 1;
+    for (const line& field : fields.first(index))
+        number += 1 + field.values;
+    return number;
+}
+
+constexpr int32_t reference(std::span<const line> fields, size_t index, const char* name) {
+    return name == nullptr ? 0 : -field_number(fields, referred_index(fields, index, name));
+}
+
+constexpr msg_el element_of(std::span<const line> fields, size_t index) {
+    const line& field = fields[index];
+    return {.name = field.name,
+            .structure = field.structure,
+            .chkstr = field.check,
+            .count = field_number(fields, index),
+            .size = field.size_field == nullptr ? field.size : reference(fields, index, field.size_field),
+            .dim = reference(fields, index, field.dim_field),
+            .relation = reference(fields, index, field.position_field),
+            .isunion = 0,
+            .chkptr = 0,
+            .type = field.type,
+            .version = field.version,
+            .rule = field.rule,
+            .filler = 0};
+}
 
 constexpr auto flat_elements = [] {
     std::array<msg_el, element_count> flat{};
     size_t at = 0;
-    for (const catalogue_part& part : sorted_parts)
-        for (const msg_el& element : part.elements)
-            flat[at++] = element;
+    for (const entry_lines& entry : sorted_entries)
+        for (size_t i = 0; i < entry.fields.size(); i++)
+            flat[at++] = element_of(entry.fields, i);
     return flat;
 }();
 
@@ -69,8 +133,8 @@ constexpr auto structure_numbers = [] {
     for (size_t i = 0; i < element_count; i++) {
         if (flat_elements[i].type != el_struct)
             continue;
-        for (size_t k = 0; k < sorted_parts.size() && numbers[i] == 0; k++)
-            if (catalogue_name_matches(sorted_parts[k].name, flat_elements[i].structure))
+        for (size_t k = 0; k < sorted_entries.size() && numbers[i] == 0; k++)
+            if (std::string_view(sorted_entries[k].begin->name) == flat_elements[i].structure)
                 numbers[i] = static_cast<uint8_t>(k + 1);
     }
     return numbers;
@@ -84,21 +148,33 @@ constexpr bool references_are_sound() {
 }
 static_assert(references_are_sound());
 
-constexpr uint8_t referred_index(const catalogue_part& part, size_t index, int32_t reference) {
-    for (size_t k = 0; reference < 0 && k < index; k++)
-        if (part.elements[k].count == -reference)
-            return static_cast<uint8_t>(k);
-    return static_cast<uint8_t>(index);
+// Whether the fields of each entry make its length.
+constexpr bool lengths_add_up() {
+    for (const entry_lines& entry : sorted_entries) {
+        int32_t length = entry.begin->head;
+        for (const line& field : entry.fields) {
+            bool fixed = field.size_field == nullptr && field.dim_field == nullptr;
+            bool inner = fixed && field.type == el_struct;
+            for (size_t k = 0; k < sorted_entries.size() && inner; k++)
+                if (std::string_view(sorted_entries[k].begin->name) == field.structure)
+                    length += sorted_entries[k].begin->length;
+            length += fixed ? field.size : 0;
+        }
+        if (length != entry.begin->length)
+            return false;
+    }
+    return true;
 }
+static_assert(lengths_add_up());
 
 constexpr auto references = [] {
     std::array<element_references, element_count> table{};
     size_t at = 0;
-    for (const catalogue_part& part : sorted_parts)
-        for (size_t k = 0; k < part.elements.size(); k++)
-            table[at++] = {referred_index(part, k, part.elements[k].size),
-                           referred_index(part, k, part.elements[k].dim),
-                           referred_index(part, k, part.elements[k].relation)};
+    for (const auto& [begin, fields] : sorted_entries)
+        for (size_t i = 0; i < fields.size(); i++)
+            table[at++] = {static_cast<uint8_t>(referred_index(fields, i, fields[i].size_field)),
+                           static_cast<uint8_t>(referred_index(fields, i, fields[i].dim_field)),
+                           static_cast<uint8_t>(referred_index(fields, i, fields[i].position_field))};
     return table;
 }();
 
@@ -111,27 +187,27 @@ constexpr uint64_t name_key(const char* name) {
 }
 
 constexpr auto name_keys = [] {
-    std::array<uint64_t, catalogue_count> keys{};
+    std::array<uint64_t, entry_count> keys{};
     for (size_t i = 0; i < keys.size(); i++)
-        keys[i] = name_key(sorted_parts[i].name);
+        keys[i] = name_key(padded_names[i].data());
     return keys;
 }();
 
 // `chkptr` of these is written once, by msgconv_open.
 constinit std::array<msg_el, element_count> elements = flat_elements;
 
-constinit std::array<msgtab_el, catalogue_count> entries = [] {
-    std::array<msgtab_el, catalogue_count> table{};
+constinit std::array<msgtab_el, entry_count> entries = [] {
+    std::array<msgtab_el, entry_count> table{};
     size_t at = 0;
     for (size_t i = 0; i < table.size(); i++) {
-        const catalogue_part& part = sorted_parts[i];
-        table[i] = {part.name, {part.elements.size(), elements.data() + at}, part.msg_len};
-        at += part.elements.size();
+        const auto& [begin, fields] = sorted_entries[i];
+        table[i] = {padded_names[i].data(), {fields.size(), elements.data() + at}, begin->length};
+        at += fields.size();
     }
     return table;
 }();
 
-constinit MSGTAB catalogue = {catalogue_count, entries.data()};
+constinit MSGTAB catalogue = {entry_count, entries.data()};
 
 // First entry that does not sort before `text`.
 const msgtab_el* first_entry_from(const MSGTAB* table, std::string_view text) {

@@ -1,13 +1,11 @@
 // The catalogue: every message and every record inside messages, field by field.
 //
-// The tables stand in catalogue_*.h, one row for each field, in the order of `msg_el`. They are the only
-// place that tells a field's type, size, version and check; records_*.h are held against them while
-// compiling.
+// It is made while compiling from protocol_*.h, the only place that tells a field's type, size, version and
+// check.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-#include <span>
 #include <string_view>
 
 enum element_type : uint8_t {
@@ -70,8 +68,6 @@ struct MSGTAB {
     msgtab_el* entries;
 };
 
-inline constexpr int64_t catalogue_count = 177;
-
 // The catalogue. Sorted from the start; only `msgconv_open` changes it (the `chkptr` of its elements), so
 // every thread may read it. Never null.
 MSGTAB* get_msgtab();
@@ -79,13 +75,6 @@ MSGTAB* get_msgtab();
 // The entry whose name is `name` (any case): `name` must be followed in the table by its end or a blank, so
 // "FTXQUIT " is FTXQUIT and never a longer name. Null when there is none.
 const msgtab_el* find_definition(const MSGTAB* table, std::string_view name);
-
-// What the tables in catalogue_*.h consist of: constants from which the catalogue is made.
-struct catalogue_part {
-    const char* name;
-    std::span<const msg_el> elements;
-    int32_t msg_len;
-};
 
 // The record that an el_struct element names, null when there is none. Quick for the catalogue's own
 // elements.

@@ -102,7 +102,7 @@ TEST(View, NewMessagesAreBlank) {
     EXPECT_EQ(message.progname[254], ' ');
     EXPECT_EQ(message.infotext_alt.infotext[23], ' ');
     EXPECT_EQ(message.endzeit.jjjj, 0);
-    EXPECT_EQ(message.filler, 0);
+    EXPECT_EQ(message.filler[0], 0);
 }
 
 TEST(Head, VersionAsNumber) {

@@ -1,0 +1,25 @@
+// Ends what declare_records.h or declare_rows.h began.
+#undef MESSAGE
+#undef PART
+#undef END
+#undef FOREIGN
+#undef I8
+#undef I16
+#undef I32
+#undef I64
+#undef U16
+#undef U32
+#undef U64
+#undef CHAR
+#undef DIGIT
+#undef TEXT
+#undef STRING
+#undef BYTES
+#undef PAD
+#undef RECORD
+#undef SIZED_TEXT
+#undef SIZED_BYTES
+#undef TABLE
+#undef VARIABLE
+#undef FIELD
+#undef SIZED
