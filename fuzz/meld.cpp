@@ -14,10 +14,10 @@
 #include "channels/messages.h"
 #include "jobs/job_context.h"
 #include "jobs/job_table.h"
-#include "jobs/messenger_records.h"
 #include "jobs/report_scan.h"
 #include "jobs/supervision.h"
 #include "messages/conversion.h"
+#include "messages/records_meld.h"
 
 namespace {
 

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "base/version.h"
 #include "control.h"
 #include "message_text.h"
 #include "messages/conversion.h"
@@ -23,9 +24,9 @@ void send_logon_answer(cp_server& server, cp_agent& agent, const QX_HEADM& reque
     auto record = new_message<MSG_TYPE_EXSTRTQ2>(request.i2Mandant, request.i4UsrIdNr, 2);
     const cp_options& options = server.options;
     put_text(record.system_name, server.identity.system);
-    record.version.major = 12;
-    record.version.minor = 2;
-    put_text(record.version.release_id, "+build.2108");
+    record.version.major = qx_major;
+    record.version.minor = qx_minor;
+    put_text(record.version.release_id, qx_build);
     put_text(record.rep_type, "LOG");
     put_text(record.charset, "US-ASCII");
     record.use_event = 'N';
@@ -283,16 +284,9 @@ bool cp_stop_agent(cp_server* server, const std::string& name) {
     if (agent == nullptr) {
         return false;
     }
-    struct __attribute__((packed)) {
-        char host[32];
-        char mode;
-        char unused[3];
-        int32_t number;
-        char insert[256];
-    } order{};
-    static_assert(sizeof order == 296);
-    put_text(order.host, agent->link.agent);
-    order.mode = ' ';
-    put_text(order.insert, "");
+    _QX7_SYS_SHUTDOWN order{};
+    put_text(order.cHost, agent->link.agent);
+    order.bMode = ' ';
+    put_text(order.cMsgIns, "");
     return cp_link_send_item(agent->link, server->identity, key_system_shutdown, &order, sizeof order);
 }

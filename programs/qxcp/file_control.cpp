@@ -13,6 +13,7 @@
 #include "base/time.h"
 #include "control.h"
 #include "messages/records_report.h"
+#include "messages/records_retrieval.h"
 #include "messages/records_server.h"
 #include "security/string_cipher.h"
 
@@ -25,33 +26,18 @@ constexpr int login_unknown = 2001007;
 constexpr int file_not_opened = 29003;  // for a command where commands are off, too
 constexpr char shell_mark[] = "<AGENTSHELL>";
 constexpr size_t login_info_size = 200;
-constexpr size_t answer_head_size = 20;
-
-#pragma pack(push, 1)
-struct request_record {
-    char type[8];
-    char file[512];
-    int32_t block_size;
-    int32_t records;
-    int64_t position;
-    char login_object[200];
-    int16_t client;
-    char file_type;
-    char direction;
-};
-#pragma pack(pop)
-static_assert(sizeof(request_record) == 740);
+constexpr size_t answer_head_size = sizeof(MSG_TYPE_XML_DATA);
 
 std::string request_text(const std::string& key, const cp_file_wish& wish, unsigned user_id) {
-    request_record record{};
-    put_field(record.type, "GETFILE");
-    put_field(record.file, wish.path);
-    put_field(record.login_object, "LOGIN." + key);
-    record.block_size = wish.block_size;
-    record.records = wish.lines;
-    record.client = 100;
-    record.file_type = wish.part == cp_file_part::bytes ? 'B' : 'T';
-    record.direction = wish.part == cp_file_part::tail ? 'E' : 'B';
+    RCV_CD record{};
+    put_field(record.cd_requesttype, "GETFILE");
+    put_field(record.cd_filename, wish.path);
+    put_field(record.cd_loginobject, "LOGIN." + key);
+    record.cd_blocksize = wish.block_size;
+    record.cd_records = wish.lines;
+    record.cd_client = 100;
+    record.cd_filetype = wish.part == cp_file_part::bytes ? 'B' : FILE_REQUEST_TEXT;
+    record.cd_readdirection = wish.part == cp_file_part::tail ? FILE_REQUEST_END : FILE_REQUEST_BEGIN;
     std::string text = fmt::format(
         "<?xml version=\"1.0\"?><qx-env addr=\"{}\" name=\"{}\" request=\"{}\" session=\"1\" useridnr=\"{}\">"
         "<request name=\"GETFILE\" src=\"qxcp\"><![CDATA[",
@@ -97,11 +83,11 @@ void end_read(cp_server& server, const std::string& key, cp_answer answer) {
 
 // The bytes of a block into the copy. An empty text, or what is wrong.
 std::string take_block(cp_file_read& read, const std::string& record) {
-    int64_t remaining = 0;
-    int32_t length = 0;
-    std::memcpy(&remaining, record.data(), sizeof remaining);
-    std::memcpy(&read.position, record.data() + 8, sizeof read.position);
-    std::memcpy(&length, record.data() + 16, sizeof length);
+    MSG_TYPE_XML_DATA head;
+    std::memcpy(&head, record.data(), sizeof head);
+    const int64_t remaining = head.remaining_bytes;
+    const int32_t length = head.datalen;
+    read.position = head.pos;
     if (remaining < 0 || length < 0 || static_cast<size_t>(length) != record.size() - answer_head_size) {
         return "the agent sent a block whose sizes contradict each other";
     }

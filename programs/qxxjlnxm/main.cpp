@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "base/context.h"
+#include "base/version.h"
 #include "connection.h"
 #include "message.h"
 #include "moment.h"

@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <cstring>
 
-#include "base/context.h"
 #include "base/text.h"
+#include "base/version.h"
 #include "messages/head.h"
 #include "messages/timestamp.h"
 #include "moment.h"
@@ -14,8 +14,6 @@
 namespace {
 
 constexpr char job_module[] = "JPAKTJ_R";
-constexpr size_t restart_mark_size = 8;
-constexpr size_t info_text_size = 24;
 
 MSG_TYPE_TIMESTAMP stamp_of(const timespec& now) {
     return timestamp_of(utc_date(now.tv_sec), static_cast<int32_t>(now.tv_nsec));
@@ -26,9 +24,9 @@ void fill_common(const request& order, char status, Record* record) {
     record->jobNr = order.run;
     record->status = status;
     put_text(record->md_version, qx_version);
-    record->mdMajor = 12;
-    record->mdMinor = 2;
-    record->mdPatch = 0;
+    record->mdMajor = qx_major;
+    record->mdMinor = qx_minor;
+    record->mdPatch = qx_patch;
 }
 
 // Each puts its record at `at` and returns its length.
@@ -41,8 +39,8 @@ size_t put_record(const Record& record, unsigned char* at) {
 size_t put_status(const request& order, const timespec& now, unsigned char* at) {
     JP_EXMLDJ record{};
     fill_common(order, order.command == command_end ? meld_ended : meld_running, &record);
-    put_text(record.infoText, restart_mark_size, order.command == command_restart ? order.mark : "");
-    put_text(record.infoText + restart_mark_size, info_text_size, order.text);
+    put_text(record.infoText, meld_mark_size, order.command == command_restart ? order.mark : "");
+    put_text(record.infoText + meld_mark_size, sizeof record.infoText - meld_mark_size, order.text);
     record.retCode = order.retcode;
     record.sTime = stamp_of(now);
     record.jtime = now.tv_sec;

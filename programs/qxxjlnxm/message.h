@@ -4,12 +4,9 @@
 #include <cstddef>
 #include <ctime>
 
-#include "jobs/messenger_records.h"
 #include "messages/frame.h"
-#include "messages/records_job.h"
+#include "messages/records_meld.h"
 #include "request.h"
-
-inline constexpr char messenger_version[] = "12.2.0";
 
 // The largest record is that of a variable; a file's is shorter.
 inline constexpr size_t largest_record = sizeof(JP_EXMLDV) + sizeof(MSG_TYPE_STATUS_VALUE);

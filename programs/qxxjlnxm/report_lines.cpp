@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/version.h"
 #include "message.h"
 #include "moment.h"
 
@@ -72,7 +73,7 @@ void put_process(line_text* line) {
 
 void put_file(line_text* line, const request& order) {
     put(line, "QX7 messenger '");
-    put(line, messenger_version);
+    put(line, qx_release);
     put(line, "' login check '");
     put(line, {&order.login_check, 1});
     put(line, "' registered output file '");

@@ -21,10 +21,6 @@ constexpr size_t variable_name_max = 199;
 constexpr size_t variable_value_max = 254;
 constexpr uint32_t service_bits = 0x6F9E;
 constexpr uint32_t service_mail = 1;
-constexpr int version_major = 12;
-constexpr int version_minor = 2;
-constexpr int version_patch = 0;
-constexpr char release_text[] = "+build.2108";
 
 constexpr char agent_sw[] = "LINUX";
 constexpr char agent_hw[] = "X64";
@@ -102,10 +98,10 @@ std::string hardware_text(const _ExecutorVar* var) {
 }
 
 void fill_version(MSG_TYPE_VERS* version) {
-    version->major = version_major;
-    version->minor = version_minor;
-    version->patch = version_patch;
-    put_field(version->release_id, release_text);
+    version->major = qx_major;
+    version->minor = qx_minor;
+    version->patch = qx_patch;
+    put_field(version->release_id, qx_build);
     put_field(version->remote_id, "");
     memset(version->filler, ' ', sizeof version->filler);
 }

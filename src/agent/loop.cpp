@@ -19,27 +19,10 @@
 #include "channels/handshake.h"
 #include "channels/network_thread.h"
 #include "channels/policy.h"
+#include "messages/frame.h"
+#include "messages/records_connection.h"
 
 namespace {
-
-enum item_key {
-    item_visit_card = 4,
-    item_close = 7,
-    item_server_data = 65,
-    item_cp_list = 68,
-    item_shutdown = 249
-};
-
-#pragma pack(push, 1)
-struct _QX7_SYS_SHUTDOWN {
-    char cHost[32];
-    char bMode;  // nobody looks at it
-    char bUnused[3];
-    int32_t lMsgNr;
-    char cMsgIns[256];
-};
-#pragma pack(pop)
-static_assert(sizeof(_QX7_SYS_SHUTDOWN) == 296);
 
 void take_loop_time(EX_PCX* pcx) {
     DATUM_BUFF now;
@@ -131,23 +114,23 @@ int process_protocol_message(EX_PCX* pcx, ccm_context_t* ccm, ccm_msg_t* msg) {
         return 0;
     }
     switch (msg->protocol_key) {
-        case item_visit_card:
+        case key_executor_data:
             if (pcx->running_mode == MODE_LISTENER) {
                 process_executor_data_listener(pcx, msg);
             } else {
                 process_executor_data(pcx, msg);
             }
             break;
-        case item_close:
+        case key_close_connection:
             process_close_connection(pcx, msg);
             break;
-        case item_server_data:
+        case key_server_data:
             process_server_data(pcx, msg);
             break;
-        case item_cp_list:
+        case key_cp_list:
             process_cp_server_list(pcx, msg);
             break;
-        case item_shutdown:
+        case key_system_shutdown:
             process_system_shutdown(pcx, msg);
             break;
         default:

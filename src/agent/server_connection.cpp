@@ -17,6 +17,7 @@
 #include "channels/network_thread.h"
 #include "channels/replies.h"
 #include "channels/resolver.h"
+#include "messages/frame.h"
 #include "messages/records_connection.h"
 #include "messages/records_server.h"
 #include "messages/timestamp.h"
@@ -29,7 +30,6 @@ constexpr char own_module[] = "QXEXVAR";
 constexpr size_t key_list_max = 512;  // bytes of key names of section CP_LIST that are looked at
 constexpr int unanswered_limit = 2;
 constexpr int wait_after_silence = 30;
-constexpr int item_card = 4;
 constexpr size_t named_list_max = 8192;  // the elements that count fit well
 
 // Lists that candidates named, by channel. The one of the candidate that becomes the server is written to the
@@ -270,7 +270,7 @@ int send_visitcard(EX_PCX* pcx, int channel_id) {
     if (msg == nullptr) {
         return -1;
     }
-    ccm_msg_write_native_data(msg, item_card, &card, sizeof card);
+    ccm_msg_write_native_data(msg, key_executor_data, &card, sizeof card);
     ccm_setaddr(msg, channel_id, 0, "", "", 0);
     return send_native_message(pcx->ccm, msg);
 }

@@ -10,6 +10,7 @@
 #include <cstdint>
 
 #include "base/error.h"
+#include "base/version.h"
 
 struct EX_PCX;
 struct FILE_CAT;
@@ -32,7 +33,6 @@ struct log_message_stack;
 struct qx_code_tables;
 
 inline constexpr size_t qx_path_size = 4096;
-inline constexpr char qx_version[] = "12.2.0+build.2108";
 
 // Values of EX_PCX::running_mode.
 enum qx_running_mode : int { MODE_AGENT = 0, MODE_LISTENER = 1, MODE_FTX = 2 };

@@ -5,6 +5,8 @@
 #pragma once
 
 #include "channels/ccm.h"
+#include "messages/frame.h"
+#include "messages/view.h"
 
 enum ccm_msg_type : int {
     CCM_MSG_NATIVE = 0,  // connection-level item
@@ -39,7 +41,7 @@ inline constexpr int ccm_msg_tailroom = 512;  // behind `size` bytes, for source
 inline constexpr int ccm_msg_pool_size = 64;
 inline constexpr int ccm_msg_kept_max = 1000;
 inline constexpr int ccm_msg_fit_below = 8192;  // bytes up to which a queued message is fitted
-inline constexpr int ccm_frame_max = 99999999;    // what eight digits can tell
+inline constexpr int ccm_frame_max = frame_length_max;
 inline constexpr int ccm_frame_open_max = 65536;  // on a TCP channel before sealing
 inline constexpr int ccm_frame_gss_max = 4096;
 inline constexpr int ccm_write_piece = 32768;  // at most in one sendmsg, for the other channels' sake

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "base/error.h"
+#include "messages/records_retrieval.h"
 
 inline constexpr int FILE_REQUEST_LOGGED = 2000256;
 inline constexpr int FILE_REQUEST_FAILED = 2000258;
@@ -20,36 +21,6 @@ inline constexpr int32_t file_request_block_max = 1 << 20;
 inline constexpr size_t file_answer_error_max = 2048;
 inline constexpr char file_requests_busy[] = "too many files are being read, try again in half a minute";
 inline constexpr char file_request_no_key[] = "error, file request key not exist";
-
-enum file_request_type : char { FILE_REQUEST_TEXT = 'T' };  // every other letter: bytes
-enum file_request_direction : char { FILE_REQUEST_BEGIN = 'B', FILE_REQUEST_END = 'E' };
-
-#pragma pack(push, 1)
-// What stands as base64 in the CDATA section. Numbers are little-endian.
-struct RCV_CD {
-    char cd_requesttype[8];  // "GETFILE " or "GET_FILE"
-    char cd_filename[512];
-    int32_t cd_blocksize;  // bytes of file in one answer
-    int32_t cd_records;    // lines wanted
-    int64_t cd_pos;
-    char cd_loginobject[200];
-    int16_t cd_client;
-    char cd_filetype;       // file_request_type
-    char cd_readdirection;  // file_request_direction
-};
-
-// In front of the file's bytes in an answer.
-struct MSG_TYPE_XML_DATA {
-    int64_t remaining_bytes;  // that are still to come behind this block
-    int64_t pos;              // where in the file the part that is sent begins
-    int32_t datalen;
-};
-#pragma pack(pop)
-static_assert(sizeof(RCV_CD) == 740);
-static_assert(offsetof(RCV_CD, cd_blocksize) == 520 && offsetof(RCV_CD, cd_pos) == 528);
-static_assert(offsetof(RCV_CD, cd_loginobject) == 536 && offsetof(RCV_CD, cd_client) == 736);
-static_assert(offsetof(RCV_CD, cd_filetype) == 738 && offsetof(RCV_CD, cd_readdirection) == 739);
-static_assert(sizeof(MSG_TYPE_XML_DATA) == 20);
 
 struct file_request {
     std::string addr, name, request, session, reqName, reqSrc;  // as they stand, entities and all

@@ -18,18 +18,16 @@
 #include "jobs/job_send.h"
 #include "jobs/job_table.h"
 #include "jobs/job_time.h"
-#include "jobs/messenger_records.h"
 #include "jobs/process_info.h"
 #include "jobs/report_scan.h"
 #include "jobs/supervision.h"
+#include "messages/records_meld.h"
 #include "messages/records_server.h"
 
 namespace {
 
 constexpr int number_wrong_version = 2000023;
 constexpr int number_restart_mark = 2000031;
-constexpr char agent_version_text[] = "12.2.0";
-constexpr size_t restart_mark_size = 8;
 
 // Every user of this host can send what is not taken: lines about it must not fill the disk.
 line_budget refusal_lines{200, 2};
@@ -68,7 +66,7 @@ bool version_fits(const Record& record) {
     }
     if (may_log()) {
         __log(number_wrong_version, "%i.%i.%i|%s|", record.mdMajor, record.mdMinor, record.mdPatch,
-              agent_version_text);
+              qx_release);
     }
     return false;
 }
@@ -118,12 +116,12 @@ void take_info_text(JP_AREA* job, const JP_EXMLDJ& record) {
         memset(job->infoText, ' ', sizeof job->infoText);
         memcpy(job->infoText, record.infoText, strnlen(record.infoText, sizeof record.infoText));
     } else {
-        memcpy(job->infoText + restart_mark_size, record.infoText + restart_mark_size,
-               sizeof job->infoText - restart_mark_size);
+        memcpy(job->infoText + meld_mark_size, record.infoText + meld_mark_size,
+               sizeof job->infoText - meld_mark_size);
     }
-    const std::string_view mark(job->infoText, restart_mark_size);
+    const std::string_view mark(job->infoText, meld_mark_size);
     if (!is_blank(mark)) {
-        __log(number_restart_mark, "%.8s|%.24s|", job->infoText, job->infoText + restart_mark_size);
+        __log(number_restart_mark, "%.8s|%.24s|", job->infoText, job->infoText + meld_mark_size);
         job_set_text(job->JP_client_msg, "RECV_MLD_RESTART");
     } else if (record.status == meld_ended) {
         job_set_text(job->JP_client_msg, "RECV_MLD_END    ");

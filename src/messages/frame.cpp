@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "messages/frame_items.h"
+#include "messages/records_connection.h"
 
 namespace {
 
@@ -249,7 +250,7 @@ constexpr int number_wrong_size = 1002204;
 constexpr int number_cut = 1002205;
 constexpr int number_group_key = 1002206;
 constexpr int number_not_allowed = 1002208;
-constexpr size_t shutdown_least = 296;
+constexpr size_t shutdown_least = sizeof(_QX7_SYS_SHUTDOWN);
 
 int refuse(qx7_error* error, int number, size_t offset, unsigned char key) {
     return qx_error_set(error, -1, 0, number, "%ld|%.2x|", static_cast<long>(offset), key);

@@ -31,4 +31,14 @@ struct executor_data {
 static_assert(sizeof(executor_data) == 72);
 static_assert(offsetof(executor_data, ipPort) == 32 && offsetof(executor_data, key_hash) == 40);
 
+// Item 249, the order to shut down. It may be longer.
+struct _QX7_SYS_SHUTDOWN {
+    char cHost[32];
+    char bMode;  // nobody looks at it
+    char bUnused[3];
+    int32_t lMsgNr;  // 0: nothing to log
+    char cMsgIns[256];
+};
+static_assert(sizeof(_QX7_SYS_SHUTDOWN) == 296);
+
 #pragma pack(pop)
