@@ -58,7 +58,7 @@ JP_AREA* make_job(unsigned choice) {
 
 // Whatever a messenger said, the server must be able to read it.
 void status_passes(EX_PCX& pcx, JP_AREA* job) {
-    std::vector<unsigned char> body = job_build_exstaj(&pcx, job, true);
+    std::vector<unsigned char> body = job_build_exstaj(&pcx, job, true).bytes();
     msg_error error;
     if (ToLAN(body.data(), body.size(), &conversion, 0, nullptr, &error) != walk_accepted) {
         free_warning_list(&error);

@@ -68,7 +68,7 @@ size_t skip_frame(int fd) {
 
 template <class Record>
 void ask(bench& b, cp_agent& agent, const Record& record) {
-    cp_send(b.server.get(), agent, "QXREPEX", &record, sizeof record);
+    cp_send(b.server.get(), agent, "QXREPEX", record);
     const std::string& out = agent.link.out;
     if (send(agent.fd, out.data(), out.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(out.size())) {
         std::perror("send");

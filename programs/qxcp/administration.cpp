@@ -14,16 +14,6 @@ namespace {
 constexpr uint16_t own_client = 100;
 constexpr uint32_t own_user = 1;
 
-template <class Element>
-void append_element(message_buffer* buffer, char type, char flag, const std::string& text) {
-    Element head{};
-    head.type = type;
-    head.flag = flag;
-    head.len = static_cast<decltype(head.len)>(text.size());
-    buffer->append({reinterpret_cast<const char*>(&head), sizeof head});
-    buffer->append(text);
-}
-
 struct mail_element {
     char type;
     char flag;
@@ -57,18 +47,20 @@ std::vector<mail_element> elements_of(const cp_mail& mail) {
 
 template <class Message, class Element>
 bool send_mail(cp_server* server, cp_agent& agent, const cp_mail& mail, cp_answer_handler handler) {
-    auto order = new_message<Message>(own_client, own_user);
+    message_builder<Message> order(own_client, own_user);
     const std::vector<mail_element> elements = elements_of(mail);
-    put_text(order.subject, mail.subject);
-    order.ah_idnr = server->next_transfer++;
-    order.entries = static_cast<int32_t>(elements.size());
-    order.dist = sizeof order;
-    message_buffer buffer(sizeof order);
+    put_text(order->subject, mail.subject);
+    order->ah_idnr = server->next_transfer++;
+    order.begin_table(Message::sub, elements.size());
     for (const mail_element& element : elements) {
-        append_element<Element>(&buffer, element.type, element.flag, element.text);
+        Element head{};
+        head.type = element.type;
+        head.flag = element.flag;
+        Element::text(&head, 0, element.text.size());
+        order.put_record(head);
+        order.put(element.text);
     }
-    std::memcpy(buffer.bytes.data(), &order, sizeof order);
-    return cp_send(server, agent, module_agent, buffer.bytes.data(), buffer.bytes.size(), std::move(handler));
+    return cp_send(server, agent, module_agent, order, std::move(handler));
 }
 
 }  // namespace
@@ -80,7 +72,7 @@ bool cp_query(cp_server* server, const std::string& name, cp_answer_handler hand
     }
     auto query = new_message<MSG_TYPE_EXQUERY>(own_client, own_user);
     query.srvtime = timestamp_now();
-    return cp_send(server, *agent, module_agent, &query, sizeof query, std::move(handler));
+    return cp_send(server, *agent, module_agent, query, std::move(handler));
 }
 
 bool cp_trace_get(cp_server* server, const std::string& name, cp_answer_handler handler) {
@@ -90,7 +82,7 @@ bool cp_trace_get(cp_server* server, const std::string& name, cp_answer_handler 
     }
     auto query = new_message<MSG_TYPE_TRCGET>(own_client, own_user, 2);
     put_text(query.host, agent->link.agent);
-    return cp_send(server, *agent, module_agent, &query, sizeof query, std::move(handler));
+    return cp_send(server, *agent, module_agent, query, std::move(handler));
 }
 
 bool cp_trace_set(cp_server* server, const std::string& name, const cp_trace_wish& wish) {
@@ -98,21 +90,18 @@ bool cp_trace_set(cp_server* server, const std::string& name, const cp_trace_wis
     if (agent == nullptr) {
         return false;
     }
-    auto order = new_message<MSG_TYPE_TRCSET>(own_client, own_user, wish.extended ? 2 : 1);
-    put_text(order.host, agent->link.agent);
-    put_text(order.flags, wish.flags);
-    order.max_size = wish.max_size;
-    order.trigger_type = wish.trigger_type;
-    order.mem_trace = wish.memory ? '1' : '0';
-    order.dump_memory = wish.dump ? '1' : '0';
-    order.force_trace = wish.force ? '1' : '0';
-    message_buffer buffer(sizeof order);
+    message_builder<MSG_TYPE_TRCSET> order(own_client, own_user, wish.extended ? 2 : 1);
+    put_text(order->host, agent->link.agent);
+    put_text(order->flags, wish.flags);
+    order->max_size = wish.max_size;
+    order->trigger_type = wish.trigger_type;
+    order->mem_trace = wish.memory ? '1' : '0';
+    order->dump_memory = wish.dump ? '1' : '0';
+    order->force_trace = wish.force ? '1' : '0';
     if (wish.extended) {
-        order.trigger_dist = buffer.append(wish.trigger);
-        order.trigger_len = static_cast<int32_t>(wish.trigger.size());
+        order.add(MSG_TYPE_TRCSET::trigger, wish.trigger);
     }
-    std::memcpy(buffer.bytes.data(), &order, sizeof order);
-    return cp_send(server, *agent, module_agent, buffer.bytes.data(), buffer.bytes.size());
+    return cp_send(server, *agent, module_agent, order);
 }
 
 bool cp_change_log(cp_server* server, const std::string& name, cp_answer_handler handler) {
@@ -126,7 +115,7 @@ bool cp_change_log(cp_server* server, const std::string& name, cp_answer_handler
     if (std::string fault = cp_store_save_numbers(server->store); !fault.empty()) {
         cp_emit(*server, "store", "", 0, fault);
     }
-    return cp_send(server, *agent, module_agent, &order, sizeof order, std::move(handler));
+    return cp_send(server, *agent, module_agent, order, std::move(handler));
 }
 
 bool cp_send_mail(cp_server* server, const std::string& name, const cp_mail& mail, std::string& error,
@@ -159,15 +148,12 @@ bool cp_connect_agents(cp_server* server, const std::string& name, const std::st
     if (agent == nullptr) {
         return false;
     }
-    auto order = new_message<MSG_TYPE_CONNECT>(own_client, own_user);
-    put_text(order.name, partner);
-    put_text(order.ipaddr, address);
-    order.port = port;
-    message_buffer buffer(sizeof order);
-    order.gss_dist = buffer.append(token);
-    order.gss_len = static_cast<int32_t>(token.size());
-    std::memcpy(buffer.bytes.data(), &order, sizeof order);
-    return cp_send(server, *agent, module_agent, buffer.bytes.data(), buffer.bytes.size(), std::move(handler));
+    message_builder<MSG_TYPE_CONNECT> order(own_client, own_user);
+    put_text(order->name, partner);
+    put_text(order->ipaddr, address);
+    order->port = port;
+    order.add(MSG_TYPE_CONNECT::gss_token, token);
+    return cp_send(server, *agent, module_agent, order, std::move(handler));
 }
 
 bool cp_delegation_token(cp_server* server, const std::string& name, const std::string& partner, std::string& token,

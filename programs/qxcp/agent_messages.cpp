@@ -55,7 +55,7 @@ void send_logon_answer(cp_server& server, cp_agent& agent, const QX_HEADM& reque
     frame_address address{};
     std::snprintf(address.dst_name, sizeof address.dst_name, "%s", module);
     address.dst_acv = code;
-    cp_link_send(agent.link, server.identity, address, &record, sizeof record);
+    cp_link_send(agent.link, server.identity, address, record);
 }
 
 void read_variables(cp_agent& agent, message_view view, const MSG_TYPE_EXSTART2& logon) {
@@ -138,7 +138,7 @@ void answer_log_change(cp_server& server, cp_agent& agent, message_view view, co
     frame_address address{};
     std::snprintf(address.dst_name, sizeof address.dst_name, "%s", module_agent);
     address.dst_acv = from.src_acv;
-    cp_link_send(agent.link, server.identity, address, &answer, sizeof answer);
+    cp_link_send(agent.link, server.identity, address, answer);
     cp_emit(server, "log", agent.link.agent, 0, fmt::format("agent {} began a new log", agent.link.agent));
 }
 
@@ -167,7 +167,7 @@ void answer_query(cp_server& server, cp_agent& agent, message_view view, const f
     frame_address address{};
     std::snprintf(address.dst_name, sizeof address.dst_name, "%s", module_agent);
     address.dst_acv = from.src_acv;
-    cp_link_send(agent.link, server.identity, address, &answer, sizeof answer);
+    cp_link_send(agent.link, server.identity, address, answer);
 }
 
 }  // namespace

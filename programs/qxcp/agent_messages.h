@@ -4,7 +4,8 @@
 #include <string>
 #include <string_view>
 
-#include "messages/view.h"
+#include "messages/build.h"
+#include "messages/records_job.h"
 #include "server_state.h"
 
 inline constexpr char module_jobs[] = "JPAKTJ_R";
@@ -12,22 +13,6 @@ inline constexpr char module_agent[] = "QXEXVAR";
 inline constexpr char module_reports[] = "QXREPEX";
 inline constexpr char own_address[] = "*CP";
 inline constexpr char own_module[] = "QXCPJOB";
-
-// A message with variable data behind its record.
-struct message_buffer {
-    std::string bytes;
-
-    explicit message_buffer(size_t fixed) : bytes(fixed, '\0') {}
-    // Where `data` lands, 0 for nothing.
-    int32_t append(std::string_view data) {
-        if (data.empty()) {
-            return 0;
-        }
-        const auto place = static_cast<int32_t>(bytes.size());
-        bytes += data;
-        return place;
-    }
-};
 
 // Hands the answer to whoever asked with this access code, once.
 void cp_answer_pending(cp_server& server, uint32_t code, const cp_answer& answer);
@@ -41,12 +26,11 @@ void cp_take_status(cp_server& server, cp_agent& agent, message_view view);
 void cp_take_command_result(cp_server& server, message_view view, uint32_t code);
 
 // resource_control.cpp
-struct MSG_TYPE_EXAKTJ;
 // An empty text, or which of the job's resources is not here.
 std::string cp_check_resources(const cp_server& server, const cp_job& job);
 // Table and paths behind the activation; `cache` is the agent's cache folder, with its '/'.
 void cp_append_resources(const cp_server& server, const cp_job& job, const std::string& cache,
-                         message_buffer& buffer, MSG_TYPE_EXAKTJ& record);
+                         message_builder<MSG_TYPE_EXAKTJ>& order);
 // Lines ahead of the script that tell it where its files are.
 std::string cp_resource_lines(const cp_job& job, const std::string& cache, const std::string& shell);
 void cp_take_resource_request(cp_server& server, cp_agent& agent, message_view view,

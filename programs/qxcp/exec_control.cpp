@@ -61,24 +61,20 @@ int cp_exec(cp_server* server, const std::string& agent_name, const cp_exec_wish
     if (std::string fault = cp_store_save_numbers(server->store); !fault.empty()) {
         cp_emit(*server, "store", "", 0, fault);
     }
-    auto record = new_message<MSG_TYPE_EXREQCMD>(wish.client, wish.user_id);
-    record.ah_idnr = number;
-    record.max_rows = wish.rows;
-    put_text(record.logininfo, wish.user);
+    message_builder<MSG_TYPE_EXREQCMD> record(wish.client, wish.user_id);
+    record->ah_idnr = number;
+    record->max_rows = wish.rows;
+    put_text(record->logininfo, wish.user);
     auto folder = agent->variables.find("QX_EX_PATH_JOBREPORT");
     if (folder != agent->variables.end()) {
-        put_text(record.jobreport, fmt::format("{}C{:03}{:07}.TXT", folder->second, wish.client, number));
+        put_text(record->jobreport, fmt::format("{}C{:03}{:07}.TXT", folder->second, wish.client, number));
     }
-    message_buffer buffer(sizeof record);
-    record.jcl_dist = buffer.append(wish.command);
-    record.jcl_len = static_cast<int32_t>(wish.command.size());
+    record.add(MSG_TYPE_EXREQCMD::jcl, wish.command);
     if (server->options.check_passwords || !wish.password.empty()) {
         const std::string password = build_password_field(number, wish.password);
-        record.pwd_dist = buffer.append(password);
-        record.pwd_len = static_cast<int32_t>(password.size());
+        record.add(MSG_TYPE_EXREQCMD::password, password);
     }
-    std::memcpy(buffer.bytes.data(), &record, sizeof record);
-    cp_send(server, *agent, module_commands, buffer.bytes.data(), buffer.bytes.size(), std::move(handler));
+    cp_send(server, *agent, module_commands, record, std::move(handler));
     cp_emit(*server, "command", agent->link.agent, number,
             fmt::format("command {} sent to agent {}", number, agent->link.agent));
     return number;
@@ -91,7 +87,7 @@ bool cp_exec_cancel(cp_server* server, const std::string& agent_name, int number
     }
     auto order = new_message<MSG_TYPE_EXREQCAN>(0, 0);
     order.ah_idnr = number;
-    return cp_send(server, *agent, module_commands, &order, sizeof order);
+    return cp_send(server, *agent, module_commands, order);
 }
 
 void cp_take_command_result(cp_server& server, message_view view, uint32_t code) {

@@ -36,8 +36,8 @@ std::string request_text(const std::string& key, const cp_file_wish& wish, unsig
     record.cd_blocksize = wish.block_size;
     record.cd_records = wish.lines;
     record.cd_client = 100;
-    record.cd_filetype = wish.part == cp_file_part::bytes ? 'B' : FILE_REQUEST_TEXT;
-    record.cd_readdirection = wish.part == cp_file_part::tail ? FILE_REQUEST_END : FILE_REQUEST_BEGIN;
+    record.cd_filetype = wish.part == cp_file_part::bytes ? 'B' : char{FILE_REQUEST_TEXT};
+    record.cd_readdirection = wish.part == cp_file_part::tail ? char{FILE_REQUEST_END} : char{FILE_REQUEST_BEGIN};
     std::string text = fmt::format(
         "<?xml version=\"1.0\"?><qx-env addr=\"{}\" name=\"{}\" request=\"{}\" session=\"1\" useridnr=\"{}\">"
         "<request name=\"GETFILE\" src=\"qxcp\"><![CDATA[",
@@ -131,21 +131,18 @@ void cp_take_login_request(cp_server& server, cp_agent& agent, message_view view
         put_text(refusal.msg, "RES_GET");
         refusal.msgnr = login_unknown;
         put_text(refusal.msg_insert, fmt::format("{}|", get_text(get.name)));
-        cp_send(&server, agent, module, &refusal, sizeof refusal);
+        cp_send(&server, agent, module, refusal);
         return;
     }
-    auto data = new_message<MSG_TYPE_RES_DATA>(get.header.i2Mandant, get.header.i4UsrIdNr);
-    put_text(data.type, "LOGIN");
-    put_text(data.name, get_text(get.name));
+    message_builder<MSG_TYPE_RES_DATA> data(get.header.i2Mandant, get.header.i4UsrIdNr);
+    put_text(data->type, "LOGIN");
+    put_text(data->name, get_text(get.name));
     std::string content(login_info_size, ' ');
     content.replace(0, std::min(read->wish.user.size(), login_info_size),
                     read->wish.user.substr(0, login_info_size));
     content += build_password_field(static_cast<int>(get.header.i4UsrIdNr), read->wish.password);
-    message_buffer buffer(sizeof data);
-    data.content_dist = buffer.append(content);
-    data.content_len = static_cast<int32_t>(content.size());
-    std::memcpy(buffer.bytes.data(), &data, sizeof data);
-    cp_send(&server, agent, module, buffer.bytes.data(), buffer.bytes.size());
+    data.add(MSG_TYPE_RES_DATA::content, content);
+    cp_send(&server, agent, module, data);
 }
 
 bool cp_take_file_answer(cp_server& server, cp_agent& agent, std::string_view text) {
@@ -182,7 +179,7 @@ bool cp_take_file_answer(cp_server& server, cp_agent& agent, std::string_view te
         end_read(server, key, {"OK", 0, "", figures});
     } else {
         const std::string next = request_text(key, read.wish, read.user_id);
-        cp_send(&server, agent, module_files, next.data(), next.size());
+        cp_send(&server, agent, module_files, built_message(next));
     }
     return true;
 }
@@ -229,7 +226,7 @@ bool cp_read_file(cp_server* server, const std::string& agent_name, const cp_fil
     read.wish = wish;
     read.handler = std::move(handler);
     const std::string text = request_text(key, wish, number);
-    return cp_send(server, *agent, module_files, text.data(), text.size());
+    return cp_send(server, *agent, module_files, built_message(text));
 }
 
 bool cp_shell(cp_server* server, const std::string& agent_name, const std::string& command,
@@ -253,7 +250,7 @@ bool cp_shell(cp_server* server, const std::string& agent_name, const std::strin
     transfer.wish = wish;
     transfer.handler = std::move(handler);
     server->transfers[order.ah_idnr] = std::move(transfer);
-    return cp_send(server, *agent, module_reports, &order, sizeof order);
+    return cp_send(server, *agent, module_reports, order);
 }
 
 // ---- the console's requests

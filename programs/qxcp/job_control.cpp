@@ -49,7 +49,7 @@ void send_status_answer(cp_server& server, cp_agent& agent, const cp_job& job, c
     auto answer = new_message<MSG_TYPE_EXSTAJQU>(job.client, job.user_id);
     answer.ah_idnr = job.run;
     answer.status = status;
-    cp_send(&server, agent, module_jobs, &answer, sizeof answer);
+    cp_send(&server, agent, module_jobs, answer);
 }
 
 // The end is known: fetch the report, then let the agent forget the job.
@@ -143,7 +143,7 @@ void cp_take_status(cp_server& server, cp_agent& agent, message_view view) {
         stranger.client = view_head(view).i2Mandant;
         auto forget = new_message<MSG_TYPE_JOB_DEL>(stranger.client, view_head(view).i4UsrIdNr);
         forget.ah_idnr = status.ah_idnr;
-        cp_send(&server, agent, module_jobs, &forget, sizeof forget);
+        cp_send(&server, agent, module_jobs, forget);
         return;
     }
     ++job->status_count;
@@ -238,26 +238,21 @@ void cp_activate(cp_server& server, cp_agent& agent, cp_job& job) {
         text = cp_wrap_script(script, {messenger, agent.listener, agent.listener_port, job.run,
                                            job.client, agent.link.agent, shell});
     }
-    auto record = new_message<MSG_TYPE_EXAKTJ>(job.client, job.user_id, 2);
-    record.ah_idnr = job.run;
-    put_text(record.name, job.name);
-    put_text(record.jobfile, job.job_file);
-    put_text(record.jobreport, job.report_file);
-    put_text(record.logininfo, job.user);
+    message_builder<MSG_TYPE_EXAKTJ> record(job.client, job.user_id, 2);
+    record->ah_idnr = job.run;
+    put_text(record->name, job.name);
+    put_text(record->jobfile, job.job_file);
+    put_text(record->jobreport, job.report_file);
+    put_text(record->logininfo, job.user);
 
-    message_buffer buffer(sizeof record);
     const std::string rest = shell.empty() ? "" : fmt::format("M=\x01{}\x01", shell);
-    record.rest_dist = buffer.append(rest);
-    record.rest_len = static_cast<int32_t>(rest.size());
-    record.jcl_dist = buffer.append(text);
-    record.jcl_len = static_cast<int32_t>(text.size());
-    cp_append_resources(server, job, cache, buffer, record);
+    record.add(MSG_TYPE_EXAKTJ::rest, rest);
+    record.add(MSG_TYPE_EXAKTJ::jcl, text);
+    cp_append_resources(server, job, cache, record);
     if (server.options.check_passwords || !job.password.empty()) {
         std::string password = build_password_field(job.run, job.password);
-        record.pwd_dist = buffer.append(password);
-        record.pwd_len = static_cast<int32_t>(password.size());
+        record.add(MSG_TYPE_EXAKTJ::password, password);
     }
-    std::memcpy(buffer.bytes.data(), &record, sizeof record);
     qx_wipe(job.password.data(), job.password.size());
     job.password.clear();
 
@@ -282,7 +277,7 @@ void cp_activate(cp_server& server, cp_agent& agent, cp_job& job) {
         cp_job_changed(server, *asked);
     };
     server.pending[address.src_acv] = {agent.id, "EXAKTJ", run, refused};
-    cp_link_send(agent.link, server.identity, address, buffer.bytes.data(), buffer.bytes.size());
+    cp_link_send(agent.link, server.identity, address, record);
     cp_emit(server, "submit", job.agent, run,
             fmt::format("job {} '{}' sent to agent {}", run, job.name, job.agent));
     cp_job_changed(server, job);
@@ -321,7 +316,7 @@ cp_job* cp_find_job(cp_server* server, int run) {
     return found == server->store.jobs.end() ? nullptr : &found->second;
 }
 
-bool cp_send(cp_server* server, cp_agent& agent, std::string_view module, const void* message, size_t length,
+bool cp_send(cp_server* server, cp_agent& agent, std::string_view module, const built_message& message,
              cp_answer_handler handler) {
     frame_address address{};
     std::snprintf(address.dst_name, sizeof address.dst_name, "%.*s", static_cast<int>(module.size()),
@@ -332,7 +327,7 @@ bool cp_send(cp_server* server, cp_agent& agent, std::string_view module, const 
     if (handler) {
         server->pending[address.src_acv] = {agent.id, "", 0, std::move(handler)};
     }
-    return cp_link_send(agent.link, server->identity, address, message, length);
+    return cp_link_send(agent.link, server->identity, address, message);
 }
 
 bool cp_cancel(cp_server* server, int run, cp_answer_handler handler) {
@@ -350,19 +345,18 @@ bool cp_cancel(cp_server* server, int run, cp_answer_handler handler) {
     }
     auto order = new_message<MSG_TYPE_JOB_CAN>(job->client, job->user_id);
     order.ah_idnr = run;
-    return cp_send(
-        server, *agent, module_jobs, &order, sizeof order, [server, run, handler](const cp_answer& answer) {
-            cp_job* asked = cp_find_job(server, run);
-            if (asked != nullptr && answer.status == "OK" && !cp_state_is_final(asked->state)) {
-                asked->state = cp_job_state::cancelled;
-                asked->cancelled = true;
-                cp_emit(*server, "cancel", asked->agent, run, fmt::format("job {} is being cancelled", run));
-                cp_job_changed(*server, *asked);
-            }
-            if (handler) {
-                handler(answer);
-            }
-        });
+    return cp_send(server, *agent, module_jobs, order, [server, run, handler](const cp_answer& answer) {
+        cp_job* asked = cp_find_job(server, run);
+        if (asked != nullptr && answer.status == "OK" && !cp_state_is_final(asked->state)) {
+            asked->state = cp_job_state::cancelled;
+            asked->cancelled = true;
+            cp_emit(*server, "cancel", asked->agent, run, fmt::format("job {} is being cancelled", run));
+            cp_job_changed(*server, *asked);
+        }
+        if (handler) {
+            handler(answer);
+        }
+    });
 }
 
 bool cp_job_info(cp_server* server, int run, cp_answer_handler handler) {
@@ -371,16 +365,13 @@ bool cp_job_info(cp_server* server, int run, cp_answer_handler handler) {
     if (agent == nullptr) {
         return false;
     }
-    auto question = new_message<MSG_TYPE_JOB_INF>(job->client, job->user_id);
-    question.ah_idnr = run;
-    put_text(question.processid, job->process_id);
-    question.status = 'R';
-    question.cnt = job->status_count;
-    message_buffer buffer(sizeof question);
-    question.restart_dist = buffer.append(job->restart_record);
-    question.restart_len = static_cast<int32_t>(job->restart_record.size());
-    std::memcpy(buffer.bytes.data(), &question, sizeof question);
-    return cp_send(server, *agent, module_jobs, buffer.bytes.data(), buffer.bytes.size(), std::move(handler));
+    message_builder<MSG_TYPE_JOB_INF> question(job->client, job->user_id);
+    question->ah_idnr = run;
+    put_text(question->processid, job->process_id);
+    question->status = 'R';
+    question->cnt = job->status_count;
+    question.add(MSG_TYPE_JOB_INF::restart, job->restart_record);
+    return cp_send(server, *agent, module_jobs, question, std::move(handler));
 }
 
 bool cp_forget(cp_server* server, int run) {
@@ -392,5 +383,5 @@ bool cp_forget(cp_server* server, int run) {
     auto order = new_message<MSG_TYPE_JOB_DEL>(job->client, job->user_id);
     order.ah_idnr = run;
     job->forgotten = true;
-    return cp_send(server, *agent, module_jobs, &order, sizeof order);
+    return cp_send(server, *agent, module_jobs, order);
 }

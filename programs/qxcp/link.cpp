@@ -293,10 +293,11 @@ bool cp_link_receive(cp_link& link, const cp_identity& identity, std::string_vie
     return link.state != cp_link_state::ended;
 }
 
-bool cp_link_send(cp_link& link, const cp_identity& identity, const frame_address& address, const void* message,
-                  size_t length) {
+bool cp_link_send(cp_link& link, const cp_identity& identity, const frame_address& address,
+                  const built_message& message) {
+    const size_t length = message.size();
     std::vector<unsigned char> buffer(frame_headroom + length + frame_tailroom);
-    std::memcpy(buffer.data() + frame_headroom, message, length);
+    message.write(buffer.data() + frame_headroom);
     unsigned char* body = nullptr;
     const size_t body_length = frame_wrap_message(buffer.data() + frame_headroom, length, address, &body);
     return append_sealed(link, identity, body, body_length);

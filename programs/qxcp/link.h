@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "messages/build.h"
 #include "messages/frame.h"
 #include "security/key_exchange.h"
 #include "security/key_store.h"
@@ -66,8 +67,8 @@ bool cp_link_receive(cp_link& link, const cp_identity& identity, std::string_vie
                      const cp_link_handler& handler);
 
 // Puts a sealed message into `out`. False before the handshake's end and for a message that is too long.
-bool cp_link_send(cp_link& link, const cp_identity& identity, const frame_address& address, const void* message,
-                  size_t length);
+bool cp_link_send(cp_link& link, const cp_identity& identity, const frame_address& address,
+                  const built_message& message);
 
 // Puts a sealed connection item (key 7, 68 or 249) into `out`.
 bool cp_link_send_item(cp_link& link, const cp_identity& identity, unsigned char key, const void* data,

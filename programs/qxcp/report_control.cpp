@@ -70,7 +70,7 @@ void cp_take_report_block(cp_server& server, cp_agent& agent, message_view view)
     next.msgnr = good ? 0 : 2003041;
     put_text(next.msg_insert,
              good ? "" : fmt::format("fwrite|{}|{}|{}|", transfer.wish.path, errno, std::strerror(errno)));
-    cp_send(&server, agent, module_reports, &next, sizeof next);
+    cp_send(&server, agent, module_reports, next);
 }
 
 void cp_take_report_end(cp_server& server, message_view view) {
@@ -94,19 +94,16 @@ bool cp_fetch_report(cp_server* server, int run, const cp_report_wish& wish, cp_
     if (file == nullptr) {
         return false;
     }
-    auto order = new_message<MSG_TYPE_REP_GET>(job->client, job->user_id);
-    order.ah_idnr = server->next_transfer++;
-    put_text(order.filename, job->report_file);
-    order.rep_ah_idnr = run;
-    put_text(order.rep_type, "REP");
-    order.blksize = wish.block_size != 0 ? wish.block_size : server->options.block_size;
-    order.erase = wish.erase ? '1' : '0';
-    order.maxrecords = wish.max_records;
-    order.maxblk = wish.tail ? 1 : no_block_limit;
-    message_buffer buffer(sizeof order);
-    order.match_dist = buffer.append(wish.match);
-    order.match_len = static_cast<int32_t>(wish.match.size());
-    std::memcpy(buffer.bytes.data(), &order, sizeof order);
+    message_builder<MSG_TYPE_REP_GET> order(job->client, job->user_id);
+    order->ah_idnr = server->next_transfer++;
+    put_text(order->filename, job->report_file);
+    order->rep_ah_idnr = run;
+    put_text(order->rep_type, "REP");
+    order->blksize = wish.block_size != 0 ? wish.block_size : server->options.block_size;
+    order->erase = wish.erase ? '1' : '0';
+    order->maxrecords = wish.max_records;
+    order->maxblk = wish.tail ? 1 : no_block_limit;
+    order.add(MSG_TYPE_REP_GET::match, wish.match);
     cp_transfer transfer;
     transfer.agent_id = agent->id;
     transfer.run = run;
@@ -114,6 +111,6 @@ bool cp_fetch_report(cp_server* server, int run, const cp_report_wish& wish, cp_
     transfer.wish = wish;
     transfer.last_told = alarm_now();
     transfer.handler = std::move(handler);
-    server->transfers[order.ah_idnr] = std::move(transfer);
-    return cp_send(server, *agent, module_reports, buffer.bytes.data(), buffer.bytes.size());
+    server->transfers[order->ah_idnr] = std::move(transfer);
+    return cp_send(server, *agent, module_reports, order);
 }

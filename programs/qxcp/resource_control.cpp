@@ -67,14 +67,14 @@ std::string cp_check_resources(const cp_server& server, const cp_job& job) {
 }
 
 void cp_append_resources(const cp_server& server, const cp_job& job, const std::string& cache,
-                         message_buffer& buffer, MSG_TYPE_EXAKTJ& record) {
+                         message_builder<MSG_TYPE_EXAKTJ>& order) {
     if (job.resources.empty()) {
         return;
     }
     MSG_TYPE_BINPATHS paths{};
     put_text(paths.task_cache_path, task_path(cache, job));
     put_text(paths.client_cache_path, client_path(cache, job));
-    std::string rows;
+    order.begin_table(MSG_TYPE_EXAKTJ::bintab, job.resources.size());
     for (const cp_job_resource& wanted : job.resources) {
         const cp_resource* resource = cp_resource_find(server.store, job.client, wanted.object, wanted.name);
         MSG_TYPE_BINTAB row{};
@@ -83,12 +83,10 @@ void cp_append_resources(const cp_server& server, const cp_job& job, const std::
         put_text(row.file_name, wanted.name);
         row.mod_date = timestamp_utc(resource == nullptr ? 0 : resource->modified);
         row.cache_type = wanted.kind;
-        rows.append(reinterpret_cast<const char*>(&row), sizeof row);
+        order.put_record(row);
     }
-    record.bintab_dist = buffer.append(rows);
-    record.bintab_entries = static_cast<int32_t>(job.resources.size());
-    record.binpaths_dist = buffer.append({reinterpret_cast<const char*>(&paths), sizeof paths});
-    record.binpaths_entries = 1;
+    order.begin_table(MSG_TYPE_EXAKTJ::binpaths, 1);
+    order.put_record(paths);
 }
 
 // A script finds its files by two variables. The shells of the C family set them in their own way.
@@ -114,22 +112,19 @@ void cp_take_resource_request(cp_server& server, cp_agent& agent, message_view v
         cancel_waiting_jobs(server, agent.link.agent, client, object, name);
         return;
     }
-    auto answer = new_message<MSG_TYPE_BIN_DATA>(question.header.i2Mandant, question.header.i4UsrIdNr);
-    put_text(answer.type, resource->text ? "TEXT" : "BINARY");
-    put_text(answer.name, name);
-    put_text(answer.object_name, object);
-    answer.timestamp = timestamp_utc(resource->modified);
-    answer.ah_idnr = question.ah_idnr;
-    answer.file_type = resource->text ? 'T' : 'B';
-    message_buffer buffer(sizeof answer);
-    answer.content_dist = buffer.append(*content);
-    answer.content_len = static_cast<int32_t>(content->size());
-    std::memcpy(buffer.bytes.data(), &answer, sizeof answer);
+    message_builder<MSG_TYPE_BIN_DATA> answer(question.header.i2Mandant, question.header.i4UsrIdNr);
+    put_text(answer->type, resource->text ? "TEXT" : "BINARY");
+    put_text(answer->name, name);
+    put_text(answer->object_name, object);
+    answer->timestamp = timestamp_utc(resource->modified);
+    answer->ah_idnr = question.ah_idnr;
+    answer->file_type = resource->text ? 'T' : 'B';
+    answer.add(MSG_TYPE_BIN_DATA::content, *content);
     cp_emit(server, "resource", agent.link.agent, question.ah_idnr,
             fmt::format("resource {}:{}/{} sent to agent {} for job {}", client, object, name, agent.link.agent,
                         question.ah_idnr));
     const std::string module = from.src_name[0] != '\0' ? from.src_name : "BINDATA";
-    cp_send(&server, agent, module, buffer.bytes.data(), buffer.bytes.size());
+    cp_send(&server, agent, module, answer);
 }
 
 void cp_control_resource_add(cp_server& server, cp_control_client& client, const json& request) {

@@ -208,7 +208,7 @@ bool cp_stop_agent(cp_server* server, const std::string& agent);
 void cp_drop_line(cp_server* server, const std::string& agent);
 
 // Sends any message to a module of the agent; QUITT for it goes to `handler` (may be empty).
-bool cp_send(cp_server* server, cp_agent& agent, std::string_view module, const void* message, size_t length,
+bool cp_send(cp_server* server, cp_agent& agent, std::string_view module, const built_message& message,
              cp_answer_handler handler = {});
 
 nlohmann::json cp_agent_json(const cp_agent& agent);

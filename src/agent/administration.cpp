@@ -13,6 +13,7 @@
 #include "base/text.h"
 #include "base/trace.h"
 #include "channels/messages.h"
+#include "channels/outgoing.h"
 #include "channels/replies.h"
 #include "jobs/job_table.h"
 #include "messages/records_server.h"
@@ -24,10 +25,6 @@ namespace {
 constexpr int channels_max = 1024;
 constexpr int trace_flag_count = 16;
 
-message_view view_of(const ccm_msg_t* msg) {
-    return view_message(msg->msg_start, msg->len < 0 ? 0 : static_cast<size_t>(msg->len));
-}
-
 // Processor time of the agent itself in hundredths of a second.
 int32_t processor_time(const EX_PCX* pcx) {
     tms used;
@@ -38,8 +35,6 @@ int32_t processor_time(const EX_PCX* pcx) {
 }
 
 void fill_exinfo(EX_PCX* pcx, const MSG_TYPE_EXQUERY& query, MSG_TYPE_EXINFO* info) {
-    CreateQxHeadm(&info->header, "EXINFO", query.header.i2Mandant, query.header.i4UsrIdNr);
-    set_message_version(&info->header, 2);
     info->srvtime = query.srvtime;
     info->extime = timestamp_now();
     info->ping1 = query.ping1;
@@ -51,6 +46,11 @@ void fill_exinfo(EX_PCX* pcx, const MSG_TYPE_EXQUERY& query, MSG_TYPE_EXINFO* in
     info->sysflag = 1;
     memset(info->filler, ' ', sizeof info->filler);
     info->pcount = GetCPUs();
+    // Nothing to tell: zero bytes, where other texts are blank.
+    memset(info->msg_insert, 0, sizeof info->msg_insert);
+    memset(info->hardware, 0, sizeof info->hardware);
+    memset(info->software, 0, sizeof info->software);
+    memset(info->sw_version, 0, sizeof info->sw_version);
 }
 
 std::string trace_flags(const EX_PCX* pcx) {
@@ -151,15 +151,9 @@ void log_forced_text(const MSG_TYPE_TRCSET& order, message_view view) {
 
 int process_exquery(EX_PCX* pcx, ccm_msg_t* msg, int) {
     const auto query = view_record<MSG_TYPE_EXQUERY>(view_of(msg));
-    MSG_TYPE_EXINFO info = {};
-    fill_exinfo(pcx, query, &info);
-    ccm_msg_t* reply = ccm_msg_alloc_cleared(pcx->ccm, sizeof info, nullptr);
-    if (reply == nullptr) {
-        return -1;
-    }
-    memcpy(ccm_msg_body(reply), &info, sizeof info);
-    ccm_setaddr_reply(reply, msg);
-    return send_NAT_message(pcx->ccm, reply);
+    message_builder<MSG_TYPE_EXINFO> info(query.header, 2);
+    fill_exinfo(pcx, query, &info.record);
+    return send_built(pcx->ccm, info, to_sender(msg));
 }
 
 int process_srvinfo(EX_PCX* pcx, ccm_msg_t*, int) {

@@ -131,7 +131,7 @@ int connect_partner(EX_PCX* pcx, const ccm_msg_t* msg, const MSG_TYPE_CONNECT& o
 }  // namespace
 
 int process_connect(EX_PCX* pcx, ccm_msg_t* msg, int) {
-    const message_view view = view_message(msg->msg_start, msg->len < 0 ? 0 : static_cast<size_t>(msg->len));
+    const message_view view = view_of(msg);
     const auto order = view_record<MSG_TYPE_CONNECT>(view);
     const auto token = view_data(view, order.gss_dist, order.gss_len);
     qx7_error error;

@@ -7,6 +7,7 @@
 #include "base/text.h"
 #include "base/time.h"
 #include "channels/messages.h"
+#include "channels/outgoing.h"
 #include "messages/records_server.h"
 #include "messages/timestamp.h"
 #include "messages/view.h"
@@ -25,14 +26,14 @@ int block_capacity(const EX_PCX* pcx) {
     return pcx->logBlksize >= block_min && pcx->logBlksize < block_max ? pcx->logBlksize : block_max;
 }
 
-void fill_write_head(const EX_PCX* pcx, int length, MSG_TYPE_WRITE* head) {
-    CreateQxHeadm(&head->header, "WRITE", 0, 0);
-    memcpy(head->typ, pcx->report_type, sizeof head->typ);
-    head->ah_idnr = pcx->report_id;
-    head->timestamp = timestamp_now();
-    head->blksize = pcx->logBlksize;
-    head->inhalt_dist = sizeof(MSG_TYPE_WRITE);
-    head->inhalt_len = length;
+MSG_TYPE_WRITE write_head(const EX_PCX* pcx, int length) {
+    auto head = new_message<MSG_TYPE_WRITE>(0, 0);
+    memcpy(head.typ, pcx->report_type, sizeof head.typ);
+    head.ah_idnr = pcx->report_id;
+    head.timestamp = timestamp_now();
+    head.blksize = pcx->logBlksize;
+    MSG_TYPE_WRITE::inhalt(&head, sizeof head, static_cast<size_t>(length));
+    return head;
 }
 
 // Lines into `out` until the next one would not leave room; they stay, marked as being sent. A line that does
@@ -71,14 +72,11 @@ void take_report_id(EX_PCX* pcx, int id) {
     pcx->report_id = pcx->report_id_neu = id;
 }
 
-message_view view_of(const ccm_msg_t* msg) {
-    return view_message(msg->msg_start, msg->len < 0 ? 0 : static_cast<size_t>(msg->len));
-}
-
 }  // namespace
 
 int send_logblock2server(EX_PCX* pcx) {
-    ccm_msg_t* msg = ccm_msg_alloc(pcx->ccm, nullptr);
+    // Filled in its place, for it is large.
+    ccm_msg_t* msg = outgoing_message(pcx->ccm, ccm_msg_standard_size);
     if (msg == nullptr) {
         return 0;  // the lines wait for the next turn
     }
@@ -88,13 +86,10 @@ int send_logblock2server(EX_PCX* pcx) {
         ccm_msg_free(pcx->ccm, msg);
         return 0;
     }
-    MSG_TYPE_WRITE head = {};
-    fill_write_head(pcx, used, &head);
+    const MSG_TYPE_WRITE head = write_head(pcx, used);
     memcpy(ccm_msg_body(msg), &head, sizeof head);
     msg->len = static_cast<int>(sizeof head) + used;
-    ccm_setaddr(msg, 0, 0, ccm_name_server, report_module, 0);
-    ccm_setback(msg, pcx->exName, "QXREPEX", 0);
-    if (send_NAT_message(pcx->ccm, msg) != 0) {
+    if (send_outgoing(pcx->ccm, msg, to_server(pcx, report_module, "QXREPEX")) != 0) {
         ZULOGG_PutMsg(pcx->logHnd, nullptr);  // for the next turn
         return 0;
     }
@@ -128,40 +123,24 @@ int process_chglog(EX_PCX* pcx, ccm_msg_t* msg, int) {
     put_field(pcx->report_b_name, get_field(msg->addr.src_name));
     start_new_log(pcx);
 
-    MSG_TYPE_CHGLOGQU answer = {};
-    CreateQxHeadm(&answer.header, "CHGLOGQU", order.header.i2Mandant, order.header.i4UsrIdNr);
-    answer.ah_idnr_old = pcx->report_id;
-    answer.ah_idnr_new = order.ah_idnr;
-    answer.timestamp = timestamp_now();
-    memset(answer.filler, ' ', sizeof answer.filler);
-    put_field(answer.wp_name, "");
+    message_builder<MSG_TYPE_CHGLOGQU> answer(order.header);
+    answer->ah_idnr_old = pcx->report_id;
+    answer->ah_idnr_new = order.ah_idnr;
+    answer->timestamp = timestamp_now();
+    put_text(answer->filler, "");
     take_report_id(pcx, order.ah_idnr);
-    ccm_msg_t* reply = ccm_msg_alloc_cleared(pcx->ccm, sizeof answer, nullptr);
-    if (reply == nullptr) {
-        return -1;
-    }
-    memcpy(ccm_msg_body(reply), &answer, sizeof answer);
-    ccm_setaddr_reply(reply, msg);
-    return send_NAT_message(pcx->ccm, reply);
+    return send_built(pcx->ccm, answer, to_sender(msg));
 }
 
 int send_chglogr(EX_PCX* pcx) {
     send_log2server(pcx, log_blocks_at_end);
     start_new_log(pcx);
-    MSG_TYPE_CHGLOGR request = {};
-    CreateQxHeadm(&request.header, "CHGLOGR", 0, 0);
-    request.ah_idnr_old = pcx->report_id;
-    memset(request.filler, ' ', sizeof request.filler);
+    message_builder<MSG_TYPE_CHGLOGR> request(0, 0);
+    request->ah_idnr_old = pcx->report_id;
+    put_text(request->filler, "");
     // Set also when the request can't be made: the next logon ends it.
     pcx->waitForChglogQu = 1;
-    ccm_msg_t* msg = ccm_msg_alloc_cleared(pcx->ccm, sizeof request, nullptr);
-    if (msg == nullptr) {
-        return -1;
-    }
-    memcpy(ccm_msg_body(msg), &request, sizeof request);
-    ccm_setaddr(msg, 0, 0, ccm_name_server, variables_module, 0);
-    ccm_setback(msg, pcx->exName, "QXEXVAR", 0);
-    return send_NAT_message(pcx->ccm, msg);
+    return send_built(pcx->ccm, request, to_server(pcx, variables_module, "QXEXVAR"));
 }
 
 int process_chglogqu(EX_PCX* pcx, ccm_msg_t* msg, int) {

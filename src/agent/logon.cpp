@@ -12,6 +12,7 @@
 #include "base/time.h"
 #include "channels/connect.h"
 #include "channels/messages.h"
+#include "channels/outgoing.h"
 #include "messages/records_server.h"
 #include "messages/timestamp.h"
 
@@ -144,10 +145,8 @@ void fill_components(EX_PCX* pcx, MSG_TYPE_EXSTART2* start) {
     memset(start->Components.filler, ' ', sizeof start->Components.filler);
 }
 
-void fill_start(EX_PCX* pcx, const variable_list& variables, MSG_TYPE_EXSTART2* start) {
+void fill_start(EX_PCX* pcx, MSG_TYPE_EXSTART2* start) {
     const _ExecutorVar* var = pcx->pcx_varex;
-    CreateQxHeadm(&start->header, "EXSTART2", 0, 0);
-    set_message_version(&start->header, 2);
     put_field(start->host, pcx->exName);
     put_field(start->hw, hardware_text(var));
     put_field(start->sw, var->OS_sysname);
@@ -166,12 +165,9 @@ void fill_start(EX_PCX* pcx, const variable_list& variables, MSG_TYPE_EXSTART2* 
     fill_address(pcx, start);
     put_field(start->codename, var->QxHostCode);
     put_field(start->jclvar, var->QxHostJclVar);
-    start->varanz = variables.count;
-    start->vardist = sizeof(MSG_TYPE_EXSTART2);
     start->cpu_count = var->activeCPU;
     memset(start->filler2, ' ', sizeof start->filler2);
     fill_components(pcx, start);
-    put_field(start->conn_id, "");
 }
 
 }  // namespace
@@ -200,15 +196,9 @@ int CreateExStartVar(EX_PCX* pcx, std::string* list) {
 int send_exstart(EX_PCX* pcx) {
     std::string list;
     variable_list variables = {&list, CreateExStartVar(pcx, &list)};
-    MSG_TYPE_EXSTART2 start = {};
-    fill_start(pcx, variables, &start);
-    ccm_msg_t* msg = ccm_msg_alloc_cleared(pcx->ccm, static_cast<int>(sizeof start + list.size()), nullptr);
-    if (msg == nullptr) {
-        return -1;
-    }
-    memcpy(ccm_msg_body(msg), &start, sizeof start);
-    memcpy(ccm_msg_body(msg) + sizeof start, list.data(), list.size());
-    ccm_setaddr(msg, 0, 0, ccm_name_server, "QXVAREXR", 0);
-    ccm_setback(msg, pcx->exName, "QXEXVAR", 0);
-    return send_NAT_message(pcx->ccm, msg);
+    message_builder<MSG_TYPE_EXSTART2> start(0, 0, 2);
+    fill_start(pcx, &start.record);
+    start.begin_table(MSG_TYPE_EXSTART2::vartab, static_cast<size_t>(variables.count));
+    start.put(list);
+    return send_built(pcx->ccm, start, to_server(pcx, "QXVAREXR", "QXEXVAR"));
 }

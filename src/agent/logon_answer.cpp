@@ -210,7 +210,7 @@ void take_server_version(EX_PCX* pcx, const logon_answer& answer) {
 }  // namespace
 
 int process_exstartq2(EX_PCX* pcx, ccm_msg_t* msg, int) {
-    const message_view view = view_message(msg->msg_start, msg->len < 0 ? 0 : static_cast<size_t>(msg->len));
+    const message_view view = view_of(msg);
     const auto answer = view_record<logon_answer>(view);
     pcx->pcx_flag.fetch_or(PCX_FLAG_LOGGED_IN);
     pcx->unquitted_srvqry = 0;

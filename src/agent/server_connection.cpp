@@ -15,6 +15,7 @@
 #include "channels/handshake.h"
 #include "channels/messages.h"
 #include "channels/network_thread.h"
+#include "channels/outgoing.h"
 #include "channels/replies.h"
 #include "channels/resolver.h"
 #include "messages/frame.h"
@@ -139,19 +140,6 @@ void log_unknown_candidate(const ccm_channel_image_t& channel) {
           channel.name, channel.ID, channel.s, static_cast<unsigned>(channel.type),
           static_cast<unsigned>(channel.flag), channel.bind_addr, channel.host, channel.addr, channel.port,
           static_cast<void*>(nullptr));
-}
-
-// A message of one fixed record from this module to the server's.
-template <class Record>
-int send_to_server(EX_PCX* pcx, const Record& record) {
-    ccm_msg_t* msg = ccm_msg_alloc_cleared(pcx->ccm, sizeof record, nullptr);
-    if (msg == nullptr) {
-        return -1;
-    }
-    memcpy(ccm_msg_body(msg), &record, sizeof record);
-    ccm_setaddr(msg, 0, 0, ccm_name_server, variables_module, 0);
-    ccm_setback(msg, pcx->exName, own_module, 0);
-    return send_NAT_message(pcx->ccm, msg);
 }
 
 // What a card says, of whatever length above its flag byte.
@@ -486,17 +474,14 @@ time_t server_connection_due(EX_PCX* pcx) {
 }
 
 int send_srvquery(EX_PCX* pcx) {
-    MSG_TYPE_SRVQUERY query = {};
-    CreateQxHeadm(&query.header, "SRVQUERY", 0, 0);
-    query.extime = timestamp_now();
+    message_builder<MSG_TYPE_SRVQUERY> query(0, 0);
+    query->extime = timestamp_now();
     ++pcx->unquitted_srvqry;
-    return send_to_server(pcx, query);
+    return send_built(pcx->ccm, query, to_server(pcx, variables_module, own_module));
 }
 
 int send_exstop(EX_PCX* pcx) {
-    MSG_TYPE_EXSTOP stop = {};
-    CreateQxHeadm(&stop.header, "EXSTOP", 0, 0);
-    put_field(stop.host, pcx->exName);
-    put_field(stop.conn_id, "");
-    return send_to_server(pcx, stop);
+    message_builder<MSG_TYPE_EXSTOP> stop(0, 0);
+    put_field(stop->host, pcx->exName);
+    return send_built(pcx->ccm, stop, to_server(pcx, variables_module, own_module));
 }

@@ -80,9 +80,13 @@ struct ccm_msg_t {
     int ahead_len;
 };
 
-// Body of a message as bytes and as text.
 inline unsigned char* ccm_msg_body(ccm_msg_t* msg) {
     return msg->msg_start;
+}
+
+// A received message as its handlers read it (messages/view.h); lives as long as the message.
+inline message_view view_of(const ccm_msg_t* msg) {
+    return view_message(msg->msg_start, msg->len < 0 ? 0 : static_cast<size_t>(msg->len));
 }
 
 // ---- pool

@@ -3,111 +3,90 @@
 #include <cstring>
 
 #include "channels/internal.h"
-#include "messages/head.h"
-#include "messages/records_server.h"
+#include "channels/outgoing.h"
 
 namespace {
 
-static_assert(sizeof(MSG_TYPE_QUITT) == quitt_size);
-
-struct quitt_content {
-    std::string_view answered_type;
-    uint16_t client;
-    uint32_t user;
-    int msgnr;
-    const char* insert;
-    const char* status;  // null: "NK"
-};
-
-ccm_msg_t* build_quitt(ccm_context_t* ccm, const quitt_content& content, const void* data, int data_len) {
-    int extra = data == nullptr || data_len < 0 ? 0 : data_len;
-    ccm_msg_t* msg = ccm_msg_alloc_cleared(ccm, quitt_size + extra, nullptr);
-    if (msg == nullptr) {
-        return nullptr;
-    }
-    MSG_TYPE_QUITT record{};
-    CreateQxHeadm(&record.header, "QUITT", content.client, content.user);
-    put_text(record.quitt, content.status == nullptr ? "NK" : content.status);
-    put_text(record.filler, "");
-    put_text(record.msg, content.answered_type);
-    record.msgnr = content.msgnr;
-    put_text(record.msg_insert, content.insert == nullptr ? "" : content.insert);
-    if (data != nullptr) {
-        record.msg_dist = quitt_size;
-        record.msg_len = extra;
-        memcpy(msg->msg_start + quitt_size, data, static_cast<size_t>(extra));
-    }
-    memcpy(msg->msg_start, &record, sizeof record);
-    return msg;
+std::string_view text_or(const char* text, std::string_view other) {
+    return text == nullptr ? other : text;
 }
 
 // Type, client and user of a message that may be shorter than a head.
-struct request_head {
-    char type[8];
-    QX_HEADM head;
-};
-
-request_head head_of(const ccm_msg_t* request) {
-    request_head result{};
-    size_t length = std::min(sizeof result.head, static_cast<size_t>(std::max(request->len, 0)));
-    memcpy(&result.head, request->msg_start, length);
-    put_text(result.type, {result.head.msg_typ, std::min(length, sizeof result.type)});
-    return result;
+QX_HEADM head_of(const ccm_msg_t* request) {
+    QX_HEADM head{};
+    put_text(head.msg_typ, "");
+    memcpy(&head, request->msg_start, std::min(sizeof head, static_cast<size_t>(std::max(request->len, 0))));
+    return head;
 }
 
-ccm_msg_t* build_reply(ccm_context_t* ccm, const ccm_msg_t* request, int msgnr, const char* insert,
-                       const char* status, const void* data, int data_len) {
-    request_head from = head_of(request);
-    quitt_content content{
-        {from.type, sizeof from.type}, from.head.i2Mandant, from.head.i4UsrIdNr, msgnr, insert, status};
-    ccm_msg_t* msg = build_quitt(ccm, content, data, data_len);
-    if (msg != nullptr) {
-        ccm_setaddr_reply(msg, request);
+message_builder<MSG_TYPE_QUITT> make_answer(const quitt_content& content, const void* data, int data_len) {
+    message_builder<MSG_TYPE_QUITT> quitt = make_quitt(content);
+    put_text(quitt->filler, "");
+    if (data != nullptr && data_len > 0) {
+        quitt.add(MSG_TYPE_QUITT::msg_content,
+                  std::span(static_cast<const unsigned char*>(data), static_cast<size_t>(data_len)));
     }
-    return msg;
+    return quitt;
+}
+
+message_builder<MSG_TYPE_QUITT> make_reply(const ccm_msg_t* request, int msgnr, const char* insert,
+                                           const char* status, const void* data, int data_len) {
+    const QX_HEADM head = head_of(request);
+    return make_answer({{head.msg_typ, sizeof head.msg_typ},
+                        head.i2Mandant,
+                        head.i4UsrIdNr,
+                        msgnr,
+                        text_or(insert, ""),
+                        text_or(status, "NK")},
+                       data, data_len);
+}
+
+// Whether it reaches the asker is nobody's concern.
+int send_answer(ccm_context_t* ccm, const built_message& answer, const message_route& route) {
+    ccm_msg_t* msg = message_of(ccm, answer);
+    if (msg == nullptr) {
+        return -1;
+    }
+    send_outgoing(ccm, msg, route);
+    return 0;
 }
 
 }  // namespace
 
-int send_quitt(ccm_msg_t* request, int msgnr, const char* insert) {
-    ccm_context_t* ccm = GlbPcx->ccm;
-    ccm_msg_t* msg = build_reply(ccm, request, msgnr, insert, nullptr, nullptr, 0);
-    if (msg == nullptr) {
-        return -1;
-    }
-    // The record is built, but the body that leaves is empty: partners tell an unknown module by just that.
-    msg->len = 0;
-    send_NAT_message(ccm, msg);
-    return 0;
+message_builder<MSG_TYPE_QUITT> make_quitt(const quitt_content& content) {
+    message_builder<MSG_TYPE_QUITT> quitt(content.client, content.user);
+    put_text(quitt->quitt, content.status);
+    put_text(quitt->msg, content.answered_type);
+    quitt->msgnr = content.msgnr;
+    put_text(quitt->msg_insert, content.insert);
+    return quitt;
+}
+
+int send_quitt(ccm_msg_t* request, int, const char*) {
+    // The body that leaves is empty: partners tell an unknown module by just that.
+    return send_answer(GlbPcx->ccm, {}, to_sender(request));
 }
 
 int send_quitt_reply(EX_PCX* pcx, ccm_msg_t* request, int msgnr, const char* insert, const char* status,
                      const void* data, int data_len) {
-    ccm_msg_t* msg = build_reply(pcx->ccm, request, msgnr, insert, status, data, data_len);
-    if (msg == nullptr) {
-        return -1;
-    }
-    send_NAT_message(pcx->ccm, msg);
-    return 0;
+    const auto quitt = make_reply(request, msgnr, insert, status, data, data_len);
+    return send_answer(pcx->ccm, quitt, to_sender(request));
 }
 
 int send_quitt_extended(EX_PCX* pcx, int dst_ID, const char* dst_name, const char* src_name, int dst_acv,
                         const char* answered_type, int client, int user, int msgnr, const char* insert,
                         const char* status, const void* data, int data_len) {
-    quitt_content content{{answered_type, strnlen(answered_type, message_type_size)},
-                          static_cast<uint16_t>(client),
-                          static_cast<uint32_t>(user),
-                          msgnr,
-                          insert,
-                          status};
-    ccm_msg_t* msg = build_quitt(pcx->ccm, content, data, data_len);
-    if (msg == nullptr) {
-        return -1;
-    }
-    ccm_setaddr(msg, dst_ID, 0, dst_ID == 0 ? ccm_name_server : "", dst_name, dst_acv);
-    if (src_name != nullptr && src_name[0] != '\0') {
-        ccm_setback(msg, "", src_name, 0);
-    }
-    send_NAT_message(pcx->ccm, msg);
-    return 0;
+    const auto quitt = make_answer({{answered_type, strnlen(answered_type, message_type_size)},
+                                    static_cast<uint16_t>(client),
+                                    static_cast<uint32_t>(user),
+                                    msgnr,
+                                    text_or(insert, ""),
+                                    text_or(status, "NK")},
+                                   data, data_len);
+    return send_answer(pcx->ccm, quitt,
+                       {.dst_ID = dst_ID,
+                        .dst_addr = dst_ID == 0 ? ccm_name_server : "",
+                        .dst_name = dst_name,
+                        .dst_acv = dst_acv,
+                        .src_name = src_name});
 }

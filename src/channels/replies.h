@@ -2,8 +2,19 @@
 #pragma once
 
 #include "channels/messages.h"
+#include "messages/build.h"
+#include "messages/records_server.h"
 
-inline constexpr int quitt_size = 304;
+struct quitt_content {
+    std::string_view answered_type;  // of the message, 8 characters at most
+    uint16_t client;
+    uint32_t user;
+    int msgnr;
+    std::string_view insert;  // cut at 256 characters
+    std::string_view status;  // "OK" or "NK"
+};
+
+message_builder<MSG_TYPE_QUITT> make_quitt(const quitt_content& content);
 
 // Sends an empty body: the answer of an unknown module. 0, or -1 without memory.
 int send_quitt(ccm_msg_t* request, int msgnr, const char* insert);

@@ -287,30 +287,12 @@ void take_process(EX_PCX* pcx, JP_AREA* job, const launch_started& started) {
     }
 }
 
-std::vector<unsigned char> build_exaktjqu(JP_AREA* job, size_t length) {
-    std::vector<unsigned char> body = job_new_body(length, "EXAKTJQU", 1, job->jp_headm);
-    MSG_TYPE_EXAKTJQU record;
-    memcpy(&record, body.data(), sizeof record);
-    job_put_pid(record.processid, job->fork_pid);
-    put_text(record.filler, "");
-    record.startzeit = job->JP_cTime;
-    put_text(record.jobname, "");
-    put_text(record.logininfo, "");
-    memcpy(body.data(), &record, sizeof record);
-    return body;
-}
-
-void add_restart_record(EX_PCX* pcx, JP_AREA* job, std::vector<unsigned char>* body) {
-    const auto restart = CreateJobRstrtInfo(job, job->jp_userName, job_server_reachable(pcx), true);
-    if (restart.empty()) {
-        return;
-    }
-    MSG_TYPE_EXAKTJQU record;
-    memcpy(&record, body->data(), sizeof record);
-    record.restart_len = static_cast<int32_t>(restart.size());
-    record.restart_dist = static_cast<int32_t>(restart_area_offset);
-    memcpy(body->data(), &record, sizeof record);
-    body->insert(body->end(), restart.begin(), restart.end());
+message_builder<MSG_TYPE_EXAKTJQU> build_exaktjqu(const JP_AREA* job) {
+    message_builder<MSG_TYPE_EXAKTJQU> started(job->jp_headm);
+    job_put_pid(started->processid, job->fork_pid);
+    put_text(started->filler, "");
+    started->startzeit = job->JP_cTime;
+    return started;
 }
 
 // The second line is what other lines of the log, and ps, are brought together with.
@@ -323,12 +305,16 @@ void log_start(const JP_AREA* job) {
 }
 
 int acknowledge_start(activation_run* run) {
-    std::vector<unsigned char> body = build_exaktjqu(run->job, restart_area_offset);
+    EX_PCX* pcx = run->pcx;
+    JP_AREA* job = run->job;
+    auto started = build_exaktjqu(job);
+    started.fill_to(restart_area_offset);
     if (job_context()->JobStartType == job_start_fork) {
-        add_restart_record(run->pcx, run->job, &body);
+        started.add(MSG_TYPE_EXAKTJQU::restartinfo,
+                    CreateJobRstrtInfo(job, job->jp_userName, job_server_reachable(pcx), true));
     }
-    const int result = job_send_reply(run->pcx, run->msg, body);
-    log_start(run->job);
+    const int result = send_built(pcx->ccm, started, to_sender(run->msg));
+    log_start(job);
     return result;
 }
 
@@ -416,9 +402,10 @@ int give_up_deferred(EX_PCX* pcx, JP_AREA* job, const activation& order, int num
 
 int acknowledge_deferred(EX_PCX* pcx, JP_AREA* job) {
     // The restart record goes out with the first status.
-    const std::vector<unsigned char> body = build_exaktjqu(job, sizeof(MSG_TYPE_EXAKTJQU));
+    const auto started = build_exaktjqu(job);
     if (job->ccmaddr != nullptr) {
-        job_send_kept(pcx, *job->ccmaddr, body);  // the job runs in any case; a query finds it
+        // The job runs in any case; a query finds it.
+        send_built(pcx->ccm, started, to_kept(*job->ccmaddr));
     }
     log_start(job);
     return 0;
@@ -451,7 +438,7 @@ int process_aktj(EX_PCX* pcx, ccm_msg_t* msg, int) {
     activation_run run;
     run.pcx = pcx;
     run.msg = msg;
-    read_activation(pcx, view_message(msg->msg_start, static_cast<size_t>(msg->len)), &run.order);
+    read_activation(pcx, view_of(msg), &run.order);
     return run_checks(&run);
 }
 

@@ -13,6 +13,8 @@
 #include "base/files.h"
 #include "base/log.h"
 #include "base/text.h"
+#include "channels/outgoing.h"
+#include "channels/replies.h"
 #include "identity/accounts.h"
 #include "identity/user_files.h"
 #include "jobs/commands.h"
@@ -94,21 +96,19 @@ int open_output(const JOB_START_VAR& startVar, Cmd_Area* entry, qx7_error* error
     return file_error(error, step_create, startVar.jobReport.c_str(), EPERM);  // another one stands there
 }
 
-std::vector<unsigned char> with_output(std::vector<unsigned char> body, const std::string& output) {
-    body.insert(body.end(), output.begin(), output.end());
-    return body;
+// When no server is there it goes behind the next logon, for nobody asks for it again.
+void send_surely(EX_PCX* pcx, const Cmd_Area& entry, const built_message& answer) {
+    message_route route = to_kept(entry.cmda_ccmaddr);
+    route.flag = CCM_MSG_FLAG_KEEP;
+    send_built(pcx->ccm, answer, route);
 }
 
 void send_result(EX_PCX* pcx, const Cmd_Area& entry, const std::string& output) {
-    std::vector<unsigned char> body =
-        job_new_body(sizeof(MSG_TYPE_EXRESCMD), "EXRESCMD", 1, entry.cmda_headm);
-    MSG_TYPE_EXRESCMD result;
-    memcpy(&result, body.data(), sizeof result);
-    result.ah_idnr = entry.cmda_jobNr;
-    result.rep_dist = static_cast<int32_t>(sizeof result);
-    result.rep_len = static_cast<int32_t>(output.size());
-    memcpy(body.data(), &result, sizeof result);
-    job_send_kept_surely(pcx, entry.cmda_ccmaddr, with_output(std::move(body), output));
+    message_builder<MSG_TYPE_EXRESCMD> result(entry.cmda_headm);
+    result->ah_idnr = entry.cmda_jobNr;
+    result->rep_dist = sizeof result.record;  // without output, too
+    result.add(MSG_TYPE_EXRESCMD::report, output);
+    send_surely(pcx, entry, result);
 }
 
 void answer(EX_PCX* pcx, const Cmd_Area& entry) {
@@ -172,20 +172,11 @@ bool append_piece(std::string_view piece, int max_rows, int64_t limit, std::stri
 
 void command_send_failure(EX_PCX* pcx, const Cmd_Area& entry, int number, const std::string& insert,
                   const std::string& output) {
-    std::vector<unsigned char> body = job_new_body(sizeof(MSG_TYPE_QUITT), "QUITT", 1, entry.cmda_headm);
-    MSG_TYPE_QUITT quitt;
-    memcpy(&quitt, body.data(), sizeof quitt);
-    put_text(quitt.quitt, "NK");
-    put_text(quitt.filler, "");
-    put_text(quitt.msg, "EXREQCMD");
-    quitt.msgnr = number;
-    put_text(quitt.msg_insert, insert);
-    if (!output.empty()) {
-        quitt.msg_dist = static_cast<int32_t>(sizeof quitt);
-        quitt.msg_len = static_cast<int32_t>(output.size());
-    }
-    memcpy(body.data(), &quitt, sizeof quitt);
-    job_send_kept_surely(pcx, entry.cmda_ccmaddr, with_output(std::move(body), output));
+    auto quitt = make_quitt({"EXREQCMD", entry.cmda_headm.i2Mandant, entry.cmda_headm.i4UsrIdNr, number,
+                             insert, "NK"});
+    put_text(quitt->filler, "");
+    quitt.add(MSG_TYPE_QUITT::msg_content, output);
+    send_surely(pcx, entry, quitt);
 }
 
 pid_t exCommandStart(EX_PCX* pcx, Cmd_Area* entry, const my_passwd_unlimited& passwd, qx7_error* error,

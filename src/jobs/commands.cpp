@@ -300,7 +300,7 @@ int process_exreqcmd(EX_PCX* pcx, ccm_msg_t* msg, int) {
     request_run run;
     run.pcx = pcx;
     run.msg = msg;
-    run.view = view_message(msg->msg_start, msg->len < 0 ? 0 : static_cast<size_t>(msg->len));
+    run.view = view_of(msg);
     run.record = view_record<MSG_TYPE_EXREQCMD>(run.view);
     if (pcx->upgrade_ah_idnr != 0) {
         return refuse(&run, number_upgrade_running, "");
@@ -322,7 +322,7 @@ int process_exreqcancel(EX_PCX* pcx, ccm_msg_t* msg, int) {
     if (pcx->running_mode != MODE_AGENT) {
         return -1;
     }
-    const message_view view = view_message(msg->msg_start, msg->len < 0 ? 0 : static_cast<size_t>(msg->len));
+    const message_view view = view_of(msg);
     const int number = view_record<MSG_TYPE_EXREQCAN>(view).ah_idnr;
     for (Cmd_Area& entry : the_commands.cmd_firstCMDA) {
         if ((number != 0 && entry.cmda_jobNr != number) || entry.cmda_status == command_stopped) {

@@ -12,6 +12,7 @@
 #include "base/text.h"
 #include "base/time.h"
 #include "base/trace.h"
+#include "channels/outgoing.h"
 #include "identity/accounts.h"
 #include "identity/password_check.h"
 #include "messages/records_report.h"
@@ -24,8 +25,6 @@ constexpr char global_eye_catcher[] = "%GLOBAL_GETFILE%";
 constexpr char request_eye_catcher[] = "%%GETFILE     %%";
 constexpr char server_resources[] = "QXVAREXR";
 constexpr size_t login_info_size = 200;
-constexpr size_t standard_body = 32000;
-constexpr size_t message_extra = 768;
 
 struct GLB_GET {
     char gg_kz[16];
@@ -58,21 +57,11 @@ std::string_view body_text(const ccm_msg_t* msg) {
 
 // As text, by name: the connection on which the request came may be gone.
 int send_text(EX_PCX* pcx, const ccm_addr_t& to, std::string_view text) {
-    ccm_error_t error;
-    ccm_msg_t* msg = text.size() <= standard_body
-                         ? ccm_msg_alloc(pcx->ccm, &error)
-                         : ccm_msg_alloc_huge(pcx->ccm, static_cast<int>(text.size() + message_extra), &error);
-    if (msg == nullptr) {
-        __log(error.msgnr, "%s", error.msginsert);
-        return -1;
-    }
-    memcpy(msg->msg_start, text.data(), text.size());
-    msg->len = static_cast<int>(text.size());
-    msg->flag |= CCM_MSG_FLAG_RAW;
-    const bool by_name = strncmp(to.src_addr, "*CP", 3) == 0;
-    ccm_setaddr(msg, 0, 0, by_name ? to.src_addr : ccm_name_server, to.src_name, to.src_acv);
-    ccm_setback(msg, pcx->exName, getfile_module, 0);
-    return send_NAT_message(pcx->ccm, msg);
+    message_route route = to_kept(to);
+    route.src_addr = pcx->exName;
+    route.src_name = getfile_module;
+    route.flag = CCM_MSG_FLAG_RAW;
+    return send_built(pcx->ccm, built_message(text), route);
 }
 
 // The end of a request that failed: the log, the asker, and the key is free again.
@@ -203,7 +192,7 @@ int process_getfile_XML(EX_PCX* pcx, ccm_msg_t* msg, int) {
 }
 
 int process_getfile_resdata(EX_PCX* pcx, ccm_msg_t* msg, int) {
-    const message_view view = view_message(msg->msg_start, static_cast<size_t>(std::max(msg->len, 0)));
+    const message_view view = view_of(msg);
     const auto data = view_record<MSG_TYPE_RES_DATA>(view);
     const auto content = view_data(view, data.content_dist, data.content_len);
     GETF_PL* request = get_fileReqAhidnr(pcx, data.header.i4UsrIdNr, std::string(get_text(data.name)));
@@ -225,7 +214,7 @@ int process_getfile_resdata(EX_PCX* pcx, ccm_msg_t* msg, int) {
 }
 
 int process_getfile_quitt(EX_PCX* pcx, ccm_msg_t* msg, int) {
-    const message_view view = view_message(msg->msg_start, static_cast<size_t>(std::max(msg->len, 0)));
+    const message_view view = view_of(msg);
     const auto quitt = view_record<MSG_TYPE_QUITT>(view);
     GETF_PL* request = oldest_waiting(pcx, quitt.header.i4UsrIdNr);
     if (request == nullptr) {
@@ -240,24 +229,20 @@ int process_getfile_quitt(EX_PCX* pcx, ccm_msg_t* msg, int) {
 }
 
 int getfile_sendResGet(EX_PCX* pcx, GETF_PL* request, qx7_error* error) {
-    auto order = new_message<MSG_TYPE_RES_GET>(static_cast<uint16_t>(request->gf_cData.cd_client),
-                                               request->gf_uidnr);
-    order.client = request->gf_cData.cd_client;
-    put_text(order.type, "LOGIN");
-    put_text(order.name, request->gf_loginobject);
-    order.key = static_cast<int32_t>(request->gf_uidnr);
+    message_builder<MSG_TYPE_RES_GET> order(static_cast<uint16_t>(request->gf_cData.cd_client),
+                                            request->gf_uidnr);
+    order->client = request->gf_cData.cd_client;
+    put_text(order->type, "LOGIN");
+    put_text(order->name, request->gf_loginobject);
+    order->key = static_cast<int32_t>(request->gf_uidnr);
     ccm_error_t reason;
-    ccm_msg_t* msg = ccm_msg_alloc(pcx->ccm, &reason);
+    ccm_msg_t* msg = message_of(pcx->ccm, order, &reason);
     if (msg == nullptr) {
         return qx_error_set(error, -1, -1, reason.msgnr, "%s", reason.msginsert);
     }
-    memcpy(msg->msg_start, &order, sizeof order);
-    msg->len = sizeof order;
-    ccm_setaddr(msg, 0, 0, ccm_name_server, server_resources, 0);
-    ccm_setback(msg, pcx->exName, getfile_module, 0);
     request->gf_lastAct = FILE_ACTION_LOGIN_ASKED;
     request->gf_timeStamp = alarm_now();
-    if (send_NAT_message(pcx->ccm, msg) != 0) {
+    if (send_outgoing(pcx->ccm, msg, to_server(pcx, server_resources, getfile_module)) != 0) {
         return file_error(error, "send_NAT_message()", "RES_GET", ENOTCONN);
     }
     return 0;

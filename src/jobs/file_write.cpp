@@ -173,7 +173,7 @@ int carry_out(EX_PCX* pcx, file_order* order, message_view view) {
 }  // namespace
 
 int process_iprcwrite(EX_PCX* pcx, ccm_msg_t* msg, int) {
-    const message_view view = view_message(msg->msg_start, static_cast<size_t>(msg->len));
+    const message_view view = view_of(msg);
     file_order order{};
     order.record = view_record<MSG_TYPE_PRCWRITE>(view);
     const auto code = view_data(view, order.record.code_dist, order.record.code_len);

@@ -14,6 +14,7 @@
 #include "channels/ipc.h"
 #include "channels/ipc_records.h"
 #include "channels/line_budget.h"
+#include "channels/replies.h"
 #include "jobs/job_context.h"
 #include "jobs/job_send.h"
 #include "jobs/job_table.h"
@@ -277,14 +278,10 @@ int send_natquitt(EX_PCX* pcx, const ccm_msg_t* msg, const QX_HEADM& head, int r
     memcpy(&record, out->msg_start, sizeof record);
     record.dstID = reply_id;
     record.len = static_cast<int32_t>(sizeof(MSG_TYPE_QUITT));
-    MSG_TYPE_QUITT quitt{};
-    CreateQxHeadm(&quitt.header, "QUITT", head.i2Mandant, head.i4UsrIdNr);
-    put_text(quitt.quitt, taken ? "OK" : "NK");
-    quitt.msgnr = taken ? 0 : meld_not_taken;
-    put_text(quitt.msg, "MELD");
-    put_text(quitt.msg_insert, "");
+    const auto quitt = make_quitt(
+        {"MELD", head.i2Mandant, head.i4UsrIdNr, taken ? 0 : meld_not_taken, "", taken ? "OK" : "NK"});
     memcpy(out->msg_start, &record, sizeof record);
-    memcpy(out->msg_start + sizeof record, &quitt, sizeof quitt);
+    built_message(quitt).write(out->msg_start + sizeof record);
     out->len = static_cast<int>(size);
     ccm_setaddr(out, msg->addr.src_ID, 0, ccm_name_ipc_listener, "", 0);
     return send_IPC_message(pcx->ccm, out);

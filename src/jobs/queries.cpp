@@ -220,7 +220,7 @@ int GetSigInt(const char* name) {
 }
 
 int process_jobcan(EX_PCX* pcx, ccm_msg_t* msg, int) {
-    const message_view view = view_message(msg->msg_start, static_cast<size_t>(msg->len));
+    const message_view view = view_of(msg);
     const auto order = view_record<MSG_TYPE_JOB_CAN>(view);
     JP_AREA* job = Find_JEntry(order.ah_idnr, order.header.i2Mandant);
     if (job == nullptr) {
@@ -262,7 +262,7 @@ int process_jobcan(EX_PCX* pcx, ccm_msg_t* msg, int) {
 }
 
 int process_exstajqu(EX_PCX*, ccm_msg_t* msg, int) {
-    const message_view view = view_message(msg->msg_start, static_cast<size_t>(msg->len));
+    const message_view view = view_of(msg);
     const auto answer = view_record<MSG_TYPE_EXSTAJQU>(view);
     JP_AREA* job = Find_JEntry(answer.ah_idnr, answer.header.i2Mandant);
     if (job == nullptr) {
@@ -281,7 +281,7 @@ int process_exstajqu(EX_PCX*, ccm_msg_t* msg, int) {
 }
 
 int process_jobdel(EX_PCX* pcx, ccm_msg_t* msg, int) {
-    const message_view view = view_message(msg->msg_start, static_cast<size_t>(msg->len));
+    const message_view view = view_of(msg);
     const auto order = view_record<MSG_TYPE_JOB_DEL>(view);
     JP_AREA* job = Find_JEntry(order.ah_idnr, order.header.i2Mandant);
     if (job == nullptr) {
@@ -302,7 +302,7 @@ int process_jobdel(EX_PCX* pcx, ccm_msg_t* msg, int) {
 }
 
 int process_jobinf(EX_PCX* pcx, ccm_msg_t* msg, int) {
-    const message_view view = view_message(msg->msg_start, static_cast<size_t>(msg->len));
+    const message_view view = view_of(msg);
     const auto query = view_record<MSG_TYPE_JOB_INF>(view);
     const auto bytes = view_data(view, query.restart_dist, query.restart_len);
     JP_AREA* job = Find_JEntry(query.ah_idnr, query.header.i2Mandant);

@@ -12,6 +12,7 @@
 #include "base/profile.h"
 #include "base/text.h"
 #include "base/trace.h"
+#include "channels/outgoing.h"
 #include "identity/accounts.h"
 #include "identity/rights.h"
 #include "identity/user_files.h"
@@ -24,24 +25,11 @@ constexpr char report_eye_catcher[] = "%%REPID_CATCHER%";
 constexpr char module_reports[] = "QXREPEX";
 constexpr char server_module[] = "QXREPRTR";
 constexpr char shell_command[] = "<AGENTSHELL>";
-constexpr size_t message_extra = 768;
-constexpr size_t standard_body = ccm_msg_standard_size;  // what stands around a body has its room beside it
 
 report_shell run_shell = nullptr;
 
 REP_Area* first_area(const EX_PCX* pcx) {
     return static_cast<REP_Area*>(pcx->firstREP);
-}
-
-ccm_msg_t* new_message(EX_PCX* pcx, size_t size) {
-    ccm_error_t error;
-    ccm_msg_t* msg = size <= standard_body
-                         ? ccm_msg_alloc(pcx->ccm, &error)
-                         : ccm_msg_alloc_huge(pcx->ccm, static_cast<int>(size + message_extra), &error);
-    if (msg == nullptr) {
-        __log(error.msgnr, "%s", error.msginsert);
-    }
-    return msg;
 }
 
 // ---- REP_END
@@ -85,8 +73,8 @@ void iChangeRepEndMessage(report_end* end, int msgnr, std::string_view insert) {
 }
 
 int send_report_end(EX_PCX* pcx, const report_end& end, const char* module, uint32_t acv) {
-    MSG_TYPE_REP_END body{};
-    CreateQxHeadm(&body.header, "REP_END", end.header.i2Mandant, end.header.i4UsrIdNr);
+    message_builder<MSG_TYPE_REP_END> message(end.header);
+    MSG_TYPE_REP_END& body = message.record;
     body.ah_idnr = end.ah_idnr;
     body.rep_ah_idnr = end.rep_ah_idnr;
     memcpy(body.rep_type, end.rep_type, sizeof body.rep_type);
@@ -96,15 +84,11 @@ int send_report_end(EX_PCX* pcx, const report_end& end, const char* module, uint
     body.totalsize = end.bytes;
     body.transfered = end.bytes;
     body.reccnt = end.records;
-    ccm_msg_t* msg = new_message(pcx, sizeof body);
+    ccm_msg_t* msg = message_of(pcx->ccm, message);
     if (msg == nullptr) {
         return -1;
     }
-    memcpy(msg->msg_start, &body, sizeof body);
-    msg->len = sizeof body;
-    ccm_setaddr(msg, 0, 0, ccm_name_server, module, static_cast<int>(acv));
-    ccm_setback(msg, pcx->exName, module_reports, 0);
-    send_NAT_message(pcx->ccm, msg);
+    send_outgoing(pcx->ccm, msg, to_server(pcx, module, module_reports, static_cast<int>(acv)));
     return 1;
 }
 
@@ -235,7 +219,7 @@ std::unique_ptr<REP_Area> make_area(EX_PCX* pcx, const MSG_TYPE_REP_GET& get, me
 // ---- data
 
 bool start_block(EX_PCX* pcx, report_block* block, const REP_Area* area) {
-    block->msg = new_message(pcx, report_data_offset + static_cast<size_t>(area->i4Blksize));
+    block->msg = outgoing_message(pcx->ccm, report_data_offset + static_cast<size_t>(area->i4Blksize));
     return block->msg != nullptr;
 }
 
@@ -258,8 +242,7 @@ void complete_block(EX_PCX* pcx, report_block* block, const REP_Area* area) {
     memcpy(block->body(), &block->head, sizeof block->head);
     block->msg->msg_start = block->body();
     block->msg->len = report_data_offset + block->length;
-    ccm_setaddr(block->msg, 0, 0, ccm_name_server, server_module, static_cast<int>(area->RepGet_bAcv));
-    ccm_setback(block->msg, pcx->exName, module_reports, 0);
+    set_route(block->msg, to_server(pcx, server_module, module_reports, static_cast<int>(area->RepGet_bAcv)));
 }
 
 int send_block(EX_PCX* pcx, report_block* block, const REP_Area* area) {
@@ -404,6 +387,103 @@ int refuse_opening(EX_PCX* pcx, const MSG_TYPE_REP_GET& get, const report_source
     return result;
 }
 
+int send_first_block(EX_PCX* pcx, std::unique_ptr<REP_Area> area, const MSG_TYPE_REP_GET& get) {
+    report_block block;
+    if (!start_block(pcx, &block, area.get())) {
+        return -1;
+    }
+    address_block(&block, get);
+    const report_fill fill = fill_first_block(area.get(), &block, get.rep_blk);
+    if (block.length == 0) {
+        drop_block(pcx, &block);
+        report_end end = iFillRepGetToRepEnd(get, 0, "");
+        if (fill == REPORT_FILL_ERROR) {
+            iChangeRepEndMessage(&end, REPORT_READ_FAILED, read_failure(area.get()));
+        }
+        return finish_transfer(pcx, area.get(), end);
+    }
+    block.head.totalsize = area->llByteSend;
+    const int result = send_block(pcx, &block, area.get());
+    make_ahead(pcx, area.get(), block.head);
+    addReportEntry(pcx, std::move(area));
+    return result;
+}
+
+// ---- later blocks
+
+void note_asker(REP_Area* area, const ccm_addr_t& from) {
+    area->last_use = alarm_now();
+    area->RepQuit_bAddr = from.src_addr;
+    area->RepQuit_bName = from.src_name;
+    area->RepQuit_bAcv = static_cast<uint32_t>(from.src_acv);
+}
+
+int end_transfer(EX_PCX* pcx, REP_Area* area, const report_end& end) {
+    const int result = finish_transfer(pcx, area, end);
+    deleteReportEntry(pcx, end.ah_idnr);
+    return result;
+}
+
+// The server has what it wanted or wants no more, or the last block said why nothing follows it.
+int end_as_asked(EX_PCX* pcx, REP_Area* area, const MSG_TYPE_REP_QUIT& quit) {
+    if (area->ahead.msg != nullptr) {  // not sent, and not counted
+        area->llByteSend = area->rep_llByteSend;
+        area->llRecCount = area->rep_llRecCount;
+    }
+    report_end end = iFillRepQuitToRepEnd(quit, quit.msgnr, get_text(quit.msg_insert));
+    if (quit.msgnr == 0 && area->lRetCode != 0) {
+        iChangeRepEndMessage(&end, area->lRetCode, area->cRetText);
+    }
+    if (area->lLastRec == read_failed && end.msgnr == 0) {
+        // Half a report must not pass for the whole one: it would be erased.
+        iChangeRepEndMessage(&end, REPORT_READ_FAILED, read_failure(area));
+    } else if (area->lLastRec == read_failed) {
+        __log(REPORT_READ_FAILED, "%s", read_failure(area).c_str());
+    }
+    return end_transfer(pcx, area, end);
+}
+
+report_fill fill_next_block(REP_Area* area, report_block* block, int number) {
+    if (area->lMaxBlk > 0 && number >= area->lMaxBlk) {
+        area->lRetCode = REPORT_BLOCK_LIMIT;
+        area->cRetText = area->cFile + "|" + std::to_string(area->lMaxBlk) + "|";
+    }
+    if (block->full) {
+        return REPORT_FILL_FULL;
+    }
+    const report_fill fill = report_fill_block(area, block->text(), &block->length,
+                                               static_cast<size_t>(area->i4Blksize) - 2, REPORT_LATER);
+    if (fill == REPORT_FILL_END && area->lRetCode == REPORT_BLOCK_LIMIT) {
+        area->lRetCode = 0;  // the rest of the file fits into the last block
+    }
+    return fill;
+}
+
+int end_without_block(EX_PCX* pcx, REP_Area* area, report_block* block, const MSG_TYPE_REP_QUIT& quit,
+                      report_fill fill) {
+    drop_block(pcx, block);
+    report_end end = iFillRepQuitToRepEnd(quit, 0, "");
+    if (fill == REPORT_FILL_ERROR) {
+        iChangeRepEndMessage(&end, REPORT_READ_FAILED, read_failure(area));
+    } else if (fill == REPORT_FILL_LIMIT) {
+        iChangeRepEndMessage(&end, area->lRetCode, area->cRetText);
+    }
+    return end_transfer(pcx, area, end);
+}
+
+// The last block that a limit allows, where the file goes on.
+int send_last_lines(EX_PCX* pcx, REP_Area* area, report_block* block, const MSG_TYPE_REP_QUIT& quit) {
+    qx7_error error;
+    if (create_lastRecBuf(area, block->text(), &block->length, &error) != 0) {
+        __log_error(error);
+        area->i4Errno = error.qx_errno;
+        block->length = 0;
+        return end_without_block(pcx, area, block, quit, REPORT_FILL_ERROR);
+    }
+    send_block(pcx, block, area);
+    return 1;
+}
+
 }  // namespace
 
 int REP_Open(EX_PCX* pcx) {
@@ -495,7 +575,7 @@ void close_idle_reports(EX_PCX* pcx) {
 }
 
 int process_repget(EX_PCX* pcx, ccm_msg_t* msg, int) {
-    const message_view view = view_message(msg->msg_start, static_cast<size_t>(msg->len));
+    const message_view view = view_of(msg);
     auto get = view_record<MSG_TYPE_REP_GET>(view);
     close_idle_reports(pcx);
     report_source source;
@@ -513,100 +593,30 @@ int process_repget(EX_PCX* pcx, ccm_msg_t* msg, int) {
     std::unique_ptr<REP_Area> area = make_area(pcx, get, view, source, msg->addr);
     area->rep_fd = std::move(file);
     text_reader_open(&area->pFile, area->rep_fd.fd, TEXT_CODE_BINARY + 1, 0);
-
-    report_block block;
-    if (!start_block(pcx, &block, area.get())) {
-        return -1;
-    }
-    address_block(&block, get);
-    const report_fill fill = fill_first_block(area.get(), &block, get.rep_blk);
-    if (block.length == 0) {
-        drop_block(pcx, &block);
-        report_end end = iFillRepGetToRepEnd(get, 0, "");
-        if (fill == REPORT_FILL_ERROR) {
-            iChangeRepEndMessage(&end, REPORT_READ_FAILED, read_failure(area.get()));
-        }
-        return finish_transfer(pcx, area.get(), end);
-    }
-    block.head.totalsize = area->llByteSend;
-    const int result = send_block(pcx, &block, area.get());
-    make_ahead(pcx, area.get(), block.head);
-    addReportEntry(pcx, std::move(area));
-    return result;
+    return send_first_block(pcx, std::move(area), get);
 }
 
 int process_repquit(EX_PCX* pcx, ccm_msg_t* msg, int) {
-    const message_view view = view_message(msg->msg_start, static_cast<size_t>(msg->len));
-    const auto quit = view_record<MSG_TYPE_REP_QUIT>(view);
+    const auto quit = view_record<MSG_TYPE_REP_QUIT>(view_of(msg));
     REP_Area* area = getReportEntry(pcx, quit.ah_idnr);
     if (area == nullptr) {
         __log(REPORT_UNKNOWN, "%u|", static_cast<unsigned>(quit.ah_idnr));
         return 0;
     }
-    area->last_use = alarm_now();
-    area->RepQuit_bAddr = msg->addr.src_addr;
-    area->RepQuit_bName = msg->addr.src_name;
-    area->RepQuit_bAcv = static_cast<uint32_t>(msg->addr.src_acv);
-
-    const auto end_transfer = [&](const report_end& end) {
-        const int result = finish_transfer(pcx, area, end);
-        deleteReportEntry(pcx, quit.ah_idnr);
-        return result;
-    };
+    note_asker(area, msg->addr);
     if (area->lLastRec < 0 || quit.msgnr != 0 || area->lRetCode != 0) {
-        if (area->ahead.msg != nullptr) {  // not sent, and not counted
-            area->llByteSend = area->rep_llByteSend;
-            area->llRecCount = area->rep_llRecCount;
-        }
-        report_end end = iFillRepQuitToRepEnd(quit, quit.msgnr, get_text(quit.msg_insert));
-        if (quit.msgnr == 0 && area->lRetCode != 0) {
-            iChangeRepEndMessage(&end, area->lRetCode, area->cRetText);
-        }
-        if (area->lLastRec == read_failed && end.msgnr == 0) {
-            // Half a report must not pass for the whole one: it would be erased.
-            iChangeRepEndMessage(&end, REPORT_READ_FAILED, read_failure(area));
-        } else if (area->lLastRec == read_failed) {
-            __log(REPORT_READ_FAILED, "%s", read_failure(area).c_str());
-        }
-        return end_transfer(end);
+        return end_as_asked(pcx, area, quit);
     }
-
     report_block block;
     if (!next_block(pcx, &block, area, quit)) {
         return -1;
     }
-    if (area->lMaxBlk > 0 && quit.rep_blk >= area->lMaxBlk) {
-        area->lRetCode = REPORT_BLOCK_LIMIT;
-        area->cRetText = area->cFile + "|" + std::to_string(area->lMaxBlk) + "|";
-    }
-    report_fill fill = block.full ? REPORT_FILL_FULL
-                                  : report_fill_block(area, block.text(), &block.length,
-                                                      static_cast<size_t>(area->i4Blksize) - 2, REPORT_LATER);
-
-    if (fill == REPORT_FILL_END && area->lRetCode == REPORT_BLOCK_LIMIT) {
-        area->lRetCode = 0;  // the rest of the file fits into the last block
-    }
+    const report_fill fill = fill_next_block(area, &block, quit.rep_blk);
     if (fill == REPORT_FILL_FULL && area->lRetCode == REPORT_BLOCK_LIMIT) {
-        qx7_error error;
-        if (create_lastRecBuf(area, block.text(), &block.length, &error) != 0) {
-            __log_error(error);
-            area->i4Errno = error.qx_errno;
-            block.length = 0;
-            fill = REPORT_FILL_ERROR;
-        } else {
-            send_block(pcx, &block, area);
-            return 1;
-        }
+        return send_last_lines(pcx, area, &block, quit);
     }
     if (block.length == 0) {
-        drop_block(pcx, &block);
-        report_end end = iFillRepQuitToRepEnd(quit, 0, "");
-        if (fill == REPORT_FILL_ERROR) {
-            iChangeRepEndMessage(&end, REPORT_READ_FAILED, read_failure(area));
-        } else if (fill == REPORT_FILL_LIMIT) {
-            iChangeRepEndMessage(&end, area->lRetCode, area->cRetText);
-        }
-        return end_transfer(end);
+        return end_without_block(pcx, area, &block, quit, fill);
     }
     const int result = block.prepared ? send_prepared(pcx, &block) : send_block(pcx, &block, area);
     make_ahead(pcx, area, block.head);

@@ -8,6 +8,7 @@
 #include "base/log.h"
 #include "base/text.h"
 #include "channels/messages.h"
+#include "channels/outgoing.h"
 #include "identity/accounts.h"
 #include "jobs/activation.h"
 #include "jobs/job_context.h"
@@ -35,22 +36,18 @@ constexpr int version_again = 4;
 
 int send_question(EX_PCX* pcx, const resource_item& resource, int version, const char* module,
                   qx7_error* error) {
-    auto question = new_message<MSG_TYPE_BIN_GET>(static_cast<uint16_t>(resource.client),
-                                                  static_cast<uint32_t>(resource.usr_idnr), version);
-    put_text(question.name, resource.object_name);
-    put_text(question.subname, resource.resource_name);
-    question.ah_idnr = resource.ah_idnr;
+    message_builder<MSG_TYPE_BIN_GET> question(static_cast<uint16_t>(resource.client),
+                                               static_cast<uint32_t>(resource.usr_idnr), version);
+    put_text(question->name, resource.object_name);
+    put_text(question->subname, resource.resource_name);
+    question->ah_idnr = resource.ah_idnr;
     ccm_error_t reason;
-    ccm_msg_t* msg = ccm_msg_alloc(pcx->ccm, &reason);
+    ccm_msg_t* msg = message_of(pcx->ccm, question, &reason);
     if (msg == nullptr) {
         return qx_error_set(error, -1, ENOMEM, reason.msgnr, "%s", reason.msginsert);
     }
-    memcpy(msg->msg_start, &question, sizeof question);
-    msg->len = static_cast<int>(sizeof question);
-    ccm_setaddr(msg, 0, 0, ccm_name_server, server_module, 0);
-    ccm_setback(msg, pcx->exName, module, 0);
     // A line that breaks in this moment is no failure: the next logon repeats the question.
-    (void)send_NAT_message(pcx->ccm, msg);
+    (void)send_outgoing(pcx->ccm, msg, to_server(pcx, server_module, module));
     __log(number_asked, "%d:%s/%s|%d", resource.client, resource.object_name.c_str(),
           resource.resource_name.c_str(), resource.ah_idnr);
     return 0;
@@ -144,7 +141,7 @@ int SendBinGetMessagesAfterReconnect(EX_PCX* pcx) {
 }
 
 int ProcessBinDataMessage(EX_PCX* pcx, ccm_msg_t* msg) {
-    const message_view view = view_message(msg->msg_start, msg->len < 0 ? 0 : static_cast<size_t>(msg->len));
+    const message_view view = view_of(msg);
     if (!message_type_is(view.data, view.length, "BIN_DATA")) {
         return other_type;
     }

@@ -17,15 +17,6 @@ constexpr int number_ended_with_code = 2000009;
 constexpr int number_killed = 2003046;
 constexpr int cancel_signal_told = 9;
 
-void append(std::vector<unsigned char>* body, std::string_view text) {
-    body->insert(body->end(), text.begin(), text.end());
-}
-
-void append_terminated(std::vector<unsigned char>* body, std::string_view text) {
-    append(body, text);
-    body->push_back(0);
-}
-
 // 'A' and 'K' are known to the agent alone.
 char status_on_wire(const JP_AREA* job) {
     switch (job->JP_status) {
@@ -53,37 +44,33 @@ void fill_fixed_part(const JP_AREA* job, MSG_TYPE_EXSTAJ* record) {
     if (job->JP_status != job_status_running) {
         record->endzeit = job->JP_eTime;
     }
-    put_text(record->progname, "");
     record->startzeit = job->JP_sTime;
-    put_text(record->remote_insert, "");
 }
 
 const char* record_user(const JP_AREA* job) {
     return job->jp_userName[0] != 0 ? job->jp_userName : job->JP_user;
 }
 
-void append_variables(const JP_AREA* job, std::vector<unsigned char>* body, MSG_TYPE_EXSTAJ* record) {
+void add_variables(const JP_AREA* job, message_builder<MSG_TYPE_EXSTAJ>* status) {
     if (job->jp_variables.empty()) {
         return;
     }
-    record->statusv_dist = static_cast<int32_t>(body->size());
-    record->statusv_entries = static_cast<int32_t>(job->jp_variables.size());
+    status->begin_table(MSG_TYPE_EXSTAJ::statusv, job->jp_variables.size());
     for (const registered_variable& variable : job->jp_variables) {
-        append_terminated(body, variable.name);
-        append_terminated(body, variable.value);
-        body->push_back(static_cast<unsigned char>(variable.type));
+        status->put_terminated(variable.name);
+        status->put_terminated(variable.value);
+        status->put(variable.type);
     }
 }
 
-void append_files(const JP_AREA* job, std::vector<unsigned char>* body, MSG_TYPE_EXSTAJ* record) {
+void add_files(const JP_AREA* job, message_builder<MSG_TYPE_EXSTAJ>* status) {
     if (job->jp_files.empty()) {
         return;
     }
-    record->outfile_dist = static_cast<int32_t>(body->size());
-    record->outfile_count = static_cast<int32_t>(job->jp_files.size());
+    status->begin_table(MSG_TYPE_EXSTAJ::outfiles, job->jp_files.size());
     for (const FLE_Elem& file : job->jp_files) {
-        body->push_back(static_cast<unsigned char>(file.fle_login));
-        append_terminated(body, file.fle_name);
+        status->put(file.fle_login);
+        status->put_terminated(file.fle_name);
     }
 }
 
@@ -111,36 +98,24 @@ void close_end(EX_PCX* pcx, JP_AREA* job) {
 
 }  // namespace
 
-std::vector<unsigned char> job_build_exstaj(EX_PCX*, JP_AREA* job, bool server_reachable) {
-    QX_HEADM like{};
-    like.i2Mandant = job->JP_Mandant;
-    like.i4UsrIdNr = job->JP_uIdnr;
-    std::vector<unsigned char> body = job_new_body(sizeof(MSG_TYPE_EXSTAJ), "EXSTAJ", 4, like);
-    MSG_TYPE_EXSTAJ record;
-    memcpy(&record, body.data(), sizeof record);
-
+message_builder<MSG_TYPE_EXSTAJ> job_build_exstaj(EX_PCX*, JP_AREA* job, bool server_reachable) {
+    message_builder<MSG_TYPE_EXSTAJ> status(job->JP_Mandant, job->JP_uIdnr, 4);
     Get_Proc_Attr(job);
     job_set_text(job->JP_srv_msg, "SEND_JOB_STATUS ");
     ++job->sta_cnt;
-    fill_fixed_part(job, &record);
-
-    const std::vector<unsigned char> restart =
-        CreateJobRstrtInfo(job, record_user(job), server_reachable, false);
-    if (!restart.empty()) {
-        record.restart_len = static_cast<int32_t>(restart.size());
-        record.restart_dist = static_cast<int32_t>(body.size());
-        body.insert(body.end(), restart.begin(), restart.end());
-    }
-    // In the order of the fields that name them: a reader walks the tables one behind the other.
-    append_variables(job, &body, &record);
-    append_files(job, &body, &record);
-    memcpy(body.data(), &record, sizeof record);
-    return body;
+    fill_fixed_part(job, &status.record);
+    status.add(MSG_TYPE_EXSTAJ::restartinfo,
+               CreateJobRstrtInfo(job, record_user(job), server_reachable, false));
+    add_variables(job, &status);
+    add_files(job, &status);
+    return status;
 }
 
 int create_and_send_exstaj(EX_PCX* pcx, JP_AREA* job) {
-    const std::vector<unsigned char> body = job_build_exstaj(pcx, job, job_server_reachable(pcx));
-    const int result = job_send_server(pcx, job->ccmaddr, body);
+    const auto status = job_build_exstaj(pcx, job, job_server_reachable(pcx));
+    const int result = send_built(
+        pcx->ccm, status,
+        {.dst_addr = ccm_name_server, .dst_name = job->ccmaddr == nullptr ? "" : job->ccmaddr->src_name});
     if (job_status_is_final(job->JP_status)) {
         close_end(pcx, job);
     }

@@ -8,6 +8,8 @@
 #include <vector>
 
 #include "jobs/job_area.h"
+#include "messages/build.h"
+#include "messages/records_job.h"
 
 struct EX_PCX;
 struct ccm_msg_t;
@@ -30,7 +32,7 @@ int jpGetJobAlarmTime(EX_PCX* pcx);
 // Builds and sends EXSTAJ, and does what belongs to an end. 0, or -1 when there was no message buffer.
 int create_and_send_exstaj(EX_PCX* pcx, JP_AREA* job);
 // The body of EXSTAJ alone, in host form. Counts sta_cnt, reads the process.
-std::vector<unsigned char> job_build_exstaj(EX_PCX* pcx, JP_AREA* job, bool server_reachable);
+message_builder<MSG_TYPE_EXSTAJ> job_build_exstaj(EX_PCX* pcx, JP_AREA* job, bool server_reachable);
 
 // JP_eTime now; the children's processor times since the last call are the job's.
 void SetCpuEndTimes(JP_AREA* job);

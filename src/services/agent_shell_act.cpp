@@ -15,6 +15,7 @@
 #include "base/time.h"
 #include "base/trace.h"
 #include "channels/ipc.h"
+#include "channels/outgoing.h"
 #include "identity/accounts.h"
 #include "identity/switch_user.h"
 #include "identity/user_files.h"
@@ -28,7 +29,6 @@ namespace {
 constexpr char server_resources[] = "QXVAREXR";
 constexpr char own_module[] = "QXEXVAR";
 constexpr size_t storage_file_max = 64U << 20;
-constexpr size_t message_extra = 768;
 constexpr int channels_max = 1024;
 
 ccm_msg_t* flush_record(EX_PCX* pcx, const std::string& target) {
@@ -100,28 +100,14 @@ bool read_storage_file(const std::string& path, std::string* content) {
 int send_storage(EX_PCX* pcx, const storage_order& order, const std::string& content) {
     const size_t slash = order.file.rfind('/');
     const std::string name = order.file.substr(slash + 1);
-    auto record = new_message<MSG_TYPE_BIN_PUT>(static_cast<uint16_t>(order.client), 0);
-    put_text(record.name, order.storage);
-    put_text(record.subname, order.resource);
-    record.overwrite = order.overwrite;
-    // The name follows the record, and the content the name.
-    record.content_dist = static_cast<int32_t>(sizeof record + name.size());
-    record.content_len = static_cast<int32_t>(content.size());
-    record.file_name_len = static_cast<int32_t>(name.size());
-    const size_t size = sizeof record + content.size() + name.size();
-    ccm_error_t error;
-    ccm_msg_t* msg = ccm_msg_alloc_huge(pcx->ccm, static_cast<int>(size + message_extra), &error);
-    if (msg == nullptr) {
-        __log(error.msgnr, "%s", error.msginsert);
-        return -1;
-    }
-    memcpy(msg->msg_start, &record, sizeof record);
-    memcpy(msg->msg_start + sizeof record, name.data(), name.size());
-    memcpy(msg->msg_start + sizeof record + name.size(), content.data(), content.size());
-    msg->len = static_cast<int>(size);
-    ccm_setaddr(msg, 0, 0, ccm_name_server, server_resources, 0);
-    ccm_setback(msg, pcx->exName, own_module, 0);
-    return send_NAT_message(pcx->ccm, msg);
+    message_builder<MSG_TYPE_BIN_PUT> put(static_cast<uint16_t>(order.client), 0);
+    put_text(put->name, order.storage);
+    put_text(put->subname, order.resource);
+    put->overwrite = order.overwrite;
+    put.add(MSG_TYPE_BIN_PUT::file_name, name);
+    put->content_dist = static_cast<int32_t>(put.size());  // of an empty content, too
+    put.add(MSG_TYPE_BIN_PUT::content, content);
+    return send_built(pcx->ccm, put, to_server(pcx, server_resources, own_module));
 }
 
 void set_log_size(const agent_shell_call& call, std::string_view word) {

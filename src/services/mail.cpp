@@ -19,6 +19,7 @@
 #include "base/text.h"
 #include "base/threads.h"
 #include "channels/messages.h"
+#include "channels/outgoing.h"
 #include "channels/replies.h"
 #include "messages/view.h"
 #include "security/string_cipher.h"
@@ -58,22 +59,13 @@ mail_office& office() {
     return *the_one;
 }
 
-message_view view_of(const ccm_msg_t* msg) {
-    return view_message(msg->msg_start, msg->len < 0 ? 0 : static_cast<size_t>(msg->len));
-}
-
 // Answers go by name: the channel may be another one by then.
 void send_answer(EX_PCX* pcx, const mail_request& request, int number, const char* insert) {
-    ccm_msg_t asked{};
-    asked.addr = request.addr;
-    asked.addr.src_ID = 0;
-    if (strncmp(asked.addr.src_addr, "*CP", 3) != 0) {
-        copy_text(asked.addr.src_addr, ccm_name_server);
-    }
-    QX_HEADM head = request.head;
-    asked.msg_start = reinterpret_cast<unsigned char*>(&head);
-    asked.len = sizeof head;
-    send_quitt_reply(pcx, &asked, number, insert, number == 0 ? "OK" : "NK", nullptr, 0);
+    const QX_HEADM& head = request.head;
+    auto quitt = make_quitt({get_text(head.msg_typ), head.i2Mandant, head.i4UsrIdNr, number, insert,
+                             number == 0 ? "OK" : "NK"});
+    put_text(quitt->filler, "");
+    send_built(pcx->ccm, quitt, to_kept(request.addr));
 }
 
 // Elements of the order come first. The settings' password belongs to their user, and goes to no other server.

@@ -256,7 +256,7 @@ TEST_F(connection, ends_a_connection_whose_seal_is_broken_and_comes_back) {
         memcpy(order, "JOB_DEL 01", 10);
         order[16] = 1;
         const size_t begin = agent->link.out.size();
-        ASSERT_TRUE(cp_send(server.get(), *agent, "JPAKTJ_R", order, sizeof order));
+        ASSERT_TRUE(cp_send(server.get(), *agent, "JPAKTJ_R", built_message(std::string_view{order, sizeof order})));
         ASSERT_GT(agent->link.out.size(), begin + at);
         agent->link.out[begin + at] = static_cast<char>(agent->link.out[begin + at] ^ 0x55);
         ASSERT_TRUE(wait(30000, [&] {
@@ -275,10 +275,10 @@ TEST_F(connection, keeps_the_line_when_a_message_cannot_be_converted) {
     const int id = agent->id;
     char unknown[64] = {};
     memcpy(unknown, "NOSUCHMS01", 10);
-    ASSERT_TRUE(cp_send(server.get(), *agent, "JPAKTJ_R", unknown, sizeof unknown));
-    ASSERT_TRUE(cp_send(server.get(), *agent, "JPAKTJ_R", unknown, 5));
-    ASSERT_TRUE(cp_send(server.get(), *agent, "JPAKTJ_R", unknown, 0));
-    ASSERT_TRUE(cp_send(server.get(), *agent, "NOMODULE", unknown, 0));
+    ASSERT_TRUE(cp_send(server.get(), *agent, "JPAKTJ_R", built_message(std::string_view{unknown, sizeof unknown})));
+    ASSERT_TRUE(cp_send(server.get(), *agent, "JPAKTJ_R", built_message(std::string_view{unknown, 5})));
+    ASSERT_TRUE(cp_send(server.get(), *agent, "JPAKTJ_R", built_message(std::string_view{unknown, 0})));
+    ASSERT_TRUE(cp_send(server.get(), *agent, "NOMODULE", built_message(std::string_view{unknown, 0})));
     const int run = submit("exit 0");
     EXPECT_TRUE(wait_done(run)) << story() << host.log();
     ASSERT_NE(cp_find_agent(server.get(), "CONVERTER"), nullptr);

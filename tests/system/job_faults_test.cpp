@@ -160,20 +160,14 @@ TEST_F(jobs, writes_files_by_order) {
     start_agent();
     std::string folder = host.path("out");
     auto order = [&](char mode, const std::string& text) {
-        MSG_TYPE_PRCWRITE record{};
-        CreateQxHeadm(&record.header, "PRCWRITE", 100, 1);
-        record.ah_idnr = 77;
-        const std::string file = folder + "/deeper/file.txt";
-        record.file_dist = sizeof record;
-        record.file_len = static_cast<int32_t>(file.size());
-        record.text_dist = static_cast<int32_t>(sizeof record + file.size());
-        record.text_len = static_cast<int32_t>(text.size());
-        record.mode = mode;
-        put_text(record.logininfo, own_user());
-        std::string bytes(reinterpret_cast<const char*>(&record), sizeof record);
-        bytes += file + text;
+        message_builder<MSG_TYPE_PRCWRITE> write(100, 1);
+        write->ah_idnr = 77;
+        write->mode = mode;
+        put_text(write->logininfo, own_user());
+        write.add(MSG_TYPE_PRCWRITE::file, folder + "/deeper/file.txt");
+        write.add(MSG_TYPE_PRCWRITE::text, text);
         cp_answer answer;
-        EXPECT_TRUE(cp_send(server.get(), *cp_find_agent(server.get(), "JOBAGENT"), "QXREPEX", bytes.data(), bytes.size(),
+        EXPECT_TRUE(cp_send(server.get(), *cp_find_agent(server.get(), "JOBAGENT"), "QXREPEX", write,
                             [&](const cp_answer& a) { answer = a; }));
         EXPECT_TRUE(wait(10000, [&] { return !answer.status.empty(); })) << host.log();
         return answer.number;

@@ -10,6 +10,7 @@
 #include "installation.h"
 #include "messages/frame.h"
 #include "messages/records_server.h"
+#include "messages/view.h"
 #include "loopback.h"
 
 namespace {
@@ -146,8 +147,7 @@ TEST(messenger, ends_when_the_other_side_talks_nonsense_or_hangs_up) {
 }
 
 std::vector<unsigned char> quitt(const char* status, int number, size_t length) {
-    MSG_TYPE_QUITT answer{};
-    CreateQxHeadm(&answer.header, "QUITT", 0, 0);
+    auto answer = new_message<MSG_TYPE_QUITT>(0, 0);
     put_text(answer.quitt, status);
     put_text(answer.msg, "MELD");
     put_text(answer.msg_insert, "");

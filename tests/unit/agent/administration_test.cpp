@@ -44,10 +44,7 @@ struct administration : ::testing::Test {
 };
 
 MSG_TYPE_TRCSET trace_order(int version, std::string_view flags, std::string_view trigger) {
-    MSG_TYPE_TRCSET order;
-    memset(&order, 0, sizeof order);
-    CreateQxHeadm(&order.header, "TRCSET", 0, 0);
-    set_message_version(&order.header, version);
+    auto order = new_message<MSG_TYPE_TRCSET>(0, 0, version);
     put_field(order.flags, flags);
     order.max_size = 64;
     order.trigger_type = 'T';
@@ -58,8 +55,7 @@ MSG_TYPE_TRCSET trace_order(int version, std::string_view flags, std::string_vie
 }
 
 TEST_F(administration, tells_the_state_of_an_idle_agent) {
-    MSG_TYPE_EXQUERY query = {};
-    CreateQxHeadm(&query.header, "EXQUERY", 7, 8);
+    auto query = new_message<MSG_TYPE_EXQUERY>(7, 8);
     query.ping1 = 11;
     query.ping2 = 12;
     query.srvtime.jjjj = 2026;
@@ -106,16 +102,14 @@ TEST_F(administration, children_follow_a_trace_order_without_a_log_line) {
 
 TEST_F(administration, tells_the_trace_settings_in_the_form_that_was_asked_for) {
     call(process_trcset, bytes_of(trace_order(2, "5", "go*")) + "go*");
-    MSG_TYPE_TRCGET query = {};
-    CreateQxHeadm(&query.header, "TRCGET", 0, 0);
+    auto query = new_message<MSG_TYPE_TRCGET>(0, 0);
     call(process_trcget, bytes_of(query));
     EXPECT_EQ(answer<MSG_TYPE_QUITT>("QUITT").msg_len, 4) << "an older server gets four zero bytes";
     EXPECT_EQ(get_field(answer<MSG_TYPE_QUITT>("QUITT").msg_insert), "5000000000000000");
 }
 
 TEST_F(administration, a_refused_logon_ends_the_agent) {
-    MSG_TYPE_QUITT quitt = {};
-    CreateQxHeadm(&quitt.header, "QUITT", 0, 0);
+    auto quitt = new_message<MSG_TYPE_QUITT>(0, 0);
     put_field(quitt.msg, "EXSTART2");
     put_field(quitt.quitt, "OK");
     call(process_quitt, bytes_of(quitt));

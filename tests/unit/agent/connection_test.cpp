@@ -65,10 +65,7 @@ std::string bytes_of(const Record& record) {
 }
 
 MSG_TYPE_EXSTRTQ2 good_answer() {
-    MSG_TYPE_EXSTRTQ2 answer;
-    memset(&answer, 0, sizeof answer);
-    CreateQxHeadm(&answer.header, "EXSTRTQ2", 0, 0);
-    set_message_version(&answer.header, 2);
+    auto answer = new_message<MSG_TYPE_EXSTRTQ2>(0, 0, 2);
     put_field(answer.rep_type, "LOG");
     answer.anonymous_job = 'Y';
     answer.anonymous_ft = 'N';
@@ -339,8 +336,7 @@ TEST_F(log_stream, waits_while_the_log_changes) {
     pcx->waitForChglogQu = 1;
     send_log2server(pcx, 40);
     EXPECT_EQ(ZULOGG_NrMsg(pcx->logHnd), 1);
-    MSG_TYPE_CHGLOGQU answer = {};
-    CreateQxHeadm(&answer.header, "CHGLOGQU", 0, 0);
+    auto answer = new_message<MSG_TYPE_CHGLOGQU>(0, 0);
     answer.ah_idnr_new = 6;
     ccm_msg_t* msg = channels.received(bytes_of(answer));
     process_chglogqu(pcx, msg, 0);

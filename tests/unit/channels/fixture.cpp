@@ -40,8 +40,7 @@ bytes text_bytes(std::string_view text) {
 }
 
 bytes quitt_body(std::string_view insert) {
-    MSG_TYPE_QUITT record{};
-    CreateQxHeadm(&record.header, "QUITT", 1, 2);
+    auto record = new_message<MSG_TYPE_QUITT>(1, 2);
     put_text(record.quitt, "OK");
     put_text(record.filler, "");
     put_text(record.msg, "EXINFO");

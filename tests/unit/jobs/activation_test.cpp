@@ -272,16 +272,14 @@ TEST_F(job_test, the_job_file_goes_with_the_acknowledged_good_end_or_with_job_de
     for (const char* code : {"0", "1"}) {
         activate(activation(1, std::string("exit ") + code + "\r\n"));
         end_child(Find_JEntry(1, client));
-        MSG_TYPE_EXSTAJQU confirmed{};
-        confirmed.header = head("EXSTAJQU", 1);
+        auto confirmed = new_message<MSG_TYPE_EXSTAJQU>(client, number);
         confirmed.ah_idnr = 1;
-        receive(process_exstajqu, &confirmed, sizeof confirmed);
+        receive(process_exstajqu, confirmed);
         EXPECT_EQ(access(job_file(1).c_str(), F_OK) == 0, *code == '1')
             << "a failed job's file is for inspection";
-        MSG_TYPE_JOB_DEL order{};
-        order.header = head("JOB_DEL", 1);
+        auto order = new_message<MSG_TYPE_JOB_DEL>(client, number);
         order.ah_idnr = 1;
-        receive(process_jobdel, &order, sizeof order);
+        receive(process_jobdel, order);
         EXPECT_NE(access(job_file(1).c_str(), F_OK), 0);
         EXPECT_EQ(access(report_file(1).c_str(), F_OK), 0) << "the report stays";
         EXPECT_EQ(jpGetJobCount(), 0);

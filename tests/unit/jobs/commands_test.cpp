@@ -32,24 +32,18 @@ struct command_test : job_test {
 
     int request(int run, const std::string& command, int rows = 100, const std::string& who = "*",
                 bool with_file = true) {
-        MSG_TYPE_EXREQCMD record{};
-        record.header = head("EXREQCMD", 1);
-        record.ah_idnr = run;
-        record.max_rows = rows;
-        put_text(record.jobreport, with_file ? output_file(run) : "");
-        put_text(record.logininfo, who == "*" ? user : who);
-        record.jcl_dist = command.empty() ? 0 : static_cast<int32_t>(sizeof record);
-        record.jcl_len = static_cast<int32_t>(command.size());
-        message_bytes body(sizeof record);
-        memcpy(body.data(), &record, sizeof record);
-        body.insert(body.end(), command.begin(), command.end());
-        return receive(process_exreqcmd, body.data(), body.size());
+        message_builder<MSG_TYPE_EXREQCMD> record(client, number);
+        record->ah_idnr = run;
+        record->max_rows = rows;
+        put_text(record->jobreport, with_file ? output_file(run) : "");
+        put_text(record->logininfo, who == "*" ? user : who);
+        record.add(MSG_TYPE_EXREQCMD::jcl, command);
+        return receive(process_exreqcmd, record);
     }
     void cancel(int run) {
-        MSG_TYPE_EXREQCAN order{};
-        order.header = head("EXREQCAN", 1);
+        auto order = new_message<MSG_TYPE_EXREQCAN>(client, number);
         order.ah_idnr = run;
-        receive(process_exreqcancel, &order, sizeof order);
+        receive(process_exreqcancel, order);
     }
     // The end of the newest command, told as the signal layer does.
     void finish() {

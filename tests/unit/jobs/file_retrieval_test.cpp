@@ -28,19 +28,16 @@ struct file_retrieval_test : job_test {
         job_test::TearDown();
     }
 
-    int ask(const std::string& xml) { return receive(process_getfile_XML, xml.data(), xml.size()); }
+    int ask(const std::string& xml) { return receive(process_getfile_XML, built_message(xml)); }
 
     int login(const std::string& name, const std::string& object = "LOGIN.TEST", unsigned usridnr = 7) {
-        auto record = new_message<MSG_TYPE_RES_DATA>(100, usridnr);
-        put_text(record.type, "LOGIN");
-        put_text(record.name, object);
-        record.content_dist = sizeof record;
-        record.content_len = 210;
-        message_bytes body(sizeof record + 210, ' ');
-        memcpy(body.data(), &record, sizeof record);
-        memcpy(body.data() + sizeof record, name.data(), name.size());
-        memcpy(body.data() + sizeof record + 200, "0000000000", 10);
-        return receive(process_getfile_resdata, body.data(), body.size());
+        message_builder<MSG_TYPE_RES_DATA> data(100, usridnr);
+        put_text(data->type, "LOGIN");
+        put_text(data->name, object);
+        std::string content(200, ' ');
+        content.replace(0, name.size(), name);
+        data.add(MSG_TYPE_RES_DATA::content, content + "0000000000");
+        return receive(process_getfile_resdata, data);
     }
 
     file_answer first_answer() { return read_file_answer(as_text(first_sent())); }
@@ -289,19 +286,19 @@ TEST_F(file_retrieval_test, a_refusal_of_the_server_goes_to_the_asker) {
     sent();
     auto quitt = new_message<MSG_TYPE_QUITT>(100, 7);
     put_text(quitt.quitt, "OK");
-    EXPECT_EQ(receive(process_getfile_quitt, &quitt, sizeof quitt), 0);
+    EXPECT_EQ(receive(process_getfile_quitt, quitt), 0);
     EXPECT_TRUE(sent().empty());
     put_text(quitt.quitt, "NK");
     quitt.msgnr = 4711;
     put_text(quitt.msg_insert, "a<\"b\">&|");
-    receive(process_getfile_quitt, &quitt, sizeof quitt);
+    receive(process_getfile_quitt, quitt);
     const file_answer answer = first_answer();
     EXPECT_EQ(answer.key, "first");
     EXPECT_EQ(answer.number, 4711);
     EXPECT_EQ(answer.insert, "a&lt;&quot;b&quot;&gt;&amp;|");
-    receive(process_getfile_quitt, &quitt, sizeof quitt);
+    receive(process_getfile_quitt, quitt);
     EXPECT_EQ(first_answer().key, "second");
-    EXPECT_EQ(receive(process_getfile_quitt, &quitt, sizeof quitt), -1);
+    EXPECT_EQ(receive(process_getfile_quitt, quitt), -1);
 }
 
 TEST_F(file_retrieval_test, silence_ends_a_request) {

@@ -14,6 +14,7 @@
 #include "base/log.h"
 #include "base/time.h"
 #include "channels/internal.h"
+#include "channels/outgoing.h"
 #include "jobs/activation.h"
 #include "jobs/job_context.h"
 #include "jobs/job_table.h"
@@ -142,10 +143,9 @@ struct job_test : ::testing::Test {
         pcx->pcx_flag |= PCX_FLAG_SERVER_CHANNEL;
     }
 
-    // Hands `body` to a handler as if the server had sent it.
-    int receive(int (*handler)(EX_PCX*, ccm_msg_t*, int), const void* body, size_t length) {
-        ccm_msg_t* msg = ccm_msg_alloc_cleared(ccm, static_cast<int>(length), nullptr);
-        memcpy(msg->msg_start, body, length);
+    // Hands a message to a handler as if the server had sent it.
+    int receive(int (*handler)(EX_PCX*, ccm_msg_t*, int), const built_message& body) {
+        ccm_msg_t* msg = message_of(ccm, body);
         ccm_setaddr(msg, 1, 0, "", "JPAKTJ_R", 0);
         msg->addr.src_ID = 4711;
         copy_text(msg->addr.src_addr, "*CP001#00000001");
@@ -188,28 +188,24 @@ struct job_test : ::testing::Test {
     }
 
     message_bytes activation(int run, const std::string& script) {
-        MSG_TYPE_EXAKTJ record{};
-        record.header = head("EXAKTJ", 2);
-        record.ah_idnr = run;
-        put_text(record.name, "JOBS.TEST");
-        put_text(record.jobfile, job_file(run));
-        put_text(record.jobreport, report_file(run));
-        put_text(record.logininfo, user);
-        record.rest_dist = sizeof record;
-        record.rest_len = static_cast<int32_t>(rest.size());
-        record.jcl_dist = static_cast<int32_t>(sizeof record + rest.size());
-        record.jcl_len = static_cast<int32_t>(script.size());
-        message_bytes body(sizeof record + rest.size() + script.size());
-        memcpy(body.data(), &record, sizeof record);
-        const std::string behind = rest + script;
-        behind.copy(reinterpret_cast<char*>(body.data()) + sizeof record, behind.size());
-        return body;
+        return activation_of(run, script).bytes();
+    }
+    message_builder<MSG_TYPE_EXAKTJ> activation_of(int run, const std::string& script) {
+        message_builder<MSG_TYPE_EXAKTJ> order(client, number, 2);
+        order->ah_idnr = run;
+        put_text(order->name, "JOBS.TEST");
+        put_text(order->jobfile, job_file(run));
+        put_text(order->jobreport, report_file(run));
+        put_text(order->logininfo, user);
+        order.add(MSG_TYPE_EXAKTJ::rest, rest);
+        order.add(MSG_TYPE_EXAKTJ::jcl, script);
+        return order;
     }
 
     std::string job_file(int run) const { return folder / ("temp/job" + std::to_string(run)); }
     std::string report_file(int run) const { return folder / ("out/report" + std::to_string(run)); }
 
-    int activate(const message_bytes& body) { return receive(process_aktj, body.data(), body.size()); }
+    int activate(const message_bytes& body) { return receive(process_aktj, built_message(body)); }
 
     // Waits for the child and tells the job processor.
     void end_child(JP_AREA* job) {

@@ -173,7 +173,7 @@ TEST_F(job_test, a_meld_is_answered_by_whether_it_was_taken) {
         bytes.insert(bytes.end(), body.begin(), body.end());
         const auto* at = reinterpret_cast<const unsigned char*>(&ends);
         bytes.insert(bytes.end(), at, at + sizeof ends);
-        return receive(process_ipc_exmeld, bytes.data(), bytes.size());
+        return receive(process_ipc_exmeld, built_message(bytes));
     };
     // Status and number of the answer; empty without one.
     const auto answer = [&]() -> std::string {
@@ -212,5 +212,5 @@ TEST_F(job_test, a_meld_is_answered_by_whether_it_was_taken) {
     pcx->running_mode = MODE_LISTENER;
     EXPECT_EQ(pass_on(meld(1, 'C', 0)), -1);
     pcx->running_mode = MODE_AGENT;
-    EXPECT_EQ(receive(process_exmeld, old.data(), old.size()), -1) << "only the listener hears messengers";
+    EXPECT_EQ(receive(process_exmeld, built_message(old)), -1) << "only the listener hears messengers";
 }

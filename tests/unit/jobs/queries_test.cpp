@@ -9,25 +9,19 @@
 
 struct queries_test : job_test {
     int cancel(int run) {
-        MSG_TYPE_JOB_CAN order{};
-        order.header = head("JOB_CAN", 1);
+        auto order = new_message<MSG_TYPE_JOB_CAN>(client, number);
         order.ah_idnr = run;
-        return receive(process_jobcan, &order, sizeof order);
+        return receive(process_jobcan, order);
     }
 
     int query(int run, const message_bytes& record, int count = 0) {
-        MSG_TYPE_JOB_INF order{};
-        order.header = head("JOB_INF", 1);
-        order.ah_idnr = run;
-        order.restart_len = static_cast<int32_t>(record.size());
-        order.restart_dist = record.empty() ? 0 : static_cast<int32_t>(sizeof order);
-        put_text(order.processid, "77");
-        order.status = 'R';
-        order.cnt = count;
-        message_bytes body(sizeof order);
-        memcpy(body.data(), &order, sizeof order);
-        body.insert(body.end(), record.begin(), record.end());
-        return receive(process_jobinf, body.data(), body.size());
+        message_builder<MSG_TYPE_JOB_INF> order(client, number);
+        order->ah_idnr = run;
+        put_text(order->processid, "77");
+        order->status = 'R';
+        order->cnt = count;
+        order.add(MSG_TYPE_JOB_INF::restart, record);
+        return receive(process_jobinf, order);
     }
 
     message_bytes start(int run, const std::string& script) {
@@ -405,24 +399,23 @@ TEST_F(queries_test, queries_cut_anywhere_or_with_lying_lengths_are_answered_and
     end_child(Find_JEntry(1, client));
     lose_memory();
     for (const auto& [length, dist] : {std::pair{1336, 45}, {-1, 44}, {1 << 30, 44}, {10, 44}, {1336, -44}}) {
-        MSG_TYPE_JOB_INF order{};
-        order.header = head("JOB_INF", 1);
+        auto order = new_message<MSG_TYPE_JOB_INF>(client, number);
         order.ah_idnr = 1;
         order.restart_len = length;
         order.restart_dist = dist;
         message_bytes body(sizeof order);
         memcpy(body.data(), &order, sizeof order);
         body.insert(body.end(), record.begin(), record.end());
-        receive(process_jobinf, body.data(), body.size());
+        receive(process_jobinf, built_message(body));
         EXPECT_EQ(answer(), "NK 2003010 1|100|LOST|") << length;
     }
     for (size_t length = 8; length < 60; ++length) {
         message_bytes body(length, 0);
         memcpy(body.data(), "JOB_INF ", 8);
-        receive(process_jobinf, body.data(), body.size());
-        receive(process_jobcan, body.data(), body.size());
-        receive(process_jobdel, body.data(), body.size());
-        receive(process_exstajqu, body.data(), body.size());
+        receive(process_jobinf, built_message(body));
+        receive(process_jobcan, built_message(body));
+        receive(process_jobdel, built_message(body));
+        receive(process_exstajqu, built_message(body));
     }
     EXPECT_EQ(jpGetJobCount(), 0);
 }

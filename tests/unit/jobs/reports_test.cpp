@@ -52,39 +52,29 @@ struct report_test : job_test {
     }
 
     void get(const wish& w, const std::string& name) {
-        MSG_TYPE_REP_GET record{};
-        record.header = head("REP_GET", 3);
-        record.ah_idnr = w.key;
-        record.rep_ah_idnr = 1;
-        put_text(record.filename, name);
-        put_text(record.rep_type, "REP");
-        record.rep_blk = w.block;
-        record.blksize = w.blksize;
-        put_text(record.logininfo, w.user);
-        record.erase = w.erase;
-        record.maxrecords = w.maxrecords;
-        record.maxblk = w.maxblk;
-        record.match_dist = sizeof record;
-        record.match_len = static_cast<int32_t>(w.match.size());
-        if (!w.code.empty()) {
-            record.code_dist = static_cast<int32_t>(sizeof record + w.match.size());
-            record.code_len = static_cast<int32_t>(w.code.size());
-        }
-        message_bytes body(sizeof record);
-        memcpy(body.data(), &record, sizeof record);
-        body.insert(body.end(), w.match.begin(), w.match.end());
-        body.insert(body.end(), w.code.begin(), w.code.end());
-        receive(process_repget, body.data(), body.size());
+        message_builder<MSG_TYPE_REP_GET> record(client, number, 3);
+        record->ah_idnr = w.key;
+        record->rep_ah_idnr = 1;
+        put_text(record->filename, name);
+        put_text(record->rep_type, "REP");
+        record->rep_blk = w.block;
+        record->blksize = w.blksize;
+        put_text(record->logininfo, w.user);
+        record->erase = w.erase;
+        record->maxrecords = w.maxrecords;
+        record->maxblk = w.maxblk;
+        record.add(MSG_TYPE_REP_GET::match, w.match);
+        record.add(MSG_TYPE_REP_GET::code, w.code);
+        receive(process_repget, record);
     }
 
     void quit(int key, int block, int number = 0, const char* insert = "") {
-        MSG_TYPE_REP_QUIT record{};
-        record.header = head("REP_QUIT", 1);
+        auto record = new_message<MSG_TYPE_REP_QUIT>(client, number);
         record.ah_idnr = key;
         record.rep_blk = block;
         record.msgnr = number;
         put_text(record.msg_insert, insert);
-        receive(process_repquit, &record, sizeof record);
+        receive(process_repquit, record);
     }
 
     // Takes what was sent into `result`; false when it was not exactly one message.
@@ -305,10 +295,9 @@ TEST_F(report_test, the_server_may_stop_and_ask_again) {
     sent();
     ASSERT_NE(getReportEntry(pcx, 9), nullptr);
     EXPECT_EQ(getReportEntry(pcx, 9)->pNext, nullptr);
-    MSG_TYPE_REP_STOP stop{};
-    stop.header = head("REP_STOP", 1);
+    auto stop = new_message<MSG_TYPE_REP_STOP>(client, number);
     testing::internal::CaptureStdout();
-    receive(process_repstop, &stop, sizeof stop);
+    receive(process_repstop, stop);
     EXPECT_NE(testing::internal::GetCapturedStdout().find("REP_STOP"), std::string::npos)
         << "29002 points to a message before it";
     EXPECT_EQ(getReportEntry(pcx, 9), nullptr);
@@ -441,20 +430,13 @@ TEST_F(report_test, what_may_not_be_read_is_not_opened) {
 TEST_F(report_test, files_are_written_by_order_under_the_users_name) {
     const auto order = [&](char mode, const std::string& name, const std::string& text,
                            const std::string& who) {
-        MSG_TYPE_PRCWRITE record{};
-        record.header = head("PRCWRITE", 1);
-        record.ah_idnr = 5;
-        record.file_dist = sizeof record;
-        record.file_len = static_cast<int32_t>(name.size());
-        record.text_dist = static_cast<int32_t>(sizeof record + name.size());
-        record.text_len = static_cast<int32_t>(text.size());
-        record.mode = mode;
-        put_text(record.logininfo, who);
-        message_bytes body(sizeof record);
-        memcpy(body.data(), &record, sizeof record);
-        const std::string behind = name + text;
-        body.insert(body.end(), behind.begin(), behind.end());
-        receive(process_iprcwrite, body.data(), body.size());
+        message_builder<MSG_TYPE_PRCWRITE> write(client, number);
+        write->ah_idnr = 5;
+        write->mode = mode;
+        put_text(write->logininfo, who);
+        write.add(MSG_TYPE_PRCWRITE::file, name);
+        write.add(MSG_TYPE_PRCWRITE::text, text);
+        receive(process_iprcwrite, write);
         const auto quitt = first_sent().as<MSG_TYPE_QUITT>();
         EXPECT_EQ(get_text(quitt.quitt), quitt.msgnr == 0 ? "OK" : "NK");
         return quitt.msgnr;

@@ -39,11 +39,8 @@ struct resource_test : job_test {
 
     message_bytes with_rows(int run, const std::vector<row>& rows, std::string client_path = {},
                             std::string task_path = {}) {
-        message_bytes body = activation(run, "echo run\r\n");
-        MSG_TYPE_EXAKTJ record;
-        memcpy(&record, body.data(), sizeof record);
-        record.bintab_dist = static_cast<int32_t>(body.size());
-        record.bintab_entries = static_cast<int32_t>(rows.size());
+        auto order = activation_of(run, "echo run\r\n");
+        order.begin_table(MSG_TYPE_EXAKTJ::bintab, rows.size());
         for (const row& wanted : rows) {
             MSG_TYPE_BINTAB entry{};
             put_text(entry.object_name, "FILES");
@@ -51,37 +48,28 @@ struct resource_test : job_test {
             put_text(entry.file_name, wanted.file.empty() ? wanted.name : wanted.file);
             entry.mod_date = timestamp_utc(wanted.version);
             entry.cache_type = wanted.kind;
-            const auto* bytes = reinterpret_cast<const unsigned char*>(&entry);
-            body.insert(body.end(), bytes, bytes + sizeof entry);
+            order.put_record(entry);
         }
         MSG_TYPE_BINPATHS paths{};
         put_text(paths.client_cache_path, client_path.empty() ? client_file("") : client_path);
         put_text(paths.task_cache_path,
                  task_path.empty() ? folder / ("cache/tasks/" + std::to_string(run)) : task_path);
-        record.binpaths_dist = static_cast<int32_t>(body.size());
-        record.binpaths_entries = 1;
-        const auto* bytes = reinterpret_cast<const unsigned char*>(&paths);
-        body.insert(body.end(), bytes, bytes + sizeof paths);
-        memcpy(body.data(), &record, sizeof record);
-        return body;
+        order.begin_table(MSG_TYPE_EXAKTJ::binpaths, 1);
+        order.put_record(paths);
+        return order.bytes();
     }
 
     int give(const char* name, time_t version, int run, const std::string& content, char type = 'B') {
-        MSG_TYPE_BIN_DATA record{};
-        record.header = head("BIN_DATA", 1);
-        put_text(record.name, name);
-        put_text(record.object_name, "FILES");
-        record.timestamp = timestamp_utc(version);
-        record.ah_idnr = run;
-        record.file_type = type;
-        record.content_dist = content.empty() ? 0 : static_cast<int32_t>(sizeof record);
-        record.content_len = static_cast<int32_t>(content.size());
-        message_bytes body(sizeof record);
-        memcpy(body.data(), &record, sizeof record);
-        body.insert(body.end(), content.begin(), content.end());
-        return receive([](EX_PCX* p, ccm_msg_t* msg, int) { return ProcessBinDataMessage(p, msg); },
-                       body.data(), body.size());
+        message_builder<MSG_TYPE_BIN_DATA> data(client, number);
+        put_text(data->name, name);
+        put_text(data->object_name, "FILES");
+        data->timestamp = timestamp_utc(version);
+        data->ah_idnr = run;
+        data->file_type = type;
+        data.add(MSG_TYPE_BIN_DATA::content, content);
+        return receive(take, data);
     }
+    static int take(EX_PCX* p, ccm_msg_t* msg, int) { return ProcessBinDataMessage(p, msg); }
 
     // Types of what was sent, in order.
     std::vector<std::string> sent_types() {
@@ -106,10 +94,9 @@ struct resource_test : job_test {
         sent();
     }
     int cancel(int run) {
-        MSG_TYPE_JOB_CAN order{};
-        order.header = head("JOB_CAN", 1);
+        auto order = new_message<MSG_TYPE_JOB_CAN>(client, number);
         order.ah_idnr = run;
-        return receive(process_jobcan, &order, sizeof order);
+        return receive(process_jobcan, order);
     }
     bool lists_are_empty() const {
         const JPPCX* context = job_context();
@@ -269,16 +256,13 @@ TEST_F(resource_test, an_order_that_names_two_versions_does_not_wait_for_itself)
 TEST_F(resource_test, content_that_did_not_come_whole_is_not_stored) {
     activate(with_rows(1, {{"shared", version_1}}));
     sent();
-    MSG_TYPE_BIN_DATA record{};
-    record.header = head("BIN_DATA", 1);
+    auto record = new_message<MSG_TYPE_BIN_DATA>(client, number);
     put_text(record.name, "shared");
     put_text(record.object_name, "FILES");
     record.timestamp = timestamp_utc(version_1);
     record.ah_idnr = 1;
     record.content_len = 100;
-    EXPECT_EQ(receive([](EX_PCX* p, ccm_msg_t* msg, int) { return ProcessBinDataMessage(p, msg); }, &record,
-                      sizeof record),
-              -1);
+    EXPECT_EQ(receive(take, record), -1);
     EXPECT_EQ(first_sent().as<MSG_TYPE_QUITT>().msgnr, 2000242);
     EXPECT_FALSE(std::filesystem::exists(client_file("shared"))) << "it would count as current";
     EXPECT_TRUE(lists_are_empty());
@@ -509,12 +493,8 @@ TEST_F(resource_test, files_belong_to_the_jobs_user_and_under_hardened_to_the_ag
 
 TEST_F(resource_test, other_messages_are_not_taken) {
     const message_bytes body = activation(1, "x");
-    EXPECT_EQ(receive([](EX_PCX* p, ccm_msg_t* msg, int) { return ProcessBinDataMessage(p, msg); },
-                      body.data(), body.size()),
-              2);
-    const unsigned char shortest[] = "BIN_DATA";
-    EXPECT_EQ(receive([](EX_PCX* p, ccm_msg_t* msg, int) { return ProcessBinDataMessage(p, msg); }, shortest, 8),
-              0);
+    EXPECT_EQ(receive(take, built_message(body)), 2);
+    EXPECT_EQ(receive(take, built_message("BIN_DATA")), 0);
     EXPECT_TRUE(logged(2000245));
 }
 

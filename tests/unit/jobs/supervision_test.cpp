@@ -316,10 +316,9 @@ TEST_F(job_test, an_end_is_told_again_until_the_entry_goes) {
         ASSERT_EQ(messages.size(), 1u);
         EXPECT_EQ(messages[0].as<MSG_TYPE_EXSTAJ>().cnt, count);
     }
-    MSG_TYPE_JOB_DEL order{};
-    order.header = head("JOB_DEL", 1);
+    auto order = new_message<MSG_TYPE_JOB_DEL>(client, number);
     order.ah_idnr = 1;
-    receive(process_jobdel, &order, sizeof order);
+    receive(process_jobdel, order);
     EXPECT_EQ(jpGetJobCount(), 0);
     EXPECT_EQ(sent().size(), 0u);
 }
@@ -348,7 +347,7 @@ TEST_F(job_test, a_status_with_files_and_variables_passes_the_conversion) {
         for (unsigned i = pick(7); i > 0; --i) {
             job->jp_variables.push_back({std::string(1 + pick(199), 'V'), std::string(pick(1024), 'x'), 'C'});
         }
-        message_bytes body = job_build_exstaj(pcx, job, true);
+        message_bytes body = job_build_exstaj(pcx, job, true).bytes();
         const auto told = view_record<MSG_TYPE_EXSTAJ>(view_message(body.data(), body.size()));
         if (!job->jp_files.empty()) {
             table_cursor cursor = view_table(view_message(body.data(), body.size()), told.outfile_dist);

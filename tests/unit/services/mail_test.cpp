@@ -9,6 +9,7 @@
 
 #include "base/base64.h"
 #include "base/locks.h"
+#include "messages/build.h"
 #include "messages/records_common.h"
 #include "messages/records_server.h"
 #include "own_context.h"
@@ -20,27 +21,17 @@
 
 namespace {
 
-template <class Record>
-void add_element(std::string* body, char type, char flag, const std::string& text) {
-    Record head{};
-    head.type = type;
-    head.flag = flag;
-    head.len = static_cast<decltype(head.len)>(text.size());
-    body->append(reinterpret_cast<const char*>(&head), sizeof head);
-    *body += text;
-}
-
 std::string order_of(const std::vector<std::pair<char, std::string>>& elements) {
-    auto order = new_message<MSG_TYPE_SNDMAIL2>(1, 2);
-    put_field(order.subject, "a subject");
-    order.ah_idnr = 77;
-    order.dist = sizeof order;
-    order.entries = static_cast<int32_t>(elements.size());
-    std::string body(reinterpret_cast<const char*>(&order), sizeof order);
+    message_builder<MSG_TYPE_SNDMAIL2> order(1, 2);
+    put_field(order->subject, "a subject");
+    order->ah_idnr = 77;
+    order.begin_table(MSG_TYPE_SNDMAIL2::sub, elements.size());
     for (const auto& [type, text] : elements) {
-        add_element<MSG_TYPE_SDMAIL2X>(&body, type, ' ', text);
+        order.put_record(MSG_TYPE_SDMAIL2X{type, ' ', {}, static_cast<int32_t>(text.size())});
+        order.put(text);
     }
-    return body;
+    const auto bytes = order.bytes();
+    return {bytes.begin(), bytes.end()};
 }
 
 TEST(mail_elements, are_read_whole_or_not_at_all) {
