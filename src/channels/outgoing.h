@@ -7,6 +7,7 @@
 
 struct EX_PCX;
 
+// Texts are borrowed.
 struct message_route {
     int dst_ID = 0;  // of the channel; 0: the one named `dst_addr`
     const char* dst_addr = "";

@@ -53,8 +53,12 @@ bool blank_fixed_part(std::string_view name, void* record, size_t size);
 template <class Record>
 Record new_message(uint16_t mandant, uint32_t usridnr, int version = 1) {
     static_assert(std::is_trivially_copyable_v<Record> && offsetof(Record, header) == 0);
-    Record record;
-    blank_fixed_part(Record::catalogue_name, &record, sizeof record);
+    static const Record blank = [] {
+        Record image;
+        blank_fixed_part(Record::catalogue_name, &image, sizeof image);
+        return image;
+    }();
+    Record record = blank;
     CreateQxHeadm(&record.header, Record::catalogue_name, mandant, usridnr);
     set_message_version(&record.header, version);
     return record;

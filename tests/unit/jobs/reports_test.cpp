@@ -69,7 +69,7 @@ struct report_test : job_test {
     }
 
     void quit(int key, int block, int number = 0, const char* insert = "") {
-        auto record = new_message<MSG_TYPE_REP_QUIT>(client, number);
+        auto record = new_message<MSG_TYPE_REP_QUIT>(client, job_test::number);
         record.ah_idnr = key;
         record.rep_blk = block;
         record.msgnr = number;
