@@ -73,6 +73,11 @@ struct installed_agent {
     }
     std::string program() const { return folder / "bin/qxxjlnx"; }
     std::string ini() const { return folder / "bin/qxxjlnx.ini"; }
+    // What stands in the file of the log.
+    std::string log_text() const {
+        std::ifstream file(folder / "temp/QXXJxxx.l00");
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
     EX_PCX* init() {
         std::ofstream(ini()) << sections;
         init_logLock();

@@ -77,7 +77,7 @@ TEST_F(check_test, finds_nothing_failed_in_a_good_installation_and_changes_nothi
     EXPECT_EQ(result, 0) << said;
     EXPECT_EQ(said.find("FAILED"), std::string::npos) << said;
     for (const char* subject : {"settings", "safety", "message library", "job files", "reports", "backups", "resources",
-                                "log folder", "job messenger", "keys", "port", "server"}) {
+                                "log folder", "job messenger", "keys", "listener user", "port", "server"}) {
         EXPECT_NE(said.find(std::string("  ") + subject), std::string::npos) << subject << said;
     }
     EXPECT_FALSE(fs::exists(agent.folder / "temp"));
@@ -106,7 +106,9 @@ TEST_F(check_test, tells_each_thing_that_would_fail) {
           {"../res", "./qxxjlnx/below", "qxxjlnx' is no folder"},
           {"bindaddr=127.0.0.1", taken.c_str(), "Address already in use"},
           {cp.c_str(), dead.c_str(), "Connection refused"},
-          {"KeyStore=K.ini", "first_contact=no", "no server can log this agent on"}}) {
+          {"KeyStore=K.ini", "first_contact=no", "no server can log this agent on"},
+          {"KeyStore=K.ini", "[MISC]\nauthentication=PAM\n[PAM]\nlibname=./none.so",
+           "'./none.so' cannot be loaded"}}) {
         agent.sections = good;
         replace(one.what, one.with);
         const std::string said = run();
@@ -198,6 +200,16 @@ TEST(start_warnings, name_what_others_can_change_and_what_is_not_hardened) {
     agent.pcx->pcx_hardened = 0;
     ASSERT_EQ(start_warnings(agent.pcx).size(), 1u);
     EXPECT_NE(start_warnings(agent.pcx)[0].find("write hardened = yes"), std::string::npos);
+}
+
+TEST(start_warnings, stand_on_standard_error_and_in_the_log) {
+    installed_agent agent;
+    testing::internal::CaptureStderr();
+    ASSERT_NE(agent.init(), nullptr);
+    const std::string said = testing::internal::GetCapturedStderr();
+    for (const std::string& text : {said, agent.log_text()}) {
+        EXPECT_NE(text.find("warning: GLOBAL/hardened is off"), std::string::npos) << text;
+    }
 }
 
 TEST(encipher, gives_a_text_that_settings_read_back) {

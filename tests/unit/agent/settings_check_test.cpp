@@ -6,6 +6,7 @@
 
 #include "agent/setting_table.h"
 #include "agent_fixture.h"
+#include "base/profile.h"
 
 namespace {
 
@@ -98,6 +99,11 @@ TEST(settings_check, tells_each_name_that_nobody_knows_and_each_value_that_nobod
 
 TEST(settings_check, finds_nothing_in_the_sample) {
     EXPECT_EQ(settings_faults(QX_SOURCE_DIR "/share/qxxjlnx.ini").size(), 0u);
+    own_context own;
+    copy_text(own.pcx->IniFile, QX_SOURCE_DIR "/share/qxxjlnx.ini");
+    char limit[64];
+    m_getProfileString(own.pcx.get(), "MISC", "TraceFileSize", "0", limit, sizeof limit);
+    EXPECT_GT(settings_size_value(limit), 0) << "a trace that was forgotten fills no disk";
 }
 
 // On standard error and in the log, and the agent takes what it always took.
@@ -119,8 +125,7 @@ TEST(settings_check, tells_at_the_start_and_ends_it_for_what_protects) {
         EXPECT_EQ(agent.error.qx_msgnr, one.number);
         EXPECT_STREQ(agent.error.qx_msgInsert, one.insert);
         EXPECT_NE(said.find(agent.ini() + one.told), std::string::npos) << said;
-        std::ifstream file(agent.folder / "temp/QXXJxxx.l00");
-        const std::string log{std::istreambuf_iterator<char>(file), {}};
+        const std::string log = agent.log_text();
         EXPECT_NE(log.find(agent.ini() + one.told), std::string::npos) << log;
     }
 }
@@ -159,6 +164,12 @@ TEST(settings_check, no_line_of_the_ini_file_shows_a_secret) {
                                  {"STARTCMD", "Bourne-Shell", "run --password abc", "Bourne-Shell=run --password ***"}}) {
         EXPECT_EQ(clean_setting_line(one.section, one.key, one.value), one.shown);
     }
+    installed_agent agent;
+    agent.sections += "API_TOKEN=s3cret\n";
+    ASSERT_NE(agent.init(), nullptr);
+    LOG_IniFile(agent.pcx);
+    EXPECT_NE(agent.log_text().find("    API_TOKEN=***"), std::string::npos) << agent.log_text();
+    EXPECT_EQ(agent.log_text().find("s3cret"), std::string::npos) << agent.log_text();
 }
 
 }  // namespace
