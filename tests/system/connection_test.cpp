@@ -1,6 +1,7 @@
 // Search, ranking, loss and return of the server; bytes that do not belong.
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -131,11 +132,16 @@ TEST_F(connection, starts_a_new_listener_when_it_dies) {
     const std::string program = host.path("bin/qxxjlnx");
     ASSERT_EQ(rename(program.c_str(), (program + ".old").c_str()), 0);
     ASSERT_EQ(symlink("/bin/false", program.c_str()), 0);
+    host.agent.signal(SIGSTOP);  // it starts no other one yet
+    pollfd end{static_cast<int>(syscall(SYS_pidfd_open, first, 0)), POLLIN, 0};
     kill(first, SIGKILL);
+    EXPECT_EQ(poll(&end, 1, 10000), 1);
+    close(end.fd);
     // The port stays the agent's: a caller waits, and nobody else can have it.
     const int caller = connect_to_loopback(host.listener_port);
     EXPECT_GE(caller, 0);
     close(caller);
+    host.agent.signal(SIGCONT);
     ASSERT_TRUE(wait(20000, [&] {
         const pid_t now = host.listener_pid();
         return now > 1 && now != first && host.log().rfind("listening on port") > host.log().find("U02003059");

@@ -170,6 +170,8 @@ TEST_F(console_jobs, shows_on_a_terminal_how_much_of_a_report_has_come) {
 TEST_F(console_jobs, tells_its_version_and_wrong_numbers_in_a_line) {
     EXPECT_EQ(qxcp({"--version"}, false), 0);
     EXPECT_EQ(output, "qxcp 12.2.0+build.2108\n");
+    EXPECT_EQ(qxcp({"run", "--help"}, false), 0);
+    EXPECT_TRUE(says("Options of the server, with --here only")) << output;
     struct wrong {
         std::vector<std::string> arguments;
         const char* expected;

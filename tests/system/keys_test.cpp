@@ -86,7 +86,12 @@ TEST_F(keys, a_held_key_is_given_up_only_by_the_operators_word) {
     host.start();
     ASSERT_TRUE(agent_is_on("KEYED")) << output << host.log();
     const std::string first = event("key");
-    EXPECT_NE(first.find("fingerprint "), std::string::npos) << server.output();
+    ASSERT_EQ(qxcp({"agents", "--json"}), 0) << output;
+    const std::string fingerprint = nlohmann::json::parse(output).value("key", "");
+    EXPECT_EQ(fingerprint.size(), 39u) << output;
+    EXPECT_TRUE(first.ends_with("fingerprint " + fingerprint)) << first;
+    EXPECT_TRUE(host.log_has("its fingerprint is " + fingerprint))
+        << "both sides show the same: " << host.log();
     ASSERT_TRUE(host.stop());
 
     // The same name without a key: a stranger, or an agent that was installed anew.

@@ -19,6 +19,19 @@
 
 namespace {
 
+// The agent hears of its listener's end.
+void tell_end(EX_PCX* pcx, pid_t listener) {
+    ccm_msg_t* msg = ipc_record_alloc(pcx->ccm, ipc_sigchld, sizeof(ipcmsg_sigchld_t));
+    ipcmsg_sigchld_t end = {};
+    memcpy(&end, ccm_msg_body(msg), sizeof end);
+    end.pid = listener;
+    memcpy(ccm_msg_body(msg), &end, sizeof end);
+    msg->origin = CCM_FROM_SELF;
+    msg->type = CCM_MSG_IPC;
+    process_IPC_message(pcx, pcx->ccm, msg, ipc_function_list);
+    ccm_msg_free(pcx->ccm, msg);
+}
+
 struct watched : ::testing::Test {
     channel_context channels;
     EX_PCX* pcx = channels.pcx;
@@ -89,19 +102,11 @@ TEST_F(watched, time_in_which_the_agent_itself_stood_still_does_not_count) {
 }
 
 TEST_F(watched, its_end_is_followed_by_a_start_but_not_twice_in_a_second) {
-    ipcmsg_sigchld_t end = {};
     pcx->listener_alarm_time = alarm_now() + 25;
     for (const int counter : {1, 0}) {
         pcx->listener_pid = child;
         pcx->listener_start_counter = counter;
-        ccm_msg_t* msg = ipc_record_alloc(pcx->ccm, ipc_sigchld, sizeof end);
-        memcpy(&end, ccm_msg_body(msg), sizeof end);
-        end.pid = child;
-        memcpy(ccm_msg_body(msg), &end, sizeof end);
-        msg->origin = CCM_FROM_SELF;
-        msg->type = CCM_MSG_IPC;
-        process_IPC_message(pcx, pcx->ccm, msg, ipc_function_list);
-        ccm_msg_free(pcx->ccm, msg);
+        tell_end(pcx, child);
         EXPECT_EQ(pcx->listener_pid, 0);
         if (counter != 0) {
             EXPECT_GT(pcx->listener_alarm_time, alarm_now()) << "one that never was ready keeps the pause";
@@ -160,6 +165,9 @@ TEST_F(port_of_the_agent, stays_its_own_between_two_listeners) {
     EXPECT_GT(port, 0);
     EXPECT_EQ(pcx->ipPort, port) << "what the server is told";
     EXPECT_FALSE(can_bind(port));
+    pcx->listener_pid = 4711;
+    tell_end(pcx, 4711);
+    EXPECT_FALSE(can_bind(port)) << "not even for a moment";
     ASSERT_EQ(hold(0), 0);
     EXPECT_EQ(pcx->listener_port, port) << "a port that the system chose stays";
     EXPECT_EQ(call(port), 0) << "callers wait while no listener runs";

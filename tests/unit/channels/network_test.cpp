@@ -402,6 +402,14 @@ TEST_F(ccm_test, a_closing_channel_never_waits_for_its_partner) {
     EXPECT_LT(alarm_now_ms() - begin, 2000);
 }
 
+TEST_F(ccm_test, a_thread_with_nothing_to_do_sleeps) {
+    start();
+    ASSERT_EQ(ccm_network_sync(ccm, 5000), 0);
+    const unsigned long before = ccm->cycles.load();
+    poll(nullptr, 0, 2500);
+    EXPECT_LE(ccm->cycles.load() - before, 1U);
+}
+
 TEST_F(ccm_test, urgent_bytes_and_closed_descriptors_do_not_spin) {
     int id = 0;
     int bad_id = 0;

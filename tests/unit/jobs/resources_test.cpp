@@ -438,6 +438,10 @@ TEST_F(resource_test, a_directory_that_somebody_else_made_is_refused) {
     sent();
     EXPECT_EQ(give("own", version_1, 3, "x"), -1) << "whose owner can put another one in its place";
     EXPECT_EQ(first_sent().as<MSG_TYPE_QUITT>().msgnr, 2000247);
+    chmod((folder / "cache").c_str(), 01777);
+    activate(with_rows(7, {{"own", version_1, resource_task}}));
+    sent();
+    EXPECT_EQ(give("own", version_1, 7, "x"), 0) << "a folder on the way is moved as well";
 }
 
 TEST_F(resource_test, files_belong_to_the_jobs_user_and_under_hardened_to_the_agent) {
