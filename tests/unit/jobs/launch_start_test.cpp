@@ -329,8 +329,9 @@ TEST_F(Launch, WhatStrangersPutInTheWayIsMovedAway) {
             ASSERT_EQ(make(name->c_str()), 0);
             ASSERT_EQ(chown(name->c_str(), stranger, stranger), 0);
             testing::internal::CaptureStdout();
-            EXPECT_EQ(run("echo " + std::to_string(run_number)), 0);
+            const int result = run("echo " + std::to_string(run_number));
             const std::string log = testing::internal::GetCapturedStdout();
+            ASSERT_EQ(result, 0) << log;
             EXPECT_NE(log.find("'" + *name + "' was taken: a "), std::string::npos) << log;
             EXPECT_NE(log.find("(12345)"), std::string::npos) << log;
             EXPECT_EQ(read_text(report), std::to_string(run_number) + "\n");
