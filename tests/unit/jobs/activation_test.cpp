@@ -105,78 +105,60 @@ TEST_F(job_test, settings_fall_back_where_the_text_means_nothing) {
 
 // ---- Refusals ----
 
+using activation_order = message_builder<MSG_TYPE_EXAKTJ>;
+
 struct refusal {
     const char* what;
     const char* ini;
-    void (*change)(job_test* test, message_bytes* body);
+    void (*change)(job_test* test, activation_order& order);
     int number;
     bool file_goes;
 };
 
-template <class Field, class Value>
-void set_field(message_bytes* body, Field MSG_TYPE_EXAKTJ::*field, const Value& value) {
-    MSG_TYPE_EXAKTJ record;
-    memcpy(&record, body->data(), sizeof record);
-    if constexpr (std::is_array_v<Field>) {
-        put_text(record.*field, value);
-    } else {
-        record.*field = value;
-    }
-    memcpy(body->data(), &record, sizeof record);
-}
-
 TEST_F(job_test, an_activation_is_refused_by_number_and_leaves_nothing) {
     const refusal cases[] = {
-        {"upgrade", "", [](job_test* test, message_bytes*) { test->pcx->upgrade_ah_idnr = 1; }, 65, false},
+        {"upgrade", "", [](job_test* test, activation_order&) { test->pcx->upgrade_ah_idnr = 1; }, 65, false},
         {"unknown user", "",
-         [](job_test*, message_bytes* body) { set_field(body, &MSG_TYPE_EXAKTJ::logininfo, "no-such-user"); },
-         2001007, true},
+         [](job_test*, activation_order& order) { put_text(order->logininfo, "no-such-user"); }, 2001007,
+         true},
         {"a name that only begins like a user's", "",
-         [](job_test* test, message_bytes* body) {
-             set_field(body, &MSG_TYPE_EXAKTJ::logininfo,
-                       test->user + std::string(40, ' ').replace(39, 1, "x"));
+         [](job_test* test, activation_order& order) {
+             put_text(order->logininfo, test->user + std::string(40, ' ').replace(39, 1, "x"));
          },
          2001007, true},
-        {"user not allowed", "[GLOBAL]\nuserid_type=INCL\n", [](job_test*, message_bytes*) {}, 2000029, true},
-        {"number not allowed", "[USERID]\nroot=START\n[QX_USER]\n7=NO_START\n",
-         [](job_test*, message_bytes*) {}, 2000029, true},
-        {"run number 0", "[USERID]\nroot=START\n",
-         [](job_test*, message_bytes* body) { set_field(body, &MSG_TYPE_EXAKTJ::ah_idnr, 0); }, 2003026,
+        {"user not allowed", "[GLOBAL]\nuserid_type=INCL\n", [](job_test*, activation_order&) {}, 2000029,
          true},
+        {"number not allowed", "[USERID]\nroot=START\n[QX_USER]\n7=NO_START\n",
+         [](job_test*, activation_order&) {}, 2000029, true},
+        {"run number 0", "[USERID]\nroot=START\n",
+         [](job_test*, activation_order& order) { order->ah_idnr = 0; }, 2003026, true},
         {"a file elsewhere stays", "",
-         [](job_test* test, message_bytes* body) {
-             set_field(body, &MSG_TYPE_EXAKTJ::logininfo, "no-such-user");
-             set_field(body, &MSG_TYPE_EXAKTJ::jobfile, test->folder / "temp/../job1");
+         [](job_test* test, activation_order& order) {
+             put_text(order->logininfo, "no-such-user");
+             put_text(order->jobfile, test->folder / "temp/../job1");
          },
          2001007, true},
         {"resources", "[USERID]\nroot=START\n",
-         [](job_test* test, message_bytes* body) {
+         [](job_test* test, activation_order& order) {
              copy_text(test->pcx->pcx_res_dir, test->folder / "cache");
              MSG_TYPE_BINPATHS paths{};
              put_text(paths.task_cache_path, test->folder / "cache//task");
              put_text(paths.client_cache_path, test->folder / "cache/client");
-             set_field(body, &MSG_TYPE_EXAKTJ::binpaths_dist, static_cast<int32_t>(body->size()));
-             set_field(body, &MSG_TYPE_EXAKTJ::binpaths_entries, 1);
-             set_field(body, &MSG_TYPE_EXAKTJ::bintab_dist,
-                       static_cast<int32_t>(body->size() + sizeof paths));
-             set_field(body, &MSG_TYPE_EXAKTJ::bintab_entries, 1);
-             body->resize(body->size() + sizeof paths + sizeof(MSG_TYPE_BINTAB), ' ');
-             memcpy(body->data() + body->size() - sizeof paths - sizeof(MSG_TYPE_BINTAB), &paths,
-                    sizeof paths);
+             order.begin_table(MSG_TYPE_EXAKTJ::binpaths, 1);
+             order.put_record(paths);
+             order.begin_table(MSG_TYPE_EXAKTJ::bintab, 1);
+             order.put(std::string(sizeof(MSG_TYPE_BINTAB), ' '));
          },
          2000244, true},
         {"cache outside", "[USERID]\nroot=START\n",
-         [](job_test* test, message_bytes* body) {
+         [](job_test* test, activation_order& order) {
              copy_text(test->pcx->pcx_res_dir, test->folder / "cache");
              MSG_TYPE_BINPATHS paths{};
              put_text(paths.task_cache_path, test->folder / "cache/../../etc");
              put_text(paths.client_cache_path, "/etc");
-             set_field(body, &MSG_TYPE_EXAKTJ::binpaths_dist, static_cast<int32_t>(body->size()));
-             set_field(body, &MSG_TYPE_EXAKTJ::binpaths_entries, 1);
-             set_field(body, &MSG_TYPE_EXAKTJ::bintab_dist, static_cast<int32_t>(body->size()));
-             set_field(body, &MSG_TYPE_EXAKTJ::bintab_entries, 1);
-             const auto* at = reinterpret_cast<const unsigned char*>(&paths);
-             body->insert(body->end(), at, at + sizeof paths);
+             order.begin_table(MSG_TYPE_EXAKTJ::binpaths, 1);
+             order.begin_table(MSG_TYPE_EXAKTJ::bintab, 1);
+             order.put_record(paths);
          },
          2000241, true},
     };
@@ -186,9 +168,9 @@ TEST_F(job_test, an_activation_is_refused_by_number_and_leaves_nothing) {
         pcx->upgrade_ah_idnr = 0;
         write_text(job_file(1), "old");
         write_text(folder / "job1", "not the agent's");
-        message_bytes body = activation(1, "true\r\n");
-        row.change(this, &body);
-        activate(body);
+        activation_order order = activation_of(1, "true\r\n");
+        row.change(this, order);
+        activate(order.bytes());
         const auto messages = sent();
         ASSERT_EQ(messages.size(), 1u);
         EXPECT_EQ(messages[0].type(), "QUITT   ");
@@ -287,9 +269,9 @@ TEST_F(job_test, the_job_file_goes_with_the_acknowledged_good_end_or_with_job_de
 }
 
 TEST_F(job_test, a_start_that_cannot_work_leaves_nothing) {
-    message_bytes body = activation(1, "true\r\n");
-    set_field(&body, &MSG_TYPE_EXAKTJ::jobreport, folder / "no/such/folder/report");
-    activate(body);
+    activation_order order = activation_of(1, "true\r\n");
+    put_text(order->jobreport, folder / "no/such/folder/report");
+    activate(order.bytes());
     const auto messages = sent();
     ASSERT_EQ(messages.size(), 1u);
     EXPECT_EQ(messages[0].as<MSG_TYPE_QUITT>().msgnr, 2003041);
