@@ -9,7 +9,7 @@
 
 #include "agent/ipc_dispatch.h"
 #include "agent/listener_settings.h"
-#include "agent/network_watch.h"
+#include "agent/maintenance.h"
 #include "agent_fixture.h"
 #include "base/descriptor.h"
 #include "base/time.h"
@@ -254,11 +254,12 @@ TEST(handed_settings, are_taken_from_the_same_program_only) {
 TEST(network_thread, that_stands_still_ends_the_process) {
     channel_context channels;
     EX_PCX* pcx = channels.pcx;
+    pcx->running_mode = MODE_LISTENER;  // nothing else to look at
     pcx->ccm->thread_started.store(1);
     const auto passes = [&](int count, int seconds) {
         for (int at = 0; at < count; ++at) {
             alarm_clock_advance(seconds);
-            network_watch(pcx);
+            maintenance_common(pcx);
         }
     };
     for (int at = 0; at < 50; ++at) {

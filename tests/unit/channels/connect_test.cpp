@@ -221,6 +221,7 @@ TEST_F(ccm_test, listener_and_caller) {
     ccm_caller caller;
     ASSERT_EQ(ccm_channel_caller(ccm, id, &caller), 0);
     EXPECT_TRUE(caller.own_host);
+    EXPECT_EQ(caller.group, ccm_caller_group(caller.peer));
     EXPECT_EQ(image.flag & CH_FLAG_CONNECTING, CH_FLAG_CONNECTING);
     EXPECT_EQ(image.connect_timeout_secs, 60);
     // The time limit of a caller who says nothing.
