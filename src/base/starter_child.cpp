@@ -36,7 +36,7 @@ QX_SHARED_MEMORY long address(const void* pointer) {
     return reinterpret_cast<long>(pointer);
 }
 
-QX_SHARED_MEMORY [[noreturn]] void end(int code) {
+[[noreturn]] QX_SHARED_MEMORY void end(int code) {
     for (;;) {
         call(SYS_exit_group, code);
     }
@@ -70,7 +70,7 @@ QX_SHARED_MEMORY void write_line(const starter_text& line, long error_number) {
     }
 }
 
-QX_SHARED_MEMORY [[noreturn]] void fail(const starter_job& job, int step, long result) {
+[[noreturn]] QX_SHARED_MEMORY void fail(const starter_job& job, int step, long result) {
     // The exit code says what went wrong also when the line cannot be written.
     write_line(job.failures[step], -result);
     end(job.head.exit_codes[step]);

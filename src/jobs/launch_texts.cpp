@@ -97,7 +97,7 @@ void launch_load_texts(EX_PCX* pcx) {
         entry.text = text_with_markers(pcx, entry.number);
     }
     for (const failure_row& row : failure_rows) {
-        failure_lines[row.step] = launch_message_line(row.number, row.inserts) + "\n";
+        failure_lines[static_cast<size_t>(row.step)] = launch_message_line(row.number, row.inserts) + "\n";
     }
     loaded = true;
 }
