@@ -8,10 +8,10 @@
 #include <thread>
 #include <vector>
 
-#include "base/log.h"
 #include "channels/connect.h"
 #include "channels/messages.h"
 #include "channels/network_thread.h"
+#include "log/log.h"
 #include "messages/conversion.h"
 #include "messages/frame.h"
 

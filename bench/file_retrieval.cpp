@@ -1,5 +1,5 @@
 // The last 1,000 lines of a file of 10 GB, from opening to the text that is sent, beside `tail -n 1000`.
-#include "jobs/file_retrieval.h"
+#include "retrieval/file_retrieval.h"
 
 #include <fcntl.h>
 #include <spawn.h>

@@ -10,9 +10,9 @@
 #include <iterator>
 #include <string>
 
-#include "base/log.h"
 #include "base/text.h"
 #include "channels/messages.h"
+#include "log/log.h"
 #include "messages/conversion.h"
 
 namespace {

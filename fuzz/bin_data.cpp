@@ -13,7 +13,6 @@
 #include <string>
 
 #include "base/error.h"
-#include "base/log.h"
 #include "base/text.h"
 #include "channels/messages.h"
 #include "identity/accounts.h"
@@ -21,6 +20,7 @@
 #include "jobs/job_table.h"
 #include "jobs/resource_files.h"
 #include "jobs/resources.h"
+#include "log/log.h"
 #include "messages/conversion.h"
 #include "messages/records_report.h"
 

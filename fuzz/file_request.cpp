@@ -9,7 +9,7 @@
 #include "base/base64.h"
 #include "base/file_data.h"
 #include "fuzz_file.h"
-#include "jobs/file_retrieval.h"
+#include "retrieval/file_retrieval.h"
 
 namespace {
 

@@ -10,9 +10,9 @@
 #include <fstream>
 #include <string>
 
-#include "base/log.h"
 #include "base/profile.h"
 #include "fuzz_file.h"
+#include "log/log.h"
 
 namespace {
 

@@ -10,11 +10,11 @@
 #include <cstring>
 #include <vector>
 
-#include "base/log.h"
 #include "channels/connect.h"
 #include "channels/handshake.h"
 #include "channels/network_thread.h"
 #include "channels/policy.h"
+#include "log/log.h"
 #include "messages/conversion.h"
 #include "messages/frame.h"
 

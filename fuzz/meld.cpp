@@ -10,12 +10,12 @@
 #include <cstring>
 #include <string_view>
 
-#include "base/log.h"
 #include "channels/messages.h"
 #include "jobs/job_context.h"
 #include "jobs/job_table.h"
 #include "jobs/report_scan.h"
 #include "jobs/supervision.h"
+#include "log/log.h"
 #include "messages/conversion.h"
 #include "messages/records_meld.h"
 

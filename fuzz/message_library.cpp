@@ -5,8 +5,8 @@
 #include <cstring>
 #include <string>
 
-#include "base/log.h"
 #include "fuzz_file.h"
+#include "log/message_library.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // The first half are inserts, the second the library.

@@ -8,10 +8,10 @@
 #include <fstream>
 
 #include "agent_side.h"
-#include "jobs/reports.h"
 #include "messages/frame.h"
 #include "messages/records_report.h"
 #include "messages/view.h"
+#include "reports/reports.h"
 
 namespace {
 

@@ -8,8 +8,8 @@
 #include "base/base64.h"
 #include "base/text.h"
 #include "input.h"
-#include "jobs/file_retrieval.h"
 #include "messages/frame.h"
+#include "retrieval/file_retrieval.h"
 
 namespace {
 

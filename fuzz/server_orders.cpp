@@ -3,7 +3,7 @@
 #include <cstdlib>
 
 #include "agent_side.h"
-#include "base/trace.h"
+#include "log/trace.h"
 #include "security/key_store.h"
 
 namespace {

@@ -2,7 +2,7 @@
 
 #include <fmt/format.h>
 
-#include "base/log.h"
+#include "log/message_library.h"
 #include "security/key_reason.h"
 #include "security/key_store.h"
 

@@ -5,11 +5,11 @@
 #include <string>
 
 #include "base/context.h"
-#include "base/log.h"
 #include "base/text.h"
 #include "channels/connect.h"
 #include "channels/messages.h"
 #include "channels/replies.h"
+#include "log/log.h"
 #include "messages/records_server.h"
 #include "messages/view.h"
 #include "security/mechanism.h"

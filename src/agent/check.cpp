@@ -19,9 +19,9 @@
 #include "base/context.h"
 #include "base/descriptor.h"
 #include "base/files.h"
-#include "base/log.h"
 #include "base/paths.h"
 #include "base/text.h"
+#include "log/log.h"
 #include "security/key_reason.h"
 #include "security/key_store.h"
 

@@ -6,11 +6,11 @@
 
 #include "agent/server_connection.h"
 #include "base/context.h"
-#include "base/log.h"
 #include "base/text.h"
 #include "base/time.h"
 #include "channels/connect.h"
 #include "channels/network_thread.h"
+#include "log/log.h"
 #include "security/random.h"
 
 namespace {

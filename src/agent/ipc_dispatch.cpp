@@ -9,16 +9,16 @@
 #include "agent/server_connection.h"
 #include "agent/timers.h"
 #include "base/context.h"
-#include "base/log.h"
-#include "base/starter.h"
 #include "base/text.h"
 #include "base/time.h"
-#include "base/trace.h"
 #include "channels/line_budget.h"
 #include "channels/network_thread.h"
 #include "jobs/activation.h"
 #include "jobs/commands.h"
 #include "jobs/supervision.h"
+#include "launch/starter.h"
+#include "log/log.h"
+#include "log/trace.h"
 
 namespace {
 

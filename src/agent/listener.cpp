@@ -27,16 +27,16 @@
 #include "base/context.h"
 #include "base/descriptor.h"
 #include "base/locks.h"
-#include "base/log.h"
 #include "base/sanitizer.h"
 #include "base/text.h"
 #include "base/threads.h"
 #include "base/time.h"
-#include "base/trace.h"
 #include "channels/connect.h"
 #include "channels/ipc.h"
 #include "channels/network_thread.h"
 #include "channels/port_holder.h"
+#include "log/log.h"
+#include "log/trace.h"
 
 namespace {
 

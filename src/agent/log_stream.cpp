@@ -3,11 +3,11 @@
 #include <cstring>
 
 #include "base/context.h"
-#include "base/log.h"
 #include "base/text.h"
 #include "base/time.h"
 #include "channels/messages.h"
 #include "channels/outgoing.h"
+#include "log/log.h"
 #include "messages/records_server.h"
 #include "messages/timestamp.h"
 #include "messages/view.h"

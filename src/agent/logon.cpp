@@ -6,13 +6,13 @@
 
 #include "agent/system_variables.h"
 #include "base/context.h"
-#include "base/log.h"
 #include "base/paths.h"
 #include "base/text.h"
 #include "base/time.h"
 #include "channels/connect.h"
 #include "channels/messages.h"
 #include "channels/outgoing.h"
+#include "log/log.h"
 #include "messages/records_server.h"
 #include "messages/timestamp.h"
 

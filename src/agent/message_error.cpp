@@ -12,11 +12,11 @@
 #include "base/context.h"
 #include "base/files.h"
 #include "base/locks.h"
-#include "base/log.h"
 #include "base/text.h"
-#include "base/trace.h"
 #include "channels/ccm.h"
 #include "jobs/job_table.h"
+#include "log/log.h"
+#include "log/trace.h"
 #include "messages/conversion.h"
 
 namespace {

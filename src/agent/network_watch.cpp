@@ -6,9 +6,9 @@
 
 #include "agent/listener.h"
 #include "base/context.h"
-#include "base/log.h"
 #include "base/time.h"
 #include "channels/network_thread.h"
+#include "log/log.h"
 
 namespace {
 

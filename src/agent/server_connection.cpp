@@ -9,7 +9,6 @@
 
 #include "agent/logon.h"
 #include "base/context.h"
-#include "base/log.h"
 #include "base/text.h"
 #include "base/time.h"
 #include "channels/handshake.h"
@@ -18,6 +17,7 @@
 #include "channels/outgoing.h"
 #include "channels/replies.h"
 #include "channels/resolver.h"
+#include "log/log.h"
 #include "messages/frame.h"
 #include "messages/records_connection.h"
 #include "messages/records_server.h"

@@ -7,9 +7,9 @@
 #include "base/descriptor.h"
 #include "base/file_data.h"
 #include "base/files.h"
-#include "base/log.h"
 #include "base/profile.h"
 #include "base/text.h"
+#include "log/log.h"
 
 namespace {
 

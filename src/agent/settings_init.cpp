@@ -18,16 +18,16 @@
 #include "agent/unbuilt_modules.h"
 #include "base/context.h"
 #include "base/files.h"
-#include "base/log.h"
 #include "base/paths.h"
 #include "base/profile.h"
 #include "base/text.h"
-#include "base/trace.h"
-#include "jobs/commands.h"
 #include "jobs/activation.h"
-#include "jobs/file_retrieval.h"
-#include "jobs/reports.h"
+#include "jobs/commands.h"
+#include "log/log.h"
+#include "log/trace.h"
 #include "messages/conversion.h"
+#include "reports/reports.h"
+#include "retrieval/file_retrieval.h"
 
 #ifndef QX_CHANGELIST
 #define QX_CHANGELIST 1

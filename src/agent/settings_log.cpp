@@ -8,10 +8,10 @@
 #include "agent/system_variables.h"
 #include "base/context.h"
 #include "base/descriptor.h"
-#include "base/log.h"
 #include "base/profile.h"
 #include "base/text.h"
 #include "jobs/job_context.h"
+#include "log/log.h"
 
 namespace {
 

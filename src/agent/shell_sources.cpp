@@ -2,7 +2,7 @@
 
 #include "base/context.h"
 #include "jobs/job_table.h"
-#include "jobs/reports.h"
+#include "reports/reports.h"
 #include "services/agent_shell.h"
 
 namespace {

@@ -11,12 +11,12 @@
 #include "base/children.h"
 #include "base/context.h"
 #include "base/locks.h"
-#include "base/log.h"
-#include "base/log_output.h"
 #include "base/time.h"
 #include "channels/ipc.h"
 #include "channels/network_thread.h"
 #include "jobs/supervision.h"
+#include "log/log.h"
+#include "log/log_output.h"
 
 namespace {
 

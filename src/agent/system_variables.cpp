@@ -12,9 +12,9 @@
 #include <new>
 
 #include "base/context.h"
-#include "base/log.h"
 #include "base/memory.h"
 #include "base/text.h"
+#include "log/log.h"
 #include "services/mail.h"
 
 namespace {

@@ -7,8 +7,8 @@
 
 #include "base/text.h"
 #include "base/time.h"
-#include "base/trace.h"
 #include "channels/ipc.h"
+#include "log/trace.h"
 
 struct __timer {
     char eyec[8];  // "##TIMER#", no NUL

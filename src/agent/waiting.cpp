@@ -7,11 +7,11 @@
 #include "agent/server_connection.h"
 #include "agent/timers.h"
 #include "base/context.h"
-#include "base/log.h"
 #include "base/time.h"
 #include "channels/ccm.h"
-#include "jobs/file_retrieval.h"
 #include "jobs/job_table.h"
+#include "log/log.h"
+#include "retrieval/file_retrieval.h"
 
 namespace {
 

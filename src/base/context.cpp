@@ -1,30 +1,14 @@
 #include "base/context.h"
 
-#include "base/log.h"
 #include "base/profile.h"
-#include "base/trace.h"
 
 EX_PCX* GlbPcx = nullptr;
-
-namespace {
-
-void trace_text(const char* text, int length) {
-    if (GlbPcx != nullptr) {
-        ZUTRACE_Text(GlbPcx->trcHnd, text, length);
-    }
-}
-
-}  // namespace
 
 EX_PCX::EX_PCX()
     : getProfileString(m_getProfileString),
       getProfileBool(m_getProfileBool),
       getProfileInt(m_getProfileInt),
-      putProfileString(m_putProfileString),
-      LogMessage(::LogMessage),
-      LogText(::LogText),
-      TrcText(trace_text),
-      TrcTrace(_TraceTrace) {
+      putProfileString(m_putProfileString) {
     for (std::atomic<char>& level : trcFlgs) {
         level.store('0', std::memory_order_relaxed);
     }

@@ -80,9 +80,6 @@ using pcx_get_string = int (*)(EX_PCX* pcx, const char* section, const char* key
 using pcx_get_bool = bool (*)(EX_PCX* pcx, const char* section, const char* key, const char* preset);
 using pcx_get_int = int (*)(EX_PCX* pcx, const char* section, const char* key, const char* preset);
 using pcx_put_string = int (*)(EX_PCX* pcx, const char* section, const char* key, const char* value);
-using pcx_log_message = void (*)(int number, const char* inserts);
-using pcx_log_text = void (*)(const char* text, int length);
-using pcx_trace_dump = void (*)(const char* title, const void* address, int length);
 using pcx_var_exec = int (*)(EX_PCX* pcx, void* message, int row);
 
 // Filled before the network thread exists; afterwards only the main thread writes, except for the atomics.
@@ -162,11 +159,6 @@ struct EX_PCX {
     pcx_get_bool getProfileBool;
     pcx_get_int getProfileInt;
     pcx_put_string putProfileString;
-    pcx_log_message LogMessage;
-    pcx_log_text LogText;
-    pcx_log_text TrcText;
-    pcx_trace_dump TrcTrace;
-    pcx_trace_dump MemTrace = nullptr;
     pcx_var_exec VarExec = nullptr;
     void* pcx_msgctx = nullptr;
 

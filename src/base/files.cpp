@@ -15,7 +15,7 @@
 
 #include "base/descriptor.h"
 #include "base/locks.h"
-#include "base/trace.h"
+#include "base/notes.h"
 
 namespace {
 
@@ -100,7 +100,7 @@ int reported(int fd, const char* function, const char* path, qx7_error* error) {
         file_error(error, function, path, errno);
     }
     if (trc_on(TRC_FILE)) {
-        _TraceText("%s '%s' = %d", function, path, fd);
+        note_trace("%s '%s' = %d", function, path, fd);
     }
     return fd;
 }
@@ -155,7 +155,7 @@ FILE* FileFOpen(const char* path, const char* mode) {
     FILE* stream = FileFOpenNoTrace(path, mode);
     if (trc_on(TRC_FILE)) {
         const int kept = errno;
-        _TraceText("FileFOpen '%s' %s = %p", path, mode, static_cast<void*>(stream));
+        note_trace("FileFOpen '%s' %s = %p", path, mode, static_cast<void*>(stream));
         errno = kept;
     }
     return stream;

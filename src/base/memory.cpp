@@ -5,13 +5,13 @@
 #include <cstring>
 #include <utility>
 
-#include "base/trace.h"
+#include "base/notes.h"
 
 namespace {
 
 void trace_memory(const char* what, const void* area, size_t size, const char* label) {
     if (trc_on(TRC_MEMORY)) {
-        _TraceText("%s %p %zu %s", what, area, size, label == nullptr ? "" : label);
+        note_trace("%s %p %zu %s", what, area, size, label == nullptr ? "" : label);
     }
 }
 

@@ -14,12 +14,14 @@
 
 #include "base/descriptor.h"
 #include "base/locks.h"
-#include "base/log.h"
 #include "base/memory.h"
+#include "base/notes.h"
 #include "base/paths.h"
 #include "base/text.h"
 
 namespace {
+
+constexpr size_t longest_line = 2048;
 
 const char* kind_of(mode_t mode) {
     switch (mode & S_IFMT) {
@@ -45,9 +47,9 @@ bool may_be_moved(int directory, const struct stat& obstacle) {
 void put_aside(int directory, const struct stat& obstacle, const char* made, const char* path) {
     if (!S_ISREG(obstacle.st_mode) && !S_ISLNK(obstacle.st_mode)) {
         const moved_obstacle moved{path, made, obstacle.st_mode, obstacle.st_uid};
-        __PutLogText("%s", obstacle_line(moved, owner_name(moved.owner)).c_str());
+        note_text("%s", obstacle_line(moved, owner_name(moved.owner)).c_str());
     } else if (unlinkat(directory, made, 0) != 0) {
-        __PutLogText("'%.500s': the file that was there is called '%s' now and cannot be removed: %s",
+        note_text("'%.500s': the file that was there is called '%s' now and cannot be removed: %s",
                      printable(path).c_str(), made, strerror(errno));
     }
 }
@@ -113,7 +115,7 @@ moved_obstacle move_aside(const char* path) {
 }
 
 std::string obstacle_line(const moved_obstacle& moved, const std::string& owner) {
-    char line[log_line_size];
+    char line[longest_line];
     snprintf(line, sizeof line,
              "'%.500s' was taken: a %s of user '%s' (%u) stood there, and is called '%s' in that folder now.",
              printable(moved.path).c_str(), kind_of(moved.mode), owner.c_str(), static_cast<unsigned>(moved.owner),

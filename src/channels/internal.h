@@ -4,14 +4,14 @@
 #include <netinet/in.h>
 
 #include "base/context.h"
-#include "base/log.h"
 #include "base/memory.h"
 #include "base/text.h"
 #include "base/time.h"
-#include "base/trace.h"
 #include "channels/ipc_records.h"
 #include "channels/messages.h"
 #include "channels/network_thread.h"
+#include "log/log.h"
+#include "log/trace.h"
 
 // ---- locks: counted for each thread, so that a lock held over something slow is found at once
 // -----------------

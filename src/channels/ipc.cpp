@@ -7,12 +7,12 @@
 #include <cerrno>
 #include <cstring>
 
-#include "base/log_origin.h"
 #include "channels/connect.h"
 #include "channels/handshake.h"
 #include "channels/internal.h"
 #include "channels/line_budget.h"
 #include "channels/policy.h"
+#include "log/log_origin.h"
 #include "messages/frame.h"
 
 namespace {

@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "base/context.h"
-#include "base/log.h"
+#include "log/log.h"
 
 message_route to_sender(const ccm_msg_t* request) {
     const ccm_addr_t& from = request->addr;

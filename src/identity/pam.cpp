@@ -12,9 +12,9 @@
 #include <vector>
 
 #include "base/locks.h"
-#include "base/trace.h"
 #include "identity/accounts.h"
 #include "identity/password_check.h"
+#include "log/trace.h"
 
 pam_functions pam_calls = {};
 pam_settings pam_options = {};

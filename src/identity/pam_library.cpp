@@ -6,9 +6,9 @@
 #include <cstring>
 #include <string>
 
-#include "base/log.h"
 #include "base/text.h"
 #include "identity/pam.h"
+#include "log/log.h"
 
 namespace {
 

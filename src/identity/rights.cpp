@@ -8,7 +8,7 @@
 
 #include "base/context.h"
 #include "base/files.h"
-#include "base/log.h"
+#include "log/log.h"
 
 namespace {
 

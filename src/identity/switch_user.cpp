@@ -8,8 +8,8 @@
 
 #include "base/context.h"
 #include "base/text.h"
-#include "base/trace.h"
 #include "identity/accounts.h"
+#include "log/trace.h"
 
 namespace {
 

@@ -10,9 +10,9 @@
 
 #include "base/descriptor.h"
 #include "base/files.h"
-#include "base/trace.h"
 #include "identity/accounts.h"
 #include "identity/switch_user.h"
+#include "log/trace.h"
 
 namespace {
 

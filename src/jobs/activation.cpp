@@ -8,7 +8,6 @@
 #include "base/code_tables.h"
 #include "base/context.h"
 #include "base/error.h"
-#include "base/log.h"
 #include "base/memory.h"
 #include "base/text.h"
 #include "base/time.h"
@@ -22,6 +21,7 @@
 #include "jobs/launch.h"
 #include "jobs/process_info.h"
 #include "jobs/who_may_start.h"
+#include "log/log.h"
 #include "messages/records_job.h"
 #include "messages/view.h"
 

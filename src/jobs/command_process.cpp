@@ -11,7 +11,6 @@
 #include "base/context.h"
 #include "base/error.h"
 #include "base/files.h"
-#include "base/log.h"
 #include "base/text.h"
 #include "channels/outgoing.h"
 #include "channels/replies.h"
@@ -22,6 +21,7 @@
 #include "jobs/job_send.h"
 #include "jobs/launch_steps.h"
 #include "jobs/process_info.h"
+#include "log/log.h"
 #include "messages/records_job.h"
 #include "messages/records_server.h"
 

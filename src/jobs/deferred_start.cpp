@@ -1,10 +1,10 @@
 // Jobs that could not start when they came: they wait for resources, or for a process that the host has left.
 #include "base/context.h"
 #include "base/error.h"
-#include "base/log.h"
 #include "base/time.h"
 #include "jobs/activation.h"
 #include "jobs/job_table.h"
+#include "log/log.h"
 
 namespace {
 

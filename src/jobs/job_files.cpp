@@ -4,10 +4,10 @@
 #include <cstring>
 
 #include "base/context.h"
-#include "base/log.h"
 #include "base/paths.h"
 #include "identity/accounts.h"
 #include "identity/user_files.h"
+#include "log/log.h"
 
 namespace {
 

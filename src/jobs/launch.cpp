@@ -9,14 +9,14 @@
 
 #include "base/context.h"
 #include "base/files.h"
-#include "base/log.h"
 #include "base/paths.h"
 #include "base/text.h"
-#include "base/trace.h"
 #include "identity/user_files.h"
 #include "jobs/job_area.h"
 #include "jobs/job_context.h"
 #include "jobs/launch_steps.h"
+#include "log/log.h"
+#include "log/trace.h"
 
 namespace {
 

@@ -14,12 +14,12 @@
 
 #include "base/context.h"
 #include "base/files.h"
-#include "base/log.h"
 #include "base/time.h"
-#include "base/trace.h"
 #include "jobs/job_area.h"
 #include "jobs/job_context.h"
 #include "jobs/launch_steps.h"
+#include "log/log.h"
+#include "log/trace.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 #include <iterator>
 
 #include "base/context.h"
-#include "base/trace.h"
 #include "jobs/launch_steps.h"
+#include "log/trace.h"
 
 namespace {
 

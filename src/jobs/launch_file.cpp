@@ -4,7 +4,6 @@
 #include "base/code_tables.h"
 #include "base/context.h"
 #include "base/files.h"
-#include "base/log.h"
 #include "base/obstacles.h"
 #include "base/paths.h"
 #include "base/text.h"
@@ -12,6 +11,7 @@
 #include "identity/user_files.h"
 #include "jobs/job_files.h"
 #include "jobs/launch_steps.h"
+#include "log/log.h"
 
 namespace {
 

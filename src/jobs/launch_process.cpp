@@ -9,11 +9,11 @@
 #include "base/context.h"
 #include "base/files.h"
 #include "base/locks.h"
-#include "base/log.h"
-#include "base/starter.h"
 #include "jobs/job_area.h"
 #include "jobs/job_context.h"
 #include "jobs/launch_steps.h"
+#include "launch/starter.h"
+#include "log/log.h"
 
 namespace {
 

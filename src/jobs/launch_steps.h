@@ -7,8 +7,8 @@
 #include <string>
 #include <string_view>
 
-#include "base/starter.h"
 #include "jobs/launch.h"
+#include "launch/starter.h"
 
 // ---- Shell
 // -----------------------------------------------------------------------------------------------------

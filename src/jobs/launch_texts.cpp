@@ -4,11 +4,11 @@
 
 #include "base/context.h"
 #include "base/files.h"
-#include "base/log.h"
 #include "base/time.h"
 #include "jobs/job_area.h"
 #include "jobs/job_context.h"
 #include "jobs/launch_steps.h"
+#include "log/log.h"
 
 namespace {
 

@@ -8,7 +8,6 @@
 #include <optional>
 
 #include "base/context.h"
-#include "base/log.h"
 #include "base/text.h"
 #include "base/time.h"
 #include "channels/ipc.h"
@@ -22,6 +21,7 @@
 #include "jobs/process_info.h"
 #include "jobs/report_scan.h"
 #include "jobs/supervision.h"
+#include "log/log.h"
 #include "messages/records_meld.h"
 #include "messages/records_server.h"
 

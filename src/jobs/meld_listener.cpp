@@ -15,12 +15,12 @@
 
 #include "base/context.h"
 #include "base/descriptor.h"
-#include "base/log.h"
 #include "channels/connect.h"
 #include "channels/ipc.h"
 #include "channels/ipc_records.h"
 #include "jobs/meld.h"
 #include "jobs/supervision.h"
+#include "log/log.h"
 
 namespace {
 

@@ -16,12 +16,12 @@
 #include "base/children.h"
 #include "base/context.h"
 #include "base/descriptor.h"
-#include "base/log.h"
 #include "base/time.h"
 #include "identity/accounts.h"
 #include "jobs/job_context.h"
 #include "jobs/job_table.h"
 #include "jobs/process_group.h"
+#include "log/log.h"
 
 namespace {
 

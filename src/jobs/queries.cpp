@@ -8,7 +8,6 @@
 
 #include "base/context.h"
 #include "base/error.h"
-#include "base/log.h"
 #include "base/text.h"
 #include "base/time.h"
 #include "identity/accounts.h"
@@ -22,6 +21,7 @@
 #include "jobs/process_info.h"
 #include "jobs/report_scan.h"
 #include "jobs/supervision.h"
+#include "log/log.h"
 #include "messages/records_job.h"
 #include "messages/view.h"
 

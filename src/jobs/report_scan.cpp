@@ -12,12 +12,12 @@
 
 #include "base/descriptor.h"
 #include "base/error.h"
-#include "base/log.h"
 #include "base/time.h"
 #include "identity/accounts.h"
 #include "identity/user_files.h"
 #include "jobs/job_table.h"
 #include "jobs/job_time.h"
+#include "log/log.h"
 
 namespace {
 

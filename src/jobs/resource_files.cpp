@@ -14,7 +14,6 @@
 #include "base/descriptor.h"
 #include "base/error.h"
 #include "base/locks.h"
-#include "base/log.h"
 #include "base/obstacles.h"
 #include "base/paths.h"
 #include "base/text.h"
@@ -22,6 +21,7 @@
 #include "identity/user_files.h"
 #include "jobs/job_area.h"
 #include "jobs/job_table.h"
+#include "log/log.h"
 
 namespace {
 

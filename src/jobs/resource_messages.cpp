@@ -5,7 +5,6 @@
 
 #include "base/context.h"
 #include "base/error.h"
-#include "base/log.h"
 #include "base/text.h"
 #include "channels/messages.h"
 #include "channels/outgoing.h"
@@ -15,6 +14,7 @@
 #include "jobs/job_table.h"
 #include "jobs/resource_files.h"
 #include "jobs/resources.h"
+#include "log/log.h"
 #include "messages/records_report.h"
 #include "messages/timestamp.h"
 

@@ -7,13 +7,13 @@
 
 #include "base/context.h"
 #include "base/error.h"
-#include "base/log.h"
 #include "base/paths.h"
 #include "identity/accounts.h"
 #include "jobs/activation.h"
 #include "jobs/job_context.h"
 #include "jobs/job_table.h"
 #include "jobs/resource_files.h"
+#include "log/log.h"
 #include "messages/records_job.h"
 #include "messages/timestamp.h"
 

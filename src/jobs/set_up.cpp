@@ -5,7 +5,6 @@
 
 #include "base/context.h"
 #include "base/error.h"
-#include "base/log.h"
 #include "base/text.h"
 #include "base/time.h"
 #include "identity/pam.h"
@@ -16,6 +15,7 @@
 #include "jobs/process_info.h"
 #include "jobs/supervision.h"
 #include "jobs/who_may_start.h"
+#include "log/log.h"
 
 namespace {
 

@@ -3,11 +3,11 @@
 
 #include "base/context.h"
 #include "base/error.h"
-#include "base/log.h"
 #include "jobs/activation.h"
 #include "jobs/job_send.h"
 #include "jobs/process_info.h"
 #include "jobs/supervision.h"
+#include "log/log.h"
 #include "messages/records_job.h"
 
 namespace {

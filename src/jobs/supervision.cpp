@@ -9,7 +9,6 @@
 
 #include "base/context.h"
 #include "base/error.h"
-#include "base/log.h"
 #include "base/time.h"
 #include "jobs/activation.h"
 #include "jobs/job_context.h"
@@ -18,6 +17,7 @@
 #include "jobs/process_group.h"
 #include "jobs/process_info.h"
 #include "jobs/report_scan.h"
+#include "log/log.h"
 
 namespace {
 

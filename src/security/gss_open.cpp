@@ -7,8 +7,8 @@
 #include "base/context.h"
 #include "base/descriptor.h"
 #include "base/files.h"
-#include "base/log.h"
 #include "base/paths.h"
+#include "log/log.h"
 #include "security/key_store.h"
 #include "security/random.h"
 

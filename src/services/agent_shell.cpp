@@ -9,10 +9,10 @@
 #include "base/context.h"
 #include "base/descriptor.h"
 #include "base/files.h"
-#include "base/log.h"
 #include "base/text.h"
 #include "identity/accounts.h"
 #include "identity/own_place.h"
+#include "log/log.h"
 #include "services/agent_shell_commands.h"
 
 namespace {

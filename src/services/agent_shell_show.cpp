@@ -10,7 +10,7 @@
 #include "base/context.h"
 #include "base/descriptor.h"
 #include "base/text.h"
-#include "base/trace.h"
+#include "log/trace.h"
 #include "services/agent_shell.h"
 #include "services/agent_shell_commands.h"
 

@@ -15,12 +15,12 @@
 
 #include "base/context.h"
 #include "base/executor_var.h"
-#include "base/log.h"
 #include "base/text.h"
 #include "base/threads.h"
 #include "channels/messages.h"
 #include "channels/outgoing.h"
 #include "channels/replies.h"
+#include "log/log.h"
 #include "messages/view.h"
 #include "security/string_cipher.h"
 #include "services/mail_header.h"

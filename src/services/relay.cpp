@@ -16,7 +16,7 @@
 #include "base/base64.h"
 #include "base/memory.h"
 #include "base/text.h"
-#include "base/trace.h"
+#include "log/trace.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 
 #include "base/base64.h"
 #include "base/text.h"
-#include "jobs/file_retrieval_request.h"
+#include "retrieval/file_retrieval_request.h"
 
 struct file_wish {
     std::string key = "K1";

@@ -2,7 +2,7 @@
 
 #include "agent/listener.h"
 #include "agent_fixture.h"
-#include "base/trace.h"
+#include "log/trace.h"
 #include "messages/conversion.h"
 #include "messages/records_server.h"
 #include "messages/view.h"

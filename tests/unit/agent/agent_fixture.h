@@ -16,9 +16,9 @@
 #include "agent/shutdown.h"
 #include "base/context.h"
 #include "base/locks.h"
-#include "base/log.h"
-#include "base/trace.h"
 #include "channels/messages.h"
+#include "log/log.h"
+#include "log/trace.h"
 #include "own_context.h"
 
 // Log lines of this test, number and inserts.

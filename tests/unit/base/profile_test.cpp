@@ -8,7 +8,6 @@
 #include <csignal>
 #include <cstring>
 
-#include "base/log.h"
 #include "scratch.h"
 
 namespace {
@@ -18,10 +17,7 @@ std::string value_of(const std::string& file, const char* section, const char* k
     return GetProfileString(file.c_str(), section, key, preset);
 }
 
-// Log lines of the calls are not wanted on the test's output.
 struct ProfileTest : ::testing::Test {
-    void SetUp() override { __log_set_logger(log_dummy); }
-    void TearDown() override { __log_set_logger(nullptr); }
     scratch dir;
 };
 

@@ -8,8 +8,8 @@
 #include <algorithm>
 #include <cstring>
 
-#include "base/log.h"
 #include "base/time.h"
+#include "log/log.h"
 #include "loopback.h"
 #include "messages/conversion.h"
 #include "messages/head.h"

@@ -4,10 +4,10 @@
 #include <thread>
 #include <utility>
 
-#include "base/log.h"
 #include "base/time.h"
 #include "channels/internal.h"
 #include "fixture.h"
+#include "log/log.h"
 #include "security/key_exchange.h"
 #include "security/key_store.h"
 

@@ -6,12 +6,12 @@
 
 #include <cstring>
 
-#include "base/log.h"
-#include "base/log_origin.h"
 #include "base/text.h"
 #include "base/time.h"
 #include "channels/internal.h"
 #include "fixture.h"
+#include "log/log.h"
+#include "log/log_origin.h"
 
 namespace {
 

@@ -112,7 +112,7 @@ TEST_F(command_test, rows_are_limited) {
         {10, 10, 40, true}, {10, 11, 40, true}, {10, 9, 36, false}, {1, 5, 4, true}, {0, 5, 0, true}};
     int run = 20;
     for (const row_case& rows : cases) {
-        job_test_log.clear();
+        module_test_log.clear();
         request(++run, "yes 12 | head -" + std::to_string(rows.written), rows.wanted);
         finish();
         EXPECT_EQ(output_of(first_sent()).size(), rows.bytes) << rows.written;

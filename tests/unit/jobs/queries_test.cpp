@@ -124,7 +124,7 @@ TEST_F(queries_test, a_cancelled_job_ends_with_the_last_process_of_its_group) {
     EXPECT_EQ(first_sent().as<MSG_TYPE_EXSTAJ>().status, 'R');
     query(1, {});
     EXPECT_EQ(answer(), "OK 0 ");
-    EXPECT_EQ(job_test_log.back().inserts, "1|100|RUNNING|");
+    EXPECT_EQ(module_test_log.back().inserts, "1|100|RUNNING|");
 
     copy_text(job_context()->KillSignal, "KILL");
     cancel(1);
@@ -274,7 +274,7 @@ TEST_F(queries_test, a_known_job_is_told_running_ended_or_waiting) {
     query(1, {});
     EXPECT_EQ(answer(), "OK 0 ");
     EXPECT_EQ(job->JP_RstInfo, ' ') << "a server without the record gets it again";
-    EXPECT_EQ(job_test_log.back().inserts, "1|100|RUNNING|");
+    EXPECT_EQ(module_test_log.back().inserts, "1|100|RUNNING|");
     kill(-static_cast<pid_t>(job->fork_pid), SIGKILL);
     end_child(job);
     const int count = job->sta_cnt;

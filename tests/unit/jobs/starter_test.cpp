@@ -1,5 +1,5 @@
 // The starter: this program, executed anew, is one.
-#include "base/starter.h"
+#include "launch/starter.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -12,11 +12,11 @@
 
 #include "base/children.h"
 #include "base/sanitizer.h"
-#include "base/starter_record.h"
 #include "base/time.h"
 #include "jobs/job_area.h"
 #include "jobs/job_context.h"
 #include "jobs/launch_steps.h"
+#include "launch/starter_record.h"
 #include "own_context.h"
 
 namespace {

@@ -9,9 +9,9 @@
 #include <csignal>
 #include <cstring>
 
-#include "base/log.h"
-#include "base/trace.h"
 #include "channels/messages.h"
+#include "log/log.h"
+#include "log/trace.h"
 #include "messages/conversion.h"
 #include "messages/frame.h"
 #include "messages/records_report.h"
