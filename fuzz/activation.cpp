@@ -10,6 +10,7 @@
 #include "jobs/job_context.h"
 #include "jobs/job_table.h"
 #include "jobs/supervision.h"
+#include "launch/launch_settings.h"
 #include "messages/records_common.h"
 
 namespace {
@@ -66,7 +67,7 @@ constexpr uint8_t end_process = order_count + 1;  // not a message: the process 
 void set_up(uint8_t choice) {
     EX_PCX& pcx = fuzz_agent();
     JPPCX* jobs = job_context();
-    jobs->JobStartType = "FVBF"[choice & 3];
+    launch_context()->JobStartType = "FVBF"[choice & 3];
     sandbox().next_process = (choice & 4) != 0 ? 0 : process_of_nobody;
     pcx.pcx_JobPwCheck = (choice & 8) != 0 ? 1 : 0;
     pcx.pcx_hardened = (choice & 16) != 0 ? 1 : 0;

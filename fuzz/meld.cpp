@@ -11,10 +11,10 @@
 #include <string_view>
 
 #include "channels/messages.h"
-#include "jobs/job_context.h"
 #include "jobs/job_table.h"
 #include "jobs/report_scan.h"
 #include "jobs/supervision.h"
+#include "launch/launch_settings.h"
 #include "log/log.h"
 #include "messages/conversion.h"
 #include "messages/records_meld.h"
@@ -45,7 +45,7 @@ EX_PCX& context() {
 }
 
 JP_AREA* make_job(unsigned choice) {
-    job_context()->JobStartType = "FVB"[choice % 3];
+    launch_context()->JobStartType = "FVB"[choice % 3];
     JP_AREA* job = Create_JEntry(run_number, client);
     job->JP_status = "WRCKEAV"[choice / 3 % 7];
     job->jp_uid = geteuid();

@@ -11,6 +11,7 @@
 #include "base/profile.h"
 #include "base/text.h"
 #include "jobs/job_context.h"
+#include "launch/launch_settings.h"
 #include "log/log.h"
 
 namespace {
@@ -71,7 +72,7 @@ void LOG_Varex(EX_PCX* pcx) {
 }
 
 void LOG_Jpex(EX_PCX*) {
-    const JPPCX* jobs = job_context();
+    const launch_settings* launch = launch_context();
     __PutLogText("Jobs: start type '%c', report mode %.4o, job file mode %.4o, messenger '%s'",
-                 jobs->JobStartType, jobs->FileReportMode, jobs->JobFileMode, jobs->meldName.c_str());
+                 launch->JobStartType, launch->FileReportMode, launch->JobFileMode, job_context()->meldName.c_str());
 }

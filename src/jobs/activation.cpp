@@ -15,12 +15,13 @@
 #include "identity/pam.h"
 #include "identity/password_check.h"
 #include "jobs/job_context.h"
-#include "jobs/job_files.h"
 #include "jobs/job_table.h"
 #include "jobs/job_time.h"
-#include "jobs/launch.h"
 #include "jobs/process_info.h"
 #include "jobs/who_may_start.h"
+#include "launch/job_files.h"
+#include "launch/launch.h"
+#include "launch/launch_settings.h"
 #include "log/log.h"
 #include "messages/records_job.h"
 #include "messages/view.h"
@@ -61,6 +62,14 @@ void read_activation(EX_PCX* pcx, message_view view, activation* order) {
     order->order.name = get_text(record.name);
     order->order.rest = view_text(view, record.rest_dist, record.rest_len);
     order->order.jcl = view_text(view, record.jcl_dist, record.jcl_len);
+}
+
+// What the entry knows and the message does not.
+void complete_order(const JP_AREA* job, launch_order* order) {
+    order->run = job->JP_jobNr;
+    order->client = job->JP_Mandant;
+    order->code_table = job->cCodeTab;
+    order->head_lines = job->JP_jobNr == 0 ? std::string() : job_report_head(job);
 }
 
 // What the steps of one activation hand on.
@@ -253,7 +262,7 @@ void copy_order(JP_AREA* job, const activation& order, const my_passwd_unlimited
 // Another entry under this process id is stale: the number was given anew. What the server has acknowledged
 // goes; what it has not heard yet stays, without the id.
 void push_out_stale(EX_PCX* pcx, const JP_AREA* job, uint32_t pid) {
-    if (job_context()->JobStartType == job_start_batch) {
+    if (launch_context()->JobStartType == job_start_batch) {
         return;
     }
     while (JP_AREA* stale = job_table_find_pid(pid, job)) {
@@ -281,7 +290,7 @@ void take_process(EX_PCX* pcx, JP_AREA* job, const launch_started& started) {
     job->jobstart = 0;
     // For all start types: one whose script never reaches the messenger would not be looked at again.
     job->JP_alrmTime = alarm_now() + pcx->Per_JobCheck;
-    if (job_context()->JobStartType == job_start_fork) {
+    if (launch_context()->JobStartType == job_start_fork) {
         job->JP_sTime = job->JP_cTime;
         job->JP_sTime_t = job->JP_cTime_t;
     }
@@ -298,7 +307,7 @@ message_builder<MSG_TYPE_EXAKTJQU> build_exaktjqu(const JP_AREA* job) {
 // The second line is what other lines of the log, and ps, are brought together with.
 void log_start(const JP_AREA* job) {
     __log(number_started, "%s|%i|", job->JP_oName, job->JP_jobNr);
-    const bool batch = job_context()->JobStartType == job_start_batch;
+    const bool batch = launch_context()->JobStartType == job_start_batch;
     __PutLogText("Job %d of client %u: user '%s', process %s %u, report '%s'", job->JP_jobNr, job->JP_Mandant,
                  printable(job->JP_user).c_str(), batch ? "group" : "id",
                  batch ? static_cast<unsigned>(job->jp_group) : job->fork_pid, printable(job->JP_jReport).c_str());
@@ -309,7 +318,7 @@ int acknowledge_start(activation_run* run) {
     JP_AREA* job = run->job;
     auto started = build_exaktjqu(job);
     started.fill_to(restart_area_offset);
-    if (job_context()->JobStartType == job_start_fork) {
+    if (launch_context()->JobStartType == job_start_fork) {
         started.add(MSG_TYPE_EXAKTJQU::restartinfo,
                     CreateJobRstrtInfo(job, job->jp_userName, job_server_reachable(pcx), true));
     }
@@ -374,8 +383,9 @@ int fail_start(activation_run* run, const qx7_error& error) {
 int start_and_answer(activation_run* run) {
     qx7_error error;
     launch_started process;
+    complete_order(run->job, &run->order.order);
     const launch_result started =
-        start_job(run->pcx, run->order.order, *run->passwd, run->pam, run->job, &process, &error);
+        start_job(run->pcx, run->order.order, *run->passwd, run->pam, &process, &error);
     if (started == LAUNCH_STARTED) {
         PamEndAfterStart(run->pam);  // tickets and credentials stay with the job
         run->pam = nullptr;
@@ -456,7 +466,8 @@ int Start_Ex_Aktj(EX_PCX* pcx, JP_AREA* job) {
     }
     qx7_error error;
     launch_started process;
-    const launch_result started = start_job(pcx, order.order, *job->passwd, pam, job, &process, &error);
+    complete_order(job, &order.order);
+    const launch_result started = start_job(pcx, order.order, *job->passwd, pam, &process, &error);
     if (started == LAUNCH_STARTED) {
         PamEndAfterStart(pam);
         job_time_now(&job->JP_cTime_t, &job->JP_cTime);

@@ -34,6 +34,9 @@ void job_try_deferred_start(EX_PCX* pcx, JP_AREA* job);
 // Starts a job that waited for resources once none is missing. The entry may be gone afterwards.
 void StartJobWhenPossible(EX_PCX* pcx, JP_AREA* job);
 
+// What the report of `job` tells of its resources ahead of all output.
+std::string job_report_head(const JP_AREA* job);
+
 // The restart record of `job`: empty while JP_RstInfo says that it went out, else 1336 bytes and the names.
 // Marks it as sent when `server_reachable`. `fresh_child`: read the child's own stat file only.
 std::vector<unsigned char> CreateJobRstrtInfo(JP_AREA* job, const char* userName, bool server_reachable,

@@ -17,10 +17,10 @@
 #include "identity/accounts.h"
 #include "identity/user_files.h"
 #include "jobs/commands.h"
-#include "jobs/job_files.h"
 #include "jobs/job_send.h"
-#include "jobs/launch_steps.h"
 #include "jobs/process_info.h"
+#include "launch/job_files.h"
+#include "launch/launch_steps.h"
 #include "log/log.h"
 #include "messages/records_job.h"
 #include "messages/records_server.h"
@@ -183,7 +183,7 @@ pid_t exCommandStart(EX_PCX* pcx, Cmd_Area* entry, const my_passwd_unlimited& pa
                      pam_handle_t* pamHandle) {
     qx_error_clear(error);
     JOB_START_VAR startVar = make_start(*entry, passwd);
-    const mode_t mode = job_context()->FileReportMode | output_owner_bits;
+    const mode_t mode = launch_context()->FileReportMode | output_owner_bits;
     if (launch_make_report(&startVar, mode, passwd, error) != 0) {
         return -1;
     }

@@ -15,10 +15,11 @@
 #include "identity/password_check.h"
 #include "jobs/job_send.h"
 #include "jobs/job_time.h"
-#include "jobs/launch.h"
 #include "jobs/process_info.h"
 #include "jobs/supervision.h"
 #include "jobs/who_may_start.h"
+#include "launch/launch.h"
+#include "launch/launch_settings.h"
 #include "log/log.h"
 #include "messages/records_job.h"
 #include "messages/view.h"
@@ -178,7 +179,7 @@ int check_password(request_run* run) {
 
 // Without the signal nobody tells of an end: as long as there are commands, each second is looked.
 bool must_look() {
-    return job_context()->Fl_Sigchld == 0 && !the_commands.cmd_firstCMDA.empty();
+    return launch_context()->Fl_Sigchld == 0 && !the_commands.cmd_firstCMDA.empty();
 }
 
 void set_alarm(EX_PCX* pcx) {

@@ -21,6 +21,7 @@
 #include "jobs/process_info.h"
 #include "jobs/report_scan.h"
 #include "jobs/supervision.h"
+#include "launch/launch_settings.h"
 #include "log/log.h"
 #include "messages/records_meld.h"
 #include "messages/records_server.h"
@@ -154,7 +155,7 @@ void take_report(EX_PCX* pcx, JP_AREA* job, const JP_EXMLDJ& record) {
     job->retCode = record.retCode;
     if (job->JP_sTime_t == 0) {
         take_time(record.sTime, &job->JP_sTime_t, &job->JP_sTime);
-        if (job_context()->JobStartType != job_start_fork) {
+        if (launch_context()->JobStartType != job_start_fork) {
             job->JP_alrmTime = alarm_now() + pcx->Per_JobCheck;
         }
     }

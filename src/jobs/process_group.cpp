@@ -8,9 +8,9 @@
 #include <climits>
 #include <vector>
 
-#include "jobs/job_context.h"
 #include "jobs/job_table.h"
 #include "jobs/process_info.h"
+#include "launch/launch_settings.h"
 
 namespace {
 
@@ -20,7 +20,7 @@ bool has_ended(const procArea_t& process) {
 
 // The group that belongs to the job by itself: its process leads it, or the agent gave it to the start command.
 pid_t own_group(const JP_AREA* job) {
-    return job_context()->JobStartType == job_start_batch ? job->jp_group : static_cast<pid_t>(job->fork_pid);
+    return launch_context()->JobStartType == job_start_batch ? job->jp_group : static_cast<pid_t>(job->fork_pid);
 }
 
 // Groups that a batch system made: only what cannot be anybody else's may be signalled.
@@ -61,7 +61,7 @@ bool job_group_survives(const JP_AREA* job) {
 
 pid_t job_signal_target(const JP_AREA* job, pid_t pid) {
     const pid_t own = own_group(job);
-    if (job_context()->JobStartType != job_start_batch) {
+    if (launch_context()->JobStartType != job_start_batch) {
         return -own;
     }
     const pid_t group = pid == own ? own : getpgid(pid);

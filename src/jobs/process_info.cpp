@@ -18,9 +18,9 @@
 #include "base/descriptor.h"
 #include "base/time.h"
 #include "identity/accounts.h"
-#include "jobs/job_context.h"
 #include "jobs/job_table.h"
 #include "jobs/process_group.h"
+#include "launch/launch_settings.h"
 #include "log/log.h"
 
 namespace {
@@ -221,7 +221,7 @@ process_found look_at(const JP_AREA* job, pid_t pid, procArea_t* process) {
         return PROCESS_GONE;
     }
     // Under batch start the id was told by the job: it counts only for a process of the job's user.
-    if (job_context()->JobStartType == job_start_batch && job->jp_uid != static_cast<uid_t>(-1) &&
+    if (launch_context()->JobStartType == job_start_batch && job->jp_uid != static_cast<uid_t>(-1) &&
         process_owner(pid) != job->jp_uid) {
         return PROCESS_FOREIGN;
     }
@@ -326,7 +326,7 @@ uid_t process_owner(pid_t pid) {
 }
 
 pid_t SetCheckPid(const JP_AREA* job) {
-    return job_context()->JobStartType == job_start_batch ? job->m_ppid : static_cast<pid_t>(job->fork_pid);
+    return launch_context()->JobStartType == job_start_batch ? job->m_ppid : static_cast<pid_t>(job->fork_pid);
 }
 
 pid_t CheckProzessId(const JP_AREA* job) {

@@ -17,6 +17,7 @@
 #include "jobs/process_group.h"
 #include "jobs/process_info.h"
 #include "jobs/report_scan.h"
+#include "launch/launch_settings.h"
 #include "log/log.h"
 
 namespace {
@@ -110,7 +111,7 @@ bool wait_for_sigchld(JP_AREA* job) {
 void decide_by_report(JP_AREA* job) {
     qx7_error error;
     if (ReadReport(job, &error) == -1) {
-        if (job_context()->JobStartType == job_start_batch && job->m_ppid == 0) {
+        if (launch_context()->JobStartType == job_start_batch && job->m_ppid == 0) {
             __PutLogText(
                 "Job %d: the start command has ended, and nothing was heard of the job: it counts as vanished. "
                 "Where a batch system lets jobs wait, set STARTCMD/batch_wait to the seconds that they may.",
@@ -169,9 +170,8 @@ bool check_running(JP_AREA* job) {
 
 // A batch system may let the job wait, and until its messenger speaks nobody can tell this from an end.
 bool may_wait_in_queue(const JP_AREA* job) {
-    const JPPCX* context = job_context();
-    return context->JobStartType == job_start_batch && job->m_ppid == 0 &&
-           time(nullptr) - job->JP_cTime_t < context->batch_wait;
+    return launch_context()->JobStartType == job_start_batch && job->m_ppid == 0 &&
+           time(nullptr) - job->JP_cTime_t < job_context()->batch_wait;
 }
 
 bool check_waiting(JP_AREA* job) {
@@ -221,8 +221,7 @@ bool is_due(const JP_AREA* job, time_t now) {
 }  // namespace
 
 bool job_awaits_sigchld(const JP_AREA* job) {
-    const JPPCX* context = job_context();
-    return context->JobStartType != job_start_batch && context->Fl_Sigchld != 0 &&
+    return launch_context()->JobStartType != job_start_batch && launch_context()->Fl_Sigchld != 0 &&
            job->JP_create == job_origin_activation && (job->JP_flag & job_flag_own_child) != 0;
 }
 

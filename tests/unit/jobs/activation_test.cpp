@@ -5,9 +5,9 @@
 #include <cerrno>
 
 #include "job_fixture.h"
-#include "jobs/job_files.h"
-#include "jobs/launch.h"
 #include "jobs/who_may_start.h"
+#include "launch/job_files.h"
+#include "launch/launch.h"
 
 namespace {
 
@@ -93,14 +93,14 @@ TEST_F(job_test, a_list_of_any_length_is_read_whole) {
 TEST_F(job_test, settings_fall_back_where_the_text_means_nothing) {
     open_with(
         "[GLOBAL]\nReportMode=text\nJobFileMode=0\n[STARTCMD]\nstart_type=vfork\n[PAM]\npam_setcred=yes\n");
-    EXPECT_EQ(job_context()->FileReportMode, 0600u);
-    EXPECT_EQ(job_context()->JobFileMode, 0700u);
-    EXPECT_EQ(job_context()->JobStartType, 'V');
-    EXPECT_EQ(job_context()->do_pam_setcred, 0) << "credentials need a session";
+    EXPECT_EQ(launch_context()->FileReportMode, 0600u);
+    EXPECT_EQ(launch_context()->JobFileMode, 0700u);
+    EXPECT_EQ(launch_context()->JobStartType, 'V');
+    EXPECT_EQ(pam_options.do_pam_setcred, false) << "credentials need a session";
     open_with("[GLOBAL]\nReportMode=644\n[STARTCMD]\nstart_type=submit\n");
-    EXPECT_EQ(job_context()->FileReportMode, 0644u);
-    EXPECT_EQ(job_context()->JobStartType, 'B');
-    EXPECT_NE(job_context()->cmdAddr.OTHERcmd.find("&jobFile"), std::string::npos);
+    EXPECT_EQ(launch_context()->FileReportMode, 0644u);
+    EXPECT_EQ(launch_context()->JobStartType, 'B');
+    EXPECT_NE(launch_context()->cmdAddr.OTHERcmd.find("&jobFile"), std::string::npos);
 }
 
 // ---- Refusals ----

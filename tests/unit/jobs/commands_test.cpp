@@ -12,7 +12,7 @@
 
 #include "base/error.h"
 #include "job_fixture.h"
-#include "jobs/launch.h"
+#include "launch/launch.h"
 
 namespace {
 

@@ -13,6 +13,7 @@
 #include "jobs/process_info.h"
 #include "jobs/queries.h"
 #include "jobs/supervision.h"
+#include "launch/launch_settings.h"
 #include "messages/records_job.h"
 #include "messages/records_meld.h"
 #include "messages/records_server.h"

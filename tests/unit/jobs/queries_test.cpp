@@ -4,8 +4,8 @@
 #include <unistd.h>
 
 #include "job_fixture.h"
-#include "jobs/launch.h"
 #include "jobs/process_group.h"
+#include "launch/launch.h"
 
 struct queries_test : job_test {
     int cancel(int run) {
@@ -226,7 +226,7 @@ TEST_F(batch_test, under_vfork_without_the_signal_a_job_ends_at_a_check) {
 
 // A group that a batch system made is signalled only where nothing else can be in it.
 TEST_F(batch_test, whom_a_cancel_signals) {
-    job_context()->JobStartType = job_start_batch;
+    launch_context()->JobStartType = job_start_batch;
     const living_process alive, second;
     JP_AREA* job = bare_job(1);
     job->m_ppid = alive.pid;

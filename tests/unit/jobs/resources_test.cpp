@@ -4,6 +4,8 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+
 #include "base/error.h"
 #include "base/locks.h"
 #include "job_fixture.h"
@@ -493,6 +495,22 @@ TEST_F(resource_test, files_belong_to_the_jobs_user_and_under_hardened_to_the_ag
     EXPECT_EQ(mode_of(folder / "cache/closed"), 0755u);
     end(4);
     pcx->pcx_hardened = 0;
+}
+
+TEST_F(resource_test, the_report_begins_with_what_the_job_got) {
+    JP_AREA* job = bare_job(77);
+    resource_item fetched;
+    fetched.object_name = "OBJ";
+    fetched.resource_name = "res";
+    fetched.file_path = "/cache/res";
+    fetched.usage_type = resource_new;
+    job->jp_used_task_resource_list = {fetched, fetched};
+    job->jp_used_task_resource_list.back().usage_type = resource_existed;
+    const std::string lines = job_report_head(job);
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 3) << lines;
+    EXPECT_NE(lines.find("2001095"), std::string::npos);
+    EXPECT_NE(lines.find("77|100:OBJ/res|/cache/res\n"), std::string::npos)
+        << "without a library the inserts stand alone";
 }
 
 TEST_F(resource_test, other_messages_are_not_taken) {

@@ -4,18 +4,10 @@
 
 #include "base/context.h"
 #include "base/files.h"
-#include "base/time.h"
-#include "jobs/job_area.h"
-#include "jobs/job_context.h"
-#include "jobs/launch_steps.h"
+#include "launch/launch_steps.h"
 #include "log/log.h"
 
 namespace {
-
-constexpr int client_start_message = 2001094;
-constexpr int task_start_message = 2001095;
-constexpr int client_end_message = 2001096;
-constexpr int task_end_message = 2001097;
 
 struct loaded_text {
     int number;
@@ -44,12 +36,9 @@ constexpr failure_row failure_rows[] = {
 static_assert(std::size(failure_rows) == starter_step_count);
 std::array<std::string, starter_step_count> failure_lines;
 
-loaded_text texts[] = {{2003041, {}},
-                       {2003043, {}},
-                       {client_start_message, {}},
-                       {task_start_message, {}},
-                       {client_end_message, {}},
-                       {task_end_message, {}}};
+// The failures of a child, and what a report tells of resources.
+loaded_text texts[] = {{file_message, {}}, {system_message, {}}, {2001094, {}},
+                       {2001095, {}},      {2001096, {}},        {2001097, {}}};
 bool loaded = false;
 
 // Each marker stands in for itself, so the text comes back with its markers.
@@ -63,31 +52,6 @@ std::string text_with_markers(EX_PCX* pcx, int number) {
         return {};
     }
     return buffer;
-}
-
-std::string stamp(long seconds) {
-    const time_t time = seconds;
-    DATUM_BUFF date;
-    GetDatumZeit2(&time, &date);
-    return date.text;
-}
-
-void append_message(std::string* lines, long seconds, int number, const std::string& inserts) {
-    *lines += stamp(seconds) + " - " + launch_message_line(number, inserts) + "\n";
-}
-
-// A resource that was there already has only the second line.
-void append_resource(std::string* lines, const resource_item& item, int start_number, int end_number,
-                     const std::string& inserts) {
-    if (item.usage_type != resource_existed) {
-        append_message(lines, item.start_timestamp, start_number, inserts);
-    }
-    append_message(lines, item.end_timestamp, end_number, inserts);
-}
-
-std::string resource_inserts(const JOB_START_VAR& startVar, const resource_item& item) {
-    return std::to_string(startVar.jobNr) + "|" + std::to_string(startVar.clientNr) + ":" + item.object_name +
-           "/" + item.resource_name;
 }
 
 }  // namespace
@@ -121,21 +85,4 @@ std::string launch_message_line(int number, std::string_view inserts) {
     char head[16];
     snprintf(head, sizeof head, "U%.8d ", number);
     return head + std::string(inserts);
-}
-
-std::string launch_resource_lines(const JOB_START_VAR& startVar) {
-    std::string lines;
-    for (const key_entry& used : startVar.job->jp_used_client_resource_list) {
-        for (const resource_item& item : job_context()->used_resource_list) {
-            if (item.key == used.key) {
-                append_resource(&lines, item, client_start_message, client_end_message,
-                                resource_inserts(startVar, item));
-            }
-        }
-    }
-    for (const resource_item& item : startVar.job->jp_used_task_resource_list) {
-        append_resource(&lines, item, task_start_message, task_end_message,
-                        resource_inserts(startVar, item) + "|" + item.file_path);
-    }
-    return lines;
 }

@@ -7,7 +7,8 @@
 #include <string>
 #include <string_view>
 
-#include "jobs/launch.h"
+#include "launch/launch.h"
+#include "launch/launch_settings.h"
 #include "launch/starter.h"
 
 // ---- Shell
@@ -64,14 +65,10 @@ std::string launch_command_option(std::string option);
 // The job file as the argument of shell `sh`. With a 'c' in the option it is a command: exec, so that the shell
 // becomes the script, and the name, quoted where the shell would read more than a name.
 std::string launch_file_argument(const std::string& jobFile, std::string_view sh, const std::string& option);
-// One message as a line of text without the message library. `texts` were loaded before the fork.
-std::string launch_message_line(int number, std::string_view inserts);
 void launch_load_texts_once(EX_PCX* pcx);
 // The lines of a child's failures, by the steps of the starter: errno and reason are left to the child, and
 // the byte 3 stands for the name of the output or of the home.
 const std::array<std::string, starter_step_count>& launch_failure_lines();
-// The lines about resources that stand ahead of all output.
-std::string launch_resource_lines(const JOB_START_VAR& startVar);
 
 // ---- Batch start
 // -----------------------------------------------------------------------------------------------

@@ -1,5 +1,5 @@
 // The parts of a launch that need no process.
-#include "jobs/launch_steps.h"
+#include "launch/launch_steps.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -7,8 +7,6 @@
 
 #include <algorithm>
 
-#include "jobs/job_area.h"
-#include "jobs/job_context.h"
 #include "own_context.h"
 
 namespace {
@@ -69,9 +67,9 @@ TEST(LaunchJobText, CodeTableAndExtraLine) {
 }
 
 TEST(LaunchShell, FamiliesAndTheirOptions) {
-    copy_text(job_context()->Bourne_Shell_opt, "-b");
-    copy_text(job_context()->Korn_Shell_opt, "-k");
-    copy_text(job_context()->C_Shell_opt, "-C");
+    copy_text(launch_context()->Bourne_Shell_opt, "-b");
+    copy_text(launch_context()->Korn_Shell_opt, "-k");
+    copy_text(launch_context()->C_Shell_opt, "-C");
     struct row {
         const char* sh;
         char flag;
@@ -90,7 +88,7 @@ TEST(LaunchShell, FamiliesAndTheirOptions) {
 TEST(LaunchShell, SearchAndMemory) {
     own_context context;
     own_folder folder;
-    job_context()->firstSD.clear();
+    launch_context()->firstSD.clear();
     const std::string first = folder / "one", second = folder / "two";
     mkdir(first.c_str(), 0755);
     mkdir(second.c_str(), 0755);
@@ -109,14 +107,14 @@ TEST(LaunchShell, SearchAndMemory) {
     EXPECT_EQ(GetShellPath(context.pcx.get(), "notrun"), "");
     EXPECT_EQ(GetShellPath(context.pcx.get(), "none"), "");
     EXPECT_EQ(GetShellPath(context.pcx.get(), "-"), "");
-    EXPECT_EQ(job_context()->firstSD.size(), 1U) << "found once, not kept when missing";
+    EXPECT_EQ(launch_context()->firstSD.size(), 1U) << "found once, not kept when missing";
 
     const std::string deep = folder / std::string(80, 'd');
     mkdir(deep.c_str(), 0755);
     program(deep + "/deepsh", 0755);
     write_text(ini, "[STARTCMD]\nshell_pfad=" + deep + "\n");
     EXPECT_EQ(GetShellPath(context.pcx.get(), "deepsh"), (deep + "/deepsh").substr(0, 63));
-    job_context()->firstSD.clear();
+    launch_context()->firstSD.clear();
 }
 
 TEST(LaunchEnvironment, OnlyKnownNamesPass) {
@@ -180,27 +178,6 @@ TEST(LaunchFiles, RelativeNamesStandBelowTheWorkFolder) {
     EXPECT_EQ(launch_complete_path(context.pcx.get(), "job.txt"), "/opt/agent/job.txt");
     EXPECT_EQ(launch_complete_path(context.pcx.get(), "/tmp/job.txt"), "/tmp/job.txt");
     EXPECT_EQ(launch_complete_path(context.pcx.get(), ""), "");
-}
-
-TEST(LaunchTexts, ResourceLinesStandAheadOfTheOutput) {
-    JP_AREA job;
-    job.jp_used_task_resource_list.resize(2);
-    resource_item& fetched = job.jp_used_task_resource_list.front();
-    fetched.object_name = "OBJ";
-    fetched.resource_name = "res";
-    fetched.file_path = "/cache/res";
-    fetched.usage_type = resource_new;
-    job.jp_used_task_resource_list.back() = fetched;
-    job.jp_used_task_resource_list.back().usage_type = resource_existed;
-    JOB_START_VAR startVar;
-    startVar.job = &job;
-    startVar.jobNr = 77;
-    startVar.clientNr = 10;
-    const std::string lines = launch_resource_lines(startVar);
-    EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 3) << lines;
-    EXPECT_NE(lines.find("2001095"), std::string::npos);
-    EXPECT_NE(lines.find("77|10:OBJ/res|/cache/res\n"), std::string::npos)
-        << "without a library the inserts stand alone";
 }
 
 }  // namespace

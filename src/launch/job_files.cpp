@@ -1,4 +1,4 @@
-#include "jobs/job_files.h"
+#include "launch/job_files.h"
 
 #include <cerrno>
 #include <cstring>

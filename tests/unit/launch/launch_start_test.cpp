@@ -13,9 +13,7 @@
 
 #include "base/children.h"
 #include "identity/user_files.h"
-#include "jobs/job_area.h"
-#include "jobs/job_context.h"
-#include "jobs/launch_steps.h"
+#include "launch/launch_steps.h"
 #include "own_context.h"
 
 #ifdef QX_FAKE_PAM
@@ -30,7 +28,7 @@ struct Launch : testing::Test {
     own_context context;
     own_folder folder;
     my_passwd_unlimited user;
-    JP_AREA job;
+    unsigned char table[256];
     qx7_error error;
     launch_started started;
     uint32_t pid = 0;
@@ -39,14 +37,13 @@ struct Launch : testing::Test {
 
     void SetUp() override {
         chmod(folder.path.c_str(), 0755);
-        *job_context() = JPPCX{};
-        copy_text(job_context()->Bourne_Shell_opt, "-c");
+        *launch_context() = {};
+        copy_text(launch_context()->Bourne_Shell_opt, "-c");
         ASSERT_TRUE(GetPwdNameStruct(context.pcx->pcx_runUserName, &user, &error));
         copy_text(user.pw_shell, "/bin/sh");
         copy_text(user.pw_dir, folder.path);
-        job.JP_jobNr = 4711;
         for (int i = 0; i < 256; ++i) {
-            job.cCodeTab[i] = static_cast<unsigned char>(i);
+            table[i] = static_cast<unsigned char>(i);
         }
     }
     void TearDown() override {
@@ -55,12 +52,14 @@ struct Launch : testing::Test {
     }
     launch_result start() {
         launch_order order;
+        order.run = 4711;
+        order.code_table = table;
         order.jobfile = file;
         order.jobreport = report;
         order.name = "JOB.TEST";
         order.rest = rest;
         order.jcl = script;
-        const launch_result result = start_job(context.pcx.get(), order, user, pam, &job, &started, &error);
+        const launch_result result = start_job(context.pcx.get(), order, user, pam, &started, &error);
         pid = started.pid;
         return result;
     }
@@ -95,8 +94,8 @@ TEST_F(Launch, OutputExitCodeAndFiles) {
     ASSERT_EQ(stat(report.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 0600U);
 
-    job_context()->FileReportMode = 0044;
-    job_context()->JobFileMode = 0055;
+    launch_context()->FileReportMode = 0044;
+    launch_context()->JobFileMode = 0055;
     EXPECT_EQ(run("true"), 0);
     EXPECT_EQ(read_text(report), "") << "the report starts anew";
     ASSERT_EQ(stat(report.c_str(), &status), 0);
@@ -158,7 +157,7 @@ TEST_F(Launch, NothingOfTheAgentReachesTheJob) {
 TEST_F(Launch, TheAgentsLowerLimitOfDescriptorsIsNotTheJobs) {
     rlimit before;
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
-    job_context()->descriptor_limit = before;
+    launch_context()->descriptor_limit = before;
     const rlimit lowered = {64, before.rlim_max};
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &lowered), 0);
     EXPECT_EQ(run("ulimit -Sn"), 0);
@@ -168,7 +167,7 @@ TEST_F(Launch, TheAgentsLowerLimitOfDescriptorsIsNotTheJobs) {
 }
 
 TEST_F(Launch, WithoutTheSignalNoListOfChildrenGrows) {
-    job_context()->Fl_Sigchld = 0;
+    launch_context()->Fl_Sigchld = 0;
     EXPECT_EQ(run("true"), 0);
     EXPECT_EQ(children_count(), 0U);
 }
@@ -242,7 +241,7 @@ TEST_F(Launch, MissingHome) {
 }
 
 TEST_F(Launch, AShellThatCannotBeExecuted) {
-    job_context()->firstSD.push_back({"sh", folder / "vanished"});
+    launch_context()->firstSD.push_back({"sh", folder / "vanished"});
     EXPECT_EQ(run("echo never"), 210);
     EXPECT_NE(read_text(report).find("execle()|2|"), std::string::npos) << read_text(report);
 }
@@ -273,7 +272,7 @@ TEST_F(Launch, OutOfProcessesLeavesNoFilesAndOtherFailuresFail) {
     EXPECT_STREQ(error.qx_msgInsert, "fork|11|Resource temporarily unavailable|");
     EXPECT_FALSE(exists(file));
     EXPECT_FALSE(exists(report));
-    job_context()->JobStartType = job_start_vfork;
+    launch_context()->JobStartType = job_start_vfork;
     launch_set_fork([]() -> pid_t {
         errno = ENOMEM;
         return -1;
@@ -365,8 +364,8 @@ TEST_F(Launch, AnotherUserWithoutRoot) {
 }
 
 TEST_F(Launch, BatchCommandsTakePlainNamesOnly) {
-    job_context()->JobStartType = job_start_batch;
-    job_context()->cmdAddr.BSHcmd = "echo &USER &jobFile &jobReport > " + (folder / "told") + "; exit 3";
+    launch_context()->JobStartType = job_start_batch;
+    launch_context()->cmdAddr.BSHcmd = "echo &USER &jobFile &jobReport > " + (folder / "told") + "; exit 3";
     const bool root = getuid() == 0;
     const launch_result result = start();
     EXPECT_EQ(result, root ? LAUNCH_STARTED : LAUNCH_FAILED);

@@ -9,9 +9,7 @@
 #include "base/context.h"
 #include "base/files.h"
 #include "base/locks.h"
-#include "jobs/job_area.h"
-#include "jobs/job_context.h"
-#include "jobs/launch_steps.h"
+#include "launch/launch_steps.h"
 #include "launch/starter.h"
 #include "log/log.h"
 
@@ -87,8 +85,6 @@ starter_result start_by_starter(const child_call& call, pid_t* pid) {
     std::array<std::string, starter_step_count> lines = launch_failure_lines();
     lines[STARTER_STEP_OUTPUT] = with_name(lines[STARTER_STEP_OUTPUT], startVar.jobReport.c_str());
     lines[STARTER_STEP_DIRECTORY] = with_name(lines[STARTER_STEP_DIRECTORY], passwd.pw_dir);
-    const std::string resources =
-        startVar.jobNr != 0 && startVar.job != nullptr ? launch_resource_lines(startVar) : std::string();
 
     starter_wish wish;
     wish.program = startVar.path_sh.c_str();
@@ -102,8 +98,8 @@ starter_result start_by_starter(const child_call& call, pid_t* pid) {
     wish.groups = startVar.groups;
     wish.output = startVar.report.get();
     wish.input = (startVar.flag1 & LAUNCH_STDIN_DUMMY) != 0 ? -1 : STDIN_FILENO;
-    wish.descriptor_limit = job_context()->descriptor_limit;
-    wish.lines = resources;
+    wish.descriptor_limit = launch_context()->descriptor_limit;
+    wish.lines = startVar.head_lines;
     for (int step = 0; step < starter_step_count; ++step) {
         wish.failures[static_cast<size_t>(step)] = lines[static_cast<size_t>(step)];
     }
@@ -157,7 +153,7 @@ pid_t launch_fork(EX_PCX* pcx, char type, const my_passwd_unlimited& passwd, JOB
         return -1;
     }
     startVar->report.reset();
-    if (job_context()->Fl_Sigchld != 0) {
+    if (launch_context()->Fl_Sigchld != 0) {
         children_note(pid);  // without the signal nobody collects: the list would only grow
     }
     return pid;

@@ -7,8 +7,7 @@
 
 #include "base/context.h"
 #include "base/text.h"
-#include "jobs/job_context.h"
-#include "jobs/launch_steps.h"
+#include "launch/launch_steps.h"
 
 namespace {
 
@@ -67,7 +66,7 @@ std::string launch_shell_option(char sh_flag) {
             family = row.family;
         }
     }
-    const JPPCX* context = job_context();
+    const launch_settings* context = launch_context();
     switch (family) {
         case shell_family::bourne:
             return context->Bourne_Shell_opt;
@@ -88,7 +87,7 @@ std::string GetShellPath(EX_PCX* pcx, std::string_view shellName) {
     if (shellName.empty()) {
         return {};
     }
-    std::vector<SHELL_DATA>& kept = job_context()->firstSD;
+    std::vector<SHELL_DATA>& kept = launch_context()->firstSD;
     for (const SHELL_DATA& shell : kept) {
         if (shell.sh == shellName) {
             return shell.path_sh;

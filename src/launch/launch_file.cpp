@@ -9,8 +9,8 @@
 #include "base/text.h"
 #include "identity/own_place.h"
 #include "identity/user_files.h"
-#include "jobs/job_files.h"
-#include "jobs/launch_steps.h"
+#include "launch/job_files.h"
+#include "launch/launch_steps.h"
 #include "log/log.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <iterator>
 
 #include "base/context.h"
-#include "jobs/launch_steps.h"
+#include "launch/launch_steps.h"
 #include "log/trace.h"
 
 namespace {

@@ -1,5 +1,5 @@
 // From an accepted activation to a process: shell, job file, report, fork, and in the child identity,
-// environment and exec. Main thread.
+// environment and exec. What a job is beyond its order is not known here. Main thread.
 #pragma once
 
 #include <signal.h>
@@ -17,7 +17,6 @@
 #include "identity/pam.h"
 
 struct EX_PCX;
-struct JP_AREA;
 
 // Exit codes of a child that did not become a job.
 enum launch_exit : int {
@@ -50,6 +49,10 @@ struct launch_order {
     std::string_view name;       // object name
     std::string_view rest;
     std::string_view jcl;
+    int run = 0;
+    uint16_t client = 0;
+    const unsigned char* code_table = nullptr;  // 256 bytes; null: no conversion
+    std::string head_lines;                     // stand ahead of all output in the report
 };
 
 inline constexpr char launch_no_report[] = "/dev/null";
@@ -60,10 +63,9 @@ struct launch_started {
 };
 
 // Starts the job. `pamHandle` may be null; it stays the caller's, who ends it with PamEndAfterStart or
-// PamEnd. `job` gives run number, client, code table and resources and is not changed.
+// PamEnd.
 launch_result start_job(EX_PCX* pcx, const launch_order& order, const my_passwd_unlimited& passwd,
-                        pam_handle_t* pamHandle, const JP_AREA* job, launch_started* started,
-                        qx7_error* error);
+                        pam_handle_t* pamHandle, launch_started* started, qx7_error* error);
 
 // A name of a message as an absolute path: relative names stand below the agent's work directory. Empty stays
 // empty.
@@ -71,6 +73,8 @@ std::string launch_complete_path(const EX_PCX* pcx, std::string_view name);
 // Brings the texts that a child may have to write into memory, for a child has no message library. Called by
 // the set-up; repeatable.
 void launch_load_texts(EX_PCX* pcx);
+// One message as a line of text from what was loaded; without its text the number and the inserts.
+std::string launch_message_line(int number, std::string_view inserts);
 
 // Value of `key` ("M=", "N=", "2=", "Y=") in a run of items: key up to '=', delimiter, value, delimiter. The
 // items are walked from the start; what does not parse ends the walk. Empty when there is none. At most
@@ -106,9 +110,9 @@ struct JOB_START_VAR {
     std::string rettext;                              // insert of a failure
     std::vector<std::string> arguments, environment;  // of the shell, with the pointers that exec takes
     std::vector<char*> argument_pointers, environment_pointers;
-    sigset_t signal_mask = {};     // of the agent at the time of the fork
-    const JP_AREA* job = nullptr;  // its resources are told at the head of the report; may be null
-    std::vector<gid_t> groups;     // all gids of the user; filled at the fork when empty
+    sigset_t signal_mask = {};      // of the agent at the time of the fork
+    std::string head_lines;         // see launch_order
+    std::vector<gid_t> groups;      // all gids of the user; filled at the fork when empty
     // The report as it was made, for the child's output; none for /dev/null.
     qx_descriptor report;
     dev_t report_device = 0;

@@ -15,9 +15,7 @@
 #include "base/context.h"
 #include "base/files.h"
 #include "base/time.h"
-#include "jobs/job_area.h"
-#include "jobs/job_context.h"
-#include "jobs/launch_steps.h"
+#include "launch/launch_steps.h"
 #include "log/log.h"
 #include "log/trace.h"
 
@@ -65,11 +63,8 @@ int redirect_output(const JOB_START_VAR& startVar, qx7_error* error) {
     if (report < 0) {
         return file_failed("FileOpenChild(STDOUT)", startVar.jobReport.c_str(), LAUNCH_EXIT_OPEN, error);
     }
-    if (startVar.jobNr != 0 && startVar.job != nullptr) {
-        const std::string lines = launch_resource_lines(startVar);
-        if (write_text(report, lines) != 0) {
-            return file_failed("FileOpenChild(STDOUT)", startVar.jobReport.c_str(), LAUNCH_EXIT_OPEN, error);
-        }
+    if (write_text(report, startVar.head_lines) != 0) {
+        return file_failed("FileOpenChild(STDOUT)", startVar.jobReport.c_str(), LAUNCH_EXIT_OPEN, error);
     }
     if (put_descriptor(report, STDOUT_FILENO) < 0) {
         return call_failed("dup2(STDOUT)", LAUNCH_EXIT_DUP_STDOUT, error);
@@ -132,7 +127,7 @@ int take_user(const my_passwd_unlimited& passwd, const JOB_START_VAR& startVar, 
 }
 
 void restore_limits() {
-    const rlimit& limit = job_context()->descriptor_limit;
+    const rlimit& limit = launch_context()->descriptor_limit;
     if (limit.rlim_max != 0) {
         // The hard limit never changed; a job with the agent's lower one is better than none.
         (void)setrlimit(RLIMIT_NOFILE, &limit);

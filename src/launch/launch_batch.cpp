@@ -11,8 +11,7 @@
 #include "base/files.h"
 #include "base/locks.h"
 #include "base/text.h"
-#include "jobs/job_context.h"
-#include "jobs/launch_steps.h"
+#include "launch/launch_steps.h"
 
 namespace {
 
@@ -47,7 +46,7 @@ std::string replace_keys(std::string_view text, const key_value* pairs, size_t c
 }
 
 const std::string& batch_command(const my_passwd_unlimited& passwd) {
-    const UNIX_CMD& commands = job_context()->cmdAddr;
+    const UNIX_CMD& commands = launch_context()->cmdAddr;
     std::string_view shell = passwd.pw_shell;
     if (const size_t slash = shell.rfind('/'); slash != std::string_view::npos) {
         shell.remove_prefix(slash + 1);
@@ -76,7 +75,7 @@ int become_root(bool* switched, qx7_error* error) {
     if (geteuid() != 0) {
         return call_failure("setuid(0)", EACCES, "switch to root user is not possible!", error);
     }
-    if (job_context()->JP_SwitchToRealUser == 0) {
+    if (launch_context()->JP_SwitchToRealUser == 0) {
         return call_failure("switch to real user(0)", EACCES, "StartBatchJobWithRootPrivileges=no", error);
     }
     if (setuid(0) != 0) {

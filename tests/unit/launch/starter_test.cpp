@@ -13,9 +13,7 @@
 #include "base/children.h"
 #include "base/sanitizer.h"
 #include "base/time.h"
-#include "jobs/job_area.h"
-#include "jobs/job_context.h"
-#include "jobs/launch_steps.h"
+#include "launch/launch_steps.h"
 #include "launch/starter_record.h"
 #include "own_context.h"
 
@@ -287,7 +285,7 @@ TEST(StarterRecord, NobodyBecomesAStarterByCallingTheProgram) {
 
 struct StarterJobs : Starter {
     my_passwd_unlimited user;
-    JP_AREA job;
+    unsigned char table[256];
     qx7_error error;
     std::string report = folder / "report", user_name;
 
@@ -297,14 +295,13 @@ struct StarterJobs : Starter {
             return;
         }
         chmod(folder.path.c_str(), 0755);
-        *job_context() = JPPCX{};
-        copy_text(job_context()->Bourne_Shell_opt, "-c");
+        *launch_context() = {};
+        copy_text(launch_context()->Bourne_Shell_opt, "-c");
         ASSERT_TRUE(GetPwdNameStruct(context.pcx->pcx_runUserName, &user, &error));
         copy_text(user.pw_shell, "/bin/sh");
         copy_text(user.pw_dir, folder.path);
-        job.JP_jobNr = 4711;
         for (int i = 0; i < 256; ++i) {
-            job.cCodeTab[i] = static_cast<unsigned char>(i);
+            table[i] = static_cast<unsigned char>(i);
         }
     }
     void TearDown() override {
@@ -313,12 +310,14 @@ struct StarterJobs : Starter {
     }
     std::string run(const std::string& script) {
         launch_order order;
+        order.run = 4711;
+        order.code_table = table;
         const std::string file = folder / "job";
         order.jobfile = file;
         order.jobreport = report;
         order.jcl = script;
         launch_started started;
-        if (start_job(context.pcx.get(), order, user, nullptr, &job, &started, &error) != LAUNCH_STARTED) {
+        if (start_job(context.pcx.get(), order, user, nullptr, &started, &error) != LAUNCH_STARTED) {
             return error.qx_msgInsert;
         }
         const int code = wait_status(static_cast<pid_t>(started.pid));
@@ -338,9 +337,9 @@ TEST_F(StarterJobs, AJobFindsTheSameOnBothWays) {
         copy_text(user.pw_dir, "/no/home");
         seen += run("true");
         copy_text(user.pw_dir, home);
-        job_context()->firstSD = {{"sh", folder / "vanished"}};
+        launch_context()->firstSD = {{"sh", folder / "vanished"}};
         seen += run("true");
-        job_context()->firstSD.clear();
+        launch_context()->firstSD.clear();
         return seen;
     };
     const std::string started = all();

@@ -1,4 +1,4 @@
-#include "jobs/launch.h"
+#include "launch/launch.h"
 
 #include <string.h>
 #include <sys/stat.h>
@@ -12,9 +12,7 @@
 #include "base/paths.h"
 #include "base/text.h"
 #include "identity/user_files.h"
-#include "jobs/job_area.h"
-#include "jobs/job_context.h"
-#include "jobs/launch_steps.h"
+#include "launch/launch_steps.h"
 #include "log/log.h"
 #include "log/trace.h"
 
@@ -102,13 +100,12 @@ void choose_user(const my_passwd_unlimited& passwd, JOB_START_VAR* startVar) {
     copy_text(startVar->GrpName, GroupNameOfAccount(passwd.pw_gid));
 }
 
-JOB_START_VAR make_start(EX_PCX* pcx, const launch_order& order, const my_passwd_unlimited& passwd,
-                         const JP_AREA* job) {
+JOB_START_VAR make_start(EX_PCX* pcx, const launch_order& order, const my_passwd_unlimited& passwd) {
     JOB_START_VAR startVar;
-    startVar.jobNr = job->JP_jobNr;
-    startVar.clientNr = job->JP_Mandant;
-    startVar.cCodeTab = job->cCodeTab;
-    startVar.job = job;
+    startVar.jobNr = order.run;
+    startVar.clientNr = order.client;
+    startVar.cCodeTab = order.code_table;
+    startVar.head_lines = order.head_lines;
     choose_shell(pcx, order, passwd, &startVar);
     choose_content(pcx, order, &startVar);
     choose_user(passwd, &startVar);
@@ -125,7 +122,7 @@ void note_missing_rights(const EX_PCX* pcx, const my_passwd_unlimited& passwd) {
 
 // Job file and report. 0, or -1 with `error`, logged, and neither of them left.
 int make_files(const my_passwd_unlimited& passwd, JOB_START_VAR* startVar, qx7_error* error) {
-    const JPPCX* context = job_context();
+    const launch_settings* context = launch_context();
     if (startVar->BatFlag == BATCH_FILE) {
         const mode_t mode = context->JobFileMode | job_file_owner_bits;
         if (CreateJobFile(startVar, {}, mode, passwd) != 0) {
@@ -151,7 +148,7 @@ int make_files(const my_passwd_unlimited& passwd, JOB_START_VAR* startVar, qx7_e
 
 launch_result start_process(EX_PCX* pcx, const my_passwd_unlimited& passwd, JOB_START_VAR* startVar,
                             pam_handle_t* pamHandle, uint32_t* pid, qx7_error* error) {
-    const pid_t child = launch_fork(pcx, job_context()->JobStartType, passwd, startVar, pamHandle, error);
+    const pid_t child = launch_fork(pcx, launch_context()->JobStartType, passwd, startVar, pamHandle, error);
     if (child > 0) {
         *pid = static_cast<uint32_t>(child);
         return LAUNCH_STARTED;
@@ -184,18 +181,17 @@ std::string launch_complete_path(const EX_PCX* pcx, std::string_view name) {
 }
 
 launch_result start_job(EX_PCX* pcx, const launch_order& order, const my_passwd_unlimited& passwd,
-                        pam_handle_t* pamHandle, const JP_AREA* job, launch_started* started,
-                        qx7_error* error) {
+                        pam_handle_t* pamHandle, launch_started* started, qx7_error* error) {
     qx_error_clear(error);
     *started = {};
-    JOB_START_VAR startVar = make_start(pcx, order, passwd, job);
+    JOB_START_VAR startVar = make_start(pcx, order, passwd);
     note_missing_rights(pcx, passwd);
     if (make_files(passwd, &startVar, error) != 0) {
         return LAUNCH_FAILED;
     }
     startVar.flag1 = start_flags(pcx);
     fflush(stdout);
-    if (job_context()->JobStartType == job_start_batch) {
+    if (launch_context()->JobStartType == job_start_batch) {
         return start_batch(pcx, passwd, startVar, started, error);
     }
     return start_process(pcx, passwd, &startVar, pamHandle, &started->pid, error);
