@@ -114,11 +114,8 @@ void run(byte_source* source) {
     set_up(source->byte());
     activate(fuzz_message(source, orders[source->byte() & 1]));
     fuzz_steps(source, 4, step);
-    JPPCX* jobs = job_context();
     Reset_JTab();
-    jobs->used_resource_list.clear();
-    jobs->requested_resource_list.clear();
-    jobs->waiting_resource_list.clear();
+    *resource_context() = {};
 }
 
 }  // namespace

@@ -16,13 +16,13 @@
 #include "base/text.h"
 #include "channels/messages.h"
 #include "identity/accounts.h"
-#include "jobs/job_context.h"
+#include "jobs/activation.h"
 #include "jobs/job_table.h"
-#include "jobs/resource_files.h"
-#include "jobs/resources.h"
 #include "log/log.h"
 #include "messages/conversion.h"
 #include "messages/records_report.h"
+#include "resources/resource_files.h"
+#include "resources/resources.h"
 
 namespace {
 
@@ -62,6 +62,7 @@ EX_PCX& context() {
 }
 
 JP_AREA* make_job(EX_PCX& pcx) {
+    job_own_resources();
     JP_AREA* job = Create_JEntry(run_number, client);
     job->jp_uid = geteuid();
     job_set_text(job->jp_userName, pcx.pcx_runUserName);
@@ -88,7 +89,7 @@ void nothing_outside() {
 
 // Each key of the job is in exactly one list.
 void lists_fit(const JP_AREA* job) {
-    JPPCX* lists = job_context();
+    resource_state* lists = resource_context();
     for (const key_entry& key : job->jp_requested_resource_list) {
         if (FindResourceWithKey(&lists->requested_resource_list, key.key) == nullptr &&
             FindResourceWithKey(&lists->waiting_resource_list, key.key) == nullptr) {
@@ -152,7 +153,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         RemoveJobFromResourceLists(&pcx, job, &error);
         Erase_JEntry(run_number, client);
     }
-    if (!job_context()->requested_resource_list.empty() || !job_context()->used_resource_list.empty()) {
+    if (!resource_context()->requested_resource_list.empty() || !resource_context()->used_resource_list.empty()) {
         abort();
     }
     std::error_code ignored;

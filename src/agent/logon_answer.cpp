@@ -19,10 +19,10 @@
 #include "channels/messages.h"
 #include "channels/network_thread.h"
 #include "channels/resolver.h"
-#include "jobs/resources.h"
 #include "log/log.h"
 #include "messages/records_server.h"
 #include "messages/view.h"
+#include "resources/resources.h"
 
 namespace {
 

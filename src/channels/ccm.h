@@ -300,6 +300,8 @@ void ccm_channel_lock(ccm_context_t* ccm);
 
 int ccm_channel_existbyID(ccm_context_t* ccm, int id);
 int ccm_channel_existbyName(ccm_context_t* ccm, const char* name);
+// Does a connection to the server stand, so that what is sent now will not be dropped?
+bool ccm_server_reachable(EX_PCX* pcx);
 // Peer address as text (char[64]) of the channel by ID when `id` is above 0, else by name. 0 or -1.
 int ccm_channel_get_ip(ccm_context_t* ccm, int id, const char* name, char out[64], ccm_error_t* err);
 // A copy of what a handler may want to know. 0, or -1 when there is no such channel. Both take the lock.

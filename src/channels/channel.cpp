@@ -169,6 +169,11 @@ int ccm_channel_existbyName(ccm_context_t* ccm, const char* name) {
     return 1;
 }
 
+bool ccm_server_reachable(EX_PCX* pcx) {
+    return pcx->ccm != nullptr && (pcx->pcx_flag.load() & PCX_FLAG_SERVER_CHANNEL) != 0 &&
+           ccm_channel_existbyName(pcx->ccm, ccm_name_server) != 0;
+}
+
 int ccm_channel_get_ip(ccm_context_t* ccm, int id, const char* name, char out[64], ccm_error_t* err) {
     out[0] = '\0';
     ccm_channel_t* channel = id > 0 ? ccm_channel_getbyID(ccm, id) : ccm_channel_getbyName(ccm, name);

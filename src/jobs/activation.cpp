@@ -11,6 +11,7 @@
 #include "base/memory.h"
 #include "base/text.h"
 #include "base/time.h"
+#include "channels/ccm.h"
 #include "identity/accounts.h"
 #include "identity/pam.h"
 #include "identity/password_check.h"
@@ -320,7 +321,7 @@ int acknowledge_start(activation_run* run) {
     started.fill_to(restart_area_offset);
     if (launch_context()->JobStartType == job_start_fork) {
         started.add(MSG_TYPE_EXAKTJQU::restartinfo,
-                    CreateJobRstrtInfo(job, job->jp_userName, job_server_reachable(pcx), true));
+                    CreateJobRstrtInfo(job, job->jp_userName, ccm_server_reachable(pcx), true));
     }
     const int result = send_built(pcx->ccm, started, to_sender(run->msg));
     log_start(job);

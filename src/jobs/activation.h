@@ -33,6 +33,8 @@ int Start_Ex_Aktj(EX_PCX* pcx, JP_AREA* job);
 void job_try_deferred_start(EX_PCX* pcx, JP_AREA* job);
 // Starts a job that waited for resources once none is missing. The entry may be gone afterwards.
 void StartJobWhenPossible(EX_PCX* pcx, JP_AREA* job);
+// Makes the table's jobs those that resources are stored for.
+void job_own_resources();
 
 // What the report of `job` tells of its resources ahead of all output.
 std::string job_report_head(const JP_AREA* job);

@@ -33,6 +33,17 @@ void job_try_deferred_start(EX_PCX* pcx, JP_AREA* job) {
     }
 }
 
+void job_own_resources() {
+    resources_belong_to({
+        [](int number, uint16_t client) -> resource_job* { return Find_JEntry(number, client); },
+        [](EX_PCX* pcx, resource_job* job) { StartJobWhenPossible(pcx, static_cast<JP_AREA*>(job)); },
+        [](EX_PCX* pcx, resource_job* job, int msgnr, const char* insert) {
+            create_and_send_aktj_quitt_message(pcx, static_cast<JP_AREA*>(job), msgnr, insert);
+        },
+        [](resource_job* job) { Erase_JEntry(job->JP_jobNr, job->JP_Mandant); },
+    });
+}
+
 void StartJobWhenPossible(EX_PCX* pcx, JP_AREA* job) {
     if (job->jobstart != 0 && job->jp_requested_resource_list.empty()) {
         job_try_deferred_start(pcx, job);

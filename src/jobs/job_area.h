@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "jobs/resources.h"
 #include "messages/records_common.h"
+#include "resources/resources.h"
 
 struct ccm_addr_t;
 struct my_passwd_unlimited;
@@ -77,8 +77,7 @@ struct registered_variable {
 
 // One job entry, owned by the table (job_table.h). Texts of fixed width end in a zero byte unless told
 // otherwise.
-struct JP_AREA {
-    uint16_t JP_Mandant = 0;  // client; key together with JP_jobNr, never changed after creation
+struct JP_AREA : resource_job {
     char JP_Version[2] = {};
     char JP_status = job_status_waiting;
     char JP_create = job_origin_activation;
@@ -87,14 +86,12 @@ struct JP_AREA {
     int JP_flag = job_flag_own_child;
     char JP_srv_msg[17] = {};     // last exchange with the server, for dumps only
     char JP_client_msg[17] = {};  // last exchange with the messenger, for dumps only
-    int JP_jobNr = 0;             // run number
     uint32_t JP_uIdnr = 0;        // the header's user number
     int sta_cnt = 0;              // EXSTAJ sent
     char JP_user[33] = {};
     std::string JP_uPwDir;  // the user's home directory
     char JP_jFile[256] = {};
     char JP_jReport[256] = {};
-    char JP_oName[256] = {};
     char JP_jClass[8] = {};  // blank-padded
     char JP_jPrio[5] = {};   // blank-padded
     char JP_MeldVers[33] = {};
@@ -122,25 +119,16 @@ struct JP_AREA {
     pid_t m_pid = 0, m_ppid = 0, m_pgrp = 0, m_pgid = 0, m_sid = 0;  // told by the messenger
     uid_t m_uid = 0, m_euid = 0;
     gid_t m_gid = 0, m_egid = 0;
-    uid_t jp_uid = static_cast<uid_t>(-1);  // the job's user; all ones while unknown
     std::vector<FLE_Elem> jp_files;         // registered output files in order
     std::vector<registered_variable> jp_variables;
     std::vector<unsigned char> ccmmsg;  // kept body of the EXAKTJ of a start that waits; wiped when dropped
     ccm_addr_t* ccmaddr = nullptr;      // its address; owned
-    QX_HEADM jp_headm = {};             // header of the EXAKTJ or JOB_INF
     unsigned jobstart = 0;              // 0 started; else the counter of a deferred start: the job waits
     my_passwd_unlimited* passwd = nullptr;  // kept record of a start that waits; owned, wiped when dropped
-    std::list<resource_item> jp_used_task_resource_list;
-    std::vector<key_entry> jp_used_client_resource_list;
-    std::vector<key_entry> jp_requested_resource_list;
-    std::string jp_client_cache_path;
-    std::string jp_task_cache_path;
-    char jp_userName[33] = {};
     char infoText[32] = {};  // blank-padded, no terminator
     int retCode = 0;
     short JP_sigNum = 0;  // signal of a cancel, 0 while none was sent
     char ImageName[256] = {};
-    unsigned char cCodeTab[256] = {};
 };
 
 // Restart record, in host order, opaque to the server. The names of the task resources follow it, each with

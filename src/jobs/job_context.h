@@ -1,11 +1,8 @@
 // Settings and lists of the job processor, filled by JP_Open and constant until JP_Close.
 #pragma once
 
-#include <list>
 #include <string>
 #include <vector>
-
-#include "jobs/resources.h"
 
 struct EX_PCX;
 
@@ -31,10 +28,6 @@ inline constexpr char job_context_key[17] = "%%JOBKEY_PCX  %%";
 // Context of the module, one per process, reached by job_context().
 struct JPPCX {
     char Key[16] = {};
-    std::list<resource_item> used_resource_list;
-    std::list<resource_item> requested_resource_list;
-    std::list<resource_item> waiting_resource_list;
-    int res_key = 1;
     std::string meldName;
     int batch_wait = 0;  // seconds that a job of start type B may stay without a word
     char Fl_UidType = job_list_exclusive;

@@ -6,11 +6,6 @@
 #include "channels/replies.h"
 #include "jobs/job_area.h"
 
-bool job_server_reachable(EX_PCX* pcx) {
-    return pcx->ccm != nullptr && (pcx->pcx_flag.load() & PCX_FLAG_SERVER_CHANNEL) != 0 &&
-           ccm_channel_existbyName(pcx->ccm, ccm_name_server) != 0;
-}
-
 int create_and_send_quitt_message(EX_PCX* pcx, ccm_msg_t* msg, int msgnr, const char* insert) {
     return send_quitt_reply(pcx, msg, msgnr, insert, msgnr == 0 ? "OK" : "NK", nullptr, 0);
 }

@@ -7,9 +7,6 @@ struct EX_PCX;
 struct JP_AREA;
 struct qx7_error;
 
-// Does a connection to the server stand, so that what is sent now will not be dropped?
-bool job_server_reachable(EX_PCX* pcx);
-
 // QUITT for `msg`: "OK" for number 0, else "NK"; at most 256 characters of insert. 0 or -1.
 int create_and_send_quitt_message(EX_PCX* pcx, ccm_msg_t* msg, int msgnr, const char* insert);
 // The same with the status forced to "OK".

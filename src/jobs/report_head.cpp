@@ -1,7 +1,6 @@
 // The lines about stored resources that stand ahead of all output in a job's report.
 #include "base/time.h"
 #include "jobs/activation.h"
-#include "jobs/job_context.h"
 #include "launch/launch.h"
 
 namespace {
@@ -41,7 +40,7 @@ std::string resource_inserts(const JP_AREA* job, const resource_item& item) {
 std::string job_report_head(const JP_AREA* job) {
     std::string lines;
     for (const key_entry& used : job->jp_used_client_resource_list) {
-        for (const resource_item& item : job_context()->used_resource_list) {
+        for (const resource_item& item : resource_context()->used_resource_list) {
             if (item.key == used.key) {
                 append_resource(&lines, item, client_start_message, client_end_message,
                                 resource_inserts(job, item));

@@ -77,6 +77,8 @@ int JP_Open(EX_PCX* pcx, qx7_error* error) {
         return -1;
     }
     jpOpen(pcx, &the_context);
+    *resource_context() = {};
+    job_own_resources();
     pcx->pcx_jpex = &the_context;
     return 0;
 }
@@ -87,6 +89,7 @@ int JP_Close(EX_PCX* pcx) {
     }
     Reset_JTab();
     process_info_forget();
+    *resource_context() = {};
     launch_close();
     the_context = JPPCX{};
     pcx->pcx_jpex = nullptr;

@@ -3,6 +3,7 @@
 
 #include "base/context.h"
 #include "base/error.h"
+#include "channels/ccm.h"
 #include "jobs/activation.h"
 #include "jobs/job_send.h"
 #include "jobs/process_info.h"
@@ -112,7 +113,7 @@ message_builder<MSG_TYPE_EXSTAJ> job_build_exstaj(EX_PCX*, JP_AREA* job, bool se
 }
 
 int create_and_send_exstaj(EX_PCX* pcx, JP_AREA* job) {
-    const auto status = job_build_exstaj(pcx, job, job_server_reachable(pcx));
+    const auto status = job_build_exstaj(pcx, job, ccm_server_reachable(pcx));
     const int result = send_built(
         pcx->ccm, status,
         {.dst_addr = ccm_name_server, .dst_name = job->ccmaddr == nullptr ? "" : job->ccmaddr->src_name});

@@ -1,5 +1,5 @@
 // Stored resources: who asks, who waits, who shares, and what is left on disk.
-#include "jobs/resources.h"
+#include "resources/resources.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -9,9 +9,9 @@
 #include "base/error.h"
 #include "base/locks.h"
 #include "job_fixture.h"
-#include "jobs/resource_files.h"
 #include "messages/records_report.h"
 #include "messages/timestamp.h"
+#include "resources/resource_files.h"
 
 namespace {
 
@@ -101,7 +101,7 @@ struct resource_test : job_test {
         return receive(process_jobcan, order);
     }
     bool lists_are_empty() const {
-        const JPPCX* context = job_context();
+        const resource_state* context = resource_context();
         return context->requested_resource_list.empty() && context->used_resource_list.empty() &&
                context->waiting_resource_list.empty();
     }
@@ -300,7 +300,7 @@ TEST_F(resource_test, a_cancelled_job_leaves_the_question_to_the_others) {
     const auto answers = sent();
     ASSERT_EQ(answers.size(), 2u) << "the order, and the activation that was never answered";
     EXPECT_EQ(answers[1].as<MSG_TYPE_QUITT>().msgnr, 2001059);
-    EXPECT_EQ(job_context()->requested_resource_list.front().ah_idnr, 2);
+    EXPECT_EQ(resource_context()->requested_resource_list.front().ah_idnr, 2);
     EXPECT_EQ(give("shared", version_1, 1, "abc"), 0) << "the answer names the job that asked first";
     EXPECT_TRUE(runs(2));
     end(2);

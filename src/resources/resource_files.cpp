@@ -1,4 +1,4 @@
-#include "jobs/resource_files.h"
+#include "resources/resource_files.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -19,9 +19,8 @@
 #include "base/text.h"
 #include "identity/accounts.h"
 #include "identity/user_files.h"
-#include "jobs/job_area.h"
-#include "jobs/job_table.h"
 #include "log/log.h"
+#include "resources/resources.h"
 
 namespace {
 
@@ -56,13 +55,13 @@ bool climbs(const std::string& clean) {
            clean == "..";
 }
 
-int directory_error(qx7_error* error, int number, const JP_AREA* job, const std::string& path,
+int directory_error(qx7_error* error, int number, const resource_job* job, const std::string& path,
                     int error_number) {
     return qx_error_set(error, -1, error_number, number, "%d:%.200s|%.500s|%d - %s", job->JP_Mandant,
                         job->JP_oName, path.c_str(), error_number, error_text(error_number).c_str());
 }
 
-void log_directory(int number, const JP_AREA* job, const std::string& path) {
+void log_directory(int number, const resource_job* job, const std::string& path) {
     __log(number, "%d:%.200s|%.500s", job->JP_Mandant, job->JP_oName, path.c_str());
 }
 
@@ -121,7 +120,7 @@ int open_folders(const EX_PCX* pcx, const std::string& path, mode_t mode, bool* 
 }
 
 // Down to the file's own folder: one that a user made could not take the next version by another one's job.
-int make_client_path(const EX_PCX* pcx, const JP_AREA* job, const resource_item& resource,
+int make_client_path(const EX_PCX* pcx, const resource_job* job, const resource_item& resource,
                      qx7_error* error) {
     const std::string path(path_folder_name(resource.file_path));
     struct stat status;
@@ -143,7 +142,7 @@ int make_client_path(const EX_PCX* pcx, const JP_AREA* job, const resource_item&
 }
 
 // The directory above the task's own, where each user may make one.
-int make_task_parent(const EX_PCX* pcx, const JP_AREA* job, const std::string& parent, qx7_error* error) {
+int make_task_parent(const EX_PCX* pcx, const resource_job* job, const std::string& parent, qx7_error* error) {
     bool made = false;
     effUser_guard lock;
     const qx_descriptor folder(open_folders(pcx, parent, shared_directory_mode, &made));
@@ -162,7 +161,7 @@ int make_task_parent(const EX_PCX* pcx, const JP_AREA* job, const std::string& p
 
 // A directory made beforehand by somebody else, or one that lies in what is somebody else's, would let him
 // change what the job reads.
-bool task_directory_is_jobs(const EX_PCX* pcx, const JP_AREA* job, const std::string& path) {
+bool task_directory_is_jobs(const EX_PCX* pcx, const resource_job* job, const std::string& path) {
     bool made = false;
     const size_t slash = path.rfind('/');
     effUser_guard lock;
@@ -174,7 +173,7 @@ bool task_directory_is_jobs(const EX_PCX* pcx, const JP_AREA* job, const std::st
 }
 
 // Somebody else was there first. 0, or -1 with qx_errno.
-int replace_task_directory(const EX_PCX* pcx, const JP_AREA* job, const std::string& path, qx7_error* error) {
+int replace_task_directory(const EX_PCX* pcx, const resource_job* job, const std::string& path, qx7_error* error) {
     const size_t slash = path.rfind('/');
     const std::string made = hidden_name();
     const std::string made_path = path.substr(0, slash + 1) + made;
@@ -193,7 +192,7 @@ int replace_task_directory(const EX_PCX* pcx, const JP_AREA* job, const std::str
     return qx_error_set(error, -1, failed, 0, "%s", "");
 }
 
-int make_task_path(const EX_PCX* pcx, const JP_AREA* job, qx7_error* error) {
+int make_task_path(const EX_PCX* pcx, const resource_job* job, qx7_error* error) {
     const std::string path = path_clean(job->jp_task_cache_path);
     struct stat status;
     const bool taken = lstat(path.c_str(), &status) == 0;
@@ -271,7 +270,7 @@ void keep_first(qx7_error* first, const qx7_error& failure) {
     }
 }
 
-void delete_task_file(const JP_AREA* job, const resource_item& item, qx7_error* first) {
+void delete_task_file(const resource_job* job, const resource_item& item, qx7_error* first) {
     qx7_error reason;
     const int removed = RemoveWithEffUser(job->jp_userName, item.file_path.c_str(), &reason);
     if (removed < 0) {
@@ -287,7 +286,7 @@ void delete_task_file(const JP_AREA* job, const resource_item& item, qx7_error* 
 }
 
 // The directories between the job's own and a file in it, from the innermost on; those that hold more stay.
-void delete_folders_of(const JP_AREA* job, const resource_item& item) {
+void delete_folders_of(const resource_job* job, const resource_item& item) {
     const std::string top = path_clean(job->jp_task_cache_path) + "/";
     std::string folder = path_clean(item.file_path);
     qx7_error ignored;
@@ -297,7 +296,7 @@ void delete_folders_of(const JP_AREA* job, const resource_item& item) {
              removeDir_EffUser(job->jp_userName, folder.c_str(), &ignored) == 0);
 }
 
-void delete_task_directory(const JP_AREA* job, qx7_error* first) {
+void delete_task_directory(const resource_job* job, qx7_error* first) {
     const std::string path = path_clean(job->jp_task_cache_path);
     struct stat status;
     if (path.empty() || lstat(path.c_str(), &status) != 0) {
@@ -352,7 +351,7 @@ int resource_stat(const std::string& path, long* modified) {
     return 0;
 }
 
-int CreateCachePath(EX_PCX* pcx, const JP_AREA* job, const resource_item& resource, qx7_error* error) {
+int CreateCachePath(EX_PCX* pcx, const resource_job* job, const resource_item& resource, qx7_error* error) {
     return resource.cache_type == resource_task ? make_task_path(pcx, job, error)
                                                 : make_client_path(pcx, job, resource, error);
 }
@@ -371,9 +370,7 @@ size_t CrLfCorrection(char* text, size_t length) {
 
 int CreateResourceFile(EX_PCX*, const resource_item& resource, std::span<const unsigned char> data,
                        char fileType, qx7_error* error) {
-    const JP_AREA* job = resource.job_list.empty() ? nullptr
-                                                   : Find_JEntry(resource.job_list.front().ah_idnr,
-                                                                 static_cast<uint16_t>(resource.client));
+    const resource_job* job = resource_first_job(resource);
     if (job == nullptr) {
         return qx_error_set(error, -1, 0, number_file_failed, "%d:%s/%s|%.400s|empty job list|",
                             resource.client, resource.object_name.c_str(), resource.resource_name.c_str(),
@@ -409,7 +406,7 @@ int CreateResourceFile(EX_PCX*, const resource_item& resource, std::span<const u
     return file_failed(error, resource, failed);
 }
 
-int DeleteTaskResourceFiles(JP_AREA* job, qx7_error* error) {
+int DeleteTaskResourceFiles(resource_job* job, qx7_error* error) {
     qx7_error first;
     // Taken off first: a second call must not meet them again.
     const resource_list items = std::move(job->jp_used_task_resource_list);

@@ -1,7 +1,7 @@
 // The lists of stored resources and of those who need them.
 #include <algorithm>
 
-#include "jobs/resources.h"
+#include "resources/resources.h"
 
 void AddItemToList(std::vector<key_entry>* list, const key_entry& entry) {
     const bool known = std::any_of(list->begin(), list->end(), [&](const key_entry& other) {

@@ -6,15 +6,18 @@
 // once these have come. Main thread, as all here.
 #pragma once
 
+#include <sys/types.h>
+
+#include <cstdint>
 #include <list>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "messages/head.h"
 #include "messages/view.h"
 
 struct EX_PCX;
-struct JP_AREA;
 struct MSG_TYPE_BINTAB;
 struct MSG_TYPE_EXAKTJ;
 struct ccm_msg_t;
@@ -51,23 +54,59 @@ struct resource_item {
 
 using resource_list = std::list<resource_item>;
 
+// The part of a job's entry that resources stand on; the whole of it is in jobs/job_area.h. Texts of fixed width end in a
+// zero byte.
+struct resource_job {
+    uint16_t JP_Mandant = 0;  // client; key together with JP_jobNr, never changed after creation
+    int JP_jobNr = 0;         // run number
+    char JP_oName[256] = {};
+    uid_t jp_uid = static_cast<uid_t>(-1);  // the job's user; all ones while unknown
+    char jp_userName[33] = {};
+    unsigned char cCodeTab[256] = {};
+    QX_HEADM jp_headm = {};  // header of the EXAKTJ or JOB_INF
+    std::list<resource_item> jp_used_task_resource_list;
+    std::vector<key_entry> jp_used_client_resource_list;
+    std::vector<key_entry> jp_requested_resource_list;
+    std::string jp_client_cache_path;
+    std::string jp_task_cache_path;
+};
+
+// What the owner of the jobs does here.
+struct resource_owner {
+    resource_job* (*find)(int ah_idnr, uint16_t client);  // null when there is none
+    void (*start)(EX_PCX* pcx, resource_job* job);        // nothing is missing any more; the job may be gone afterwards
+    void (*refuse)(EX_PCX* pcx, resource_job* job, int msgnr, const char* insert);  // tells the server
+    void (*erase)(resource_job* job);
+};
+// Constant afterwards.
+void resources_belong_to(const resource_owner& owner);
+
+// All resources of the agent that stand in no job's own list.
+struct resource_state {
+    resource_list used_resource_list;
+    resource_list requested_resource_list;
+    resource_list waiting_resource_list;
+    int res_key = 1;
+};
+resource_state* resource_context();
+
 // ---- For activation and the end of jobs
 // ----------------------------------------------------------------------------
 
 // Takes over the cache paths of an activation and all rows of its table. When the job's list of requested
 // resources is not empty afterwards, it has to wait. The job's user, client and number are set, its address is
 // kept. 0, or -1 with `error`; the caller then takes the job off the lists.
-int job_read_resources(EX_PCX* pcx, JP_AREA* job, message_view view, const MSG_TYPE_EXAKTJ& record,
+int job_read_resources(EX_PCX* pcx, resource_job* job, message_view view, const MSG_TYPE_EXAKTJ& record,
                        qx7_error* error);
 // One row of BINTAB for `job`. 0; on -1 `error` is filled and the job's share is undone.
-int ReadStorageObjectResource(EX_PCX* pcx, JP_AREA* job, const MSG_TYPE_BINTAB& row, qx7_error* error);
+int ReadStorageObjectResource(EX_PCX* pcx, resource_job* job, const MSG_TYPE_BINTAB& row, qx7_error* error);
 // Deletes the files of the job's own resources and their directory as the job's user. A directory that holds
 // other files stays. 0, or -1 with the first failure in `error`, later ones logged.
-int DeleteTaskResourceFiles(JP_AREA* job, qx7_error* error);
+int DeleteTaskResourceFiles(resource_job* job, qx7_error* error);
 // Takes the job off every list, deletes what DeleteTaskResourceFiles does, and asks for new versions that
 // waited for this job; other jobs may be cancelled and erased by that. 0, or -1 with the first failure in
 // `error`.
-int RemoveJobFromResourceLists(EX_PCX* pcx, JP_AREA* job, qx7_error* error);
+int RemoveJobFromResourceLists(EX_PCX* pcx, resource_job* job, qx7_error* error);
 
 // ---- Messages
 // ------------------------------------------------------------------------------------------------------

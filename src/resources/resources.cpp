@@ -1,5 +1,5 @@
 // Which job needs which stored resource: from the rows of an activation to the day when nobody needs it.
-#include "jobs/resources.h"
+#include "resources/resources.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -9,19 +9,19 @@
 #include "base/error.h"
 #include "base/paths.h"
 #include "identity/accounts.h"
-#include "jobs/activation.h"
-#include "jobs/job_context.h"
-#include "jobs/job_table.h"
-#include "jobs/resource_files.h"
 #include "log/log.h"
 #include "messages/records_job.h"
 #include "messages/timestamp.h"
+#include "resources/resource_files.h"
 
 namespace {
 
 constexpr int number_bad_path = 2000241;
 constexpr int number_bad_name = 2000242;
 constexpr int number_stat_failed = 2000244;
+
+resource_state the_resources;
+resource_owner owner = {};
 
 // A row as it is wanted, its place on this host worked out.
 struct wanted_resource {
@@ -32,12 +32,12 @@ struct wanted_resource {
     char type = resource_client;
 };
 
-int bad_path(const JP_AREA* job, std::string_view told, qx7_error* error) {
+int bad_path(const resource_job* job, std::string_view told, qx7_error* error) {
     return qx_error_set(error, -1, EPERM, number_bad_path, "%d:%.200s|%.500s|%d - %s", job->JP_Mandant,
                         job->JP_oName, std::string(told).c_str(), EPERM, error_text(EPERM).c_str());
 }
 
-int read_row(const JP_AREA* job, const MSG_TYPE_BINTAB& row, wanted_resource* wanted, qx7_error* error) {
+int read_row(const resource_job* job, const MSG_TYPE_BINTAB& row, wanted_resource* wanted, qx7_error* error) {
     wanted->object = get_text(row.object_name);
     wanted->name = get_text(row.resource_name);
     wanted->timestamp = timestamp_seconds_local(row.mod_date);
@@ -61,11 +61,11 @@ int read_row(const JP_AREA* job, const MSG_TYPE_BINTAB& row, wanted_resource* wa
     return 0;
 }
 
-key_entry entry_of(const JP_AREA* job, int key) {
+key_entry entry_of(const resource_job* job, int key) {
     return {key, job->JP_jobNr, job->JP_Mandant};
 }
 
-resource_item* AddResourceToList(resource_list* list, const JP_AREA* job, const wanted_resource& wanted,
+resource_item* AddResourceToList(resource_list* list, const resource_job* job, const wanted_resource& wanted,
                                  char usage) {
     resource_item& item = list->emplace_front();
     item.object_name = wanted.object;
@@ -74,7 +74,7 @@ resource_item* AddResourceToList(resource_list* list, const JP_AREA* job, const 
     item.ah_idnr = job->JP_jobNr;
     item.client = job->JP_Mandant;
     item.usr_idnr = static_cast<int>(job->jp_headm.i4UsrIdNr);
-    item.key = job_context()->res_key++;
+    item.key = resource_context()->res_key++;
     item.timestamp = wanted.timestamp;
     item.start_timestamp = item.end_timestamp = time(nullptr);
     item.cache_type = wanted.type;
@@ -84,7 +84,7 @@ resource_item* AddResourceToList(resource_list* list, const JP_AREA* job, const 
 }
 
 // The same client resource at the same place.
-resource_item* find_shared(resource_list* list, const JP_AREA* job, const wanted_resource& wanted) {
+resource_item* find_shared(resource_list* list, const resource_job* job, const wanted_resource& wanted) {
     for (resource_item& item : *list) {
         if (item.cache_type == resource_client && item.client == job->JP_Mandant &&
             item.file_path == wanted.path && item.object_name == wanted.object &&
@@ -95,18 +95,18 @@ resource_item* find_shared(resource_list* list, const JP_AREA* job, const wanted
     return nullptr;
 }
 
-void join(resource_item* item, JP_AREA* job, std::vector<key_entry>* keys) {
+void join(resource_item* item, resource_job* job, std::vector<key_entry>* keys) {
     AddItemToList(&item->job_list, entry_of(job, item->key));
     AddItemToList(keys, entry_of(job, item->key));
 }
 
-int request_new(EX_PCX* pcx, JP_AREA* job, const wanted_resource& wanted, char usage, qx7_error* error) {
-    resource_item* item = AddResourceToList(&job_context()->requested_resource_list, job, wanted, usage);
+int request_new(EX_PCX* pcx, resource_job* job, const wanted_resource& wanted, char usage, qx7_error* error) {
+    resource_item* item = AddResourceToList(&resource_context()->requested_resource_list, job, wanted, usage);
     join(item, job, &job->jp_requested_resource_list);
     return SendBinGetMessage(pcx, item, error);
 }
 
-int join_requested(EX_PCX* pcx, JP_AREA* job, const wanted_resource& wanted, resource_item* item,
+int join_requested(EX_PCX* pcx, resource_job* job, const wanted_resource& wanted, resource_item* item,
                    qx7_error* error) {
     join(item, job, &job->jp_requested_resource_list);
     if (item->timestamp >= wanted.timestamp) {
@@ -116,30 +116,30 @@ int join_requested(EX_PCX* pcx, JP_AREA* job, const wanted_resource& wanted, res
     return SendBinGetMessage(pcx, item, error);
 }
 
-void join_waiting(JP_AREA* job, const wanted_resource& wanted, resource_item* item) {
+void join_waiting(resource_job* job, const wanted_resource& wanted, resource_item* item) {
     join(item, job, &job->jp_requested_resource_list);
     item->timestamp = std::max(item->timestamp, wanted.timestamp);
 }
 
 // The file on disk is the one that is wanted.
-void use_existing(JP_AREA* job, const wanted_resource& wanted, resource_item* used) {
+void use_existing(resource_job* job, const wanted_resource& wanted, resource_item* used) {
     if (used == nullptr) {
-        used = AddResourceToList(&job_context()->used_resource_list, job, wanted, resource_existed);
+        used = AddResourceToList(&resource_context()->used_resource_list, job, wanted, resource_existed);
     }
     join(used, job, &job->jp_used_client_resource_list);
 }
 
 // Other jobs run with another version: the new one must not take the file away from them.
-void wait_for_users(JP_AREA* job, const wanted_resource& wanted, resource_item* used) {
+void wait_for_users(resource_job* job, const wanted_resource& wanted, resource_item* used) {
     resource_item* item =
-        AddResourceToList(&job_context()->waiting_resource_list, job, wanted, resource_update);
+        AddResourceToList(&resource_context()->waiting_resource_list, job, wanted, resource_update);
     item->resource_key = used->key;
     used->resource_key = item->key;
     join(item, job, &job->jp_requested_resource_list);
 }
 
-int read_client_row(EX_PCX* pcx, JP_AREA* job, const wanted_resource& wanted, qx7_error* error) {
-    JPPCX* context = job_context();
+int read_client_row(EX_PCX* pcx, resource_job* job, const wanted_resource& wanted, qx7_error* error) {
+    resource_state* context = resource_context();
     long modified = 0;
     const bool there = resource_stat(wanted.path, &modified) == 0;
     if (!there && errno != ENOENT && errno != ENOTDIR) {
@@ -174,7 +174,7 @@ int read_client_row(EX_PCX* pcx, JP_AREA* job, const wanted_resource& wanted, qx
 
 // ---- Leaving ----
 
-void leave_awaited(JPPCX* context, const key_entry& key, const JP_AREA* job) {
+void leave_awaited(resource_state* context, const key_entry& key, const resource_job* job) {
     resource_list* list = &context->requested_resource_list;
     resource_item* item = FindResourceWithKey(list, key.key);
     if (item == nullptr) {
@@ -196,7 +196,7 @@ void leave_awaited(JPPCX* context, const key_entry& key, const JP_AREA* job) {
 }
 
 // The old version is free: its successor is asked for.
-void request_waiting(EX_PCX* pcx, JPPCX* context, int key) {
+void request_waiting(EX_PCX* pcx, resource_state* context, int key) {
     resource_list taken = GetResourceFromList(&context->waiting_resource_list, key);
     if (taken.empty()) {
         return;
@@ -211,7 +211,7 @@ void request_waiting(EX_PCX* pcx, JPPCX* context, int key) {
     }
 }
 
-void leave_used(EX_PCX* pcx, JPPCX* context, const key_entry& key, const JP_AREA* job) {
+void leave_used(EX_PCX* pcx, resource_state* context, const key_entry& key, const resource_job* job) {
     resource_item* item = FindResourceWithKey(&context->used_resource_list, key.key);
     if (item == nullptr) {
         return;
@@ -230,7 +230,27 @@ void leave_used(EX_PCX* pcx, JPPCX* context, const key_entry& key, const JP_AREA
 
 }  // namespace
 
-int job_read_resources(EX_PCX* pcx, JP_AREA* job, message_view view, const MSG_TYPE_EXAKTJ& record,
+void resources_belong_to(const resource_owner& jobs) {
+    owner = jobs;
+}
+
+const resource_owner& resource_jobs() {
+    return owner;
+}
+
+resource_state* resource_context() {
+    return &the_resources;
+}
+
+resource_job* resource_job_of(const key_entry& entry) {
+    return owner.find(entry.ah_idnr, static_cast<uint16_t>(entry.client));
+}
+
+resource_job* resource_first_job(const resource_item& resource) {
+    return resource.job_list.empty() ? nullptr : resource_job_of(resource.job_list.front());
+}
+
+int job_read_resources(EX_PCX* pcx, resource_job* job, message_view view, const MSG_TYPE_EXAKTJ& record,
                        qx7_error* error) {
     if (record.binpaths_dist == 0 || record.binpaths_entries == 0) {
         return 0;
@@ -262,7 +282,7 @@ int job_read_resources(EX_PCX* pcx, JP_AREA* job, message_view view, const MSG_T
     return 0;
 }
 
-int ReadStorageObjectResource(EX_PCX* pcx, JP_AREA* job, const MSG_TYPE_BINTAB& row, qx7_error* error) {
+int ReadStorageObjectResource(EX_PCX* pcx, resource_job* job, const MSG_TYPE_BINTAB& row, qx7_error* error) {
     wanted_resource wanted;
     int result = read_row(job, row, &wanted, error);
     if (result == 0) {
@@ -279,8 +299,8 @@ int ReadStorageObjectResource(EX_PCX* pcx, JP_AREA* job, const MSG_TYPE_BINTAB& 
     return -1;
 }
 
-int RemoveJobFromResourceLists(EX_PCX* pcx, JP_AREA* job, qx7_error* error) {
-    JPPCX* context = job_context();
+int RemoveJobFromResourceLists(EX_PCX* pcx, resource_job* job, qx7_error* error) {
+    resource_state* context = resource_context();
     // Taken off the job first: cancelling others may come back here.
     const std::vector<key_entry> awaited = std::move(job->jp_requested_resource_list);
     const std::vector<key_entry> used = std::move(job->jp_used_client_resource_list);
@@ -303,7 +323,7 @@ void CancelAllJobsWaitingForThisResource(EX_PCX* pcx, resource_item* resource, i
     const std::vector<key_entry> jobs = std::move(resource->job_list);
     resource->job_list.clear();
     for (const key_entry& entry : jobs) {
-        JP_AREA* job = Find_JEntry(entry.ah_idnr, static_cast<uint16_t>(entry.client));
+        resource_job* job = resource_job_of(entry);
         if (job == nullptr) {
             continue;
         }
@@ -311,10 +331,10 @@ void CancelAllJobsWaitingForThisResource(EX_PCX* pcx, resource_item* resource, i
         if (DeleteTaskResourceFiles(job, &error) != 0) {
             __log_error(error);
         }
-        create_and_send_aktj_quitt_message(pcx, job, msgnr, insert);
+        owner.refuse(pcx, job, msgnr, insert);
         if (RemoveJobFromResourceLists(pcx, job, &error) != 0) {
             __log_error(error);
         }
-        Erase_JEntry(entry.ah_idnr, static_cast<uint16_t>(entry.client));
+        owner.erase(job);
     }
 }

@@ -6,17 +6,15 @@
 #include "base/context.h"
 #include "base/error.h"
 #include "base/text.h"
+#include "channels/ccm.h"
 #include "channels/messages.h"
 #include "channels/outgoing.h"
 #include "identity/accounts.h"
-#include "jobs/activation.h"
-#include "jobs/job_context.h"
-#include "jobs/job_table.h"
-#include "jobs/resource_files.h"
-#include "jobs/resources.h"
 #include "log/log.h"
 #include "messages/records_report.h"
 #include "messages/timestamp.h"
+#include "resources/resource_files.h"
+#include "resources/resources.h"
 
 namespace {
 
@@ -54,7 +52,7 @@ int send_question(EX_PCX* pcx, const resource_item& resource, int version, const
 }
 
 resource_item* find_awaited(const MSG_TYPE_BIN_DATA& data) {
-    resource_list* list = &job_context()->requested_resource_list;
+    resource_list* list = &resource_context()->requested_resource_list;
     const std::string_view object = get_text(data.object_name);
     const std::string_view name = get_text(data.name);
     const int client = data.header.i2Mandant;
@@ -63,17 +61,9 @@ resource_item* find_awaited(const MSG_TYPE_BIN_DATA& data) {
     return item != nullptr ? item : FindResourceInList(list, object, name, client, 0);
 }
 
-JP_AREA* first_job(const resource_item& resource) {
-    if (resource.job_list.empty()) {
-        return nullptr;
-    }
-    const key_entry& first = resource.job_list.front();
-    return Find_JEntry(first.ah_idnr, static_cast<uint16_t>(first.client));
-}
-
 int store(EX_PCX* pcx, const resource_item& resource, std::span<const unsigned char> content, char file_type,
           qx7_error* error) {
-    const JP_AREA* job = first_job(resource);
+    const resource_job* job = resource_first_job(resource);
     if (job != nullptr && resource.usage_type == resource_new &&
         CreateCachePath(pcx, job, resource, error) < 0) {
         return -1;
@@ -81,7 +71,7 @@ int store(EX_PCX* pcx, const resource_item& resource, std::span<const unsigned c
     return CreateResourceFile(pcx, resource, content, file_type, error);
 }
 
-void move_key(JP_AREA* job, int key, bool into_used) {
+void move_key(resource_job* job, int key, bool into_used) {
     std::erase_if(job->jp_requested_resource_list, [&](const key_entry& entry) { return entry.key == key; });
     if (into_used) {
         AddItemToList(&job->jp_used_client_resource_list, {key, job->JP_jobNr, job->JP_Mandant});
@@ -90,7 +80,7 @@ void move_key(JP_AREA* job, int key, bool into_used) {
 
 // A task resource belongs to its one job from now on.
 void give_to_job(resource_list* taken, int key) {
-    if (JP_AREA* job = first_job(taken->front())) {
+    if (resource_job* job = resource_first_job(taken->front())) {
         move_key(job, key, false);
         job->jp_used_task_resource_list.splice(job->jp_used_task_resource_list.begin(), *taken);
     }
@@ -105,16 +95,16 @@ void hand_out(EX_PCX* pcx, resource_list* taken) {
     } else {
         // All jobs first: one that ends its start badly must not free what the others have not taken yet.
         for (const key_entry& entry : jobs) {
-            if (JP_AREA* job = Find_JEntry(entry.ah_idnr, static_cast<uint16_t>(entry.client))) {
+            if (resource_job* job = resource_job_of(entry)) {
                 move_key(job, key, true);
             }
         }
-        resource_list* used = &job_context()->used_resource_list;
+        resource_list* used = &resource_context()->used_resource_list;
         used->splice(used->begin(), *taken);
     }
     for (const key_entry& entry : jobs) {
-        if (JP_AREA* job = Find_JEntry(entry.ah_idnr, static_cast<uint16_t>(entry.client))) {
-            StartJobWhenPossible(pcx, job);
+        if (resource_job* job = resource_job_of(entry)) {
+            resource_jobs().start(pcx, job);
         }
     }
 }
@@ -123,7 +113,7 @@ void hand_out(EX_PCX* pcx, resource_list* taken) {
 
 int SendBinGetMessage(EX_PCX* pcx, resource_item* resource, qx7_error* error) {
     resource->start_timestamp = time(nullptr);
-    if (!job_server_reachable(pcx)) {
+    if (!ccm_server_reachable(pcx)) {
         return 0;
     }
     return send_question(pcx, *resource, version_first, reply_module, error);
@@ -131,7 +121,7 @@ int SendBinGetMessage(EX_PCX* pcx, resource_item* resource, qx7_error* error) {
 
 int SendBinGetMessagesAfterReconnect(EX_PCX* pcx) {
     qx7_error error;
-    for (const resource_item& resource : job_context()->requested_resource_list) {
+    for (const resource_item& resource : resource_context()->requested_resource_list) {
         if (send_question(pcx, resource, version_again, reply_module_again, &error) != 0) {
             __log_error(error);
             return -1;
@@ -160,7 +150,7 @@ int ProcessBinDataMessage(EX_PCX* pcx, ccm_msg_t* msg) {
     }
     item->timestamp = timestamp;
     item->end_timestamp = time(nullptr);
-    resource_list taken = GetResourceFromList(&job_context()->requested_resource_list, item->key);
+    resource_list taken = GetResourceFromList(&resource_context()->requested_resource_list, item->key);
     resource_item& resource = taken.front();
     qx7_error error;
     const auto content = view_data(view, data.content_dist, data.content_len);
