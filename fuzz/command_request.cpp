@@ -91,7 +91,7 @@ void run(byte_source* source) {
     ask(fuzz_message(source, request));
     fuzz_steps(source, 6, step);
     while (getCommandCount() > 0) {
-        removeCommandEntry(&pcx, &GetCmdGlb()->cmd_firstCMDA.front());
+        removeCommandEntry(&GetCmdGlb()->cmd_firstCMDA.front());
     }
 }
 

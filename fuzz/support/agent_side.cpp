@@ -309,7 +309,7 @@ ccm_msg_t* fuzz_receive(const char* module, const message_bytes& body) {
     msg->flag |= CCM_MSG_FLAG_CAME_SEALED;
     ccm_setaddr(msg, 1, 0, "", module, 0);
     ccm_setback(msg, ccm_name_server, "JPEXEC_R", 55);
-    if (msgconv_ToHost(msg->msg_start, body.size(), static_cast<const msgconv_ctx_t*>(pcx.pcx_msgctx)) != 0) {
+    if (msgconv_ToHost(msg->msg_start, body.size(), pcx.pcx_msgctx) != 0) {
         ccm_msg_free(pcx.ccm, msg);
         return nullptr;
     }

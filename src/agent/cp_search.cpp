@@ -1,8 +1,9 @@
 #include "agent/cp_search.h"
 
 #include <algorithm>
-#include <cstdlib>
+#include <cstdio>
 #include <cstring>
+#include <vector>
 
 #include "agent/server_connection.h"
 #include "base/context.h"
@@ -22,16 +23,25 @@ constexpr int port_max = 65535;
 constexpr int rank_of_first_named = 2;
 constexpr int random_ranking_base = 32768;
 
-// Beside the array, in the same order: the channel of each candidate, 0 before its connect.
-int candidate_channel[cp_connection_max];
-// The channel that was chosen last; it is in its handshake while it still is a candidate by type.
-int chosen_channel = 0;
-time_t last_start = 0;
+struct candidate {
+    cp_connection_t entry;
+    int channel = 0;  // 0 before its connect
+};
+
+struct search_state {
+    bool open = false;
+    std::vector<candidate> candidates;  // EX_PCX.nof_cp_connections of them
+    int chosen_channel = 0;  // that was chosen last; it is in its handshake while it still is a candidate by type
+    time_t last_start = 0;
+};
+
+search_state the_search;
+
 // A connect that took longer has waited for a resolver that does not answer.
 constexpr int slow_connect_ms = 1000;
 
 bool searching(const EX_PCX* pcx) {
-    return (pcx->pcx_flag & PCX_FLAG_CP_SEARCH) != 0 && pcx->cp_connections != nullptr;
+    return (pcx->pcx_flag & PCX_FLAG_CP_SEARCH) != 0 && the_search.open;
 }
 
 bool failed(const cp_connection_t& entry) {
@@ -48,70 +58,63 @@ bool in_flight(const cp_connection_t& entry) {
 }
 
 void free_list(EX_PCX* pcx) {
-    free(pcx->cp_connections);
-    pcx->cp_connections = nullptr;
+    the_search.open = false;
+    the_search.candidates = {};
     pcx->nof_cp_connections = 0;
 }
 
-// Sorts both arrays alike; equal rankings keep their order.
-void sort_candidates(EX_PCX* pcx) {
-    cp_connection_t* list = pcx->cp_connections;
-    for (int at = 1; at < pcx->nof_cp_connections; ++at) {
-        for (int to = at; to > 0 && cp_connection_sortbyRanking(&list[to - 1], &list[to]) > 0; --to) {
-            std::swap(list[to - 1], list[to]);
-            std::swap(candidate_channel[to - 1], candidate_channel[to]);
-        }
+// Equal rankings keep their order.
+void sort_candidates() {
+    std::ranges::stable_sort(the_search.candidates, [](const candidate& left, const candidate& right) {
+        return cp_connection_sortbyRanking(&left.entry, &right.entry) < 0;
+    });
+}
+
+candidate* candidate_of(const EX_PCX* pcx, int channel_id) {
+    if (!searching(pcx) || channel_id <= 0) {
+        return nullptr;
     }
+    const auto found = std::ranges::find(the_search.candidates, channel_id, &candidate::channel);
+    return found == the_search.candidates.end() ? nullptr : &*found;
 }
 
-int index_of_channel(const EX_PCX* pcx, int channel_id) {
-    for (int at = 0; at < pcx->nof_cp_connections; ++at) {
-        if (candidate_channel[at] == channel_id && channel_id > 0) {
-            return at;
-        }
-    }
-    return -1;
+candidate* next_candidate() {
+    const auto found = std::ranges::find_if(the_search.candidates, [](const candidate& other) {
+        return !started(other.entry) && !failed(other.entry);
+    });
+    return found == the_search.candidates.end() ? nullptr : &*found;
 }
 
-int index_of_next(const EX_PCX* pcx) {
-    for (int at = 0; at < pcx->nof_cp_connections; ++at) {
-        if (!started(pcx->cp_connections[at]) && !failed(pcx->cp_connections[at])) {
-            return at;
-        }
-    }
-    return -1;
+bool any_in_flight() {
+    return std::ranges::any_of(the_search.candidates, in_flight, &candidate::entry);
 }
 
-bool any_in_flight(const EX_PCX* pcx) {
-    return std::any_of(pcx->cp_connections, pcx->cp_connections + pcx->nof_cp_connections, in_flight);
-}
-
-void mark_failed(EX_PCX* pcx, int at) {
-    pcx->cp_connections[at].flag |= CPC_FLAG_FAILED;
-    pcx->cp_connections[at].ranking = cp_ranking_failed;
+void mark_failed(cp_connection_t* entry) {
+    entry->flag |= CPC_FLAG_FAILED;
+    entry->ranking = cp_ranking_failed;
 }
 
 // What the list says now.
 struct standing {
-    int failed = 0;
-    int answered = 0;
-    int best = -1;
+    size_t failed = 0;
+    size_t answered = 0;
+    candidate* best = nullptr;
     bool at_once = false;
 };
 
-standing stand_of(const EX_PCX* pcx) {
+standing stand_of_all() {
     standing now;
-    for (int at = 0; at < pcx->nof_cp_connections; ++at) {
-        const cp_connection_t& entry = pcx->cp_connections[at];
+    for (candidate& one : the_search.candidates) {
+        const cp_connection_t& entry = one.entry;
         if (failed(entry)) {
             ++now.failed;
         } else if (answered(entry)) {
             ++now.answered;
-            if (now.best < 0 || entry.ranking < pcx->cp_connections[now.best].ranking) {
-                now.best = at;
+            if (now.best == nullptr || entry.ranking < now.best->entry.ranking) {
+                now.best = &one;
             }
             if (entry.ranking == cp_ranking_now) {
-                now.best = at;
+                now.best = &one;
                 now.at_once = true;
                 break;
             }
@@ -181,13 +184,7 @@ cp_search_actions cp_search_outside = {real_connect, real_choose, real_close_can
 
 int cp_search_open(EX_PCX* pcx) {
     cp_search_end(pcx, 0);
-    pcx->cp_connections = static_cast<cp_connection_t*>(calloc(cp_connection_max, sizeof(cp_connection_t)));
-    memset(candidate_channel, 0, sizeof candidate_channel);
-    chosen_channel = 0;
-    last_start = alarm_now();
-    if (pcx->cp_connections == nullptr) {
-        return -1;
-    }
+    the_search = {true, {}, 0, alarm_now()};
     pcx->pcx_flag.fetch_or(PCX_FLAG_CP_SEARCH);
     return 0;
 }
@@ -200,25 +197,24 @@ void cp_search_end(EX_PCX* pcx, int keep_channel_id) {
 
 int cp_connection_add(EX_PCX* pcx, const char* host, int port, int ranking) {
     const size_t length = strlen(host);
-    if (pcx->cp_connections == nullptr || pcx->nof_cp_connections >= cp_connection_max || length == 0 ||
-        length > host_max || port < 1 || port > port_max) {
+    if (!the_search.open || the_search.candidates.size() >= cp_connection_max || length == 0 || length > host_max ||
+        port < 1 || port > port_max) {
         return -1;
     }
-    cp_connection_t& entry = pcx->cp_connections[pcx->nof_cp_connections];
-    entry = {};
+    cp_connection_t& entry = the_search.candidates.emplace_back().entry;
     memcpy(entry.eyec, eyecatcher, sizeof entry.eyec);
     snprintf(entry.name, sizeof entry.name, "*PORT(%d)", port);
     copy_text(entry.addr, host);
     entry.port = port;
     entry.ranking = ranking;
-    candidate_channel[pcx->nof_cp_connections++] = 0;
+    ++pcx->nof_cp_connections;
     return 0;
 }
 
-cp_connection_t* cp_connection_get_by_port(EX_PCX* pcx, int port) {
-    for (int at = 0; at < pcx->nof_cp_connections; ++at) {
-        if (pcx->cp_connections[at].port == port) {
-            return &pcx->cp_connections[at];
+cp_connection_t* cp_connection_get_by_port(EX_PCX*, int port) {
+    for (candidate& one : the_search.candidates) {
+        if (one.entry.port == port) {
+            return &one.entry;
         }
     }
     return nullptr;
@@ -233,23 +229,22 @@ int cp_connection_sortbyRanking(const void* left, const void* right) {
 int cp_connection_connect_next_based_ranking(EX_PCX* pcx) {
     for (;;) {
         const int result = cp_connection_check_best(pcx);
-        if (result > 0 || any_in_flight(pcx)) {
+        if (result > 0 || any_in_flight()) {
             return result;
         }
-        sort_candidates(pcx);
-        const int at = index_of_next(pcx);
-        if (at < 0) {
+        sort_candidates();
+        candidate* next = next_candidate();
+        if (next == nullptr) {
             continue;  // all have answered or failed: the next check decides
         }
-        const cp_connection_t entry = pcx->cp_connections[at];
         const int64_t begin = alarm_now_ms();
-        const int id = cp_search_outside.connect(pcx, entry.addr, entry.port);
+        const int id = cp_search_outside.connect(pcx, next->entry.addr, next->entry.port);
         if (id > 0) {
-            pcx->cp_connections[at].flag |= CPC_FLAG_CONNECTING;
-            candidate_channel[at] = id;
+            next->entry.flag |= CPC_FLAG_CONNECTING;
+            next->channel = id;
             return 0;
         }
-        mark_failed(pcx, at);
+        mark_failed(&next->entry);
         if (alarm_now_ms() - begin > slow_connect_ms) {
             // The next pass goes on: a row of names that nobody resolves must not keep the jobs waiting, nor
             // the listener without its ping.
@@ -262,21 +257,21 @@ int cp_connection_check_best(EX_PCX* pcx) {
     if (!searching(pcx)) {
         return 2;
     }
-    sort_candidates(pcx);
+    sort_candidates();
     for (;;) {
-        const standing now = stand_of(pcx);
-        if (now.failed == pcx->nof_cp_connections) {
+        const standing now = stand_of_all();
+        if (now.failed == the_search.candidates.size()) {
             return give_up(pcx);
         }
-        if (!now.at_once && now.failed + now.answered < pcx->nof_cp_connections) {
+        if (!now.at_once && now.failed + now.answered < the_search.candidates.size()) {
             return 0;
         }
-        const int id = candidate_channel[now.best];
+        const int id = now.best->channel;
         if (cp_search_outside.choose(pcx, id) != 0) {
-            mark_failed(pcx, now.best);  // it went away in this very moment; the others are still there
+            mark_failed(&now.best->entry);  // it went away in this very moment; the others are still there
             continue;
         }
-        chosen_channel = id;
+        the_search.chosen_channel = id;
         pcx->Srv_alarm_time = alarm_now() + pcx->Per_Reconnect;
         cp_search_end(pcx, id);
         return 2;
@@ -284,29 +279,28 @@ int cp_connection_check_best(EX_PCX* pcx) {
 }
 
 int cp_search_answered(EX_PCX* pcx, int channel_id, int port, int ranking) {
-    const int at = searching(pcx) ? index_of_channel(pcx, channel_id) : -1;
-    if (at < 0 || pcx->cp_connections[at].port != port) {
+    candidate* known = candidate_of(pcx, channel_id);
+    if (known == nullptr || known->entry.port != port) {
         return -1;
     }
-    cp_connection_t& entry = pcx->cp_connections[at];
+    cp_connection_t& entry = known->entry;
     entry.flag |= (ranking == cp_ranking_refused ? CPC_FLAG_FAILED : CPC_FLAG_CONNECTING) | CPC_FLAG_ANSWERED;
     entry.ranking = ranking;
     return 0;
 }
 
 void cp_search_failed(EX_PCX* pcx, int channel_id) {
-    const int at = searching(pcx) ? index_of_channel(pcx, channel_id) : -1;
-    if (at >= 0) {
-        mark_failed(pcx, at);
+    if (candidate* known = candidate_of(pcx, channel_id)) {
+        mark_failed(&known->entry);
     }
 }
 
 void cp_connection_closed(EX_PCX* pcx, int channel_id, int port) {
-    const int at = searching(pcx) ? index_of_channel(pcx, channel_id) : -1;
-    if (at < 0 || pcx->cp_connections[at].port != port || failed(pcx->cp_connections[at])) {
+    candidate* known = candidate_of(pcx, channel_id);
+    if (known == nullptr || known->entry.port != port || failed(known->entry)) {
         return;
     }
-    mark_failed(pcx, at);
+    mark_failed(&known->entry);
     cp_connection_connect_next_based_ranking(pcx);
 }
 
@@ -331,24 +325,24 @@ void cp_search_add_list(EX_PCX* pcx, const char* list, size_t length) {
 }
 
 void cp_search_check(EX_PCX* pcx) {
-    if (!searching(pcx) || (any_in_flight(pcx) && cp_search_outside.candidates_alive(pcx))) {
+    if (!searching(pcx) || (any_in_flight() && cp_search_outside.candidates_alive(pcx))) {
         return;
     }
-    for (int at = 0; at < pcx->nof_cp_connections; ++at) {
-        if (in_flight(pcx->cp_connections[at])) {
-            mark_failed(pcx, at);
+    for (candidate& one : the_search.candidates) {
+        if (in_flight(one.entry)) {
+            mark_failed(&one.entry);
         }
     }
     cp_connection_connect_next_based_ranking(pcx);
 }
 
 time_t cp_search_last_start() {
-    return last_start;
+    return the_search.last_start;
 }
 
 bool cp_handshake_under_way(EX_PCX* pcx) {
     ccm_channel_image_t channel;
-    return chosen_channel > 0 && ccm_channel_copy(pcx->ccm, chosen_channel, &channel) == 0 &&
+    return the_search.chosen_channel > 0 && ccm_channel_copy(pcx->ccm, the_search.chosen_channel, &channel) == 0 &&
            channel.type == CH_TYPE_CP_CANDIDATE;
 }
 

@@ -17,8 +17,7 @@ enum cp_connection_flag {
     CPC_FLAG_ANSWERED = 4
 };
 
-// One candidate. The array stands in `EX_PCX.cp_connections`; sorting moves the entries, so no pointer to one
-// lives across a call that may sort or add.
+// One candidate. Sorting moves the entries of the list, so no pointer to one lives across a call that may sort or add.
 struct cp_connection_t {
     char eyec[8];  // "%CPCONN%"
     int flag;
@@ -27,7 +26,7 @@ struct cp_connection_t {
     int port;
     int ranking;
 };
-static_assert(sizeof(cp_connection_t) == 148 && sizeof(cp_connection_t) * cp_connection_max == 9472);
+static_assert(sizeof(cp_connection_t) == 148);
 
 // What the search does to the outside; a test puts its own functions here.
 struct cp_search_actions {
@@ -42,7 +41,7 @@ struct cp_search_actions {
 };
 extern cp_search_actions cp_search_outside;
 
-// A new, empty list and the search flag. 0, or -1 without memory.
+// A new, empty list and the search flag. 0.
 int cp_search_open(EX_PCX* pcx);
 // Adds a candidate; -1 when the list is full or host or port are not acceptable.
 int cp_connection_add(EX_PCX* pcx, const char* host, int port, int ranking);

@@ -23,7 +23,6 @@
 #include "agent/shutdown.h"
 #include "agent/signals.h"
 #include "agent/timers.h"
-#include "agent/unbuilt_modules.h"
 #include "base/context.h"
 #include "base/files.h"
 #include "base/give_back.h"
@@ -425,12 +424,10 @@ int run_agent(const entry_state& state) {
     if (open_security(pcx) != 0) {
         return abnormal_start_with_thread(pcx, state, true);
     }
-    FH_Open(pcx);
     if (open_framing(pcx) != 0) {
         return abnormal_start_with_thread(pcx, state, true);
     }
     pcx->argv = state.argv;
-    pcx->argc = state.argc;
     pcx->Log_alarm_time = alarm_now() + log_first_send;
     if (open_timers(pcx) != 0) {
         return abnormal_start_with_thread(pcx, state, true);

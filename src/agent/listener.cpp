@@ -503,7 +503,6 @@ int listener_ping_wd_handler(void* context, const char*, const char*) {
     memcpy(&record, ccm_msg_body(msg), sizeof record);
     record.send_time = time(nullptr);
     memcpy(ccm_msg_body(msg), &record, sizeof record);
-    pcx->listener_last_ping = alarm_now();
     ccm_setaddr(msg, 0, 0, ccm_name_ipc_listener, "", 0);
     return send_IPC_message(pcx->ccm, msg);
 }

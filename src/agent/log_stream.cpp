@@ -119,7 +119,6 @@ int process_chglog(EX_PCX* pcx, ccm_msg_t* msg, int) {
     const auto order = view_record<MSG_TYPE_CHGLOG>(view_of(msg));
     __log(2000067, "%d|", order.ah_idnr);
     send_log2server(pcx, log_blocks_at_end);
-    pcx->report_b_acv = msg->addr.src_acv;
     put_field(pcx->report_b_name, get_field(msg->addr.src_name));
     start_new_log(pcx);
 

@@ -29,7 +29,6 @@ namespace {
 constexpr size_t own_addresses_max = 100;
 constexpr int seconds_of_a_day = 86400;
 constexpr int preset_interval = 60;
-constexpr int first_check = 10;
 constexpr int log_block_min = 256;
 
 using logon_answer = MSG_TYPE_EXSTRTQ2;
@@ -63,11 +62,8 @@ void take_password_checks(EX_PCX* pcx, const logon_answer& answer) {
     const int check = ReadLoginCheck(pcx);
     pcx->pcx_JobPwCheck = check_of(check, answer.anonymous_job, &pcx->pcx_anonymusJob, "Job");
     pcx->pcx_FtPwCheck = check_of(check, answer.anonymous_ft, &pcx->pcx_anonymusFt, "FT");
-    pcx->pcx_FePwCheck = check_of(check, answer.anonymous_fe, &pcx->pcx_anonymusFe, "File event");
+    (void)check_of(check, answer.anonymous_fe, &pcx->pcx_anonymusFe, "File event");  // for its line in the log
     pcx->pcx_anonymusUsr = answer.anonymous_job;
-    if (answer.fe_version == '1' || answer.fe_version == '2') {
-        pcx->pcx_evntVers = static_cast<short>(answer.fe_version - '0');
-    }
 }
 
 void take_report(EX_PCX* pcx, const logon_answer& answer) {
@@ -91,17 +87,11 @@ void take_rollback_time(EX_PCX* pcx, const logon_answer& answer) {
 
 void take_periods(EX_PCX* pcx, const logon_answer& answer) {
     take_period(&pcx->Per_JobCheck, answer.job_check, "Jobs");
-    pcx->Per_StpTime = pcx->Per_JobCheck;
     take_period(&pcx->Per_KeepAlive, answer.keep_alive, "Server");
     take_period(&pcx->Per_Reconnect, answer.reconnect, "Reconnect");
     take_period(&pcx->Per_Report, answer.report, "Report");
     pcx->pcx_chglogIntvl = static_cast<time_t>(answer.chglog_intvl) * seconds_of_a_day;
     pcx->pcx_chglogSize = answer.chglog_size;
-    pcx->pcx_enc_comp = answer.enc_comp;
-    pcx->ft_rst_life = answer.ft_rst_life;
-    pcx->ft_rst_check_hh = answer.ft_rst_check.hh;
-    pcx->ft_rst_check_mm = answer.ft_rst_check.mm;
-    pcx->ft_rst_check_ss = answer.ft_rst_check.ss;
     take_rollback_time(pcx, answer);
     const int events = answer.check_interval < 1 ? preset_interval : std::min(answer.check_interval, 32767);
     take_short_period(&pcx->fsh_check_interval, events, "File Event");
@@ -110,10 +100,7 @@ void take_periods(EX_PCX* pcx, const logon_answer& answer) {
     const int reports = answer.ft_report_time < 1 ? preset_interval : answer.ft_report_time;
     take_short_period(&pcx->ftx_report_intervall, reports, "File Transfer Report");
     take_short_period(&pcx->ftx_con_timeout, answer.ft_con_timeout, "unused FT connection");
-    pcx->ft_use_md5 = answer.ft_use_md5;
-    pcx->pcx_fh_max_file_count = answer.max_file_count;
     take_period(&pcx->pcx_cmd_timeout, answer.cmd_timeout, "backend command");
-    pcx->ftx_sta_timeout = pcx->ftx_rprt_timeout = pcx->ftx_rstr_timeout = alarm_now() + first_check;
 }
 
 // ---- own addresses: by them the agent knows that a transfer's partner is itself

@@ -11,12 +11,12 @@
 #include "agent/server_connection.h"
 #include "agent/shutdown.h"
 #include "agent/signals.h"
-#include "agent/unbuilt_modules.h"
 #include "base/context.h"
 #include "base/time.h"
 #include "channels/ipc.h"
 #include "channels/network_thread.h"
 #include "identity/user_files.h"
+#include "jobs/commands.h"
 #include "jobs/job_table.h"
 #include "log/log.h"
 #include "log/trace.h"
@@ -87,7 +87,7 @@ void find_server(EX_PCX* pcx, time_t now) {
 
 // An upgrade waits for the moment in which nothing would be interrupted.
 void restart_when_quiet(EX_PCX* pcx) {
-    if (pcx->upgrade_exit_code == exit_code_upgrade && !unbuilt_modules_busy(pcx) && jpGetJobCount() == 0 &&
+    if (pcx->upgrade_exit_code == exit_code_upgrade && getCommandCount() == 0 && jpGetJobCount() == 0 &&
         get_fileReqCount(pcx) == 0) {
         initiate_agent_shutdown(pcx);
     }

@@ -165,16 +165,11 @@ int server_connection_start(EX_PCX* pcx, qx7_error* error) {
     qx_error_clear(error);
     named_lists.clear();
     resolver_own_host();  // begins the look-up that the logon wants
-    if (cp_search_open(pcx) != 0) {
-        return qx_error_set(error, -1, ENOMEM, 2003043, "calloc|%u|%s|", static_cast<unsigned>(ENOMEM),
-                            strerror(ENOMEM));
-    }
+    cp_search_open(pcx);
     pcx->unquitted_srvqry = 0;
     __log(2000072, "%s", pcx->sysName);
     const endpoint primary = main_cp(pcx);
-    if (cp_connection_add(pcx, primary.host, primary.port, cp_random_ranking()) == 0) {
-        pcx->PrimaryCpPort = primary.port;
-    } else if (primary.given) {
+    if (cp_connection_add(pcx, primary.host, primary.port, cp_random_ranking()) != 0 && primary.given) {
         __log(-1,
               "setting 'cp' in section [TCP/IP] names no server process: write a host of at most 63 "
               "characters, \":\" and a port");

@@ -54,11 +54,6 @@ short read_short(EX_PCX* pcx, const char* section, const char* key, const char* 
     return static_cast<short>(value > SHRT_MAX ? SHRT_MAX : value);
 }
 
-char read_small(EX_PCX* pcx, const char* section, const char* key, const char* preset) {
-    const int value = read_count(pcx, section, key, preset);
-    return static_cast<char>(value > SCHAR_MAX ? SCHAR_MAX : value);
-}
-
 char read_switch(EX_PCX* pcx, const char* section, const char* key, const char* preset) {
     return pcx->getProfileBool(pcx, section, key, preset) ? 1 : 0;
 }
@@ -68,111 +63,52 @@ int read_size(EX_PCX* pcx, const char* section, const char* key, const char* pre
 }
 
 void clear_alarm_times(EX_PCX* pcx) {
-    pcx->Srv_alarm_time = pcx->Ftx_connect_alarm_time = pcx->FT_alarm_time = pcx->FT_stp_time = 0;
-    pcx->Log_alarm_time = pcx->Job_alarm_time = pcx->Cmd_alarm_time = pcx->Alive_alarm_time = 0;
-    pcx->pcx_SnoozeTime = pcx->ERP_JobTime2 = pcx->ERP_WriteTime = pcx->fsh_alarmTime = 0;
-    pcx->ftx_cleanup_time = pcx->listener_alarm_time = pcx->shutdown_timer = pcx->timer_global = 0;
+    pcx->Srv_alarm_time = pcx->Log_alarm_time = pcx->Job_alarm_time = pcx->Cmd_alarm_time = 0;
+    pcx->fsh_alarmTime = pcx->listener_alarm_time = pcx->shutdown_timer = pcx->timer_global = 0;
 }
 
 void TimeInit(EX_PCX* pcx) {
     pcx->Per_JobCheck = fixed_job_check;
-    pcx->Per_StpTime = pcx->Per_JobCheck;
     pcx->pcx_cmd_timeout = fixed_cmd_timeout;
     pcx->Per_Report = fixed_report;
     pcx->Per_KeepAlive = fixed_keep_alive;
-    // The one key serves two settings with two defaults.
     pcx->Per_Reconnect = read_count(pcx, "TCP/IP", "connect", "0");
-    pcx->Per_ConTime = read_short(pcx, "TCP/IP", "connect", "30");
     if (pcx->Per_Reconnect == 0) {
         const int alarm = read_count(pcx, "TCP/IP", "alarm", "60");
         pcx->Per_Reconnect = alarm == 0 ? fixed_alarm : alarm;
     }
-    pcx->Per_WriteTime = read_count(pcx, "GLOBAL", "WRITE_TIME", "30");
-    pcx->ERP_JobCheck2 = read_count(pcx, "MISC", "ERP_chkj2", "20");
     pcx->pcx_SnoozePeriod = read_short(pcx, "TCP/IP", "SnoozeDelay", "0");
     pcx->pcx_ExecutorState = pcx->pcx_SnoozePeriod != 0 ? EXECUTOR_SNOOZING : EXECUTOR_RUNNING;
     const long ticks = sysconf(_SC_CLK_TCK);
     pcx->Takt = static_cast<short>(ticks > 0 && ticks <= SHRT_MAX ? ticks : 100);
-    pcx->MaxTakt = read_short(pcx, "MISC", "maxtakt", "100");
-    pcx->RecvMax = read_short(pcx, "GLOBAL", "rcv_max", "30");
     pcx->exStart = time(nullptr);
     pcx->UB_Time = pcx->exStart;
     clear_alarm_times(pcx);
 }
 
-void read_sizes(EX_PCX* pcx) {
-    pcx->ServerLoop = read_short(pcx, "MISC", "ServerFaktor", "5");
-    pcx->RecvBufferSize = read_size(pcx, "TCP/IP", "RecvBufferSize", "1048576");
-    pcx->SendBufferSize = read_size(pcx, "TCP/IP", "SendBufferSize", "1048576");
-    pcx->FileBufferSize = read_size(pcx, "MISC", "FileBufferSize", "0");
+void read_switches(EX_PCX* pcx) {
     pcx->trc_file_limit = static_cast<unsigned>(read_size(pcx, "MISC", "TraceFileSize", "0"));
-    pcx->FtpSendMessageSize =
-        settings_ft_message_size(read_text(pcx, "MISC", "FtpSendMessageSize", "32256").text);
-    pcx->FtpCompressBufferSize =
-        settings_compress_size(read_text(pcx, "GLOBAL", "ft_compress_strong", "10").text);
-    pcx->pcx_MaxRepCnt = read_count(pcx, "TCP/IP", "maxrepcnt", "8");
-    pcx->pcx_CurrentRepCnt = pcx->pcx_MaxRepCnt;
-}
-
-void read_file_and_process_switches(EX_PCX* pcx) {
-    pcx->pcx_FnLowerCase = read_switch(pcx, "MISC", "FileNameLowerCase", "no");
-    pcx->pcx_EndDelimiter = read_switch(pcx, "MISC", "FileEndDelimiter", "no");
     pcx->pcx_ProcInfo = read_switch(pcx, "MISC", "ProcessInfo", "yes");
-    pcx->pcx_FileRemove = read_switch(pcx, "MISC", "FileRemoveCheck", "yes");
-    pcx->pcx_InfoMsg = read_small(pcx, "MISC", "InfoMsg", "0");
     pcx->logThreadFlag = read_switch(pcx, "TRACE", "log_thread_id", "no");
     pcx->trcThreadFlag = pcx->logThreadFlag;
-    pcx->pcx_evntVers = static_cast<short>(ReadEventVersion(pcx));
     pcx->pcx_hardened = read_switch(pcx, "GLOBAL", "hardened", "no");
-    pcx->pcx_fh_depth = read_count(pcx, "GLOBAL", "FileProcessingMaxDepth", "0");
-    pcx->pcx_fh_timeout = read_count(pcx, "GLOBAL", "FileProcessingTimeout", "0");
-}
-
-void read_connection_switches(EX_PCX* pcx) {
-    const setting_text thread = read_text(pcx, "TCP/IP", "send_thread", "FT");
-    pcx->pcx_tcpSendThread = equal_ignore_case(strip(thread.text), "IO") ? SEND_THREAD_IO : SEND_THREAD_FT;
-    pcx->pcx_nagle = read_switch(pcx, "TCP/IP", "tcp_nodelay", "yes");
-    pcx->pcx_KeepAlive = read_switch(pcx, "TCP/IP", "tcp_keepalive", "yes");
-    pcx->pcx_KeepAliveTime = read_count(pcx, "TCP/IP", "tcp_keepalive_time", "0");
-    pcx->pcx_MNRdark = read_small(pcx, "TRACE", "MNRdark", "0");
-    pcx->pcx_Chiffre = read_small(pcx, "TCP/IP", "chiffre", "1");
-    if (pcx->pcx_Chiffre == 1) {
-        pcx->Chiffre_key = static_cast<uint32_t>(pcx->UB_Time.load());
-    }
-    pcx->FL_CloseConn = read_switch(pcx, "TCP/IP", "CloseConnection", "no");
 }
 
 void set_fixed_switches(EX_PCX* pcx) {
-    struct stat proc;
-    pcx->procFS = stat("/proc", &proc) == 0 ? 1 : 0;
     pcx->ExStart_Typ = START_COLD;
-    pcx->pcx_AccCheck = ACCESS_CHECK_OFF;
-    pcx->FT_CheckPoint = 1;
     memset(pcx->report_type, ' ', sizeof pcx->report_type);
     memset(pcx->report_b_name, ' ', sizeof pcx->report_b_name);
     pcx->report_id = pcx->report_id_neu = 0;
 }
 
-struct account {
-    char name[33];
-    char home[qx_path_size];
-};
-
-// An id without an account keeps its number as name and the root as home.
-account account_of(uid_t uid) {
-    account found = {};
+// An id without an account keeps its number as name.
+std::string account_name(uid_t uid) {
     effUser_guard guard;
     std::vector<char> buffer(16384);
     passwd entry;
     passwd* result = nullptr;
-    if (getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &result) == 0 && result != nullptr) {
-        copy_text(found.name, entry.pw_name);
-        copy_text(found.home, entry.pw_dir);
-    } else {
-        snprintf(found.name, sizeof found.name, "%u", static_cast<unsigned>(uid));
-        copy_text(found.home, "/");
-    }
-    return found;
+    const bool found = getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &result) == 0 && result != nullptr;
+    return found ? entry.pw_name : std::to_string(uid);
 }
 
 void read_identity(EX_PCX* pcx) {
@@ -180,21 +116,12 @@ void read_identity(EX_PCX* pcx) {
     pcx->ex_ppid = getppid();
     pcx->pcx_strt_uid = pcx->pcx_run_uid = getuid();
     pcx->pcx_strt_euid = pcx->pcx_run_euid = geteuid();
-    pcx->pcx_strt_gid = pcx->pcx_run_gid = getgid();
-    pcx->pcx_strt_egid = pcx->pcx_run_egid = getegid();
-    const account real = account_of(pcx->pcx_strt_uid);
-    const account effective = account_of(pcx->pcx_strt_euid);
-    copy_text(pcx->pcx_strt_realUserName, real.name);
-    copy_text(pcx->pcx_strt_realUserDir, real.home);
-    copy_text(pcx->pcx_strt_effUserName, effective.name);
-    copy_text(pcx->pcx_strt_effUserDir, effective.home);
-    copy_text(pcx->pcx_run_realUserName, real.name);
-    copy_text(pcx->pcx_run_realUserDir, real.home);
-    copy_text(pcx->pcx_run_effUserName, effective.name);
-    copy_text(pcx->pcx_run_effUserDir, effective.home);
-    copy_text(pcx->pcx_runUserName, effective.name);
-    copy_text(pcx->efUserName, effective.name);
-    copy_text(pcx->pcx_home_dir, effective.home);
+    pcx->pcx_run_gid = getgid();
+    pcx->pcx_run_egid = getegid();
+    copy_text(pcx->pcx_strt_realUserName, account_name(pcx->pcx_strt_uid));
+    const std::string effective = account_name(pcx->pcx_strt_euid);
+    copy_text(pcx->pcx_runUserName, effective);
+    copy_text(pcx->efUserName, effective);
 }
 
 // The list that the agent takes back after work under another user: the effective group first, then the
@@ -207,7 +134,6 @@ void fill_running_groups(EX_PCX* pcx) {
         pcx->pcx_run_gid_tab[count++] = pcx->pcx_agent_gids[at];
     }
     pcx->pcx_run_gid_tab[count] = static_cast<gid_t>(-1);
-    pcx->pcx_run_gid_count = count;
 }
 
 }  // namespace
@@ -234,10 +160,6 @@ int ReadLoginCheck(EX_PCX* pcx) {
     return settings_protecting_switch(pcx, "GLOBAL", "login_check", true) ? 1 : 0;
 }
 
-int ReadEventVersion(EX_PCX* pcx) {
-    return pcx->getProfileInt(pcx, "GLOBAL", "EventVersion", "1") == 2 ? 2 : 1;
-}
-
 int SetMaxMsgSize(EX_PCX* pcx) {
     return read_count(pcx, "TCP/IP", "maxMsgSize", "500000");
 }
@@ -250,14 +172,11 @@ EX_PCX* PcxMalloc(const char* ini, qx7_error* error) {
     }
     GlbPcx = pcx;
     copy_text(pcx->process_name, "AGENT");
-    pcx->pcx_InputBuffSize = 32768;
     pcx->pcx_main_threadID = pthread_self();
     copy_text(pcx->IniFile, ini);
 
     TimeInit(pcx);
-    read_sizes(pcx);
-    read_file_and_process_switches(pcx);
-    read_connection_switches(pcx);
+    read_switches(pcx);
     set_fixed_switches(pcx);
     read_identity(pcx);
     if (GetGroupsForAgent(pcx) != 0) {

@@ -40,8 +40,6 @@ int settings_listener_port(const char* text, char* address, size_t size);
 // The check that `GLOBAL/login_check` asks for where the server lets jobs, transfers or events run without a
 // login.
 int ReadLoginCheck(EX_PCX* pcx);
-// 1 or 2.
-int ReadEventVersion(EX_PCX* pcx);
 // Largest frame in bytes.
 int SetMaxMsgSize(EX_PCX* pcx);
 // Supplementary groups of the agent's own process into the context.

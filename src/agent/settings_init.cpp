@@ -9,25 +9,17 @@
 #include <climits>
 #include <cstring>
 
-#include "agent/message_error.h"
+#include "agent/modules.h"
 #include "agent/settings.h"
 #include "agent/settings_check.h"
-#include "agent/shell_sources.h"
 #include "agent/start_warnings.h"
-#include "agent/system_variables.h"
-#include "agent/unbuilt_modules.h"
 #include "base/context.h"
 #include "base/files.h"
 #include "base/paths.h"
 #include "base/profile.h"
 #include "base/text.h"
-#include "jobs/activation.h"
-#include "jobs/commands.h"
 #include "log/log.h"
 #include "log/trace.h"
-#include "messages/conversion.h"
-#include "reports/reports.h"
-#include "retrieval/file_retrieval.h"
 
 #ifndef QX_CHANGELIST
 #define QX_CHANGELIST 1
@@ -137,7 +129,6 @@ void read_intervals(EX_PCX* pcx) {
     pcx->ftx_restart_intervall = read_short(pcx, "FILETRANSFER", "ftx_restart_intervall", "5");
     pcx->ftx_sta_intervall = read_short(pcx, "FILETRANSFER", "ftx_status_intervall", "5");
     pcx->ftx_report_intervall = read_short(pcx, "FILETRANSFER", "ftx_report_intervall", "5");
-    pcx->ftx_sta_timeout = pcx->ftx_rprt_timeout = pcx->ftx_rstr_timeout = 0;
 }
 
 // The folder of a log or trace file, completed against the work folder and made when it is missing: these
@@ -190,8 +181,8 @@ int open_log(EX_PCX* pcx, qx7_error* error) {
     if (complete_file_name(pcx, name, pcx->logFile, sizeof pcx->logFile, error) != 0) {
         return -1;
     }
-    pcx->iDevPriv = pcx->getProfileBool(pcx, "GLOBAL", "DevPriv", "NO") ? 1 : 0;
-    pcx->iMsgToStdout = pcx->getProfileBool(pcx, "MISC", "MsgToStdout", "NO") || pcx->iDevPriv != 0 ? 1 : 0;
+    pcx->iMsgToStdout = pcx->getProfileBool(pcx, "MISC", "MsgToStdout", "NO") ||
+                        pcx->getProfileBool(pcx, "GLOBAL", "DevPriv", "NO");
     pcx->cLogToDb = 0;
     if (CreateLogHandle(pcx) != 0) {
         const int number = errno;
@@ -348,74 +339,8 @@ int find_status(EX_PCX* pcx, qx7_error* error) {
     return 0;
 }
 
-void conversion_log(int number, const char* insert) {
-    __log(number, "%s", insert);
-}
-
-void conversion_trace(const char* text) {
-    _TraceText("%s", text);
-}
-
-void conversion_dump(const char* title, const void* address, size_t length) {
-    trcdump(title, address, static_cast<int>(length));
-}
-
-void Msg_Open(EX_PCX* pcx) {
-    static msgconv_ctx_t conversion;
-    const std::atomic<char>* level = &pcx->trcFlgs[TRC_TCPIP];
-    const int checks = pcx->getProfileInt(pcx, "GLOBAL", "chkstr", "0");
-    msgconv_open(&conversion, level, conversion_trace, conversion_dump, conversion_log, message_error_action,
-                 checks);
-    pcx->pcx_msgctx = &conversion;
-}
-
-int Sig_Open(EX_PCX*) {
-    return 0;
-}
-
-int module_error(qx7_error* error, const char* call) {
-    return qx_error_set(error, -1, 0, file_message, "%s", call);
-}
-
-int open_modules(EX_PCX* pcx, qx7_error* error) {
-    qx7_error detail;
-    if (FT_Open(pcx) != 0) {
-        return module_error(error, "FT_Open()||||");
-    }
-    if (FTX_Open(pcx) != 0) {
-        return module_error(error, "FTX_Open()||||");
-    }
-    if (GET_fileOpen(pcx) != 0) {
-        return module_error(error, "GET_fileOpen()||||");
-    }
-    Msg_Open(pcx);
-    if (Var_Open(pcx, &detail) != 0) {
-        __log_error(detail);
-        return module_error(error, "Var_Open()||||");
-    }
-    if (Sig_Open(pcx) != 0) {
-        return module_error(error, "Sig_Open()||||");
-    }
-    if (JP_Open(pcx, &detail) != 0) {
-        __log_error(detail);
-        return module_error(error, "JP_Open()||||");
-    }
-    if (REP_Open(pcx) != 0) {
-        return module_error(error, "REP_Open()||||");
-    }
-    open_agent_shell();
-    if (cmdOpen(pcx) != 0) {
-        return module_error(error, "cmdOpen()||||");
-    }
-    return 0;
-}
-
 void read_rest(EX_PCX* pcx) {
-    pcx->FT_CheckPoint = pcx->getProfileBool(pcx, "GLOBAL", "ft_checkpoint", "yes") ? 1 : 0;
-    const bool check = pcx->getProfileBool(pcx, "GLOBAL", "acl_check", "yes");
-    pcx->pcx_AccCheck = check ? ACCESS_CHECK_ON : ACCESS_CHECK_OFF;
     pcx->pcx_Auth = AUTH_LOCAL;
-    pcx->pcx_msgProcessing = std::max(pcx->getProfileInt(pcx, "GLOBAL", "logMsgProcessing", "10"), 0);
     const int seconds = pcx->getProfileInt(pcx, "TCP/IP", "connwait", "20");
     pcx->connwait = seconds < 1 ? 1 : seconds;
 }

@@ -14,21 +14,12 @@ void each_job(agent_shell_job_taker take, void* place) {
     }
 }
 
-int report_count(EX_PCX* pcx) {
-    int count = 0;
-    for (const REP_Area* area = static_cast<const REP_Area*>(pcx->firstREP); area != nullptr;
-         area = area->pNext) {
-        ++count;
-    }
-    return count;
-}
-
 }  // namespace
 
 void open_agent_shell() {
     agent_shell_sources sources;
     sources.each_job = each_job;
-    sources.report_count = report_count;
+    sources.report_count = [](EX_PCX*) { return getReportCount(); };
     agent_shell_set_sources(sources);
     REP_set_shell(process_agent_shell_command);
 }

@@ -9,26 +9,20 @@
 #include "agent/cp_search.h"
 #include "agent/listener.h"
 #include "agent/log_stream.h"
+#include "agent/modules.h"
 #include "agent/server_connection.h"
 #include "agent/signals.h"
-#include "agent/system_variables.h"
 #include "agent/timers.h"
-#include "agent/unbuilt_modules.h"
 #include "base/context.h"
 #include "base/locks.h"
 #include "base/time.h"
 #include "channels/network_thread.h"
 #include "identity/pam.h"
-#include "jobs/activation.h"
-#include "jobs/commands.h"
 #include "log/log.h"
 #include "log/trace.h"
 #include "messages/conversion.h"
 #include "messages/frame.h"
-#include "reports/reports.h"
-#include "retrieval/file_retrieval.h"
 #include "security/key_store.h"
-#include "services/mail.h"
 
 namespace {
 
@@ -154,7 +148,7 @@ void Close_All(EX_PCX* pcx, int exit_code, int close_ccm) {
     if (pcx->running_mode != MODE_AGENT) {
         __log_set_logger(log_dummy);
     }
-    close_selected_modules(pcx, module_all);
+    close_modules(pcx);
     if (pcx->timer_ctx != nullptr) {
         timer_close(&pcx->timer_ctx);
     }
@@ -164,7 +158,7 @@ void Close_All(EX_PCX* pcx, int exit_code, int close_ccm) {
     log_the_end(pcx, exit_code);
     unload_pam(pcx);
     if (pcx->pcx_hTcpMsg != nullptr) {
-        TcpMsg_Close(static_cast<TCPMSG_WORK_AREA*>(pcx->pcx_hTcpMsg));
+        TcpMsg_Close(pcx->pcx_hTcpMsg);
         pcx->pcx_hTcpMsg = nullptr;
     }
     GssClose();
@@ -190,35 +184,6 @@ void Close_All(EX_PCX* pcx, int exit_code, int close_ccm) {
     destroy_logLock();
     destroy_effUserLock();
     freePcx();
-}
-
-int close_selected_modules(EX_PCX* pcx, unsigned mask) {
-    if ((mask & module_jp) != 0) {
-        JP_Close(pcx);
-    }
-    if ((mask & module_var) != 0) {
-        mail_close(pcx);
-        Var_Close(pcx);
-    }
-    if ((mask & module_rep) != 0) {
-        REP_Close(pcx);
-    }
-    if ((mask & module_cmd) != 0) {
-        cmdClose(pcx);
-    }
-    if ((mask & module_fh) != 0) {
-        FH_Close(pcx);
-    }
-    if ((mask & module_ft) != 0) {
-        FT_Close(pcx);
-    }
-    if ((mask & module_ftx) != 0) {
-        FTX_Close(pcx);
-    }
-    if ((mask & module_getfile) != 0) {
-        GET_fileClose(pcx);
-    }
-    return 0;
 }
 
 void ExitCall(const char* call, const char* text, int error_number) {
@@ -251,6 +216,5 @@ void freePcx() {
     free(pcx->pcx_agent_gids);
     free(pcx->pcx_pIPList);
     free(pcx->trc_trigger_text);
-    free(pcx->cp_connections);
     delete pcx;
 }

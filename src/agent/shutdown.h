@@ -5,18 +5,6 @@ struct EX_PCX;
 
 inline constexpr int drain_silence_limit = 60;  // seconds without a write after which a child is given up
 
-enum module_mask : unsigned {
-    module_jp = 1,
-    module_var = 2,
-    module_rep = 4,
-    module_cmd = 8,
-    module_fh = 16,
-    module_ft = 32,
-    module_ftx = 64,
-    module_getfile = 128,
-    module_all = 0xffffff
-};
-
 // Only LOOP_RUNNING becomes LOOP_STOP_WANTED; later calls do nothing.
 int initiate_agent_shutdown(EX_PCX* pcx);
 // The same for an end that is none of the operator's: the process ends with code 1, so that a supervisor starts
@@ -30,7 +18,6 @@ int shutdown_in_progress(EX_PCX* pcx);
 // Closes everything in a fixed order and frees the context. Every step tolerates what was never opened, so a
 // start that failed half-way ends here too.
 void Close_All(EX_PCX* pcx, int exit_code, int close_ccm);
-int close_selected_modules(EX_PCX* pcx, unsigned mask);
 // The last resort for a call that cannot fail. Any thread; off the main thread it ends the process at once.
 [[noreturn]] void ExitCall(const char* call, const char* text, int error_number);
 void freePcx();

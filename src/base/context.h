@@ -1,4 +1,5 @@
-// The program context: one record that the whole process shares, as plain data.
+// The program context: settings, what is constant after the start, identity, clocks and the loop, as plain data that the
+// whole process shares. What a module keeps for itself stands in the module.
 #pragma once
 
 #include <netinet/in.h>
@@ -13,23 +14,15 @@
 #include "base/version.h"
 
 struct EX_PCX;
-struct FILE_CAT;
-struct FT_AREA;
-struct FTX_AREA;
-struct FH_AREA;
-struct JP_AREA;
-struct QX_HEADM;
+struct TCPMSG_WORK_AREA;
 struct _ExecutorVar;
 struct _pzuhelp;
 struct _pzulogg;
 struct _pzutrace;
 struct __qx_timer_context;
-struct __qx_upgrade_item;
-struct ccm_addr_t;
 struct ccm_context_t;
-struct cp_connection_t;
 struct gss_name_struct;
-struct log_message_stack;
+struct msgconv_ctx_t;
 struct qx_code_tables;
 
 inline constexpr size_t qx_path_size = 4096;
@@ -68,10 +61,8 @@ enum qx_trace_setting : int { TRC_SETTING_MEMORY = 1 };
 // Letters of the single-byte switches.
 enum qx_executor_state : char { EXECUTOR_RUNNING = 'R', EXECUTOR_SNOOZING = 'S' };
 enum qx_executor_status : char { EXECUTOR_PRIVILEGED = 'L', EXECUTOR_UNPRIVILEGED = 'T' };
-enum qx_access_check : char { ACCESS_CHECK_ON = 'A', ACCESS_CHECK_OFF = 'U' };
 enum qx_auth_method : char { AUTH_LOCAL = 'L', AUTH_PAM = 'P' };
 enum qx_start_type : char { START_COLD = 'C', START_WARM = 'W' };
-enum qx_send_thread : char { SEND_THREAD_FT = 'F', SEND_THREAD_IO = 'I' };
 
 // Service pointers: modules read their settings through the context, so that other processes can share the
 // code. out receives at most size - 1 bytes and a NUL (a key list ends with two); the result is the length.
@@ -80,13 +71,10 @@ using pcx_get_string = int (*)(EX_PCX* pcx, const char* section, const char* key
 using pcx_get_bool = bool (*)(EX_PCX* pcx, const char* section, const char* key, const char* preset);
 using pcx_get_int = int (*)(EX_PCX* pcx, const char* section, const char* key, const char* preset);
 using pcx_put_string = int (*)(EX_PCX* pcx, const char* section, const char* key, const char* value);
-using pcx_var_exec = int (*)(EX_PCX* pcx, void* message, int row);
 
 // Filled before the network thread exists; afterwards only the main thread writes, except for the atomics.
 struct EX_PCX {
     char ID[4] = {'%', 'P', 'C', 'X'};
-    char x_Vers[2] = {'0', '1'};
-    char x_Reserved1[6] = {};
     _pzuhelp* hlpHnd = nullptr;
     _pzutrace* trcHnd = nullptr;
     _pzulogg* logHnd = nullptr;
@@ -99,7 +87,6 @@ struct EX_PCX {
     char exName[33] = {};
     char exNodeName[256] = {};
     char exVers[65] = {};
-    char Fi_2[2] = {};
     char meldName[129] = {};
     char ProgPfad[qx_path_size] = {};
     char ProgName[256] = {};
@@ -111,56 +98,24 @@ struct EX_PCX {
     char IniFile[qx_path_size] = {};
     char hlpFile[qx_path_size] = {};
     char logFile[qx_path_size] = {};
-    int pcx_tcpRecv = 0;
     gss_name_struct* pcx_sName = nullptr;  // the agent's own name; set by GssOpen, released by GssClose
-    char pcx_cPIAttrib[128] = {};
 
     // Connections and handles
-    void* pcx_hTcpMsg = nullptr;
+    TCPMSG_WORK_AREA* pcx_hTcpMsg = nullptr;
+    msgconv_ctx_t* pcx_msgctx = nullptr;
     int pcx_iGssQop = 3;
-    char pcx_enc_comp = 0;
     int pcx_iIPCount = 0;
     in_addr_t* pcx_pIPList = nullptr;  // malloc'ed, pcx_iIPCount entries
     pthread_t pcx_main_threadID = {};
 
-    // Module areas; each belongs to the module that opens it
-    void* pcx_ftex = nullptr;
-    void* pcx_ftxglb = nullptr;
-    void* pcx_jpex = nullptr;
+    // What this host tells of itself; owned by Var_Open
     _ExecutorVar* pcx_varex = nullptr;
-    void* pcx_varsig = nullptr;
-    void* pcx_reparea = nullptr;
-    void* pcx_lnm = nullptr;
-    void* pcx_cmdglb = nullptr;
-    void* pcx_getfile = nullptr;
-    void* pcx_upgrade = nullptr;
-
-    // List heads
-    FT_AREA* firstFT = nullptr;
-    void* firstSA = nullptr;
-    void* firstREP = nullptr;
-    FH_AREA* firstFH = nullptr;
-    FH_AREA* pcx_firstFHX = nullptr;
-    void* firstAH = nullptr;
-    void* pcx_aktSock = nullptr;
-    FT_AREA* pcx_aktFT = nullptr;
-    log_message_stack* pcx_FirstMsgStack = nullptr;
-    void* firstCMD = nullptr;
-    void* firstFhPinf = nullptr;
-    void* PrimaryServer = nullptr;
-    void* send_SA = nullptr;
-    void* Report_SA = nullptr;
-    void* tmsAddr = nullptr;
-    void* pcx_xWrite = nullptr;
-    void* pcx_RetPtr = nullptr;
 
     // Service pointers; the reading and writing ones are preset to the INI functions
     pcx_get_string getProfileString;
     pcx_get_bool getProfileBool;
     pcx_get_int getProfileInt;
     pcx_put_string putProfileString;
-    pcx_var_exec VarExec = nullptr;
-    void* pcx_msgctx = nullptr;
 
     // Periods in seconds, sizes in megabytes where told
     int Per_JobTimeout = 0;
@@ -168,122 +123,59 @@ struct EX_PCX {
     int Per_JobCheck = 0;
     int Per_Report = 0;
     int Per_KeepAlive = 0;
-    int Per_StpTime = 0;
-    int ERP_JobCheck2 = 0;
-    int Per_WriteTime = 0;
     int pcx_cmd_timeout = 0;
-    short Per_ConTime = 0;
     short pcx_SnoozePeriod = 0;
     time_t pcx_chglogIntvl = 0;
     unsigned pcx_chglogSize = 0;  // megabytes
 
-    // Sizes in bytes
-    int SendBufferSize = 0;
-    int RecvBufferSize = 0;
-    int FileBufferSize = 0;
-    int FtpSendMessageSize = 0;
-    int FtpCompressBufferSize = 0;
-    int pcx_InputBuffSize = 0;
-    int pcx_fh_max_file_count = 0;
-    int pcx_fh_depth = 0;
-    int pcx_fh_timeout = 0;
     std::atomic<int> pcx_todo_flag = 0;
     char trcThreadFlag = 0;
     char logThreadFlag = 0;
-    int pcx_MaxRepCnt = 0;
-    int pcx_CurrentRepCnt = 0;
 
     // Clocks. Alarm times follow alarm_now(); UB_Time, exStart and stamps follow the real clock.
-    clock_t sZeit = 0;
-    clock_t eZeit = 0;
     std::atomic<time_t> UB_Time = 0;
-    time_t Signal_Time = 0;
     time_t Srv_alarm_time = 0;
     int unquitted_srvqry = 0;
-    time_t Ftx_connect_alarm_time = 0;
-    time_t FT_alarm_time = 0;
-    time_t FT_stp_time = 0;
     time_t Log_alarm_time = 0;
     time_t Job_alarm_time = 0;
     time_t Cmd_alarm_time = 0;
-    time_t Alive_alarm_time = 0;
-    time_t pcx_SnoozeTime = 0;
-    time_t ERP_JobTime2 = 0;
-    time_t ERP_WriteTime = 0;
     time_t fsh_alarmTime = 0;
-    time_t ftx_cleanup_time = 0;
-    time_t ftx_sta_timeout = 0;
-    time_t ftx_rprt_timeout = 0;
-    time_t ftx_rstr_timeout = 0;
     time_t exStart = 0;
     int connwait = 0;
     int ipPort = 0;
-    int PrimaryCpPort = 0;
-    uint32_t Chiffre_key = 0;
     int OpenFileMax = 0;
-    short pcx_SrvSession = 0;
     short logCount = 0;
-    short AktSock = 0;
     short Takt = 0;
-    short MaxTakt = 0;
-    short RecvMax = 0;
-    short ServerLoop = 0;
-    short pcx_evntVers = 0;
-    short pcx_filler = 0;
-    int pcx_msgProcessing = 0;
     std::atomic<int> pcx_flag = 0;  // qx_context_flag
 
     // Single-byte switches
-    char FL_Recv = 0;
-    char pcx_Chiffre = 0;
-    char FL_CloseConn = 0;
-    char ftStp = 0;
-    char procFS = 0;
-    char FL_Send_Type = 0;
     char ExStart_Typ = 0;        // qx_start_type
     char pcx_ExecutorState = 0;  // qx_executor_state
     char ExecutorStatus = 0;     // qx_executor_status
-    char pcx_AccCheck = 0;       // qx_access_check
-    char pcx_InfoMsg = 0;
-    char pcx_FnLowerCase = 0;
-    char pcx_EndDelimiter = 0;
-    char pcx_GssOpen = 0;
     char cLogToDb = 0;
     char iMsgToStdout = 0;
-    char iDevPriv = 0;
     char pcx_ProcInfo = 0;
-    char pcx_FileRemove = 0;
     char pcx_FtPwCheck = 0;
     char pcx_JobPwCheck = 0;
-    char pcx_FePwCheck = 0;
     char pcx_anonymusUsr = 0;
     char pcx_smtpMail = 0;
-    char pcx_tcpSendThread = 0;  // qx_send_thread
-    char pcx_nagle = 0;
-    char pcx_KeepAlive = 0;
     char pcx_hardened = 0;  // 1: GLOBAL/hardened is on
     int pcx_anonymusJob = 0;
     int pcx_anonymusFt = 0;
     int pcx_anonymusFe = 0;
-    int pcx_KeepAliveTime = 0;
 
     // Report to the server
     char report_type[8] = {};
     int report_id = 0;
     int report_id_neu = 0;
     int logBlksize = 0;
-    void* report_area = nullptr;
-    int report_b_acv = 0;
     char report_b_name[8] = {};
     int code_len = 0;
     // Table from the server and its inverse; null is the identity. Set by SetDefaultCode, read by all
     // threads.
     std::atomic<const qx_code_tables*> pDefaultCode = nullptr;
-    char FL_ChangeReport = 0;
-    char FT_CheckPoint = 0;
     int waitForChglogQu = 0;
     char pcx_Auth = 0;  // qx_auth_method
-    char pcx_MNRdark = 0;
     char pcx_PamLibrary[qx_path_size] = {};
     void* pam_handle = nullptr;
     std::atomic<int> LogBuffRecNr = 0;  // lines that wait for the server
@@ -293,36 +185,19 @@ struct EX_PCX {
     char pcx_runUserName[33] = {};
     pid_t ex_pid = 0;
     pid_t ex_ppid = 0;
-    char pcx_home_dir[qx_path_size] = {};
     char pcx_work_dir[qx_path_size] = {};
     uid_t pcx_strt_uid = 0;
     uid_t pcx_strt_euid = 0;
-    gid_t pcx_strt_gid = 0;
-    gid_t pcx_strt_egid = 0;
     char pcx_strt_realUserName[33] = {};
-    char pcx_strt_realUserDir[qx_path_size] = {};
-    char pcx_strt_effUserName[33] = {};
-    char pcx_strt_effUserDir[qx_path_size] = {};
     uid_t pcx_run_uid = 0;
     uid_t pcx_run_euid = 0;
     gid_t pcx_run_gid = 0;
     gid_t pcx_run_egid = 0;
-    char pcx_run_realUserName[33] = {};
-    char pcx_run_realUserDir[qx_path_size] = {};
-    char pcx_run_effUserName[33] = {};
-    char pcx_run_effUserDir[qx_path_size] = {};
     gid_t pcx_run_gid_tab[1024] = {};
-    int pcx_run_gid_count = 0;
     gid_t* pcx_agent_gids = nullptr;  // malloc'ed, pcx_gid_nr entries
     int pcx_gid_nr = 0;
 
     // Later additions
-    time_t connect_start = 0;
-    int srv_session_counter = 0;
-    short ft_rst_life = 0;
-    short ft_rst_check_hh = 0;
-    short ft_rst_check_mm = 0;
-    short ft_rst_check_ss = 0;
     time_t rb_cleanup_time = 0;
     short pcx_rb_life = 0;
     short pcx_rb_check_hh = 0;
@@ -330,19 +205,13 @@ struct EX_PCX {
     short pcx_rb_check_ss = 0;
     char pcx_rb_dir[qx_path_size] = {};
     char pcx_res_dir[qx_path_size] = {};
-    __qx_upgrade_item* upgrade_resource_list = nullptr;
-    __qx_upgrade_item* requested_upgrade_resource_list = nullptr;
-    ccm_addr_t* upgrade_addr = nullptr;
-    QX_HEADM* upgrade_headm = nullptr;
     int upgrade_ah_idnr = 0;
-    void* upgrade_report_handle = nullptr;
     int upgrade_exit_code = 0;
     short ftx_sta_intervall = 0;
     short ftx_report_intervall = 0;
     short ftx_restart_intervall = 0;
     short ftx_con_timeout = 0;
     short fsh_check_interval = 0;
-    char ft_use_md5 = 0;
     char trc_file[qx_path_size] = {};
     int trc_count = 0;
     int trc_max_size = 0;  // megabytes of the ring
@@ -356,13 +225,11 @@ struct EX_PCX {
     std::atomic<int> loop = 0;  // qx_loop_state
     time_t shutdown_timer = 0;
     char** argv = nullptr;
-    int argc = 0;
     int running_mode = MODE_AGENT;
     pid_t listener_pid = 0;
     int listener_channel_ID = 0;
     time_t listener_alarm_time = 0;
     time_t listener_last_pingq = 0;
-    time_t listener_last_ping = 0;
     char listener_bindaddr[64] = {};
     int listener_port = 0;
     int listener_bindlocal = 0;
@@ -373,7 +240,6 @@ struct EX_PCX {
     std::atomic<int> flag_signal = 0;  // qx_signal_flag; written in signal context
     char process_name[64] = {'A', 'G', 'E', 'N', 'T'};
     int nof_cp_connections = 0;
-    cp_connection_t* cp_connections = nullptr;
     __qx_timer_context* timer_ctx = nullptr;
 
     // Trace off, services set to the functions of this floor; everything else zero.

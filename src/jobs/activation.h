@@ -18,7 +18,9 @@ struct qx7_error;
 int JP_Open(EX_PCX* pcx, qx7_error* error);
 // Frees lists and entries. Sends nothing, kills nothing, deletes no file: the jobs run on.
 int JP_Close(EX_PCX* pcx);
-// What follows each call of the module: Job_alarm_time and the snooze period by the number of jobs.
+// The same in a forked child, which has only a copy: nothing outside is touched.
+int JP_after_fork(EX_PCX* pcx);
+// What follows each call of the module: Job_alarm_time by the number of jobs.
 void JP_after_call(EX_PCX* pcx);
 
 // Handler of EXAKTJ. 0, or the failure of sending.

@@ -210,7 +210,7 @@ void cmd_sendExRes(EX_PCX* pcx, Cmd_Area* entry) {
     if (entry->cmda_status == command_running) {
         answer(pcx, *entry);
     }
-    removeCommandEntry(pcx, entry);
+    removeCommandEntry(entry);
 }
 
 void command_remove_output(Cmd_Area* entry) {

@@ -48,11 +48,6 @@ constexpr int check_password_mode = 1;
 
 CMD_GLB the_commands;
 
-void show_list(EX_PCX* pcx) {
-    std::list<Cmd_Area>& commands = the_commands.cmd_firstCMDA;
-    pcx->firstCMD = commands.empty() ? nullptr : &commands.front();
-}
-
 void read_option(EX_PCX* pcx, const char* key, char (&option)[16]) {
     char value[64];
     pcx->getProfileString(pcx, "STARTCMD", key, "-c", value, sizeof value);
@@ -197,7 +192,6 @@ void keep_entry(EX_PCX* pcx, Cmd_Area&& entry) {
     entry.cmda_endTime_t = alarm_now() + pcx->pcx_cmd_timeout;
     const time_t limit = entry.cmda_endTime_t;
     the_commands.cmd_firstCMDA.push_front(std::move(entry));
-    show_list(pcx);
     arm(pcx, limit);
 }
 
@@ -271,21 +265,18 @@ int cmdOpen(EX_PCX* pcx) {
     glb->cmd_lists.Fl_UidType = list_type(pcx, "userid_type");
     glb->cmd_lists.Qx_UidType = list_type(pcx, "QX_user_type");
     read_start_lists(pcx, &glb->cmd_lists);
-    pcx->pcx_cmdglb = glb;
-    show_list(pcx);
     return 0;
 }
 
 int cmdClose(EX_PCX* pcx) {
-    // Nobody will answer with it any more. Children close this module too: they have only forgotten.
-    if (pcx->running_mode == MODE_AGENT) {
-        for (Cmd_Area& entry : the_commands.cmd_firstCMDA) {
-            command_remove_output(&entry);
-        }
+    for (Cmd_Area& entry : the_commands.cmd_firstCMDA) {
+        command_remove_output(&entry);  // nobody will answer with it any more
     }
+    return cmd_after_fork(pcx);
+}
+
+int cmd_after_fork(EX_PCX*) {
     the_commands = CMD_GLB{};
-    pcx->pcx_cmdglb = nullptr;
-    pcx->firstCMD = nullptr;
     return 0;
 }
 
@@ -383,11 +374,9 @@ int cancelCommandEntry(Cmd_Area* entry, qx7_error* error) {
     return result;
 }
 
-void removeCommandEntry(EX_PCX* pcx, Cmd_Area* entry) {
-    std::list<Cmd_Area>& commands = the_commands.cmd_firstCMDA;
+void removeCommandEntry(Cmd_Area* entry) {
     command_remove_output(entry);
-    commands.remove_if([entry](const Cmd_Area& other) { return &other == entry; });
-    show_list(pcx);
+    the_commands.cmd_firstCMDA.remove_if([entry](const Cmd_Area& other) { return &other == entry; });
 }
 
 int process_command_sigchild(EX_PCX* pcx, int pid, int exitCode, int rawStatus) {

@@ -75,6 +75,8 @@ struct CMD_GLB {
 int cmdOpen(EX_PCX* pcx);
 // Forgets all commands; their processes run on, their output files go.
 int cmdClose(EX_PCX* pcx);
+// The same in a forked child: its parent's files stay.
+int cmd_after_fork(EX_PCX* pcx);
 CMD_GLB* GetCmdGlb();
 int getCommandCount();
 
@@ -103,7 +105,7 @@ void command_send_failure(EX_PCX* pcx, const Cmd_Area& entry, int number, const 
 // Kills the shell, and nothing else. 0 with 2000177 in `error`, or -1 with 2000179.
 int cancelCommandEntry(Cmd_Area* entry, qx7_error* error);
 // Deletes the output file and the entry.
-void removeCommandEntry(EX_PCX* pcx, Cmd_Area* entry);
+void removeCommandEntry(Cmd_Area* entry);
 
 // Closes and deletes the output file, if it still is the one that was made.
 void command_remove_output(Cmd_Area* entry);

@@ -79,34 +79,27 @@ int JP_Open(EX_PCX* pcx, qx7_error* error) {
     jpOpen(pcx, &the_context);
     *resource_context() = {};
     job_own_resources();
-    pcx->pcx_jpex = &the_context;
     return 0;
 }
 
 int JP_Close(EX_PCX* pcx) {
-    if (pcx->running_mode == MODE_AGENT) {  // a child that closes this has only a copy
-        drop_waiting();
-    }
+    drop_waiting();
+    return JP_after_fork(pcx);
+}
+
+int JP_after_fork(EX_PCX*) {
     Reset_JTab();
     process_info_forget();
     *resource_context() = {};
     launch_close();
     the_context = JPPCX{};
-    pcx->pcx_jpex = nullptr;
     return 0;
 }
 
 void JP_after_call(EX_PCX* pcx) {
     if (jpGetJobCount() == 0) {
         pcx->Job_alarm_time = 0;
-        pcx->ERP_JobTime2 = 0;
-        return;
-    }
-    const time_t now = alarm_now();
-    if (pcx->Job_alarm_time == 0) {
-        pcx->Job_alarm_time = now + pcx->Per_JobCheck;
-    }
-    if (pcx->pcx_SnoozePeriod != 0) {
-        pcx->pcx_SnoozeTime = now + pcx->pcx_SnoozePeriod;
+    } else if (pcx->Job_alarm_time == 0) {
+        pcx->Job_alarm_time = alarm_now() + pcx->Per_JobCheck;
     }
 }

@@ -18,11 +18,6 @@
 #include "log/log_parts.h"
 #include "log/trace.h"
 
-// The lines that a log change carries over.
-struct log_message_stack {
-    std::vector<std::string> lines;
-};
-
 namespace {
 
 constexpr size_t insert_size = 1024;
@@ -37,6 +32,8 @@ qx_recursive_lock log_lock;
     (fork_lock_register_recursive(FORK_LOCK_LOG, &log_lock), true);
 
 std::atomic<log_function> current_logger = nullptr;
+// What a log change carries over; under the log lock.
+std::vector<std::string> carried_lines;
 
 struct static_message {
     int number;
@@ -233,7 +230,6 @@ void log_drop_in_child(EX_PCX* pcx) {
     __log_set_logger(log_dummy);
     pcx->logHnd = nullptr;
     pcx->hlpHnd = nullptr;
-    pcx->pcx_FirstMsgStack = nullptr;
 }
 
 void LogMessage(int number, const char* inserts) {
@@ -316,46 +312,33 @@ int LOG_CreateMsgStack(EX_PCX* pcx) {
     if (pcx->logHnd == nullptr) {
         return 0;
     }
-    if (pcx->pcx_FirstMsgStack == nullptr) {
-        log_message_stack* stack = new (std::nothrow) log_message_stack;
-        if (stack == nullptr) {
-            return 0;
-        }
-        stack->lines.push_back(separator_line());
-        copy_ends(pcx->logHnd->pFirstMsg, &stack->lines);
-        stack->lines.push_back(separator_line());
-        pcx->pcx_FirstMsgStack = stack;
+    if (carried_lines.empty()) {
+        carried_lines.push_back(separator_line());
+        copy_ends(pcx->logHnd->pFirstMsg, &carried_lines);
+        carried_lines.push_back(separator_line());
     }
-    return static_cast<int>(pcx->pcx_FirstMsgStack->lines.size());
+    return static_cast<int>(carried_lines.size());
 }
 
-int LOG_LogMsgStack(EX_PCX* pcx) {
+int LOG_LogMsgStack(EX_PCX*) {
     log_guard guard;
-    if (pcx->pcx_FirstMsgStack == nullptr) {
-        return 0;
-    }
-    for (const std::string& line : pcx->pcx_FirstMsgStack->lines) {
+    for (const std::string& line : carried_lines) {
         LogText(line.c_str(), -1);
     }
-    return static_cast<int>(pcx->pcx_FirstMsgStack->lines.size());
+    return static_cast<int>(carried_lines.size());
 }
 
 int LOG_TraceMsgStack(EX_PCX* pcx) {
     log_guard guard;
-    if (pcx->pcx_FirstMsgStack == nullptr) {
-        return 0;
-    }
-    for (const std::string& line : pcx->pcx_FirstMsgStack->lines) {
+    for (const std::string& line : carried_lines) {
         ZUTRACE_Text(pcx->trcHnd, line.c_str(), -1);
     }
-    return static_cast<int>(pcx->pcx_FirstMsgStack->lines.size());
+    return static_cast<int>(carried_lines.size());
 }
 
-int LOG_FreeMsgStack(EX_PCX* pcx) {
+int LOG_FreeMsgStack(EX_PCX*) {
     log_guard guard;
-    const int count =
-        pcx->pcx_FirstMsgStack == nullptr ? 0 : static_cast<int>(pcx->pcx_FirstMsgStack->lines.size());
-    delete pcx->pcx_FirstMsgStack;
-    pcx->pcx_FirstMsgStack = nullptr;
+    const int count = static_cast<int>(carried_lines.size());
+    carried_lines = {};
     return count;
 }

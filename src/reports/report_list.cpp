@@ -1,5 +1,8 @@
 // The open transfers of the process.
+#include <algorithm>
 #include <cstring>
+#include <list>
+#include <utility>
 
 #include "base/context.h"
 #include "base/profile.h"
@@ -9,21 +12,23 @@
 
 namespace {
 
-REP_Area* first_area(const EX_PCX* pcx) {
-    return static_cast<REP_Area*>(pcx->firstREP);
+// The newest first.
+std::list<std::unique_ptr<REP_Area>> transfers;
+
+// The transfer out of the list, and closed.
+void close_area(EX_PCX* pcx, std::list<std::unique_ptr<REP_Area>>::iterator at) {
+    drop_block(pcx, &(*at)->ahead);
+    transfers.erase(at);
 }
 
-void close_area(EX_PCX* pcx, REP_Area* area) {
-    if (pcx->running_mode == MODE_AGENT) {  // what a child finds in its memory is the agent's
-        drop_block(pcx, &area->ahead);
-    }
-    delete area;
+void log_failure(const REP_Area& area) {
+    __log(REPORT_FAILED, "%u|", static_cast<unsigned>(area.iRepGet_ah_idnr));
 }
 
 }  // namespace
 
 int REP_Open(EX_PCX* pcx) {
-    pcx->firstREP = nullptr;
+    transfers.clear();
     char value[16];
     GetPrvProfileString("GLOBAL", "allow_agentshell", "no", value, sizeof value, pcx->IniFile);
     ToUpperStr(value);
@@ -35,11 +40,14 @@ int REP_Open(EX_PCX* pcx) {
 }
 
 int REP_Close(EX_PCX* pcx) {
-    while (REP_Area* area = first_area(pcx)) {
-        pcx->firstREP = area->pNext;
-        close_area(pcx, area);
+    while (!transfers.empty()) {
+        close_area(pcx, transfers.begin());
     }
-    pcx->pcx_reparea = nullptr;
+    return 0;
+}
+
+int REP_after_fork(EX_PCX*) {
+    transfers.clear();
     return 0;
 }
 
@@ -51,57 +59,55 @@ bool checkReportEntry(const REP_Area* area) {
     return false;
 }
 
-REP_Area* getReportEntry(EX_PCX* pcx, int ah_idnr) {
+REP_Area* getReportEntry(EX_PCX*, int ah_idnr) {
     if (ah_idnr < 1) {
         return nullptr;
     }
-    for (REP_Area* area = first_area(pcx); area != nullptr && checkReportEntry(area); area = area->pNext) {
+    for (const auto& area : transfers) {
+        if (!checkReportEntry(area.get())) {
+            break;
+        }
         if (area->iRepGet_ah_idnr == ah_idnr) {
-            return area;
+            return area.get();
         }
     }
     return nullptr;
 }
 
+int getReportCount() {
+    return static_cast<int>(transfers.size());
+}
+
 void addReportEntry(EX_PCX* pcx, std::unique_ptr<REP_Area> area) {
     deleteReportEntry(pcx, area->iRepGet_ah_idnr);
-    area->pNext = first_area(pcx);
-    pcx->firstREP = area.release();
+    transfers.push_front(std::move(area));
 }
 
 void deleteReportEntry(EX_PCX* pcx, int ah_idnr) {
-    REP_Area* before = nullptr;
-    for (REP_Area* area = first_area(pcx); area != nullptr; before = area, area = area->pNext) {
-        if (area->iRepGet_ah_idnr == ah_idnr) {
-            if (before == nullptr) {
-                pcx->firstREP = area->pNext;
-            } else {
-                before->pNext = area->pNext;
-            }
-            close_area(pcx, area);
-            return;
-        }
+    const auto at = std::ranges::find_if(
+        transfers, [=](const std::unique_ptr<REP_Area>& area) { return area->iRepGet_ah_idnr == ah_idnr; });
+    if (at != transfers.end()) {
+        close_area(pcx, at);
     }
 }
 
 void deleteAllReportEntry(EX_PCX* pcx) {
-    while (REP_Area* area = first_area(pcx)) {
-        __log(REPORT_FAILED, "%u|", static_cast<unsigned>(area->iRepGet_ah_idnr));
-        pcx->firstREP = area->pNext;
-        close_area(pcx, area);
+    while (!transfers.empty()) {
+        log_failure(*transfers.front());
+        close_area(pcx, transfers.begin());
     }
 }
 
 void close_idle_reports(EX_PCX* pcx) {
     const time_t now = alarm_now();
-    for (REP_Area* area = first_area(pcx); area != nullptr;) {
-        REP_Area* next = area->pNext;
-        if (now - area->last_use > report_idle_limit) {
+    for (auto at = transfers.begin(); at != transfers.end();) {
+        const auto idle = at++;
+        if (now - (*idle)->last_use > report_idle_limit) {
             __PutLogText("Report transfer %d of '%s': the server asked for nothing in %d hours.",
-                         area->iRepGet_ah_idnr, printable(area->cFile).c_str(), static_cast<int>(report_idle_limit / 3600));
-            __log(REPORT_FAILED, "%u|", static_cast<unsigned>(area->iRepGet_ah_idnr));
-            deleteReportEntry(pcx, area->iRepGet_ah_idnr);
+                         (*idle)->iRepGet_ah_idnr, printable((*idle)->cFile).c_str(),
+                         static_cast<int>(report_idle_limit / 3600));
+            log_failure(**idle);
+            close_area(pcx, idle);
         }
-        area = next;
     }
 }

@@ -389,7 +389,7 @@ int process_repquit(EX_PCX* pcx, ccm_msg_t* msg, int) {
 }
 
 int process_repstop(EX_PCX* pcx, ccm_msg_t*, int) {
-    if (pcx->firstREP != nullptr) {
+    if (getReportCount() != 0) {
         __PutLogText("The server ended all report transfers (REP_STOP).");
     }
     deleteAllReportEntry(pcx);

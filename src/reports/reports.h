@@ -56,7 +56,6 @@ inline constexpr char report_eye_catcher[] = "%%REPID_CATCHER%";
 // One open transfer. "constant" fields are set when it opens.
 struct REP_Area {
     char rep_ID[16];  // report_eye_catcher
-    REP_Area* pNext = nullptr;
 
     // constant
     int iRepGet_ah_idnr = 0;  // key of the transfer
@@ -105,6 +104,8 @@ struct REP_Area {
 // Clears the list and reads whether agent shell commands are allowed. 0.
 int REP_Open(EX_PCX* pcx);
 int REP_Close(EX_PCX* pcx);
+// The same in a forked child, whose messages are its parent's.
+int REP_after_fork(EX_PCX* pcx);
 
 // Runs a command of the service console and writes what it shows to a new file; 0 or -1.
 using report_shell = int (*)(const char* output_file, const char* request);
@@ -116,6 +117,7 @@ REP_Area* getReportEntry(EX_PCX* pcx, int ah_idnr);
 // The list owns the entry from here on; an older one of the same key is closed.
 void addReportEntry(EX_PCX* pcx, std::unique_ptr<REP_Area> area);
 void deleteReportEntry(EX_PCX* pcx, int ah_idnr);
+int getReportCount();
 void deleteAllReportEntry(EX_PCX* pcx);
 // False for a damaged entry, which is dumped to the log.
 bool checkReportEntry(const REP_Area* area);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <list>
 #include <span>
 
 #include "base/context.h"
@@ -27,28 +28,25 @@ constexpr char server_resources[] = "QXVAREXR";
 constexpr size_t login_info_size = 200;
 
 struct GLB_GET {
-    char gg_kz[16];
-    GETF_PL* gg_firstFile = nullptr;
+    char gg_kz[16] = {};  // the eye-catcher while the module is open
+    std::list<GETF_PL> gg_firstFile;
     int gg_checkStamp = file_request_time_limit;
 };
 
-GLB_GET* global_of(EX_PCX* pcx) {
-    GLB_GET* global = static_cast<GLB_GET*>(pcx->pcx_getfile);
-    if (global != nullptr && memcmp(global->gg_kz, global_eye_catcher, sizeof global->gg_kz) != 0) {
-        LogDump("file retrieval error", global, sizeof *global);
-        return nullptr;
-    }
-    return global;
+GLB_GET the_requests;
+
+bool is_open() {
+    return memcmp(the_requests.gg_kz, global_eye_catcher, sizeof the_requests.gg_kz) == 0;
 }
 
-GETF_PL* first_request(EX_PCX* pcx) {
-    GLB_GET* global = global_of(pcx);
-    GETF_PL* first = global == nullptr ? nullptr : global->gg_firstFile;
-    if (first != nullptr && memcmp(first->gf_kz, request_eye_catcher, sizeof first->gf_kz) != 0) {
-        LogDump("file request error", first, sizeof first->gf_kz);
-        return nullptr;
+// The newest first.
+std::list<GETF_PL>& requests() {
+    std::list<GETF_PL>& all = the_requests.gg_firstFile;
+    if (!all.empty() && memcmp(all.front().gf_kz, request_eye_catcher, sizeof all.front().gf_kz) != 0) {
+        LogDump("file request error", &all.front(), sizeof all.front().gf_kz);
+        all.clear();
     }
-    return first;
+    return all;
 }
 
 std::string_view body_text(const ccm_msg_t* msg) {
@@ -114,10 +112,10 @@ int check_login(EX_PCX* pcx, GETF_PL* request, std::span<const unsigned char> co
 
 // A text is kept from the opening on, until it was sent or its time is over: not more of all than memory can
 // bear.
-int64_t room_for_text(EX_PCX* pcx) {
+int64_t room_for_text() {
     int64_t held = 0;
-    for (const GETF_PL* request = first_request(pcx); request != nullptr; request = request->gf_next) {
-        held += request->gf_fd.valid() ? 0 : request->gf_restSendSize;
+    for (const GETF_PL& request : requests()) {
+        held += request.gf_fd.valid() ? 0 : request.gf_restSendSize;
     }
     return std::clamp<int64_t>(file_requests_bytes_max - held, 0, file_request_bytes_max);
 }
@@ -129,9 +127,9 @@ bool room_for_request(EX_PCX* pcx) {
         return true;
     }
     GETF_PL* done = nullptr;
-    for (GETF_PL* request = first_request(pcx); request != nullptr; request = request->gf_next) {
-        if (request->gf_lastAct != FILE_ACTION_LOGIN_ASKED && request->gf_restSendSize == 0) {
-            done = request;
+    for (GETF_PL& request : requests()) {
+        if (request.gf_lastAct != FILE_ACTION_LOGIN_ASKED && request.gf_restSendSize == 0) {
+            done = &request;
         }
     }
     if (done != nullptr) {
@@ -141,37 +139,37 @@ bool room_for_request(EX_PCX* pcx) {
 }
 
 // The server answers one after the other, so a refusal belongs to the request that waits longest.
-GETF_PL* oldest_waiting(EX_PCX* pcx, uint32_t uidnr) {
+GETF_PL* oldest_waiting(uint32_t uidnr) {
     GETF_PL* found = nullptr;
-    for (GETF_PL* request = first_request(pcx); request != nullptr; request = request->gf_next) {
-        if (request->gf_uidnr == uidnr && request->gf_lastAct == FILE_ACTION_LOGIN_ASKED) {
-            found = request;
+    for (GETF_PL& request : requests()) {
+        if (request.gf_uidnr == uidnr && request.gf_lastAct == FILE_ACTION_LOGIN_ASKED) {
+            found = &request;
         }
     }
     return found;
 }
 
+template <class Wanted>
+GETF_PL* find_request(Wanted wanted) {
+    const auto found = std::ranges::find_if(requests(), wanted);
+    return found == requests().end() ? nullptr : &*found;
+}
+
 }  // namespace
 
-int GET_fileOpen(EX_PCX* pcx) {
-    auto* global = new GLB_GET;
-    memcpy(global->gg_kz, global_eye_catcher, sizeof global->gg_kz);
-    pcx->pcx_getfile = global;
-    set_fileReqTimeout(pcx);
+int GET_fileOpen(EX_PCX*) {
+    the_requests = {};
+    memcpy(the_requests.gg_kz, global_eye_catcher, sizeof the_requests.gg_kz);
     return 0;
 }
 
-int GET_fileClose(EX_PCX* pcx) {
-    while (GETF_PL* request = first_request(pcx)) {
-        free_fileReqEntry(pcx, request);
-    }
-    delete global_of(pcx);
-    pcx->pcx_getfile = nullptr;
+int GET_fileClose(EX_PCX*) {
+    the_requests = {};
     return 0;
 }
 
 int process_getfile_XML(EX_PCX* pcx, ccm_msg_t* msg, int) {
-    if (global_of(pcx) == nullptr || msg->len <= 0) {
+    if (!is_open() || msg->len <= 0) {
         return -1;
     }
     char key[file_request_key_size];
@@ -205,7 +203,7 @@ int process_getfile_resdata(EX_PCX* pcx, ccm_msg_t* msg, int) {
         return -1;
     }
     request->gf_lastAct = 0;
-    request->gf_room = room_for_text(pcx);
+    request->gf_room = room_for_text();
     if (result != 0 || create_sendRecBuf(request, &error) != 0 ||
         getfile_sendXmlData(pcx, request, &error) != 0) {
         return fail_request(pcx, request, error);
@@ -216,7 +214,7 @@ int process_getfile_resdata(EX_PCX* pcx, ccm_msg_t* msg, int) {
 int process_getfile_quitt(EX_PCX* pcx, ccm_msg_t* msg, int) {
     const message_view view = view_of(msg);
     const auto quitt = view_record<MSG_TYPE_QUITT>(view);
-    GETF_PL* request = oldest_waiting(pcx, quitt.header.i4UsrIdNr);
+    GETF_PL* request = oldest_waiting(quitt.header.i4UsrIdNr);
     if (request == nullptr) {
         return -1;
     }
@@ -285,7 +283,7 @@ GETF_PL* create_fileReqEntry(EX_PCX* pcx, const ccm_msg_t* msg, qx7_error* error
                      printable(get_field(wanted.cdata.cd_filename)).c_str(), file_requests_busy);
         return nullptr;
     }
-    auto* request = new GETF_PL;
+    GETF_PL* request = &requests().emplace_front();
     memcpy(request->gf_kz, request_eye_catcher, sizeof request->gf_kz);
     request->gf_addr = std::move(wanted.addr);
     request->gf_name = std::move(wanted.name);
@@ -302,83 +300,44 @@ GETF_PL* create_fileReqEntry(EX_PCX* pcx, const ccm_msg_t* msg, qx7_error* error
     request->gf_loginobject = get_field(wanted.cdata.cd_loginobject);
     request->gf_b = msg->addr;
     request->gf_timeStamp = alarm_now();
-
-    GLB_GET* global = global_of(pcx);
-    request->gf_next = global->gg_firstFile;
-    if (request->gf_next != nullptr) {
-        request->gf_next->gf_prev = request;
-    }
-    global->gg_firstFile = request;
     return request;
 }
 
-GETF_PL* get_fileReqKey(EX_PCX* pcx, const std::string& key) {
-    GETF_PL* request = first_request(pcx);
-    while (request != nullptr && request->gf_request != key) {
-        request = request->gf_next;
-    }
-    return request;
+GETF_PL* get_fileReqKey(EX_PCX*, const std::string& key) {
+    return find_request([&](const GETF_PL& request) { return request.gf_request == key; });
 }
 
-GETF_PL* get_fileReqAhidnr(EX_PCX* pcx, uint32_t uidnr, const std::string& loginobject) {
-    GETF_PL* request = first_request(pcx);
-    while (request != nullptr &&
-           (request->gf_uidnr != uidnr || request->gf_lastAct != FILE_ACTION_LOGIN_ASKED ||
-            request->gf_loginobject != loginobject)) {
-        request = request->gf_next;
-    }
-    return request;
+GETF_PL* get_fileReqAhidnr(EX_PCX*, uint32_t uidnr, const std::string& loginobject) {
+    return find_request([&](const GETF_PL& request) {
+        return request.gf_uidnr == uidnr && request.gf_lastAct == FILE_ACTION_LOGIN_ASKED &&
+               request.gf_loginobject == loginobject;
+    });
 }
 
-void free_fileReqEntry(EX_PCX* pcx, GETF_PL* request) {
-    if (request->gf_prev != nullptr) {
-        request->gf_prev->gf_next = request->gf_next;
-    } else if (GLB_GET* global = global_of(pcx); global != nullptr) {
-        global->gg_firstFile = request->gf_next;
-    }
-    if (request->gf_next != nullptr) {
-        request->gf_next->gf_prev = request->gf_prev;
-    }
-    free_currReadBuffer(request);
-    delete request;
+void free_fileReqEntry(EX_PCX*, GETF_PL* request) {
+    requests().remove_if([=](const GETF_PL& other) { return &other == request; });
 }
 
-int get_fileReqCount(EX_PCX* pcx) {
-    int count = 0;
-    for (GETF_PL* request = first_request(pcx); request != nullptr; request = request->gf_next) {
-        ++count;
-    }
-    return count;
+int get_fileReqCount(EX_PCX*) {
+    return static_cast<int>(requests().size());
 }
 
-int get_fileReqTimeout(EX_PCX* pcx) {
-    GLB_GET* global = global_of(pcx);
+int get_fileReqTimeout(EX_PCX*) {
     const time_t now = alarm_now();
     time_t next = 0;
-    for (GETF_PL* request = first_request(pcx); request != nullptr; request = request->gf_next) {
-        const time_t left = std::max<time_t>(request->gf_timeStamp + global->gg_checkStamp - now, 1);
+    for (const GETF_PL& request : requests()) {
+        const time_t left = std::max<time_t>(request.gf_timeStamp + the_requests.gg_checkStamp - now, 1);
         next = next == 0 ? left : std::min(next, left);
     }
     return static_cast<int>(next);
 }
 
-int check_fileReqTimeout(EX_PCX* pcx) {
-    GLB_GET* global = global_of(pcx);
-    const time_t now = alarm_now();
-    int count = 0;
-    for (GETF_PL* request = first_request(pcx); request != nullptr;) {
-        GETF_PL* next = request->gf_next;
-        if (request->gf_timeStamp + global->gg_checkStamp < now) {
-            free_fileReqEntry(pcx, request);
-            ++count;
-        }
-        request = next;
-    }
-    return count;
+int check_fileReqTimeout(EX_PCX*) {
+    const time_t limit = alarm_now() - the_requests.gg_checkStamp;
+    return static_cast<int>(
+        requests().remove_if([=](const GETF_PL& request) { return request.gf_timeStamp < limit; }));
 }
 
-void set_fileReqTimeout(EX_PCX* pcx) {
-    if (GLB_GET* global = global_of(pcx); global != nullptr) {
-        global->gg_checkStamp = file_request_time_limit;
-    }
+void set_fileReqTimeout(EX_PCX*) {
+    the_requests.gg_checkStamp = file_request_time_limit;
 }

@@ -33,8 +33,6 @@ struct RCV_RB {
 
 struct GETF_PL {
     char gf_kz[16];  // "%%GETFILE     %%"
-    GETF_PL* gf_prev = nullptr;
-    GETF_PL* gf_next = nullptr;
     char gf_getfPl = FILE_REQUEST_NEW;
     char gf_lastAct = 0;      // file_request_action
     char gf_text_coding = 0;  // text_code
@@ -64,7 +62,7 @@ struct GETF_PL {
     RCV_CD gf_cData{};
 };
 
-// Allocates the module. 0 or -1.
+// Without requests. 0.
 int GET_fileOpen(EX_PCX* pcx);
 // Frees all requests. 0.
 int GET_fileClose(EX_PCX* pcx);
@@ -108,7 +106,6 @@ int create_beginRecBuf(GETF_PL* request, int fd);
 int create_endRecBuf(GETF_PL* request, int fd);
 
 void alloc_currReadBuffer(GETF_PL* request);
-void free_currReadBuffer(GETF_PL* request);
 // The next line into gf_pLastRec: 1, 0 at the end, -1 when it is longer than gf_maxRecSize.
 int get_nextRecord(GETF_PL* request);
 // The next block with its head into gf_pCdataBuff. 0, or -1 with 2000258.

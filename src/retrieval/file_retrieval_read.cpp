@@ -231,13 +231,6 @@ void alloc_currReadBuffer(GETF_PL* request) {
     request->gf_pCdataBuff.assign(head_size + request->gf_blocksize, '\0');
 }
 
-void free_currReadBuffer(GETF_PL* request) {
-    request->gf_firstRb.clear();
-    request->gf_pLastRec = {};
-    request->gf_pCdataBuff = {};
-    request->gf_fd.reset();
-}
-
 int get_nextRecord(GETF_PL* request) {
     std::string& record = request->gf_pLastRec;
     record.clear();

@@ -134,7 +134,6 @@ int GssOpen(qx7_error* error) {
         return -1;
     }
     log_key_state();
-    pcx->pcx_GssOpen = 1;
     return 0;
 }
 
@@ -145,6 +144,5 @@ void GssClose() {
     EX_PCX* pcx = GetGlbPcx();
     if (pcx != nullptr) {
         gss_release_name(nullptr, &pcx->pcx_sName);
-        pcx->pcx_GssOpen = 0;
     }
 }

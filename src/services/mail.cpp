@@ -303,11 +303,7 @@ int process_sendmail2(EX_PCX* pcx, ccm_msg_t* msg, int) {
     return take_order(pcx, msg);
 }
 
-void mail_close(EX_PCX* pcx) {
-    // A forked child has no worker, and the lock may have been taken when it was forked.
-    if (pcx->running_mode != MODE_AGENT) {
-        return;
-    }
+void mail_close(EX_PCX*) {
     mail_office& desk = office();
     std::unique_lock hold(desk.lock);
     desk.stopping = true;

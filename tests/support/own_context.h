@@ -36,7 +36,6 @@ struct own_context {
             pcx->pcx_run_gid_tab[i + 1] = groups[i];
         }
         pcx->pcx_run_gid_tab[(count < 0 ? 0 : count) + 1] = static_cast<gid_t>(-1);
-        pcx->pcx_run_gid_count = count + 1;
         GlbPcx = pcx.get();
     }
     own_context(const own_context&) = delete;

@@ -107,7 +107,6 @@ TEST_F(connection, answer_sets_periods_and_makes_the_next_start_warm) {
     take(bytes_of(good_answer()));
     EXPECT_NE(pcx->pcx_flag & PCX_FLAG_LOGGED_IN, 0);
     EXPECT_EQ(pcx->Per_JobCheck, 40);
-    EXPECT_EQ(pcx->Per_StpTime, 40);
     EXPECT_EQ(pcx->Per_KeepAlive, 50);
     EXPECT_EQ(pcx->Per_Reconnect, 33);
     EXPECT_EQ(pcx->Per_Report, 25);

@@ -86,7 +86,7 @@ TEST_F(search, takes_the_only_one_that_answers) {
     answer(101, 1, 5);
     EXPECT_EQ(net.chosen, 101);
     EXPECT_FALSE(searching());
-    EXPECT_EQ(pcx->cp_connections, nullptr);
+    EXPECT_EQ(pcx->nof_cp_connections, 0);
     EXPECT_EQ(net.closed_but, std::vector<int>{101});
 }
 

@@ -194,7 +194,7 @@ ccm_test::~ccm_test() {
     ccm_thread_end(ccm);
     ccm_channel_closeall(ccm);
     ccm_close(ccm, nullptr);
-    TcpMsg_Close(static_cast<TCPMSG_WORK_AREA*>(pcx.pcx_hTcpMsg));
+    TcpMsg_Close(pcx.pcx_hTcpMsg);
     OM_uint32 minor = 0;
     gss_release_name(&minor, &pcx.pcx_sName);
     __log_set_logger(nullptr);
