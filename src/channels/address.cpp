@@ -54,12 +54,9 @@ bool counts(const addrinfo& entry) {
 }  // namespace
 
 int ccm_check_ipv6_support(ccm_error_t* err) {
-    int s = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (s < 0) {
-        return ccm_error_set(err, errno, 2000102, "socket(AF_INET6)|%d(%s)", errno, strerror(errno));
-    }
-    close(s);
-    return 0;
+    const qx_descriptor s(socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    return s.valid() ? 0
+                     : ccm_error_set(err, errno, 2000102, "socket(AF_INET6)|%d(%s)", errno, strerror(errno));
 }
 
 int ccm_hostname2address(const char* name, int prefer, sockaddr_in6* out, ccm_error_t* err) {

@@ -18,7 +18,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <memory>
+#include <vector>
 
+#include "base/descriptor.h"
 #include "base/error.h"
 #include "security/mechanism.h"
 
@@ -144,12 +147,7 @@ struct ccm_backlog_t {
     std::atomic<int> paused{0};  // the network thread waits for the number to fall
 };
 
-// Descriptors that arrived on a socket pair and wait for their PASSFD record. Network thread only.
-inline constexpr int ccm_descriptor_fifo_size = 64;
-struct ccm_descriptor_fifo {
-    int descriptors[ccm_descriptor_fifo_size];
-    int count;
-};
+inline constexpr size_t ccm_descriptor_fifo_size = 64;
 
 struct ccm_channel_t {
     char eyec[16];
@@ -187,11 +185,10 @@ struct ccm_channel_t {
     gss_cred_id_t pDelegCred;  // owned
 
     // Network thread only.
-    unsigned char* recv_buffer;
-    int recv_size;
-    int recv_pos;
-    unsigned char* send_buffer;
-    ccm_descriptor_fifo fifo;
+    std::unique_ptr<unsigned char[]> recv_buffer;  // no vector: that would clear what a read overwrites
+    size_t recv_size;
+    size_t recv_pos;
+    std::vector<qx_descriptor> fifo;  // came on a socket pair and wait for their PASSFD records, the oldest first
     time_t accept_rest;  // a listening socket isn't looked at before this second
     bool recv_ready;     // complete frames may stand in recv_buffer
 

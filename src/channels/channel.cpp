@@ -332,19 +332,17 @@ int ccm_channel_give_up_stuck(ccm_context_t* ccm, int type, time_t since) {
 
 int ccm_channel_create_pair(ccm_context_t* ccm, const char* name1, const char* name2, int* id1, int* id2,
                             ccm_error_t* err) {
-    int ends[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends) != 0) {
+    int pair[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, pair) != 0) {
         return ccm_error_set(err, errno, 2000102, "socketpair()|%d(%s)|", errno, strerror(errno));
     }
-    if (descriptors_in_range(ends) < 0) {
+    if (descriptors_in_range(pair) < 0) {
         return ccm_error_set(err, EMFILE, 2000102, "socketpair()|%d(%s)|", EMFILE, strerror(EMFILE));
     }
+    qx_descriptor ends[2] = {qx_descriptor(pair[0]), qx_descriptor(pair[1])};
     ccm_channel_t* channels[2] = {nullptr, nullptr};
     for (ccm_channel_t*& channel : channels) {
         if (ccm_channel_new_entry(ccm, &channel, err) != 0) {
-            for (int end : ends) {
-                close(end);
-            }
             if (channels[0] != nullptr) {
                 ccm_channel_discard(ccm, channels[0], false);
             }
@@ -354,7 +352,7 @@ int ccm_channel_create_pair(ccm_context_t* ccm, const char* name1, const char* n
     const char* names[2] = {name1, name2};
     int* ids[2] = {id1, id2};
     for (int i = 0; i < 2; ++i) {
-        channels[i]->s = ends[i];
+        channels[i]->s = ends[i].release();
         channels[i]->type = CH_TYPE_IPC;
         copy_text(channels[i]->name, names[i]);
         *ids[i] = channels[i]->ID;
@@ -544,9 +542,6 @@ void channel_destroy(ccm_context_t* ccm, ccm_channel_t* channel) {
 
 void channel_free(ccm_context_t* ccm, ccm_channel_t* channel, bool free_user_context) {
     ccm_channel_emptying_msg_queue(ccm, channel);
-    descriptor_fifo_clear(&channel->fifo);
-    free(channel->recv_buffer);
-    free(channel->send_buffer);
     if (free_user_context) {
         ccm_user_context_free(channel->cuc);
     }

@@ -72,11 +72,9 @@ ccm_classified classify_ipc(ccm_context_t* ccm, ccm_channel_t* channel, ccm_msg_
     // The descriptor stands in the stream at the record's first byte, so the oldest one belongs to the oldest
     // record, however the reads were split.
     bool passfd = msg->len >= 16 && memcmp(msg->msg_start, ipc_passfd, sizeof ipc_passfd) == 0;
-    if (passfd && channel->fifo.count > 0) {
-        ccm_descriptor_fifo& fifo = channel->fifo;
-        msg->passfd = fifo.descriptors[0];
-        --fifo.count;
-        memmove(&fifo.descriptors[0], &fifo.descriptors[1], static_cast<size_t>(fifo.count) * sizeof(int));
+    if (passfd && !channel->fifo.empty()) {
+        msg->passfd = channel->fifo.front().release();
+        channel->fifo.erase(channel->fifo.begin());
     }
     return CCM_CLASS_QUEUE;
 }
@@ -133,7 +131,7 @@ ccm_classified classify_message_item(ccm_context_t* ccm, ccm_channel_t* channel,
     }
     // A body that can't be converted is the sender's fault in this one message, the stream is sound.
     int result = msgconv_ToHost(msg->msg_start, static_cast<size_t>(msg->len),
-                                static_cast<const msgconv_ctx_t*>(ccm->pcx->pcx_msgctx));
+                                ccm->pcx->pcx_msgctx);
     return result == 0 ? CCM_CLASS_QUEUE : CCM_CLASS_DROP;
 }
 

@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -17,19 +16,16 @@
 
 namespace {
 
-// "call()|errno(text),S(socket(ID=n))|" as 2000102, from errno; closes the socket.
+// "call()|errno(text),S(socket(ID=n))|" as 2000102, from errno.
 int connect_failure(ccm_error_t* err, const char* call, int s, int id) {
     int number = errno;
-    if (s >= 0) {
-        close(s);
-    }
     return ccm_error_set(err, number, 2000102, "%s|%d(%s),S(%d(ID=%d))|", call, number, strerror(number), s,
                          id);
 }
 
-int new_socket(int family) {
-    int s = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    return s < 0 ? -1 : descriptor_in_range(s);
+qx_descriptor new_socket(int family) {
+    const int s = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    return qx_descriptor(s < 0 ? -1 : descriptor_in_range(s));
 }
 
 int nonblocking_failure(ccm_error_t* err) {
@@ -118,15 +114,12 @@ int resolve_listen_address(ccm_context_t* ccm, const char* text, int port, liste
     return 0;
 }
 
-int listen_failure(ccm_error_t* err, int s, const char* format, const char* text, int port) {
+int listen_failure(ccm_error_t* err, const char* format, const char* text, int port) {
     int number = errno;
     char call[128];
     snprintf(call, sizeof call, "%s", format);
     if (strcmp(format, "bind") == 0) {
         snprintf(call, sizeof call, "bind(%s:%d)", text, port);
-    }
-    if (s >= 0) {
-        close(s);
     }
     return ccm_error_set(err, number, 2000102, "%s|%d(%s)", call, number, strerror(number));
 }
@@ -143,8 +136,8 @@ int bound_port_of(int s) {
 // The socket, listening, or -1.
 int open_listen_socket(const listen_address& where, const char* text, int port, int backlog,
                        ccm_error_t* err) {
-    int s = new_socket(where.family);
-    if (s < 0) {
+    qx_descriptor s = new_socket(where.family);
+    if (!s.valid()) {
         int number = errno;
         return ccm_error_set(err, number, 2000102, "socket(family=%d,addr=)|%d(%s)", where.family, number,
                              strerror(number));
@@ -152,21 +145,18 @@ int open_listen_socket(const listen_address& where, const char* text, int port, 
     int on = 1;
     int off = 0;
     // Both only widen what the socket can do; bind and listen tell whether it works without.
-    setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    setsockopt(s.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     if (where.family == AF_INET6) {
-        setsockopt(s, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
+        setsockopt(s.get(), IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
     }
     // 28 bytes for both families: the kernel looks at as many as the family has.
-    if (bind(s, reinterpret_cast<const sockaddr*>(&where.address), sizeof where.address) != 0) {
-        return listen_failure(err, s, "bind", text, port);
+    if (bind(s.get(), reinterpret_cast<const sockaddr*>(&where.address), sizeof where.address) != 0) {
+        return listen_failure(err, "bind", text, port);
     }
-    if (listen(s, backlog) != 0) {
-        return listen_failure(err, s, "listen()", text, port);
+    if (listen(s.get(), backlog) != 0 || ioctl(s.get(), FIONBIO, &on) != 0) {
+        return listen_failure(err, "listen()", text, port);
     }
-    if (ioctl(s, FIONBIO, &on) != 0) {
-        return listen_failure(err, s, "listen()", text, port);
-    }
-    return s;
+    return s.release();
 }
 
 int open_listen(ccm_context_t* ccm, const char* text, int port, int backlog, ccm_error_t* err) {
@@ -178,13 +168,12 @@ int open_listen(ccm_context_t* ccm, const char* text, int port, int backlog, ccm
 }
 
 // A channel of a socket that stands already.
-int adopt_socket(ccm_context_t* ccm, int s, int type, const char* name, int port, ccm_error_t* err) {
+int adopt_socket(ccm_context_t* ccm, qx_descriptor s, int type, const char* name, int port, ccm_error_t* err) {
     ccm_channel_t* channel = nullptr;
     if (ccm_channel_new_entry(ccm, &channel, err) != 0) {
-        close(s);
         return -1;
     }
-    channel->s = s;
+    channel->s = s.release();
     channel->type = type;
     channel->port = port;
     copy_text(channel->name, name);
@@ -222,30 +211,26 @@ int ccm_connect(ccm_context_t* ccm, const char* host, int port, int type, ccm_co
 
 int connect_socket(int id, const sockaddr_in6& address, ccm_error_t* err) {
     const auto* target = reinterpret_cast<const sockaddr*>(&address);
-    int s = new_socket(target->sa_family);
-    if (s < 0) {
-        return connect_failure(err, "socket()", s, id);
+    qx_descriptor s = new_socket(target->sa_family);
+    if (!s.valid()) {
+        return connect_failure(err, "socket()", -1, id);
     }
-    if (set_nonblocking(s) != 0) {
-        nonblocking_failure(err);
-        close(s);
-        return -1;
+    if (set_nonblocking(s.get()) != 0) {
+        return nonblocking_failure(err);
     }
-    if (set_linger(s, 1, ccm_linger_seconds) != 0) {
-        linger_failure(err, s, id);
-        close(s);
-        return -1;
+    if (set_linger(s.get(), 1, ccm_linger_seconds) != 0) {
+        return linger_failure(err, s.get(), id);
     }
     sockaddr_in6 any{};
     any.sin6_family = target->sa_family;
-    if (bind(s, reinterpret_cast<sockaddr*>(&any), ccm_address_length(target)) != 0) {
-        return connect_failure(err, "bind()", s, id);
+    if (bind(s.get(), reinterpret_cast<sockaddr*>(&any), ccm_address_length(target)) != 0) {
+        return connect_failure(err, "bind()", s.get(), id);
     }
     // An interrupted connect goes on by itself, like one that takes its time.
-    if (connect(s, target, ccm_address_length(target)) != 0 && errno != EINPROGRESS && errno != EINTR) {
-        return connect_failure(err, "connect()", s, id);
+    if (connect(s.get(), target, ccm_address_length(target)) != 0 && errno != EINPROGRESS && errno != EINTR) {
+        return connect_failure(err, "connect()", s.get(), id);
     }
-    return s;
+    return s.release();
 }
 
 int ccm_open_listen(ccm_context_t* ccm, const char* address, int port, int backlog, ccm_error_t* err) {
@@ -262,11 +247,11 @@ int ccm_bound_port(int s) {
 }
 
 int ccm_adopt_listen(ccm_context_t* ccm, int s, ccm_error_t* err) {
-    return adopt_socket(ccm, s, CH_TYPE_LISTEN, ccm_name_listen, bound_port_of(s), err);
+    return adopt_socket(ccm, qx_descriptor(s), CH_TYPE_LISTEN, ccm_name_listen, bound_port_of(s), err);
 }
 
 int ccm_adopt_pair_end(ccm_context_t* ccm, int s, const char* name, ccm_error_t* err) {
-    return adopt_socket(ccm, s, CH_TYPE_IPC, name, 0, err);
+    return adopt_socket(ccm, qx_descriptor(s), CH_TYPE_IPC, name, 0, err);
 }
 
 int ccm_create_listen_port(ccm_context_t* ccm, const char* address, int port, int backlog, int* bound_port,

@@ -20,7 +20,7 @@ void drop(ccm_channel_t* channel) {
     if (s >= 0) {
         close(s);  // the parent's socket stays open, so this close never waits
     }
-    descriptor_fifo_clear(&channel->fifo);
+    channel->fifo.clear();
     OM_uint32 minor = 0;
     gss_delete_sec_context(&minor, &channel->pATctx, nullptr);
     gss_release_cred(&minor, &channel->pDelegCred);
@@ -39,7 +39,7 @@ void keep(ccm_channel_t* channel, bool with_buffer) {
         channel->flag.fetch_and(~CH_FLAG_NO_READ);  // it was held for the fork
     } else {
         channel->recv_pos = 0;
-        descriptor_fifo_clear(&channel->fifo);
+        channel->fifo.clear();
     }
     channel->recv_ready = with_buffer && channel->recv_pos > 0;
     // Messages of the parent are never handled here.

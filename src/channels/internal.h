@@ -121,7 +121,6 @@ enum ccm_room { CCM_ROOM_FREE, CCM_ROOM_GROUP_FULL, CCM_ROOM_REMOTE_FULL, CCM_RO
 // Whether there is room for one more caller.
 ccm_room ccm_judge_caller(const ccm_caller_counts& now, bool own_host);
 void ccm_signal_on_listen(ccm_context_t* ccm, ccm_channel_t* channel);
-void descriptor_fifo_clear(ccm_descriptor_fifo* fifo);
 
 // What may wait for one partner, and for partners to come. A line on which more waits, since nobody reads at its
 // other end, is given up: what has flag 8 then waits for the next one, everything else asks again by itself or is

@@ -174,15 +174,15 @@ int gsshs_remote_in_listener(ccm_context_t* ccm, const ccm_msg_t* msg, const ipc
     bool caller = channel->type.load() == CH_TYPE_ACCEPTED;
     char name[64];
     memcpy(name, channel->name, sizeof name);
-    int own = -1;
+    qx_descriptor own;
     if (caller) {
         channel->flag.fetch_or(CH_FLAG_NO_READ);
         // Under the lock, although it is a system call: it doesn't wait, and without the lock the network
         // thread could close the socket and its number could be another caller's by now.
-        own = fcntl(channel->s.load(), F_DUPFD_CLOEXEC, 3);
+        own.fd = fcntl(channel->s.load(), F_DUPFD_CLOEXEC, 3);
     }
     ccm_channel_unlock(ccm);
-    if (own < 0) {
+    if (!own.valid()) {
         if (caller) {
             ccm_channel_failbyID(ccm, record.listenerID, 2000102, "fcntl(F_DUPFD)|%d(%s)|", EMFILE,
                                  strerror(EMFILE));
@@ -192,16 +192,13 @@ int gsshs_remote_in_listener(ccm_context_t* ccm, const ccm_msg_t* msg, const ipc
     __log(2003065, "%s/ID=%d", printable(field_text(name)).c_str(), record.listenerID);
     ccm_msg_t* token = ccm_msg_alloc_cleared(ccm, record.len, nullptr);
     if (token == nullptr) {
-        close(own);
         return -1;
     }
     token->type = CCM_MSG_GSS;
     memcpy(token->msg_start, rest_of<ipcmsg_gsshs_remote_t>(msg), static_cast<size_t>(record.len));
     ccm_setaddr(token, record.listenerID, 0, "", "", 0);
     ccm_send_message_common(ccm, token, "FW GSS protocol message");
-    int result = send_file_descriptor(ccm, ccm_name_ipc_agent, own, record.agentID, record.listenerID, name);
-    close(own);
-    return result;
+    return send_file_descriptor(ccm, ccm_name_ipc_agent, own.get(), record.agentID, record.listenerID, name);
 }
 
 // ---- adoption

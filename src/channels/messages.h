@@ -108,6 +108,13 @@ void ccm_msg_pool_trim(ccm_context_t* ccm, int keep);
 // Closes a descriptor that it owns. Null allowed. Any thread, no spin lock held.
 int ccm_msg_free(ccm_context_t* ccm, ccm_msg_t* msg);
 
+// Owner of a message that is not queued and not given to a send call yet: `ccm_msg_ptr msg(ccm_msg_alloc(…), {ccm})`.
+struct ccm_msg_owner {
+    ccm_context_t* ccm;
+    void operator()(ccm_msg_t* msg) const { ccm_msg_free(ccm, msg); }
+};
+using ccm_msg_ptr = std::unique_ptr<ccm_msg_t, ccm_msg_owner>;
+
 // ---- addresses
 // ---------------------------------------------------------------------------------------------
 

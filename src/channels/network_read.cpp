@@ -1,11 +1,12 @@
 // Reading a channel: bytes, frames, messages.
 
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <new>
+#include <utility>
 
 #include "channels/connect.h"
 #include "channels/handshake.h"
@@ -15,17 +16,18 @@
 
 namespace {
 
-constexpr int first_buffer = 8192;
-constexpr int busy_buffer = 65536;  // once a read has filled the buffer
-constexpr int header_checked_from = 10;
+constexpr size_t first_buffer = 8192;
+constexpr size_t busy_buffer = 65536;  // once a read has filled the buffer
+constexpr size_t header_checked_from = 10;
 
-int buffer_grow(ccm_context_t* ccm, ccm_channel_t* channel, int size) {
-    auto* buffer = static_cast<unsigned char*>(realloc(channel->recv_buffer, static_cast<size_t>(size)));
+int buffer_grow(ccm_context_t* ccm, ccm_channel_t* channel, size_t size) {
+    std::unique_ptr<unsigned char[]> buffer(new (std::nothrow) unsigned char[size]);
     if (buffer == nullptr) {
         channel_fail(ccm, channel, 3301, "%s/%s(%d)", "RECVBUFF", __FILE__, __LINE__);
         return -1;
     }
-    channel->recv_buffer = buffer;
+    MemCopy(buffer.get(), channel->recv_buffer.get(), channel->recv_pos);
+    channel->recv_buffer = std::move(buffer);
     channel->recv_size = size;
     return 0;
 }
@@ -34,9 +36,8 @@ int buffer_make_room(ccm_context_t* ccm, ccm_channel_t* channel) {
     if (channel->recv_pos < channel->recv_size) {
         return 0;
     }
-    int size =
-        channel->recv_size == 0 ? first_buffer : std::max(channel->recv_size + first_buffer, busy_buffer);
-    return buffer_grow(ccm, channel, size);
+    const bool first = channel->recv_size == 0;
+    return buffer_grow(ccm, channel, first ? first_buffer : std::max(channel->recv_size + first_buffer, busy_buffer));
 }
 
 int ccm_channel_bindaddr_inquire(ccm_context_t* ccm, ccm_channel_t* channel) {
@@ -70,15 +71,14 @@ bool take_descriptors(ccm_channel_t* channel, msghdr* head) {
         for (size_t i = 0; i < count; ++i) {
             int fd;
             memcpy(&fd, CMSG_DATA(item) + i * sizeof(int), sizeof fd);
-            fd = descriptor_in_range(fd);
-            if (fd < 0) {
+            qx_descriptor arrived(descriptor_in_range(fd));
+            if (!arrived.valid()) {
                 continue;
             }
-            if (channel->fifo.count == ccm_descriptor_fifo_size) {
-                close(fd);
+            if (channel->fifo.size() == ccm_descriptor_fifo_size) {
                 fits = false;
             } else {
-                channel->fifo.descriptors[channel->fifo.count++] = fd;
+                channel->fifo.push_back(std::move(arrived));
             }
         }
     }
@@ -88,8 +88,8 @@ bool take_descriptors(ccm_channel_t* channel, msghdr* head) {
 // Bytes read, 0 at the partner's end, -1 with errno; -2 when the channel was ended here. A process that passed
 // a socket shares its flags and could make it wait: the call says itself that it does not.
 ssize_t receive_bytes(ccm_context_t* ccm, ccm_channel_t* channel) {
-    unsigned char* at = channel->recv_buffer + channel->recv_pos;
-    auto room = static_cast<size_t>(channel->recv_size - channel->recv_pos);
+    unsigned char* at = channel->recv_buffer.get() + channel->recv_pos;
+    const size_t room = channel->recv_size - channel->recv_pos;
     if (channel->type.load() != CH_TYPE_IPC) {
         return recv(channel->s.load(), at, room, MSG_DONTWAIT);
     }
@@ -115,7 +115,7 @@ bool is_open_tcp(const ccm_channel_t* channel) {
 }
 
 // The header as far as it is here. 0, or -1 when the channel was ended.
-int check_header(ccm_context_t* ccm, ccm_channel_t* channel, unsigned char* at, int available) {
+int check_header(ccm_context_t* ccm, ccm_channel_t* channel, unsigned char* at, size_t available) {
     int type = channel->type.load();
     unsigned flags = tcp_chk_reader;
     if (type == CH_TYPE_SERVER) {
@@ -124,17 +124,16 @@ int check_header(ccm_context_t* ccm, ccm_channel_t* channel, unsigned char* at, 
         flags |= TCP_CHK_NO_LIMIT;
     }
     char reason[256] = "";
-    int length = std::min(available, static_cast<int>(frame_header_size));
-    int number = TCP_Chk(static_cast<const TCPMSG_WORK_AREA*>(ccm->pcx->pcx_hTcpMsg), at,
-                         static_cast<size_t>(length), flags, reason, sizeof reason);
+    int number =
+        TCP_Chk(ccm->pcx->pcx_hTcpMsg, at, std::min(available, frame_header_size), flags, reason, sizeof reason);
     if (number == 0) {
         return 0;
     }
     if (trc_on(TRC_TCPIP)) {
-        trcdump_limited("frame with a bad header", at, available, 64);
+        trcdump_limited("frame with a bad header", at, static_cast<int>(available), 64);
     }
     if (number == frame_too_long) {
-        const auto* framing = static_cast<const TCPMSG_WORK_AREA*>(ccm->pcx->pcx_hTcpMsg);
+        const auto* framing = ccm->pcx->pcx_hTcpMsg;
         channel_fail(ccm, channel, number, "%s%s(ID=%d)|%d|", reason, channel->addr, channel->ID,
                      is_open_tcp(channel) ? std::min(ccm_frame_open_max, framing->iMaxPhysMsgSize)
                                           : framing->iMaxPhysMsgSize);
@@ -144,8 +143,8 @@ int check_header(ccm_context_t* ccm, ccm_channel_t* channel, unsigned char* at, 
     return -1;
 }
 
-// The frame's length, 0 while it isn't known or -1 when the channel was ended.
-int frame_length(ccm_context_t* ccm, ccm_channel_t* channel, const unsigned char* at) {
+// The frame's length, 0 when the channel was ended.
+size_t frame_length(ccm_context_t* ccm, ccm_channel_t* channel, const unsigned char* at) {
     char digits[9] = "";
     memcpy(digits, at, 8);
     long length = strtol(digits, nullptr, 10);
@@ -153,9 +152,9 @@ int frame_length(ccm_context_t* ccm, ccm_channel_t* channel, const unsigned char
         (is_open_tcp(channel) && length > ccm_frame_open_max)) {
         channel_fail(ccm, channel, frame_too_long, "%ld|%s(ID=%d)|%d|", length, channel->addr, channel->ID,
                      ccm_frame_open_max);
-        return -1;
+        return 0;
     }
-    return static_cast<int>(length);
+    return static_cast<size_t>(length);
 }
 
 void enqueue_received(ccm_context_t* ccm, ccm_channel_t* channel, ccm_msg_t* msg) {
@@ -175,31 +174,31 @@ void enqueue_received(ccm_context_t* ccm, ccm_channel_t* channel, ccm_msg_t* msg
 }
 
 // One whole frame. 0, or -1 when the channel was ended.
-int take_frame(ccm_context_t* ccm, ccm_channel_t* channel, const unsigned char* frame, int length) {
+int take_frame(ccm_context_t* ccm, ccm_channel_t* channel, const unsigned char* frame, size_t size) {
+    const int length = static_cast<int>(size);
     ccm_error_t error;
-    ccm_msg_t* msg =
-        length > ccm_msg_standard_size ? ccm_msg_alloc_huge(ccm, length, &error) : ccm_msg_alloc(ccm, &error);
+    ccm_msg_ptr msg(
+        length > ccm_msg_standard_size ? ccm_msg_alloc_huge(ccm, length, &error) : ccm_msg_alloc(ccm, &error), {ccm});
     if (msg == nullptr) {
         channel_fail(ccm, channel, error.msgnr, "%s", error.msginsert);
         return -1;
     }
-    memcpy(msg->buffer1, frame, static_cast<size_t>(length));
+    memcpy(msg->buffer1, frame, size);
     msg->msg_start = msg->buffer1;
     msg->len = length;
     memcpy(msg->addr.eyec, "#CCMADDR", sizeof msg->addr.eyec);
     msg->addr.src_ID = channel->ID;
     msg->addr.src_type = channel->type.load();
-    ccm_classified result = ccm_classify_message(ccm, channel, msg);
+    ccm_classified result = ccm_classify_message(ccm, channel, msg.get());
     if (trc_on(TRC_TCPIP, '3')) {
         _TraceText("recv ID=%d: frame of %d bytes, kind %d, result %d", channel->ID, length, msg->type,
                    result);
     }
     if (result == CCM_CLASS_QUEUE) {
         channel->flag.fetch_or(CH_FLAG_SPOKE);
-        enqueue_received(ccm, channel, msg);
+        enqueue_received(ccm, channel, msg.release());
         return 0;
     }
-    ccm_msg_free(ccm, msg);
     if (result == CCM_CLASS_END) {
         ccm_channel_delete(ccm, channel);
         return -1;
@@ -208,31 +207,23 @@ int take_frame(ccm_context_t* ccm, ccm_channel_t* channel, const unsigned char* 
 }
 
 // What was cut leaves the buffer; a large buffer that has become empty is given back.
-void buffer_advance(ccm_channel_t* channel, int done) {
-    int rest = channel->recv_pos - done;
+void buffer_advance(ccm_channel_t* channel, size_t done) {
+    const size_t rest = channel->recv_pos - done;
     if (done > 0 && rest > 0) {
-        memmove(channel->recv_buffer, channel->recv_buffer + done, static_cast<size_t>(rest));
+        memmove(channel->recv_buffer.get(), channel->recv_buffer.get() + done, rest);
     }
     channel->recv_pos = rest;
     if (rest == 0) {
         // A descriptor without a frame to take it was sent by mistake or in bad faith.
-        descriptor_fifo_clear(&channel->fifo);
+        channel->fifo.clear();
         if (channel->recv_size > busy_buffer) {
-            free(channel->recv_buffer);
-            channel->recv_buffer = nullptr;
+            channel->recv_buffer.reset();
             channel->recv_size = 0;
         }
     }
 }
 
 }  // namespace
-
-void descriptor_fifo_clear(ccm_descriptor_fifo* fifo) {
-    for (int i = 0; i < fifo->count; ++i) {
-        close(fifo->descriptors[i]);
-    }
-    fifo->count = 0;
-}
 
 bool channel_held_back(ccm_channel_t* channel) {
     ccm_backlog_t* backlog = channel->backlog;
@@ -251,7 +242,7 @@ bool channel_held_back(ccm_channel_t* channel) {
 }
 
 int ccm_cut_frames(ccm_context_t* ccm, ccm_channel_t* channel) {
-    int done = 0;
+    size_t done = 0;
     channel->recv_ready = false;
     while (channel->recv_pos - done >= header_checked_from) {
         if (channel_has(channel, CH_FLAG_NO_READ | CH_FLAG_DELETED)) {
@@ -261,17 +252,17 @@ int ccm_cut_frames(ccm_context_t* ccm, ccm_channel_t* channel) {
             channel->recv_ready = true;
             break;
         }
-        unsigned char* at = channel->recv_buffer + done;
-        int available = channel->recv_pos - done;
+        unsigned char* at = channel->recv_buffer.get() + done;
+        const size_t available = channel->recv_pos - done;
         if (check_header(ccm, channel, at, available) != 0) {
             return -1;
         }
-        int length = frame_length(ccm, channel, at);
-        if (length < 0) {
+        const size_t length = frame_length(ccm, channel, at);
+        if (length == 0) {
             return -1;
         }
         if (available < length) {
-            if (length > channel->recv_size && available >= static_cast<int>(frame_header_size)) {
+            if (length > channel->recv_size && available >= frame_header_size) {
                 buffer_advance(channel, done);
                 return buffer_grow(ccm, channel,
                                    length);  // in one step, now that the header was judged whole
@@ -312,6 +303,6 @@ int ccm_read_channel(ccm_context_t* ccm, ccm_channel_t* channel) {
         return -1;
     }
     channel->timestamp_last_read = alarm_now();
-    channel->recv_pos += static_cast<int>(got);
+    channel->recv_pos += static_cast<size_t>(got);
     return ccm_cut_frames(ccm, channel);
 }

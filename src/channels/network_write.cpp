@@ -175,14 +175,13 @@ ccm_caller caller_of(int s, const sockaddr_storage& peer) {
 }
 
 // Everything is set before the channel is chained, and it is chained before the main thread hears of it.
-void adopt_accepted(ccm_context_t* ccm, int s, const ccm_caller& caller, const char* address) {
+void adopt_accepted(ccm_context_t* ccm, qx_descriptor s, const ccm_caller& caller, const char* address) {
     ccm_error_t error;
     ccm_channel_t* channel = nullptr;
     if (ccm_channel_new_entry(ccm, &channel, &error) != 0) {
-        close(s);
         return;
     }
-    channel->s = s;
+    channel->s = s.release();
     channel->type = CH_TYPE_ACCEPTED;
     channel->port = port_of(caller.peer);
     channel->caller = caller;
@@ -215,12 +214,10 @@ void adopt_accepted(ccm_context_t* ccm, int s, const ccm_caller& caller, const c
 bool accept_one(ccm_context_t* ccm, ccm_channel_t* listen_channel) {
     sockaddr_storage peer{};
     socklen_t length = sizeof peer;
-    int s = accept4(listen_channel->s.load(), reinterpret_cast<sockaddr*>(&peer), &length,
-                    SOCK_NONBLOCK | SOCK_CLOEXEC);
-    if (s >= 0) {
-        s = descriptor_in_range(s);
-    }
-    if (s < 0) {
+    const int accepted = accept4(listen_channel->s.load(), reinterpret_cast<sockaddr*>(&peer), &length,
+                                 SOCK_NONBLOCK | SOCK_CLOEXEC);
+    qx_descriptor s(accepted < 0 ? -1 : descriptor_in_range(accepted));
+    if (!s.valid()) {
         int number = errno;
         if (number == ECONNABORTED) {
             return true;
@@ -236,13 +233,13 @@ bool accept_one(ccm_context_t* ccm, ccm_channel_t* listen_channel) {
     }
     char address[64];
     ccm_address2string(&peer, address, sizeof address);
-    const ccm_caller caller = caller_of(s, peer);
+    const ccm_caller caller = caller_of(s.get(), peer);
     if (!make_room(ccm, caller)) {
-        close(s);
+        s.reset();
         log_turned_away(address);
         return true;
     }
-    adopt_accepted(ccm, s, caller, address);
+    adopt_accepted(ccm, std::move(s), caller, address);
     return true;
 }
 

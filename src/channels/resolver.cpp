@@ -46,18 +46,17 @@ std::vector<lookup*>& lookups = *new std::vector<lookup*>;  // those of channels
 
 void connect_channel(ccm_context_t* ccm, const lookup& work, const sockaddr_in6& address) {
     ccm_error_t error;
-    const int s = connect_socket(work.id, address, &error);
-    if (s < 0) {
+    qx_descriptor s(connect_socket(work.id, address, &error));
+    if (!s.valid()) {
         ccm_channel_failbyID(ccm, work.id, error.msgnr, "%s", error.msginsert);
         return;
     }
     ccm_channel_t* channel = ccm_channel_getbyID(ccm, work.id);
     if (channel == nullptr) {
-        close(s);  // it took too long
-        return;
+        return;  // it took too long
     }
     ccm_address2string(&address, channel->addr, sizeof channel->addr);
-    channel->s.store(s);
+    channel->s.store(s.release());
     ccm_channel_unlock(ccm);
     ccm_wakeup_network(ccm);
 }
