@@ -4,8 +4,23 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstdlib>
+#include <utility>
+#include <vector>
+
+command_action add_commands(CLI::App* app, std::span<const command_row> rows, cp_console_options& console) {
+    std::vector<std::pair<CLI::App*, command_action>> commands;
+    for (const command_row& row : rows) {
+        CLI::App* command = app->add_subcommand(row.name, row.help);
+        commands.emplace_back(command, row.add(command, console));
+    }
+    return [commands] {
+        const auto given = [](const auto& command) { return command.first->parsed(); };
+        return std::find_if(commands.begin(), commands.end(), given)->second();
+    };
+}
 
 void add_common_options(CLI::App* command, cp_console_options& console) {
     command->add_option("--data", console.folder, "the server's data folder (or set QXCP_DATA)")

@@ -1,18 +1,37 @@
-// What the groups of commands share. Each group is a record whose constructor adds its commands to the
-// program, and whose `run` carries out the one that was given and returns its exit code, or nothing when it
-// was none of them.
+// A command of the program: a row that brings its name, its help, its options and what it does. Each file
+// here holds the rows of one group.
 #pragma once
 
 #include <CLI/CLI.hpp>
 #include <climits>
 #include <cstdint>
-#include <optional>
+#include <functional>
+#include <span>
 #include <string>
 
 #include "qxcp/console.h"
 
 inline constexpr int exit_usage = 64;
 
+// Carries a command out once the command line is read; the exit code.
+using command_action = std::function<int()>;
+
+struct command_row {
+    const char* name;
+    const char* help;
+    // Adds the command's options, whose values the action owns. `console` outlives both.
+    command_action (*add)(CLI::App* command, cp_console_options& console);
+};
+
+// In the order in which the help lists them.
+std::span<const command_row> server_commands();
+std::span<const command_row> job_commands();
+std::span<const command_row> agent_commands();
+std::span<const command_row> host_commands();
+std::span<const command_row> protocol_commands();
+
+// Adds rows to `app`. The action carries out the one of them that was given, of which there must be one.
+command_action add_commands(CLI::App* app, std::span<const command_row> rows, cp_console_options& console);
 // Options of every command that talks to a server: --data and --json.
 void add_common_options(CLI::App* command, cp_console_options& console);
 // A whole number from `low` to `high`, told in these words when it is none.

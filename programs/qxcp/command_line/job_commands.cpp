@@ -1,41 +1,68 @@
-#include "job_commands.h"
+// The commands about jobs that were submitted.
+#include <memory>
 
+#include "common.h"
 #include "qxcp/store.h"
 
-job_commands::job_commands(CLI::App& app, cp_console_options& console) {
-    jobs_ = app.add_subcommand("jobs", "list jobs, the newest last");
-    jobs_->add_option("--state", listed_.states, "only those in this state; may be repeated")
-        ->check(CLI::IsMember(cp_shown_states()));
-    jobs_->add_option("--agent", listed_.agent, "only those of this agent");
-    jobs_->add_option("--last", listed_.last, "only the newest, so many of them")->check(whole_number(1));
+namespace {
 
-    cancel_ = app.add_subcommand("cancel", "cancel a job, also one that waits for its agent");
-    info_ = app.add_subcommand("info", "all that is known of a job, and what its agent says now");
-    report_ = app.add_subcommand("report", "print the report of a job, also while it runs");
-    for (CLI::App* command : {cancel_, info_, report_}) {
-        command->add_option("run", run_number_, "run number of the job")->required()->check(whole_number(1));
-    }
-    report_->add_option("--match", match_,
-                        "only lines that match: * any text, ? any character, case ignored");
-    report_->add_flag("--tail", tail_, "only the end");
-    report_->add_option("--output", report_path_, "write to this file");
-    for (CLI::App* command : {jobs_, cancel_, info_, report_}) {
-        add_common_options(command, console);
-    }
+void add_run_number(CLI::App* command, int& run) {
+    command->add_option("run", run, "run number of the job")->required()->check(whole_number(1));
 }
 
-std::optional<int> job_commands::run(const cp_console_options& console) {
-    if (*jobs_) {
-        return cp_console_jobs(console, listed_);
-    }
-    if (*cancel_) {
-        return cp_console_cancel(console, run_number_);
-    }
-    if (*info_) {
-        return cp_console_info(console, run_number_);
-    }
-    if (*report_) {
-        return cp_console_report(console, run_number_, match_, tail_, report_path_);
-    }
-    return std::nullopt;
+command_action add_jobs(CLI::App* command, cp_console_options& console) {
+    auto listed = std::make_shared<cp_jobs_options>();
+    command->add_option("--state", listed->states, "only those in this state; may be repeated")
+        ->check(CLI::IsMember(cp_shown_states()));
+    command->add_option("--agent", listed->agent, "only those of this agent");
+    command->add_option("--last", listed->last, "only the newest, so many of them")->check(whole_number(1));
+    add_common_options(command, console);
+    return [=, &console] { return cp_console_jobs(console, *listed); };
+}
+
+command_action add_cancel(CLI::App* command, cp_console_options& console) {
+    auto run = std::make_shared<int>();
+    add_run_number(command, *run);
+    add_common_options(command, console);
+    return [=, &console] { return cp_console_cancel(console, *run); };
+}
+
+command_action add_info(CLI::App* command, cp_console_options& console) {
+    auto run = std::make_shared<int>();
+    add_run_number(command, *run);
+    add_common_options(command, console);
+    return [=, &console] { return cp_console_info(console, *run); };
+}
+
+struct report_options {
+    int run = 0;
+    std::string match;
+    bool tail = false;
+    std::string path;
+};
+
+command_action add_report(CLI::App* command, cp_console_options& console) {
+    auto report = std::make_shared<report_options>();
+    add_run_number(command, report->run);
+    command->add_option("--match", report->match,
+                        "only lines that match: * any text, ? any character, case ignored");
+    command->add_flag("--tail", report->tail, "only the end");
+    command->add_option("--output", report->path, "write to this file");
+    add_common_options(command, console);
+    return [=, &console] {
+        return cp_console_report(console, report->run, report->match, report->tail, report->path);
+    };
+}
+
+constexpr command_row rows[] = {
+    {"jobs", "list jobs, the newest last", add_jobs},
+    {"cancel", "cancel a job, also one that waits for its agent", add_cancel},
+    {"info", "all that is known of a job, and what its agent says now", add_info},
+    {"report", "print the report of a job, also while it runs", add_report},
+};
+
+}  // namespace
+
+std::span<const command_row> job_commands() {
+    return rows;
 }
