@@ -101,7 +101,7 @@ void take_logon(cp_server& server, cp_agent& agent, message_view view, const fra
 
 // ---- log of the agent
 
-void take_log_block(cp_server& server, cp_agent& agent, message_view view) {
+void take_log_block(cp_server& server, cp_agent& agent, message_view view, const frame_address&) {
     auto block = view_record<MSG_TYPE_WRITE>(view);
     std::string text{view_text(view, block.inhalt_dist, block.inhalt_len)};
     std::erase(text, '\r');
@@ -116,14 +116,14 @@ void take_log_block(cp_server& server, cp_agent& agent, message_view view) {
 }
 
 // An answer that isn't QUITT goes as a whole to whoever asked.
-void take_other_answer(cp_server& server, cp_agent& agent, message_view view, uint32_t code) {
+void take_other_answer(cp_server& server, cp_agent& agent, message_view view, const frame_address& from) {
     cp_answer answer;
     answer.status = "OK";
     answer.data.assign(reinterpret_cast<const char*>(view.data), view.length);
     if (message_type_is(view.data, view.length, "CHGLOGQU")) {
         agent.report_id = view_record<MSG_TYPE_CHGLOGQU>(view).ah_idnr_new;
     }
-    cp_answer_pending(server, code, answer);
+    cp_answer_pending(server, from.dst_acv, answer);
 }
 
 void answer_log_change(cp_server& server, cp_agent& agent, message_view view, const frame_address& from) {
@@ -142,7 +142,8 @@ void answer_log_change(cp_server& server, cp_agent& agent, message_view view, co
     cp_emit(server, "log", agent.link.agent, 0, fmt::format("agent {} began a new log", agent.link.agent));
 }
 
-void take_quittung(cp_server& server, cp_agent& agent, message_view view, uint32_t code) {
+void take_quittung(cp_server& server, cp_agent& agent, message_view view, const frame_address& from) {
+    const uint32_t code = from.dst_acv;
     auto quittung = view_record<MSG_TYPE_QUITT>(view);
     cp_answer answer;
     answer.status = get_text(quittung.quitt);
@@ -168,6 +169,54 @@ void answer_query(cp_server& server, cp_agent& agent, message_view view, const f
     std::snprintf(address.dst_name, sizeof address.dst_name, "%s", module_agent);
     address.dst_acv = from.src_acv;
     cp_link_send(agent.link, server.identity, address, answer);
+}
+
+void take_stop(cp_server& server, cp_agent& agent, message_view, const frame_address&) {
+    agent.stopping = true;
+    cp_emit(server, "stop", agent.link.agent, 0, fmt::format("agent {} stops", agent.link.agent));
+}
+
+struct message_row {
+    const char* type;
+    cp_message_handler* take;
+};
+
+constexpr message_row message_rows[] = {
+    {"EXSTART2", take_logon},
+    {"EXAKTJQU", cp_take_activation_answer},
+    {"EXSTAJ", cp_take_status},
+    {"QUITT", take_quittung},
+    {"EXRESCMD", cp_take_command_result},
+    {"BIN_GET", cp_take_resource_request},
+    {"RES_GET", cp_take_login_request},
+    {"REP_DATA", cp_take_report_block},
+    {"REP_END", cp_take_report_end},
+    {"SRVQUERY", answer_query},
+    {"WRITE", take_log_block},
+    {"CHGLOGR", answer_log_change},
+    {"EXINFO", take_other_answer},
+    {"CHGLOGQU", take_other_answer},
+    {"EXSTOP", take_stop},
+};
+
+// Whether the agent's message has been walked into host form; one that could not is dropped with an event.
+bool walked_to_host(cp_server& server, const cp_agent& agent, std::vector<unsigned char>& body) {
+    msgconv_ctx_t context;
+    msg_error error;
+    const int result = ToHOST(body.data(), body.size(), &context, 0, nullptr, &error);
+    if (result != walk_accepted) {
+        const int number = result == walk_warned && error.warning_list.length > 0
+                               ? error.warning_list.list[0].code
+                               : error.code;
+        const std::string insert = result == walk_warned && error.warning_list.length > 0
+                                       ? error.warning_list.list[0].subst
+                                       : error.subst;
+        cp_emit(server, "conversion", agent.link.agent, 0,
+                fmt::format("message of agent {} dropped: {}", agent.link.agent,
+                            cp_message_text(number, insert)));
+        free_warning_list(&error);
+    }
+    return result == walk_accepted;
 }
 
 }  // namespace
@@ -197,62 +246,25 @@ void cp_handle_message(cp_server& server, cp_agent& agent) {
                             {reinterpret_cast<const char*>(received.body.data()), received.body.size()})) {
         return;
     }
-    msgconv_ctx_t context;
-    msg_error error;
-    const int result = ToHOST(received.body.data(), received.body.size(), &context, 0, nullptr, &error);
-    if (result != walk_accepted) {
-        const int number = result == walk_warned && error.warning_list.length > 0
-                               ? error.warning_list.list[0].code
-                               : error.code;
-        const std::string insert = result == walk_warned && error.warning_list.length > 0
-                                       ? error.warning_list.list[0].subst
-                                       : error.subst;
-        cp_emit(server, "conversion", agent.link.agent, 0,
-                fmt::format("message of agent {} dropped: {}", agent.link.agent, cp_message_text(number, insert)));
-        free_warning_list(&error);
+    if (!walked_to_host(server, agent, received.body)) {
         return;
     }
     const message_view view = view_message(received.body.data(), received.body.size());
     const frame_address& from = received.address;
-    const uint32_t code = from.dst_acv;
-    auto is = [&](const char* type) { return message_type_is(view.data, view.length, type); };
-    if (is("EXSTART2")) {
-        take_logon(server, agent, view, from);
-    } else if (is("EXAKTJQU")) {
-        cp_take_activation_answer(server, agent, view, code);
-    } else if (is("EXSTAJ")) {
-        cp_take_status(server, agent, view);
-    } else if (is("QUITT")) {
-        take_quittung(server, agent, view, code);
-    } else if (is("EXRESCMD")) {
-        cp_take_command_result(server, view, code);
-    } else if (is("BIN_GET")) {
-        cp_take_resource_request(server, agent, view, from);
-    } else if (is("RES_GET")) {
-        cp_take_login_request(server, agent, view, from);
-    } else if (is("REP_DATA")) {
-        cp_take_report_block(server, agent, view);
-    } else if (is("REP_END")) {
-        cp_take_report_end(server, view);
-    } else if (is("SRVQUERY")) {
-        answer_query(server, agent, view, from);
-    } else if (is("WRITE")) {
-        take_log_block(server, agent, view);
-    } else if (is("CHGLOGR")) {
-        answer_log_change(server, agent, view, from);
-    } else if (is("EXINFO") || is("CHGLOGQU")) {
-        take_other_answer(server, agent, view, code);
-    } else if (is("EXSTOP")) {
-        agent.stopping = true;
-        cp_emit(server, "stop", agent.link.agent, 0, fmt::format("agent {} stops", agent.link.agent));
-    } else if (view.length == 0) {
-        cp_answer_pending(server, code, {"NK", 7, "", ""});
-    } else {
-        cp_emit(server, "unknown", agent.link.agent, 0,
-                fmt::format(
-                    "agent {} sent '{}', which this server does not handle", agent.link.agent,
-                    get_text(reinterpret_cast<const char*>(view.data), std::min<size_t>(view.length, 8))));
+    if (view.length == 0) {
+        cp_answer_pending(server, from.dst_acv, {"NK", 7, "", ""});
+        return;
     }
+    for (const message_row& row : message_rows) {
+        if (message_type_is(view.data, view.length, row.type)) {
+            row.take(server, agent, view, from);
+            return;
+        }
+    }
+    cp_emit(
+        server, "unknown", agent.link.agent, 0,
+        fmt::format("agent {} sent '{}', which this server does not handle", agent.link.agent,
+                    get_text(reinterpret_cast<const char*>(view.data), std::min<size_t>(view.length, 8))));
 }
 
 void cp_handle_lost_line(cp_server& server, cp_agent& agent) {

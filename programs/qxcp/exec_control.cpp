@@ -90,9 +90,9 @@ bool cp_exec_cancel(cp_server* server, const std::string& agent_name, int number
     return cp_send(server, *agent, module_commands, order);
 }
 
-void cp_take_command_result(cp_server& server, message_view view, uint32_t code) {
+void cp_take_command_result(cp_server& server, cp_agent&, message_view view, const frame_address& from) {
     auto result = view_record<MSG_TYPE_EXRESCMD>(view);
-    cp_answer_pending(server, code,
+    cp_answer_pending(server, from.dst_acv,
                       {"OK", 0, "", std::string{view_text(view, result.rep_dist, result.rep_len)}});
 }
 

@@ -131,7 +131,7 @@ void cp_ask_for_active_jobs(cp_server& server, cp_agent& agent) {
     }
 }
 
-void cp_take_status(cp_server& server, cp_agent& agent, message_view view) {
+void cp_take_status(cp_server& server, cp_agent& agent, message_view view, const frame_address&) {
     auto status = view_record<MSG_TYPE_EXSTAJ>(view);
     cp_job* job = cp_find_job(&server, status.ah_idnr);
     if (job == nullptr) {
@@ -188,8 +188,9 @@ void cp_take_status(cp_server& server, cp_agent& agent, message_view view) {
     finish_job(server, *job);
 }
 
-void cp_take_activation_answer(cp_server& server, cp_agent& agent, message_view view, uint32_t code) {
-    auto found = server.pending.find(code);
+void cp_take_activation_answer(cp_server& server, cp_agent& agent, message_view view,
+                               const frame_address& from) {
+    auto found = server.pending.find(from.dst_acv);
     if (found == server.pending.end() || found->second.type != "EXAKTJ") {
         cp_emit(server, "unknown", agent.link.agent, 0, "an EXAKTJQU came for no activation");
         return;

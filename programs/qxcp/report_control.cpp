@@ -39,7 +39,7 @@ void cp_end_transfer(cp_server& server, int id, const cp_answer& answer) {
     }
 }
 
-void cp_take_report_block(cp_server& server, cp_agent& agent, message_view view) {
+void cp_take_report_block(cp_server& server, cp_agent& agent, message_view view, const frame_address&) {
     auto block = view_record<MSG_TYPE_REP_DATA>(view);
     auto found = server.transfers.find(block.ah_idnr);
     if (found == server.transfers.end()) {
@@ -73,7 +73,7 @@ void cp_take_report_block(cp_server& server, cp_agent& agent, message_view view)
     cp_send(&server, agent, module_reports, next);
 }
 
-void cp_take_report_end(cp_server& server, message_view view) {
+void cp_take_report_end(cp_server& server, cp_agent&, message_view view, const frame_address&) {
     auto end = view_record<MSG_TYPE_REP_END>(view);
     cp_answer answer;
     answer.number = end.msgnr;
