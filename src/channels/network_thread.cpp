@@ -1,3 +1,15 @@
+// One cycle: take over new channels, hand queued messages to their channels, cut the frames that still lie in
+// receive buffers, name what is waited for, `select`, serve what is ready; after it, free what was deleted
+// meanwhile.
+//
+// Whatever the main thread does is either seen before the wait or ends it: it changes a queue or a channel
+// first and calls then, and a call since the start of the cycle (`network_looks`) makes the wait one of zero
+// seconds
+// (`network_begins_wait`). Channels are chained by anybody into `channel_newq`, under the lock; the chain
+// itself is followed, and channels are taken out of it and freed, by this thread alone. So a cycle follows
+// `nxt` without a lock, and a channel that is deleted, by whomever, stays where it is until the cycle's end,
+// and longer while a sender holds its pen. Its socket may be closed and the number used again: the sets count
+// only for a channel that has the socket still.
 #include "channels/network_thread.h"
 
 #include <fcntl.h>

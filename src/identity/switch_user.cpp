@@ -1,3 +1,11 @@
+// The process has one effective identity for all its threads, so it is borrowed under one lock, from the
+// switch to the way back, and account lookups take the same lock. The real ids never change in the agent:
+// they are the way back. An identity is three things that the kernel changes one by one, groups, effective
+// gid and effective uid, and only root may change the first two: away from root the uid comes last, back to
+// root it comes first. So when a step away fails the process holds at most the groups of the user with the
+// uid of root; that is mended at once, and whoever borrows next sets all three anyway. Nobody lets the lock
+// go while the identity is another's: `effective_user` sees to it, and who calls the functions below it has
+// to.
 #include "identity/switch_user.h"
 
 #include <grp.h>

@@ -1,3 +1,14 @@
+// One pass over a message along its catalogue entry, in the order of the elements. The walk's place
+// (`buffer.offset`) moves over the fixed part; a field with a relation stands elsewhere (`value_offset`), at
+// a distance that an earlier field gave, and takes no room at the walk's place. What later elements may refer
+// to, the value, count and place of each element so far, is kept in a matrix for each record; a reference
+// that names nothing yet is a warning. Records within records recurse, with a matrix of their own, and go on
+// where they ended.
+//
+// No byte is read or swapped before it is known to stand inside the message, with positions as 64-bit numbers
+// that cannot wrap; a message may end between two elements of any record, and the rest of that record is then
+// absent, not wrong. Integers are swapped in place and each once, so that a place or a length must be read
+// from the side of the swap that is in host order: before it on the way out, behind it on the way in.
 #include <algorithm>
 #include <bit>
 #include <cstdio>

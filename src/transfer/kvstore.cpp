@@ -1,3 +1,13 @@
+// The file is at each moment a row of whole records, of which a crash can cut or leave out only the last; the
+// index holds the header of each live key as it stands in the file. A value that fits the room of its record
+// is written over it, header and value in one call, where a crash may mix the two values but not the row. A
+// longer one is appended first and the old record marked deleted then; of two records of one key the load
+// takes the first and marks the other, so that such a `put` is done or was never begun. Records are never
+// moved and room is never given back.
+//
+// The load follows the lengths from header to header. A record that reaches behind the end of the file is
+// what a crash left and is cut off, unless another record's header can be found behind its own: then its
+// length is what is wrong, cutting would lose the others, and the store is refused.
 #include "transfer/kvstore.h"
 
 #include <fcntl.h>

@@ -1,5 +1,12 @@
 // Symbols of id 9: the position that followed the same context last predicts what comes; only lengths travel.
 //
+// At each place the bytes just before it, the context, choose a slot of a table, and the slot holds the place
+// that followed the same context last. When two or more bytes there are those that come, their number is
+// coded, else the byte itself. With two tables, a longer context and a shorter one, the code also says which
+// of them was right. A receiver keeps the same tables and so knows the place: no distance travels. What must
+// hold is that both sides would find the same place whenever a length is coded; a sender may find nothing
+// where a receiver would.
+//
 // What the tables hold at a place depends on the bytes before it alone, not on how they were coded. So a
 // stretch is passed over twice: one loop without branches brings the tables up to date and keeps what they
 // told for each place, a second one searches in that. Neither waits for the other's misses.
