@@ -8,6 +8,7 @@
 
 #include "base/base64.h"
 #include "base/file_data.h"
+#include "base/message_numbers.h"
 #include "fuzz_file.h"
 #include "retrieval/file_retrieval.h"
 
@@ -48,7 +49,7 @@ void take_text(const std::string& text) {
         require(request.cdata.cd_blocksize >= file_request_block_min &&
                 request.cdata.cd_blocksize <= file_request_block_max);
     } else {
-        require(fault.qx_msgnr == FILE_REQUEST_FORM || fault.qx_msgnr == FILE_REQUEST_NO_LOGIN);
+        require(fault.qx_msgnr == number_file_read_form || fault.qx_msgnr == number_file_read_no_login);
     }
     free(copy);
 }
@@ -76,7 +77,7 @@ void take_file(const uint8_t* data, size_t size) {
     while (request.gf_restSendSize > 0) {
         const int64_t before = request.gf_restSendSize;
         if (read_recordsToBuff(&request, &error) != 0) {
-            require(error.qx_msgnr == FILE_REQUEST_FAILED);
+            require(error.qx_msgnr == number_file_read_failed);
             return;
         }
         require(request.gf_restSendSize < before);

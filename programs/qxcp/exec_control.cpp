@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "agent_messages.h"
+#include "base/message_numbers.h"
 #include "control.h"
 #include "hex.h"
 #include "messages/records_job.h"
@@ -14,7 +15,6 @@ using nlohmann::json;
 
 namespace {
 
-constexpr int number_failed = 2000172;
 constexpr char module_commands[] = "EXECCMD";
 constexpr size_t command_limit = size_t{1} << 20;
 
@@ -24,8 +24,9 @@ int code_of(const cp_answer& answer) {
         return 0;
     }
     const size_t bar = answer.insert.find('|');
-    return answer.number == number_failed && bar != std::string::npos ? std::atoi(answer.insert.c_str() + bar + 1)
-                                                                      : -1;
+    return answer.number == number_command_failed && bar != std::string::npos
+               ? std::atoi(answer.insert.c_str() + bar + 1)
+               : -1;
 }
 
 // Lines as the command wrote them; a CR of its own stays.

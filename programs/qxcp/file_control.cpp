@@ -9,6 +9,7 @@
 #include "agent_messages.h"
 #include "base/base64.h"
 #include "base/memory.h"
+#include "base/message_numbers.h"
 #include "base/text.h"
 #include "base/time.h"
 #include "control.h"
@@ -22,8 +23,6 @@ using nlohmann::json;
 namespace {
 
 constexpr char module_files[] = "GETFILE";
-constexpr int login_unknown = 2001007;
-constexpr int file_not_opened = 29003;  // for a command where commands are off, too
 constexpr char shell_mark[] = "<AGENTSHELL>";
 constexpr size_t login_info_size = 200;
 constexpr size_t answer_head_size = sizeof(MSG_TYPE_XML_DATA);
@@ -129,7 +128,7 @@ void cp_take_login_request(cp_server& server, cp_agent& agent, message_view view
         auto refusal = new_message<MSG_TYPE_QUITT>(get.header.i2Mandant, get.header.i4UsrIdNr);
         put_text(refusal.quitt, "NK");
         put_text(refusal.msg, "RES_GET");
-        refusal.msgnr = login_unknown;
+        refusal.msgnr = number_user_unknown;
         put_text(refusal.msg_insert, fmt::format("{}|", get_text(get.name)));
         cp_send(&server, agent, module, refusal);
         return;
@@ -342,7 +341,8 @@ void cp_control_shell(cp_server& server, cp_control_client& client, const json& 
         if (answer.status != "OK") {
             std::string why = control_answer_text(answer);
             // Without consoles the words are the name of a file.
-            if (answer.number == file_not_opened && answer.insert.find(shell_mark) != std::string::npos) {
+            if (answer.number == number_report_open_failed &&
+                answer.insert.find(shell_mark) != std::string::npos) {
                 why += ". Set allow_agentshell=yes in section GLOBAL of its INI file and start it anew";
             }
             control_refuse(*asker, fmt::format("agent {} did not run the command: {}", agent, why));

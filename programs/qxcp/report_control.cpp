@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "agent_messages.h"
+#include "base/message_numbers.h"
 #include "base/time.h"
 #include "messages/records_report.h"
 
@@ -67,7 +68,7 @@ void cp_take_report_block(cp_server& server, cp_agent& agent, message_view view,
     std::memcpy(next.rep_type, block.rep_type, sizeof next.rep_type);
     transfer.block = block.rep_blk + 1;
     next.rep_blk = transfer.block;
-    next.msgnr = good ? 0 : 2003041;
+    next.msgnr = good ? 0 : number_file_call;
     put_text(next.msg_insert,
              good ? "" : fmt::format("fwrite|{}|{}|{}|", transfer.wish.path, errno, std::strerror(errno)));
     cp_send(&server, agent, module_reports, next);
@@ -78,11 +79,8 @@ void cp_take_report_end(cp_server& server, cp_agent&, message_view view, const f
     cp_answer answer;
     answer.number = end.msgnr;
     answer.insert = get_text(end.msg_insert);
-    constexpr int limit_reached = 29007;
-    constexpr int line_limit_reached = 29008;
-    constexpr int ended_well = 29001;
-    const bool good = end.msgnr == 0 || end.msgnr == limit_reached || end.msgnr == line_limit_reached ||
-                      end.msgnr == ended_well;
+    const bool good = end.msgnr == 0 || end.msgnr == number_report_block_limit ||
+                      end.msgnr == number_report_line_limit || end.msgnr == number_report_ended;
     answer.status = good ? "OK" : "NK";
     cp_end_transfer(server, end.ah_idnr, answer);
 }

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <memory>
 
+#include "base/message_numbers.h"
 #include "qxpack.h"
 
 namespace {
@@ -135,25 +136,25 @@ int writePlain(void* hOut, const char* buf, int len, int mode, ErrMsg* err) {
 std::string errorText(const ErrMsg& err) {
     const auto text = [&]() -> const char* {
         switch (err.code) {
-            case compress_no_memory:
+            case number_compress_no_memory:
                 return "not enough memory";
-            case compress_bad_call:
+            case number_compress_bad_call:
                 return "method or mode does not fit the stream";
-            case compress_invalid_data:
+            case number_compress_invalid_data:
                 return "invalid compressed data";
-            case compress_zlib_error:
+            case number_compress_zlib_error:
                 return "zlib reports an error";
-            case compress_behind_zlib:
+            case number_compress_behind_zlib:
                 return "data behind the end of the stream";
-            case compress_zlib_incomplete:
+            case number_compress_zlib_incomplete:
                 return "stream is not complete";
-            case compress_item_incomplete:
+            case number_compress_item_incomplete:
                 return "item too long or not complete";
-            case compress_invalid_header:
+            case number_compress_invalid_header:
                 return "not a compressed stream";
-            case compress_zlib_no_memory:
+            case number_compress_zlib_no_memory:
                 return "not enough memory for zlib";
-            case compress_text_differs:
+            case number_compress_text_differs:
                 return "stream and command differ in records";
             default:
                 return "failed";

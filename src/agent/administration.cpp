@@ -9,6 +9,7 @@
 #include "agent/shutdown.h"
 #include "agent/system_variables.h"
 #include "base/context.h"
+#include "base/message_numbers.h"
 #include "base/text.h"
 #include "channels/messages.h"
 #include "channels/outgoing.h"
@@ -175,7 +176,7 @@ int process_trcset(EX_PCX* pcx, ccm_msg_t* msg, int) {
     if (pcx->running_mode != MODE_AGENT) {
         return 0;
     }
-    __log(2000047, "%s|", trace_flags(pcx).c_str());
+    __log(number_trace_flags, "%s|", trace_flags(pcx).c_str());
     const int result = forward_to_family(pcx, msg);
     if (result == 0) {
         LOG_TraceMsgStack(pcx);

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "base/context.h"
+#include "base/message_numbers.h"
 #include "base/text.h"
 #include "channels/connect.h"
 #include "channels/messages.h"
@@ -17,8 +18,6 @@
 namespace {
 
 constexpr char answered_type[] = "CONNECT ";
-constexpr int no_such_partner = 2002036;
-constexpr int mechanism_failed = 2000105;
 constexpr int port_max = 65535;
 
 // What the acceptance needs and gives back in any case.
@@ -48,7 +47,8 @@ struct acceptance {
 };
 
 int failed(const char* function, OM_uint32 major, OM_uint32 minor, qx7_error* error) {
-    return qx_error_set(error, -1, static_cast<int>(minor), mechanism_failed, "%s|%u|%u|", function, major, minor);
+    return qx_error_set(error, -1, static_cast<int>(minor), number_security_call, "%s|%u|%u|", function,
+                        major, minor);
 }
 
 // The credential that the server's token delegates; null, when it delegates nothing.
@@ -84,8 +84,8 @@ int check_partner(const MSG_TYPE_CONNECT& order, qx7_error* error) {
     const bool good = ccm_name_acceptable(name.data(), name.size()) && !get_field(order.ipaddr).empty() &&
                       order.port > 0 && order.port <= port_max;
     return good ? 0
-                : qx_error_set(error, -1, EINVAL, no_such_partner, "%s:%d|%s|", printable(get_field(order.ipaddr)).c_str(),
-                               order.port, strerror(EINVAL));
+                : qx_error_set(error, -1, EINVAL, number_read_failed, "%s:%d|%s|",
+                               printable(get_field(order.ipaddr)).c_str(), order.port, strerror(EINVAL));
 }
 
 ccm_connect_user_context_t* new_context(const MSG_TYPE_CONNECT& order, const ccm_msg_t* msg,
@@ -109,8 +109,8 @@ int connect_partner(EX_PCX* pcx, const ccm_msg_t* msg, const MSG_TYPE_CONNECT& o
                     std::span<const unsigned char> token, qx7_error* error) {
     ccm_connect_user_context_t* context = new_context(order, msg, token);
     if (context == nullptr) {
-        return qx_error_set(error, -1, ENOMEM, 2003043, "calloc|%u|%s|", static_cast<unsigned>(ENOMEM),
-                            strerror(ENOMEM));
+        return qx_error_set(error, -1, ENOMEM, number_system_call, "calloc|%u|%s|",
+                            static_cast<unsigned>(ENOMEM), strerror(ENOMEM));
     }
     ccm_error_t fault;
     int result = take_token(pcx, token, &context->pDelegCred, error);
@@ -169,5 +169,6 @@ void agent_connection_closed(EX_PCX* pcx, const ccm_channel_image_t& channel,
     // By name: the server's channel may be another one by now.
     send_quitt_extended(pcx, 0, context.ccmaddr.src_name, context.ccmaddr.dst_name, context.ccmaddr.src_acv,
                         answered_type, context.client, context.user,
-                        channel.msgnr == 0 ? no_such_partner : channel.msgnr, insert.c_str(), "NK", nullptr, 0);
+                        channel.msgnr == 0 ? number_read_failed : channel.msgnr, insert.c_str(), "NK",
+                        nullptr, 0);
 }

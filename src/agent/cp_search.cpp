@@ -7,6 +7,7 @@
 
 #include "agent/server_connection.h"
 #include "base/context.h"
+#include "base/message_numbers.h"
 #include "base/text.h"
 #include "base/time.h"
 #include "channels/connect.h"
@@ -124,7 +125,7 @@ standing stand_of_all() {
 }
 
 int give_up(EX_PCX* pcx) {
-    __log(2000355, "%d", pcx->Per_Reconnect);
+    __log(number_no_server, "%d", pcx->Per_Reconnect);
     cp_search_end(pcx, 0);
     pcx->Srv_alarm_time = alarm_now() + pcx->Per_Reconnect;
     return 1;
@@ -133,7 +134,7 @@ int give_up(EX_PCX* pcx) {
 // ---- the outside
 
 int real_connect(EX_PCX* pcx, const char* host, int port) {
-    __log(2000011, "%s:%d", host, port);
+    __log(number_server_tried, "%s:%d", host, port);
     ccm_error_t error;
     const int id = ccm_connect(pcx->ccm, host, port, CH_TYPE_CP_CANDIDATE, nullptr, pcx->connwait, &error);
     if (id < 0) {
@@ -158,7 +159,7 @@ int real_choose(EX_PCX* pcx, int channel_id) {
     channel->flag.fetch_or(CH_FLAG_CONNECTING);
     const int port = channel->port;
     ccm_channel_unlock(pcx->ccm);
-    __log(2000073, "%s|%s:%d", name, host, port);
+    __log(number_server_chosen, "%s|%s:%d", name, host, port);
     return send_visitcard(pcx, channel_id);
 }
 

@@ -8,6 +8,7 @@
 #include "agent/logon.h"
 #include "agent/server_connection.h"
 #include "base/context.h"
+#include "base/message_numbers.h"
 #include "base/text.h"
 #include "channels/messages.h"
 #include "channels/replies.h"
@@ -27,7 +28,6 @@
 namespace {
 
 constexpr int quitt_module_unknown = 7;
-constexpr int message_sender = 2000033;
 
 // The module of the message as it came, made harmless for the log.
 std::string shown(const char* field) {
@@ -42,7 +42,7 @@ bool may_answer(const ccm_msg_t* msg) {
 
 int refuse_module(ccm_msg_t* msg, const char* what) {
     __log(-1, "MODULE(%s) is not %s", shown(msg->addr.dst_name).c_str(), what);
-    __log(message_sender, "%s|", shown(msg->addr.src_name).c_str());
+    __log(number_sender, "%s|", shown(msg->addr.src_name).c_str());
     if (may_answer(msg)) {
         send_quitt(msg, quitt_module_unknown, "");
     }

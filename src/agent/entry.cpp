@@ -27,6 +27,7 @@
 #include "base/files.h"
 #include "base/give_back.h"
 #include "base/locks.h"
+#include "base/message_numbers.h"
 #include "base/paths.h"
 #include "base/text.h"
 #include "base/time.h"
@@ -323,7 +324,7 @@ void dump_settings(EX_PCX* pcx) {
 
 int abnormal_start(EX_PCX* pcx, const entry_state& state, bool log_it) {
     if (log_it) {
-        __log(2000002, "%s|%s|", pcx->exName, pcx->exVers);
+        __log(number_agent_ended_abnormally, "%s|%s|", pcx->exName, pcx->exVers);
     }
     return_to_start(state);
     Close_All(pcx, 1, 1);
@@ -334,16 +335,16 @@ int abnormal_start(EX_PCX* pcx, const entry_state& state, bool log_it) {
 int open_channels(EX_PCX* pcx) {
     ccm_error_t ccm_error;
     if (ccm_open(pcx, &pcx->ccm, &ccm_error) != 0) {
-        __log(2003043, "CCM_OPEN|Result=-1|");
+        __log(number_system_call, "CCM_OPEN|Result=-1|");
         return -1;
     }
     qx7_error error;
     if (signal_open(pcx, &error) != 0) {
-        __log(2003043, "signal_open()|Result=0|");  // says 0; it stays so
+        __log(number_system_call, "signal_open()|Result=0|");  // says 0; it stays so
         return -1;
     }
     if (ccm_thread_start(pcx->ccm, &ccm_error) != 0) {
-        __log(2003043, "CCM_START_THREAD|Result=-1|");
+        __log(number_system_call, "CCM_START_THREAD|Result=-1|");
         return -1;
     }
     return 0;

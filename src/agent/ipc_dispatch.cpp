@@ -9,6 +9,7 @@
 #include "agent/server_connection.h"
 #include "agent/timers.h"
 #include "base/context.h"
+#include "base/message_numbers.h"
 #include "base/text.h"
 #include "base/time.h"
 #include "channels/line_budget.h"
@@ -71,7 +72,7 @@ int listener_ended(EX_PCX* pcx, const ipcmsg_sigchld_t& end) {
     if (pcx->listener_start_counter == 0) {
         pcx->listener_alarm_time = listener_last_start() + 1;
     }
-    __log(2003059, "LISTENER|%i|%i(status=%i)", end.pid, end.ret, end.status);
+    __log(number_process_ended, "LISTENER|%i|%i(status=%i)", end.pid, end.ret, end.status);
     listener_log_start_failure();
     return 0;
 }
@@ -129,12 +130,12 @@ int process_ipc_channel_accept(EX_PCX* pcx, ccm_msg_t* msg, int) {
     const auto record = record_of<ipcmsg_channel_id_t>(msg);
     ccm_channel_image_t channel;
     if (ccm_channel_copy(pcx->ccm, record.ID, &channel) != 0) {
-        __log(2003066, "LISTENER/%s()|%d", "process_ipc_channel_accept", record.ID);
+        __log(number_no_connection, "LISTENER/%s()|%d", "process_ipc_channel_accept", record.ID);
         return -1;
     }
     ccm_caller caller;
     if (ccm_channel_caller(pcx->ccm, record.ID, &caller) != 0 || !caller.own_host) {
-        __log(2002039, "s=%d(ID=%d)|%s:%d", channel.s, channel.ID, channel.addr, channel.port);
+        __log(number_accepted, "s=%d(ID=%d)|%s:%d", channel.s, channel.ID, channel.addr, channel.port);
     } else if (trc_on(TRC_TCPIP)) {
         // Each call of a job's messenger is one; an agent of this host is told at its handshake.
         _TraceText("connection from %s:%d (s=%d,ID=%d) is accepted", channel.addr, channel.port, channel.s,
@@ -147,7 +148,7 @@ int process_ipc_gsshs_ok(EX_PCX* pcx, ccm_msg_t* msg, int) {
     const auto record = record_of<ipcmsg_channel_id_t>(msg);
     ccm_channel_t* channel = ccm_channel_getbyID(pcx->ccm, record.ID);
     if (channel == nullptr) {
-        __log(2003066, "AGENT/%s()|%d", "process_ipc_gsshs_ok", record.ID);
+        __log(number_no_connection, "AGENT/%s()|%d", "process_ipc_gsshs_ok", record.ID);
         return -1;
     }
     channel->flag.fetch_and(~CH_FLAG_CONNECTING);

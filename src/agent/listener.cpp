@@ -27,6 +27,7 @@
 #include "base/context.h"
 #include "base/descriptor.h"
 #include "base/locks.h"
+#include "base/message_numbers.h"
 #include "base/sanitizer.h"
 #include "base/text.h"
 #include "base/threads.h"
@@ -243,7 +244,7 @@ std::vector<std::string> kept_environment() {
 
 int call_failure(qx7_error* error, const char* call) {
     const int number = errno;
-    return qx_error_set(error, -1, number, 2000102, "%s|%d-%s", call, number, strerror(number));
+    return qx_error_set(error, -1, number, number_call_failed, "%s|%d-%s", call, number, strerror(number));
 }
 
 // Forks and executes. The child's process id, or -1.
@@ -286,7 +287,7 @@ pid_t launch(EX_PCX* pcx, int record, int pair_end, int failure) {
 
 void note_start(EX_PCX* pcx, pid_t pid, int channel_id) {
     children_note(pid);
-    __log(2003056, "LISTENER|%i", static_cast<int>(pid));
+    __log(number_process_started, "LISTENER|%i", static_cast<int>(pid));
     pcx->listener_pid = pid;
     pcx->listener_channel_ID = channel_id;
     ++pcx->listener_start_counter;
@@ -437,7 +438,8 @@ int listener_start_process(EX_PCX* pcx, qx7_error* error) {
     if (pid < 0) {
         const int number = errno;
         ccm_channel_silencebyID(pcx->ccm, channel_id);
-        return qx_error_set(error, -1, number, 2000102, "fork(LISTENER)|%d-%s", number, strerror(number));
+        return qx_error_set(error, -1, number, number_call_failed, "fork(LISTENER)|%d-%s", number,
+                            strerror(number));
     }
     note_start(pcx, pid, channel_id);
     return 0;
@@ -449,7 +451,8 @@ void listener_log_start_failure() {
                                                   static_cast<ssize_t>(sizeof failure);
     failure_pipe.reset();
     if (told && failure.call > call_none && failure.call <= call_exec) {
-        __log(2003043, "%s|%d|%s|", call_names[failure.call], failure.number, strerror(failure.number));
+        __log(number_system_call, "%s|%d|%s|", call_names[failure.call], failure.number,
+              strerror(failure.number));
     }
 }
 

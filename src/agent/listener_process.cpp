@@ -23,6 +23,7 @@
 #include "agent/timers.h"
 #include "base/context.h"
 #include "base/locks.h"
+#include "base/message_numbers.h"
 #include "base/text.h"
 #include "channels/connect.h"
 #include "channels/fork.h"
@@ -179,7 +180,7 @@ int open_all(EX_PCX* pcx, const listener_settings& settings) {
 
 void greet(EX_PCX* pcx) {
     __log_set_logger(ipc_logger);
-    __log(2003057, "%s|%i", pcx->process_name, static_cast<int>(getpid()));
+    __log(number_process_runs, "%s|%i", pcx->process_name, static_cast<int>(getpid()));
     __log(-1, "listening on port %d, address '%s'", pcx->listener_port,
           pcx->listener_bindaddr[0] == '\0' ? "*" : pcx->listener_bindaddr);
     tell_agent_ok(pcx);

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "base/context.h"
+#include "base/message_numbers.h"
 #include "base/text.h"
 #include "base/time.h"
 #include "channels/messages.h"
@@ -60,11 +61,11 @@ int take_lines(EX_PCX* pcx, unsigned char* out, int capacity, int* used) {
 
 void start_new_log(EX_PCX* pcx) {
     if (OpenLogFile(pcx) != 0) {
-        __log(2003041, "OpenLogFile()|%s|%u|%s|", pcx->logFile, static_cast<unsigned>(errno),
+        __log(number_file_call, "OpenLogFile()|%s|%u|%s|", pcx->logFile, static_cast<unsigned>(errno),
               strerror(errno));
     }
-    __log(2000059, "%s|", pcx->logFile);
-    __log(2000130, "%s|%s|", pcx->exName, pcx->exVers);
+    __log(number_log_started, "%s|", pcx->logFile);
+    __log(number_log_continued, "%s|%s|", pcx->exName, pcx->exVers);
     LOG_LogMsgStack(pcx);
 }
 
@@ -117,7 +118,7 @@ int send_log2server(EX_PCX* pcx, int max_blocks) {
 
 int process_chglog(EX_PCX* pcx, ccm_msg_t* msg, int) {
     const auto order = view_record<MSG_TYPE_CHGLOG>(view_of(msg));
-    __log(2000067, "%d|", order.ah_idnr);
+    __log(number_log_report, "%d|", order.ah_idnr);
     send_log2server(pcx, log_blocks_at_end);
     put_field(pcx->report_b_name, get_field(msg->addr.src_name));
     start_new_log(pcx);

@@ -6,6 +6,7 @@
 
 #include "agent/system_variables.h"
 #include "base/context.h"
+#include "base/message_numbers.h"
 #include "base/paths.h"
 #include "base/text.h"
 #include "base/time.h"
@@ -188,7 +189,7 @@ int CreateExStartVar(EX_PCX* pcx, std::string* list) {
     given |= add_preset(pcx, "QX_AGENT_HW", agent_hw, &variables, hardware);
     given |= add_preset(pcx, "QX_AGENT_PLATFORM", agent_platform, &variables, platform);
     if (given) {
-        __log(2000252, "%s|%s|%s|", software, hardware, platform);
+        __log(number_ini_platform, "%s|%s|%s|", software, hardware, platform);
     }
     return variables.count;
 }

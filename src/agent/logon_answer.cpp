@@ -14,6 +14,7 @@
 #include "agent/system_variables.h"
 #include "base/code_tables.h"
 #include "base/context.h"
+#include "base/message_numbers.h"
 #include "base/text.h"
 #include "base/time.h"
 #include "channels/messages.h"
@@ -38,14 +39,14 @@ void take_period(int* period, int value, const char* what) {
     if (value >= 1) {
         *period = value;
     }
-    __log(2000017, "%d|%s|", *period, what);
+    __log(number_server_period, "%d|%s|", *period, what);
 }
 
 void take_short_period(short* period, int value, const char* what) {
     if (value >= 1) {
         *period = static_cast<short>(value);
     }
-    __log(2000017, "%d|%s|", static_cast<int>(*period), what);
+    __log(number_server_period, "%d|%s|", static_cast<int>(*period), what);
 }
 
 // With 'Y' the server lets work without a login start, and the setting says whether a given login is checked.
@@ -53,7 +54,7 @@ char check_of(int login_check, char field, int* anonymous, const char* what) {
     *anonymous = field == 'Y' ? 1 : 0;
     const int check = field == 'Y' ? login_check : 1;
     if (check == 0) {
-        __log(2000231, "%s|", what);
+        __log(number_no_login_check, "%s|", what);
     }
     return static_cast<char>(check);
 }

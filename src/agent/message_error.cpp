@@ -12,6 +12,7 @@
 #include "base/context.h"
 #include "base/files.h"
 #include "base/locks.h"
+#include "base/message_numbers.h"
 #include "base/text.h"
 #include "channels/ccm.h"
 #include "jobs/job_table.h"
@@ -78,7 +79,7 @@ void message_error_action(char* buffer, size_t size) {
     PZUTRACE file = fd < 0 ? nullptr : ZUTRACE_OpenDescriptor(fd);
     if (file == nullptr) {
         const int number = errno;
-        __log(file_message, "%s|%s|%d|%s|", "mkstemp()", path, number, strerror(number));
+        __log(number_file_call, "%s|%s|%d|%s|", "mkstemp()", path, number, strerror(number));
         return;
     }
     // The lock is held from the first to the last line, so that no other thread's lines get into this file.

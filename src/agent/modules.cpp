@@ -9,6 +9,7 @@
 #include "base/context.h"
 #include "base/error.h"
 #include "base/files.h"
+#include "base/message_numbers.h"
 #include "jobs/activation.h"
 #include "jobs/commands.h"
 #include "log/log.h"
@@ -87,7 +88,7 @@ int open_modules(EX_PCX* pcx, qx7_error* error) {
         qx7_error detail;
         if (row.open(pcx, &detail) != 0) {
             __log_error(detail);
-            return qx_error_set(error, -1, 0, file_message, "%s()||||", row.name);
+            return qx_error_set(error, -1, 0, number_file_call, "%s()||||", row.name);
         }
     }
     return 0;

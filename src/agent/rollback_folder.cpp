@@ -13,6 +13,7 @@
 #include "base/context.h"
 #include "base/descriptor.h"
 #include "base/files.h"
+#include "base/message_numbers.h"
 #include "base/time.h"
 #include "log/log.h"
 
@@ -86,7 +87,7 @@ int rb_FolderCleanup(EX_PCX* pcx, int life, qx7_error* error) {
     pcx->rb_cleanup_time = next_run(pcx, now);
     tm due{};
     if (!qx_localtime(now - life, &due)) {
-        return qx_error_set(error, -1, EOVERFLOW, system_message, "localtime_r|%u|%s|",
+        return qx_error_set(error, -1, EOVERFLOW, number_system_call, "localtime_r|%u|%s|",
                             static_cast<unsigned>(EOVERFLOW), strerror(EOVERFLOW));
     }
     char dueDate[48];

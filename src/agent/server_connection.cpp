@@ -9,6 +9,7 @@
 
 #include "agent/logon.h"
 #include "base/context.h"
+#include "base/message_numbers.h"
 #include "base/text.h"
 #include "base/time.h"
 #include "channels/handshake.h"
@@ -167,7 +168,7 @@ int server_connection_start(EX_PCX* pcx, qx7_error* error) {
     resolver_own_host();  // begins the look-up that the logon wants
     cp_search_open(pcx);
     pcx->unquitted_srvqry = 0;
-    __log(2000072, "%s", pcx->sysName);
+    __log(number_server_search, "%s", pcx->sysName);
     const endpoint primary = main_cp(pcx);
     if (cp_connection_add(pcx, primary.host, primary.port, cp_random_ranking()) != 0 && primary.given) {
         __log(-1,
@@ -210,15 +211,15 @@ int process_server_data(EX_PCX* pcx, ccm_msg_t* msg) {
         return 0;
     }
     name_channel(pcx, id, name, ranking);
-    __log(2000004, "%s(ID=%d)", name.c_str(), id);
+    __log(number_server_answered, "%s(ID=%d)", name.c_str(), id);
     if (!equal_ignore_case(system, pcx->sysName)) {
-        __log(2000019, "%s|", printable(system).c_str());
+        __log(number_wrong_system, "%s|", printable(system).c_str());
         cp_search_failed(pcx, id);
         ccm_channel_deletebyID(pcx->ccm, id);
         cp_connection_connect_next_based_ranking(pcx);
         return -1;
     }
-    __log(2000354, "%s|%d", name.c_str(), ranking);
+    __log(number_server_ranking, "%s|%d", name.c_str(), ranking);
     const char* list = reinterpret_cast<const char*>(msg->msg_start) + sizeof data;
     const size_t length = static_cast<size_t>(msg->len) - sizeof data;
     named_lists[id] = std::string(list, std::min(length, named_list_max));
@@ -269,7 +270,7 @@ int process_executor_data(EX_PCX* pcx, ccm_msg_t* msg) {
     }
     ccm_channel_t* channel = ccm_channel_getbyID(pcx->ccm, id);
     if (channel == nullptr) {
-        __log(2003066, "AGENT/%s()|%d", "process_executor_data", id);
+        __log(number_no_connection, "AGENT/%s()|%d", "process_executor_data", id);
         return -1;
     }
     if ((channel->flag & CH_FLAG_REQUEST_SENT) != 0) {
@@ -303,17 +304,18 @@ int process_executor_data(EX_PCX* pcx, ccm_msg_t* msg) {
     const ccm_addr_t& requester = context.ccmaddr;
     if (!expected) {
         const std::string insert = card.name + "|" + context.name + "|";
-        __log(2000061, "%s", insert.c_str());
+        __log(number_wrong_agent, "%s", insert.c_str());
         send_quitt_extended(pcx, requester.src_ID, requester.src_name, requester.dst_name, requester.src_acv,
-                            "CONNECT ", context.client, context.user, 2000061, insert.c_str(), "NK", nullptr,
-                            0);
+                            "CONNECT ", context.client, context.user, number_wrong_agent, insert.c_str(),
+                            "NK", nullptr, 0);
         return -1;
     }
-    __log(2000006, "%s(ID=%d)", card.name.c_str(), id);
+    __log(number_agent_connected, "%s(ID=%d)", card.name.c_str(), id);
     if (context.pDelegCred == nullptr) {
-        __log(2003077, "%s|", card.name.c_str());
+        __log(number_no_credential, "%s|", card.name.c_str());
         send_quitt_extended(pcx, requester.src_ID, requester.src_name, requester.dst_name, requester.src_acv,
-                            "CONNECT ", context.client, context.user, 2003077, "", "NK", nullptr, 0);
+                            "CONNECT ", context.client, context.user, number_no_credential, "", "NK", nullptr,
+                            0);
         return -1;
     }
     send_visitcard(pcx, id);
@@ -376,7 +378,7 @@ int server_connection_established(EX_PCX* pcx, int channel_id) {
 void server_handshake_failed(EX_PCX* pcx, const ccm_channel_image_t& channel) {
     constexpr char remedy[] =
         "see 'First contact' in docs/operations.md";
-    if (channel.msgnr == 2000064) {
+    if (channel.msgnr == number_no_answer) {
         return;  // it said nothing, so its opinion of the key is not known
     }
     const std::string fingerprint = key_fingerprint(agent_keys(), pcx->exName);

@@ -7,13 +7,13 @@
 #include "base/descriptor.h"
 #include "base/file_data.h"
 #include "base/files.h"
+#include "base/message_numbers.h"
 #include "base/profile.h"
 #include "base/text.h"
 #include "log/log.h"
 
 namespace {
 
-constexpr int message_setting = 2000024;
 constexpr char page[] = "docs/configuration.md lists all";
 
 struct seen_name {
@@ -207,7 +207,7 @@ int settings_log_faults(const EX_PCX* pcx, qx7_error* error) {
     if (end == nullptr) {
         return 0;
     }
-    return qx_error_set(error, -1, 0, message_setting, "%s|%s|", end->key.c_str(), end->section.c_str());
+    return qx_error_set(error, -1, 0, number_bad_setting, "%s|%s|", end->key.c_str(), end->section.c_str());
 }
 
 bool settings_protecting_switch(EX_PCX* pcx, const char* section, const char* key, bool safe) {

@@ -15,6 +15,7 @@
 #include "agent/start_warnings.h"
 #include "base/context.h"
 #include "base/files.h"
+#include "base/message_numbers.h"
 #include "base/paths.h"
 #include "base/profile.h"
 #include "base/text.h"
@@ -27,7 +28,6 @@
 
 namespace {
 
-constexpr int message_setting = 2000024;
 constexpr int name_max = 32;
 constexpr int messenger_max = 128;
 constexpr mode_t shared_folder_mode = 01777;  // the sticky bit keeps one user's files from another
@@ -45,12 +45,12 @@ void reading(const char* section, const char* key) {
 }
 
 int setting_error(qx7_error* error, const char* insert) {
-    return qx_error_set(error, -1, 0, message_setting, "%s", insert);
+    return qx_error_set(error, -1, 0, number_bad_setting, "%s", insert);
 }
 
 int call_error(qx7_error* error, const char* call, const char* path) {
     const int number = errno;
-    return qx_error_set(error, -1, number, file_message, "%s|%s|%u|%s|", call, path,
+    return qx_error_set(error, -1, number, number_file_call, "%s|%s|%u|%s|", call, path,
                         static_cast<unsigned>(number), strerror(number));
 }
 
@@ -186,7 +186,7 @@ int open_log(EX_PCX* pcx, qx7_error* error) {
     pcx->cLogToDb = 0;
     if (CreateLogHandle(pcx) != 0) {
         const int number = errno;
-        return qx_error_set(error, -1, number, file_message, "CreateLogHandle()|%s|%i|%s|", pcx->logFile,
+        return qx_error_set(error, -1, number, number_file_call, "CreateLogHandle()|%s|%i|%s|", pcx->logFile,
                             number, strerror(number));
     }
     ZULOGG_UsePrintMsg(pcx->logHnd, pcx->iMsgToStdout != 0);
@@ -265,7 +265,7 @@ int open_backup_folder(EX_PCX* pcx, qx7_error* error) {
     }
     if (CheckDir(pcx->pcx_rb_dir) != 0 && create_Dir(pcx->pcx_rb_dir, error) != 0) {
         const int number = error->qx_errno != 0 ? error->qx_errno : errno;
-        return qx_error_set(error, -1, number, file_message, "create_Dir()|%s|%u|%s", pcx->pcx_rb_dir,
+        return qx_error_set(error, -1, number, number_file_call, "create_Dir()|%s|%u|%s", pcx->pcx_rb_dir,
                             static_cast<unsigned>(number), strerror(number));
     }
     resolve_made_folder(pcx->pcx_rb_dir);
@@ -280,8 +280,8 @@ int open_cache_folder(EX_PCX* pcx, qx7_error* error) {
     }
     if (CheckDir(pcx->pcx_res_dir) != 0 && create_Dir_Mode(pcx->pcx_res_dir, 0775, error) != 0) {
         const int number = error->qx_errno != 0 ? error->qx_errno : errno;
-        return qx_error_set(error, -1, number, file_message, "create_Dir_Mode()|%s|%d|%s", pcx->pcx_res_dir,
-                            number, strerror(number));
+        return qx_error_set(error, -1, number, number_file_call, "create_Dir_Mode()|%s|%d|%s",
+                            pcx->pcx_res_dir, number, strerror(number));
     }
     resolve_made_folder(pcx->pcx_res_dir);
     return 0;
@@ -310,7 +310,7 @@ int open_folders(EX_PCX* pcx, qx7_error* error) {
 // ---- identity, modules, the rest
 
 int catalogue_error(qx7_error* error, const char* path, const FILE_CAT& catalogue) {
-    return qx_error_set(error, -1, catalogue.fc_errno, file_message, "GetFileCatalog()|%s|%u|%s|", path,
+    return qx_error_set(error, -1, catalogue.fc_errno, number_file_call, "GetFileCatalog()|%s|%u|%s|", path,
                         static_cast<unsigned>(catalogue.fc_errno), strerror(catalogue.fc_errno));
 }
 
@@ -321,20 +321,20 @@ int find_status(EX_PCX* pcx, qx7_error* error) {
     if (catalogue.fc_errno != 0) {
         return catalogue_error(error, pcx->ProgPfad, catalogue);
     }
-    __log(2003034, "%s|", PutFileAttr(&catalogue).c_str());
+    __log(number_file_attributes, "%s|", PutFileAttr(&catalogue).c_str());
     pcx->ExecutorStatus = EXECUTOR_PRIVILEGED;
     const bool set_user_id = catalogue.fc_uid == 0 && (catalogue.fc_statmode & S_ISUID) != 0;
     if (pcx->pcx_strt_euid != 0 && !set_user_id) {
         pcx->ExecutorStatus = EXECUTOR_UNPRIVILEGED;
-        __log(2003033, "%s|", pcx->efUserName);
+        __log(number_agent_without_root, "%s|", pcx->efUserName);
     }
     GetFileCatalog(pcx->IniFile, 0, CATALOGUE_ALL, nullptr, &catalogue);
     if (catalogue.fc_errno != 0) {
         return catalogue_error(error, pcx->IniFile, catalogue);
     }
-    __log(2003034, "%s|", PutFileAttr(&catalogue).c_str());
+    __log(number_file_attributes, "%s|", PutFileAttr(&catalogue).c_str());
     if (pcx->ExecutorStatus == EXECUTOR_PRIVILEGED) {
-        __log(2003054, "%s|", pcx->efUserName);
+        __log(number_agent_with_root, "%s|", pcx->efUserName);
     }
     return 0;
 }
@@ -366,8 +366,8 @@ int run_steps(EX_PCX* pcx, const char* program_path, qx7_error* error, bool* no_
     if (read_messenger(pcx, error) != 0 || open_folders(pcx, error) != 0) {
         return -1;
     }
-    __log(2000000, "%s|%s|%i|", pcx->exName, pcx->exVers, QX_CHANGELIST);
-    __log(2000232, "%s|%s|", __DATE__, __TIME__);
+    __log(number_agent_starts, "%s|%s|%i|", pcx->exName, pcx->exVers, QX_CHANGELIST);
+    __log(number_agent_built, "%s|%s|", __DATE__, __TIME__);
     if (find_status(pcx, error) != 0 || open_modules(pcx, error) != 0) {
         return -1;
     }
@@ -376,7 +376,7 @@ int run_steps(EX_PCX* pcx, const char* program_path, qx7_error* error, bool* no_
 }
 
 const char* remedy_of(const qx7_error& error) {
-    if (error.qx_msgnr != message_setting) {
+    if (error.qx_msgnr != number_bad_setting) {
         return "name a path that the agent's user may use, or give that user the right";
     }
     return std::string_view(current.key) == "QX_EX_JOB_MD"

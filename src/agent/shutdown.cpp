@@ -15,6 +15,7 @@
 #include "agent/timers.h"
 #include "base/context.h"
 #include "base/locks.h"
+#include "base/message_numbers.h"
 #include "base/time.h"
 #include "channels/network_thread.h"
 #include "identity/pam.h"
@@ -85,9 +86,9 @@ void close_channels(EX_PCX* pcx) {
 }
 
 void log_the_end(const EX_PCX* pcx, int exit_code) {
-    __log(2000041, "%s|", pcx->exName);
+    __log(number_agent_shutdown, "%s|", pcx->exName);
     const bool normal = exit_code == 0 || exit_code == exit_code_upgrade;
-    __log(normal ? 2000001 : 2000002, "%s|%s|", pcx->exName, pcx->exVers);
+    __log(normal ? number_agent_ended : number_agent_ended_abnormally, "%s|%s|", pcx->exName, pcx->exVers);
 }
 
 void unload_pam(EX_PCX* pcx) {
@@ -104,7 +105,7 @@ int initiate_agent_shutdown(EX_PCX* pcx) {
     if (!pcx->loop.compare_exchange_strong(expected, LOOP_STOP_WANTED)) {
         return 0;
     }
-    __log(2003073, "%s|%i", pcx->process_name, static_cast<int>(getpid()));
+    __log(number_process_shutdown, "%s|%i", pcx->process_name, static_cast<int>(getpid()));
     if (pcx->ccm != nullptr) {
         ccm_wakeup_network(pcx->ccm);
     }
@@ -189,7 +190,7 @@ void Close_All(EX_PCX* pcx, int exit_code, int close_ccm) {
 void ExitCall(const char* call, const char* text, int error_number) {
     EX_PCX* pcx = GlbPcx;
     if (pcx != nullptr) {
-        __log(2003049, "%s|%s|%d|", call, text, error_number);
+        __log(number_cannot_continue, "%s|%s|%d|", call, text, error_number);
     }
     if (std::string_view(call) == "calloc") {
         abort();  // memory is gone, nothing can be closed in order

@@ -11,6 +11,7 @@
 #include "base/children.h"
 #include "base/context.h"
 #include "base/locks.h"
+#include "base/message_numbers.h"
 #include "base/time.h"
 #include "channels/ipc.h"
 #include "channels/network_thread.h"
@@ -104,7 +105,7 @@ int set_disposition(const signal_row& row, bool on, qx7_error* error) {
     action.sa_handler = on ? row.handler : row.off;
     sigemptyset(&action.sa_mask);
     if (sigaction(row.number, &action, nullptr) != 0) {
-        return qx_error_set(error, -1, errno, 2000102, "sigaction(%d)|%d-%s|", row.number, errno,
+        return qx_error_set(error, -1, errno, number_call_failed, "sigaction(%d)|%d-%s|", row.number, errno,
                             strerror(errno));
     }
     return 0;
@@ -123,14 +124,14 @@ int signal_set_handlers(const EX_PCX* pcx, qx7_error* error) {
             return -1;
         }
         if (sigaddset(&handled, number) != 0) {
-            return qx_error_set(error, -1, errno, 2000102, "sigaddset(%d)|%d-%s|", number, errno,
+            return qx_error_set(error, -1, errno, number_call_failed, "sigaddset(%d)|%d-%s|", number, errno,
                                 strerror(errno));
         }
     }
     const int result = pthread_sigmask(SIG_UNBLOCK, &handled, nullptr);
     if (result != 0) {
-        return qx_error_set(error, -1, result, 2000102, "pthread_sigmask(SIG_SETMASK,...)|%d-%s|", result,
-                            strerror(result));
+        return qx_error_set(error, -1, result, number_call_failed, "pthread_sigmask(SIG_SETMASK,...)|%d-%s|",
+                            result, strerror(result));
     }
     return 0;
 }
@@ -217,7 +218,7 @@ int signal_handle_hangup(EX_PCX* pcx) {
         return 0;  // the lines of a child go over the agent
     }
     if (log_open_anew(pcx) != 0) {
-        __log(2003041, "OpenLogFile()|%s|%u|%s|", pcx->logFile, static_cast<unsigned>(errno),
+        __log(number_file_call, "OpenLogFile()|%s|%u|%s|", pcx->logFile, static_cast<unsigned>(errno),
               strerror(errno));
         return -1;
     }

@@ -13,6 +13,7 @@
 
 #include "base/context.h"
 #include "base/memory.h"
+#include "base/message_numbers.h"
 #include "base/text.h"
 #include "log/log.h"
 #include "services/mail.h"
@@ -26,9 +27,9 @@ int read_host(_ExecutorVar* var, qx7_error* error) {
     utsname host;
     if (uname(&host) != 0) {
         const int number = errno;
-        __log(2003043, "uname|%u|%s|", static_cast<unsigned>(number), strerror(number));
-        return qx_error_set(error, -1, number, 2003043, "uname|%u|%s|", static_cast<unsigned>(number),
-                            strerror(number));
+        __log(number_system_call, "uname|%u|%s|", static_cast<unsigned>(number), strerror(number));
+        return qx_error_set(error, -1, number, number_system_call, "uname|%u|%s|",
+                            static_cast<unsigned>(number), strerror(number));
     }
     const bool mainframe = strstr(host.machine, mainframe_machine) != nullptr;
     copy_text(var->OS_sysname, mainframe ? "zLinux" : host.sysname);
@@ -68,11 +69,11 @@ void read_address(_ExecutorVar* var) {
 }
 
 void log_variables(const EX_PCX* pcx, const _ExecutorVar* var) {
-    __log(2000020, "%s/%i|", var->OS_machine, var->activeCPU);
-    __log(2000021, "%s|", var->OS_sysname);
-    __log(2000022, "%s|", var->OS_release);
-    __log(2000093, "%s|", "64-bit");
-    __log(2000045, "%d|", pcx->OpenFileMax);
+    __log(number_hardware, "%s/%i|", var->OS_machine, var->activeCPU);
+    __log(number_operating_system, "%s|", var->OS_sysname);
+    __log(number_system_release, "%s|", var->OS_release);
+    __log(number_program_width, "%s|", "64-bit");
+    __log(number_open_files, "%d|", pcx->OpenFileMax);
 }
 
 }  // namespace
@@ -86,8 +87,8 @@ int Var_Open(EX_PCX* pcx, qx7_error* error) {
     qx_error_clear(error);
     _ExecutorVar* var = new (std::nothrow) _ExecutorVar();
     if (var == nullptr) {
-        return qx_error_set(error, -1, ENOMEM, 2003043, "calloc|%u|%s|", static_cast<unsigned>(ENOMEM),
-                            strerror(ENOMEM));
+        return qx_error_set(error, -1, ENOMEM, number_system_call, "calloc|%u|%s|",
+                            static_cast<unsigned>(ENOMEM), strerror(ENOMEM));
     }
     memcpy(var->Key, eyecatcher, sizeof var->Key);
     var->pPcx = pcx;

@@ -10,6 +10,7 @@
 #include "base/descriptor.h"
 #include "base/files.h"
 #include "base/locks.h"
+#include "base/message_numbers.h"
 
 namespace {
 
@@ -44,8 +45,8 @@ int prefix_error(qx7_error* error, const std::string& prefix, int number) {
 
 int removal_error(qx7_error* error, const char* function, const std::string& name, unsigned number,
                   const char* text) {
-    qx_error_set(error, -1, static_cast<int>(number), file_message, "%s|%s|%u|%s|", function, name.c_str(),
-                 number, text);
+    qx_error_set(error, -1, static_cast<int>(number), number_file_call, "%s|%s|%u|%s|", function,
+                 name.c_str(), number, text);
     errno = static_cast<int>(number);
     return -1;
 }

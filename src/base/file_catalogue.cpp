@@ -10,6 +10,7 @@
 
 #include "base/files.h"
 #include "base/locks.h"
+#include "base/message_numbers.h"
 #include "base/paths.h"
 #include "base/text.h"
 
@@ -243,7 +244,7 @@ int fileExists(const char* path, qx7_error* error) {
 file_kind getFileType(const char* path, qx7_error* error) {
     qx_error_clear(error);
     if (path == nullptr || path[0] == '\0') {
-        qx_error_set(error, -1, EINVAL, file_message, "getFileType parametererror|%s|%u|%s|", "NULL/0",
+        qx_error_set(error, -1, EINVAL, number_file_call, "getFileType parametererror|%s|%u|%s|", "NULL/0",
                      static_cast<unsigned>(EINVAL), strerror(EINVAL));
         return FILE_KIND_NONE;
     }

@@ -11,6 +11,7 @@
 
 #include "base/files.h"
 #include "base/locks.h"
+#include "base/message_numbers.h"
 #include "base/text.h"
 
 namespace {
@@ -160,7 +161,7 @@ int FcbReadText(FILE* stream, char* buffer, int size, qx7_error* error) {
     const int result = FileReadText(stream, buffer, size, text, sizeof text);
     if (result == read_failed) {
         const int number = errno;
-        qx_error_set(error, read_failed, number, file_message, "%s||%d|%s|", "fgets()", number, text);
+        qx_error_set(error, read_failed, number, number_file_call, "%s||%d|%s|", "fgets()", number, text);
     }
     return result;
 }

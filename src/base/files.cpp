@@ -15,6 +15,7 @@
 
 #include "base/descriptor.h"
 #include "base/locks.h"
+#include "base/message_numbers.h"
 #include "base/notes.h"
 
 namespace {
@@ -108,7 +109,7 @@ int reported(int fd, const char* function, const char* path, qx7_error* error) {
 }  // namespace
 
 int file_error(qx7_error* error, const char* function, const char* file, int error_number) {
-    qx_error_set(error, -1, error_number, file_message, "%s|%s|%d|%s|", function, file, error_number,
+    qx_error_set(error, -1, error_number, number_file_call, "%s|%s|%d|%s|", function, file, error_number,
                  strerror(error_number));
     errno = error_number;
     return -1;

@@ -19,10 +19,6 @@
 #include "base/error.h"
 #include "base/time.h"
 
-inline constexpr int file_message = 2003041;         // "Invalid '&01' call, file name '&02' …"
-inline constexpr int system_call_message = 2003042;  // a system call with a name
-inline constexpr int system_message = 2003043;       // a system call
-
 // Fills 2003041 "<function>|<file>|<errno>|<text>|" from errno; returns -1.
 int file_error(qx7_error* error, const char* function, const char* file, int error_number);
 

@@ -15,6 +15,7 @@
 #include "base/file_data.h"
 #include "base/files.h"
 #include "base/locks.h"
+#include "base/message_numbers.h"
 #include "base/notes.h"
 #include "base/text.h"
 
@@ -194,7 +195,7 @@ bool replace_file(const char* path, std::string_view content, mode_t mode, uid_t
 int written(bool good, const char* function, const char* file) {
     if (!good) {
         const int number = errno;
-        note_message(file_message, "%s|%s|%d|%s|", function, file, number, strerror(number));
+        note_message(number_file_call, "%s|%s|%d|%s|", function, file, number, strerror(number));
         errno = number;
     }
     return good ? 1 : 0;

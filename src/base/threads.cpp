@@ -2,12 +2,12 @@
 
 #include <cstring>
 
+#include "base/message_numbers.h"
+
 namespace {
 
-constexpr int thread_message = 2000136;
-
 int thread_error(qx7_error* error, const char* name, const char* step, int result) {
-    return qx_error_set(error, -1, result, thread_message, "%s|%s=%d '%s'|", name, step, result,
+    return qx_error_set(error, -1, result, number_thread_failed, "%s|%s=%d '%s'|", name, step, result,
                         strerror(result));
 }
 

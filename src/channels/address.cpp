@@ -10,6 +10,7 @@
 #include <cstring>
 #include <string>
 
+#include "base/message_numbers.h"
 #include "channels/connect.h"
 #include "channels/internal.h"
 
@@ -31,7 +32,8 @@ int resolve(const char* name, address_list* out, ccm_error_t* err) {
     hints.ai_socktype = SOCK_STREAM;
     int result = getaddrinfo(name, nullptr, &hints, &out->first);
     if (result != 0 || out->first == nullptr) {
-        return ccm_error_set(err, result, 2000102, "getaddrinfo|%d(%s)", result, gai_strerror(result));
+        return ccm_error_set(err, result, number_call_failed, "getaddrinfo|%d(%s)", result,
+                             gai_strerror(result));
     }
     return 0;
 }
@@ -56,7 +58,8 @@ bool counts(const addrinfo& entry) {
 int ccm_check_ipv6_support(ccm_error_t* err) {
     const qx_descriptor s(socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
     return s.valid() ? 0
-                     : ccm_error_set(err, errno, 2000102, "socket(AF_INET6)|%d(%s)", errno, strerror(errno));
+                     : ccm_error_set(err, errno, number_call_failed, "socket(AF_INET6)|%d(%s)", errno,
+                                     strerror(errno));
 }
 
 int ccm_hostname2address(const char* name, int prefer, sockaddr_in6* out, ccm_error_t* err) {
@@ -124,7 +127,8 @@ int ccm_getmyIP(int prefer, char* out, ccm_error_t* err) {
     out[0] = '\0';
     char host[256];
     if (gethostname(host, sizeof host) != 0) {
-        return ccm_error_set(err, errno, 2000102, "getmyIP/gethostname()|%d(%s)", errno, strerror(errno));
+        return ccm_error_set(err, errno, number_call_failed, "getmyIP/gethostname()|%d(%s)", errno,
+                             strerror(errno));
     }
     host[sizeof host - 1] = '\0';
     sockaddr_in6 address;
@@ -142,7 +146,7 @@ int ccm_log_all_ip(const char* host, ccm_error_t* err) {
     for (const addrinfo* entry = list.first; entry != nullptr; entry = entry->ai_next) {
         char text[64];
         ccm_address2string(entry->ai_addr, text, sizeof text);
-        __log(2000066, "%s|%s", host, text);
+        __log(number_host_address, "%s|%s", host, text);
     }
     return 0;
 }

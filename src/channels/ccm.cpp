@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "base/locks.h"
+#include "base/message_numbers.h"
 #include "channels/connect.h"
 #include "channels/internal.h"
 #include "channels/resolver.h"
@@ -19,7 +20,6 @@
 namespace {
 
 constexpr int spins_before_yield = 200;
-
 
 thread_local int spin_locks_held = 0;
 
@@ -82,7 +82,7 @@ void cap_descriptor_limit() {
     limit.rlim_cur = ccm_descriptor_limit;
     if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
         // Not fatal: every new descriptor is tested as well.
-        __log(2000102, "setrlimit(RLIMIT_NOFILE)|%d(%s)|", errno, strerror(errno));
+        __log(number_call_failed, "setrlimit(RLIMIT_NOFILE)|%d(%s)|", errno, strerror(errno));
     }
 }
 
@@ -159,7 +159,7 @@ int ccm_open(EX_PCX* pcx, ccm_context_t** out, ccm_error_t* err) {
     *out = nullptr;
     void* memory = calloc(1, sizeof(ccm_context_t));
     if (memory == nullptr) {
-        return ccm_error_set(err, errno, 3301, "%s/%s(%d)", "CCM_OPEN", __FILE__, __LINE__);
+        return ccm_error_set(err, errno, number_no_memory, "%s/%s(%d)", "CCM_OPEN", __FILE__, __LINE__);
     }
     auto* ccm = new (memory) ccm_context_t{};
     memcpy(ccm->eyec, "##CCM_CONEXT####", sizeof ccm->eyec);
@@ -178,7 +178,7 @@ int ccm_open(EX_PCX* pcx, ccm_context_t** out, ccm_error_t* err) {
         ccm->flag.fetch_or(CCM_FLAG_IPV6);
     } else {
         __log(ipv6.msgnr, "%s|", ipv6.msginsert);
-        __log(2000361, "%s", "");
+        __log(number_no_ipv6, "%s", "");
     }
     register_fork_locks(ccm);
     *out = ccm;

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <new>
 
+#include "base/message_numbers.h"
 #include "channels/connect.h"
 #include "channels/internal.h"
 
@@ -86,7 +87,8 @@ int ccm_channel_new_entry(ccm_context_t* ccm, ccm_channel_t** out, ccm_error_t* 
     if (memory == nullptr || backlog == nullptr) {
         free(memory);
         delete backlog;
-        return ccm_error_set(err, ENOMEM, 3301, "%s/%s(%d)", "CREATE_CHANNEL", __FILE__, __LINE__);
+        return ccm_error_set(err, ENOMEM, number_no_memory, "%s/%s(%d)", "CREATE_CHANNEL", __FILE__,
+                             __LINE__);
     }
     auto* channel = new (memory) ccm_channel_t{};
     memcpy(channel->eyec, "##CCM#CHANNEL###", sizeof channel->eyec);
@@ -178,7 +180,7 @@ int ccm_channel_get_ip(ccm_context_t* ccm, int id, const char* name, char out[64
     out[0] = '\0';
     ccm_channel_t* channel = id > 0 ? ccm_channel_getbyID(ccm, id) : ccm_channel_getbyName(ccm, name);
     if (channel == nullptr) {
-        return ccm_error_set(err, 0, 2003066, "%s/%s()|%d", "CHANNEL", "ccm_channel_get_ip", id);
+        return ccm_error_set(err, 0, number_no_connection, "%s/%s()|%d", "CHANNEL", "ccm_channel_get_ip", id);
     }
     memcpy(out, channel->addr, sizeof channel->addr);
     ccm_channel_unlock(ccm);
@@ -286,7 +288,7 @@ int ccm_channel_check_timeouts(ccm_context_t* ccm, time_t now) {
         char insert[256];
         snprintf(insert, sizeof insert, "%s|%d|", channel->host,
                  static_cast<int>(channel->connect_timeout_secs));
-        channel_note_reason(channel, 2000064, insert);
+        channel_note_reason(channel, number_no_answer, insert);
         ccm_channel_delete(ccm, channel);
         ++late;
         return false;
@@ -334,10 +336,11 @@ int ccm_channel_create_pair(ccm_context_t* ccm, const char* name1, const char* n
                             ccm_error_t* err) {
     int pair[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, pair) != 0) {
-        return ccm_error_set(err, errno, 2000102, "socketpair()|%d(%s)|", errno, strerror(errno));
+        return ccm_error_set(err, errno, number_call_failed, "socketpair()|%d(%s)|", errno, strerror(errno));
     }
     if (descriptors_in_range(pair) < 0) {
-        return ccm_error_set(err, EMFILE, 2000102, "socketpair()|%d(%s)|", EMFILE, strerror(EMFILE));
+        return ccm_error_set(err, EMFILE, number_call_failed, "socketpair()|%d(%s)|", EMFILE,
+                             strerror(EMFILE));
     }
     qx_descriptor ends[2] = {qx_descriptor(pair[0]), qx_descriptor(pair[1])};
     ccm_channel_t* channels[2] = {nullptr, nullptr};
@@ -503,17 +506,17 @@ void log_destruction(const ccm_channel_t* channel) {
             }
             break;
         case CH_TYPE_LISTEN:
-            __log(2002040, "s=%d,ID=%d|%s", s, channel->ID, ccm_name_listen);
+            __log(number_connection_closed, "s=%d,ID=%d|%s", s, channel->ID, ccm_name_listen);
             break;
         case CH_TYPE_SERVER:
         case CH_TYPE_CP_CANDIDATE:
-            __log(2000010, "%s(s=%d,ID=%d)", name.c_str(), s, channel->ID);
+            __log(number_server_closed, "%s(s=%d,ID=%d)", name.c_str(), s, channel->ID);
             break;
         case CH_TYPE_AGENT:
-            __log(2000007, "%s(s=%d,ID=%d)", name.c_str(), s, channel->ID);
+            __log(number_agent_closed, "%s(s=%d,ID=%d)", name.c_str(), s, channel->ID);
             break;
         default:
-            __log(2002040, "s=%d,ID=%d|%s", s, channel->ID, name.c_str());
+            __log(number_connection_closed, "s=%d,ID=%d|%s", s, channel->ID, name.c_str());
             break;
     }
 }

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "base/message_numbers.h"
 #include "channels/handshake.h"
 #include "channels/internal.h"
 #include "messages/conversion.h"
@@ -64,7 +65,7 @@ void step_over_header(ccm_msg_t* msg) {
 ccm_classified classify_ipc(ccm_context_t* ccm, ccm_channel_t* channel, ccm_msg_t* msg,
                             const frame_source& source) {
     if (source.type != CH_TYPE_IPC) {
-        return refuse(ccm, channel, 1002203, "Protocol");
+        return refuse(ccm, channel, number_frame_bad_header, "Protocol");
     }
     step_over_header(msg);
     msg->type = CCM_MSG_IPC;
@@ -82,11 +83,11 @@ ccm_classified classify_ipc(ccm_context_t* ccm, ccm_channel_t* channel, ccm_msg_
 ccm_classified classify_gss(ccm_context_t* ccm, ccm_channel_t* channel, ccm_msg_t* msg,
                             const frame_source& source) {
     if (source.sealed || source.type == CH_TYPE_IPC) {
-        return refuse(ccm, channel, 1002203, "Protocol");
+        return refuse(ccm, channel, number_frame_bad_header, "Protocol");
     }
     if (msg->len > ccm_frame_gss_max) {
-        channel_fail(ccm, channel, frame_too_long, "%d|%s(ID=%d)|%d|", msg->len, channel->addr, channel->ID,
-                     ccm_frame_gss_max);
+        channel_fail(ccm, channel, number_frame_too_long, "%d|%s(ID=%d)|%d|", msg->len, channel->addr,
+                     channel->ID, ccm_frame_gss_max);
         return CCM_CLASS_END;
     }
     msg->type = CCM_MSG_GSS;
@@ -121,7 +122,7 @@ ccm_classified classify_message_item(ccm_context_t* ccm, ccm_channel_t* channel,
         if (!meld) {
             char type[9] = "";
             memcpy(type, msg->msg_start, static_cast<size_t>(std::min(msg->len, 8)));
-            return refuse(ccm, channel, 1002207, printable(type).c_str());
+            return refuse(ccm, channel, number_type_not_allowed, printable(type).c_str());
         }
         renew_time_limit(ccm, channel);
     }

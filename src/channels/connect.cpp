@@ -11,6 +11,7 @@
 #include <iterator>
 #include <utility>
 
+#include "base/message_numbers.h"
 #include "channels/internal.h"
 #include "channels/resolver.h"
 
@@ -19,8 +20,8 @@ namespace {
 // "call()|errno(text),S(socket(ID=n))|" as 2000102, from errno.
 int connect_failure(ccm_error_t* err, const char* call, int s, int id) {
     int number = errno;
-    return ccm_error_set(err, number, 2000102, "%s|%d(%s),S(%d(ID=%d))|", call, number, strerror(number), s,
-                         id);
+    return ccm_error_set(err, number, number_call_failed, "%s|%d(%s),S(%d(ID=%d))|", call, number,
+                         strerror(number), s, id);
 }
 
 qx_descriptor new_socket(int family) {
@@ -29,12 +30,12 @@ qx_descriptor new_socket(int family) {
 }
 
 int nonblocking_failure(ccm_error_t* err) {
-    return ccm_error_set(err, errno, 2000102, "ioctl(...,FIONBIO)|%d-%s", errno, strerror(errno));
+    return ccm_error_set(err, errno, number_call_failed, "ioctl(...,FIONBIO)|%d-%s", errno, strerror(errno));
 }
 
 int linger_failure(ccm_error_t* err, int s, int id) {
-    return ccm_error_set(err, errno, 2000102, "setsockopt(SO_LINGER,s=%d,ID=%d)|%d-%s", s, id, errno,
-                         strerror(errno));
+    return ccm_error_set(err, errno, number_call_failed, "setsockopt(SO_LINGER,s=%d,ID=%d)|%d-%s", s, id,
+                         errno, strerror(errno));
 }
 
 int set_nonblocking(int s) {
@@ -121,7 +122,7 @@ int listen_failure(ccm_error_t* err, const char* format, const char* text, int p
     if (strcmp(format, "bind") == 0) {
         snprintf(call, sizeof call, "bind(%s:%d)", text, port);
     }
-    return ccm_error_set(err, number, 2000102, "%s|%d(%s)", call, number, strerror(number));
+    return ccm_error_set(err, number, number_call_failed, "%s|%d(%s)", call, number, strerror(number));
 }
 
 int bound_port_of(int s) {
@@ -139,8 +140,8 @@ int open_listen_socket(const listen_address& where, const char* text, int port, 
     qx_descriptor s = new_socket(where.family);
     if (!s.valid()) {
         int number = errno;
-        return ccm_error_set(err, number, 2000102, "socket(family=%d,addr=)|%d(%s)", where.family, number,
-                             strerror(number));
+        return ccm_error_set(err, number, number_call_failed, "socket(family=%d,addr=)|%d(%s)", where.family,
+                             number, strerror(number));
     }
     int on = 1;
     int off = 0;
@@ -194,7 +195,7 @@ int ccm_connect(ccm_context_t* ccm, const char* host, int port, int type, ccm_co
     channel->type = type;
     channel->port = port;
     copy_text(channel->host, host);
-    __log(2000348, "%s:%d(ID=%d)", host, port, channel->ID);
+    __log(number_connecting, "%s:%d(ID=%d)", host, port, channel->ID);
     bool by_name = false;
     if (start_connect(channel, host, port, &by_name, err) != 0) {
         ccm_channel_discard(ccm, channel, true);

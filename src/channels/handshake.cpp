@@ -7,6 +7,7 @@
 #include <deque>
 #include <set>
 
+#include "base/message_numbers.h"
 #include "channels/internal.h"
 #include "channels/ipc.h"
 #include "channels/policy.h"
@@ -58,8 +59,8 @@ struct owned_name {
 };
 
 int mechanism_failure(qx7_error* error, const char* call, OM_uint32 major, OM_uint32 minor) {
-    return qx_error_set(error, static_cast<int>(major), static_cast<int>(minor), 2000105, "%s|%u|%u|", call,
-                        major, minor);
+    return qx_error_set(error, static_cast<int>(major), static_cast<int>(minor), number_security_call,
+                        "%s|%u|%u|", call, major, minor);
 }
 
 gss_buffer_desc token_of(const unsigned char* frame, int length) {
@@ -80,7 +81,8 @@ int classify_frame(const unsigned char* frame, int length, int* command, bool* i
     gss_buffer_desc token = token_of(frame, length);
     int result = classifyData(static_cast<const uint8_t*>(token.value), token.length, command, is_token);
     if (result != 0) {
-        return qx_error_set(error, -1, result, 2000102, "classifyData|%u|", static_cast<unsigned>(result));
+        return qx_error_set(error, -1, result, number_call_failed, "classifyData|%u|",
+                            static_cast<unsigned>(result));
     }
     return 0;
 }
@@ -230,7 +232,7 @@ int answer_init_token(EX_PCX* pcx, ccm_context_t* ccm, int id, int type, const c
     // A credential that the server once gave to an agent would open a channel too, but under another name.
     if (server && !is_own_system(pcx, *context.id)) {
         std::string name = printable(gss_partner_name(*context.id));
-        return qx_error_set(error, -1, 0, 2000019, "%s|", name.c_str());
+        return qx_error_set(error, -1, 0, number_wrong_system, "%s|", name.c_str());
     }
     // Context, seal and type stand before the answer leaves: the partner may use them at once.
     if (install_context(ccm, id, context.id, server) != 0) {
@@ -263,7 +265,7 @@ const char* advice_for_refusal(int number) {
 int answer_package(EX_PCX* pcx, ccm_context_t* ccm, int id, int type, int command, const ccm_msg_t* msg,
                    qx7_error* error) {
     if (type != CH_TYPE_CP_CANDIDATE) {
-        return qx_error_set(error, -1, KM_UNEXPECTED, 2000102, "cmdData|%u|",
+        return qx_error_set(error, -1, KM_UNEXPECTED, number_call_failed, "cmdData|%u|",
                             static_cast<unsigned>(KM_UNEXPECTED));
     }
     gss_buffer_desc package = token_of(msg->msg_start, msg->len);
@@ -276,7 +278,7 @@ int answer_package(EX_PCX* pcx, ccm_context_t* ccm, int id, int type, int comman
         __log(-1, "a transfer key was agreed; its fingerprint is %s: compare it with the one in the server's log",
               key_fingerprint(agent_keys(), field_text(pcx->exName)).c_str());
     } else {
-        qx_error_set(error, -1, result, 2000102, "cmdData|%u|", static_cast<unsigned>(result));
+        qx_error_set(error, -1, result, number_call_failed, "cmdData|%u|", static_cast<unsigned>(result));
         __log(-1, "no key is agreed with the server: %s. %s", km_explain(agent_keys(), result).c_str(),
               advice_for_refusal(result));
         if (answer_length == 0) {
@@ -313,7 +315,7 @@ int forward_to_agent(ccm_context_t* ccm, const ccm_msg_t* msg) {
     channel->flag.fetch_or(CH_FLAG_NO_READ | CH_FLAG_REQUEST_SENT);
     memcpy(name, channel->name, sizeof name);
     ccm_channel_unlock(ccm);
-    __log(2003064, "%s/ID=%d", printable(field_text(name)).c_str(), id);
+    __log(number_handshake_frame, "%s/ID=%d", printable(field_text(name)).c_str(), id);
     ipcmsg_gsshs_remote_t record{};
     memcpy(record.header.msgtype, ipc_gsshs_remote, sizeof record.header.msgtype);
     record.listenerID = id;
@@ -370,13 +372,15 @@ int gss_request(EX_PCX* pcx, const unsigned char* frame, int length, unsigned ch
     int command = 0;
     bool is_token = false;
     if (!is_gss_message(frame, length) || length > ccm_frame_gss_max) {
-        return qx_error_set(error, -1, 0, 2000102, "classifyData|%u|", static_cast<unsigned>(KM_WRONG_DATA));
+        return qx_error_set(error, -1, 0, number_call_failed, "classifyData|%u|",
+                            static_cast<unsigned>(KM_WRONG_DATA));
     }
     if (classify_frame(frame, length, &command, &is_token, error) != 0) {
         return -1;
     }
     if (!is_token) {
-        return qx_error_set(error, -1, 0, 2000102, "classifyData|%u|", static_cast<unsigned>(KM_UNEXPECTED));
+        return qx_error_set(error, -1, 0, number_call_failed, "classifyData|%u|",
+                            static_cast<unsigned>(KM_UNEXPECTED));
     }
     owned_context accepted;
     owned_buffer token;
@@ -385,7 +389,7 @@ int gss_request(EX_PCX* pcx, const unsigned char* frame, int length, unsigned ch
     }
     auto whole = static_cast<int>(frame_header_size + token.buffer.length);
     if (whole > *answer_length || frame_set_header(answer, protocol_gss, whole) != 0) {
-        return qx_error_set(error, -1, 0, 2000102, "classifyData|%u|",
+        return qx_error_set(error, -1, 0, number_call_failed, "classifyData|%u|",
                             static_cast<unsigned>(KM_BUFFER_SMALL));
     }
     memcpy(answer + frame_header_size, token.buffer.value, token.buffer.length);

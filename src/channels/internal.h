@@ -75,9 +75,6 @@ int descriptor_in_range(int fd);
 // Both ends of a pair: 0, or -1 with both closed and set to -1, errno EMFILE.
 int descriptors_in_range(int (&ends)[2]);
 
-// Number of a frame above a limit; inserts: its length, the partner, the limit.
-inline constexpr int frame_too_long = 1002210;
-
 // ---- wake-ups
 // ----------------------------------------------------------------------------------------------------
 

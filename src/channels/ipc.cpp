@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "base/message_numbers.h"
 #include "channels/connect.h"
 #include "channels/handshake.h"
 #include "channels/internal.h"
@@ -27,13 +28,31 @@ struct number_range {
     int last;
 };
 
+constexpr number_range only(int number) {
+    return {number, number};
+}
+
 // What a listener has to say with a number of its own: its start and end, its callers and what they sent. Any
 // other number, such as a job's end or a cancel, would be believed for the agent's.
 constexpr number_range listener_numbers[] = {
-    {1002201, 1002210}, {1002401, 1002413}, {2000033, 2000033}, {2000064, 2000064}, {2000098, 2000098},
-    {2000102, 2000102}, {2000134, 2000136}, {2000213, 2000215}, {2000361, 2000361}, {2002002, 2002002},
-    {2002036, 2002040}, {2003043, 2003043}, {2003049, 2003049}, {2003057, 2003057}, {2003060, 2003061},
-    {2003063, 2003067}, {2003073, 2003073}, {3301, 3301},
+    {number_frame_bad_handle, number_frame_too_long},
+    {number_walk_size_without_value, number_walk_no_message},
+    only(number_sender),
+    only(number_no_answer),
+    only(number_unseal_failed),
+    only(number_call_failed),
+    {number_network_thread, number_thread_failed},
+    {number_check_not_compiled, number_checks_compiled},
+    only(number_no_ipv6),
+    only(number_write_failed),
+    {number_read_failed, number_connection_closed},
+    only(number_system_call),
+    only(number_cannot_continue),
+    only(number_process_runs),
+    {number_socket_handed, number_socket_refused},
+    {number_channel_taken, number_handshake_refused},
+    only(number_process_shutdown),
+    only(number_no_memory),
 };
 
 bool listener_may_say(int number) {
@@ -60,7 +79,7 @@ const unsigned char* rest_of(const ccm_msg_t* msg) {
 }
 
 int log_unknown_channel(const char* process, const char* function, int id) {
-    __log(2003066, "%s/%s()|%d", process, function, id);
+    __log(number_no_connection, "%s/%s()|%d", process, function, id);
     return -1;
 }
 
@@ -123,7 +142,7 @@ int refuse_remote(ccm_context_t* ccm, const ccm_msg_t* msg, int placeholderID, i
     if (placeholderID > 0) {
         ccm_channel_deletebyID(ccm, placeholderID);
     }
-    reply_remote_close(ccm, msg, listenerID, 2003067, insert);
+    reply_remote_close(ccm, msg, listenerID, number_handshake_refused, insert);
     return -1;
 }
 
@@ -147,7 +166,7 @@ int gsshs_remote_in_agent(EX_PCX* pcx, ccm_context_t* ccm, const ccm_msg_t* msg,
                 __log(-1, "%d failed handshakes before this one were not logged, they came too fast",
                       dropped);
             }
-            __log_error(error);
+            __log(error.msgnr, "%s", error.msginsert);
         }
         return refuse_remote(ccm, msg, 0, record.listenerID);
     }
@@ -184,12 +203,12 @@ int gsshs_remote_in_listener(ccm_context_t* ccm, const ccm_msg_t* msg, const ipc
     ccm_channel_unlock(ccm);
     if (!own.valid()) {
         if (caller) {
-            ccm_channel_failbyID(ccm, record.listenerID, 2000102, "fcntl(F_DUPFD)|%d(%s)|", EMFILE,
+            ccm_channel_failbyID(ccm, record.listenerID, number_call_failed, "fcntl(F_DUPFD)|%d(%s)|", EMFILE,
                                  strerror(EMFILE));
         }
         return log_unknown_channel("LISTENER", "process_ipc_gsshs_remote", record.listenerID);
     }
-    __log(2003065, "%s/ID=%d", printable(field_text(name)).c_str(), record.listenerID);
+    __log(number_handshake_answer, "%s/ID=%d", printable(field_text(name)).c_str(), record.listenerID);
     ccm_msg_t* token = ccm_msg_alloc_cleared(ccm, record.len, nullptr);
     if (token == nullptr) {
         return -1;
@@ -275,8 +294,8 @@ adoption adopt(EX_PCX* pcx, ccm_context_t* ccm, const ipcmsg_passfd_t& record, i
 int refuse_descriptor(ccm_context_t* ccm, const ccm_msg_t* msg, const ipcmsg_passfd_t& record) {
     char insert[32];
     snprintf(insert, sizeof insert, "%d", record.agentID);
-    __log(2003061, "%s", insert);
-    reply_remote_close(ccm, msg, record.listenerID, 2003061, insert);
+    __log(number_socket_refused, "%s", insert);
+    reply_remote_close(ccm, msg, record.listenerID, number_socket_refused, insert);
     return -1;
 }
 
@@ -351,7 +370,7 @@ int process_ipc_exdata_remote(EX_PCX*, ccm_msg_t*, int) {
 int process_ipc_routenat(EX_PCX* pcx, ccm_msg_t* msg, int) {
     auto record = record_of<ipcmsg_routenat_t>(msg);
     if (field_text(record.addr.dst_addr) != ccm_name_server) {
-        __log(2003066, "%s/%s()|%d", "AGENT", "process_ipc_routenat", 0);
+        __log(number_no_connection, "%s/%s()|%d", "AGENT", "process_ipc_routenat", 0);
         return -1;
     }
     ccm_msg_t* out = ccm_msg_alloc_cleared(pcx->ccm, record.len, nullptr);
@@ -383,13 +402,13 @@ int process_ipc_passfd(EX_PCX* pcx, ccm_msg_t* msg, int) {
     }
     const adoption result = usable ? adopt(pcx, ccm, record, fd, address, proved) : adoption_unexpected;
     if (result == adoption_wrong_name) {
-        __log(2000061, "%s|%s|", std::string(name).c_str(), printable(proved).c_str());
+        __log(number_wrong_agent, "%s|%s|", std::string(name).c_str(), printable(proved).c_str());
     }
     if (result != adoption_done) {
         return refuse_descriptor(ccm, msg, record);
     }
     msg->passfd = -1;
-    __log(2003062, "s=%d/ID=%d|s=%d/ID=%d", record.fd, record.listenerID, fd, record.agentID);
+    __log(number_socket_taken, "s=%d/ID=%d|s=%d/ID=%d", record.fd, record.listenerID, fd, record.agentID);
     ipcmsg_passfd_quitt_t reply{};
     memcpy(reply.header.msgtype, ipc_passfd_quitt, sizeof reply.header.msgtype);
     reply.fd = record.fd;
@@ -400,7 +419,7 @@ int process_ipc_passfd(EX_PCX* pcx, ccm_msg_t* msg, int) {
 
 int process_ipc_passfd_quitt(EX_PCX* pcx, ccm_msg_t* msg, int) {
     auto record = record_of<ipcmsg_passfd_quitt_t>(msg);
-    __log(2003063, "s=%d/ID=%d|ID=%d", record.fd, record.listenerID, record.agentID);
+    __log(number_channel_taken, "s=%d/ID=%d|ID=%d", record.fd, record.listenerID, record.agentID);
     ccm_channel_t* channel = ccm_channel_getbyID(pcx->ccm, record.listenerID);
     if (channel == nullptr) {
         return log_unknown_channel("LISTENER", "process_ipc_passfd_quitt", record.listenerID);
@@ -443,7 +462,7 @@ int log_record_name(const ccm_msg_t* msg, const char* what) {
                           strnlen(reinterpret_cast<const char*>(msg->msg_start),
                                   static_cast<size_t>(std::min<int>(msg->len, sizeof(ipcmsg_header_t)))));
     __log(-1, "IPC message (%s) is not %s", printable(name).c_str(), what);
-    __log(2000033, "%s|", printable(field_text(msg->addr.src_name)).c_str());
+    __log(number_sender, "%s|", printable(field_text(msg->addr.src_name)).c_str());
     return -1;
 }
 

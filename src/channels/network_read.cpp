@@ -8,6 +8,7 @@
 #include <new>
 #include <utility>
 
+#include "base/message_numbers.h"
 #include "channels/connect.h"
 #include "channels/handshake.h"
 #include "channels/internal.h"
@@ -23,7 +24,7 @@ constexpr size_t header_checked_from = 10;
 int buffer_grow(ccm_context_t* ccm, ccm_channel_t* channel, size_t size) {
     std::unique_ptr<unsigned char[]> buffer(new (std::nothrow) unsigned char[size]);
     if (buffer == nullptr) {
-        channel_fail(ccm, channel, 3301, "%s/%s(%d)", "RECVBUFF", __FILE__, __LINE__);
+        channel_fail(ccm, channel, number_no_memory, "%s/%s(%d)", "RECVBUFF", __FILE__, __LINE__);
         return -1;
     }
     MemCopy(buffer.get(), channel->recv_buffer.get(), channel->recv_pos);
@@ -46,8 +47,8 @@ int ccm_channel_bindaddr_inquire(ccm_context_t* ccm, ccm_channel_t* channel) {
     bool pair = channel->type.load() == CH_TYPE_IPC;
     if (!pair && getsockname(channel->s.load(), reinterpret_cast<sockaddr*>(&own), &length) != 0) {
         int number = errno;
-        channel_fail(ccm, channel, 2000102, "getsockname()|%d(%s),S(%d(ID=%d))|", number, strerror(number),
-                     channel->s.load(), channel->ID);
+        channel_fail(ccm, channel, number_call_failed, "getsockname()|%d(%s),S(%d(ID=%d))|", number,
+                     strerror(number), channel->s.load(), channel->ID);
         return -1;
     }
     char address[64] = "";
@@ -102,7 +103,7 @@ ssize_t receive_bytes(ccm_context_t* ccm, ccm_channel_t* channel) {
     head.msg_controllen = sizeof control;
     ssize_t got = recvmsg(channel->s.load(), &head, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
     if (got > 0 && !take_descriptors(channel, &head)) {
-        channel_fail(ccm, channel, 2002036, "%s|%d(%s),S(%d(ID=%d))|", channel->name, EMSGSIZE,
+        channel_fail(ccm, channel, number_read_failed, "%s|%d(%s),S(%d(ID=%d))|", channel->name, EMSGSIZE,
                      "too many descriptors", channel->s.load(), channel->ID);
         return -2;
     }
@@ -132,7 +133,7 @@ int check_header(ccm_context_t* ccm, ccm_channel_t* channel, unsigned char* at, 
     if (trc_on(TRC_TCPIP)) {
         trcdump_limited("frame with a bad header", at, static_cast<int>(available), 64);
     }
-    if (number == frame_too_long) {
+    if (number == number_frame_too_long) {
         const auto* framing = ccm->pcx->pcx_hTcpMsg;
         channel_fail(ccm, channel, number, "%s%s(ID=%d)|%d|", reason, channel->addr, channel->ID,
                      is_open_tcp(channel) ? std::min(ccm_frame_open_max, framing->iMaxPhysMsgSize)
@@ -150,8 +151,8 @@ size_t frame_length(ccm_context_t* ccm, ccm_channel_t* channel, const unsigned c
     long length = strtol(digits, nullptr, 10);
     if (length <= static_cast<long>(frame_header_size) ||
         (is_open_tcp(channel) && length > ccm_frame_open_max)) {
-        channel_fail(ccm, channel, frame_too_long, "%ld|%s(ID=%d)|%d|", length, channel->addr, channel->ID,
-                     ccm_frame_open_max);
+        channel_fail(ccm, channel, number_frame_too_long, "%ld|%s(ID=%d)|%d|", length, channel->addr,
+                     channel->ID, ccm_frame_open_max);
         return 0;
     }
     return static_cast<size_t>(length);
@@ -294,7 +295,7 @@ int ccm_read_channel(ccm_context_t* ccm, ccm_channel_t* channel) {
             return 0;
         }
         // A failed connect shows here, before any name or address of the partner is known for sure.
-        channel_fail(ccm, channel, 2002036, "%s|%d(%s),S(%d(ID=%d))|", channel->addr, number,
+        channel_fail(ccm, channel, number_read_failed, "%s|%d(%s),S(%d(ID=%d))|", channel->addr, number,
                      strerror(number), channel->s.load(), channel->ID);
         return -1;
     }

@@ -24,6 +24,7 @@
 #include <ctime>
 #include <string>
 
+#include "base/message_numbers.h"
 #include "base/threads.h"
 #include "channels/internal.h"
 
@@ -66,7 +67,7 @@ const char* thread_name(const EX_PCX* pcx) {
 
 void* ccm_thread_run(void* argument) {
     auto* ccm = static_cast<ccm_context_t*>(argument);
-    __log(2000134, "%s|", thread_name(ccm->pcx));
+    __log(number_network_thread, "%s|", thread_name(ccm->pcx));
     while (ccm->loop.load() != 0) {
         ccm_error_t error;
         ccm_network_select(ccm, longest_wait_seconds, &error);
@@ -159,7 +160,7 @@ bool delete_bad_descriptors(ccm_context_t* ccm) {
     for (ccm_channel_t* channel = ccm->channelq.first; channel != nullptr; channel = channel->nxt) {
         int s = channel->s.load();
         if (s >= 0 && !channel_has(channel, CH_FLAG_DELETED) && fcntl(s, F_GETFD) < 0) {
-            channel_fail(ccm, channel, 2002036, "%s|%d(%s),S(%d(ID=%d))|", channel->addr, EBADF,
+            channel_fail(ccm, channel, number_read_failed, "%s|%d(%s),S(%d(ID=%d))|", channel->addr, EBADF,
                          strerror(EBADF), s, channel->ID);
             channel->s.store(-1);  // not ours any more: it must not be closed once it means something else
             found = true;
@@ -172,11 +173,11 @@ int report_select(ccm_context_t* ccm, const wait_plan& plan, int number, ccm_err
     if (number == EINTR || number == EAGAIN) {
         return 0;
     }
-    ccm_error_set(err, number, 2000102, "select(%d,RSET[%s],WSET[%s])|%d-%s|", plan.highest + 1,
+    ccm_error_set(err, number, number_call_failed, "select(%d,RSET[%s],WSET[%s])|%d-%s|", plan.highest + 1,
                   set_text(read_set, plan.highest).c_str(), set_text(write_set, plan.highest).c_str(), number,
                   strerror(number));
     ccm_error_t copy;
-    __log(2000102, "%s", (err != nullptr ? err : &copy)->msginsert);
+    __log(number_call_failed, "%s", (err != nullptr ? err : &copy)->msginsert);
     if (number != EBADF || !delete_bad_descriptors(ccm)) {
         poll(nullptr, 0, failure_pause_ms);  // nothing was mended: the next wait would fail at once, for ever
     }
@@ -202,7 +203,7 @@ void serve_channel(ccm_context_t* ccm, ccm_channel_t* channel, int s, bool reada
 
 int ccm_thread_start(ccm_context_t* ccm, ccm_error_t* err) {
     if (wakeups_open(ccm) != 0) {
-        return ccm_error_set(err, errno, 2000102, "pipe(wakeups)|%d-%s|", errno, strerror(errno));
+        return ccm_error_set(err, errno, number_call_failed, "pipe(wakeups)|%d-%s|", errno, strerror(errno));
     }
     // Only here: a stop that comes before the thread first runs must not be overwritten by it.
     ccm->loop.store(1);
@@ -212,8 +213,8 @@ int ccm_thread_start(ccm_context_t* ccm, ccm_error_t* err) {
     pthread_sigmask(SIG_SETMASK, &old, nullptr);
     if (result != 0) {
         ccm->loop.store(0);
-        return ccm_error_set(err, result, 2000136, "%s|%s=%d(%d-%s)", "CCM-thread", "pthread_create()",
-                             result, result, strerror(result));
+        return ccm_error_set(err, result, number_thread_failed, "%s|%s=%d(%d-%s)", "CCM-thread",
+                             "pthread_create()", result, result, strerror(result));
     }
     ccm->thread_started.store(1);
     return 0;

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "base/message_numbers.h"
 #include "channels/connect.h"
 #include "channels/handshake.h"
 #include "channels/internal.h"
@@ -130,7 +131,7 @@ bool make_room(ccm_context_t* ccm, const ccm_caller& caller) {
     if (ccm_channel_copy(ccm, leaving_ID, &leaving) != 0) {
         return false;
     }
-    ccm_channel_failbyID(ccm, leaving.ID, 2000064, "%s|%d|", leaving.addr, ccm_accepted_silence);
+    ccm_channel_failbyID(ccm, leaving.ID, number_no_answer, "%s|%d|", leaving.addr, ccm_accepted_silence);
     return true;
 }
 
@@ -225,7 +226,7 @@ bool accept_one(ccm_context_t* ccm, ccm_channel_t* listen_channel) {
         if (number != EAGAIN && number != EWOULDBLOCK && number != EINTR) {
             static time_t last = 0;
             if (minute_has_passed(&last)) {
-                __log(2000102, "accept(...,FIONBIO)|%d-%s", number, strerror(number));
+                __log(number_call_failed, "accept(...,FIONBIO)|%d-%s", number, strerror(number));
             }
             listen_channel->accept_rest = alarm_now() + 1;  // the condition won't pass in this cycle
         }
@@ -275,7 +276,7 @@ int write_queued(ccm_context_t* ccm, ccm_channel_t* channel) {
         ssize_t written = write_piece(channel, msg, offered);
         if (written < 0) {
             int number = errno;
-            channel_fail(ccm, channel, 2002002, "%d(%s)|%s(%d/ID=%d)|", number, strerror(number),
+            channel_fail(ccm, channel, number_write_failed, "%d(%s)|%s(%d/ID=%d)|", number, strerror(number),
                          channel->addr, channel->s.load(), channel->ID);
             return -1;
         }

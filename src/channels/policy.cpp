@@ -3,6 +3,7 @@
 #include <cstring>
 #include <iterator>
 
+#include "base/message_numbers.h"
 #include "channels/internal.h"
 #include "messages/frame.h"
 #include "messages/head.h"
@@ -169,12 +170,12 @@ void end_sender(ccm_context_t* ccm, const ccm_msg_t* msg) {
     bool alive = id != 0 && ccm_channel_copy(ccm, id, &image) == 0;
     std::string partner = alive ? printable(field_text(image.name)) + " " + image.addr : "an ended channel";
     std::string what;
-    int number = 1002207;
+    int number = number_type_not_allowed;
     switch (msg->type) {
         case CCM_MSG_IPC:
             what = shown_name(msg->msg_start, msg->len, 16);
             __log(-1, "IPC message (%s) is not known", what.c_str());
-            __log(2000033, "%s|", printable(field_text(msg->addr.src_name)).c_str());
+            __log(number_sender, "%s|", printable(field_text(msg->addr.src_name)).c_str());
             break;
         case CCM_MSG_NAT:
             what = shown_name(msg->msg_start, msg->len, 8);
@@ -183,7 +184,7 @@ void end_sender(ccm_context_t* ccm, const ccm_msg_t* msg) {
             what = "GSS";
             break;
         default:
-            number = 1002208;
+            number = number_item_not_allowed;
             what = shown_key(msg->protocol_key) + "|not from this partner";
             break;
     }

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "base/locks.h"
+#include "base/message_numbers.h"
 #include "base/threads.h"
 #include "channels/connect.h"
 #include "channels/internal.h"
@@ -108,7 +109,7 @@ void* run_own_host(void*) {
 // Under the lock.
 int start_thread(__qx_thread* thread, void* (*run)(void*), void* argument, ccm_error_t* err) {
     if (lookups_under_way >= resolver_threads_max) {
-        return ccm_error_set(err, EAGAIN, 2000102, "getaddrinfo|%d(%s)", EAI_AGAIN,
+        return ccm_error_set(err, EAGAIN, number_call_failed, "getaddrinfo|%d(%s)", EAI_AGAIN,
                              "too many names are being looked up");
     }
     qx7_error error;
@@ -126,7 +127,7 @@ int resolver_connect(ccm_context_t* ccm, int id, const char* host, int port, ccm
     ccm_assert_no_spin_lock();
     std::unique_ptr<lookup> work(new (std::nothrow) lookup);
     if (work == nullptr) {
-        return ccm_error_set(err, ENOMEM, 3301, "%s/%s(%d)", "RESOLVER", __FILE__, __LINE__);
+        return ccm_error_set(err, ENOMEM, number_no_memory, "%s/%s(%d)", "RESOLVER", __FILE__, __LINE__);
     }
     work->ccm = ccm;
     work->id = id;

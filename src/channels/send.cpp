@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string>
 
+#include "base/message_numbers.h"
 #include "channels/internal.h"
 #include "channels/ipc.h"
 #include "messages/conversion.h"
@@ -27,7 +28,8 @@ int refuse(ccm_context_t* ccm, ccm_msg_t* msg) {
 
 void log_too_long(const ccm_msg_t* msg) {
     const std::string partner(field_text(msg->addr.dst_addr));
-    __log(frame_too_long, "%d|%s(ID=%d)|%d|", msg->len, partner.c_str(), msg->addr.dst_ID, ccm_frame_max);
+    __log(number_frame_too_long, "%d|%s(ID=%d)|%d|", msg->len, partner.c_str(), msg->addr.dst_ID,
+          ccm_frame_max);
 }
 
 // A caller's mistake about lengths must not become a write behind the buffer.
@@ -240,7 +242,8 @@ int ccm_forward_NAT_message(ccm_context_t* ccm, const ccm_msg_t* msg, int id, co
                             ccm_error_t* err, int mode) {
     const char* target = name == nullptr ? "" : name;
     if (mode == 1 && !(id != 0 ? ccm_channel_existbyID(ccm, id) : ccm_channel_existbyName(ccm, target))) {
-        return ccm_error_set(err, 0, 2003066, "%s/%s()|%d", target, "ccm_forward_NAT_message", id);
+        return ccm_error_set(err, 0, number_no_connection, "%s/%s()|%d", target, "ccm_forward_NAT_message",
+                             id);
     }
     ccm_msg_t* copy = ccm_msg_alloc_cleared(ccm, msg->len, err);
     if (copy == nullptr) {
@@ -256,14 +259,15 @@ int ccm_forward_NAT_message(ccm_context_t* ccm, const ccm_msg_t* msg, int id, co
         copy->flag |= CCM_MSG_FLAG_KEEP;
     }
     if (send_NAT_message(ccm, copy) != 0) {
-        return ccm_error_set(err, 0, 2003066, "%s/%s()|%d", target, "ccm_forward_NAT_message", id);
+        return ccm_error_set(err, 0, number_no_connection, "%s/%s()|%d", target, "ccm_forward_NAT_message",
+                             id);
     }
     return 0;
 }
 
 int send_file_descriptor(ccm_context_t* ccm, const char* addr, int fd, int agentID, int listenerID,
                          const char* name) {
-    __log(2003060, "%d/ID=%d", fd, listenerID);
+    __log(number_socket_handed, "%d/ID=%d", fd, listenerID);
     ccm_msg_t* msg = ipc_record_alloc(ccm, ipc_passfd, sizeof(ipcmsg_passfd_t));
     if (msg == nullptr) {
         return -1;
@@ -272,7 +276,7 @@ int send_file_descriptor(ccm_context_t* ccm, const char* addr, int fd, int agent
     // time it is written.
     msg->passfd = fcntl(fd, F_DUPFD_CLOEXEC, 3);
     if (msg->passfd < 0 || (msg->passfd = descriptor_in_range(msg->passfd)) < 0) {
-        __log(2000102, "fcntl(F_DUPFD)|%d(%s)|", errno, strerror(errno));
+        __log(number_call_failed, "fcntl(F_DUPFD)|%d(%s)|", errno, strerror(errno));
         return refuse(ccm, msg);
     }
     ipcmsg_passfd_t record{};

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "base/locks.h"
+#include "base/message_numbers.h"
 #include "base/text.h"
 #include "base/time.h"
 
@@ -185,11 +186,11 @@ std::string error_text(int error_number) {
 }
 
 int FillMessageOnPasswordError(qx7_error* error, int error_number, const char* user) {
-    return qx_error_set(error, -1, error_number, account_unknown_message, "%s|", user);
+    return qx_error_set(error, -1, error_number, number_user_unknown, "%s|", user);
 }
 
 int FillMessageOnPermissionError(qx7_error* error, int error_number, const char* function, const char* user) {
-    return qx_error_set(error, -1, error_number, account_permission_message, "%s(%s)|%i - %s", function, user,
+    return qx_error_set(error, -1, error_number, number_call_failed, "%s(%s)|%i - %s", function, user,
                         error_number, error_text(error_number).c_str());
 }
 

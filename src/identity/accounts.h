@@ -16,9 +16,6 @@ inline constexpr size_t account_name_limit = 32;  // a longer user name is an un
 inline constexpr int account_group_limit = 1024;  // gids of one user that the agent carries
 inline constexpr gid_t gid_list_end = static_cast<gid_t>(-1);
 
-inline constexpr int account_unknown_message = 2001007;     // "<user>|"
-inline constexpr int account_permission_message = 2000102;  // "<function>|<errno> - <text>"
-
 // A private copy of a passwd record. Longer values are cut without error; the _x byte behind a field is the
 // terminator of a value at full length. The password hash wipes itself; who does not need it calls
 // pw_passwd.clear().

@@ -6,16 +6,12 @@
 #include <cstring>
 #include <string>
 
+#include "base/message_numbers.h"
 #include "base/text.h"
 #include "identity/pam.h"
 #include "log/log.h"
 
 namespace {
-
-constexpr int library_message = 2000087;
-constexpr int function_message = 2000086;
-constexpr int loaded_message = 2000088;
-constexpr int method_message = 2003076;
 
 // dlsym gives an address without type; the standard guarantees that it may be read as a function's.
 template <class Function>
@@ -72,7 +68,7 @@ int loadDLL(EX_PCX* pcx, const char* file, void** handle, qx7_error* error) {
         return 0;
     }
     const char* reason = dlerror();
-    return qx_error_set(error, -1, ENOENT, library_message, "%s|%s|", file,
+    return qx_error_set(error, -1, ENOENT, number_pam_library, "%s|%s|", file,
                         reason == nullptr ? "dlopen() returned no error." : reason);
 }
 
@@ -86,7 +82,8 @@ int unloadDLL(EX_PCX* pcx, void* handle, const char* file, qx7_error* error) {
         return 0;
     }
     const char* reason = dlerror();
-    return qx_error_set(error, -1, EINVAL, library_message, "%s|%s|", file, reason == nullptr ? "" : reason);
+    return qx_error_set(error, -1, EINVAL, number_pam_library, "%s|%s|", file,
+                        reason == nullptr ? "" : reason);
 }
 
 int LoadPamFunctions(void* handle, char* nameBuffer, size_t size, qx7_error* error) {
@@ -116,10 +113,10 @@ int LoadPamDll(EX_PCX* pcx, qx7_error* error) {
     char missing[64] = {};
     if (LoadPamFunctions(handle, missing, sizeof missing, error) != 0) {
         dlclose(handle);
-        return qx_error_set(error, -1, ENOSYS, function_message, "%s|%s|", missing, pcx->pcx_PamLibrary);
+        return qx_error_set(error, -1, ENOSYS, number_pam_function, "%s|%s|", missing, pcx->pcx_PamLibrary);
     }
     pcx->pam_handle = handle;
-    __log(loaded_message, "%s|", pcx->pcx_PamLibrary);
+    __log(number_pam_loaded, "%s|", pcx->pcx_PamLibrary);
     return 0;
 }
 
@@ -137,6 +134,6 @@ int BindPamDll() {
         return -1;
     }
     pcx->pcx_flag.fetch_or(PCX_FLAG_PAM_LOADED);
-    __log(method_message, "%s", "");
+    __log(number_pam_passwords, "%s", "");
     return 0;
 }

@@ -15,13 +15,13 @@
 #include <cerrno>
 
 #include "base/context.h"
+#include "base/message_numbers.h"
 #include "base/text.h"
 #include "identity/accounts.h"
 #include "log/trace.h"
 
 namespace {
 
-constexpr int system_failure_message = 2003043;
 constexpr int gid_count_limit = 65536;
 
 int count_gids(const gid_t* list) {
@@ -61,8 +61,8 @@ int take_uid(const char* name, uid_t uid, std::string* text) {
 }
 
 int switch_error(qx7_error* error, const char* name, int error_number) {
-    return qx_error_set(error, SWITCH_FAILED, error_number, system_failure_message,
-                        "SwitchToEffUser(%s)|%i|%s|", name, error_number, error_text(error_number).c_str());
+    return qx_error_set(error, SWITCH_FAILED, error_number, number_system_call, "SwitchToEffUser(%s)|%i|%s|",
+                        name, error_number, error_text(error_number).c_str());
 }
 
 void tell_identical(const char* function, const char* name) {
@@ -84,7 +84,7 @@ int current_user(my_passwd_unlimited* record, qx7_error* error) {
         record->pw_passwd.clear();
         return 0;
     }
-    const int number = errno == EPERM ? account_permission_message : account_unknown_message;
+    const int number = errno == EPERM ? number_call_failed : number_user_unknown;
     return qx_error_set(error, SWITCH_FAILED, errno, number, "%s(%i)|", "getpwuid", static_cast<int>(uid));
 }
 
@@ -94,7 +94,7 @@ int target_user(const char* name, my_passwd_unlimited* record, qx7_error* error)
     }
     const int error_number = errno;
     if (error_number != ENOENT && error_number != EPERM) {
-        qx_error_set(error, SWITCH_FAILED, error_number, system_failure_message, "getpwnam(%s)|%i|%s|", name,
+        qx_error_set(error, SWITCH_FAILED, error_number, number_system_call, "getpwnam(%s)|%i|%s|", name,
                      error_number, error_text(error_number).c_str());
     }
     return SWITCH_FAILED;
@@ -175,7 +175,7 @@ int subtitute_user_identity(uid_t uid, gid_t gid, const char* name, qx7_error* e
         if (trace) {
             _TraceText("subtitute_user_identity - %s: %s", call.c_str(), error_text(error_number).c_str());
         }
-        return qx_error_set(error, -1, error_number, account_permission_message, "%s|%d-%s", call.c_str(),
+        return qx_error_set(error, -1, error_number, number_call_failed, "%s|%d-%s", call.c_str(),
                             error_number, error_text(error_number).c_str());
     };
     const std::string uid_text = std::to_string(static_cast<int>(uid));

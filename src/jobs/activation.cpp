@@ -9,6 +9,7 @@
 #include "base/context.h"
 #include "base/error.h"
 #include "base/memory.h"
+#include "base/message_numbers.h"
 #include "base/text.h"
 #include "base/time.h"
 #include "channels/ccm.h"
@@ -29,13 +30,6 @@
 
 namespace {
 
-constexpr int number_upgrade_running = 65;
-constexpr int number_received = 2000005;
-constexpr int number_started = 2000003;
-constexpr int number_start_failed = 2000109;
-constexpr int number_not_allowed = 2000029;
-constexpr int number_duplicate = 2003026;
-constexpr int number_file = 2003041;
 constexpr size_t restart_area_offset = 264;
 constexpr time_t retry_seconds = 5;
 constexpr unsigned last_try = 11;
@@ -153,7 +147,7 @@ step_result check_password(activation_run* run) {
         return std::nullopt;
     }
     const std::string& user = run->order.user;
-    return refuse(run, account_unknown_message, with_bar(user).c_str(), user.c_str());
+    return refuse(run, number_user_unknown, with_bar(user).c_str(), user.c_str());
 }
 
 step_result check_user_allowed(activation_run* run) {
@@ -161,7 +155,7 @@ step_result check_user_allowed(activation_run* run) {
     if (user_start_flag(run->pcx, job_context(), user.c_str(), run->passwd->pw_uid) == job_may_start) {
         return std::nullopt;
     }
-    return refuse(run, number_not_allowed, with_bar(user).c_str(), with_bar(user).c_str());
+    return refuse(run, number_user_not_allowed, with_bar(user).c_str(), with_bar(user).c_str());
 }
 
 step_result check_number_allowed(activation_run* run) {
@@ -169,7 +163,7 @@ step_result check_number_allowed(activation_run* run) {
     if (number_start_flag(run->pcx, job_context(), number) == job_may_start) {
         return std::nullopt;
     }
-    return refuse(run, number_not_allowed, with_bar(std::to_string(number)).c_str(),
+    return refuse(run, number_user_not_allowed, with_bar(std::to_string(number)).c_str(),
                   with_bar(run->order.user).c_str());
 }
 
@@ -179,8 +173,9 @@ step_result check_duplicate(activation_run* run) {
         return std::nullopt;
     }
     const std::string insert = with_bar(std::to_string(job_number(*run)));
-    const int result = create_and_send_quitt_message(run->pcx, run->msg, number_duplicate, insert.c_str());
-    __log(number_duplicate, "%s", insert.c_str());
+    const int result =
+        create_and_send_quitt_message(run->pcx, run->msg, number_job_duplicate, insert.c_str());
+    __log(number_job_duplicate, "%s", insert.c_str());
     // While the known job waits for its start its shell may not have opened that very file yet.
     if (known == nullptr || known->JP_status != job_status_waiting) {
         remove_refused_file(*run);
@@ -196,7 +191,7 @@ step_result check_path_lengths(activation_run* run) {
             char insert[512];
             snprintf(insert, sizeof insert, "FileCreate()|%.255s|%u|%s|", path->c_str(),
                      static_cast<unsigned>(ENAMETOOLONG), error_text(ENAMETOOLONG).c_str());
-            return refuse(run, number_file, insert, insert);
+            return refuse(run, number_file_call, insert, insert);
         }
     }
     return std::nullopt;
@@ -307,7 +302,7 @@ message_builder<MSG_TYPE_EXAKTJQU> build_exaktjqu(const JP_AREA* job) {
 
 // The second line is what other lines of the log, and ps, are brought together with.
 void log_start(const JP_AREA* job) {
-    __log(number_started, "%s|%i|", job->JP_oName, job->JP_jobNr);
+    __log(number_job_started, "%s|%i|", job->JP_oName, job->JP_jobNr);
     const bool batch = launch_context()->JobStartType == job_start_batch;
     __PutLogText("Job %d of client %u: user '%s', process %s %u, report '%s'", job->JP_jobNr, job->JP_Mandant,
                  printable(job->JP_user).c_str(), batch ? "group" : "id",
@@ -375,7 +370,7 @@ step_result take_resources(activation_run* run) {
 int fail_start(activation_run* run, const qx7_error& error) {
     const std::string name(get_text(run->order.record.name));
     undo_entry(run);
-    __log(number_start_failed, "%s|%i|", name.c_str(), job_number(*run));
+    __log(number_job_start_failed, "%s|%i|", name.c_str(), job_number(*run));
     const int result = create_and_send_quitt_message(run->pcx, run->msg, error.qx_msgnr, error.qx_msgInsert);
     job_remove_file(run->order.jobfile.c_str());
     return result;
@@ -430,7 +425,8 @@ int run_checks(activation_run* run) {
     if (const step_result ended = check_upgrade(run)) {
         return *ended;
     }
-    __log(number_received, "%s|%i|", std::string(get_text(run->order.record.name)).c_str(), job_number(*run));
+    __log(number_job_received, "%s|%i|", std::string(get_text(run->order.record.name)).c_str(),
+          job_number(*run));
     for (const step check : checks) {
         if (const step_result ended = check(run)) {
             return *ended;
@@ -461,9 +457,9 @@ int Start_Ex_Aktj(EX_PCX* pcx, JP_AREA* job) {
     }
     pam_handle_t* pam = nullptr;
     if (check_password_of(pcx, order, &pam) != PASSWORD_ACCEPTED) {
-        __log(account_unknown_message, "%s|", order.user.c_str());
+        __log(number_user_unknown, "%s|", order.user.c_str());
         job->jobstart = last_try;
-        return give_up_deferred(pcx, job, order, account_unknown_message, order.user.c_str());
+        return give_up_deferred(pcx, job, order, number_user_unknown, order.user.c_str());
     }
     qx7_error error;
     launch_started process;
@@ -481,6 +477,6 @@ int Start_Ex_Aktj(EX_PCX* pcx, JP_AREA* job) {
         log_no_process(job->JP_jobNr);
         return 0;
     }
-    __log(number_start_failed, "%s|%i|", job->JP_oName, job->JP_jobNr);
+    __log(number_job_start_failed, "%s|%i|", job->JP_oName, job->JP_jobNr);
     return give_up_deferred(pcx, job, order, error.qx_msgnr, error.qx_msgInsert);
 }

@@ -11,6 +11,7 @@
 #include "base/context.h"
 #include "base/error.h"
 #include "base/files.h"
+#include "base/message_numbers.h"
 #include "base/text.h"
 #include "channels/outgoing.h"
 #include "channels/replies.h"
@@ -26,11 +27,6 @@
 #include "messages/records_server.h"
 
 namespace {
-
-constexpr int number_ended = 2000171;
-constexpr int number_failed = 2000172;
-constexpr int number_rows_cut = 2000181;
-constexpr int number_unreadable = 2000183;
 
 constexpr size_t piece_size = 32768;
 constexpr int64_t row_size = piece_size + 2;
@@ -119,22 +115,22 @@ void answer(EX_PCX* pcx, const Cmd_Area& entry) {
         command_read_output(entry.cmda_fd.get(), entry.cmda_max_rows, &output, &rows) != 0) {
         const std::string insert = entry.cmda_jobreport + "|" + std::to_string(entry.cmda_jobNr) + "|" +
                                    error_text(errno) + "|" + command;
-        __log(number_unreadable, "%s", insert.c_str());
-        command_send_failure(pcx, entry, number_unreadable, insert, {});
+        __log(number_command_unreadable, "%s", insert.c_str());
+        command_send_failure(pcx, entry, number_command_unreadable, insert, {});
         return;
     }
     if (rows == entry.cmda_max_rows) {
-        __log(number_rows_cut, "%i|%i|%s", entry.cmda_jobNr, rows, command);
+        __log(number_command_rows_cut, "%i|%i|%s", entry.cmda_jobNr, rows, command);
     }
     if (entry.cmda_result == 0) {
-        __log(number_ended, "%i|%s", entry.cmda_jobNr, command);
+        __log(number_command_ended, "%i|%s", entry.cmda_jobNr, command);
         send_result(pcx, entry, output);
         return;
     }
     const std::string insert =
         std::to_string(entry.cmda_jobNr) + "|" + std::to_string(entry.cmda_result) + "|" + command;
-    __log(number_failed, "%s", insert.c_str());
-    command_send_failure(pcx, entry, number_failed, insert, output);
+    __log(number_command_failed, "%s", insert.c_str());
+    command_send_failure(pcx, entry, number_command_failed, insert, output);
 }
 
 // Its child processes are nobody's to end, but whoever looks for what fills the disk shall find it in the
@@ -194,7 +190,7 @@ pid_t exCommandStart(EX_PCX* pcx, Cmd_Area* entry, const my_passwd_unlimited& pa
     const pid_t pid = launch_fork(pcx, job_start_fork, passwd, &startVar, pamHandle, error);
     if (pid < 0) {
         const int error_number = error->qx_errno;
-        qx_error_set(error, -1, error_number, system_message, "fork|%i|%u|%s|", entry->cmda_jobNr,
+        qx_error_set(error, -1, error_number, number_system_call, "fork|%i|%u|%s|", entry->cmda_jobNr,
                      static_cast<unsigned>(error_number), error_text(error_number).c_str());
         command_remove_output(entry);
         return -1;

@@ -8,6 +8,7 @@
 
 #include "base/context.h"
 #include "base/error.h"
+#include "base/message_numbers.h"
 #include "base/text.h"
 #include "base/time.h"
 #include "identity/accounts.h"
@@ -25,21 +26,6 @@
 #include "messages/view.h"
 
 namespace {
-
-constexpr int number_upgrade_running = 65;
-constexpr int number_not_allowed = 2000029;
-constexpr int number_started = 2000169;
-constexpr int number_start_failed = 2000170;
-constexpr int number_cancel_all = 2000173;
-constexpr int number_kill = 2000176;
-constexpr int number_killed = 2000177;
-constexpr int number_kill_failed = 2000179;
-constexpr int number_no_anonymous = 2000184;
-constexpr int number_empty = 2000191;
-constexpr int number_user_unknown = 2001087;
-constexpr int number_bad_password = 2001088;
-constexpr int number_time_limit = 2001091;
-constexpr int number_cancel_one = 2001092;
 
 constexpr char anonymous_allowed = 'Y';
 constexpr size_t insert_limit = 220;
@@ -115,7 +101,7 @@ int check_user(request_run* run) {
     Cmd_Area* entry = &run->entry;
     if (entry->cmda_UserName.empty()) {
         if (run->pcx->pcx_anonymusUsr != anonymous_allowed) {
-            refuse(run, number_no_anonymous, number_insert(*run) + "|" + entry->cmda_jclInsert);
+            refuse(run, number_command_no_anonymous, number_insert(*run) + "|" + entry->cmda_jclInsert);
             return -1;
         }
         entry->cmda_UserName = run->pcx->efUserName;
@@ -132,7 +118,7 @@ int check_account(request_run* run) {
         return 0;
     }
     const int error_number = error.qx_errno == 0 ? ENOENT : error.qx_errno;
-    refuse(run, number_user_unknown, user_insert(*run, error_text(error_number)));
+    refuse(run, number_command_user_unknown, user_insert(*run, error_text(error_number)));
     return -1;
 }
 
@@ -140,11 +126,11 @@ int check_lists(request_run* run) {
     const JPPCX* lists = &the_commands.cmd_lists;
     const std::string& user = run->entry.cmda_UserName;
     if (user_start_flag(run->pcx, lists, user.c_str(), run->passwd.pw_uid) != job_may_start) {
-        refuse(run, number_not_allowed, user);
+        refuse(run, number_user_not_allowed, user);
         return -1;
     }
     if (number_start_flag(run->pcx, lists, run->entry.cmda_ucUsrIdnr) != job_may_start) {
-        refuse(run, number_not_allowed, std::to_string(run->entry.cmda_ucUsrIdnr));
+        refuse(run, number_user_not_allowed, std::to_string(run->entry.cmda_ucUsrIdnr));
         return -1;
     }
     return 0;
@@ -166,7 +152,7 @@ int check_password(request_run* run) {
         PamEnd(run->pam, PAM_SUCCESS, true);
         run->pam = nullptr;
     }
-    refuse(run, number_bad_password, user_insert(*run, "incorrect password"));
+    refuse(run, number_command_user_refused, user_insert(*run, "incorrect password"));
     return -1;
 }
 
@@ -201,7 +187,7 @@ int start(request_run* run) {
     const pid_t pid = exCommandStart(run->pcx, &entry, run->passwd, &error, run->pam);
     if (pid > 0) {
         PamEndAfterStart(run->pam);
-        __log(number_started, "%i|%i|%s", entry.cmda_jobNr, pid, entry.cmda_jclInsert.c_str());
+        __log(number_command_started, "%i|%i|%s", entry.cmda_jobNr, pid, entry.cmda_jclInsert.c_str());
         keep_entry(run->pcx, std::move(entry));
         return 0;
     }
@@ -210,7 +196,7 @@ int start(request_run* run) {
     }
     __log(error.qx_msgnr, "(%i)%s", entry.cmda_jobNr, error.qx_msgInsert);
     const int result = create_and_send_quitt_message(run->pcx, run->msg, error.qx_msgnr, error.qx_msgInsert);
-    __log(number_start_failed, "%i|%s|%s", entry.cmda_jobNr, error_text(error.qx_errno).c_str(),
+    __log(number_command_start_failed, "%i|%s|%s", entry.cmda_jobNr, error_text(error.qx_errno).c_str(),
           entry.cmda_jobreport.c_str());
     return result;
 }
@@ -222,7 +208,7 @@ bool is_past_limit(const Cmd_Area& entry, time_t now) {
 }
 
 int stop_at_limit(EX_PCX* pcx, Cmd_Area* entry, qx7_error* error) {
-    __log(number_time_limit, "%i(pid %i)|%s", entry->cmda_jobNr, entry->cmda_forkPid,
+    __log(number_command_time_limit, "%i(pid %i)|%s", entry->cmda_jobNr, entry->cmda_forkPid,
           entry->cmda_jclInsert.c_str());
     const bool killed = cancelCommandEntry(entry, error) == 0;
     entry->cmda_status = killed ? command_killed : command_kill_failed;
@@ -299,7 +285,7 @@ int process_exreqcmd(EX_PCX* pcx, ccm_msg_t* msg, int) {
     }
     read_request(&run);
     if (run.entry.cmda_jclPtr.empty()) {
-        return refuse(&run, number_empty, number_insert(run));
+        return refuse(&run, number_command_empty, number_insert(run));
     }
     using check = int (*)(request_run*);
     for (const check step : {check_user, check_account, check_lists, check_password}) {
@@ -320,7 +306,7 @@ int process_exreqcancel(EX_PCX* pcx, ccm_msg_t* msg, int) {
         if ((number != 0 && entry.cmda_jobNr != number) || entry.cmda_status == command_stopped) {
             continue;
         }
-        __log(number != 0 ? number_cancel_one : number_cancel_all, "%i|%s", entry.cmda_jobNr,
+        __log(number != 0 ? number_command_cancel_one : number_command_cancel_all, "%i|%s", entry.cmda_jobNr,
               entry.cmda_jclInsert.c_str());
         qx7_error error;
         cancelCommandEntry(&entry, &error);
@@ -356,19 +342,19 @@ int commandTimeoutEvent(EX_PCX* pcx, qx7_error* error) {
 
 int cancelCommandEntry(Cmd_Area* entry, qx7_error* error) {
     const char* command = entry->cmda_jclInsert.c_str();
-    __log(number_kill, "%i|%s", entry->cmda_jobNr, command);
+    __log(number_command_kill, "%i|%s", entry->cmda_jobNr, command);
     const bool another = is_another(*entry);
     errno = ESRCH;
     int result = 0;
     // Only the shell: what it left running in its group goes on, and is told of when the shell ends.
     if (entry->cmda_forkPid > 1 && !another && kill(entry->cmda_forkPid, SIGKILL) == 0) {
-        qx_error_set(error, 0, 0, number_killed, "%i(pid %i)|%s", entry->cmda_jobNr, entry->cmda_forkPid,
-                     command);
+        qx_error_set(error, 0, 0, number_command_killed, "%i(pid %i)|%s", entry->cmda_jobNr,
+                     entry->cmda_forkPid, command);
     } else {
         const int error_number = errno;
         result =
-            qx_error_set(error, -1, error_number, number_kill_failed, "%i(pid %i)|%s|%s", entry->cmda_jobNr,
-                         entry->cmda_forkPid, error_text(error_number).c_str(), command);
+            qx_error_set(error, -1, error_number, number_command_kill_failed, "%i(pid %i)|%s|%s",
+                         entry->cmda_jobNr, entry->cmda_forkPid, error_text(error_number).c_str(), command);
     }
     __log_error(*error);
     return result;

@@ -8,6 +8,7 @@
 #include <optional>
 
 #include "base/context.h"
+#include "base/message_numbers.h"
 #include "base/text.h"
 #include "base/time.h"
 #include "channels/ipc.h"
@@ -27,9 +28,6 @@
 #include "messages/records_server.h"
 
 namespace {
-
-constexpr int number_wrong_version = 2000023;
-constexpr int number_restart_mark = 2000031;
 
 // Every user of this host can send what is not taken: lines about it must not fill the disk.
 line_budget refusal_lines{200, 2};
@@ -67,7 +65,7 @@ bool version_fits(const Record& record) {
         return true;
     }
     if (may_log()) {
-        __log(number_wrong_version, "%i.%i.%i|%s|", record.mdMajor, record.mdMinor, record.mdPatch,
+        __log(number_messenger_version, "%i.%i.%i|%s|", record.mdMajor, record.mdMinor, record.mdPatch,
               qx_release);
     }
     return false;
@@ -280,7 +278,7 @@ int send_natquitt(EX_PCX* pcx, const ccm_msg_t* msg, const QX_HEADM& head, int r
     record.dstID = reply_id;
     record.len = static_cast<int32_t>(sizeof(MSG_TYPE_QUITT));
     const auto quitt = make_quitt(
-        {"MELD", head.i2Mandant, head.i4UsrIdNr, taken ? 0 : meld_not_taken, "", taken ? "OK" : "NK"});
+        {"MELD", head.i2Mandant, head.i4UsrIdNr, taken ? 0 : number_meld_not_taken, "", taken ? "OK" : "NK"});
     memcpy(out->msg_start, &record, sizeof record);
     built_message(quitt).write(out->msg_start + sizeof record);
     out->len = static_cast<int>(size);
@@ -338,7 +336,7 @@ int process_ipc_exmeld(EX_PCX* pcx, ccm_msg_t* msg, int) {
     memcpy(&head, meld, sizeof head);
     if (memcmp(head.version, meld_message_version, sizeof head.version) != 0) {
         if (may_log()) {
-            __log(number_wrong_version, "%.2s|%s|", head.version, meld_message_version);
+            __log(number_messenger_version, "%.2s|%s|", head.version, meld_message_version);
         }
         return 0;
     }

@@ -9,9 +9,6 @@
 #include "jobs/job_area.h"
 
 inline constexpr uid_t meld_unknown_uid = static_cast<uid_t>(-1);
-// The answer to a message that nobody took, whatever the reason: unknown job, another user's job, a job that
-// has ended, a message that cannot be read. Whoever asks learns no more than that.
-inline constexpr int meld_not_taken = 2003078;
 
 // uid of the socket at the other end, from the kernel's socket table; all ones when it is not found, as for a
 // process in a network namespace of its own. With both ends exchanged it is the uid of the own end. Main thread.

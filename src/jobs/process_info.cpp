@@ -16,6 +16,7 @@
 #include "base/children.h"
 #include "base/context.h"
 #include "base/descriptor.h"
+#include "base/message_numbers.h"
 #include "base/time.h"
 #include "identity/accounts.h"
 #include "jobs/job_table.h"
@@ -25,7 +26,6 @@
 
 namespace {
 
-constexpr int number_system_call = 2003042;
 constexpr int64_t largest_figure = 2147483647;
 constexpr size_t stat_line_size = 2048;
 
@@ -128,7 +128,7 @@ int take_pass(process_pass* pass) {
     const qx_directory folder(opendir("/proc"));
     if (folder.dir == nullptr) {
         const int error_number = errno;
-        __log(number_system_call, "DirOpen()|/proc|%u|%s|", static_cast<unsigned>(error_number),
+        __log(number_named_call, "DirOpen()|/proc|%u|%s|", static_cast<unsigned>(error_number),
               error_text(error_number).c_str());
         return -1;
     }

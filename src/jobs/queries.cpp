@@ -8,6 +8,7 @@
 
 #include "base/context.h"
 #include "base/error.h"
+#include "base/message_numbers.h"
 #include "base/text.h"
 #include "base/time.h"
 #include "identity/accounts.h"
@@ -26,13 +27,6 @@
 #include "messages/view.h"
 
 namespace {
-
-constexpr int number_no_such_job = 2003038;
-constexpr int number_cancel = 2000038;
-constexpr int number_cancelled = 2000039;
-constexpr int number_cancelled_waiting = 2001059;
-constexpr int number_system_call = 2003043;
-constexpr int number_query = 2003010;
 
 constexpr char answer_lost[] = "LOST";
 constexpr char answer_ended[] = "ENDED";
@@ -77,11 +71,11 @@ int refuse_cancel(EX_PCX* pcx, ccm_msg_t* msg, int ah_idnr) {
 // A job without a process: closes the activation that never got its answer.
 int cancel_waiting(EX_PCX* pcx, ccm_msg_t* msg, JP_AREA* job) {
     const job_insert insert = format_job(job);
-    __log(number_cancel, "%s", insert.text);
-    const int result = job_send_quitt_ok(pcx, msg, number_cancelled_waiting, insert.text);
-    __log(number_cancelled_waiting, "%s", insert.text);
+    __log(number_job_cancel, "%s", insert.text);
+    const int result = job_send_quitt_ok(pcx, msg, number_job_cancelled_waiting, insert.text);
+    __log(number_job_cancelled_waiting, "%s", insert.text);
     qx7_error error;
-    int number = number_cancelled_waiting;
+    int number = number_job_cancelled_waiting;
     if (DeleteTaskResourceFiles(job, &error) != 0) {
         number = error.qx_msgnr;
     }
@@ -96,13 +90,13 @@ int cancel_waiting(EX_PCX* pcx, ccm_msg_t* msg, JP_AREA* job) {
 
 void answer_query(EX_PCX* pcx, ccm_msg_t* msg, const JP_AREA* job, const char* answer) {
     create_and_send_quitt_message(pcx, msg, 0, "");
-    __log(number_query, "%s", format_answer(job->JP_jobNr, job->JP_Mandant, answer).text);
+    __log(number_job_state, "%s", format_answer(job->JP_jobNr, job->JP_Mandant, answer).text);
 }
 
 void answer_lost_job(EX_PCX* pcx, ccm_msg_t* msg, int ah_idnr, uint16_t client) {
     const query_insert insert = format_answer(ah_idnr, client, answer_lost);
-    __log(number_query, "%s", insert.text);
-    create_and_send_quitt_message(pcx, msg, number_query, insert.text);
+    __log(number_job_state, "%s", insert.text);
+    create_and_send_quitt_message(pcx, msg, number_job_state, insert.text);
 }
 
 int query_known(EX_PCX* pcx, ccm_msg_t* msg, JP_AREA* job, bool without_record) {
@@ -235,7 +229,7 @@ int process_jobcan(EX_PCX* pcx, ccm_msg_t* msg, int) {
         return refuse_cancel(pcx, msg, order.ah_idnr);
     }
     const job_insert insert = format_job(job);
-    __log(number_cancel, "%s", insert.text);
+    __log(number_job_cancel, "%s", insert.text);
     const int signal = GetSigInt(job_context()->KillSignal);
     if (kill(job_signal_target(job, pid), signal) != 0) {
         const int error_number = errno;
@@ -255,8 +249,8 @@ int process_jobcan(EX_PCX* pcx, ccm_msg_t* msg, int) {
         job_time_now(&job->JP_eTime_t, &job->JP_eTime);
         job->retCode = SIGKILL;
     }
-    __log(number_cancelled, "%s", insert.text);
-    const int result = job_send_quitt_ok(pcx, msg, number_cancelled, insert.text);
+    __log(number_job_cancel_sent, "%s", insert.text);
+    const int result = job_send_quitt_ok(pcx, msg, number_job_cancel_sent, insert.text);
     job_set_text(job->JP_srv_msg, "SEND_QUITTUNG   ");
     return result;
 }

@@ -1,14 +1,10 @@
 // The lines about stored resources that stand ahead of all output in a job's report.
+#include "base/message_numbers.h"
 #include "base/time.h"
 #include "jobs/activation.h"
 #include "launch/launch.h"
 
 namespace {
-
-constexpr int client_start_message = 2001094;
-constexpr int task_start_message = 2001095;
-constexpr int client_end_message = 2001096;
-constexpr int task_end_message = 2001097;
 
 std::string stamp(long seconds) {
     const time_t time = seconds;
@@ -42,13 +38,13 @@ std::string job_report_head(const JP_AREA* job) {
     for (const key_entry& used : job->jp_used_client_resource_list) {
         for (const resource_item& item : resource_context()->used_resource_list) {
             if (item.key == used.key) {
-                append_resource(&lines, item, client_start_message, client_end_message,
+                append_resource(&lines, item, number_client_resource_started, number_client_resource_ended,
                                 resource_inserts(job, item));
             }
         }
     }
     for (const resource_item& item : job->jp_used_task_resource_list) {
-        append_resource(&lines, item, task_start_message, task_end_message,
+        append_resource(&lines, item, number_task_resource_started, number_task_resource_ended,
                         resource_inserts(job, item) + "|" + item.file_path);
     }
     return lines;

@@ -12,6 +12,7 @@
 
 #include "base/descriptor.h"
 #include "base/error.h"
+#include "base/message_numbers.h"
 #include "base/time.h"
 #include "identity/accounts.h"
 #include "identity/user_files.h"
@@ -21,7 +22,6 @@
 
 namespace {
 
-constexpr int number_file = 2003041;
 constexpr size_t line_limit = 2048;
 constexpr size_t block_size = 65536;
 constexpr size_t utc_date_distance = 9;  // from the 'U' of "UTC TIME" to its date
@@ -275,7 +275,7 @@ bool report_scan_file(const JP_AREA* job, JP_AREA* scan, qx7_error* error) {
     }
     const qx_descriptor file(open_read_on_order(job->JP_jReport));
     if (!file.valid()) {
-        qx_error_set(error, -1, errno, number_file, "FileFOpen()|%.255s|%u|%s|", job->JP_jReport,
+        qx_error_set(error, -1, errno, number_file_call, "FileFOpen()|%.255s|%u|%s|", job->JP_jReport,
                      static_cast<unsigned>(errno), error_text(errno).c_str());
         return false;
     }
@@ -297,11 +297,11 @@ bool report_scan_file(const JP_AREA* job, JP_AREA* scan, qx7_error* error) {
         }
     } while (source.error_number == 0 && jump(&source));
     if (source.error_number != 0) {
-        __log(number_file, "FileReadText()|%.255s|%u|%s|", job->JP_jReport,
+        __log(number_file_call, "FileReadText()|%.255s|%u|%s|", job->JP_jReport,
               static_cast<unsigned>(source.error_number), error_text(source.error_number).c_str());
     }
     if (source.cut_seen) {
-        __log(number_file, "FileReadText()|%.255s|%u|U_READ_TOLANG|", job->JP_jReport, 0U);
+        __log(number_file_call, "FileReadText()|%.255s|%u|U_READ_TOLANG|", job->JP_jReport, 0U);
     }
     return true;
 }

@@ -4,6 +4,7 @@
 
 #include "base/context.h"
 #include "base/error.h"
+#include "base/message_numbers.h"
 #include "base/text.h"
 #include "base/time.h"
 #include "identity/pam.h"

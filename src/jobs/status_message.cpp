@@ -3,6 +3,7 @@
 
 #include "base/context.h"
 #include "base/error.h"
+#include "base/message_numbers.h"
 #include "channels/ccm.h"
 #include "jobs/activation.h"
 #include "jobs/job_send.h"
@@ -13,9 +14,6 @@
 
 namespace {
 
-constexpr int number_ended = 2000008;
-constexpr int number_ended_with_code = 2000009;
-constexpr int number_killed = 2003046;
 constexpr int cancel_signal_told = 9;
 
 // 'A' and 'K' are known to the agent alone.
@@ -24,7 +22,7 @@ char status_on_wire(const JP_AREA* job) {
         case job_status_failed:
             return job_status_ended;
         case job_status_cancel:
-            __log(number_killed, "%i|%i|", job->m_ppid, cancel_signal_told);
+            __log(number_job_killed, "%i|%i|", job->m_ppid, cancel_signal_told);
             return job_status_vanished;
         default:
             return job->JP_status;
@@ -91,9 +89,9 @@ void close_end(EX_PCX* pcx, JP_AREA* job) {
         __log_error(error);
     }
     if (job->JP_status == job_status_ended) {
-        __log(number_ended, "%s|%i|", job->JP_oName, job->JP_jobNr);
+        __log(number_job_ended, "%s|%i|", job->JP_oName, job->JP_jobNr);
     } else if (job->JP_status == job_status_failed) {
-        __log(number_ended_with_code, "%s|%i|%i|", job->JP_oName, job->JP_jobNr, job->retCode);
+        __log(number_job_ended_with_code, "%s|%i|%i|", job->JP_oName, job->JP_jobNr, job->retCode);
     }
 }
 

@@ -9,6 +9,7 @@
 
 #include "base/context.h"
 #include "base/error.h"
+#include "base/message_numbers.h"
 #include "base/time.h"
 #include "jobs/activation.h"
 #include "jobs/job_context.h"
@@ -22,8 +23,6 @@
 
 namespace {
 
-constexpr int number_check = 2000015;
-constexpr int number_killed = 2003046;
 constexpr int code_end_without_word = 211;  // of a job whose state does not fit an end
 constexpr int code_killed = 9;
 constexpr int decisive_check = 4;  // of an own child that is gone and whose SIGCHLD does not come
@@ -46,7 +45,7 @@ void take_child_end(JP_AREA* job, int pid, int exitCode) {
             break;
         case job_status_cancel:
             if (job->JP_sigNum != 0 && job->JP_sigNum == exitCode) {
-                __log(number_killed, "%i|%i|", pid, exitCode);
+                __log(number_job_killed, "%i|%i|", pid, exitCode);
                 job->JP_status = job_status_vanished;
                 job->retCode = exitCode;
             } else {
@@ -155,7 +154,7 @@ bool check_cancelled(JP_AREA* job) {
     if (wait_for_sigchld(job)) {
         return false;
     }
-    __log(number_killed, "%i|%i|", job->m_ppid, code_killed);
+    __log(number_job_killed, "%i|%i|", job->m_ppid, code_killed);
     job->retCode = job_awaits_sigchld(job) && job->JP_sigNum != 0 ? job->JP_sigNum : code_killed;
     mark_vanished(job);
     return true;
@@ -289,7 +288,7 @@ int process_jobchk(EX_PCX* pcx, ccm_msg_t*, int) {
             }
         } else if (is_due(job, now)) {
             if (first) {
-                __log(number_check, "%s", "");
+                __log(number_jobs_checked, "%s", "");
                 first = false;
             }
             if (check_state(job)) {

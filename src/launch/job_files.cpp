@@ -4,14 +4,13 @@
 #include <cstring>
 
 #include "base/context.h"
+#include "base/message_numbers.h"
 #include "base/paths.h"
 #include "identity/accounts.h"
 #include "identity/user_files.h"
 #include "log/log.h"
 
 namespace {
-
-constexpr int number_file = 2003041;
 
 bool lies_below(const std::string& path, const char* folder) {
     std::string prefix = path_clean(folder);
@@ -32,7 +31,7 @@ void job_remove_file(const char* path) {
     }
     if (remove_on_order(path) != 0 && errno != ENOENT) {
         const int error_number = errno;
-        __log(number_file, "FileRemove|%.255s|%u|%s|", path, static_cast<unsigned>(error_number),
+        __log(number_file_call, "FileRemove|%.255s|%u|%s|", path, static_cast<unsigned>(error_number),
               error_text(error_number).c_str());
     }
 }

@@ -9,6 +9,7 @@
 
 #include "base/context.h"
 #include "base/files.h"
+#include "base/message_numbers.h"
 #include "base/paths.h"
 #include "base/text.h"
 #include "identity/user_files.h"
@@ -18,7 +19,6 @@
 
 namespace {
 
-constexpr int shell_missing_message = 2003028;
 constexpr mode_t job_file_owner_bits = 0700;
 constexpr mode_t report_owner_bits = 0600;
 
@@ -74,7 +74,7 @@ void choose_shell(EX_PCX* pcx, const launch_order& order, const my_passwd_unlimi
     }
     startVar->path_sh = GetShellPath(pcx, startVar->sh);
     if (startVar->path_sh.empty()) {
-        __log(shell_missing_message, "%s|", printable(startVar->sh).c_str());
+        __log(number_shell_missing, "%s|", printable(startVar->sh).c_str());
         startVar->sh = "sh";
         startVar->path_sh = "/bin/sh";
     }

@@ -10,12 +10,12 @@
 #include "base/context.h"
 #include "base/files.h"
 #include "base/locks.h"
+#include "base/message_numbers.h"
 #include "base/text.h"
 #include "launch/launch_steps.h"
 
 namespace {
 
-constexpr int command_message = 2003030;
 constexpr std::string_view plain_marks = "_./+-@%:,=";
 
 struct key_value {
@@ -62,7 +62,7 @@ const std::string& batch_command(const my_passwd_unlimited& passwd) {
 
 int call_failure(const char* call, int error_number, const char* reason, qx7_error* error) {
     errno = error_number;
-    return qx_error_set(error, -1, error_number, system_message, "%s|%u|%s|", call,
+    return qx_error_set(error, -1, error_number, number_system_call, "%s|%u|%s|", call,
                         static_cast<unsigned>(error_number), reason);
 }
 
@@ -147,7 +147,7 @@ int doit_cmd(EX_PCX* pcx, const my_passwd_unlimited& passwd, const JOB_START_VAR
                                   std::string_view(startVar.jobReport)}) {
         if (!launch_plain_word(word)) {
             // The command runs as root: nothing but a name may get into it.
-            return qx_error_set(error, -1, EINVAL, command_message, "%s|", printable(word).c_str());
+            return qx_error_set(error, -1, EINVAL, number_start_command, "%s|", printable(word).c_str());
         }
     }
     const key_value pairs[] = {
@@ -164,12 +164,12 @@ int doit_cmd(EX_PCX* pcx, const my_passwd_unlimited& passwd, const JOB_START_VAR
     const int command_errno = errno;
     if (switched && setreuid(real, effective) != 0) {
         const int error_number = errno;
-        return qx_error_set(error, -1, error_number, system_message, "setreuid(%d, %d)|%u|%s|",
+        return qx_error_set(error, -1, error_number, number_system_call, "setreuid(%d, %d)|%u|%s|",
                             static_cast<int>(real), static_cast<int>(effective),
                             static_cast<unsigned>(error_number), error_text(error_number).c_str());
     }
     if (status < 0) {
-        return qx_error_set(error, -1, command_errno, command_message, "%s|", command.c_str());
+        return qx_error_set(error, -1, command_errno, number_start_command, "%s|", command.c_str());
     }
     return status;
 }

@@ -14,6 +14,7 @@
 
 #include "base/context.h"
 #include "base/files.h"
+#include "base/message_numbers.h"
 #include "base/time.h"
 #include "launch/launch_steps.h"
 #include "log/log.h"
@@ -26,14 +27,14 @@ constexpr int last_signal = 64;
 
 int call_failed(const char* call, int exit_code, qx7_error* error) {
     const int error_number = errno;
-    qx_error_set(error, exit_code, error_number, system_message, "%s|%u|%s|", call,
+    qx_error_set(error, exit_code, error_number, number_system_call, "%s|%u|%s|", call,
                  static_cast<unsigned>(error_number), error_text(error_number).c_str());
     return exit_code;
 }
 
 int file_failed(const char* call, const char* file, int exit_code, qx7_error* error) {
     const int error_number = errno;
-    qx_error_set(error, exit_code, error_number, file_message, "%s|%s|%u|%s|", call, file,
+    qx_error_set(error, exit_code, error_number, number_file_call, "%s|%s|%u|%s|", call, file,
                  static_cast<unsigned>(error_number), error_text(error_number).c_str());
     return exit_code;
 }

@@ -9,6 +9,7 @@
 #include "base/context.h"
 #include "base/files.h"
 #include "base/locks.h"
+#include "base/message_numbers.h"
 #include "launch/launch_steps.h"
 #include "launch/starter.h"
 #include "log/log.h"
@@ -145,7 +146,7 @@ pid_t launch_fork(EX_PCX* pcx, char type, const my_passwd_unlimited& passwd, JOB
     const pid_t pid = make_child({pcx, &passwd, startVar, pamHandle});
     if (pid < 0) {
         const int error_number = errno;
-        qx_error_set(error, -1, error_number, system_message, "%s|%u|%s|",
+        qx_error_set(error, -1, error_number, number_system_call, "%s|%u|%s|",
                      type == job_start_vfork ? "vfork" : "fork", static_cast<unsigned>(error_number),
                      error_text(error_number).c_str());
         __log_error(*error);

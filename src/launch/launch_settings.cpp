@@ -4,12 +4,12 @@
 
 #include "base/context.h"
 #include "base/error.h"
+#include "base/message_numbers.h"
 #include "base/text.h"
 #include "launch/launch.h"
 
 namespace {
 
-constexpr int number_cannot_start = 2000002;
 constexpr char default_start_command[] = "nohup at -c $(su - &user -c \"&jobFile 1>> &jobReport 2>&1\")&";
 constexpr unsigned default_report_mode = 0600;
 constexpr unsigned default_job_file_mode = 0700;
@@ -57,7 +57,7 @@ int launch_open(EX_PCX* pcx, qx7_error* error) {
     launch_settings& settings = the_settings = {};
     settings.JobStartType = start_type(pcx);
     if (settings.JobStartType == job_start_batch && !GetStartCmd(pcx, &settings.cmdAddr)) {
-        return qx_error_set(error, -1, 0, number_cannot_start, "%s|%s|", pcx->exName, qx_version);
+        return qx_error_set(error, -1, 0, number_agent_ended_abnormally, "%s|%s|", pcx->exName, qx_version);
     }
     copy_text(settings.Korn_Shell_opt, setting(pcx, "STARTCMD", "Korn_Shell_Opt", "-c"));
     copy_text(settings.Bourne_Shell_opt, setting(pcx, "STARTCMD", "Bourne_Shell_Opt", "-c"));

@@ -4,6 +4,7 @@
 
 #include "base/context.h"
 #include "base/files.h"
+#include "base/message_numbers.h"
 #include "launch/launch_steps.h"
 #include "log/log.h"
 
@@ -21,24 +22,28 @@ struct failure_row {
     const char* inserts;
 };
 constexpr failure_row failure_rows[] = {
-    {STARTER_STEP_OUTPUT, file_message, "FileOpenChild(STDOUT)|\3|\1|\2|"},
-    {STARTER_STEP_DUP_OUTPUT, system_message, "dup2(STDOUT)|\1|\2|"},
-    {STARTER_STEP_DUP_ERROR, system_message, "dup2(STDERR)|\1|\2|"},
-    {STARTER_STEP_OPEN_INPUT, file_message, "FileOpenChild(STDIN)|/dev/null|\1|\2|"},
-    {STARTER_STEP_DUP_INPUT, system_message, "dup2(STDIN)|\1|\2|"},
-    {STARTER_STEP_SETGID, system_message, "setgid()|\1|\2|"},
-    {STARTER_STEP_GROUPS, system_message, "initgroup()|\1|\2|"},
-    {STARTER_STEP_SETUID, system_message, "setuid()|\1|\2|"},
-    {STARTER_STEP_SETEUID, system_message, "seteuid()|\1|\2|"},
-    {STARTER_STEP_DIRECTORY, file_message, "chdir()|\3|\1|\2|"},
-    {STARTER_STEP_EXECUTE, system_message, "execle()|\1|\2|"},
+    {STARTER_STEP_OUTPUT, number_file_call, "FileOpenChild(STDOUT)|\3|\1|\2|"},
+    {STARTER_STEP_DUP_OUTPUT, number_system_call, "dup2(STDOUT)|\1|\2|"},
+    {STARTER_STEP_DUP_ERROR, number_system_call, "dup2(STDERR)|\1|\2|"},
+    {STARTER_STEP_OPEN_INPUT, number_file_call, "FileOpenChild(STDIN)|/dev/null|\1|\2|"},
+    {STARTER_STEP_DUP_INPUT, number_system_call, "dup2(STDIN)|\1|\2|"},
+    {STARTER_STEP_SETGID, number_system_call, "setgid()|\1|\2|"},
+    {STARTER_STEP_GROUPS, number_system_call, "initgroup()|\1|\2|"},
+    {STARTER_STEP_SETUID, number_system_call, "setuid()|\1|\2|"},
+    {STARTER_STEP_SETEUID, number_system_call, "seteuid()|\1|\2|"},
+    {STARTER_STEP_DIRECTORY, number_file_call, "chdir()|\3|\1|\2|"},
+    {STARTER_STEP_EXECUTE, number_system_call, "execle()|\1|\2|"},
 };
 static_assert(std::size(failure_rows) == starter_step_count);
 std::array<std::string, starter_step_count> failure_lines;
 
 // The failures of a child, and what a report tells of resources.
-loaded_text texts[] = {{file_message, {}}, {system_message, {}}, {2001094, {}},
-                       {2001095, {}},      {2001096, {}},        {2001097, {}}};
+loaded_text texts[] = {{number_file_call, {}},
+                       {number_system_call, {}},
+                       {number_client_resource_started, {}},
+                       {number_task_resource_started, {}},
+                       {number_client_resource_ended, {}},
+                       {number_task_resource_ended, {}}};
 bool loaded = false;
 
 // Each marker stands in for itself, so the text comes back with its markers.

@@ -1,6 +1,5 @@
 // The agent's front of the log: the context's handle, the fixed messages and the logger of all modules.
 #include "log/log.h"
-#include "log/log_output.h"
 
 #include <grp.h>
 #include <unistd.h>
@@ -12,9 +11,11 @@
 #include <cstring>
 
 #include "base/locks.h"
+#include "base/message_numbers.h"
 #include "base/notes.h"
 #include "base/text.h"
 #include "base/time.h"
+#include "log/log_output.h"
 #include "log/log_parts.h"
 #include "log/trace.h"
 
@@ -25,7 +26,6 @@ constexpr size_t insert_size = 1024;
 // that had waited days for its server would otherwise begin one log after the other.
 constexpr size_t stack_bytes_max = 256U << 10;
 constexpr char no_lines_in_memory = 'N';  // value of cLogToDb
-constexpr int abnormal_end = 2000002;
 
 qx_recursive_lock log_lock;
 [[maybe_unused]] const bool log_lock_registered =
@@ -41,9 +41,9 @@ struct static_message {
 };
 
 constexpr static_message staticMessageDefs[] = {
-    {2000002, "Agent '&01' version '&02' ended abnormally."},
-    {2000041, "Shutdown Agent '&01'."},
-    {2003041, "Invalid '&01' call, file name '&02'. Error code: ('&03' - '&04')"},
+    {number_agent_ended_abnormally, "Agent '&01' version '&02' ended abnormally."},
+    {number_agent_shutdown, "Shutdown Agent '&01'."},
+    {number_file_call, "Invalid '&01' call, file name '&02'. Error code: ('&03' - '&04')"},
     {0, nullptr},
 };
 
@@ -66,7 +66,7 @@ void PrintToStdout(int number, const char* inserts) {
     GetDtChar2(stamp, sizeof stamp);
     if (number < 0) {
         printf("%s %s\n", stamp, inserts);
-    } else if (number == abnormal_end) {
+    } else if (number == number_agent_ended_abnormally) {
         const std::string name(get_word_delimited(inserts, '|', 1));
         const std::string version(get_word_delimited(inserts, '|', 2));
         printf("%s U2000002 QX7 agent '%s' version '%s' ended abnormaly\n", stamp, name.c_str(),

@@ -6,6 +6,7 @@
 
 #include "base/file_data.h"
 #include "base/hex_dump.h"
+#include "base/message_numbers.h"
 #include "base/text.h"
 #include "base/time.h"
 #include "log/log.h"
@@ -35,8 +36,6 @@ namespace {
 
 constexpr size_t thread_column = 17;
 constexpr size_t dump_column = 69;
-constexpr int write_error_message = 2003031;
-constexpr int write_good_again_message = 2003032;
 
 bool open_error_told = false;  // under the log lock; there is one log in a process
 
@@ -58,7 +57,7 @@ std::string Put_ErrMsg(_pzulogg* handle, int number, const std::string& inserts)
 void note_write_error(_pzulogg* handle) {
     const bool first = handle->PutErrNum == 0;
     handle->PutErrNum = handle->ErrNum;
-    const std::string line = Put_ErrMsg(handle, write_error_message,
+    const std::string line = Put_ErrMsg(handle, number_log_not_written,
                                         std::string(handle->filename) + "|" + strerror(handle->ErrNum));
     if (first) {
         fprintf(stderr, "%s\n", line.c_str());
@@ -86,7 +85,7 @@ void write_to_file(_pzulogg* handle, const std::string& line) {
         handle->PutErrNum = 0;
         open_error_told = false;
         const std::string text =
-            Put_ErrMsg(handle, write_good_again_message, std::string(handle->filename) + "|");
+            Put_ErrMsg(handle, number_log_written_again, std::string(handle->filename) + "|");
         fprintf(stderr, "%s\n", text.c_str());
     }
 }

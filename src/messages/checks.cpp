@@ -11,14 +11,10 @@
 #include <string_view>
 #include <vector>
 
+#include "base/message_numbers.h"
+
 namespace {
 
-constexpr int code_check_failed = 2000207;
-constexpr int code_field_too_long = 2000208;
-constexpr int code_syntax = 2000209;
-constexpr int code_parameter_count = 2000210;
-constexpr int code_wrong_type = 2000211;
-constexpr int code_failed_where = 2000212;
 constexpr int code_unnumbered = 1;  // `lt` and `notblank` fail with this number; that must stay
 
 constexpr size_t stream_step = 4096;
@@ -85,8 +81,8 @@ int32_t integer_parameter(const chk_function_arguments_t* arguments, int index) 
 
 int invalid_integer(msg_error* error, int64_t value, size_t length) {
     if (length == 8)
-        return set_error(error, code_check_failed, "Invalid value '%s'.|", std::to_string(value).c_str());
-    return set_error(error, code_check_failed, "Invalid value '%d'.|", static_cast<int>(value));
+        return set_error(error, number_check_failed, "Invalid value '%s'.|", std::to_string(value).c_str());
+    return set_error(error, number_check_failed, "Invalid value '%d'.|", static_cast<int>(value));
 }
 
 int enum_of_texts(const chk_function_arguments_t* arguments, const unsigned char* data, size_t length,
@@ -96,7 +92,7 @@ int enum_of_texts(const chk_function_arguments_t* arguments, const unsigned char
     for (int i = 0; i < arguments->parameter_count; i++, parameter += strlen(parameter) + 1)
         if (strncmp(text, parameter, length) == 0)
             return 0;
-    return set_error(error, code_check_failed, "Invalid value '%.*s'.|", static_cast<int>(length), text);
+    return set_error(error, number_check_failed, "Invalid value '%.*s'.|", static_cast<int>(length), text);
 }
 
 int chkf_enum(const msgconv_ctx_t*, const msg_el* element, const chk_function_arguments_t* arguments,
@@ -113,7 +109,7 @@ int chkf_enum(const msgconv_ctx_t*, const msg_el* element, const chk_function_ar
     if (length == 1 &&
         memchr(parameters(arguments), *data, static_cast<size_t>(arguments->parameter_count)) != nullptr)
         return 0;
-    return set_error(error, code_check_failed, "Invalid value '%c'.|", length == 1 ? *data : ' ');
+    return set_error(error, number_check_failed, "Invalid value '%c'.|", length == 1 ? *data : ' ');
 }
 
 int chkf_notempty(const msgconv_ctx_t*, const msg_el*, const chk_function_arguments_t*,
@@ -121,7 +117,7 @@ int chkf_notempty(const msgconv_ctx_t*, const msg_el*, const chk_function_argume
     for (size_t i = 0; i < length; i++)
         if (data[i] != ' ')
             return 0;
-    return set_error(error, code_check_failed, "String must not be empty.|");
+    return set_error(error, number_check_failed, "String must not be empty.|");
 }
 
 int chkf_range(const msgconv_ctx_t*, const msg_el* element, const chk_function_arguments_t* arguments,
@@ -129,7 +125,7 @@ int chkf_range(const msgconv_ctx_t*, const msg_el* element, const chk_function_a
     if (!is_integer(element->type) || arguments->parameter_count < 2)
         return 0;
     if (length > 8) {
-        set_error(error, code_field_too_long, "%d|", static_cast<int>(length));
+        set_error(error, number_check_too_long, "%d|", static_cast<int>(length));
         return 0;
     }
     if (length != 2 && length != 4 && length != 8)
@@ -138,21 +134,21 @@ int chkf_range(const msgconv_ctx_t*, const msg_el* element, const chk_function_a
     if (value >= integer_parameter(arguments, 0) && value <= integer_parameter(arguments, 1))
         return 0;
     if (length == 8)
-        return set_error(error, code_check_failed, "Value '%s' not in range.|",
+        return set_error(error, number_check_failed, "Value '%s' not in range.|",
                          std::to_string(value).c_str());
-    return set_error(error, code_check_failed, "Value '%d' not in range.|", static_cast<int>(value));
+    return set_error(error, number_check_failed, "Value '%d' not in range.|", static_cast<int>(value));
 }
 
 int chkf_gt(const msgconv_ctx_t*, const msg_el*, const chk_function_arguments_t* arguments,
             const unsigned char* data, size_t length, msg_error* error) {
     if (length >= 8)
-        return set_error(error, code_field_too_long, "%d|", static_cast<int>(length));
+        return set_error(error, number_check_too_long, "%d|", static_cast<int>(length));
     if (length != 2 && length != 4)
         return 0;
     int64_t value = integer_value(data, length);
     if (value > integer_parameter(arguments, 0))
         return 0;
-    return set_error(error, code_check_failed, "%d > %d|", static_cast<int>(value),
+    return set_error(error, number_check_failed, "%d > %d|", static_cast<int>(value),
                      integer_parameter(arguments, 0));
 }
 
@@ -164,7 +160,7 @@ int compare_text(const msg_el* element, const chk_function_arguments_t* argument
     size_t compared = element->size == 1 ? 1 : length;
     int difference = strncmp(reinterpret_cast<const char*>(data), parameter, compared);
     if (difference == 0)
-        set_error(error, code_check_failed, "%.*s != %.*s|", element->size == 1 ? 1 : 1000, parameter,
+        set_error(error, number_check_failed, "%.*s != %.*s|", element->size == 1 ? 1 : 1000, parameter,
                   static_cast<int>(length), reinterpret_cast<const char*>(data));
     return difference;
 }
@@ -180,8 +176,8 @@ int chkf_ne(const msgconv_ctx_t*, const msg_el* element, const chk_function_argu
     if (value != parameter)
         return 0;
     if (length == 8)
-        return set_error(error, code_check_failed, "%d != %s|", parameter, std::to_string(value).c_str());
-    return set_error(error, code_check_failed, "%d != %d|", static_cast<int>(value), parameter);
+        return set_error(error, number_check_failed, "%d != %s|", parameter, std::to_string(value).c_str());
+    return set_error(error, number_check_failed, "%d != %d|", static_cast<int>(value), parameter);
 }
 
 // The mirror image of `ne`: it reports equality, and has a reason only for inequality. No field of the
@@ -194,7 +190,7 @@ int chkf_eq(const msgconv_ctx_t*, const msg_el*, const chk_function_arguments_t*
     int32_t parameter = integer_parameter(arguments, 0);
     if (value == parameter)
         return 1;
-    set_error(error, code_check_failed, "%d == %d|", static_cast<int>(value), parameter);
+    set_error(error, number_check_failed, "%d == %d|", static_cast<int>(value), parameter);
     return 0;
 }
 
@@ -263,10 +259,10 @@ int getIntArgs(std::string_view argument, parameter_list* list, msg_error*) {
 int getCharArgs(std::string_view argument, parameter_list* list, msg_error* error) {
     std::string_view text = trimmed(argument);
     if (text.empty() || text.front() != '\'' || text.find('\'', 1) == std::string_view::npos)
-        return set_error(error, code_syntax, "Missing ''' character.");
+        return set_error(error, number_check_syntax, "Missing ''' character.");
     if (text.size() != 3 || text[2] != '\'')
-        return set_error(error, code_syntax, "Invalid char '%.*s' argument.", static_cast<int>(text.size()),
-                         text.data());
+        return set_error(error, number_check_syntax, "Invalid char '%.*s' argument.",
+                         static_cast<int>(text.size()), text.data());
     add_bytes(list, &text[1], 1);
     return 0;
 }
@@ -275,7 +271,7 @@ int getStringArgs(std::string_view argument, parameter_list* list, msg_error* er
     size_t first = argument.find('"');
     size_t last = argument.rfind('"');
     if (first == std::string_view::npos || first == last)
-        return set_error(error, code_syntax, "Missing '\"' character.");
+        return set_error(error, number_check_syntax, "Missing '\"' character.");
     std::string text(argument.substr(first + 1, last - first - 1));
     if (!text.empty())
         add_bytes(list, text.c_str(), text.size() + 1);
@@ -299,13 +295,13 @@ int get_arguments(std::string_view text, int (*parse)(std::string_view, paramete
 int checkArguments(std::string_view rest, std::string_view* arguments, size_t* end, msg_error* error) {
     size_t open = rest.find('(');
     if (open == std::string_view::npos)
-        return set_error(error, code_syntax, "Unable to find '(' character.");
+        return set_error(error, number_check_syntax, "Unable to find '(' character.");
     size_t close = rest.find(')', open);
     if (close == std::string_view::npos)
-        return set_error(error, code_syntax, "Unable to find ')' character.");
+        return set_error(error, number_check_syntax, "Unable to find ')' character.");
     *arguments = rest.substr(open + 1, close - open - 1);
     if (arguments->find(';') != std::string_view::npos)
-        return set_error(error, code_syntax, "Invalid argument syntax '%.*s'.",
+        return set_error(error, number_check_syntax, "Invalid argument syntax '%.*s'.",
                          static_cast<int>(arguments->size()), arguments->data());
     *end = close + 1;
     return 0;
@@ -326,7 +322,8 @@ int parse_parameters(const msg_el* element, const chk_command_t* command, std::s
         refused = element->type != el_const && element->type != el_union && element->type != el_filler;
     }
     if (refused)
-        return set_error(error, code_wrong_type, "%s|%s|", command->command, type2string(element->type));
+        return set_error(error, number_check_wrong_type, "%s|%s|", command->command,
+                         type2string(element->type));
     return 0;
 }
 
@@ -358,7 +355,7 @@ int compile_command(const msg_el* element, const chk_command_t* command, std::st
     if (parse_parameters(element, command, arguments, &list, error) != 0)
         return -1;
     if (command->paramscount != chk_any_count && list.count != command->paramscount)
-        return set_error(error, code_parameter_count, "%.*s|%d|%d|", static_cast<int>(text.size()),
+        return set_error(error, number_check_parameter_count, "%.*s|%d|%d|", static_cast<int>(text.size()),
                          text.data(), command->paramscount, list.count);
     append_block(work, element, command, list);
     return 0;
@@ -422,7 +419,7 @@ int compileCheckStream(const msgconv_ctx_t* ctx, msg_el* element, msg_error* err
         at += end > 0 ? end : strlen(command->command);
     }
     if (argc == 0)
-        return set_error(error, code_syntax, "%s|", element->chkstr);
+        return set_error(error, number_check_syntax, "%s|", element->chkstr);
     chk_args_t head;
     memcpy(head.catcher, record_catcher, sizeof head.catcher);
     head.argc = argc;
@@ -430,7 +427,7 @@ int compileCheckStream(const msgconv_ctx_t* ctx, msg_el* element, msg_error* err
     memcpy(work.data(), &head, sizeof head);
     size_t offset = putToStream(work);
     if (offset == 0)
-        return set_error(error, code_syntax, "%s|", element->chkstr);
+        return set_error(error, number_check_syntax, "%s|", element->chkstr);
     element->chkptr = static_cast<int32_t>(offset);
     return 0;
 }
@@ -462,7 +459,7 @@ int readAndEvaluateStream(const msgconv_ctx_t* ctx, const msg_el* element, const
         if (error.code != 0)
             log_number(ctx, error.code, error.subst);
         snprintf(insert, sizeof insert, "%s|%s|", command, path);
-        log_number(ctx, code_failed_where, insert);
+        log_number(ctx, number_check_failed_where, insert);
         failed++;
     };
     const unsigned char* block = checkStreamBytes + at + sizeof head;

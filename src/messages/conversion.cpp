@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/message_numbers.h"
 #include "messages/checks.h"
 #include "messages/head.h"
 #include "messages/walk.h"
@@ -71,16 +72,16 @@ void build_check_stream(const msgconv_ctx_t* ctx) {
                 compiled++;
                 snprintf(insert, sizeof insert, "%s|%.*s.%s|", element->chkstr, name_length, entry->name,
                          element->name);
-                log_number(ctx, 2000214, insert);
+                log_number(ctx, number_check_compiled, insert);
                 continue;
             }
             log_number(ctx, error.code, error.subst);
             snprintf(insert, sizeof insert, "%.*s.%s|", name_length, entry->name, element->name);
-            log_number(ctx, 2000213, insert);
+            log_number(ctx, number_check_not_compiled, insert);
         }
     }
     snprintf(insert, sizeof insert, "%d|%d|", compiled, total);
-    log_number(ctx, 2000215, insert);
+    log_number(ctx, number_checks_compiled, insert);
 }
 
 int log_result(const msgconv_ctx_t* ctx, int result, msg_error* error) {

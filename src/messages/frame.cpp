@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "base/message_numbers.h"
 #include "messages/frame_items.h"
 #include "messages/records_connection.h"
 
@@ -246,10 +247,6 @@ int64_t frame_wrap_body(unsigned char* body, size_t length, const char* protocol
 
 namespace {
 
-constexpr int number_wrong_size = 1002204;
-constexpr int number_cut = 1002205;
-constexpr int number_group_key = 1002206;
-constexpr int number_not_allowed = 1002208;
 constexpr size_t shutdown_least = sizeof(_QX7_SYS_SHUTDOWN);
 
 int refuse(qx7_error* error, int number, size_t offset, unsigned char key) {
@@ -257,12 +254,12 @@ int refuse(qx7_error* error, int number, size_t offset, unsigned char key) {
 }
 
 int refuse_size(qx7_error* error, size_t offset, const item_view& item) {
-    return qx_error_set(error, -1, 0, number_wrong_size, "%ld|%.2x|%u|", static_cast<long>(offset), item.key,
-                        static_cast<unsigned>(item.size));
+    return qx_error_set(error, -1, 0, number_item_wrong_size, "%ld|%.2x|%u|", static_cast<long>(offset),
+                        item.key, static_cast<unsigned>(item.size));
 }
 
 int refuse_key(qx7_error* error, size_t offset, unsigned char key, const char* reason) {
-    return qx_error_set(error, -1, 0, number_not_allowed, "%ld|%.2x|%s|", static_cast<long>(offset), key,
+    return qx_error_set(error, -1, 0, number_item_not_allowed, "%ld|%.2x|%s|", static_cast<long>(offset), key,
                         reason);
 }
 
@@ -286,9 +283,9 @@ int parse_source_group(const item_view& group, size_t offset, frame_address* add
         const unsigned char* bytes = group.data + at;
         size_t place = offset + group.head + at;
         if (*bytes != key_name && *bytes != key_acv && *bytes != key_address)
-            return refuse(error, number_group_key, place, *bytes);
+            return refuse(error, number_item_group_key, place, *bytes);
         if (read_item(bytes, left, left, item_length_field_size(*bytes), &item) != item_whole)
-            return refuse(error, number_cut, place, *bytes);
+            return refuse(error, number_item_cut, place, *bytes);
         if (!item_size_allowed(item.key, item.size))
             return refuse_size(error, place, item);
         if (item.key == key_name)
@@ -366,7 +363,7 @@ int frame_parse_body(const unsigned char* body, size_t length, frame_body* out, 
         item_view item;
         size_t left = length - at;
         if (read_item(body + at, left, left, item_length_field_size(body[at]), &item) != item_whole)
-            return refuse(error, number_cut, at, body[at]);
+            return refuse(error, number_item_cut, at, body[at]);
         // The messages themselves may be of any length here; what is too short for a head the walk refuses.
         if (!item_size_allowed(item.key, item.size))
             return refuse_size(error, at, item);

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <new>
 
+#include "base/message_numbers.h"
 #include "messages/frame.h"
 #include "messages/frame_items.h"
 #include "messages/head.h"
@@ -14,17 +15,6 @@ namespace {
 
 constexpr char work_area_eye_catcher[] = "%TcpMsg%";
 constexpr int first_slots = 8;
-
-constexpr int number_bad_handle = 1002201;
-constexpr int number_no_memory = 1002202;
-constexpr int number_bad_header = 1002203;
-constexpr int number_wrong_size = 1002204;
-constexpr int number_cut = 1002205;
-constexpr int number_group_key = 1002206;
-constexpr int number_type_not_allowed = 1002207;
-constexpr int number_key_not_allowed = 1002208;
-constexpr int number_type_unknown = 1002209;
-constexpr int number_too_long = 1002210;
 
 bool is_work_area(const TCPMSG_WORK_AREA* handle) {
     return handle != nullptr && memcmp(handle->cID, work_area_eye_catcher, sizeof handle->cID) == 0;
@@ -64,17 +54,17 @@ int check_length(const TCPMSG_WORK_AREA* handle, const unsigned char* msg, size_
     int64_t number = 0;
     for (size_t i = 0; i < std::min(length, digits); i++) {
         if (msg[i] < '0' || msg[i] > '9')
-            return refuse(out, number_bad_header, "Length|");
+            return refuse(out, number_frame_bad_header, "Length|");
         number = number * 10 + msg[i] - '0';
     }
     if (length < digits)
         return 0;
     if (number <= static_cast<int64_t>(frame_header_size))
-        return refuse(out, number_bad_header, "Length|");
+        return refuse(out, number_frame_bad_header, "Length|");
     bool from_server = (handle->iUsedBy & tcp_used_by_agent) != 0 && (flags & TCP_CHK_SERVER) != 0;
     if (!from_server && (flags & TCP_CHK_NO_LIMIT) == 0 && handle->iMaxPhysMsgSize != 0 &&
         number > handle->iMaxPhysMsgSize)
-        return refuse(out, number_too_long, "%d|", static_cast<int>(number));
+        return refuse(out, number_frame_too_long, "%d|", static_cast<int>(number));
     return 0;
 }
 
@@ -84,11 +74,11 @@ int check_header(const TCPMSG_WORK_AREA* handle, const unsigned char* msg, size_
     if (result != 0)
         return result;
     if (!begins_like(msg, length, offsetof(QX7_PROTOCOL_HEADER, cEyeCatch), "QX7:global"))
-        return refuse(out, number_bad_header, "EyeCatcher|");
+        return refuse(out, number_frame_bad_header, "EyeCatcher|");
     if (!begins_like(msg, length, offsetof(QX7_PROTOCOL_HEADER, cVersion), "001"))
-        return refuse(out, number_bad_header, "Version|");
+        return refuse(out, number_frame_bad_header, "Version|");
     if (length >= offsetof(QX7_PROTOCOL_HEADER, cCoding) && !protocol_enabled(msg, flags))
-        return refuse(out, number_bad_header, "Protocol|");
+        return refuse(out, number_frame_bad_header, "Protocol|");
     return 0;
 }
 
@@ -121,13 +111,13 @@ int TcpScanCallback(const item_view& group, size_t offset, const check_text& out
         long place = static_cast<long>(offset + group.head + at);
         size_t left = group.size - at;
         if (left == 1)
-            return refuse(out, number_cut, "%ld|%.2x|", place, key);
+            return refuse(out, number_item_cut, "%ld|%.2x|", place, key);
         if (key != key_name && key != key_acv && key != key_address)
-            return refuse(out, number_group_key, "%ld|%.2x|", place, key);
+            return refuse(out, number_item_group_key, "%ld|%.2x|", place, key);
         if (read_item(group.data + at, left, left, TcpKzLengthFieldLen(key), &item) != item_whole)
-            return refuse(out, number_cut, "%ld|%.2x|", place, key);
+            return refuse(out, number_item_cut, "%ld|%.2x|", place, key);
         if (!item_size_allowed(key, item.size))
-            return refuse(out, number_wrong_size, "%ld|%.2x|%u|", place, key,
+            return refuse(out, number_item_wrong_size, "%ld|%.2x|%u|", place, key,
                           static_cast<unsigned>(item.size));
         at += item.head + item.size;
     }
@@ -140,11 +130,11 @@ int check_item(const TCPMSG_WORK_AREA* handle, const item_view& item, size_t off
     bool is_message = item.key == key_message_short || item.key == key_message;
     long place = static_cast<long>(offset);
     if (!item_size_allowed(item.key, item.size) || (is_message && item.size < message_type_size))
-        return refuse(out, number_wrong_size, "%ld|%.2x|%u|", place, item.key,
+        return refuse(out, number_item_wrong_size, "%ld|%.2x|%u|", place, item.key,
                       static_cast<unsigned>(item.size));
     const char* restricted = restricted_key(handle, item.key, flags);
     if (restricted != nullptr)
-        return refuse(out, number_key_not_allowed, "%ld|%.2x|%s|", place, item.key, restricted);
+        return refuse(out, number_item_not_allowed, "%ld|%.2x|%s|", place, item.key, restricted);
     if (is_message && (flags & TCP_CHK_SERVER) == 0 && handle->iMsgCntUse > 0 &&
         !TCP_Allowed(handle, item.data)) {
         std::string_view type = get_text(reinterpret_cast<const char*>(item.data), message_type_size);
@@ -169,7 +159,7 @@ int check_body(const TCPMSG_WORK_AREA* handle, unsigned char* msg, size_t length
         unsigned char key = msg[at];
         item_state state = read_item(msg + at, present - at, frame - at, TcpKzLengthFieldLen(key), &item);
         if (state == item_cut)
-            return refuse(out, number_cut, "%ld|%.2x|", static_cast<long>(at), key);
+            return refuse(out, number_item_cut, "%ld|%.2x|", static_cast<long>(at), key);
         if (state == item_incomplete)
             return 0;
         int result = check_item(handle, item, at, flags, out);
@@ -195,7 +185,7 @@ TCPMSG_WORK_AREA* TCP_Open(int usedBy) {
 
 int TCP_Close(TCPMSG_WORK_AREA* handle) {
     if (!is_work_area(handle))
-        return number_bad_handle;
+        return number_frame_bad_handle;
     free(handle->pMsgArea);
     memset(handle->cID, 0, sizeof handle->cID);
     delete handle;
@@ -204,14 +194,14 @@ int TCP_Close(TCPMSG_WORK_AREA* handle) {
 
 int TCP_Used(TCPMSG_WORK_AREA* handle, int usedBy) {
     if (!is_work_area(handle))
-        return number_bad_handle;
+        return number_frame_bad_handle;
     handle->iUsedBy = usedBy;
     return 0;
 }
 
 int TCP_Parms(TCPMSG_WORK_AREA* handle, const TCPMSG_PARMS* parms) {
     if (!is_work_area(handle))
-        return number_bad_handle;
+        return number_frame_bad_handle;
     handle->iMaxPhysMsgSize = parms->iMaxPhysMsgSize;
     handle->pToEbcdic = parms->pToEbcdic;
     handle->pToAscii = parms->pToAscii;
@@ -226,7 +216,7 @@ int TCP_Allow(TCPMSG_WORK_AREA* handle, const char* msgType, const MSGTAB* msgta
               size_t retTextLength) {
     check_text out = {retText, retTextLength};
     if (!is_work_area(handle))
-        return number_bad_handle;
+        return number_frame_bad_handle;
     TCPMSG_MSG_TYPE type;
     put_text(type.name, msgType);
     if (msgtab != nullptr && find_definition(msgtab, {type.name, sizeof type.name}) == nullptr)
@@ -235,7 +225,7 @@ int TCP_Allow(TCPMSG_WORK_AREA* handle, const char* msgType, const MSGTAB* msgta
         int slots = handle->iMsgCnt == 0 ? first_slots : handle->iMsgCnt * 2;
         void* grown = realloc(handle->pMsgArea, static_cast<size_t>(slots) * sizeof(TCPMSG_MSG_TYPE));
         if (grown == nullptr)
-            return number_no_memory;
+            return number_frame_no_memory;
         handle->pMsgArea = static_cast<TCPMSG_MSG_TYPE*>(grown);
         handle->iMsgCnt = slots;
     }
@@ -277,7 +267,7 @@ int TCP_Chk(const TCPMSG_WORK_AREA* handle, unsigned char* msg, size_t length, u
             size_t retTextLength) {
     check_text out = {retText, retTextLength};
     if (!is_work_area(handle))
-        return number_bad_handle;
+        return number_frame_bad_handle;
     if ((flags & TCP_CHK_HEADER) != 0) {
         int result = check_header(handle, msg, length, flags, out);
         if (result != 0)

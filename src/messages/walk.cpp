@@ -15,6 +15,7 @@
 #include <cstring>
 #include <memory>
 
+#include "base/message_numbers.h"
 #include "messages/checks.h"
 #include "messages/head.h"
 #include "messages/walk_state.h"
@@ -187,10 +188,10 @@ int get_string_size(internal_stack_t* stack, const level_t* level, size_t index,
     if (element->size < 0) {
         size_t found = search_index(level, index, element->size, &element_references::size);
         if (found >= index) [[unlikely]]
-            return fail(stack, 1002402, "%d|%s|%u|%s|", static_cast<int>(found), type2string(element->type),
-                        shown(position), dump_path(stack, path, sizeof path));
+            return fail(stack, number_walk_size_missing, "%d|%s|%u|%s|", static_cast<int>(found),
+                        type2string(element->type), shown(position), dump_path(stack, path, sizeof path));
         if (level->matrix.inums[found] < 0) [[unlikely]]
-            return fail(stack, 1002401, "%d|%s|%u|%s|", level->matrix.inums[found],
+            return fail(stack, number_walk_size_without_value, "%d|%s|%u|%s|", level->matrix.inums[found],
                         type2string(element->type), shown(position), dump_path(stack, path, sizeof path));
         *size = level->matrix.ivals[found];
     }
@@ -209,8 +210,8 @@ int get_string_size(internal_stack_t* stack, const level_t* level, size_t index,
         return walk_accepted;
     }
     if (terminated) [[unlikely]]
-        return fail(stack, 1002403, "%s|%u|%s|", type2string(element->type), shown(position),
-                    dump_path(stack, path, sizeof path));
+        return fail(stack, number_walk_no_terminator, "%s|%u|%s|", type2string(element->type),
+                    shown(position), dump_path(stack, path, sizeof path));
     *size = searched;
     return walk_accepted;
 }
@@ -245,7 +246,7 @@ int walk_struct(internal_stack_t* stack, const level_t* level, const msgtab_el* 
                 int64_t* element_size) {
     const msg_el* element = stack->current;
     if (structure == nullptr) [[unlikely]]
-        return fail_type(stack, 1002411, element->structure);
+        return fail_type(stack, number_walk_no_record, element->structure);
     if (element->relation < 0 && (level->value_offset < 0 || level->value_offset > stack->buffer.size))
         [[unlikely]]
         return fail_overflow(stack, level->value_offset, element->size);
@@ -283,9 +284,9 @@ int walk_repetition(internal_stack_t* stack, level_t* level, size_t index, const
             return element->size < 0 ? check_element_overflow(stack, level->value_offset, element->size)
                                      : walk_accepted;
         case el_const:
-            return fail_type(stack, 1002410, type2string(element->type));
+            return fail_type(stack, number_walk_bad_type, type2string(element->type));
         default:
-            return fail_type(stack, 1002412, type2string(element->type));
+            return fail_type(stack, number_walk_unknown_type, type2string(element->type));
     }
 }
 
@@ -303,7 +304,7 @@ void set_value_offset(internal_stack_t* stack, level_t* level, size_t index) {
         return;
     }
     char path[512];
-    warn(stack, 1002407, "%d|%u|%s|", element->relation, shown(stack->buffer.offset),
+    warn(stack, number_walk_bad_position, "%d|%u|%s|", element->relation, shown(stack->buffer.offset),
          dump_path(stack, path, sizeof path));
 }
 
@@ -319,7 +320,7 @@ int64_t get_max_dimension(internal_stack_t* stack, const level_t* level, size_t 
         return level->matrix.ivals[found];
     }
     char path[512];
-    warn(stack, 1002408, "%d|%u|%s|", element->dim, shown(stack->buffer.offset),
+    warn(stack, number_walk_bad_count, "%d|%u|%s|", element->dim, shown(stack->buffer.offset),
          dump_path(stack, path, sizeof path));
     return 1;
 }
@@ -340,8 +341,9 @@ int walk_repetitions(internal_stack_t* stack, level_t* level, size_t index, int6
     for (int64_t repetition = 0; repetition < max_dimension; repetition++) {
         bool ended = stack->buffer.offset >= stack->buffer.size;
         if (ended) [[unlikely]]
-            warn(stack, 1005415, "%.8s.%s|%d|%d|", reinterpret_cast<const char*>(stack->buffer.data),
-                 counter->name, static_cast<int>(max_dimension), static_cast<int>(stack->buffer.size));
+            warn(stack, number_walk_table_cut, "%.8s.%s|%d|%d|",
+                 reinterpret_cast<const char*>(stack->buffer.data), counter->name,
+                 static_cast<int>(max_dimension), static_cast<int>(stack->buffer.size));
         int64_t element_size = 0;
         if (walk_repetition(stack, level, index, structure, repetition, &element_size) == walk_failed)
             return walk_failed;
@@ -375,8 +377,8 @@ int walk_element(internal_stack_t* stack, level_t* level, size_t index) {
     int64_t max_dimension = get_max_dimension(stack, level, index, &counter);
     if (stack->buffer.offset > stack->buffer.size) [[unlikely]] {
         char path[512];
-        return fail(stack, 1002409, "%u|%u|%s|", shown(stack->buffer.offset), shown(stack->buffer.size),
-                    dump_path(stack, path, sizeof path));
+        return fail(stack, number_walk_too_short, "%u|%u|%s|", shown(stack->buffer.offset),
+                    shown(stack->buffer.size), dump_path(stack, path, sizeof path));
     }
     if (max_dimension <= 0 && stack->request->visitor == nullptr)
         return walk_accepted;
@@ -442,7 +444,7 @@ int walk_plain_element(internal_stack_t* stack, level_t* level, size_t index) {
 int process_elements(internal_stack_t* stack, const msgtab_el* entry, bool variableDataOnEnd,
                      int64_t* structureSize) {
     if (stack->parent_list.level == parent_list_size)
-        return fail_type(stack, 1002411, entry->name);
+        return fail_type(stack, number_walk_no_record, entry->name);
     stack->parent_list.entries[stack->parent_list.level++] = {entry->name, stack->message_version};
 
     size_t length = entry->msg_def.length;
@@ -480,7 +482,8 @@ int parse_message(internal_stack_t* stack) {
     std::string_view type(reinterpret_cast<const char*>(stack->buffer.data), message_type_size);
     const msgtab_el* entry = find_definition(stack->table, type);
     if (entry == nullptr)
-        return fail(stack, 1002413, "%.8s|%s:%u|", type.data(), "walk.cpp", static_cast<unsigned>(__LINE__));
+        return fail(stack, number_walk_no_message, "%.8s|%s:%u|", type.data(), "walk.cpp",
+                    static_cast<unsigned>(__LINE__));
     QX_HEADM head;
     memcpy(&head, stack->buffer.data, sizeof head);
     stack->message_version = message_version(&head);
@@ -509,7 +512,7 @@ void report_failed_checks(const internal_stack_t& stack) {
         return;
     char insert[sizeof name + 1];
     snprintf(insert, sizeof insert, "%.253s|", name);
-    ctx->logWrite(2000216, insert);
+    ctx->logWrite(number_checks_failed, insert);
 }
 
 }  // namespace
@@ -547,7 +550,7 @@ int walk(void* msg, size_t msgs, const msgconv_ctx_t* ctx, const walk_request& r
     stack.errorsFound = 0;
     stack.parent_list.level = 0;
     if (msgs < sizeof(QX_HEADM) || msgs > INT32_MAX)
-        return fail(&stack, 1002409, "%u|%u|%s|", static_cast<unsigned>(sizeof(QX_HEADM)),
+        return fail(&stack, number_walk_too_short, "%u|%u|%s|", static_cast<unsigned>(sizeof(QX_HEADM)),
                     shown(stack.buffer.size), "?NULL?");
 
     if (tracing(ctx, trace_level_dump)) [[unlikely]]

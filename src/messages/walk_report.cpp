@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/message_numbers.h"
 #include "messages/walk_state.h"
 
 namespace {
@@ -70,8 +71,9 @@ void warn(internal_stack_t* stack, int code, const char* format, ...) {
 int fail_overflow(internal_stack_t* stack, int64_t position, int64_t size) {
     char path[512];
     int64_t remaining = position >= 0 && position <= stack->buffer.size ? stack->buffer.size - position : 0;
-    return fail(stack, 1002404, "%s|%u|%d|%u|%s|", type2string(stack->current->type), shown(position),
-                static_cast<int>(size), shown(remaining), dump_path(stack, path, sizeof path));
+    return fail(stack, number_walk_overflow, "%s|%u|%d|%u|%s|", type2string(stack->current->type),
+                shown(position), static_cast<int>(size), shown(remaining),
+                dump_path(stack, path, sizeof path));
 }
 
 int fail_type(internal_stack_t* stack, int code, const char* name) {

@@ -6,6 +6,7 @@
 #include "base/context.h"
 #include "base/file_data.h"
 #include "base/files.h"
+#include "base/message_numbers.h"
 #include "base/paths.h"
 #include "channels/replies.h"
 #include "identity/accounts.h"
@@ -19,16 +20,6 @@
 namespace {
 
 enum file_write_mode : char { WRITE_APPEND = 'A', WRITE_OVERWRITE = 'O', WRITE_NEW_ONLY = 'C' };
-
-enum file_write_number : int {
-    FILE_WRITE_ORDER = 2000217,
-    FILE_WRITE_DONE = 2000218,
-    FILE_WRITE_NOT_DONE = 2000219,
-    FILE_WRITE_USER = 2000220,
-    FILE_WRITE_FAILED = 2000222,
-    FILE_WRITE_EXISTS = 2000223,
-    FILE_WRITE_OPEN = 2000225,
-};
 
 constexpr size_t file_name_limit = 1024;
 constexpr mode_t new_folder_mode = 0755;
@@ -56,13 +47,13 @@ std::string key_text(const file_order* order) {
 
 int check_user(EX_PCX* pcx, file_order* order, message_view view, my_passwd_unlimited* passwd) {
     if (order->user.empty()) {
-        return fail(order, FILE_WRITE_USER, key_text(order) + "noname|user not defined|");
+        return fail(order, number_file_write_user, key_text(order) + "noname|user not defined|");
     }
     qx7_error error;
     if (!GetPwdNameStruct(order->user.c_str(), passwd, &error)) {
         const std::string reason =
             error.qx_errno == ENOENT || error.qx_errno == 0 ? "user not found" : error_text(error.qx_errno);
-        return fail(order, FILE_WRITE_USER, key_text(order) + order->user + "|" + reason + "|");
+        return fail(order, number_file_write_user, key_text(order) + order->user + "|" + reason + "|");
     }
     passwd->pw_passwd.clear();
     if (pcx->pcx_JobPwCheck == 1) {
@@ -70,7 +61,7 @@ int check_user(EX_PCX* pcx, file_order* order, message_view view, my_passwd_unli
         const auto password = view_data(view, order->record.pwd_dist, order->record.pwd_len);
         if (PasswordCheck(1, order->record.ah_idnr, password, order->user.c_str(), &text, nullptr) !=
             PASSWORD_ACCEPTED) {
-            return fail(order, FILE_WRITE_USER, key_text(order) + order->user + "|" + text + "|");
+            return fail(order, number_file_write_user, key_text(order) + order->user + "|" + text + "|");
         }
     }
     return 0;
@@ -87,7 +78,7 @@ int prepare_place(file_order* order) {
     // What may not be looked at is told by the opening.
     const bool exists = fd >= 0 || (!missing && error.qx_errno != EACCES && error.qx_errno != ENOTDIR);
     if (exists && order->record.mode == WRITE_NEW_ONLY) {
-        return fail(order, FILE_WRITE_EXISTS, key_text(order) + order->file + "|");
+        return fail(order, number_file_write_exists, key_text(order) + order->file + "|");
     }
     if (!missing) {
         return 0;
@@ -99,7 +90,7 @@ int prepare_place(file_order* order) {
         if (!part.empty() &&
             createDir_EffUser(order->user.c_str(), part.c_str(), new_folder_mode, &error) != 0 &&
             error.qx_errno != EEXIST && end == std::string::npos) {
-            return fail(order, FILE_WRITE_OPEN,
+            return fail(order, number_file_write_open,
                         key_text(order) + order->file + "|" + error_text(error.qx_errno) + "|");
         }
         if (end == std::string::npos) {
@@ -113,7 +104,7 @@ int write_line(FILE* stream, std::string_view line, file_order* order) {
     AreaConv(converted.data(), converted.size(), order->code);
     qx7_error error;
     if (FcbWriteText(stream, converted.data(), static_cast<int>(converted.size()), &error) != 0) {
-        return fail(order, FILE_WRITE_FAILED, key_text(order) + order->file + "|");
+        return fail(order, number_file_write_failed, key_text(order) + order->file + "|");
     }
     return 0;
 }
@@ -145,15 +136,15 @@ int write_file(file_order* order) {
                            : "w";
     FILE* stream = StreamOpen_EffUser(order->user.c_str(), order->file.c_str(), mode, &error);
     if (stream == nullptr && error.qx_errno == EEXIST) {
-        return fail(order, FILE_WRITE_EXISTS, key_text(order) + order->file + "|");
+        return fail(order, number_file_write_exists, key_text(order) + order->file + "|");
     }
     if (stream == nullptr) {
-        return fail(order, FILE_WRITE_OPEN,
+        return fail(order, number_file_write_open,
                     key_text(order) + order->file + "|" + error_text(error.qx_errno) + "|");
     }
     const int result = write_text(stream, order);
     if (StreamClose_EffUser(order->user.c_str(), stream, &error) != 0 && result == 0) {
-        return fail(order, FILE_WRITE_FAILED, key_text(order) + order->file + "|");
+        return fail(order, number_file_write_failed, key_text(order) + order->file + "|");
     }
     return result;
 }
@@ -166,7 +157,7 @@ int carry_out(EX_PCX* pcx, file_order* order, message_view view) {
     if (order->file.empty() || order->file.front() != '/') {
         order->file = std::string{passwd.pw_dir} + "/" + order->file;
     }
-    __log(FILE_WRITE_ORDER, "%d|%s|", order->record.ah_idnr, order->file.c_str());
+    __log(number_file_write_order, "%d|%s|", order->record.ah_idnr, order->file.c_str());
     return prepare_place(order) != 0 ? -1 : write_file(order);
 }
 
@@ -185,13 +176,13 @@ int process_iprcwrite(EX_PCX* pcx, ccm_msg_t* msg, int) {
     order.file = view_text(view, order.record.file_dist, order.record.file_len).substr(0, file_name_limit);
     order.user = get_text(order.record.logininfo);
     order.text = view_text(view, order.record.text_dist, order.record.text_len);
-    __log(FILE_WRITE_ORDER, "%d|%s|", order.record.ah_idnr, order.file.c_str());
+    __log(number_file_write_order, "%d|%s|", order.record.ah_idnr, order.file.c_str());
 
     if (carry_out(pcx, &order, view) == 0) {
-        __log(FILE_WRITE_DONE, "%d|%s|", order.record.ah_idnr, order.file.c_str());
+        __log(number_file_write_done, "%d|%s|", order.record.ah_idnr, order.file.c_str());
     } else {
         __log(order.number, "%s", order.insert.c_str());
-        __log(FILE_WRITE_NOT_DONE, "%d|%s|", order.record.ah_idnr, order.file.c_str());
+        __log(number_file_write_not_done, "%d|%s|", order.record.ah_idnr, order.file.c_str());
     }
     const QX_HEADM head = view_head(view);
     return send_quitt_extended(pcx, 0, msg->addr.src_name, "", msg->addr.src_acv, "PRCWRITE", head.i2Mandant,

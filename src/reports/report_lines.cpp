@@ -8,6 +8,7 @@
 
 #include "base/code_tables.h"
 #include "base/files.h"
+#include "base/message_numbers.h"
 #include "base/text.h"
 #include "identity/accounts.h"
 #include "log/log.h"
@@ -18,7 +19,6 @@ namespace {
 constexpr std::string_view truncation_mark = "QX7:global report truncated";
 constexpr int truncation_mark_room = 26;  // beside the mark's own length
 constexpr int line_end_size = 2;
-constexpr int tail_read_failed = 11402;
 // So much of a cut line is passed over in one step. The agent does nothing else meanwhile, and the owner of
 // the file may make a line of holes that is longer than any disk.
 constexpr int64_t passed_over_limit = int64_t{256} << 20;
@@ -107,7 +107,7 @@ report_fill report_fill_block(REP_Area* area, unsigned char* block, int* length,
                 return REPORT_FILL_PAUSE;
             }
             if (at_limit) {
-                area->lRetCode = REPORT_LINE_LIMIT;
+                area->lRetCode = number_report_line_limit;
                 area->cRetText = area->cFile + "|" + std::to_string(area->lMaxRecords) + "|";
                 return REPORT_FILL_LIMIT;
             }
@@ -125,7 +125,7 @@ report_fill report_fill_block(REP_Area* area, unsigned char* block, int* length,
             return REPORT_FILL_FULL;
         }
         if (area->last_was_cut) {
-            __log(REPORT_LINE_CUT, "%u|%lld|%lld|%d|", static_cast<unsigned>(area->iRepGet_ah_idnr),
+            __log(number_report_line_cut, "%u|%lld|%lld|%d|", static_cast<unsigned>(area->iRepGet_ah_idnr),
                   static_cast<long long>(area->llRecCount + 1), static_cast<long long>(area->last_full),
                   area->lLastRec);
         }
@@ -139,8 +139,8 @@ report_fill report_fill_block(REP_Area* area, unsigned char* block, int* length,
 
 int create_lastRecBuf(REP_Area* area, unsigned char* block, int* length, qx7_error* error) {
     const auto fail = [&](const char* call) {
-        return qx_error_set(error, -1, errno, file_message, "%s|%s|%d|%s|", call, area->cFile.c_str(), errno,
-                            error_text(errno).c_str());
+        return qx_error_set(error, -1, errno, number_file_call, "%s|%s|%d|%s|", call, area->cFile.c_str(),
+                            errno, error_text(errno).c_str());
     };
     struct stat status;
     if (fstat(area->rep_fd.fd, &status) != 0) {
@@ -160,7 +160,8 @@ int create_lastRecBuf(REP_Area* area, unsigned char* block, int* length, qx7_err
             continue;
         }
         if (n <= 0) {
-            return qx_error_set(error, -1, errno, tail_read_failed, "%s|%d|%s|", area->cFile.c_str(), errno,
+            return qx_error_set(error, -1, errno, number_report_end_unreadable, "%s|%d|%s|",
+                                area->cFile.c_str(), errno,
                                 n < 0 ? error_text(errno).c_str() : "the file became shorter");
         }
         got += static_cast<size_t>(n);

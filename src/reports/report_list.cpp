@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "base/context.h"
+#include "base/message_numbers.h"
 #include "base/profile.h"
 #include "base/text.h"
 #include "log/log.h"
@@ -22,7 +23,7 @@ void close_area(EX_PCX* pcx, std::list<std::unique_ptr<REP_Area>>::iterator at) 
 }
 
 void log_failure(const REP_Area& area) {
-    __log(REPORT_FAILED, "%u|", static_cast<unsigned>(area.iRepGet_ah_idnr));
+    __log(number_report_failed, "%u|", static_cast<unsigned>(area.iRepGet_ah_idnr));
 }
 
 }  // namespace

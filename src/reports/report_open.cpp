@@ -7,6 +7,7 @@
 #include "base/code_tables.h"
 #include "base/context.h"
 #include "base/files.h"
+#include "base/message_numbers.h"
 #include "base/paths.h"
 #include "base/text.h"
 #include "identity/accounts.h"
@@ -26,7 +27,7 @@ bool asks_for_shell(const EX_PCX* pcx, const MSG_TYPE_REP_GET& get) {
 }
 
 int open_failure(report_source* source, const char* step, int error_number, const std::string& text) {
-    source->number = REPORT_OPEN_FAILED;
+    source->number = number_report_open_failed;
     source->insert = source->file + "(" + step + ")|" + std::to_string(error_number) + "|" + text + "|";
     return -1;
 }
@@ -52,7 +53,7 @@ int find_file(EX_PCX* pcx, const MSG_TYPE_REP_GET& get, report_source* source,
     }
     passwd->pw_passwd.clear();
     if (GetFilePfad(source->file.c_str(), passwd->pw_dir, path, sizeof path) != 0) {
-        source->number = file_message;
+        source->number = number_file_call;
         source->insert =
             "GetFilePfad()|" + source->file + "|" + std::to_string(errno) + "|" + error_text(errno) + "|";
         return -1;

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "base/context.h"
+#include "base/message_numbers.h"
 #include "base/text.h"
 #include "channels/outgoing.h"
 #include "identity/accounts.h"
@@ -188,15 +189,15 @@ int finish_transfer(EX_PCX* pcx, const REP_Area* area, report_end end) {
         int error_number = 0;
         if (erase_file(area, &error_number) != 0) {
             iChangeRepEndMessage(
-                &end, REPORT_ERASE_FAILED,
+                &end, number_report_erase_failed,
                 area->cFile + "|" + std::to_string(error_number) + "|" + error_text(error_number) + "|");
         }
     }
     if (end.msgnr != 0) {
         __log(end.msgnr, "%s", end.insert.c_str());
-        __log(REPORT_FAILED, "%u|", static_cast<unsigned>(area->iRepGet_ah_idnr));
+        __log(number_report_failed, "%u|", static_cast<unsigned>(area->iRepGet_ah_idnr));
     } else {
-        __log(REPORT_ENDED, "%u|", static_cast<unsigned>(area->iRepGet_ah_idnr));
+        __log(number_report_ended, "%u|", static_cast<unsigned>(area->iRepGet_ah_idnr));
     }
     return send_report_end(pcx, end, area->RepEnd_bName.c_str(), area->RepGet_bAcv);
 }
@@ -229,7 +230,7 @@ int refuse_opening(EX_PCX* pcx, const MSG_TYPE_REP_GET& get, const report_source
     __log(source.number, "%s", source.insert.c_str());
     const int result = send_report_end(pcx, iFillRepGetToRepEnd(get, source.number, source.insert),
                                        from.src_name, static_cast<uint32_t>(from.src_acv));
-    __log(REPORT_FAILED, "%u|", static_cast<unsigned>(get.ah_idnr));
+    __log(number_report_failed, "%u|", static_cast<unsigned>(get.ah_idnr));
     return result;
 }
 
@@ -244,7 +245,7 @@ int send_first_block(EX_PCX* pcx, std::unique_ptr<REP_Area> area, const MSG_TYPE
         drop_block(pcx, &block);
         report_end end = iFillRepGetToRepEnd(get, 0, "");
         if (fill == REPORT_FILL_ERROR) {
-            iChangeRepEndMessage(&end, REPORT_READ_FAILED, read_failure(area.get()));
+            iChangeRepEndMessage(&end, number_report_read_failed, read_failure(area.get()));
         }
         return finish_transfer(pcx, area.get(), end);
     }
@@ -282,16 +283,16 @@ int end_as_asked(EX_PCX* pcx, REP_Area* area, const MSG_TYPE_REP_QUIT& quit) {
     }
     if (area->lLastRec == read_failed && end.msgnr == 0) {
         // Half a report must not pass for the whole one: it would be erased.
-        iChangeRepEndMessage(&end, REPORT_READ_FAILED, read_failure(area));
+        iChangeRepEndMessage(&end, number_report_read_failed, read_failure(area));
     } else if (area->lLastRec == read_failed) {
-        __log(REPORT_READ_FAILED, "%s", read_failure(area).c_str());
+        __log(number_report_read_failed, "%s", read_failure(area).c_str());
     }
     return end_transfer(pcx, area, end);
 }
 
 report_fill fill_next_block(REP_Area* area, report_block* block, int number) {
     if (area->lMaxBlk > 0 && number >= area->lMaxBlk) {
-        area->lRetCode = REPORT_BLOCK_LIMIT;
+        area->lRetCode = number_report_block_limit;
         area->cRetText = area->cFile + "|" + std::to_string(area->lMaxBlk) + "|";
     }
     if (block->full) {
@@ -299,7 +300,7 @@ report_fill fill_next_block(REP_Area* area, report_block* block, int number) {
     }
     const report_fill fill = report_fill_block(area, block->text(), &block->length,
                                                static_cast<size_t>(area->i4Blksize) - 2, REPORT_LATER);
-    if (fill == REPORT_FILL_END && area->lRetCode == REPORT_BLOCK_LIMIT) {
+    if (fill == REPORT_FILL_END && area->lRetCode == number_report_block_limit) {
         area->lRetCode = 0;  // the rest of the file fits into the last block
     }
     return fill;
@@ -310,7 +311,7 @@ int end_without_block(EX_PCX* pcx, REP_Area* area, report_block* block, const MS
     drop_block(pcx, block);
     report_end end = iFillRepQuitToRepEnd(quit, 0, "");
     if (fill == REPORT_FILL_ERROR) {
-        iChangeRepEndMessage(&end, REPORT_READ_FAILED, read_failure(area));
+        iChangeRepEndMessage(&end, number_report_read_failed, read_failure(area));
     } else if (fill == REPORT_FILL_LIMIT) {
         iChangeRepEndMessage(&end, area->lRetCode, area->cRetText);
     }
@@ -350,7 +351,7 @@ int process_repget(EX_PCX* pcx, ccm_msg_t* msg, int) {
     if (find_source(pcx, &get, &source, &passwd) != 0) {
         return refuse_opening(pcx, get, source, msg->addr);
     }
-    __log(REPORT_STARTED, "%u|%s|", static_cast<unsigned>(get.ah_idnr), source.file.c_str());
+    __log(number_report_started, "%u|%s|", static_cast<unsigned>(get.ah_idnr), source.file.c_str());
     qx_descriptor file;
     if (open_source(pcx, &source, passwd, &file) != 0) {
         return refuse_opening(pcx, get, source, msg->addr);
@@ -365,7 +366,7 @@ int process_repquit(EX_PCX* pcx, ccm_msg_t* msg, int) {
     const auto quit = view_record<MSG_TYPE_REP_QUIT>(view_of(msg));
     REP_Area* area = getReportEntry(pcx, quit.ah_idnr);
     if (area == nullptr) {
-        __log(REPORT_UNKNOWN, "%u|", static_cast<unsigned>(quit.ah_idnr));
+        __log(number_report_unknown, "%u|", static_cast<unsigned>(quit.ah_idnr));
         return 0;
     }
     note_asker(area, msg->addr);
@@ -377,7 +378,7 @@ int process_repquit(EX_PCX* pcx, ccm_msg_t* msg, int) {
         return -1;
     }
     const report_fill fill = fill_next_block(area, &block, quit.rep_blk);
-    if (fill == REPORT_FILL_FULL && area->lRetCode == REPORT_BLOCK_LIMIT) {
+    if (fill == REPORT_FILL_FULL && area->lRetCode == number_report_block_limit) {
         return send_last_lines(pcx, area, &block, quit);
     }
     if (block.length == 0) {

@@ -24,19 +24,6 @@ inline constexpr int report_block_max = 32768;
 inline constexpr time_t report_idle_limit = 24 * 3600;  // seconds; an idle transfer is closed
 inline constexpr int report_data_offset = 72;           // of the text in REP_DATA
 
-enum report_number : int {
-    REPORT_STARTED = 29000,
-    REPORT_ENDED = 29001,
-    REPORT_FAILED = 29002,
-    REPORT_OPEN_FAILED = 29003,
-    REPORT_READ_FAILED = 29004,
-    REPORT_UNKNOWN = 29005,
-    REPORT_ERASE_FAILED = 29006,
-    REPORT_BLOCK_LIMIT = 29007,
-    REPORT_LINE_LIMIT = 29008,
-    REPORT_LINE_CUT = 29009,
-};
-
 // A REP_DATA that is being made.
 struct report_block {
     MSG_TYPE_REP_DATA head{};

@@ -14,6 +14,7 @@
 #include "base/descriptor.h"
 #include "base/error.h"
 #include "base/locks.h"
+#include "base/message_numbers.h"
 #include "base/obstacles.h"
 #include "base/paths.h"
 #include "base/text.h"
@@ -23,14 +24,6 @@
 #include "resources/resources.h"
 
 namespace {
-
-constexpr int number_directory_made = 2000237;
-constexpr int number_directory_failed = 2000241;
-constexpr int number_file_failed = 2000242;
-constexpr int number_task_directory_failed = 2000247;
-constexpr int number_delete_failed = 2000248;
-constexpr int number_task_directory_ready = 2000249;
-constexpr int number_deleted = 2000250;
 
 constexpr mode_t shared_directory_mode = 01777;  // nobody may take away what belongs to others
 constexpr mode_t hardened_mode = 0755;
@@ -133,10 +126,10 @@ int make_client_path(const EX_PCX* pcx, const resource_job* job, const resource_
     const qx_descriptor folder(open_folders(pcx, path, mode, &made));
     // A directory from the time before `hardened` was set is closed for others now.
     if (!folder.valid() || (hardened() && fchmod(folder.get(), mode) != 0)) {
-        return directory_error(error, number_directory_failed, job, path, errno);
+        return directory_error(error, number_cache_failed, job, path, errno);
     }
     if (made) {
-        log_directory(number_directory_made, job, path);
+        log_directory(number_cache_made, job, path);
     }
     return 1;
 }
@@ -151,10 +144,10 @@ int make_task_parent(const EX_PCX* pcx, const resource_job* job, const std::stri
                       ((status.st_mode & 07777) == shared_directory_mode ||
                        fchmod(folder.get(), shared_directory_mode) == 0);
     if (!good) {
-        return directory_error(error, number_directory_failed, job, parent, errno);
+        return directory_error(error, number_cache_failed, job, parent, errno);
     }
     if (made) {
-        log_directory(number_directory_made, job, parent);
+        log_directory(number_cache_made, job, parent);
     }
     return 0;
 }
@@ -200,19 +193,19 @@ int make_task_path(const EX_PCX* pcx, const resource_job* job, qx7_error* error)
         return 1;
     }
     if (make_task_parent(pcx, job, path.substr(0, path.rfind('/') + 1), error) != 0) {
-        return taken ? directory_error(error, number_task_directory_failed, job, path, EPERM) : -1;
+        return taken ? directory_error(error, number_task_cache_failed, job, path, EPERM) : -1;
     }
     qx7_error reason;
     if (createDir_EffUser(job->jp_userName, path.c_str(), task_mode, &reason) != 0 &&
         (reason.qx_errno != EEXIST || replace_task_directory(pcx, job, path, &reason) != 0)) {
-        return directory_error(error, number_task_directory_failed, job, path, reason.qx_errno);
+        return directory_error(error, number_task_cache_failed, job, path, reason.qx_errno);
     }
-    log_directory(number_task_directory_ready, job, path);
+    log_directory(number_task_cache_ready, job, path);
     return 1;
 }
 
 int file_failed(qx7_error* error, const resource_item& resource, int error_number) {
-    return qx_error_set(error, -1, error_number, number_file_failed, "%d:%s/%s|%.400s|%d - %s|",
+    return qx_error_set(error, -1, error_number, number_resource_file_failed, "%d:%s/%s|%.400s|%d - %s|",
                         resource.client, resource.object_name.c_str(), resource.resource_name.c_str(),
                         resource.file_path.c_str(), error_number, error_text(error_number).c_str());
 }
@@ -275,12 +268,12 @@ void delete_task_file(const resource_job* job, const resource_item& item, qx7_er
     const int removed = RemoveWithEffUser(job->jp_userName, item.file_path.c_str(), &reason);
     if (removed < 0) {
         qx7_error failure;
-        qx_error_set(&failure, -1, reason.qx_errno, number_delete_failed, "%d:%s/%s|%.400s|%d - %s",
+        qx_error_set(&failure, -1, reason.qx_errno, number_cache_delete_failed, "%d:%s/%s|%.400s|%d - %s",
                      job->JP_Mandant, item.object_name.c_str(), item.resource_name.c_str(),
                      item.file_path.c_str(), reason.qx_errno, error_text(reason.qx_errno).c_str());
         keep_first(first, failure);
     } else if (removed > 0) {
-        __log(number_deleted, "%d:%s/%s|%.400s", job->JP_Mandant, item.object_name.c_str(),
+        __log(number_cache_deleted, "%d:%s/%s|%.400s", job->JP_Mandant, item.object_name.c_str(),
               item.resource_name.c_str(), item.file_path.c_str());
     }
 }
@@ -304,10 +297,10 @@ void delete_task_directory(const resource_job* job, qx7_error* first) {
     }
     qx7_error reason;
     if (removeDir_EffUser(job->jp_userName, path.c_str(), &reason) == 0) {
-        log_directory(number_deleted, job, path);
+        log_directory(number_cache_deleted, job, path);
     } else if (reason.qx_errno != ENOTEMPTY && reason.qx_errno != EEXIST) {
         qx7_error failure;
-        directory_error(&failure, number_delete_failed, job, path, reason.qx_errno);
+        directory_error(&failure, number_cache_delete_failed, job, path, reason.qx_errno);
         keep_first(first, failure);
     }
 }
@@ -372,7 +365,7 @@ int CreateResourceFile(EX_PCX*, const resource_item& resource, std::span<const u
                        char fileType, qx7_error* error) {
     const resource_job* job = resource_first_job(resource);
     if (job == nullptr) {
-        return qx_error_set(error, -1, 0, number_file_failed, "%d:%s/%s|%.400s|empty job list|",
+        return qx_error_set(error, -1, 0, number_resource_file_failed, "%d:%s/%s|%.400s|empty job list|",
                             resource.client, resource.object_name.c_str(), resource.resource_name.c_str(),
                             resource.file_path.c_str());
     }

@@ -5,6 +5,7 @@
 
 #include "base/context.h"
 #include "base/error.h"
+#include "base/message_numbers.h"
 #include "base/text.h"
 #include "channels/ccm.h"
 #include "channels/messages.h"
@@ -18,11 +19,6 @@
 
 namespace {
 
-constexpr int number_stored_new = 2000239;
-constexpr int number_stored = 2000240;
-constexpr int number_file_failed = 2000242;
-constexpr int number_unexpected = 2000245;
-constexpr int number_asked = 2000246;
 constexpr int other_type = 2;
 
 constexpr char server_module[] = "QXVAREXR";
@@ -46,7 +42,7 @@ int send_question(EX_PCX* pcx, const resource_item& resource, int version, const
     }
     // A line that breaks in this moment is no failure: the next logon repeats the question.
     (void)send_outgoing(pcx->ccm, msg, to_server(pcx, server_module, module));
-    __log(number_asked, "%d:%s/%s|%d", resource.client, resource.object_name.c_str(),
+    __log(number_resource_asked, "%d:%s/%s|%d", resource.client, resource.object_name.c_str(),
           resource.resource_name.c_str(), resource.ah_idnr);
     return 0;
 }
@@ -138,7 +134,7 @@ int ProcessBinDataMessage(EX_PCX* pcx, ccm_msg_t* msg) {
     const auto data = view_record<MSG_TYPE_BIN_DATA>(view);
     resource_item* item = find_awaited(data);
     if (item == nullptr) {
-        __log(number_unexpected, "%s/%s", printable(get_text(data.object_name)).c_str(),
+        __log(number_resource_unexpected, "%s/%s", printable(get_text(data.object_name)).c_str(),
               printable(get_text(data.name)).c_str());
         return 0;
     }
@@ -157,17 +153,17 @@ int ProcessBinDataMessage(EX_PCX* pcx, ccm_msg_t* msg) {
     // A file of half the bytes would count as current from then on.
     const bool whole = data.content_len >= 0 && content.size() == static_cast<size_t>(data.content_len);
     if (!whole) {
-        qx_error_set(&error, -1, EBADMSG, number_file_failed, "%d:%s/%s|%.400s|%d - %s|", resource.client,
-                     resource.object_name.c_str(), resource.resource_name.c_str(), resource.file_path.c_str(),
-                     EBADMSG, error_text(EBADMSG).c_str());
+        qx_error_set(&error, -1, EBADMSG, number_resource_file_failed, "%d:%s/%s|%.400s|%d - %s|",
+                     resource.client, resource.object_name.c_str(), resource.resource_name.c_str(),
+                     resource.file_path.c_str(), EBADMSG, error_text(EBADMSG).c_str());
     }
     if (!whole || store(pcx, resource, content, data.file_type, &error) != 0) {
         __log_error(error);
         CancelAllJobsWaitingForThisResource(pcx, &resource, error.qx_msgnr, error.qx_msgInsert);
         return -1;
     }
-    __log(resource.usage_type == resource_new ? number_stored_new : number_stored, "%d:%s/%s|%.400s",
-          resource.client, resource.object_name.c_str(), resource.resource_name.c_str(),
+    __log(resource.usage_type == resource_new ? number_resource_stored_new : number_resource_stored,
+          "%d:%s/%s|%.400s", resource.client, resource.object_name.c_str(), resource.resource_name.c_str(),
           resource.file_path.c_str());
     hand_out(pcx, &taken);
     return 0;

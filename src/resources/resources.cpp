@@ -7,6 +7,7 @@
 
 #include "base/context.h"
 #include "base/error.h"
+#include "base/message_numbers.h"
 #include "base/paths.h"
 #include "identity/accounts.h"
 #include "log/log.h"
@@ -15,10 +16,6 @@
 #include "resources/resource_files.h"
 
 namespace {
-
-constexpr int number_bad_path = 2000241;
-constexpr int number_bad_name = 2000242;
-constexpr int number_stat_failed = 2000244;
 
 resource_state the_resources;
 resource_owner owner = {};
@@ -33,7 +30,7 @@ struct wanted_resource {
 };
 
 int bad_path(const resource_job* job, std::string_view told, qx7_error* error) {
-    return qx_error_set(error, -1, EPERM, number_bad_path, "%d:%.200s|%.500s|%d - %s", job->JP_Mandant,
+    return qx_error_set(error, -1, EPERM, number_cache_failed, "%d:%.200s|%.500s|%d - %s", job->JP_Mandant,
                         job->JP_oName, std::string(told).c_str(), EPERM, error_text(EPERM).c_str());
 }
 
@@ -44,7 +41,7 @@ int read_row(const resource_job* job, const MSG_TYPE_BINTAB& row, wanted_resourc
     wanted->type = row.cache_type;
     const std::string file(get_text(row.file_name));
     if (wanted->type != resource_task && wanted->type != resource_client) {
-        return qx_error_set(error, 1, EINVAL, number_stat_failed, "%.400s|%d - %s|", file.c_str(), EINVAL,
+        return qx_error_set(error, 1, EINVAL, number_resource_failed, "%.400s|%d - %s|", file.c_str(), EINVAL,
                             error_text(EINVAL).c_str());
     }
     const std::string& folder =
@@ -54,9 +51,9 @@ int read_row(const resource_job* job, const MSG_TYPE_BINTAB& row, wanted_resourc
     }
     wanted->path = path_clean(folder + file);  // one spelling: by it jobs find what they share
     if (!resource_name_is_safe(file)) {
-        return qx_error_set(error, -1, EPERM, number_bad_name, "%d:%s/%s|%.400s|%d - %s|", job->JP_Mandant,
-                            wanted->object.c_str(), wanted->name.c_str(), wanted->path.c_str(), EPERM,
-                            error_text(EPERM).c_str());
+        return qx_error_set(error, -1, EPERM, number_resource_file_failed, "%d:%s/%s|%.400s|%d - %s|",
+                            job->JP_Mandant, wanted->object.c_str(), wanted->name.c_str(),
+                            wanted->path.c_str(), EPERM, error_text(EPERM).c_str());
     }
     return 0;
 }
@@ -144,7 +141,7 @@ int read_client_row(EX_PCX* pcx, resource_job* job, const wanted_resource& wante
     const bool there = resource_stat(wanted.path, &modified) == 0;
     if (!there && errno != ENOENT && errno != ENOTDIR) {
         const int error_number = errno;
-        return qx_error_set(error, 1, error_number, number_stat_failed, "%.400s|%d - %s|",
+        return qx_error_set(error, 1, error_number, number_resource_failed, "%.400s|%d - %s|",
                             wanted.path.c_str(), error_number, error_text(error_number).c_str());
     }
     resource_item* used = find_shared(&context->used_resource_list, job, wanted);
@@ -272,7 +269,7 @@ int job_read_resources(EX_PCX* pcx, resource_job* job, message_view view, const 
     for (int32_t count = record.bintab_entries; count > 0; --count) {
         const auto row = cursor_record<MSG_TYPE_BINTAB>(&rows);
         if (rows.failed) {
-            return qx_error_set(error, 1, EINVAL, number_stat_failed, "BINTAB|%d - %s|", EINVAL,
+            return qx_error_set(error, 1, EINVAL, number_resource_failed, "BINTAB|%d - %s|", EINVAL,
                                 error_text(EINVAL).c_str());
         }
         if (ReadStorageObjectResource(pcx, job, row, error) != 0) {

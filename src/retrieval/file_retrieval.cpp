@@ -9,6 +9,7 @@
 #include "base/context.h"
 #include "base/files.h"
 #include "base/memory.h"
+#include "base/message_numbers.h"
 #include "base/text.h"
 #include "base/time.h"
 #include "channels/outgoing.h"
@@ -185,7 +186,7 @@ int process_getfile_XML(EX_PCX* pcx, ccm_msg_t* msg, int) {
     if (request == nullptr) {
         return refuse(pcx, msg, key, error);
     }
-    __log(FILE_REQUEST_LOGGED, "%s|", printable(request->gf_sFileName).c_str());
+    __log(number_file_read_logged, "%s|", printable(request->gf_sFileName).c_str());
     return getfile_sendResGet(pcx, request, &error) == 0 ? 0 : fail_request(pcx, request, error);
 }
 
@@ -279,7 +280,7 @@ GETF_PL* create_fileReqEntry(EX_PCX* pcx, const ccm_msg_t* msg, qx7_error* error
         return nullptr;
     }
     if (!room_for_request(pcx)) {
-        qx_error_set(error, -1, EBUSY, FILE_REQUEST_FAILED, "%s|%s|",
+        qx_error_set(error, -1, EBUSY, number_file_read_failed, "%s|%s|",
                      printable(get_field(wanted.cdata.cd_filename)).c_str(), file_requests_busy);
         return nullptr;
     }

@@ -7,6 +7,7 @@
 
 #include "base/file_data.h"
 #include "base/files.h"
+#include "base/message_numbers.h"
 #include "base/text.h"
 #include "identity/accounts.h"
 #include "identity/user_files.h"
@@ -22,7 +23,7 @@ bool is_text(const GETF_PL* request) {
 }
 
 int file_failure(const GETF_PL* request, int error_number, const std::string& text, qx7_error* error) {
-    return qx_error_set(error, -1, error_number, FILE_REQUEST_FAILED, "%s|%d - %s|",
+    return qx_error_set(error, -1, error_number, number_file_read_failed, "%s|%d - %s|",
                         printable(request->gf_sFileName).c_str(), error_number, text.c_str());
 }
 
@@ -30,7 +31,7 @@ int errno_failure(const GETF_PL* request, qx7_error* error) {
     const int number = errno;
     // Once the others are done there is more room.
     if (number == EFBIG && request->gf_room < file_request_bytes_max) {
-        return qx_error_set(error, -1, EBUSY, FILE_REQUEST_FAILED, "%s|%s|",
+        return qx_error_set(error, -1, EBUSY, number_file_read_failed, "%s|%s|",
                             printable(request->gf_sFileName).c_str(), file_requests_busy);
     }
     return file_failure(request, number,
@@ -264,7 +265,7 @@ int read_recordsToBuff(GETF_PL* request, qx7_error* error) {
         more = get_nextRecord(request);
     }
     if (more < 0) {
-        return qx_error_set(error, -1, read_record_too_long, FILE_REQUEST_FAILED, "%s|%s|",
+        return qx_error_set(error, -1, read_record_too_long, number_file_read_failed, "%s|%s|",
                             printable(request->gf_sFileName).c_str(), "record size is too long");
     }
     request->gf_restSendSize -= static_cast<int64_t>(length);

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "base/base64.h"
+#include "base/message_numbers.h"
 #include "base/text.h"
 
 namespace {
@@ -14,7 +15,7 @@ constexpr size_t short_value_max = 64;
 constexpr size_t long_value_max = 255;
 
 int form_error(qx7_error* error, const std::string& what) {
-    return qx_error_set(error, -1, 0, FILE_REQUEST_FORM, "XML-format error '%s'", what.c_str());
+    return qx_error_set(error, -1, 0, number_file_read_form, "XML-format error '%s'", what.c_str());
 }
 
 // A copy of the text in which whatever may look like an attribute and is none is hidden: the contents of CDATA
@@ -123,10 +124,10 @@ int read_cdata(const request_text& request, RCV_CD* out, qx7_error* error) {
 int check_cdata(RCV_CD* record, qx7_error* error) {
     const std::string_view type(record->cd_requesttype, sizeof record->cd_requesttype);
     if (type != "GETFILE " && type != "GET_FILE") {
-        return qx_error_set(error, -1, 0, FILE_REQUEST_FORM, "XML-format error 'requesttype'-error");
+        return qx_error_set(error, -1, 0, number_file_read_form, "XML-format error 'requesttype'-error");
     }
     if (record->cd_loginobject[0] == ' ' || record->cd_loginobject[0] == '\0') {
-        return qx_error_set(error, -1, 0, FILE_REQUEST_NO_LOGIN, "|");
+        return qx_error_set(error, -1, 0, number_file_read_no_login, "|");
     }
     record->cd_blocksize =
         std::clamp(iCnvI32(record->cd_blocksize), file_request_block_min, file_request_block_max);

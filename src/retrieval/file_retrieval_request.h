@@ -9,11 +9,6 @@
 #include "base/error.h"
 #include "messages/records_retrieval.h"
 
-inline constexpr int FILE_REQUEST_LOGGED = 2000256;
-inline constexpr int FILE_REQUEST_FAILED = 2000258;
-inline constexpr int FILE_REQUEST_FORM = 2001055;
-inline constexpr int FILE_REQUEST_NO_LOGIN = 2001058;
-
 inline constexpr size_t file_request_text_max = 65536;  // a longer text is no request
 inline constexpr size_t file_request_key_size = 64;     // with its NUL
 inline constexpr int32_t file_request_block_min = 24;

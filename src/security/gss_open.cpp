@@ -7,6 +7,7 @@
 #include "base/context.h"
 #include "base/descriptor.h"
 #include "base/files.h"
+#include "base/message_numbers.h"
 #include "base/paths.h"
 #include "log/log.h"
 #include "security/key_store.h"
@@ -14,8 +15,6 @@
 
 namespace {
 
-constexpr int call_failed_message = 2000102;
-constexpr int initial_package_message = 2000103;
 constexpr char default_key_store[] = "KStore.ini";
 
 // A file named in the section AUTHORIZATION, relative to the folder of the program; empty when none is named.
@@ -33,7 +32,8 @@ int call_failure(qx7_error* error, const char* call, const std::string& file, in
     const bool unread = number == KM_OPEN || number == KM_READ;
     __log(-1, "%s '%s': %s%s%s", call, file.c_str(), km_explain(agent_keys(), number).c_str(), unread ? ": " : "",
           unread ? strerror(agent_keys().store_errno) : "");
-    return qx_error_set(error, -1, number, call_failed_message, "%s|%08X|", call, static_cast<unsigned>(number));
+    return qx_error_set(error, -1, number, number_call_failed, "%s|%08X|", call,
+                        static_cast<unsigned>(number));
 }
 
 int read_package(int fd, uint8_t* out, size_t room, size_t* length) {
@@ -75,7 +75,7 @@ int import_initial_package(EX_PCX* pcx, qx7_error* error) {
         __log_error(unreadable);
         return 0;
     }
-    __log(initial_package_message, "%s|", file.c_str());
+    __log(number_initial_package, "%s|", file.c_str());
     int number = ImportKey(&agent_keys(), {package.data(), length}, {});
     return number == KM_OK ? 0 : call_failure(error, "ImportKey", file, number);
 }
@@ -111,7 +111,7 @@ int import_own_name(EX_PCX* pcx, qx7_error* error) {
     gss_release_name(nullptr, &pcx->pcx_sName);
     OM_uint32 major = gss_import_name(&minor, &name, GSS_C_NT_MACHINE_UID_NAME, &pcx->pcx_sName);
     return major == GSS_S_COMPLETE ? 0
-                                   : qx_error_set(error, -1, static_cast<int>(minor), 2000105,
+                                   : qx_error_set(error, -1, static_cast<int>(minor), number_security_call,
                                                   "gss_import_name|%u|%u|", major, minor);
 }
 

@@ -15,6 +15,7 @@
 
 #include "base/context.h"
 #include "base/executor_var.h"
+#include "base/message_numbers.h"
 #include "base/text.h"
 #include "base/threads.h"
 #include "channels/messages.h"
@@ -88,7 +89,7 @@ void complete_order(EX_PCX* pcx, mail_order* order) {
 
 void log_result(const mail_order& order, int result, const qx7_error& error) {
     if (result == 0) {
-        __log(MAIL_SENT, "%d|", order.ah_idnr);
+        __log(number_mail_sent, "%d|", order.ah_idnr);
     } else {
         __log(error.qx_msgnr, "%s", error.qx_msgInsert);
     }
@@ -150,8 +151,8 @@ int start_worker(EX_PCX* pcx, mail_office& desk, qx7_error* error) {
     desk.stopping = false;
     copy_text(desk.thread.th_name, "mail");
     if (desk.stop_fd < 0) {
-        return qx_error_set(error, -1, errno, MAIL_SOCKET, "eventfd|%u|%s|", static_cast<unsigned>(errno),
-                            strerror(errno));
+        return qx_error_set(error, -1, errno, number_mail_socket, "eventfd|%u|%s|",
+                            static_cast<unsigned>(errno), strerror(errno));
     }
     desk.running = StartWorkerThread(&desk.thread, mail_worker, nullptr, error) == 0;
     return desk.running ? 0 : -1;
@@ -161,7 +162,8 @@ int queue_order(EX_PCX* pcx, waiting_order&& next, qx7_error* error) {
     mail_office& desk = office();
     const std::lock_guard guard(desk.lock);
     if (desk.orders.size() >= mail_orders_max) {
-        return qx_error_set(error, -1, EAGAIN, MAIL_NO_MEMORY, "%u|", static_cast<unsigned>(desk.orders.size()));
+        return qx_error_set(error, -1, EAGAIN, number_mail_no_memory, "%u|",
+                            static_cast<unsigned>(desk.orders.size()));
     }
     if (start_worker(pcx, desk, error) != 0) {
         return -1;
@@ -182,19 +184,20 @@ std::string safe_charset(std::string_view name) {
 
 int check_address(const std::string& mailbox, const char* whose, std::string* address, qx7_error* error) {
     *address = mail_address(mailbox);
-    return address->empty()
-               ? qx_error_set(error, -1, EINVAL, MAIL_ADDRESS, "%s|%s|", printable(mailbox).c_str(), whose)
-               : 0;
+    return address->empty() ? qx_error_set(error, -1, EINVAL, number_mail_address, "%s|%s|",
+                                           printable(mailbox).c_str(), whose)
+                            : 0;
 }
 
 // An order that leaves server and sender to settings that are not there.
 int check_settings(const mail_order& order, qx7_error* error) {
     if (order.server.empty()) {
-        return qx_error_set(error, -1, EINVAL, MAIL_NO_SERVER, "|write smtp_server into section MAIL|");
+        return qx_error_set(error, -1, EINVAL, number_mail_no_server,
+                            "|write smtp_server into section MAIL|");
     }
-    return order.from.empty()
-               ? qx_error_set(error, -1, EINVAL, MAIL_ADDRESS, "|the sender: write smtp_from_addr into section MAIL|")
-               : 0;
+    return order.from.empty() ? qx_error_set(error, -1, EINVAL, number_mail_address,
+                                             "|the sender: write smtp_from_addr into section MAIL|")
+                              : 0;
 }
 
 int check_addresses(const mail_order& order, smtp_mail* mail, qx7_error* error) {
@@ -210,7 +213,8 @@ int check_addresses(const mail_order& order, smtp_mail* mail, qx7_error* error) 
         }
     }
     if (mail->to.empty()) {
-        return qx_error_set(error, -1, EINVAL, MAIL_NO_RECIPIENT, "%s|-|", printable(order.server).c_str());
+        return qx_error_set(error, -1, EINVAL, number_mail_no_recipient, "%s|-|",
+                            printable(order.server).c_str());
     }
     return 0;
 }

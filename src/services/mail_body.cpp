@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "base/base64.h"
+#include "base/message_numbers.h"
 #include "base/text.h"
 #include "identity/user_files.h"
 #include "services/mail_header.h"
@@ -26,11 +27,11 @@ constexpr size_t text_line_max = 998;
 constexpr size_t quoted_line_max = 76;
 
 int file_error(const MailData& piece, int number, qx7_error* error) {
-    return qx_error_set(error, -1, number, MAIL_FILE, "%s|%u|%s|", piece.fileName.c_str(),
+    return qx_error_set(error, -1, number, number_mail_file, "%s|%u|%s|", piece.fileName.c_str(),
                         static_cast<unsigned>(number), strerror(number));
 }
 
-// Fills `block` as far as the file goes. -1 with MAIL_FILE, also when it ends before its size.
+// Fills `block` as far as the file goes. -1 with number_mail_file, also when it ends before its size.
 int read_block(const MailData& piece, off_t at, std::string* block, qx7_error* error) {
     block->resize(std::min(block_size, static_cast<size_t>(piece.size - at)));
     size_t filled = 0;

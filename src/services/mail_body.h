@@ -27,22 +27,23 @@ struct MailData {
 // Where the mail goes, in pieces of any size: 0, or -1 to stop.
 using mail_sink = std::function<int(std::string_view)>;
 
-// Opens the files of the order with the rights that an order without a login has (open_read_on_order); the first
-// piece is the text. -1 with MAIL_FILE.
+// Opens the files of the order with the rights that an order without a login has (open_read_on_order); the
+// first piece is the text. -1 with number_mail_file.
 int mail_open_pieces(const mail_order& order, std::vector<MailData>* pieces, qx7_error* error);
 
-// Whether a piece may travel as lines of text and comes out as it was: bytes 1 to 127, no line above 998, line
-// ends all LF or all CR LF. Fills `plain`; -1 with MAIL_FILE.
+// Whether a piece may travel as lines of text and comes out as it was: bytes 1 to 127, no line above 998,
+// line ends all LF or all CR LF. Fills `plain`; -1 with number_mail_file.
 int is7bitData(MailData* piece, qx7_error* error);
 // Extends `boundary` until no line of any piece begins with it, with "--" in front of it or without. -1 with
-// MAIL_FILE.
+// number_mail_file.
 int checkBoundary(const std::vector<MailData>& pieces, std::string* boundary, qx7_error* error);
 // One character more: that of the permitted set which follows least often. `followers` counts by byte value.
 void expandBoundary(std::string* boundary, const std::vector<size_t>& followers);
 
-// The mail: `header` (complete lines), the MIME fields, the parts. Lines end by CR LF, one that begins with "."
-// has a second one; the line "." at the end isn't written. -1 when the sink stopped (error number 0), or with
-// MAIL_FILE when a file could not be read or is no longer what it was: the mail must not be ended then.
+// The mail: `header` (complete lines), the MIME fields, the parts. Lines end by CR LF, one that begins with
+// "." has a second one; the line "." at the end isn't written. -1 when the sink stopped (error number 0), or
+// with number_mail_file when a file could not be read or is no longer what it was: the mail must not be ended
+// then.
 int mail_write(const std::string& header, const std::vector<MailData>& pieces, const std::string& charset,
                const mail_sink& sink, qx7_error* error);
 

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "base/message_numbers.h"
 #include "base/text.h"
 #include "messages/records_common.h"
 #include "messages/records_server.h"
@@ -110,11 +111,11 @@ int mail_read_order(message_view view, mail_order* order, qx7_error* error) {
     const bool whole = second ? read_elements<MSG_TYPE_SNDMAIL2, MSG_TYPE_SDMAIL2X>(view, order)
                               : read_elements<MSG_TYPE_SNDMAIL, MSG_TYPE_SNDMAILX>(view, order);
     if (!whole) {
-        return qx_error_set(error, -1, EINVAL, MAIL_ADDRESS, "%s|", second ? "SNDMAIL2" : "SNDMAIL");
+        return qx_error_set(error, -1, EINVAL, number_mail_address, "%s|", second ? "SNDMAIL2" : "SNDMAIL");
     }
     if (order->attachments.size() > mail_attachments_max) {
-        return qx_error_set(error, -1, E2BIG, MAIL_FILE, "%s|%u|%s|", order->attachments.back().c_str(),
-                            static_cast<unsigned>(E2BIG), strerror(E2BIG));
+        return qx_error_set(error, -1, E2BIG, number_mail_file, "%s|%u|%s|",
+                            order->attachments.back().c_str(), static_cast<unsigned>(E2BIG), strerror(E2BIG));
     }
     return 0;
 }

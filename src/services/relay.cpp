@@ -15,6 +15,7 @@
 
 #include "base/base64.h"
 #include "base/memory.h"
+#include "base/message_numbers.h"
 #include "base/text.h"
 #include "log/trace.h"
 
@@ -35,7 +36,7 @@ enum reply_code : int {
 };
 
 int socket_error(const SmtpSocket& line, int number, qx7_error* error) {
-    return qx_error_set(error, -1, number, MAIL_SOCKET, "%s|%u|%s|", line.serverName.c_str(),
+    return qx_error_set(error, -1, number, number_mail_socket, "%s|%u|%s|", line.serverName.c_str(),
                         static_cast<unsigned>(number), strerror(number));
 }
 
@@ -157,7 +158,7 @@ int cmdHELO(SmtpSocket* line, EhloExt* able, qx7_error* error) {
         return -1;
     }
     if (line->reply != reply_ready) {
-        return reply_error(*line, MAIL_GREETING, line->serverName, error);
+        return reply_error(*line, number_mail_greeting, line->serverName, error);
     }
     const std::string name = own_name();
     if (command(line, "EHLO " + name + "\r\n", &reply, error) != 0) {
@@ -169,7 +170,7 @@ int cmdHELO(SmtpSocket* line, EhloExt* able, qx7_error* error) {
         return -1;
     }
     if (line->reply != reply_done) {
-        return reply_error(*line, MAIL_GREETING, line->serverName, error);
+        return reply_error(*line, number_mail_greeting, line->serverName, error);
     }
     line->sessionOK = 1;
     return 0;
@@ -187,7 +188,7 @@ int send_base64(SmtpSocket* line, std::string_view plain, relay_reply* reply, qx
 }
 
 int logon_refused(const SmtpSocket& line, const smtp_mail& mail, qx7_error* error) {
-    return reply_error(line, MAIL_LOGON_REFUSED, printable(mail.user), error);
+    return reply_error(line, number_mail_logon_refused, printable(mail.user), error);
 }
 
 int cmdAUTH_PLAIN(SmtpSocket* line, const smtp_mail& mail, qx7_error* error) {
@@ -251,11 +252,11 @@ int name_recipients(SmtpSocket* line, const smtp_mail& mail, const relay_warning
         if (line->reply == reply_done || line->reply == reply_forwarded) {
             ++accepted;
         } else {
-            warn(MAIL_RECIPIENT_REFUSED, address + "|" + line->last_text + "|");
+            warn(number_mail_recipient_refused, address + "|" + line->last_text + "|");
         }
     }
     if (accepted == 0) {
-        return reply_error(*line, MAIL_NO_RECIPIENT, line->serverName, error);
+        return reply_error(*line, number_mail_no_recipient, line->serverName, error);
     }
     return 0;
 }
@@ -267,7 +268,7 @@ void look_for_refusal(SmtpSocket* line, qx7_error* error) {
     const int limit = line->timeout;
     line->timeout = 1;
     if (receiveMultiLine(line, &reply, &ignored) == 0) {
-        reply_error(*line, MAIL_REFUSED, line->serverName, error);
+        reply_error(*line, number_mail_refused, line->serverName, error);
     }
     line->timeout = limit;
 }
@@ -278,7 +279,7 @@ int send_data(SmtpSocket* line, const smtp_mail& mail, qx7_error* error) {
         return -1;
     }
     if (line->reply != reply_start_mail) {
-        return reply_error(*line, MAIL_DATA_REFUSED, line->serverName, error);
+        return reply_error(*line, number_mail_data_refused, line->serverName, error);
     }
     line->in_data = true;
     qx7_error sending;
@@ -298,7 +299,7 @@ int send_data(SmtpSocket* line, const smtp_mail& mail, qx7_error* error) {
         return -1;
     }
     line->in_data = false;
-    return line->reply == reply_done ? 0 : reply_error(*line, MAIL_REFUSED, line->serverName, error);
+    return line->reply == reply_done ? 0 : reply_error(*line, number_mail_refused, line->serverName, error);
 }
 
 int hand_over(SmtpSocket* line, const smtp_mail& mail, const relay_warning& warn, qx7_error* error) {
@@ -307,7 +308,7 @@ int hand_over(SmtpSocket* line, const smtp_mail& mail, const relay_warning& warn
         return -1;
     }
     if (line->reply != reply_done) {
-        return reply_error(*line, MAIL_SENDER_REFUSED, mail.from, error);
+        return reply_error(*line, number_mail_sender_refused, mail.from, error);
     }
     if (name_recipients(line, mail, warn, error) != 0) {
         return -1;
@@ -317,7 +318,7 @@ int hand_over(SmtpSocket* line, const smtp_mail& mail, const relay_warning& warn
 
 // RSET after a failure, QUIT; not on a line that is broken, nor in the midst of a mail, where they were its text.
 void farewell(SmtpSocket* line, bool failed, const qx7_error& error) {
-    const bool broken = failed && error.qx_msgnr == MAIL_SOCKET;
+    const bool broken = failed && error.qx_msgnr == number_mail_socket;
     if (line->sessionOK != 0 && !line->in_data && !broken) {
         qx7_error ignored;  // the result stands already
         relay_reply reply;
@@ -405,7 +406,7 @@ int connectSocket(SmtpSocket* line, const std::string& server, int port, qx7_err
     addrinfo* list = nullptr;
     const int code = getaddrinfo(server.c_str(), std::to_string(port).c_str(), &hints, &list);
     if (server.empty() || code != 0) {
-        return qx_error_set(error, -1, code, MAIL_NO_SERVER, "%s|%s|", line->serverName.c_str(),
+        return qx_error_set(error, -1, code, number_mail_no_server, "%s|%s|", line->serverName.c_str(),
                             server.empty() ? "no mail server is set" : gai_strerror(code));
     }
     const std::unique_ptr<addrinfo, void (*)(addrinfo*)> owner(list, freeaddrinfo);
@@ -418,7 +419,7 @@ int connectSocket(SmtpSocket* line, const std::string& server, int port, qx7_err
         }
     }
     line->s.reset();
-    return qx_error_set(error, -1, number, MAIL_NO_CONNECTION, "%s|%u|%s|", line->serverName.c_str(),
+    return qx_error_set(error, -1, number, number_mail_no_connection, "%s|%u|%s|", line->serverName.c_str(),
                         static_cast<unsigned>(number), strerror(number));
 }
 

@@ -56,7 +56,7 @@ struct smtp_mail {
     std::vector<MailData> pieces;
 };
 
-// IPv4 or IPv6. -1 with MAIL_NO_SERVER or MAIL_NO_CONNECTION.
+// IPv4 or IPv6. -1 with number_mail_no_server or number_mail_no_connection.
 int connectSocket(SmtpSocket* line, const std::string& server, int port, qx7_error* error);
 
 // Greeting, logon and mail on a connected socket, then the farewell; the socket is closed. A recipient that the

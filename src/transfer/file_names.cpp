@@ -5,17 +5,12 @@
 #include <atomic>
 #include <cerrno>
 
+#include "base/message_numbers.h"
+
 const char* const fsTypes[fs_count] = {"UNIX",  "WINDOWS",   "ZOS", "ZOS_USS", "BS2000",
                                        "OS400", "OS400_IFS", "NSK", "VMS",     "GCOS"};
 
 namespace {
-
-enum NameError : int {
-    name_unsupported = 63066,
-    name_unknown = 63067,
-    name_too_short = 63068,
-    name_differs = 63069
-};
 
 // Path delimiter, two more, and a zero.
 struct Delimiters {
@@ -137,7 +132,7 @@ int evaluateMaskPart(std::string_view run, std::string_view text, std::vector<in
                      ftxerr* err) {
     auto singles = static_cast<size_t>(std::count(run.begin(), run.end(), '?'));
     if (text.size() < singles) {
-        return fail(err, name_too_short, std::string(run) + "|" + std::string(text));
+        return fail(err, number_name_too_short, std::string(run) + "|" + std::string(text));
     }
     size_t at = 0;
     for (const char wild : run) {
@@ -153,7 +148,7 @@ int evaluateMaskPart(std::string_view run, std::string_view text, std::vector<in
 int evaluateInserts(std::string_view mask, std::string_view src, bool caseSensitive,
                     std::vector<insertion>* inserts, std::string* wcInsert, ftxerr* err) {
     const auto differs = [&] {
-        return fail(err, name_differs, std::string(src) + "|" + std::string(mask) + "|");
+        return fail(err, number_name_differs, std::string(src) + "|" + std::string(mask) + "|");
     };
     inserts->clear();
     wcInsert->clear();
@@ -202,7 +197,7 @@ int fngConvert(std::string_view srcMask, std::string_view srcFile, std::string_v
     *err = {};
     for (const int type : {srcType, dstType}) {
         if (!known(type)) {
-            return fail(err, name_unknown, "SRC-" + std::to_string(type));
+            return fail(err, number_name_type_unknown, "SRC-" + std::to_string(type));
         }
     }
     const char srcDelim = delimiters[srcType].path;
@@ -234,11 +229,11 @@ int fngConvertDirectory(std::string_view srcMask, std::string_view srcPath, std:
     *err = {};
     for (const int type : {srcType, dstType}) {
         if (!known(type)) {
-            fail(err, name_unknown, "SRC-" + std::to_string(type));
+            fail(err, number_name_type_unknown, "SRC-" + std::to_string(type));
             return err->nr;
         }
         if (type > fs_windows) {
-            fail(err, name_unsupported, std::string("SRC-") + fsTypes[type]);
+            fail(err, number_name_unsupported, std::string("SRC-") + fsTypes[type]);
             return err->nr;
         }
     }

@@ -22,9 +22,9 @@
 #include <cstring>
 #include <vector>
 
-namespace {
+#include "base/message_numbers.h"
 
-enum StoreNumber : int { store_call_failed = 2003041, store_damaged = 2003071 };
+namespace {
 
 constexpr int64_t header_size = sizeof(__kvstore_record);
 constexpr char mark[4] = {'%', 'K', 'V', 'R'};
@@ -34,7 +34,7 @@ constexpr size_t load_piece = size_t{1} << 18;
 
 int callFailed(const kvstore* db, const char* what, qx7_error* err) {
     const int number = errno;
-    return qx_error_set(err, -1, number, store_call_failed, "%s|%s|%u|%s|", what, db->db_filename.c_str(),
+    return qx_error_set(err, -1, number, number_file_call, "%s|%s|%u|%s|", what, db->db_filename.c_str(),
                         static_cast<unsigned>(number), strerror(number));
 }
 
@@ -45,8 +45,8 @@ int wrongMark(const kvstore* db, const __kvstore_record& header, qx7_error* err)
         text[i] = c >= ' ' && c < 127 && c != '|' ? c : '.';
     }
     text[8] = 0;
-    return qx_error_set(err, -1, 0, store_damaged, "%s|KVSR EYEC('%8.8s') wrong", db->db_filename.c_str(),
-                        text);
+    return qx_error_set(err, -1, 0, number_store_damaged, "%s|KVSR EYEC('%8.8s') wrong",
+                        db->db_filename.c_str(), text);
 }
 
 // Whole transfer of two pieces at a place of the file.

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <new>
 
+#include "base/message_numbers.h"
 #include "transfer/compress/encoder.h"
 #include "transfer/compress/error.h"
 #include "transfer/compress/lzss_search.h"
@@ -180,12 +181,12 @@ CompressFile* openCall(const OpenCall& call, ErrMsg* err) {
     const bool flagsFit = (call.source.flags & ~allFlags) == 0 && callback &&
                           call.source.framed() == (call.source.read3 != nullptr);
     if (!known || !flagsFit) {
-        compressError(err, compress_bad_call, "%d|%d|", call.id, call.source.flags);
+        compressError(err, number_compress_bad_call, "%d|%d|", call.id, call.source.flags);
         return nullptr;
     }
     std::unique_ptr<CompressFile> cf(new (std::nothrow) CompressFile);
     if (cf == nullptr) {
-        compressError(err, compress_no_memory, "%d|%s|", static_cast<int>(sizeof(CompressFile)),
+        compressError(err, number_compress_no_memory, "%d|%s|", static_cast<int>(sizeof(CompressFile)),
                       "CompressFile");
         return nullptr;
     }

@@ -15,19 +15,6 @@ struct ErrMsg {
 };
 static_assert(sizeof(ErrMsg) == 260);
 
-enum CompressNumber : int {
-    compress_no_memory = 1002000,
-    compress_bad_call = 1002001,
-    compress_invalid_data = 1002002,
-    compress_zlib_error = 1002004,
-    compress_behind_zlib = 1002005,
-    compress_zlib_incomplete = 1002006,
-    compress_item_incomplete = 1002007,
-    compress_invalid_header = 1002009,
-    compress_zlib_no_memory = 1002010,
-    compress_text_differs = 1002011,
-};
-
 enum CompressId : int {
     compress_none = 0,
     compress_huffman = 1,
@@ -113,7 +100,8 @@ CompressFile* cs4Open(void* hIn, int id, int flags, My3Read my3Read, MySize mySi
 int csRead(CompressFile* cf, char* buf, int len, ErrMsg* err);
 
 // Lets csRead ask the source again after an end, and continue the same stream. A stream of ids 1 to 11 whose
-// last byte left no way to continue, and an ended zlib stream, fail with compress_bad_call when more comes.
+// last byte left no way to continue, and an ended zlib stream, fail with number_compress_bad_call when more
+// comes.
 void csResetEOF(CompressFile* cf);
 
 // Frees the handle; null is allowed.

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "base/message_numbers.h"
 #include "transfer/compress/decoder.h"
 #include "transfer/compress/error.h"
 
@@ -23,7 +24,7 @@ RunEnd runSymbols(DecompressFile& df) {
 }
 
 int invalidData(DecompressFile& df, ErrMsg* err) {
-    return writeOut(df, err) < 0 ? -1 : compressError(err, compress_invalid_data, "%s", "");
+    return writeOut(df, err) < 0 ? -1 : compressError(err, number_compress_invalid_data, "%s", "");
 }
 
 }  // namespace

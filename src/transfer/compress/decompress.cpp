@@ -2,6 +2,7 @@
 #include <cstring>
 #include <new>
 
+#include "base/message_numbers.h"
 #include "transfer/compress/compress.h"
 #include "transfer/compress/decoder.h"
 #include "transfer/compress/error.h"
@@ -15,12 +16,12 @@ DecompressFile* openCall(const DecompressFile& call, ErrMsg* err) {
     constexpr int allFlags = compress_record | compress_size | compress_boundaries | compress_framed;
     if ((call.flags & ~allFlags) != 0 || call.framed() != (call.write3 != nullptr) ||
         (call.write == nullptr) == (call.write3 == nullptr)) {
-        compressError(err, compress_bad_call, "%d|%d|", -1, call.flags);
+        compressError(err, number_compress_bad_call, "%d|%d|", -1, call.flags);
         return nullptr;
     }
     auto* df = new (std::nothrow) DecompressFile;
     if (df == nullptr) {
-        compressError(err, compress_no_memory, "%d|%s|", static_cast<int>(sizeof(DecompressFile)),
+        compressError(err, number_compress_no_memory, "%d|%s|", static_cast<int>(sizeof(DecompressFile)),
                       "DecompressFile");
         return nullptr;
     }
@@ -70,7 +71,7 @@ int openBody(DecompressFile& df, ErrMsg* err) {
         case compress_huffman:
             df.literals.reset(new (std::nothrow) LiteralTable);
             if (df.literals == nullptr) {
-                return compressError(err, compress_no_memory, "%d|%s|",
+                return compressError(err, number_compress_no_memory, "%d|%s|",
                                      static_cast<int>(sizeof(LiteralTable)), "huf");
             }
             return allocOutBuf(df, output_size, 0, err);
@@ -98,15 +99,15 @@ int openBody(DecompressFile& df, ErrMsg* err) {
 }
 
 int badHeader(ErrMsg* err) {
-    return compressError(err, compress_invalid_header, "%s", "");
+    return compressError(err, number_compress_invalid_header, "%s", "");
 }
 
 int takeFlags(DecompressFile& df, uint8_t byte, ErrMsg* err) {
     if ((byte & compress_record) != (df.flags & compress_record)) {
-        return compressError(err, compress_text_differs, "%s", "");
+        return compressError(err, number_compress_text_differs, "%s", "");
     }
     if ((byte & compress_framed) != 0 && !df.framed()) {
-        return compressError(err, compress_bad_call, "%d|%d|", -1, int{byte});
+        return compressError(err, number_compress_bad_call, "%d|%d|", -1, int{byte});
     }
     df.streamFlags = byte;
     df.flags |= byte;
@@ -256,10 +257,10 @@ int take(DecompressFile& df, const uint8_t* from, size_t size, ErrMsg* err) {
 // What the end of the stream itself has to say.
 int closeBody(const DecompressFile& df, ErrMsg* err) {
     if (df.id == compress_zlib && (df.zlib == nullptr || !df.zlib->ended)) {
-        return compressError(err, compress_zlib_incomplete, "%s", "");
+        return compressError(err, number_compress_zlib_incomplete, "%s", "");
     }
     if (df.out.delivered < df.out.end) {
-        return compressError(err, compress_item_incomplete, "%s", "");
+        return compressError(err, number_compress_item_incomplete, "%s", "");
     }
     return 0;
 }

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "base/message_numbers.h"
 #include "transfer/compress/error.h"
 
 namespace {
@@ -259,7 +260,7 @@ int nextBlock(CompressFile& cf, ErrMsg* err) {
         return 0;
     }
     if (cf.resumed && cf.endBitsLeft < 0) {
-        return compressError(err, compress_bad_call, "%d|%d|", cf.id, cf.flags);
+        return compressError(err, number_compress_bad_call, "%d|%d|", cf.id, cf.flags);
     }
     cf.frequency.fill(0);
     if (block.bytes != nullptr) {

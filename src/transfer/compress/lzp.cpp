@@ -14,6 +14,7 @@
 #include <cstring>
 #include <new>
 
+#include "base/message_numbers.h"
 #include "transfer/compress/encoder.h"
 #include "transfer/compress/error.h"
 
@@ -387,7 +388,8 @@ int openLzp(CompressFile& cf, ErrMsg* err) {
     }
     cf.predictions.reset(new (std::nothrow) Predictions);
     if (cf.predictions == nullptr) {
-        return compressError(err, compress_no_memory, "%d|%s|", static_cast<int>(sizeof(Predictions)), "lzp");
+        return compressError(err, number_compress_no_memory, "%d|%s|", static_cast<int>(sizeof(Predictions)),
+                             "lzp");
     }
     cf.predictions->position = static_cast<uint32_t>(cf.in.history) + 1;
     cf.predictions->positionEnd = 1U << positionBits(cf.in.history);

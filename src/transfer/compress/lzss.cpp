@@ -6,6 +6,7 @@
 #include <new>
 #include <vector>
 
+#include "base/message_numbers.h"
 #include "transfer/compress/encoder.h"
 #include "transfer/compress/error.h"
 #include "transfer/compress/lzss_search.h"
@@ -208,7 +209,8 @@ void fillSpan(CompressFile& cf, size_t stop) {
 int openLzss(CompressFile& cf, ErrMsg* err) {
     cf.lzss.reset(new (std::nothrow) LzssSearch);
     if (cf.lzss == nullptr) {
-        return compressError(err, compress_no_memory, "%d|%s|", static_cast<int>(sizeof(LzssSearch)), "lzss");
+        return compressError(err, number_compress_no_memory, "%d|%s|", static_cast<int>(sizeof(LzssSearch)),
+                             "lzss");
     }
     LzssSearch& search = *cf.lzss;
     search.classes = positionClasses(cf.parameters.lzssWindow + 6);

@@ -3,6 +3,7 @@
 #include <climits>
 #include <new>
 
+#include "base/message_numbers.h"
 #include "transfer/compress/encoder.h"
 #include "transfer/compress/error.h"
 #include "transfer/compress/lzx_search.h"
@@ -119,7 +120,8 @@ void fillSpan(CompressFile& cf, size_t stop) {
 int openLzx(CompressFile& cf, ErrMsg* err) {
     cf.lzx.reset(new (std::nothrow) LzxSearch);
     if (cf.lzx == nullptr) {
-        return compressError(err, compress_no_memory, "%d|%s|", static_cast<int>(sizeof(LzxSearch)), "lzx");
+        return compressError(err, number_compress_no_memory, "%d|%s|", static_cast<int>(sizeof(LzxSearch)),
+                             "lzx");
     }
     LzxSearch& search = *cf.lzx;
     search.hash = contextHash(512U << cf.parameters.lzpHashTableSize, cf.parameters.lzpHash);

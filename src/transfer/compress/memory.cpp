@@ -6,6 +6,7 @@
 #include <climits>
 #include <cstdlib>
 
+#include "base/message_numbers.h"
 #include "base/sanitizer.h"
 #include "transfer/compress/compress.h"
 #include "transfer/compress/error.h"
@@ -38,8 +39,8 @@ bool Memory::take(size_t size, const char* what, ErrMsg* err) {
         fresh.data_ = static_cast<uint8_t*>(calloc(1, fresh.size_));
     }
     if (fresh.data_ == nullptr) {
-        compressError(err, compress_no_memory, "%d|%s|", static_cast<int>(std::min<size_t>(size, INT_MAX)),
-                      what);
+        compressError(err, number_compress_no_memory, "%d|%s|",
+                      static_cast<int>(std::min<size_t>(size, INT_MAX)), what);
         return false;
     }
     *this = std::move(fresh);

@@ -28,7 +28,8 @@ class Memory {
     Memory& operator=(const Memory&) = delete;
     ~Memory();
 
-    // Takes `size` zeroed bytes. false with compress_no_memory and `what` in `err` when there are none.
+    // Takes `size` zeroed bytes. false with number_compress_no_memory and `what` in `err` when there are
+    // none.
     bool take(size_t size, const char* what, ErrMsg* err);
     // Asks for large pages, for a table that is read all over.
     void preferLargePages();

@@ -3,6 +3,7 @@
 #include <climits>
 #include <cstring>
 
+#include "base/message_numbers.h"
 #include "transfer/compress/decoder.h"
 #include "transfer/compress/error.h"
 
@@ -19,7 +20,7 @@ int write3Out(DecompressFile& df, ErrMsg* err) {
         const uint8_t* const head = out.at(out.delivered);
         const size_t length = size_t{head[0]} | size_t{head[1]} << 8 | size_t{head[2]} << 16;
         if (length > compress_item_max) {
-            return compressError(err, compress_item_incomplete, "%s", "");
+            return compressError(err, number_compress_item_incomplete, "%s", "");
         }
         if (out.end - out.delivered - item_head < length) {
             break;

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <new>
 
+#include "base/message_numbers.h"
 #include "transfer/compress/error.h"
 
 namespace {
@@ -33,7 +34,7 @@ int readCallback(const Source& source, uint8_t* buf, int size, SourcePiece* piec
         return -1;
     }
     if (n > size) {
-        return compressError(err, compress_item_incomplete, "%d|", n);
+        return compressError(err, number_compress_item_incomplete, "%d|", n);
     }
     const bool emptyEnds = !source.record() && (!source.framed() || piece->ctrl == 0);
     return n < 0 || (n == 0 && emptyEnds) ? -1 : n;
@@ -52,8 +53,8 @@ bool appendChain(SourceChain& chain, const void* data, size_t size, ErrMsg* err)
             chain.buffers.emplace_back(new (std::nothrow) uint8_t[SourceChain::buffer_size]);
             if (chain.buffers.back() == nullptr) {
                 chain.buffers.pop_back();
-                compressError(err, compress_no_memory, "%d|%s|", static_cast<int>(SourceChain::buffer_size),
-                              "strong");
+                compressError(err, number_compress_no_memory, "%d|%s|",
+                              static_cast<int>(SourceChain::buffer_size), "strong");
                 return false;
             }
         }
@@ -82,7 +83,7 @@ bool growChain(SourceChain& chain, ErrMsg* err) {
     Source& source = *chain.source;
     std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[SourceChain::buffer_size]);
     if (buffer == nullptr) {
-        compressError(err, compress_no_memory, "%d|%s|", static_cast<int>(SourceChain::buffer_size),
+        compressError(err, number_compress_no_memory, "%d|%s|", static_cast<int>(SourceChain::buffer_size),
                       "strong");
         return false;
     }
@@ -121,7 +122,7 @@ int readChain(Source& source, uint8_t* buf, int size, SourcePiece* piece, ErrMsg
         copyChain(chain, position, reinterpret_cast<uint8_t*>(&head), sizeof head);
         position += sizeof head;
         if (head.length > size) {
-            return compressError(err, compress_item_incomplete, "%d|", head.length);
+            return compressError(err, number_compress_item_incomplete, "%d|", head.length);
         }
         copyChain(chain, position, buf, static_cast<size_t>(head.length));
         position += static_cast<size_t>(head.length);

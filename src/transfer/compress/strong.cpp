@@ -1,6 +1,7 @@
 // Strong mode: eight candidates compress the start of the source, and the smallest does the work.
 #include <new>
 
+#include "base/message_numbers.h"
 #include "transfer/compress/bucket.h"
 #include "transfer/compress/encoder.h"
 #include "transfer/compress/error.h"
@@ -24,7 +25,7 @@ int openCandidate(const CompressFile& cf, int index, Candidate* candidate, ErrMs
     candidate->id = strongParameters(index, &candidate->parameters);
     candidate->file.reset(new (std::nothrow) CompressFile);
     if (candidate->file == nullptr) {
-        return compressError(err, compress_no_memory, "%d|%s|", static_cast<int>(sizeof(CompressFile)),
+        return compressError(err, number_compress_no_memory, "%d|%s|", static_cast<int>(sizeof(CompressFile)),
                              "strong");
     }
     CompressFile& file = *candidate->file;
@@ -55,7 +56,7 @@ int findStrongest(CompressFile& cf, int* id, CompressParameter* parameters, ErrM
     const std::unique_ptr<Source> real(new (std::nothrow) Source(cf.source));
     std::unique_ptr<char[]> scratch(new (std::nothrow) char[trial_read]);
     if (real == nullptr || scratch == nullptr) {
-        return compressError(err, compress_no_memory, "%d|%s|", trial_read, "strong");
+        return compressError(err, number_compress_no_memory, "%d|%s|", trial_read, "strong");
     }
     if (getFileSize(cf.source, err) < 0) {
         return -1;

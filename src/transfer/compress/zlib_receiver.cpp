@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <new>
 
+#include "base/message_numbers.h"
 #include "transfer/compress/decoder.h"
 #include "transfer/compress/error.h"
 
@@ -14,10 +15,10 @@ int zlibError(DecompressFile& df, int result, ErrMsg* err) {
         return -1;
     }
     if (result == Z_MEM_ERROR) {
-        return compressError(err, compress_zlib_no_memory, "%s", "");
+        return compressError(err, number_compress_zlib_no_memory, "%s", "");
     }
     const char* const text = df.zlib->stream.msg != nullptr ? df.zlib->stream.msg : zError(result);
-    return compressError(err, compress_zlib_error, "%s|", text);
+    return compressError(err, number_compress_zlib_error, "%s|", text);
 }
 
 }  // namespace
@@ -31,7 +32,7 @@ ZlibReceiver::~ZlibReceiver() {
 int openZlibReceiver(DecompressFile& df, ErrMsg* err) {
     df.zlib.reset(new (std::nothrow) ZlibReceiver);
     if (df.zlib == nullptr) {
-        return compressError(err, compress_no_memory, "%d|%s|", static_cast<int>(sizeof(ZlibReceiver)),
+        return compressError(err, number_compress_no_memory, "%d|%s|", static_cast<int>(sizeof(ZlibReceiver)),
                              "zlib");
     }
     const int result = inflateInit(&df.zlib->stream);
@@ -47,7 +48,7 @@ int zlibWriteDecompress(DecompressFile& df, const uint8_t* from, size_t size, Er
     OutputBuffer& out = df.out;
     while (size > 0) {
         if (df.zlib->ended) {
-            return writeOut(df, err) < 0 ? -1 : compressError(err, compress_behind_zlib, "%s", "");
+            return writeOut(df, err) < 0 ? -1 : compressError(err, number_compress_behind_zlib, "%s", "");
         }
         const size_t part = std::min(size, input_most);
         stream.next_in = const_cast<uint8_t*>(from);  // zlib does not write there

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <new>
 
+#include "base/message_numbers.h"
 #include "transfer/compress/bucket.h"
 #include "transfer/compress/encoder.h"
 #include "transfer/compress/error.h"
@@ -16,11 +17,11 @@ constexpr size_t output_piece = 65536;
 
 int zlibError(int result, const z_stream& stream, ErrMsg* err) {
     if (result == Z_MEM_ERROR) {
-        err->code = compress_zlib_no_memory;
+        err->code = number_compress_zlib_no_memory;
         err->text[0] = 0;
         return -1;
     }
-    return compressError(err, compress_zlib_error, "%s|",
+    return compressError(err, number_compress_zlib_error, "%s|",
                          stream.msg != nullptr ? stream.msg : zError(result));
 }
 
@@ -84,7 +85,8 @@ ZlibSender::~ZlibSender() {
 int openZlib(CompressFile& cf, ErrMsg* err) {
     cf.zlib.reset(new (std::nothrow) ZlibSender);
     if (cf.zlib == nullptr) {
-        return compressError(err, compress_no_memory, "%d|%s|", static_cast<int>(sizeof(ZlibSender)), "zlib");
+        return compressError(err, number_compress_no_memory, "%d|%s|", static_cast<int>(sizeof(ZlibSender)),
+                             "zlib");
     }
     ZlibSender& zlib = *cf.zlib;
     if (!zlib.output.take(output_piece, "zlib", err)) {
@@ -121,7 +123,7 @@ int zlibReadCompress(CompressFile& cf, uint8_t* out, int len, ErrMsg* err) {
                 if (cf.in.available() == 0) {
                     break;
                 }
-                return compressError(err, compress_bad_call, "%d|%d|", cf.id,
+                return compressError(err, number_compress_bad_call, "%d|%d|", cf.id,
                                      cf.flags);  // resumed behind its end
             }
             if (fillOutput(cf, err) < 0) {

@@ -3,6 +3,7 @@
 #include <poll.h>
 
 #include "base/descriptor.h"
+#include "base/message_numbers.h"
 #include "channels/ipc_records.h"
 #include "job_fixture.h"
 
@@ -190,7 +191,7 @@ TEST_F(job_test, a_meld_is_answered_by_whether_it_was_taken) {
         }
         return "";
     };
-    const std::string refused = "NK " + std::to_string(meld_not_taken);
+    const std::string refused = "NK " + std::to_string(number_meld_not_taken);
     EXPECT_EQ(pass_on(meld(2, 'R', 0)), -1);
     EXPECT_EQ(answer(), refused) << "an unknown job";
     pcx->listener_port += 1;

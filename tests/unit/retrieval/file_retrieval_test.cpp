@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include "base/message_numbers.h"
 #include "file_request_text.h"
 #include "messages/records_report.h"
 #include "messages/records_server.h"
@@ -78,7 +79,7 @@ TEST_F(file_retrieval_test, asks_for_the_login_object_before_it_looks_at_the_fil
     EXPECT_EQ(get.client, 100);
     EXPECT_EQ(get.key, 7);
     EXPECT_EQ(get.header.i4UsrIdNr, 7U);
-    EXPECT_TRUE(logged(FILE_REQUEST_LOGGED));
+    EXPECT_TRUE(logged(number_file_read_logged));
 
     // A second XML before the login is no wish for a block.
     EXPECT_EQ(ask(file_request_xml({.file = file})), 0);
@@ -204,7 +205,7 @@ TEST_F(file_retrieval_test, lines_and_requests_beyond_the_bounds_fail) {
     const int64_t before = bytes_read_so_far();
     EXPECT_EQ(fetch({.key = "C", .file = folder / "huge", .direction = 'E', .records = 1}), "last\n");
     EXPECT_LT(bytes_read_so_far() - before, 100000);
-    EXPECT_EQ(open({.key = "D", .file = folder / "huge", .direction = 'E'}).number, FILE_REQUEST_FAILED);
+    EXPECT_EQ(open({.key = "D", .file = folder / "huge", .direction = 'E'}).number, number_file_read_failed);
     EXPECT_LT(bytes_read_so_far() - before, 70LL << 20);
 }
 
@@ -214,7 +215,7 @@ TEST_F(file_retrieval_test, a_file_that_changes_is_never_read_past_what_it_holds
     EXPECT_EQ(open(wish).remaining, 60);
     ASSERT_EQ(truncate(file.c_str(), 50), 0);
     ask(file_request_xml(wish));
-    EXPECT_EQ(first_answer().number, FILE_REQUEST_FAILED);
+    EXPECT_EQ(first_answer().number, number_file_read_failed);
 
     // A text is what it was when it was opened.
     write_text(file, "1\n2\n3\n");
@@ -238,7 +239,7 @@ TEST_F(file_retrieval_test, only_regular_files_are_read) {
     for (const auto& [name, reason] : rows) {
         for (const char type : {'T', 'B'}) {
             const file_answer answer = open({.key = std::to_string(++key), .file = name, .type = type});
-            EXPECT_EQ(answer.number, FILE_REQUEST_FAILED) << name;
+            EXPECT_EQ(answer.number, number_file_read_failed) << name;
             EXPECT_NE(answer.insert.find(reason), std::string::npos) << name << " " << answer.insert;
         }
     }
@@ -324,7 +325,7 @@ TEST_F(file_retrieval_test, all_requests_together_have_a_bound) {
     sent();
     EXPECT_EQ(ask(file_request_xml({.key = "more", .file = file})), -1);
     const file_answer answer = first_answer();
-    EXPECT_EQ(answer.number, FILE_REQUEST_FAILED);
+    EXPECT_EQ(answer.number, number_file_read_failed);
     EXPECT_EQ(answer.insert, refused);
     EXPECT_EQ(get_fileReqCount(pcx), file_requests_max);
     // One whose time is over makes room at once.
@@ -407,10 +408,10 @@ TEST_F(file_retrieval_test, a_request_that_lacks_something_tells_what) {
             }
         }
         EXPECT_EQ(read_file_answer(as_text(message)).insert, wanted);
-        EXPECT_TRUE(logged(FILE_REQUEST_FORM));
+        EXPECT_TRUE(logged(number_file_read_form));
     }
     EXPECT_EQ(ask(file_request_xml({.file = "/x", .login = ""})), -1);
-    EXPECT_EQ(first_answer().number, FILE_REQUEST_NO_LOGIN);
+    EXPECT_EQ(first_answer().number, number_file_read_no_login);
     EXPECT_EQ(get_fileReqCount(pcx), 0);
     ask("<?xml none?>");
     EXPECT_EQ(first_answer().key, "error, file request key not exist");

@@ -1,4 +1,6 @@
 // Mails without a network: orders, header lines, parts, and the dialogue with a relay that follows a script.
+#include "services/mail.h"
+
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -9,11 +11,11 @@
 
 #include "base/base64.h"
 #include "base/locks.h"
+#include "base/message_numbers.h"
 #include "messages/build.h"
 #include "messages/records_common.h"
 #include "messages/records_server.h"
 #include "own_context.h"
-#include "services/mail.h"
 #include "services/mail_body.h"
 #include "services/mail_elements.h"
 #include "services/mail_header.h"
@@ -73,7 +75,7 @@ TEST(mail_elements, bound_time_and_attachments) {
     body = order_of(files);
     mail_order more;
     EXPECT_EQ(mail_read_order(view_message(body.data(), body.size()), &more, &error), -1);
-    EXPECT_EQ(error.qx_msgnr, MAIL_FILE);
+    EXPECT_EQ(error.qx_msgnr, number_mail_file);
 }
 
 TEST(mail_header, gives_addresses_only_to_what_is_one) {
@@ -259,7 +261,7 @@ TEST(mail_body, sends_no_file_that_changes_under_it) {
                                       },
                                       &error);
         EXPECT_EQ(result, -1) << later;
-        EXPECT_EQ(error.qx_msgnr, MAIL_FILE) << later;
+        EXPECT_EQ(error.qx_msgnr, number_mail_file) << later;
     }
 }
 
@@ -334,18 +336,18 @@ TEST(relay, resets_after_a_failure_and_takes_its_leave) {
     mail.pieces[0].plain = true;
     int number = 0;
     std::string heard = talk({"220 hi\r\n", "250 ok\r\n", "250 ok\r\n", "550 no|thanks\r\n", "551 no\r\n", "250 reset\r\n", "221 bye\r\n"}, mail, &number);
-    EXPECT_EQ(number, MAIL_NO_RECIPIENT);
+    EXPECT_EQ(number, number_mail_no_recipient);
     EXPECT_EQ(heard.substr(heard.find("MAIL")), "MAIL FROM:<me@x>\r\nRCPT TO:<a@x>\r\nRCPT TO:<b@x>\r\nRSET\r\nQUIT\r\n");
     heard = talk({"554 go away\r\n"}, mail, &number);
-    EXPECT_EQ(number, MAIL_GREETING);
+    EXPECT_EQ(number, number_mail_greeting);
     EXPECT_EQ(heard, "") << "no session, no farewell";
     heard = talk({"220 hi\r\n", "500 what\r\n", "250 ok\r\n", "250 ok\r\n", "251 forwarded\r\n", "550 no\r\n", "554 no data\r\n", "250 reset\r\n", "221 bye\r\n"}, mail, &number);
-    EXPECT_EQ(number, MAIL_DATA_REFUSED);
+    EXPECT_EQ(number, number_mail_data_refused);
     EXPECT_NE(heard.find("\r\nHELO "), std::string::npos);
     EXPECT_NE(heard.find("DATA\r\nRSET\r\nQUIT\r\n"), std::string::npos) << heard;
     // A reply ahead of its question is not taken for the answer to it.
     heard = talk({"220 hi\r\n250 ok\r\n250 ok\r\n", "554 no EHLO\r\n", "554 no HELO\r\n"}, mail, &number);
-    EXPECT_EQ(number, MAIL_GREETING);
+    EXPECT_EQ(number, number_mail_greeting);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "base/message_numbers.h"
 #include "compress_support.h"
 #include "transfer/compress/bucket.h"
 #include "transfer/compress/encoder.h"
@@ -22,27 +23,27 @@ struct BadStream {
 };
 
 const BadStream bad_streams[] = {
-    {"text flag differs", "01", 0, compress_text_differs},
-    {"text flag differs, framed too", "09", 0, compress_text_differs},
-    {"framed stream, plain caller", "08", 0, compress_bad_call},
-    {"no such method", "0002", 0, compress_invalid_header},
-    {"window above 15", "000510", 0, compress_invalid_header},
-    {"contexts of order 1", "000901", 0, compress_invalid_header},
-    {"contexts of variant 11", "00090b", 0, compress_invalid_header},
-    {"7 bits", "000b73", 0, compress_invalid_header},
-    {"order 5", "000b25", 0, compress_invalid_header},
-    {"level 0", "000b230000", 0, compress_invalid_header},
-    {"level 47 of 2 bits", "000b23002f", 0, compress_invalid_header},
-    {"level 11 of 6 bits", "000b63000b", 0, compress_invalid_header},
-    {"tree without lengths", "00010000000000", 0, compress_invalid_data},
-    {"item of 65,537 bytes", "08000100010000000000", compress_framed, compress_item_incomplete},
-    {"part of an item", "08000200000000000061", compress_framed, compress_item_incomplete},
-    {"part of a record", "01000500616263", compress_record, compress_item_incomplete},
-    {"byte behind zlib", "007f78da03000000000100", 0, compress_behind_zlib},
-    {"zlib cut", "007f78da03", 0, compress_zlib_incomplete},
-    {"zlib cut before its body", "027f0400", 0, compress_zlib_incomplete},
-    {"zlib cut, in a record", "017f", compress_record, compress_zlib_incomplete},
-    {"no zlib", "007fffff", 0, compress_zlib_error},
+    {"text flag differs", "01", 0, number_compress_text_differs},
+    {"text flag differs, framed too", "09", 0, number_compress_text_differs},
+    {"framed stream, plain caller", "08", 0, number_compress_bad_call},
+    {"no such method", "0002", 0, number_compress_invalid_header},
+    {"window above 15", "000510", 0, number_compress_invalid_header},
+    {"contexts of order 1", "000901", 0, number_compress_invalid_header},
+    {"contexts of variant 11", "00090b", 0, number_compress_invalid_header},
+    {"7 bits", "000b73", 0, number_compress_invalid_header},
+    {"order 5", "000b25", 0, number_compress_invalid_header},
+    {"level 0", "000b230000", 0, number_compress_invalid_header},
+    {"level 47 of 2 bits", "000b23002f", 0, number_compress_invalid_header},
+    {"level 11 of 6 bits", "000b63000b", 0, number_compress_invalid_header},
+    {"tree without lengths", "00010000000000", 0, number_compress_invalid_data},
+    {"item of 65,537 bytes", "08000100010000000000", compress_framed, number_compress_item_incomplete},
+    {"part of an item", "08000200000000000061", compress_framed, number_compress_item_incomplete},
+    {"part of a record", "01000500616263", compress_record, number_compress_item_incomplete},
+    {"byte behind zlib", "007f78da03000000000100", 0, number_compress_behind_zlib},
+    {"zlib cut", "007f78da03", 0, number_compress_zlib_incomplete},
+    {"zlib cut before its body", "027f0400", 0, number_compress_zlib_incomplete},
+    {"zlib cut, in a record", "017f", compress_record, number_compress_zlib_incomplete},
+    {"no zlib", "007fffff", 0, number_compress_zlib_error},
     {"nothing", "", 0, 0},
     {"half a header", "00", 0, 0},
     {"a plain stream for a framed caller", "0000020000000000006162", compress_framed, 0},
@@ -62,7 +63,7 @@ TEST(Edges, DataBeforeAnErrorIsDelivered) {
     options.id = compress_zlib;
     const Decoded decoded = decode(encode("hello", options, &err) + "x", 0);
     EXPECT_EQ(decoded.sink.all, "hello");
-    EXPECT_EQ(decoded.error.code, compress_behind_zlib);
+    EXPECT_EQ(decoded.error.code, number_compress_behind_zlib);
 }
 
 TEST(Edges, OpenCallsRefuseWhatDoesNotFit) {
@@ -71,12 +72,12 @@ TEST(Edges, OpenCallsRefuseWhatDoesNotFit) {
     for (const int id : {2, 4, 10, 258, 299, 308, -1}) {
         options.id = id;
         encode("x", options, &err);
-        EXPECT_EQ(err.code, compress_bad_call) << id;
+        EXPECT_EQ(err.code, number_compress_bad_call) << id;
         EXPECT_EQ(err.text, std::to_string(id) + "|0|");
     }
     EXPECT_EQ(csOpen(nullptr, 1, compress_framed, nullptr, nullptr, nullptr, nullptr, nullptr, &err),
               nullptr);
-    EXPECT_EQ(err.code, compress_bad_call);
+    EXPECT_EQ(err.code, number_compress_bad_call);
 }
 
 TEST(Edges, ParametersHaveTheirLimits) {
