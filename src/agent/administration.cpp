@@ -134,7 +134,7 @@ int forward_to_family(EX_PCX* pcx, const ccm_msg_t* msg) {
         }
         ccm_error_t error;
         if (ccm_forward_NAT_message(pcx->ccm, msg, channel.ID, channel.name, &error, 1) != 0) {
-            __log(error.msgnr, "%s", error.msginsert);
+            __log_error(error);
             result = -1;
         }
     }

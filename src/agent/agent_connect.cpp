@@ -5,6 +5,7 @@
 #include <string>
 
 #include "base/context.h"
+#include "base/error_text.h"
 #include "base/message_numbers.h"
 #include "base/text.h"
 #include "channels/connect.h"
@@ -109,17 +110,13 @@ int connect_partner(EX_PCX* pcx, const ccm_msg_t* msg, const MSG_TYPE_CONNECT& o
                     std::span<const unsigned char> token, qx7_error* error) {
     ccm_connect_user_context_t* context = new_context(order, msg, token);
     if (context == nullptr) {
-        return qx_error_set(error, -1, ENOMEM, number_system_call, "calloc|%u|%s|",
-                            static_cast<unsigned>(ENOMEM), strerror(ENOMEM));
+        return call_error(error, "calloc", ENOMEM);
     }
-    ccm_error_t fault;
     int result = take_token(pcx, token, &context->pDelegCred, error);
     if (result == 0) {
         const std::string address(get_field(order.ipaddr));
-        result = ccm_connect(pcx->ccm, address.c_str(), order.port, CH_TYPE_AGENT, context, pcx->connwait, &fault);
-        if (result < 0) {
-            qx_error_set(error, -1, fault.xerrno, fault.msgnr, "%s", fault.msginsert);
-        }
+        result =
+            ccm_connect(pcx->ccm, address.c_str(), order.port, CH_TYPE_AGENT, context, pcx->connwait, error);
     }
     if (result < 0) {
         ccm_user_context_free(context);

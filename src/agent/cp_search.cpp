@@ -138,7 +138,7 @@ int real_connect(EX_PCX* pcx, const char* host, int port) {
     ccm_error_t error;
     const int id = ccm_connect(pcx->ccm, host, port, CH_TYPE_CP_CANDIDATE, nullptr, pcx->connwait, &error);
     if (id < 0) {
-        __log(error.msgnr, "%s", error.msginsert);
+        __log_error(error);
     }
     return id;
 }

@@ -26,6 +26,7 @@
 #include "base/children.h"
 #include "base/context.h"
 #include "base/descriptor.h"
+#include "base/error_text.h"
 #include "base/locks.h"
 #include "base/message_numbers.h"
 #include "base/sanitizer.h"
@@ -322,16 +323,16 @@ void drop_silent_listener(EX_PCX* pcx, time_t now) {
 
 // The listener of an agent that has just ended may need a moment to give up the port: a few tries a second
 // apart count for nothing.
-int port_refused(EX_PCX* pcx, time_t now, const ccm_error_t& fault) {
-    if (fault.xerrno == EADDRINUSE && quick_tries < port_quick_tries) {
+int port_refused(EX_PCX* pcx, time_t now, const qx7_error& fault) {
+    if (fault.qx_errno == EADDRINUSE && quick_tries < port_quick_tries) {
         ++quick_tries;
         pcx->listener_alarm_time = now + 1;
         return -1;
     }
-    __log(fault.msgnr, "%s", fault.msginsert);
+    __log_error(fault);
     ++pcx->listener_start_counter;
     const std::string holder =
-        fault.xerrno == EADDRINUSE ? ", which is held by " + port_holder_text(held.wanted) : "";
+        fault.qx_errno == EADDRINUSE ? ", which is held by " + port_holder_text(held.wanted) : "";
     __log(
         -1,
         "port %d%s, cannot be taken: no server is searched until the listener stands (try %d of %d, the next "
@@ -346,7 +347,7 @@ time_t listener_last_start() {
     return last_start;
 }
 
-int listener_hold_port(EX_PCX* pcx, ccm_error_t* error) {
+int listener_hold_port(EX_PCX* pcx, qx7_error* error) {
     const bool same = same_configuration(pcx);
     if (!same || !std::all_of(held.sockets.begin(), held.sockets.end(), still_good)) {
         held.sockets.clear();
@@ -396,7 +397,7 @@ int maintenance_listener_process(EX_PCX* pcx) {
     pcx->listener_last_pingq = now;
     last_start = now;
     qx7_error error;
-    ccm_error_t fault;
+    qx7_error fault;
     listener_read_config(pcx, &error);
     if (listener_hold_port(pcx, &fault) != 0) {
         return port_refused(pcx, now, fault);
@@ -429,10 +430,9 @@ int listener_start_process(EX_PCX* pcx, qx7_error* error) {
     }
     failure_pipe.reset(failure[0]);
     const qx_descriptor told(failure[1]);
-    ccm_error_t fault;
-    const int channel_id = ccm_adopt_pair_end(pcx->ccm, ends[0], ccm_name_ipc_listener, &fault);
+    const int channel_id = ccm_adopt_pair_end(pcx->ccm, ends[0], ccm_name_ipc_listener, error);
     if (channel_id < 0) {
-        return qx_error_set(error, -1, fault.xerrno, fault.msgnr, "%s", fault.msginsert);
+        return -1;
     }
     const pid_t pid = launch(pcx, record.get(), agent_end.get(), told.get());
     if (pid < 0) {
@@ -451,8 +451,7 @@ void listener_log_start_failure() {
                                                   static_cast<ssize_t>(sizeof failure);
     failure_pipe.reset();
     if (told && failure.call > call_none && failure.call <= call_exec) {
-        __log(number_system_call, "%s|%d|%s|", call_names[failure.call], failure.number,
-              strerror(failure.number));
+        __log(number_system_call, "%s", call_insert(call_names[failure.call], failure.number).c_str());
     }
 }
 
@@ -469,10 +468,10 @@ int listener_read_config(EX_PCX* pcx, qx7_error* error) {
     }
     if (address[0] != '\0') {
         sockaddr_in6 resolved;
-        ccm_error_t ccm_error;
-        if (ccm_hostname2address(address, CCM_PREFER_IPV4, &resolved, &ccm_error) != 0 ||
+        qx7_error fault;
+        if (ccm_hostname2address(address, CCM_PREFER_IPV4, &resolved, &fault) != 0 ||
             ccm_address2string(&resolved, pcx->listener_bindaddr, sizeof pcx->listener_bindaddr) != 0) {
-            __log(ccm_error.msgnr, "%s", ccm_error.msginsert);
+            __log_error(fault);
             pcx->listener_bindaddr[0] = '\0';
         }
     }

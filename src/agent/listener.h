@@ -4,7 +4,6 @@
 #include <ctime>
 
 struct EX_PCX;
-struct ccm_error_t;
 struct qx7_error;
 
 inline constexpr int listener_ping_period = 60;     // seconds
@@ -26,7 +25,7 @@ void listener_log_start_failure();
 int listener_read_config(EX_PCX* pcx, qx7_error* error);
 // Binds what the configuration names, or keeps what is bound already and still listens; `listener_port` and
 // `ipPort` are the bound port then, which for 0 the system has chosen. 0, or -1.
-int listener_hold_port(EX_PCX* pcx, ccm_error_t* error);
+int listener_hold_port(EX_PCX* pcx, qx7_error* error);
 void listener_release_port();
 // Agent: asks the listener to end and does not start another.
 int listener_shutdown(EX_PCX* pcx);

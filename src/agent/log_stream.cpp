@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "base/context.h"
+#include "base/error_text.h"
 #include "base/message_numbers.h"
 #include "base/text.h"
 #include "base/time.h"
@@ -61,8 +62,7 @@ int take_lines(EX_PCX* pcx, unsigned char* out, int capacity, int* used) {
 
 void start_new_log(EX_PCX* pcx) {
     if (OpenLogFile(pcx) != 0) {
-        __log(number_file_call, "OpenLogFile()|%s|%u|%s|", pcx->logFile, static_cast<unsigned>(errno),
-              strerror(errno));
+        __log(number_file_call, "%s", call_insert("OpenLogFile()", pcx->logFile, errno).c_str());
     }
     __log(number_log_started, "%s|", pcx->logFile);
     __log(number_log_continued, "%s|%s|", pcx->exName, pcx->exVers);

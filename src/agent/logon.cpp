@@ -128,7 +128,7 @@ void fill_address(const EX_PCX* pcx, MSG_TYPE_EXSTART2* start) {
     } else {
         ccm_error_t error;
         if (ccm_getmyIP(CCM_PREFER_IPV4, address, &error) != 0) {
-            __log(error.msgnr, "%s", error.msginsert);
+            __log_error(error);
         }
     }
     put_field(start->ipadr, address);

@@ -79,7 +79,7 @@ void agent_loop(EX_PCX* pcx) {
         ccm_error_t error;
         const int received = ccm_receive_message_until(pcx->ccm, due_of(pcx, past), &msg, &error);
         if (received < 0) {
-            ExitCall("ccm_wait_processor", error.msginsert, error.xerrno);
+            ExitCall("ccm_wait_processor", error.qx_msgInsert, error.qx_errno);
         }
         take_loop_time(pcx);
         if (received > 0) {

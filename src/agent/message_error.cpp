@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "base/context.h"
+#include "base/error_text.h"
 #include "base/files.h"
 #include "base/locks.h"
 #include "base/message_numbers.h"
@@ -78,8 +79,7 @@ void message_error_action(char* buffer, size_t size) {
     const int fd = create_file(pcx, path, sizeof path);
     PZUTRACE file = fd < 0 ? nullptr : ZUTRACE_OpenDescriptor(fd);
     if (file == nullptr) {
-        const int number = errno;
-        __log(number_file_call, "%s|%s|%d|%s|", "mkstemp()", path, number, strerror(number));
+        __log(number_file_call, "%s", call_insert("mkstemp()", path, errno).c_str());
         return;
     }
     // The lock is held from the first to the last line, so that no other thread's lines get into this file.

@@ -12,6 +12,7 @@
 
 #include "base/context.h"
 #include "base/descriptor.h"
+#include "base/error_text.h"
 #include "base/files.h"
 #include "base/message_numbers.h"
 #include "base/time.h"
@@ -87,8 +88,7 @@ int rb_FolderCleanup(EX_PCX* pcx, int life, qx7_error* error) {
     pcx->rb_cleanup_time = next_run(pcx, now);
     tm due{};
     if (!qx_localtime(now - life, &due)) {
-        return qx_error_set(error, -1, EOVERFLOW, number_system_call, "localtime_r|%u|%s|",
-                            static_cast<unsigned>(EOVERFLOW), strerror(EOVERFLOW));
+        return call_error(error, "localtime_r", EOVERFLOW);
     }
     char dueDate[48];
     snprintf(dueDate, sizeof dueDate, "%.4d%.2d%.2d", due.tm_year + 1900, due.tm_mon + 1, due.tm_mday);

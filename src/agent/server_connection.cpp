@@ -9,6 +9,7 @@
 
 #include "agent/logon.h"
 #include "base/context.h"
+#include "base/error_text.h"
 #include "base/message_numbers.h"
 #include "base/text.h"
 #include "base/time.h"

@@ -14,6 +14,7 @@
 
 #include "agent/settings_check.h"
 #include "base/context.h"
+#include "base/error_text.h"
 #include "base/locks.h"
 #include "base/message_numbers.h"
 #include "base/paths.h"
@@ -181,7 +182,7 @@ EX_PCX* PcxMalloc(const char* ini, qx7_error* error) {
     set_fixed_switches(pcx);
     read_identity(pcx);
     if (GetGroupsForAgent(pcx) != 0) {
-        qx_error_set(error, -1, errno, number_system_call, "getgroups()|%d|%s|", errno, strerror(errno));
+        call_error(error, "getgroups()", errno);
     }
     if (GetCurrDir(pcx->pcx_work_dir, sizeof pcx->pcx_work_dir) != 0) {
         pcx->pcx_work_dir[0] = '\0';  // the work folder is told from the program path instead

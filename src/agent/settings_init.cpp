@@ -14,6 +14,7 @@
 #include "agent/settings_check.h"
 #include "agent/start_warnings.h"
 #include "base/context.h"
+#include "base/error_text.h"
 #include "base/files.h"
 #include "base/message_numbers.h"
 #include "base/paths.h"
@@ -46,12 +47,6 @@ void reading(const char* section, const char* key) {
 
 int setting_error(qx7_error* error, const char* insert) {
     return qx_error_set(error, -1, 0, number_bad_setting, "%s", insert);
-}
-
-int call_error(qx7_error* error, const char* call, const char* path) {
-    const int number = errno;
-    return qx_error_set(error, -1, number, number_file_call, "%s|%s|%u|%s|", call, path,
-                        static_cast<unsigned>(number), strerror(number));
 }
 
 // ---- names, library, languages
@@ -96,14 +91,14 @@ int open_message_library(EX_PCX* pcx, qx7_error* error) {
     char name[qx_path_size];
     pcx->getProfileString(pcx, "GLOBAL", "helplib", "./QXX.msl", name, sizeof name);
     if (GetFilePfad(name, pcx->pcx_WorkFolder, pcx->hlpFile, sizeof pcx->hlpFile) != 0) {
-        return call_error(error, "GetFilePfad()", name);
+        return file_error(error, "GetFilePfad()", name, errno);
     }
     if (access(pcx->hlpFile, R_OK) != 0) {
-        return call_error(error, "access()", pcx->hlpFile);
+        return file_error(error, "access()", pcx->hlpFile, errno);
     }
     pcx->hlpHnd = ZUHELP_Open(pcx->hlpFile, 2);
     if (pcx->hlpHnd == nullptr) {
-        return call_error(error, "ZUHELP_Open()", pcx->hlpFile);
+        return file_error(error, "ZUHELP_Open()", pcx->hlpFile, errno);
     }
     return 0;
 }
@@ -142,15 +137,15 @@ int complete_file_name(const EX_PCX* pcx, const char* name, char* out, size_t si
     }
     char completed[qx_path_size];
     if (GetFilePfad(folder.c_str(), pcx->pcx_WorkFolder, completed, sizeof completed) != 0) {
-        return call_error(error, "GetFilePfad()", folder.c_str());
+        return file_error(error, "GetFilePfad()", folder.c_str(), errno);
     }
     if (CheckDir(completed) != 0 && create_Dir_Mode(completed, 0755, error) != 0) {
-        return call_error(error, "mkdir()", completed);
+        return file_error(error, "mkdir()", completed, errno);
     }
     const std::string whole = std::string(completed) + "/" + file;
     if (copy_text(out, size, whole) < whole.size()) {
         errno = ERANGE;
-        return call_error(error, "GetFilePfad()", name);
+        return file_error(error, "GetFilePfad()", name, errno);
     }
     return 0;
 }
@@ -185,13 +180,11 @@ int open_log(EX_PCX* pcx, qx7_error* error) {
                         pcx->getProfileBool(pcx, "GLOBAL", "DevPriv", "NO");
     pcx->cLogToDb = 0;
     if (CreateLogHandle(pcx) != 0) {
-        const int number = errno;
-        return qx_error_set(error, -1, number, number_file_call, "CreateLogHandle()|%s|%i|%s|", pcx->logFile,
-                            number, strerror(number));
+        return file_error(error, "CreateLogHandle()", pcx->logFile, errno);
     }
     ZULOGG_UsePrintMsg(pcx->logHnd, pcx->iMsgToStdout != 0);
     if (OpenLogFile(pcx) != 0) {
-        return call_error(error, "OpenLogFile()", pcx->logFile);
+        return file_error(error, "OpenLogFile()", pcx->logFile, errno);
     }
     return 0;
 }
@@ -244,7 +237,7 @@ int share_folder(const char* path, qx7_error* error) {
     if (stat(path, &status) == 0 && (status.st_mode & permission_bits) == shared_folder_mode) {
         return 0;
     }
-    return chmod(path, shared_folder_mode) == 0 ? 0 : call_error(error, "chmod()", path);
+    return chmod(path, shared_folder_mode) == 0 ? 0 : file_error(error, "chmod()", path, errno);
 }
 
 int open_shared_folder(EX_PCX* pcx, const char* key, const char* preset, mode_t first_mode,
@@ -253,7 +246,7 @@ int open_shared_folder(EX_PCX* pcx, const char* key, const char* preset, mode_t 
         return -1;
     }
     if (CheckDir(out) != 0 && mkdir(out, first_mode) != 0) {
-        return call_error(error, "mkdir()", out);
+        return file_error(error, "mkdir()", out, errno);
     }
     resolve_made_folder(out);
     return share_folder(out, error);
@@ -310,8 +303,7 @@ int open_folders(EX_PCX* pcx, qx7_error* error) {
 // ---- identity, modules, the rest
 
 int catalogue_error(qx7_error* error, const char* path, const FILE_CAT& catalogue) {
-    return qx_error_set(error, -1, catalogue.fc_errno, number_file_call, "GetFileCatalog()|%s|%u|%s|", path,
-                        static_cast<unsigned>(catalogue.fc_errno), strerror(catalogue.fc_errno));
+    return file_error(error, "GetFileCatalog()", path, catalogue.fc_errno);
 }
 
 int find_status(EX_PCX* pcx, qx7_error* error) {

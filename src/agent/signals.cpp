@@ -10,6 +10,7 @@
 #include "agent/shutdown.h"
 #include "base/children.h"
 #include "base/context.h"
+#include "base/error_text.h"
 #include "base/locks.h"
 #include "base/message_numbers.h"
 #include "base/time.h"
@@ -218,8 +219,7 @@ int signal_handle_hangup(EX_PCX* pcx) {
         return 0;  // the lines of a child go over the agent
     }
     if (log_open_anew(pcx) != 0) {
-        __log(number_file_call, "OpenLogFile()|%s|%u|%s|", pcx->logFile, static_cast<unsigned>(errno),
-              strerror(errno));
+        __log(number_file_call, "%s", call_insert("OpenLogFile()", pcx->logFile, errno).c_str());
         return -1;
     }
     __log(-1, "the log was opened anew by order of SIGHUP");

@@ -12,6 +12,7 @@
 #include <new>
 
 #include "base/context.h"
+#include "base/error_text.h"
 #include "base/memory.h"
 #include "base/message_numbers.h"
 #include "base/text.h"
@@ -27,9 +28,8 @@ int read_host(_ExecutorVar* var, qx7_error* error) {
     utsname host;
     if (uname(&host) != 0) {
         const int number = errno;
-        __log(number_system_call, "uname|%u|%s|", static_cast<unsigned>(number), strerror(number));
-        return qx_error_set(error, -1, number, number_system_call, "uname|%u|%s|",
-                            static_cast<unsigned>(number), strerror(number));
+        __log(number_system_call, "%s", call_insert("uname", number).c_str());
+        return call_error(error, "uname", number);
     }
     const bool mainframe = strstr(host.machine, mainframe_machine) != nullptr;
     copy_text(var->OS_sysname, mainframe ? "zLinux" : host.sysname);
@@ -87,8 +87,7 @@ int Var_Open(EX_PCX* pcx, qx7_error* error) {
     qx_error_clear(error);
     _ExecutorVar* var = new (std::nothrow) _ExecutorVar();
     if (var == nullptr) {
-        return qx_error_set(error, -1, ENOMEM, number_system_call, "calloc|%u|%s|",
-                            static_cast<unsigned>(ENOMEM), strerror(ENOMEM));
+        return call_error(error, "calloc", ENOMEM);
     }
     memcpy(var->Key, eyecatcher, sizeof var->Key);
     var->pPcx = pcx;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "base/descriptor.h"
+#include "base/error_text.h"
 #include "base/files.h"
 #include "base/locks.h"
 #include "base/message_numbers.h"
@@ -37,23 +38,17 @@ int for_each_prefix(const char* path, Make make) {
     return 0;
 }
 
+int directory_found(qx7_error* error, const std::string& name) {
+    qx_error_set(error, -1, EISDIR, number_file_call, "GetStatBuf(S_ISDIR)|%s|%d|directory was found|",
+                 name.c_str(), EISDIR);
+    errno = EISDIR;
+    return -1;
+}
+
 int prefix_error(qx7_error* error, const std::string& prefix, int number) {
     qx_error_set(error, 1, number, 0, "%s", prefix.c_str());
     errno = number;
     return 1;
-}
-
-int removal_error(qx7_error* error, const char* function, const std::string& name, unsigned number,
-                  const char* text) {
-    qx_error_set(error, -1, static_cast<int>(number), number_file_call, "%s|%s|%u|%s|", function,
-                 name.c_str(), number, text);
-    errno = static_cast<int>(number);
-    return -1;
-}
-
-int removal_error(qx7_error* error, const char* function, const std::string& name) {
-    const int number = errno;
-    return removal_error(error, function, name, static_cast<unsigned>(number), strerror(number));
 }
 
 // All names of a directory: they are read before anything is removed. -1 with errno.
@@ -88,30 +83,30 @@ int remove_entry(int directory, const std::string& name, const std::string& path
                  qx7_error* error) {
     struct stat status;
     if (fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-        return removal_error(error, "GetStatBuf()", path);
+        return file_error(error, "GetStatBuf()", path, errno);
     }
     if (S_ISDIR(status.st_mode)) {
         return remove_tree(directory, name.c_str(), path, level + 1, error);
     }
-    return FileRemoveAt(directory, name.c_str()) == 0 ? 0 : removal_error(error, "FileRemove()", path);
+    return FileRemoveAt(directory, name.c_str()) == 0 ? 0 : file_error(error, "FileRemove()", path, errno);
 }
 
 int remove_tree(int parent, const char* name, const std::string& path, int level, qx7_error* error) {
     if (level > deepest_level) {
         errno = ELOOP;
-        return removal_error(error, "DirOpen()", path);
+        return file_error(error, "DirOpen()", path, errno);
     }
     qx_descriptor directory(open_directory(parent, name));
     std::vector<std::string> names;
     if (!directory.valid() || read_names(directory.get(), &names) != 0) {
-        return removal_error(error, "DirOpen()", path);
+        return file_error(error, "DirOpen()", path, errno);
     }
     for (const std::string& entry : names) {
         if (remove_entry(directory.get(), entry, path + "/" + entry, level, error) != 0) {
             return -1;
         }
     }
-    return unlinkat(parent, name, AT_REMOVEDIR) == 0 ? 0 : removal_error(error, "rmdir()", path);
+    return unlinkat(parent, name, AT_REMOVEDIR) == 0 ? 0 : file_error(error, "rmdir()", path, errno);
 }
 
 std::string without_trailing_slash(const char* path) {
@@ -186,20 +181,20 @@ int remove_allDirfiles(const char* dir, qx7_error* error) {
     qx_descriptor directory(open_directory(AT_FDCWD, path.c_str()));
     std::vector<std::string> names;
     if (!directory.valid() || read_names(directory.get(), &names) != 0) {
-        return removal_error(error, "DirOpen()", path);
+        return file_error(error, "DirOpen()", path, errno);
     }
     int count = 0;
     for (const std::string& name : names) {
         const std::string file = path + "/" + name;
         struct stat status;
         if (fstatat(directory.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-            return removal_error(error, "GetStatBuf()", file);
+            return file_error(error, "GetStatBuf()", file, errno);
         }
         if (S_ISDIR(status.st_mode)) {
-            return removal_error(error, "GetStatBuf(S_ISDIR)", file, EISDIR, "directory was found");
+            return directory_found(error, file);
         }
         if (FileRemoveAt(directory.get(), name.c_str()) != 0) {
-            return removal_error(error, "FileRemove()", file);
+            return file_error(error, "FileRemove()", file, errno);
         }
         ++count;
     }

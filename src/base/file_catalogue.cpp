@@ -8,6 +8,7 @@
 #include <cstring>
 #include <vector>
 
+#include "base/error_text.h"
 #include "base/files.h"
 #include "base/locks.h"
 #include "base/message_numbers.h"
@@ -244,8 +245,7 @@ int fileExists(const char* path, qx7_error* error) {
 file_kind getFileType(const char* path, qx7_error* error) {
     qx_error_clear(error);
     if (path == nullptr || path[0] == '\0') {
-        qx_error_set(error, -1, EINVAL, number_file_call, "getFileType parametererror|%s|%u|%s|", "NULL/0",
-                     static_cast<unsigned>(EINVAL), strerror(EINVAL));
+        file_error(error, "getFileType parametererror", "NULL/0", EINVAL);
         return FILE_KIND_NONE;
     }
     if (fileExists(path, nullptr) == 0) {

@@ -9,6 +9,7 @@
 #include <climits>
 #include <cstring>
 
+#include "base/error_text.h"
 #include "base/files.h"
 #include "base/locks.h"
 #include "base/message_numbers.h"

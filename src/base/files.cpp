@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "base/descriptor.h"
+#include "base/error_text.h"
 #include "base/locks.h"
 #include "base/message_numbers.h"
 #include "base/notes.h"
@@ -107,13 +108,6 @@ int reported(int fd, const char* function, const char* path, qx7_error* error) {
 }
 
 }  // namespace
-
-int file_error(qx7_error* error, const char* function, const char* file, int error_number) {
-    qx_error_set(error, -1, error_number, number_file_call, "%s|%s|%d|%s|", function, file, error_number,
-                 strerror(error_number));
-    errno = error_number;
-    return -1;
-}
 
 int create_new_file_at(int directory, const char* name, mode_t mode, uid_t uid, gid_t gid,
                        const char** failed_step, int access) {

@@ -16,11 +16,8 @@
 #include <cstdio>
 #include <string>
 
-#include "base/error.h"
+#include "base/error_text.h"
 #include "base/time.h"
-
-// Fills 2003041 "<function>|<file>|<errno>|<text>|" from errno; returns -1.
-int file_error(qx7_error* error, const char* function, const char* file, int error_number);
 
 // ---- Catalogue
 // -------------------------------------------------------------------------------------------------

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <vector>
 
+#include "base/error_text.h"
 #include "base/files.h"
 #include "base/locks.h"
 #include "base/text.h"

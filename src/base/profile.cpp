@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "base/descriptor.h"
+#include "base/error_text.h"
 #include "base/file_data.h"
 #include "base/files.h"
 #include "base/locks.h"
@@ -195,7 +196,7 @@ bool replace_file(const char* path, std::string_view content, mode_t mode, uid_t
 int written(bool good, const char* function, const char* file) {
     if (!good) {
         const int number = errno;
-        note_message(number_file_call, "%s|%s|%d|%s|", function, file, number, strerror(number));
+        note_message(number_file_call, "%s", call_insert(function, file, number).c_str());
         errno = number;
     }
     return good ? 1 : 0;

@@ -32,8 +32,8 @@ int resolve(const char* name, address_list* out, ccm_error_t* err) {
     hints.ai_socktype = SOCK_STREAM;
     int result = getaddrinfo(name, nullptr, &hints, &out->first);
     if (result != 0 || out->first == nullptr) {
-        return ccm_error_set(err, result, number_call_failed, "getaddrinfo|%d(%s)", result,
-                             gai_strerror(result));
+        return qx_error_set(err, -1, result, number_call_failed, "getaddrinfo|%d(%s)", result,
+                            gai_strerror(result));
     }
     return 0;
 }
@@ -58,7 +58,7 @@ bool counts(const addrinfo& entry) {
 int ccm_check_ipv6_support(ccm_error_t* err) {
     const qx_descriptor s(socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
     return s.valid() ? 0
-                     : ccm_error_set(err, errno, number_call_failed, "socket(AF_INET6)|%d(%s)", errno,
+                     : qx_error_set(err, -1, errno, number_call_failed, "socket(AF_INET6)|%d(%s)", errno,
                                      strerror(errno));
 }
 
@@ -127,8 +127,8 @@ int ccm_getmyIP(int prefer, char* out, ccm_error_t* err) {
     out[0] = '\0';
     char host[256];
     if (gethostname(host, sizeof host) != 0) {
-        return ccm_error_set(err, errno, number_call_failed, "getmyIP/gethostname()|%d(%s)", errno,
-                             strerror(errno));
+        return qx_error_set(err, -1, errno, number_call_failed, "getmyIP/gethostname()|%d(%s)", errno,
+                            strerror(errno));
     }
     host[sizeof host - 1] = '\0';
     sockaddr_in6 address;

@@ -143,23 +143,11 @@ void unregister_fork_locks() {
     fork_lock_unregister(FORK_LOCK_CHANNEL);
 }
 
-int ccm_error_set(ccm_error_t* err, int xerrno, int msgnr, const char* format, ...) {
-    if (err != nullptr) {
-        err->xerrno = xerrno;
-        err->msgnr = msgnr;
-        va_list arguments;
-        va_start(arguments, format);
-        vsnprintf(err->msginsert, sizeof err->msginsert, format, arguments);
-        va_end(arguments);
-    }
-    return -1;
-}
-
 int ccm_open(EX_PCX* pcx, ccm_context_t** out, ccm_error_t* err) {
     *out = nullptr;
     void* memory = calloc(1, sizeof(ccm_context_t));
     if (memory == nullptr) {
-        return ccm_error_set(err, errno, number_no_memory, "%s/%s(%d)", "CCM_OPEN", __FILE__, __LINE__);
+        return qx_error_set(err, -1, errno, number_no_memory, "%s/%s(%d)", "CCM_OPEN", __FILE__, __LINE__);
     }
     auto* ccm = new (memory) ccm_context_t{};
     memcpy(ccm->eyec, "##CCM_CONEXT####", sizeof ccm->eyec);
@@ -177,7 +165,7 @@ int ccm_open(EX_PCX* pcx, ccm_context_t** out, ccm_error_t* err) {
     if (ccm_check_ipv6_support(&ipv6) == 0) {
         ccm->flag.fetch_or(CCM_FLAG_IPV6);
     } else {
-        __log(ipv6.msgnr, "%s|", ipv6.msginsert);
+        __log(ipv6.qx_msgnr, "%s|", ipv6.qx_msgInsert);
         __log(number_no_ipv6, "%s", "");
     }
     register_fork_locks(ccm);

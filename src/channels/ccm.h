@@ -88,15 +88,8 @@ struct ccm_addr_t {
 };
 static_assert(sizeof(ccm_addr_t) == 288);
 
-struct ccm_error_t {
-    int xerrno = 0;
-    int msgnr = 0;
-    char msginsert[qx_insert_size] = {};
-};
-
-// Fills `err` (null allowed) and returns -1. `format` is a constant of the program.
-int ccm_error_set(ccm_error_t* err, int xerrno, int msgnr, const char* format, ...)
-    __attribute__((format(printf, 4, 5)));
+// The name that the calls on channels give the error record.
+using ccm_error_t = qx7_error;
 
 // What a caller attaches to a connect and finds again at close or success. Made by ccm_user_context_new; it
 // belongs to the channel once ccm_connect has returned an ID, and to the caller after -1.

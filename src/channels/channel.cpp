@@ -87,8 +87,8 @@ int ccm_channel_new_entry(ccm_context_t* ccm, ccm_channel_t** out, ccm_error_t* 
     if (memory == nullptr || backlog == nullptr) {
         free(memory);
         delete backlog;
-        return ccm_error_set(err, ENOMEM, number_no_memory, "%s/%s(%d)", "CREATE_CHANNEL", __FILE__,
-                             __LINE__);
+        return qx_error_set(err, -1, ENOMEM, number_no_memory, "%s/%s(%d)", "CREATE_CHANNEL", __FILE__,
+                            __LINE__);
     }
     auto* channel = new (memory) ccm_channel_t{};
     memcpy(channel->eyec, "##CCM#CHANNEL###", sizeof channel->eyec);
@@ -180,7 +180,8 @@ int ccm_channel_get_ip(ccm_context_t* ccm, int id, const char* name, char out[64
     out[0] = '\0';
     ccm_channel_t* channel = id > 0 ? ccm_channel_getbyID(ccm, id) : ccm_channel_getbyName(ccm, name);
     if (channel == nullptr) {
-        return ccm_error_set(err, 0, number_no_connection, "%s/%s()|%d", "CHANNEL", "ccm_channel_get_ip", id);
+        return qx_error_set(err, -1, 0, number_no_connection, "%s/%s()|%d", "CHANNEL", "ccm_channel_get_ip",
+                            id);
     }
     memcpy(out, channel->addr, sizeof channel->addr);
     ccm_channel_unlock(ccm);
@@ -336,10 +337,10 @@ int ccm_channel_create_pair(ccm_context_t* ccm, const char* name1, const char* n
                             ccm_error_t* err) {
     int pair[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, pair) != 0) {
-        return ccm_error_set(err, errno, number_call_failed, "socketpair()|%d(%s)|", errno, strerror(errno));
+        return qx_error_set(err, -1, errno, number_call_failed, "socketpair()|%d(%s)|", errno, strerror(errno));
     }
     if (descriptors_in_range(pair) < 0) {
-        return ccm_error_set(err, EMFILE, number_call_failed, "socketpair()|%d(%s)|", EMFILE,
+        return qx_error_set(err, -1, EMFILE, number_call_failed, "socketpair()|%d(%s)|", EMFILE,
                              strerror(EMFILE));
     }
     qx_descriptor ends[2] = {qx_descriptor(pair[0]), qx_descriptor(pair[1])};

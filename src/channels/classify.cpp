@@ -141,7 +141,7 @@ ccm_classified classify_native(ccm_context_t* ccm, ccm_channel_t* channel, ccm_m
     if (source.sealed) {
         ccm_error_t error;
         if (ccm_dechiffre_gss(channel, msg, &error) != 0) {
-            channel_fail(ccm, channel, error.msgnr, "%s", error.msginsert);
+            channel_fail(ccm, channel, error.qx_msgnr, "%s", error.qx_msgInsert);
             return CCM_CLASS_END;
         }
         msg->flag |= CCM_MSG_FLAG_CAME_SEALED;

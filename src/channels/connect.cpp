@@ -20,7 +20,7 @@ namespace {
 // "call()|errno(text),S(socket(ID=n))|" as 2000102, from errno.
 int connect_failure(ccm_error_t* err, const char* call, int s, int id) {
     int number = errno;
-    return ccm_error_set(err, number, number_call_failed, "%s|%d(%s),S(%d(ID=%d))|", call, number,
+    return qx_error_set(err, -1, number, number_call_failed, "%s|%d(%s),S(%d(ID=%d))|", call, number,
                          strerror(number), s, id);
 }
 
@@ -30,12 +30,13 @@ qx_descriptor new_socket(int family) {
 }
 
 int nonblocking_failure(ccm_error_t* err) {
-    return ccm_error_set(err, errno, number_call_failed, "ioctl(...,FIONBIO)|%d-%s", errno, strerror(errno));
+    return qx_error_set(err, -1, errno, number_call_failed, "ioctl(...,FIONBIO)|%d-%s", errno,
+                        strerror(errno));
 }
 
 int linger_failure(ccm_error_t* err, int s, int id) {
-    return ccm_error_set(err, errno, number_call_failed, "setsockopt(SO_LINGER,s=%d,ID=%d)|%d-%s", s, id,
-                         errno, strerror(errno));
+    return qx_error_set(err, -1, errno, number_call_failed, "setsockopt(SO_LINGER,s=%d,ID=%d)|%d-%s", s, id,
+                        errno, strerror(errno));
 }
 
 int set_nonblocking(int s) {
@@ -122,7 +123,7 @@ int listen_failure(ccm_error_t* err, const char* format, const char* text, int p
     if (strcmp(format, "bind") == 0) {
         snprintf(call, sizeof call, "bind(%s:%d)", text, port);
     }
-    return ccm_error_set(err, number, number_call_failed, "%s|%d(%s)", call, number, strerror(number));
+    return qx_error_set(err, -1, number, number_call_failed, "%s|%d(%s)", call, number, strerror(number));
 }
 
 int bound_port_of(int s) {
@@ -140,8 +141,8 @@ int open_listen_socket(const listen_address& where, const char* text, int port, 
     qx_descriptor s = new_socket(where.family);
     if (!s.valid()) {
         int number = errno;
-        return ccm_error_set(err, number, number_call_failed, "socket(family=%d,addr=)|%d(%s)", where.family,
-                             number, strerror(number));
+        return qx_error_set(err, -1, number, number_call_failed, "socket(family=%d,addr=)|%d(%s)",
+                            where.family, number, strerror(number));
     }
     int on = 1;
     int off = 0;
@@ -205,7 +206,7 @@ int ccm_connect(ccm_context_t* ccm, const char* host, int port, int type, ccm_co
     ccm_error_t fault;
     if (by_name && resolver_connect(ccm, id, host, port, &fault) != 0) {
         // As when the name has no address: the channel's end tells.
-        ccm_channel_failbyID(ccm, id, fault.msgnr, "%s", fault.msginsert);
+        ccm_channel_failbyID(ccm, id, fault.qx_msgnr, "%s", fault.qx_msgInsert);
     }
     return id;
 }

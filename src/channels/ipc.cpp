@@ -121,7 +121,7 @@ int make_placeholder(EX_PCX* pcx, ccm_context_t* ccm, int listenerID, gss_ctx_id
     ccm_channel_t* channel = nullptr;
     ccm_error_t error;
     if (ccm_channel_new_entry(ccm, &channel, &error) != 0) {
-        __log(error.msgnr, "%s", error.msginsert);
+        __log_error(error);
         return -1;
     }
     channel->type = CH_TYPE_PLACEHOLDER;
@@ -166,7 +166,7 @@ int gsshs_remote_in_agent(EX_PCX* pcx, ccm_context_t* ccm, const ccm_msg_t* msg,
                 __log(-1, "%d failed handshakes before this one were not logged, they came too fast",
                       dropped);
             }
-            __log(error.msgnr, "%s", error.msginsert);
+            __log_error(error);
         }
         return refuse_remote(ccm, msg, 0, record.listenerID);
     }

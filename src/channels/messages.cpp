@@ -31,7 +31,7 @@ ccm_msg_t* new_message(ccm_context_t* ccm, int size, bool both, ccm_msg_t* msg, 
         msg = static_cast<ccm_msg_t*>(calloc(1, sizeof(ccm_msg_t) + (both ? 2 : 1) * buffer_size(size)));
     }
     if (msg == nullptr) {
-        ccm_error_set(err, ENOMEM, number_no_memory, "%s/%s(%d)", "CCMMSG", __FILE__, __LINE__);
+        qx_error_set(err, -1, ENOMEM, number_no_memory, "%s/%s(%d)", "CCMMSG", __FILE__, __LINE__);
         return nullptr;
     }
     *msg = ccm_msg_t{};

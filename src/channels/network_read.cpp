@@ -181,7 +181,7 @@ int take_frame(ccm_context_t* ccm, ccm_channel_t* channel, const unsigned char* 
     ccm_msg_ptr msg(
         length > ccm_msg_standard_size ? ccm_msg_alloc_huge(ccm, length, &error) : ccm_msg_alloc(ccm, &error), {ccm});
     if (msg == nullptr) {
-        channel_fail(ccm, channel, error.msgnr, "%s", error.msginsert);
+        channel_fail(ccm, channel, error.qx_msgnr, "%s", error.qx_msgInsert);
         return -1;
     }
     memcpy(msg->buffer1, frame, size);

@@ -173,11 +173,11 @@ int report_select(ccm_context_t* ccm, const wait_plan& plan, int number, ccm_err
     if (number == EINTR || number == EAGAIN) {
         return 0;
     }
-    ccm_error_set(err, number, number_call_failed, "select(%d,RSET[%s],WSET[%s])|%d-%s|", plan.highest + 1,
-                  set_text(read_set, plan.highest).c_str(), set_text(write_set, plan.highest).c_str(), number,
-                  strerror(number));
+    qx_error_set(err, -1, number, number_call_failed, "select(%d,RSET[%s],WSET[%s])|%d-%s|", plan.highest + 1,
+                 set_text(read_set, plan.highest).c_str(), set_text(write_set, plan.highest).c_str(), number,
+                 strerror(number));
     ccm_error_t copy;
-    __log(number_call_failed, "%s", (err != nullptr ? err : &copy)->msginsert);
+    __log(number_call_failed, "%s", (err != nullptr ? err : &copy)->qx_msgInsert);
     if (number != EBADF || !delete_bad_descriptors(ccm)) {
         poll(nullptr, 0, failure_pause_ms);  // nothing was mended: the next wait would fail at once, for ever
     }
@@ -203,7 +203,8 @@ void serve_channel(ccm_context_t* ccm, ccm_channel_t* channel, int s, bool reada
 
 int ccm_thread_start(ccm_context_t* ccm, ccm_error_t* err) {
     if (wakeups_open(ccm) != 0) {
-        return ccm_error_set(err, errno, number_call_failed, "pipe(wakeups)|%d-%s|", errno, strerror(errno));
+        return qx_error_set(err, -1, errno, number_call_failed, "pipe(wakeups)|%d-%s|", errno,
+                            strerror(errno));
     }
     // Only here: a stop that comes before the thread first runs must not be overwritten by it.
     ccm->loop.store(1);
@@ -213,8 +214,8 @@ int ccm_thread_start(ccm_context_t* ccm, ccm_error_t* err) {
     pthread_sigmask(SIG_SETMASK, &old, nullptr);
     if (result != 0) {
         ccm->loop.store(0);
-        return ccm_error_set(err, result, number_thread_failed, "%s|%s=%d(%d-%s)", "CCM-thread",
-                             "pthread_create()", result, result, strerror(result));
+        return qx_error_set(err, -1, result, number_thread_failed, "%s|%s=%d(%d-%s)", "CCM-thread",
+                            "pthread_create()", result, result, strerror(result));
     }
     ccm->thread_started.store(1);
     return 0;

@@ -68,7 +68,7 @@ int seal_if_wanted(ccm_context_t* ccm, ccm_channel_t* channel, ccm_msg_t* msg) {
     if (ccm_chiffre_gss(channel, msg, &error) == 0) {
         return 0;
     }
-    channel_fail(ccm, channel, error.msgnr, "%s", error.msginsert);
+    channel_fail(ccm, channel, error.qx_msgnr, "%s", error.qx_msgInsert);
     return -1;
 }
 

@@ -31,7 +31,7 @@ ccm_msg_t* outgoing_message(ccm_context_t* ccm, size_t size, ccm_error_t* error)
     ccm_msg_t* msg = size <= ccm_msg_standard_size ? ccm_msg_alloc(ccm, reason)
                                                    : ccm_msg_alloc_huge(ccm, static_cast<int>(size), reason);
     if (msg == nullptr && error == nullptr) {
-        __log(own.msgnr, "%s", own.msginsert);
+        __log_error(own);
     }
     return msg;
 }

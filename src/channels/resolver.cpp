@@ -49,7 +49,7 @@ void connect_channel(ccm_context_t* ccm, const lookup& work, const sockaddr_in6&
     ccm_error_t error;
     qx_descriptor s(connect_socket(work.id, address, &error));
     if (!s.valid()) {
-        ccm_channel_failbyID(ccm, work.id, error.msgnr, "%s", error.msginsert);
+        ccm_channel_failbyID(ccm, work.id, error.qx_msgnr, "%s", error.qx_msgInsert);
         return;
     }
     ccm_channel_t* channel = ccm_channel_getbyID(ccm, work.id);
@@ -74,7 +74,7 @@ void* run_lookup(void* argument) {
     if (work->ccm != nullptr && result == 0) {
         connect_channel(work->ccm, *work, address);
     } else if (work->ccm != nullptr) {
-        ccm_channel_failbyID(work->ccm, work->id, error.msgnr, "%s", error.msginsert);
+        ccm_channel_failbyID(work->ccm, work->id, error.qx_msgnr, "%s", error.qx_msgInsert);
     }
     return nullptr;
 }
@@ -109,13 +109,12 @@ void* run_own_host(void*) {
 // Under the lock.
 int start_thread(__qx_thread* thread, void* (*run)(void*), void* argument, ccm_error_t* err) {
     if (lookups_under_way >= resolver_threads_max) {
-        return ccm_error_set(err, EAGAIN, number_call_failed, "getaddrinfo|%d(%s)", EAI_AGAIN,
-                             "too many names are being looked up");
+        return qx_error_set(err, -1, EAGAIN, number_call_failed, "getaddrinfo|%d(%s)", EAI_AGAIN,
+                            "too many names are being looked up");
     }
-    qx7_error error;
     copy_text(thread->th_name, "RESOLVER");
-    if (StartWorkerThread(thread, run, argument, &error) != 0) {
-        return ccm_error_set(err, error.qx_errno, error.qx_msgnr, "%s", error.qx_msgInsert);
+    if (StartWorkerThread(thread, run, argument, err) != 0) {
+        return -1;
     }
     ++lookups_under_way;
     return 0;
@@ -127,7 +126,7 @@ int resolver_connect(ccm_context_t* ccm, int id, const char* host, int port, ccm
     ccm_assert_no_spin_lock();
     std::unique_ptr<lookup> work(new (std::nothrow) lookup);
     if (work == nullptr) {
-        return ccm_error_set(err, ENOMEM, number_no_memory, "%s/%s(%d)", "RESOLVER", __FILE__, __LINE__);
+        return qx_error_set(err, -1, ENOMEM, number_no_memory, "%s/%s(%d)", "RESOLVER", __FILE__, __LINE__);
     }
     work->ccm = ccm;
     work->id = id;

@@ -24,7 +24,7 @@ size_t data_offset(const unsigned char* sealed, size_t length) {
 // The sealed form goes into the second buffer; the plain one stays.
 int seal(ccm_msg_t* msg, const gss_ctx_id_struct* context, size_t* written, uint32_t* counter, ccm_error_t* error) {
     if (ccm_msg_second_buffer(msg) != 0) {
-        return ccm_error_set(error, ENOMEM, number_no_memory, "%s/%s(%d)", "CCMMSG", __FILE__, __LINE__);
+        return qx_error_set(error, -1, ENOMEM, number_no_memory, "%s/%s(%d)", "CCMMSG", __FILE__, __LINE__);
     }
     const unsigned char* body = msg->msg_start + frame_header_size;
     size_t length = static_cast<size_t>(msg->len) - frame_header_size;
@@ -37,8 +37,8 @@ int seal(ccm_msg_t* msg, const gss_ctx_id_struct* context, size_t* written, uint
                           : gss_wrap_ahead(&minor, context, qop != 0 ? 1 : 0, qop, {body, length},
                                            {msg->buffer2 + frame_header_size, room}, written, counter);
     if (major != GSS_S_COMPLETE) {
-        return ccm_error_set(error, 0, number_seal_failed, "gss_wrap()/ret=%.8X(rsn=%d)", major,
-                             static_cast<int>(minor));
+        return qx_error_set(error, -1, 0, number_seal_failed, "gss_wrap()/ret=%.8X(rsn=%d)", major,
+                            static_cast<int>(minor));
     }
     return 0;
 }
@@ -80,7 +80,7 @@ int ccm_chiffre_gss(ccm_channel_t* channel, ccm_msg_t* msg, ccm_error_t* error) 
     msg->msg_start = msg->buffer2;
     msg->len = static_cast<int>(frame_header_size + written);
     if (ccm_msg_set_protocol_header(msg, protocol_native) != 0) {
-        return ccm_error_set(error, 0, number_seal_failed, "gss_wrap()/ret=%.8X(rsn=%d)", 0U, msg->len);
+        return qx_error_set(error, -1, 0, number_seal_failed, "gss_wrap()/ret=%.8X(rsn=%d)", 0U, msg->len);
     }
     return 0;
 }
@@ -99,7 +99,7 @@ int ccm_dechiffre_gss(ccm_channel_t* channel, ccm_msg_t* msg, ccm_error_t* error
                               {sealed + offset, length - offset}, &written, &qop);
     }
     if (major != GSS_S_COMPLETE) {
-        return ccm_error_set(error, 0, number_unseal_failed, "%s|%u|%u|", channel->name, major, minor);
+        return qx_error_set(error, -1, 0, number_unseal_failed, "%s|%u|%u|", channel->name, major, minor);
     }
     msg->msg_start = sealed + offset;
     msg->len = static_cast<int>(written);

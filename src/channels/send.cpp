@@ -56,7 +56,7 @@ int send_NAT_message_route(ccm_context_t* ccm, ccm_msg_t* msg) {
     ccm_msg_t* route =
         ccm_msg_alloc_cleared(ccm, static_cast<int>(sizeof(ipcmsg_routenat_t)) + msg->len, &error);
     if (route == nullptr) {
-        __log(error.msgnr, "%s", error.msginsert);
+        __log_error(error);
         return refuse(ccm, msg);
     }
     ipcmsg_routenat_t record{};
@@ -242,8 +242,8 @@ int ccm_forward_NAT_message(ccm_context_t* ccm, const ccm_msg_t* msg, int id, co
                             ccm_error_t* err, int mode) {
     const char* target = name == nullptr ? "" : name;
     if (mode == 1 && !(id != 0 ? ccm_channel_existbyID(ccm, id) : ccm_channel_existbyName(ccm, target))) {
-        return ccm_error_set(err, 0, number_no_connection, "%s/%s()|%d", target, "ccm_forward_NAT_message",
-                             id);
+        return qx_error_set(err, -1, 0, number_no_connection, "%s/%s()|%d", target, "ccm_forward_NAT_message",
+                            id);
     }
     ccm_msg_t* copy = ccm_msg_alloc_cleared(ccm, msg->len, err);
     if (copy == nullptr) {
@@ -259,8 +259,8 @@ int ccm_forward_NAT_message(ccm_context_t* ccm, const ccm_msg_t* msg, int id, co
         copy->flag |= CCM_MSG_FLAG_KEEP;
     }
     if (send_NAT_message(ccm, copy) != 0) {
-        return ccm_error_set(err, 0, number_no_connection, "%s/%s()|%d", target, "ccm_forward_NAT_message",
-                             id);
+        return qx_error_set(err, -1, 0, number_no_connection, "%s/%s()|%d", target, "ccm_forward_NAT_message",
+                            id);
     }
     return 0;
 }

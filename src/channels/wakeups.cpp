@@ -118,8 +118,8 @@ int poll_processor(ccm_context_t* ccm, int milliseconds, ccm_error_t* err) {
         number = EBADF;
     }
     if (ready < 0 && number != EINTR) {
-        return ccm_error_set(err, number, number_call_failed, "select(processor_wakeup(%d))|%d-%s", wait.fd,
-                             number, strerror(number));
+        return qx_error_set(err, -1, number, number_call_failed, "select(processor_wakeup(%d))|%d-%s",
+                            wait.fd, number, strerror(number));
     }
     if (ready > 0) {
         drain_pipe(wait.fd);

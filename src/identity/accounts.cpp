@@ -10,6 +10,7 @@
 #include <map>
 #include <utility>
 
+#include "base/error_text.h"
 #include "base/locks.h"
 #include "base/message_numbers.h"
 #include "base/text.h"
@@ -179,11 +180,6 @@ std::string not_found_text(int error_number, const std::string& call) {
 }
 
 }  // namespace
-
-std::string error_text(int error_number) {
-    const char* text = strerrordesc_np(error_number);
-    return text == nullptr ? "Unknown error " + std::to_string(error_number) : text;
-}
 
 int FillMessageOnPasswordError(qx7_error* error, int error_number, const char* user) {
     return qx_error_set(error, -1, error_number, number_user_unknown, "%s|", user);

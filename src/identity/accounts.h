@@ -73,6 +73,3 @@ int account_groups(const char* name, gid_t primary, std::vector<gid_t>* list);
 // Fills 2001007 "<user>|" or 2000102 "<function>(<user>)|<errno> - <reason>". Both return -1.
 int FillMessageOnPasswordError(qx7_error* error, int error_number, const char* user);
 int FillMessageOnPermissionError(qx7_error* error, int error_number, const char* function, const char* user);
-
-// The system's text for an errno; the same on every thread and in a forked child.
-std::string error_text(int error_number);

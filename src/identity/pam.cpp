@@ -11,6 +11,7 @@
 #include <memory>
 #include <vector>
 
+#include "base/error_text.h"
 #include "base/locks.h"
 #include "identity/accounts.h"
 #include "identity/password_check.h"

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "base/context.h"
+#include "base/error_text.h"
 #include "base/locks.h"
 #include "base/memory.h"
 #include "base/text.h"

@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "base/context.h"
+#include "base/error_text.h"
 #include "base/files.h"
 #include "log/log.h"
 

@@ -15,6 +15,7 @@
 #include <cerrno>
 
 #include "base/context.h"
+#include "base/error_text.h"
 #include "base/message_numbers.h"
 #include "base/text.h"
 #include "identity/accounts.h"
@@ -61,8 +62,7 @@ int take_uid(const char* name, uid_t uid, std::string* text) {
 }
 
 int switch_error(qx7_error* error, const char* name, int error_number) {
-    return qx_error_set(error, SWITCH_FAILED, error_number, number_system_call, "SwitchToEffUser(%s)|%i|%s|",
-                        name, error_number, error_text(error_number).c_str());
+    return call_error(error, "SwitchToEffUser(" + std::string(name) + ")", error_number);
 }
 
 void tell_identical(const char* function, const char* name) {
@@ -94,8 +94,7 @@ int target_user(const char* name, my_passwd_unlimited* record, qx7_error* error)
     }
     const int error_number = errno;
     if (error_number != ENOENT && error_number != EPERM) {
-        qx_error_set(error, SWITCH_FAILED, error_number, number_system_call, "getpwnam(%s)|%i|%s|", name,
-                     error_number, error_text(error_number).c_str());
+        call_error(error, "getpwnam(" + std::string(name) + ")", error_number);
     }
     return SWITCH_FAILED;
 }

@@ -9,6 +9,7 @@
 #include <cerrno>
 
 #include "base/descriptor.h"
+#include "base/error_text.h"
 #include "base/files.h"
 #include "identity/accounts.h"
 #include "identity/switch_user.h"

@@ -8,6 +8,7 @@
 #include "base/code_tables.h"
 #include "base/context.h"
 #include "base/error.h"
+#include "base/error_text.h"
 #include "base/memory.h"
 #include "base/message_numbers.h"
 #include "base/text.h"
@@ -188,10 +189,8 @@ step_result check_duplicate(activation_run* run) {
 step_result check_path_lengths(activation_run* run) {
     for (const std::string* path : {&run->order.jobfile, &run->order.jobreport}) {
         if (path->size() > path_limit) {
-            char insert[512];
-            snprintf(insert, sizeof insert, "FileCreate()|%.255s|%u|%s|", path->c_str(),
-                     static_cast<unsigned>(ENAMETOOLONG), error_text(ENAMETOOLONG).c_str());
-            return refuse(run, number_file_call, insert, insert);
+            const std::string insert = call_insert("FileCreate()", path->substr(0, path_limit), ENAMETOOLONG);
+            return refuse(run, number_file_call, insert.c_str(), insert.c_str());
         }
     }
     return std::nullopt;

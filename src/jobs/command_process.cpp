@@ -10,6 +10,7 @@
 
 #include "base/context.h"
 #include "base/error.h"
+#include "base/error_text.h"
 #include "base/files.h"
 #include "base/message_numbers.h"
 #include "base/text.h"
@@ -189,9 +190,7 @@ pid_t exCommandStart(EX_PCX* pcx, Cmd_Area* entry, const my_passwd_unlimited& pa
     }
     const pid_t pid = launch_fork(pcx, job_start_fork, passwd, &startVar, pamHandle, error);
     if (pid < 0) {
-        const int error_number = error->qx_errno;
-        qx_error_set(error, -1, error_number, number_system_call, "fork|%i|%u|%s|", entry->cmda_jobNr,
-                     static_cast<unsigned>(error_number), error_text(error_number).c_str());
+        call_error(error, "fork|" + std::to_string(entry->cmda_jobNr), error->qx_errno);
         command_remove_output(entry);
         return -1;
     }

@@ -8,6 +8,7 @@
 
 #include "base/context.h"
 #include "base/error.h"
+#include "base/error_text.h"
 #include "base/message_numbers.h"
 #include "base/text.h"
 #include "base/time.h"

@@ -16,6 +16,7 @@
 #include "base/children.h"
 #include "base/context.h"
 #include "base/descriptor.h"
+#include "base/error_text.h"
 #include "base/message_numbers.h"
 #include "base/time.h"
 #include "identity/accounts.h"
@@ -127,9 +128,7 @@ bool only_digits(const char* name) {
 int take_pass(process_pass* pass) {
     const qx_directory folder(opendir("/proc"));
     if (folder.dir == nullptr) {
-        const int error_number = errno;
-        __log(number_named_call, "DirOpen()|/proc|%u|%s|", static_cast<unsigned>(error_number),
-              error_text(error_number).c_str());
+        __log(number_named_call, "%s", call_insert("DirOpen()", "/proc", errno).c_str());
         return -1;
     }
     pass->processes.clear();

@@ -8,6 +8,7 @@
 
 #include "base/context.h"
 #include "base/error.h"
+#include "base/error_text.h"
 #include "base/message_numbers.h"
 #include "base/text.h"
 #include "base/time.h"
@@ -232,9 +233,7 @@ int process_jobcan(EX_PCX* pcx, ccm_msg_t* msg, int) {
     __log(number_job_cancel, "%s", insert.text);
     const int signal = GetSigInt(job_context()->KillSignal);
     if (kill(job_signal_target(job, pid), signal) != 0) {
-        const int error_number = errno;
-        __log(number_system_call, "kill|%u|%s|", static_cast<unsigned>(error_number),
-              error_text(error_number).c_str());
+        __log(number_system_call, "%s", call_insert("kill", errno).c_str());
         return refuse_cancel(pcx, msg, order.ah_idnr);
     }
     job->JP_sigNum = static_cast<short>(signal);

@@ -12,6 +12,7 @@
 
 #include "base/descriptor.h"
 #include "base/error.h"
+#include "base/error_text.h"
 #include "base/message_numbers.h"
 #include "base/time.h"
 #include "identity/accounts.h"
@@ -275,8 +276,7 @@ bool report_scan_file(const JP_AREA* job, JP_AREA* scan, qx7_error* error) {
     }
     const qx_descriptor file(open_read_on_order(job->JP_jReport));
     if (!file.valid()) {
-        qx_error_set(error, -1, errno, number_file_call, "FileFOpen()|%.255s|%u|%s|", job->JP_jReport,
-                     static_cast<unsigned>(errno), error_text(errno).c_str());
+        file_error(error, "FileFOpen()", job->JP_jReport, errno);
         return false;
     }
     struct stat status;
@@ -297,8 +297,8 @@ bool report_scan_file(const JP_AREA* job, JP_AREA* scan, qx7_error* error) {
         }
     } while (source.error_number == 0 && jump(&source));
     if (source.error_number != 0) {
-        __log(number_file_call, "FileReadText()|%.255s|%u|%s|", job->JP_jReport,
-              static_cast<unsigned>(source.error_number), error_text(source.error_number).c_str());
+        __log(number_file_call, "%s",
+              call_insert("FileReadText()", job->JP_jReport, source.error_number).c_str());
     }
     if (source.cut_seen) {
         __log(number_file_call, "FileReadText()|%.255s|%u|U_READ_TOLANG|", job->JP_jReport, 0U);

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "base/context.h"
+#include "base/error_text.h"
 #include "base/message_numbers.h"
 #include "base/paths.h"
 #include "identity/accounts.h"
@@ -31,8 +32,8 @@ void job_remove_file(const char* path) {
     }
     if (remove_on_order(path) != 0 && errno != ENOENT) {
         const int error_number = errno;
-        __log(number_file_call, "FileRemove|%.255s|%u|%s|", path, static_cast<unsigned>(error_number),
-              error_text(error_number).c_str());
+        __log(number_file_call, "%s",
+              call_insert("FileRemove", std::string_view(path).substr(0, 255), error_number).c_str());
     }
 }
 

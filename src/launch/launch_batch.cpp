@@ -8,6 +8,7 @@
 #include <iterator>
 
 #include "base/context.h"
+#include "base/error_text.h"
 #include "base/files.h"
 #include "base/locks.h"
 #include "base/message_numbers.h"
@@ -60,10 +61,9 @@ const std::string& batch_command(const my_passwd_unlimited& passwd) {
     return shell.starts_with("ksh") ? commands.KSHcmd : commands.OTHERcmd;
 }
 
-int call_failure(const char* call, int error_number, const char* reason, qx7_error* error) {
-    errno = error_number;
-    return qx_error_set(error, -1, error_number, number_system_call, "%s|%u|%s|", call,
-                        static_cast<unsigned>(error_number), reason);
+int not_allowed(const char* call, const char* reason, qx7_error* error) {
+    errno = EACCES;
+    return qx_error_set(error, -1, EACCES, number_system_call, "%s|%d|%s|", call, EACCES, reason);
 }
 
 // Only root may take up the command. A set-user-id agent is root by its effective uid alone.
@@ -73,14 +73,13 @@ int become_root(bool* switched, qx7_error* error) {
         return 0;
     }
     if (geteuid() != 0) {
-        return call_failure("setuid(0)", EACCES, "switch to root user is not possible!", error);
+        return not_allowed("setuid(0)", "switch to root user is not possible!", error);
     }
     if (launch_context()->JP_SwitchToRealUser == 0) {
-        return call_failure("switch to real user(0)", EACCES, "StartBatchJobWithRootPrivileges=no", error);
+        return not_allowed("switch to real user(0)", "StartBatchJobWithRootPrivileges=no", error);
     }
     if (setuid(0) != 0) {
-        const int error_number = errno;
-        return call_failure("setuid(0)", error_number, error_text(error_number).c_str(), error);
+        return call_error(error, "setuid(0)", errno);
     }
     *switched = true;
     return 0;
@@ -164,9 +163,10 @@ int doit_cmd(EX_PCX* pcx, const my_passwd_unlimited& passwd, const JOB_START_VAR
     const int command_errno = errno;
     if (switched && setreuid(real, effective) != 0) {
         const int error_number = errno;
-        return qx_error_set(error, -1, error_number, number_system_call, "setreuid(%d, %d)|%u|%s|",
-                            static_cast<int>(real), static_cast<int>(effective),
-                            static_cast<unsigned>(error_number), error_text(error_number).c_str());
+        return call_error(error,
+                          "setreuid(" + std::to_string(static_cast<int>(real)) + ", " +
+                              std::to_string(static_cast<int>(effective)) + ")",
+                          error_number);
     }
     if (status < 0) {
         return qx_error_set(error, -1, command_errno, number_start_command, "%s|", command.c_str());

@@ -13,6 +13,7 @@
 #include <cstdio>
 
 #include "base/context.h"
+#include "base/error_text.h"
 #include "base/files.h"
 #include "base/message_numbers.h"
 #include "base/time.h"
@@ -26,16 +27,14 @@ constexpr int library_signal = 32;  // the first of those that the C library use
 constexpr int last_signal = 64;
 
 int call_failed(const char* call, int exit_code, qx7_error* error) {
-    const int error_number = errno;
-    qx_error_set(error, exit_code, error_number, number_system_call, "%s|%u|%s|", call,
-                 static_cast<unsigned>(error_number), error_text(error_number).c_str());
+    call_error(error, call, errno);
+    error->qx_result = exit_code;
     return exit_code;
 }
 
 int file_failed(const char* call, const char* file, int exit_code, qx7_error* error) {
-    const int error_number = errno;
-    qx_error_set(error, exit_code, error_number, number_file_call, "%s|%s|%u|%s|", call, file,
-                 static_cast<unsigned>(error_number), error_text(error_number).c_str());
+    file_error(error, call, file, errno);
+    error->qx_result = exit_code;
     return exit_code;
 }
 

@@ -3,6 +3,7 @@
 
 #include "base/code_tables.h"
 #include "base/context.h"
+#include "base/error_text.h"
 #include "base/files.h"
 #include "base/message_numbers.h"
 #include "base/obstacles.h"
@@ -77,10 +78,7 @@ const char* step_name(const step_names& names, file_step step) {
 
 int file_failure(const step_names& names, const std::string& file, const file_result& result,
                  qx7_error* error) {
-    qx_error_set(error, -1, result.error_number, number_file_call, "%s|%s|%u|%s|",
-                 step_name(names, result.failed), file.c_str(), static_cast<unsigned>(result.error_number),
-                 error_text(result.error_number).c_str());
-    errno = result.error_number;
+    file_error(error, step_name(names, result.failed), file, result.error_number);
     return -1;
 }
 
@@ -109,8 +107,7 @@ file_result make_file_anyhow(const std::string& file, std::string_view content, 
 
 void remove_file(const std::string& file) {
     if (remove_on_order(file.c_str()) != 0 && errno != ENOENT) {
-        __log(number_file_call, "FileRemove|%s|%u|%s|", file.c_str(), static_cast<unsigned>(errno),
-              error_text(errno).c_str());
+        __log(number_file_call, "%s", call_insert("FileRemove", file, errno).c_str());
     }
 }
 

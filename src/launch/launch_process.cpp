@@ -7,6 +7,7 @@
 
 #include "base/children.h"
 #include "base/context.h"
+#include "base/error_text.h"
 #include "base/files.h"
 #include "base/locks.h"
 #include "base/message_numbers.h"
@@ -146,9 +147,7 @@ pid_t launch_fork(EX_PCX* pcx, char type, const my_passwd_unlimited& passwd, JOB
     const pid_t pid = make_child({pcx, &passwd, startVar, pamHandle});
     if (pid < 0) {
         const int error_number = errno;
-        qx_error_set(error, -1, error_number, number_system_call, "%s|%u|%s|",
-                     type == job_start_vfork ? "vfork" : "fork", static_cast<unsigned>(error_number),
-                     error_text(error_number).c_str());
+        call_error(error, type == job_start_vfork ? "vfork" : "fork", error_number);
         __log_error(*error);
         errno = error_number;
         return -1;

@@ -4,6 +4,7 @@
 
 #include "base/code_tables.h"
 #include "base/context.h"
+#include "base/error_text.h"
 #include "base/file_data.h"
 #include "base/files.h"
 #include "base/message_numbers.h"

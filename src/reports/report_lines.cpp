@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "base/code_tables.h"
+#include "base/error_text.h"
 #include "base/files.h"
 #include "base/message_numbers.h"
 #include "base/text.h"
@@ -138,10 +139,7 @@ report_fill report_fill_block(REP_Area* area, unsigned char* block, int* length,
 }
 
 int create_lastRecBuf(REP_Area* area, unsigned char* block, int* length, qx7_error* error) {
-    const auto fail = [&](const char* call) {
-        return qx_error_set(error, -1, errno, number_file_call, "%s|%s|%d|%s|", call, area->cFile.c_str(),
-                            errno, error_text(errno).c_str());
-    };
+    const auto fail = [&](const char* call) { return file_error(error, call, area->cFile, errno); };
     struct stat status;
     if (fstat(area->rep_fd.fd, &status) != 0) {
         return fail("my_lseek()");

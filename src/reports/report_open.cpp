@@ -6,6 +6,7 @@
 
 #include "base/code_tables.h"
 #include "base/context.h"
+#include "base/error_text.h"
 #include "base/files.h"
 #include "base/message_numbers.h"
 #include "base/paths.h"
@@ -55,7 +56,7 @@ int find_file(EX_PCX* pcx, const MSG_TYPE_REP_GET& get, report_source* source,
     if (GetFilePfad(source->file.c_str(), passwd->pw_dir, path, sizeof path) != 0) {
         source->number = number_file_call;
         source->insert =
-            "GetFilePfad()|" + source->file + "|" + std::to_string(errno) + "|" + error_text(errno) + "|";
+            call_insert("GetFilePfad()", source->file, errno);
         return -1;
     }
     source->file = path;

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "base/context.h"
+#include "base/error_text.h"
 #include "base/message_numbers.h"
 #include "base/text.h"
 #include "channels/outgoing.h"

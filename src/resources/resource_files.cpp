@@ -13,6 +13,7 @@
 #include "base/context.h"
 #include "base/descriptor.h"
 #include "base/error.h"
+#include "base/error_text.h"
 #include "base/locks.h"
 #include "base/message_numbers.h"
 #include "base/obstacles.h"

@@ -5,6 +5,7 @@
 
 #include "base/context.h"
 #include "base/error.h"
+#include "base/error_text.h"
 #include "base/message_numbers.h"
 #include "base/text.h"
 #include "channels/ccm.h"
@@ -35,10 +36,9 @@ int send_question(EX_PCX* pcx, const resource_item& resource, int version, const
     put_text(question->name, resource.object_name);
     put_text(question->subname, resource.resource_name);
     question->ah_idnr = resource.ah_idnr;
-    ccm_error_t reason;
-    ccm_msg_t* msg = message_of(pcx->ccm, question, &reason);
+    ccm_msg_t* msg = message_of(pcx->ccm, question, error);
     if (msg == nullptr) {
-        return qx_error_set(error, -1, ENOMEM, reason.msgnr, "%s", reason.msginsert);
+        return -1;
     }
     // A line that breaks in this moment is no failure: the next logon repeats the question.
     (void)send_outgoing(pcx->ccm, msg, to_server(pcx, server_module, module));

@@ -7,6 +7,7 @@
 
 #include "base/context.h"
 #include "base/error.h"
+#include "base/error_text.h"
 #include "base/message_numbers.h"
 #include "base/paths.h"
 #include "identity/accounts.h"

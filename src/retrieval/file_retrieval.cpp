@@ -7,6 +7,7 @@
 #include <span>
 
 #include "base/context.h"
+#include "base/error_text.h"
 #include "base/files.h"
 #include "base/memory.h"
 #include "base/message_numbers.h"
@@ -237,7 +238,7 @@ int getfile_sendResGet(EX_PCX* pcx, GETF_PL* request, qx7_error* error) {
     ccm_error_t reason;
     ccm_msg_t* msg = message_of(pcx->ccm, order, &reason);
     if (msg == nullptr) {
-        return qx_error_set(error, -1, -1, reason.msgnr, "%s", reason.msginsert);
+        return qx_error_set(error, -1, -1, reason.qx_msgnr, "%s", reason.qx_msgInsert);
     }
     request->gf_lastAct = FILE_ACTION_LOGIN_ASKED;
     request->gf_timeStamp = alarm_now();

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "base/error_text.h"
 #include "base/file_data.h"
 #include "base/files.h"
 #include "base/message_numbers.h"

@@ -6,6 +6,7 @@
 
 #include "base/context.h"
 #include "base/descriptor.h"
+#include "base/error_text.h"
 #include "base/files.h"
 #include "base/message_numbers.h"
 #include "base/paths.h"

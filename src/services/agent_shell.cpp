@@ -8,6 +8,7 @@
 
 #include "base/context.h"
 #include "base/descriptor.h"
+#include "base/error_text.h"
 #include "base/files.h"
 #include "base/text.h"
 #include "identity/accounts.h"

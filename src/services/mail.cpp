@@ -14,6 +14,7 @@
 #include <mutex>
 
 #include "base/context.h"
+#include "base/error_text.h"
 #include "base/executor_var.h"
 #include "base/message_numbers.h"
 #include "base/text.h"
@@ -151,8 +152,9 @@ int start_worker(EX_PCX* pcx, mail_office& desk, qx7_error* error) {
     desk.stopping = false;
     copy_text(desk.thread.th_name, "mail");
     if (desk.stop_fd < 0) {
-        return qx_error_set(error, -1, errno, number_mail_socket, "eventfd|%u|%s|",
-                            static_cast<unsigned>(errno), strerror(errno));
+        const int number = errno;
+        return qx_error_set(error, -1, number, number_mail_socket, "%s",
+                            call_insert("eventfd", number).c_str());
     }
     desk.running = StartWorkerThread(&desk.thread, mail_worker, nullptr, error) == 0;
     return desk.running ? 0 : -1;

@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "base/base64.h"
+#include "base/error_text.h"
 #include "base/message_numbers.h"
 #include "base/text.h"
 #include "identity/user_files.h"
@@ -27,8 +28,8 @@ constexpr size_t text_line_max = 998;
 constexpr size_t quoted_line_max = 76;
 
 int file_error(const MailData& piece, int number, qx7_error* error) {
-    return qx_error_set(error, -1, number, number_mail_file, "%s|%u|%s|", piece.fileName.c_str(),
-                        static_cast<unsigned>(number), strerror(number));
+    return qx_error_set(error, -1, number, number_mail_file, "%s",
+                        call_insert(piece.fileName, number).c_str());
 }
 
 // Fills `block` as far as the file goes. -1 with number_mail_file, also when it ends before its size.

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "base/error_text.h"
 #include "base/message_numbers.h"
 #include "base/text.h"
 #include "messages/records_common.h"
@@ -114,8 +115,8 @@ int mail_read_order(message_view view, mail_order* order, qx7_error* error) {
         return qx_error_set(error, -1, EINVAL, number_mail_address, "%s|", second ? "SNDMAIL2" : "SNDMAIL");
     }
     if (order->attachments.size() > mail_attachments_max) {
-        return qx_error_set(error, -1, E2BIG, number_mail_file, "%s|%u|%s|",
-                            order->attachments.back().c_str(), static_cast<unsigned>(E2BIG), strerror(E2BIG));
+        return qx_error_set(error, -1, E2BIG, number_mail_file, "%s",
+                            call_insert(order->attachments.back(), E2BIG).c_str());
     }
     return 0;
 }

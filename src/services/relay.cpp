@@ -14,6 +14,7 @@
 #include <memory>
 
 #include "base/base64.h"
+#include "base/error_text.h"
 #include "base/memory.h"
 #include "base/message_numbers.h"
 #include "base/text.h"
@@ -36,8 +37,8 @@ enum reply_code : int {
 };
 
 int socket_error(const SmtpSocket& line, int number, qx7_error* error) {
-    return qx_error_set(error, -1, number, number_mail_socket, "%s|%u|%s|", line.serverName.c_str(),
-                        static_cast<unsigned>(number), strerror(number));
+    return qx_error_set(error, -1, number, number_mail_socket, "%s",
+                        call_insert(line.serverName, number).c_str());
 }
 
 int reply_error(const SmtpSocket& line, int number, std::string_view what, qx7_error* error) {
@@ -419,8 +420,8 @@ int connectSocket(SmtpSocket* line, const std::string& server, int port, qx7_err
         }
     }
     line->s.reset();
-    return qx_error_set(error, -1, number, number_mail_no_connection, "%s|%u|%s|", line->serverName.c_str(),
-                        static_cast<unsigned>(number), strerror(number));
+    return qx_error_set(error, -1, number, number_mail_no_connection, "%s",
+                        call_insert(line->serverName, number).c_str());
 }
 
 int sendSmtpMail(SmtpSocket* line, const smtp_mail& mail, const relay_warning& warn, qx7_error* error) {

@@ -22,6 +22,7 @@
 #include <cstring>
 #include <vector>
 
+#include "base/error_text.h"
 #include "base/message_numbers.h"
 
 namespace {
@@ -33,9 +34,7 @@ constexpr long lock_pause = 100'000'000;  // nanoseconds
 constexpr size_t load_piece = size_t{1} << 18;
 
 int callFailed(const kvstore* db, const char* what, qx7_error* err) {
-    const int number = errno;
-    return qx_error_set(err, -1, number, number_file_call, "%s|%s|%u|%s|", what, db->db_filename.c_str(),
-                        static_cast<unsigned>(number), strerror(number));
+    return file_error(err, what, db->db_filename, errno);
 }
 
 int wrongMark(const kvstore* db, const __kvstore_record& header, qx7_error* err) {

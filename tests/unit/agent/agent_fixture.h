@@ -96,7 +96,7 @@ struct channel_context {
 
     channel_context() {
         ccm_error_t error;
-        EXPECT_EQ(ccm_open(pcx, &pcx->ccm, &error), 0) << error.msginsert;
+        EXPECT_EQ(ccm_open(pcx, &pcx->ccm, &error), 0) << error.qx_msgInsert;
         copy_text(pcx->exName, "AGENT1");
         copy_text(pcx->sysName, "TESTSYS");
         pcx->loop = LOOP_RUNNING;

@@ -160,7 +160,7 @@ struct port_of_the_agent : ::testing::Test {
 };
 
 TEST_F(port_of_the_agent, stays_its_own_between_two_listeners) {
-    ASSERT_EQ(hold(0), 0) << error.msginsert;
+    ASSERT_EQ(hold(0), 0) << error.qx_msgInsert;
     const int port = pcx->listener_port;
     EXPECT_GT(port, 0);
     EXPECT_EQ(pcx->ipPort, port) << "what the server is told";

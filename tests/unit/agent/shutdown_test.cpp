@@ -15,7 +15,7 @@ struct shutdown : ::testing::Test {
 
     void start_thread() {
         ccm_error_t error;
-        ASSERT_EQ(ccm_thread_start(pcx->ccm, &error), 0) << error.msginsert;
+        ASSERT_EQ(ccm_thread_start(pcx->ccm, &error), 0) << error.qx_msgInsert;
     }
     ~shutdown() override { ccm_thread_end(pcx->ccm); }
     // Steps until the loop is left; how often it stepped.
@@ -59,7 +59,7 @@ TEST_F(shutdown, ends_a_search_and_a_handshake_that_are_under_way) {
     cp_connection_add(pcx, "127.0.0.1", 1, 5);
     ccm_error_t error;
     const int candidate = ccm_connect(pcx->ccm, "127.0.0.1", 1, CH_TYPE_CP_CANDIDATE, nullptr, 20, &error);
-    ASSERT_GT(candidate, 0) << error.msginsert;
+    ASSERT_GT(candidate, 0) << error.qx_msgInsert;
     pcx->loop = LOOP_FAREWELL;
     shutdown_in_progress(pcx);
     EXPECT_EQ(pcx->pcx_flag & PCX_FLAG_CP_SEARCH, 0);

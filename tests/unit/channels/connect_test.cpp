@@ -56,7 +56,7 @@ TEST_F(ccm_test, a_refused_connect_tells_once_and_keeps_its_context) {
     strcpy(cuc->key, "FTX 7");
     ccm_error_t error;
     int id = ccm_connect(ccm, "127.0.0.1", closed_port(), CH_TYPE_AGENT, cuc, 10, &error);
-    ASSERT_GT(id, 0) << error.msginsert;
+    ASSERT_GT(id, 0) << error.qx_msgInsert;
     ccm_msg_t* msg = receive_record(ipc_channel_close);
     ASSERT_NE(msg, nullptr);
     ASSERT_EQ(msg->len, 2008);
@@ -80,8 +80,8 @@ TEST_F(ccm_test, a_connect_that_fails_at_once_leaves_the_context_to_the_caller) 
     ccm_error_t error;
     // A broadcast address is refused by the call itself.
     EXPECT_EQ(ccm_connect(ccm, "255.255.255.255", 80, CH_TYPE_CP_CANDIDATE, cuc, 10, &error), -1);
-    EXPECT_EQ(error.msgnr, 2000102);
-    EXPECT_EQ(std::string(error.msginsert).substr(0, 10), "connect()|");
+    EXPECT_EQ(error.qx_msgnr, 2000102);
+    EXPECT_EQ(std::string(error.qx_msgInsert).substr(0, 10), "connect()|");
     EXPECT_STREQ(cuc->key, "FTX 7");
     ccm_msg_t* msg = receive_record(ipc_channel_close);
     ASSERT_NE(msg, nullptr);
@@ -136,7 +136,7 @@ struct name_test : ccm_test {
     int connect_slow(int port, int seconds = 10) {
         const int64_t begin = alarm_now_ms();
         const int id = ccm_connect(ccm, "slow.test", port, CH_TYPE_AGENT, nullptr, seconds, &error);
-        EXPECT_GT(id, 0) << error.msginsert;
+        EXPECT_GT(id, 0) << error.qx_msgInsert;
         EXPECT_LT(alarm_now_ms() - begin, 1000) << "the main thread waited for the name";
         EXPECT_TRUE(eventually([&] { return names_asked > asked; }));
         return id;
@@ -204,7 +204,7 @@ TEST_F(ccm_test, listener_and_caller) {
     be(MODE_LISTENER);
     ccm_error_t error;
     int port = 0;
-    ASSERT_EQ(ccm_create_listen_port(ccm, "", 0, 10, &port, &error), 0) << error.msginsert;
+    ASSERT_EQ(ccm_create_listen_port(ccm, "", 0, 10, &port, &error), 0) << error.qx_msgInsert;
     ASSERT_GT(port, 0);
     partner far = call(port);
     ccm_msg_t* msg = receive_record(ipc_channel_accept);
@@ -230,7 +230,7 @@ TEST_F(ccm_test, listener_and_caller) {
     EXPECT_EQ(close_event(id).msgnr, 2000064);
     EXPECT_TRUE(far.ended());
     EXPECT_EQ(ccm_create_listen(ccm, "", port, 10, &error), -1);
-    EXPECT_EQ(std::string(error.msginsert).substr(0, 6), "bind(:");
+    EXPECT_EQ(std::string(error.qx_msgInsert).substr(0, 6), "bind(:");
     EXPECT_EQ(ccm_get_nof_connections(ccm), 1);
 }
 
@@ -303,7 +303,7 @@ struct accept_test : ccm_test {
         start();
         be(MODE_LISTENER);
         ccm_error_t error;
-        EXPECT_EQ(ccm_create_listen_port(ccm, "*LOCAL", 0, 64, &port, &error), 0) << error.msginsert;
+        EXPECT_EQ(ccm_create_listen_port(ccm, "*LOCAL", 0, 64, &port, &error), 0) << error.qx_msgInsert;
         family = (ccm->flag.load() & CCM_FLAG_IPV6) != 0 ? AF_INET6 : AF_INET;
     }
     ~accept_test() override { ccm_limits = kept; }
@@ -382,7 +382,7 @@ TEST_F(ccm_test, a_connection_carries_messages_both_ways) {
     const int listener = listen_on_loopback(&port);
     ASSERT_GE(listener, 0);
     int id = ccm_connect(ccm, "[127.0.0.1]", port, CH_TYPE_CP_CANDIDATE, nullptr, 10, &error);
-    ASSERT_GT(id, 0) << error.msginsert;
+    ASSERT_GT(id, 0) << error.qx_msgInsert;
     EXPECT_EQ(ccm_is_cp_connecting(ccm, "127.0.0.1", port, &error), 1);
     EXPECT_EQ(ccm_is_cp_connecting(ccm, "127.0.0.1", 1, &error), 0);
     partner far(accept(listener, nullptr, nullptr));

@@ -203,7 +203,7 @@ ccm_test::~ccm_test() {
 
 void ccm_test::start() {
     ccm_error_t error;
-    ASSERT_EQ(ccm_thread_start(ccm, &error), 0) << error.msginsert;
+    ASSERT_EQ(ccm_thread_start(ccm, &error), 0) << error.qx_msgInsert;
 }
 
 void ccm_test::be(int mode) {

@@ -45,7 +45,7 @@ TEST_F(ccm_test, the_pool_keeps_64_standard_messages_and_no_other) {
     free(again);
     ccm_error_t error;
     EXPECT_EQ(ccm_msg_alloc_huge(ccm, -1, &error), nullptr);
-    EXPECT_EQ(error.msgnr, 3301);
+    EXPECT_EQ(error.qx_msgnr, 3301);
     EXPECT_EQ(ccm_msg_alloc_huge(ccm, 100000000, &error), nullptr);
 }
 

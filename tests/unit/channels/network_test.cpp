@@ -293,7 +293,7 @@ TEST_F(ccm_test, messages_for_a_channel_to_come_wait_in_order) {
     ccm_error_t error;
     ASSERT_EQ(ccm_forward_NAT_message(ccm, request, 0, "*IPC(FTX,7)", &error, 1), 0);
     EXPECT_EQ(ccm_forward_NAT_message(ccm, request, 0, "*IPC(FTX,8)", &error, 1), -1);
-    EXPECT_NE(error.msgnr, 0);
+    EXPECT_NE(error.qx_msgnr, 0);
     free(request);
     for (int i = 5; i < ccm_msg_kept_max + 5; ++i) {
         bytes frame = far.frame();
