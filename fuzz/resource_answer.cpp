@@ -28,10 +28,10 @@ constexpr fuzz_order refusal = {"GETFILE", "QUITT   ", nullptr};
 // A request in the form that the server writes, its values from the source.
 std::string request(byte_source* source) {
     RCV_CD record{};
-    put_field(record.cd_requesttype, "GETFILE ");
+    put_text(record.cd_requesttype, "GETFILE ");
     const std::string_view name = source->text();
-    put_field(record.cd_filename, sandbox().folder + "/home/" + (name.empty() ? "file" : std::string(name)));
-    put_field(record.cd_loginobject, "LOGIN");
+    put_text(record.cd_filename, sandbox().folder + "/home/" + (name.empty() ? "file" : std::string(name)));
+    put_text(record.cd_loginobject, "LOGIN");
     record.cd_blocksize = source->byte() << (source->byte() % 24);
     record.cd_records = static_cast<int8_t>(source->byte());
     record.cd_pos = static_cast<int8_t>(source->byte());

@@ -65,10 +65,10 @@ message_bytes item_content(byte_source* source, unsigned char key) {
     if (key == 65) {
         SERVER_DATA data;
         memset(&data, ' ', sizeof data);
-        put_field(data.cSrvName, source->text());
+        put_text(data.cSrvName, source->text());
         const std::string_view system = source->text();
-        put_field(data.cSysName, system.empty() ? "FUZZ" : system);
-        put_field(data.cConCnt, source->text());
+        put_text(data.cSysName, system.empty() ? "FUZZ" : system);
+        put_text(data.cConCnt, source->text());
         const auto* bytes = reinterpret_cast<const unsigned char*>(&data);
         body.assign(bytes, bytes + sizeof data);
     }

@@ -29,9 +29,9 @@ constexpr size_t answer_head_size = sizeof(MSG_TYPE_XML_DATA);
 
 std::string request_text(const std::string& key, const cp_file_wish& wish, unsigned user_id) {
     RCV_CD record{};
-    put_field(record.cd_requesttype, "GETFILE");
-    put_field(record.cd_filename, wish.path);
-    put_field(record.cd_loginobject, "LOGIN." + key);
+    put_text(record.cd_requesttype, "GETFILE");
+    put_text(record.cd_filename, wish.path);
+    put_text(record.cd_loginobject, "LOGIN." + key);
     record.cd_blocksize = wish.block_size;
     record.cd_records = wish.lines;
     record.cd_client = 100;

@@ -190,12 +190,11 @@ int process_quitt(EX_PCX* pcx, ccm_msg_t* msg, int) {
     const auto quitt = view_record<MSG_TYPE_QUITT>(view);
     const bool has_content = quitt.msg_dist != 0 && quitt.msg_len != 0;
     const std::string insert =
-        printable(has_content ? view_text(view, quitt.msg_dist, quitt.msg_len) : get_field(quitt.msg_insert));
+        printable(has_content ? view_text(view, quitt.msg_dist, quitt.msg_len) : get_text(quitt.msg_insert));
     if (quitt.msgnr > 0) {
         __log(quitt.msgnr, "%s", insert.c_str());
     }
-    if (field_is(quitt.msg, sizeof quitt.msg, "EXSTART2") &&
-        field_is(quitt.quitt, sizeof quitt.quitt, "NK")) {
+    if (get_text(quitt.msg) == "EXSTART2" && get_text(quitt.quitt) == "NK") {
         initiate_agent_shutdown(pcx);  // the server does not want this agent
     }
     return 0;

@@ -81,12 +81,12 @@ int take_token(EX_PCX* pcx, std::span<const unsigned char> bytes, gss_cred_id_t*
 }
 
 int check_partner(const MSG_TYPE_CONNECT& order, qx7_error* error) {
-    const std::string name(get_field(order.name));
-    const bool good = ccm_name_acceptable(name.data(), name.size()) && !get_field(order.ipaddr).empty() &&
+    const std::string name(get_text(order.name));
+    const bool good = ccm_name_acceptable(name.data(), name.size()) && !get_text(order.ipaddr).empty() &&
                       order.port > 0 && order.port <= port_max;
     return good ? 0
                 : qx_error_set(error, -1, EINVAL, number_read_failed, "%s:%d|%s|",
-                               printable(get_field(order.ipaddr)).c_str(), order.port, strerror(EINVAL));
+                               printable(get_text(order.ipaddr)).c_str(), order.port, strerror(EINVAL));
 }
 
 ccm_connect_user_context_t* new_context(const MSG_TYPE_CONNECT& order, const ccm_msg_t* msg,
@@ -96,7 +96,7 @@ ccm_connect_user_context_t* new_context(const MSG_TYPE_CONNECT& order, const ccm
         return nullptr;
     }
     copy_text(context->key, connect_key_transfer);
-    copy_text(context->name, get_field(order.name));
+    copy_text(context->name, get_text(order.name));
     context->client = order.header.i2Mandant;
     context->user = static_cast<int>(order.header.i4UsrIdNr);
     context->ccmaddr = msg->addr;
@@ -114,7 +114,7 @@ int connect_partner(EX_PCX* pcx, const ccm_msg_t* msg, const MSG_TYPE_CONNECT& o
     }
     int result = take_token(pcx, token, &context->pDelegCred, error);
     if (result == 0) {
-        const std::string address(get_field(order.ipaddr));
+        const std::string address(get_text(order.ipaddr));
         result =
             ccm_connect(pcx->ccm, address.c_str(), order.port, CH_TYPE_AGENT, context, pcx->connwait, error);
     }
@@ -156,12 +156,12 @@ int agent_connection_established(EX_PCX* pcx, int id) {
 
 void agent_connection_closed(EX_PCX* pcx, const ccm_channel_image_t& channel,
                              const ccm_connect_user_context_t& context) {
-    if (channel.cuc == 0 || !field_is(context.key, sizeof context.key, connect_key_transfer)) {
+    if (channel.cuc == 0 || get_text(context.key) != connect_key_transfer) {
         return;
     }
     std::string insert = channel.msginsert;
     if (channel.msgnr == 0) {
-        insert = printable(get_field(channel.name)) + "|" + strerror(ECONNRESET) + "|";
+        insert = printable(get_text(channel.name)) + "|" + strerror(ECONNRESET) + "|";
     }
     // By name: the server's channel may be another one by now.
     send_quitt_extended(pcx, 0, context.ccmaddr.src_name, context.ccmaddr.dst_name, context.ccmaddr.src_acv,

@@ -31,7 +31,7 @@ constexpr int quitt_module_unknown = 7;
 
 // The module of the message as it came, made harmless for the log.
 std::string shown(const char* field) {
-    return printable(get_field(field, 64));
+    return printable(get_text(field, 64));
 }
 
 // Two agents that do not know each other's modules would answer each other for ever.

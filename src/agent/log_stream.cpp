@@ -120,7 +120,7 @@ int process_chglog(EX_PCX* pcx, ccm_msg_t* msg, int) {
     const auto order = view_record<MSG_TYPE_CHGLOG>(view_of(msg));
     __log(number_log_report, "%d|", order.ah_idnr);
     send_log2server(pcx, log_blocks_at_end);
-    put_field(pcx->report_b_name, get_field(msg->addr.src_name));
+    put_text(pcx->report_b_name, get_text(msg->addr.src_name));
     start_new_log(pcx);
 
     message_builder<MSG_TYPE_CHGLOGQU> answer(order.header);

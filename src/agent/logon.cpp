@@ -103,8 +103,8 @@ void fill_version(MSG_TYPE_VERS* version) {
     version->major = qx_major;
     version->minor = qx_minor;
     version->patch = qx_patch;
-    put_field(version->release_id, qx_build);
-    put_field(version->remote_id, "");
+    put_text(version->release_id, qx_build);
+    put_text(version->remote_id, "");
     memset(version->filler, ' ', sizeof version->filler);
 }
 
@@ -131,7 +131,7 @@ void fill_address(const EX_PCX* pcx, MSG_TYPE_EXSTART2* start) {
             __log_error(error);
         }
     }
-    put_field(start->ipadr, address);
+    put_text(start->ipadr, address);
     start->ipport = pcx->ipPort;
 }
 
@@ -148,24 +148,24 @@ void fill_components(EX_PCX* pcx, MSG_TYPE_EXSTART2* start) {
 
 void fill_start(EX_PCX* pcx, MSG_TYPE_EXSTART2* start) {
     const _ExecutorVar* var = pcx->pcx_varex;
-    put_field(start->host, pcx->exName);
-    put_field(start->hw, hardware_text(var));
-    put_field(start->sw, var->OS_sysname);
-    put_field(start->sw_vers, var->OS_release);
+    put_text(start->host, pcx->exName);
+    put_text(start->hw, hardware_text(var));
+    put_text(start->sw, var->OS_sysname);
+    put_text(start->sw_vers, var->OS_release);
     fill_version(&start->version);
     start->reserved1 = ' ';
     start->starttype = var->ExStart_Typ;
     char files[16];
     snprintf(files, sizeof files, "%10i", pcx->OpenFileMax);
-    put_field(start->processid, files);
+    put_text(start->processid, files);
     memset(start->filler, ' ', sizeof start->filler);
     start->ah_idnr = pcx->report_id;
     memcpy(start->rep_type, pcx->report_type, sizeof start->rep_type);
     start->service = service_bits | (pcx->pcx_smtpMail != 0 ? service_mail : 0);
     fill_times(pcx, start);
     fill_address(pcx, start);
-    put_field(start->codename, var->QxHostCode);
-    put_field(start->jclvar, var->QxHostJclVar);
+    put_text(start->codename, var->QxHostCode);
+    put_text(start->jclvar, var->QxHostJclVar);
     start->cpu_count = var->activeCPU;
     memset(start->filler2, ' ', sizeof start->filler2);
     fill_components(pcx, start);

@@ -190,7 +190,7 @@ void take_block_and_code(EX_PCX* pcx, const logon_answer& answer, message_view v
 }
 
 void take_server_version(EX_PCX* pcx, const logon_answer& answer) {
-    const std::string release(get_field(answer.version.release_id));
+    const std::string release(get_text(answer.version.release_id));
     snprintf(pcx->srvVers, sizeof pcx->srvVers, "%d.%d.%d%.40s", answer.version.major, answer.version.minor,
              answer.version.patch, printable(release).c_str());
 }

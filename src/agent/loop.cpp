@@ -155,7 +155,7 @@ int process_system_shutdown(EX_PCX* pcx, ccm_msg_t* msg) {
     memcpy(&order, msg->msg_start,
            msg->len < static_cast<int>(sizeof order) ? static_cast<size_t>(msg->len) : sizeof order);
     if (order.lMsgNr != 0) {
-        __log(order.lMsgNr, "%s|", printable(get_field(order.cMsgIns)).c_str());
+        __log(order.lMsgNr, "%s|", printable(get_text(order.cMsgIns)).c_str());
     }
     return initiate_agent_shutdown(pcx);
 }

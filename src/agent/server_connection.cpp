@@ -118,7 +118,7 @@ void write_cp_list(EX_PCX* pcx, const std::string& list) {
 }
 
 std::string trimmed(const char* field, size_t size) {
-    return std::string(strip(get_field(field, size)));
+    return std::string(strip(get_text(field, size)));
 }
 
 // Copies a name into the channel; false when the channel has gone.
@@ -244,7 +244,7 @@ int process_cp_server_list(EX_PCX* pcx, ccm_msg_t* msg) {
 int send_visitcard(EX_PCX* pcx, int channel_id) {
     executor_data card;
     memset(&card, ' ', sizeof card);
-    put_field(card.name, pcx->exName);
+    put_text(card.name, pcx->exName);
     card.ipPort = static_cast<uint32_t>(pcx->ipPort);
     card.flag = executor_card_flag;
     memset(card.key_hash, 0, sizeof card.key_hash);
@@ -480,6 +480,6 @@ int send_srvquery(EX_PCX* pcx) {
 
 int send_exstop(EX_PCX* pcx) {
     message_builder<MSG_TYPE_EXSTOP> stop(0, 0);
-    put_field(stop->host, pcx->exName);
+    put_text(stop->host, pcx->exName);
     return send_built(pcx->ccm, stop, to_server(pcx, variables_module, own_module));
 }

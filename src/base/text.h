@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -13,19 +14,23 @@
 // ----------------------------------------------------------------------------------------
 
 // Copies text into a field of `width` bytes, cut, and fills the rest with blanks. No NUL.
-void put_field(char* field, size_t width, std::string_view text);
+void put_text(char* field, size_t width, std::string_view text);
 template <size_t N>
-void put_field(char (&field)[N], std::string_view text) {
-    put_field(field, N, text);
+void put_text(char (&field)[N], std::string_view text) {
+    put_text(field, N, text);
 }
 // What a field holds: up to its first NUL, without trailing blanks. A view into the field.
-std::string_view get_field(const char* field, size_t width);
+std::string_view get_text(const char* field, size_t width);
 template <size_t N>
-std::string_view get_field(const char (&field)[N]) {
-    return get_field(field, N);
+std::string_view get_text(const char (&field)[N]) {
+    return get_text(field, N);
 }
-// True when the field holds exactly `text`, blanks aside.
-bool field_is(const char* field, size_t width, std::string_view text);
+
+// Texts that a NUL or the end of the field ends: their blanks count. A view into the field.
+template <size_t N>
+std::string_view field_text(const char (&field)[N]) {
+    return {field, strnlen(field, N)};
+}
 
 // Copies into a NUL-terminated buffer, at most size - 1 bytes. Result: bytes copied; less than text.size()
 // when cut.

@@ -5,7 +5,7 @@
 
 #include "base/text.h"
 
-void put_field(char* field, size_t width, std::string_view text) {
+void put_text(char* field, size_t width, std::string_view text) {
     const size_t length = std::min(width, text.size());
     if (length != 0) {
         memmove(field, text.data(), length);
@@ -13,16 +13,12 @@ void put_field(char* field, size_t width, std::string_view text) {
     memset(field + length, ' ', width - length);
 }
 
-std::string_view get_field(const char* field, size_t width) {
+std::string_view get_text(const char* field, size_t width) {
     size_t length = width == 0 ? 0 : strnlen(field, width);  // a field that did not come has no place either
     while (length > 0 && field[length - 1] == ' ') {
         --length;
     }
     return {field, length};
-}
-
-bool field_is(const char* field, size_t width, std::string_view text) {
-    return get_field(field, width) == text;
 }
 
 size_t copy_text(char* out, size_t size, std::string_view text) {

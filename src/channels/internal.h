@@ -154,9 +154,3 @@ enum ccm_classified : int {
 };
 // Judges a whole frame (`len` bytes at `msg_start`), opens its seal, reads its items, converts it.
 ccm_classified ccm_classify_message(ccm_context_t* ccm, ccm_channel_t* channel, ccm_msg_t* msg);
-
-// A text field as a view, up to its NUL.
-template <size_t N>
-std::string_view field_text(const char (&field)[N]) {
-    return {field, strnlen(field, N)};
-}

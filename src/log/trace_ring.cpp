@@ -94,8 +94,7 @@ void fill_content(_ring_trace* entry, std::string_view text, const void* address
     if (cut) {
         char note[truncation_note + 1];
         snprintf(note, sizeof note, "*** DUMP AREA TRUNCATED TO %zu bytes ***", dump_length);
-        put_field(reinterpret_cast<char*>(entry->dump) + dump_length - truncation_note, truncation_note,
-                  note);
+        put_text(reinterpret_cast<char*>(entry->dump) + dump_length - truncation_note, truncation_note, note);
     }
 }
 

@@ -3,20 +3,6 @@
 #include <algorithm>
 #include <cstring>
 
-void put_text(char* field, size_t size, std::string_view text) {
-    size_t length = std::min(size, text.size());
-    if (length > 0)
-        memcpy(field, text.data(), length);  // an empty view may have no place
-    memset(field + length, ' ', size - length);
-}
-
-std::string_view get_text(const char* field, size_t size) {
-    size_t length = strnlen(field, size);
-    while (length > 0 && field[length - 1] == ' ')
-        length--;
-    return {field, length};
-}
-
 void CreateQxHeadm(QX_HEADM* head, std::string_view type, uint16_t mandant, uint32_t usridnr) {
     put_text(head->msg_typ, type);
     set_message_version(head, 1);

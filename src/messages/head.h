@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string_view>
 
+#include "base/text.h"
+
 inline constexpr size_t message_type_size = 8;
 
 #pragma pack(push, 1)
@@ -32,17 +34,3 @@ int message_version(const QX_HEADM* head);
 // Whether `data` holds at least 8 bytes and begins with `type`, blank-padded to 8. Nothing is read behind
 // `length`.
 bool message_type_is(const void* data, size_t length, std::string_view type);
-
-// Copies `text` into a fixed field, cut or padded with blanks. For every padded text of a record.
-void put_text(char* field, size_t size, std::string_view text);
-template <size_t N>
-void put_text(char (&field)[N], std::string_view text) {
-    put_text(field, N, text);
-}
-
-// A padded field without its trailing blanks and NUL bytes; it ends at a NUL inside. A view into the field.
-std::string_view get_text(const char* field, size_t size);
-template <size_t N>
-std::string_view get_text(const char (&field)[N]) {
-    return get_text(field, N);
-}

@@ -92,7 +92,7 @@ int refuse(EX_PCX* pcx, const ccm_msg_t* msg, const std::string& key, const qx7_
 int check_login(EX_PCX* pcx, GETF_PL* request, std::span<const unsigned char> content, qx7_error* error) {
     const std::string_view text(reinterpret_cast<const char*>(content.data()), content.size());
     const std::string_view user = text.substr(0, login_info_size);
-    request->gf_sLoginInfo = get_field(user.data(), user.size());
+    request->gf_sLoginInfo = get_text(user.data(), user.size());
     if (request->gf_sLoginInfo.empty()) {
         // The agent's own rights are nobody's to borrow.
         return FillMessageOnPasswordError(error, ENOENT, "");
@@ -282,7 +282,7 @@ GETF_PL* create_fileReqEntry(EX_PCX* pcx, const ccm_msg_t* msg, qx7_error* error
     }
     if (!room_for_request(pcx)) {
         qx_error_set(error, -1, EBUSY, number_file_read_failed, "%s|%s|",
-                     printable(get_field(wanted.cdata.cd_filename)).c_str(), file_requests_busy);
+                     printable(get_text(wanted.cdata.cd_filename)).c_str(), file_requests_busy);
         return nullptr;
     }
     GETF_PL* request = &requests().emplace_front();
@@ -298,8 +298,8 @@ GETF_PL* create_fileReqEntry(EX_PCX* pcx, const ccm_msg_t* msg, qx7_error* error
     request->gf_records = wanted.cdata.cd_records;
     request->gf_blocksize = static_cast<size_t>(wanted.cdata.cd_blocksize);
     request->gf_maxRecSize = request->gf_blocksize - static_cast<size_t>(file_request_block_min);
-    request->gf_sFileName = get_field(wanted.cdata.cd_filename);
-    request->gf_loginobject = get_field(wanted.cdata.cd_loginobject);
+    request->gf_sFileName = get_text(wanted.cdata.cd_filename);
+    request->gf_loginobject = get_text(wanted.cdata.cd_loginobject);
     request->gf_b = msg->addr;
     request->gf_timeStamp = alarm_now();
     return request;

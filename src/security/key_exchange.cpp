@@ -28,10 +28,6 @@ uint64_t next_prime(size_t at) {
     return 0;
 }
 
-std::string_view field_text(const char field[32]) {
-    return rstrip({field, strnlen(field, 32)});
-}
-
 // The four shared values, in the order of a transfer, are the key.
 int shared_key(const key_manager& keys, const uint64_t private_numbers[4], const uint64_t public_values[4],
                uint8_t key[gss_key_size]) {
@@ -50,10 +46,10 @@ int shared_key(const key_manager& keys, const uint64_t private_numbers[4], const
 // Agrees on a key for a start package that could be opened, and stores it.
 int serve_start_package(key_manager* keys, std::string_view name, const startpack& start,
                         uint64_t public_values[4]) {
-    if (field_text(start.pExName) != rstrip(name)) {
+    if (rstrip(field_text(start.pExName)) != rstrip(name)) {
         return KM_WRONG_DATA;
     }
-    int number = check_plugin(field_text(start.pKStorePlug), nullptr);
+    int number = check_plugin(rstrip(field_text(start.pKStorePlug)), nullptr);
     if (number != KM_OK) {
         return number;
     }

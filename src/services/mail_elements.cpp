@@ -90,7 +90,7 @@ template <class Message, class Record>
 bool read_elements(message_view view, mail_order* order) {
     const auto message = view_record<Message>(view);
     order->ah_idnr = message.ah_idnr;
-    order->subject = get_field(message.subject);
+    order->subject = get_text(message.subject);
     if (message.entries <= 0) {
         return true;
     }

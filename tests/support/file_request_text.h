@@ -22,9 +22,9 @@ struct file_wish {
 
 inline std::string file_request_record(const file_wish& wish) {
     RCV_CD record{};
-    put_field(record.cd_requesttype, wish.request_type);
-    put_field(record.cd_filename, wish.file);
-    put_field(record.cd_loginobject, wish.login);
+    put_text(record.cd_requesttype, wish.request_type);
+    put_text(record.cd_filename, wish.file);
+    put_text(record.cd_loginobject, wish.login);
     record.cd_blocksize = wish.blocksize;
     record.cd_records = wish.records;
     record.cd_client = 100;

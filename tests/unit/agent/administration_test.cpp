@@ -45,7 +45,7 @@ struct administration : ::testing::Test {
 
 MSG_TYPE_TRCSET trace_order(int version, std::string_view flags, std::string_view trigger) {
     auto order = new_message<MSG_TYPE_TRCSET>(0, 0, version);
-    put_field(order.flags, flags);
+    put_text(order.flags, flags);
     order.max_size = 64;
     order.trigger_type = 'T';
     order.mem_trace = 'N';
@@ -105,22 +105,22 @@ TEST_F(administration, tells_the_trace_settings_in_the_form_that_was_asked_for) 
     auto query = new_message<MSG_TYPE_TRCGET>(0, 0);
     call(process_trcget, bytes_of(query));
     EXPECT_EQ(answer<MSG_TYPE_QUITT>("QUITT").msg_len, 4) << "an older server gets four zero bytes";
-    EXPECT_EQ(get_field(answer<MSG_TYPE_QUITT>("QUITT").msg_insert), "5000000000000000");
+    EXPECT_EQ(get_text(answer<MSG_TYPE_QUITT>("QUITT").msg_insert), "5000000000000000");
 }
 
 TEST_F(administration, a_refused_logon_ends_the_agent) {
     auto quitt = new_message<MSG_TYPE_QUITT>(0, 0);
-    put_field(quitt.msg, "EXSTART2");
-    put_field(quitt.quitt, "OK");
+    put_text(quitt.msg, "EXSTART2");
+    put_text(quitt.quitt, "OK");
     call(process_quitt, bytes_of(quitt));
     EXPECT_EQ(pcx->loop, LOOP_RUNNING);
-    put_field(quitt.quitt, "NK");
-    put_field(quitt.msg, "EXSTAJ");
+    put_text(quitt.quitt, "NK");
+    put_text(quitt.msg, "EXSTAJ");
     call(process_quitt, bytes_of(quitt));
     EXPECT_EQ(pcx->loop, LOOP_RUNNING);
-    put_field(quitt.msg, "EXSTART2");
+    put_text(quitt.msg, "EXSTART2");
     quitt.msgnr = 2000999;
-    put_field(quitt.msg_insert, "not\nwanted|");
+    put_text(quitt.msg_insert, "not\nwanted|");
     call(process_quitt, bytes_of(quitt));
     EXPECT_EQ(pcx->loop, LOOP_STOP_WANTED);
     ASSERT_EQ(logged_count(2000999), 1);

@@ -66,7 +66,7 @@ std::string bytes_of(const Record& record) {
 
 MSG_TYPE_EXSTRTQ2 good_answer() {
     auto answer = new_message<MSG_TYPE_EXSTRTQ2>(0, 0, 2);
-    put_field(answer.rep_type, "LOG");
+    put_text(answer.rep_type, "LOG");
     answer.anonymous_job = 'Y';
     answer.anonymous_ft = 'N';
     answer.log_to_db = 'Y';
@@ -89,15 +89,15 @@ TEST_F(connection, start_message_passes_the_walk_and_tells_a_cold_start) {
     MSG_TYPE_EXSTART2 start;
     memcpy(&start, sent.data(), sizeof start);
     EXPECT_EQ(message_version(&start.header), 2);
-    EXPECT_EQ(get_field(start.host), "AGENT1");
+    EXPECT_EQ(get_text(start.host), "AGENT1");
     EXPECT_EQ(start.starttype, 'C');
     EXPECT_EQ(start.version.major, 12);
-    EXPECT_EQ(get_field(start.version.release_id), "+build.2108");
+    EXPECT_EQ(get_text(start.version.release_id), "+build.2108");
     EXPECT_EQ(start.service, 0x6F9Eu);
-    EXPECT_EQ(get_field(start.ipadr), "192.0.2.9");
+    EXPECT_EQ(get_text(start.ipadr), "192.0.2.9");
     EXPECT_EQ(start.ipport, 2300);
     EXPECT_EQ(std::string(start.processid, 10), "     32768");
-    EXPECT_EQ(get_field(start.hw).find_first_of(" /"), std::string_view::npos);
+    EXPECT_EQ(get_text(start.hw).find_first_of(" /"), std::string_view::npos);
     EXPECT_EQ(start.vardist, 1120);
     EXPECT_EQ(start.varanz, 5) << "two folders and three presets without an INI file";
 }
@@ -272,7 +272,7 @@ struct log_stream : connection {
         EXPECT_EQ(CreateLogHandle(pcx), 0);
         ZULOGG_UseMsg(pcx->logHnd, true);
         ZULOGG_FreeMsg(pcx->logHnd);
-        put_field(pcx->report_type, "LOG");
+        put_text(pcx->report_type, "LOG");
         pcx->report_id = pcx->report_id_neu = 5;
         pcx->pcx_flag |= PCX_FLAG_LOGGED_IN;
     }
@@ -359,7 +359,7 @@ TEST_F(connection, after_a_card_with_another_name_no_other_counts) {
     const auto present = [&](const char* name) {
         executor_data card;
         memset(&card, ' ', sizeof card);
-        put_field(card.name, name);
+        put_text(card.name, name);
         ccm_msg_t* msg = channels.received(std::string(reinterpret_cast<const char*>(&card), sizeof card));
         msg->addr.src_ID = id;
         const int result = process_executor_data(pcx, msg);

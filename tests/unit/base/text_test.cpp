@@ -50,19 +50,19 @@ TEST(Wildcards, ManyStarsStayFast) {
 
 TEST(Fields, KeepTheirWidth) {
     char field[8];
-    put_field(field, "abc");
+    put_text(field, "abc");
     EXPECT_EQ(memcmp(field, "abc     ", 8), 0);
-    put_field(field, "abcdefghij");
+    put_text(field, "abcdefghij");
     EXPECT_EQ(memcmp(field, "abcdefgh", 8), 0);
-    EXPECT_EQ(get_field(field), "abcdefgh");
+    EXPECT_EQ(get_text(field), "abcdefgh");
     memcpy(field, "ab\0cdef ", 8);
-    EXPECT_EQ(get_field(field), "ab");
+    EXPECT_EQ(get_text(field), "ab");
     fix_len_reorg(field, 8);
     EXPECT_EQ(memcmp(field, "ab      ", 8), 0);
     EXPECT_EQ(EatTrailing(field, 8), 2U);
     EXPECT_EQ(memcmp(field, "ab\0\0\0\0\0\0", 8), 0);
     char blanks[4] = {' ', ' ', ' ', ' '};
-    EXPECT_EQ(get_field(blanks), "");
+    EXPECT_EQ(get_text(blanks), "");
     char text[] = "  a b  ";
     EXPECT_EQ(EatString(text), 3U);
     EXPECT_STREQ(text, "a b");

@@ -25,7 +25,7 @@ namespace {
 
 std::string order_of(const std::vector<std::pair<char, std::string>>& elements) {
     message_builder<MSG_TYPE_SNDMAIL2> order(1, 2);
-    put_field(order->subject, "a subject");
+    put_text(order->subject, "a subject");
     order->ah_idnr = 77;
     order.begin_table(MSG_TYPE_SNDMAIL2::sub, elements.size());
     for (const auto& [type, text] : elements) {
