@@ -117,15 +117,6 @@ std::string_view path_folder_name(std::string_view path) {
     return path.substr(0, slash == 0 ? 1 : slash);
 }
 
-bool path_is_plain_relative(std::string_view path) {
-    for (std::string_view part : split_words(path, '/')) {
-        if (part.empty() || part == "." || part == ".." || part.find('\0') != std::string_view::npos) {
-            return false;
-        }
-    }
-    return true;
-}
-
 std::string path_clean(std::string_view path) {
     std::string clean;
     if (!path.empty() && path.front() == '/') {

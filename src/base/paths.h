@@ -22,8 +22,6 @@ int Back_Dir(char* path);
 // The part behind the last '/' and the part before it ("" when there is none, "/" for the root).
 std::string_view path_file_name(std::string_view path);
 std::string_view path_folder_name(std::string_view path);
-// True for a relative name without empty parts, "." and "..".
-bool path_is_plain_relative(std::string_view path);
 // Removes repeated slashes and "." parts; ".." stays.
 std::string path_clean(std::string_view path);
 

@@ -66,30 +66,6 @@ TEST_F(commands, output_and_code_come_straight_back) {
     EXPECT_TRUE(wait_until(5000, [&] { return no_output_left(); }));
 }
 
-TEST_F(commands, are_answered_without_sigchld_too) {
-    host = std::make_unique<installation>("NOSIGCMD", port());
-    host->ini["GLOBAL"]["sigchld"] = "no";
-    host->start();
-    ASSERT_TRUE(wait_logon("NOSIGCMD")) << story() << host->log();
-    cp_answer answer;
-    exec(answer, "echo out");
-    ASSERT_TRUE(answered(answer)) << "long before its limit" << host->log();
-    EXPECT_EQ(answer.number, 2000172);
-    EXPECT_EQ(answer.data, "out\r\n");
-    EXPECT_TRUE(wait_until(5000, [&] { return no_output_left(); }));
-}
-
-TEST_F(commands, what_runs_at_the_agents_end_leaves_no_file) {
-    start("ENDCMD");
-    cp_answer answer;
-    exec(answer, "exec sleep 60");
-    ASSERT_TRUE(wait(5000, [&] { return host->log_has("2000169"); })) << host->log();
-    EXPECT_FALSE(no_output_left());
-    ASSERT_TRUE(cp_stop_agent(server.get(), "ENDCMD"));
-    ASSERT_TRUE(wait(10000, [&] { return !host->agent.running(); }));
-    EXPECT_TRUE(no_output_left());
-}
-
 TEST_F(commands, a_greedy_command_blocks_nobody_and_ends_at_its_limit) {
     cp_server_options(server.get()).command_limit = 2;
     start("GREEDY");
@@ -119,20 +95,6 @@ TEST_F(commands, a_greedy_command_blocks_nobody_and_ends_at_its_limit) {
     EXPECT_TRUE(wait_until(5000, [&] { return no_output_left(); })) << host->log();
     EXPECT_TRUE(host->log_has("2001091")) << host->log();
     EXPECT_TRUE(wait_until(5000, [&] { return host->log_has("still run"); })) << "the children that were left";
-}
-
-TEST_F(commands, a_cancelled_command_gets_no_answer) {
-    start("CANCELCMD");
-    cp_answer first, second, last;
-    const int number = exec(first, "sleep 60");
-    exec(second, "sleep 60");
-    ASSERT_TRUE(cp_exec_cancel(server.get(), "CANCELCMD", number));
-    ASSERT_TRUE(cp_exec_cancel(server.get(), "CANCELCMD", 0));
-    exec(last, "echo done");
-    ASSERT_TRUE(answered(last)) << host->log();
-    EXPECT_TRUE(wait_until(5000, [&] { return no_output_left(); }));
-    EXPECT_TRUE(host->log_has("2001092") && host->log_has("2000173")) << host->log();
-    EXPECT_EQ(first.status + second.status, "");
 }
 
 TEST_F(commands, the_answer_finds_the_server_after_a_lost_line) {

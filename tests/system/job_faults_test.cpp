@@ -85,7 +85,7 @@ TEST_F(jobs, registers_texts_variables_and_files) {
     EXPECT_TRUE(host.log_has("STEP2")) << host.log();
 }
 
-TEST_F(jobs, fetches_reports_by_pattern_tail_and_block) {
+TEST_F(jobs, fetches_reports_and_erases_them) {
     start_agent();
     const int run = submit("i=0; while [ $i -lt 3000 ]; do echo \"line $i of the report\"; i=$((i+1)); done\n"
                            "echo Error at the end\n", "", "", "", false);
@@ -97,63 +97,15 @@ TEST_F(jobs, fetches_reports_by_pattern_tail_and_block) {
     expected += "Error at the end\n";
     EXPECT_EQ(report(run), expected);
 
-    auto fetch = [&](cp_report_wish wish) {
-        wish.path = server_folder.path + "/part";
-        cp_answer answer;
-        EXPECT_TRUE(cp_fetch_report(server.get(), run, wish, [&](const cp_answer& a) { answer = a; }));
-        EXPECT_TRUE(wait(10000, [&] { return !answer.status.empty(); })) << story();
-        EXPECT_EQ(answer.status, "OK") << answer.number << answer.insert;
-        return read_file(wish.path);
-    };
-    cp_report_wish pattern;
-    pattern.match = "ERROR*";
-    EXPECT_EQ(fetch(pattern), "Error at the end\n");
-    pattern.match = "nothing*";
-    EXPECT_EQ(fetch(pattern), "");
-    cp_report_wish small;
-    small.block_size = 200;
-    EXPECT_EQ(fetch(small), expected) << "small blocks lose nothing";
-    cp_report_wish tail;
-    tail.tail = true;
-    tail.block_size = 1000;
-    const std::string end = fetch(tail);
-    EXPECT_EQ(end.rfind("QX7:global report truncated\n", 0), 0u) << end;
-    EXPECT_TRUE(end.ends_with("line 2999 of the report\nError at the end\n")) << end;
+    cp_answer answer;
     cp_report_wish erase;
+    erase.path = server_folder.path + "/part";
     erase.erase = true;
-    EXPECT_EQ(fetch(erase), expected);
+    EXPECT_TRUE(cp_fetch_report(server.get(), run, erase, [&](const cp_answer& a) { answer = a; }));
+    EXPECT_TRUE(wait(10000, [&] { return !answer.status.empty(); })) << story();
+    EXPECT_EQ(answer.status, "OK") << answer.number << answer.insert;
+    EXPECT_EQ(read_file(erase.path), expected);
     EXPECT_NE(access(job(run).report_file.c_str(), F_OK), 0) << "erased after the transfer";
-}
-
-TEST_F(jobs, cuts_lines_that_are_longer_than_a_block) {
-    start_agent();
-    const int run = submit("echo before\nhead -c 100000 /dev/zero | tr '\\0' x\necho\necho after\n", "", "", "", false);
-    ASSERT_TRUE(wait_done(run)) << story();
-    const std::string text = report(run);
-    EXPECT_EQ(text.rfind("before\nxxx", 0), 0u);
-    EXPECT_TRUE(text.ends_with("x\nafter\n")) << text.substr(text.size() - 20);
-    EXPECT_LT(text.size(), 33000u);
-    EXPECT_TRUE(host.log_has("U00029009")) << host.log();
-}
-
-TEST_F(jobs, survives_a_report_that_became_a_pipe_or_a_link) {
-    start_agent();
-    const int run = submit("echo kept", "", "", "", false);
-    ASSERT_TRUE(wait_done(run)) << story();
-    for (const char* trick : {"pipe", "link"}) {
-        unlink(job(run).report_file.c_str());
-        if (std::string{trick} == "pipe") {
-            ASSERT_EQ(mkfifo(job(run).report_file.c_str(), 0666), 0);
-        } else {
-            ASSERT_EQ(symlink("/etc/passwd", job(run).report_file.c_str()), 0);
-        }
-        cp_answer answer;
-        cp_report_wish wish;
-        wish.path = server_folder.path + "/part";
-        ASSERT_TRUE(cp_fetch_report(server.get(), run, wish, [&](const cp_answer& a) { answer = a; }));
-        ASSERT_TRUE(wait(10000, [&] { return !answer.status.empty(); })) << trick << host.log();
-        EXPECT_EQ(answer.number, 29003) << trick;
-    }
 }
 
 TEST_F(jobs, writes_files_by_order) {

@@ -1,4 +1,4 @@
-// Stored resources through the real programs: shared questions, versions, cancel, lost lines.
+// Stored resources through the real programs: their way to the job, lost lines, what the server lost.
 #include <sys/stat.h>
 
 #include <csignal>
@@ -46,10 +46,6 @@ struct resources : server_test {
         EXPECT_NE(run, 0) << error;
         return run;
     }
-    std::string gate_script(const std::string& gate) const {
-        return "cat $QX_CLIENT_CACHE/shared\nwhile ! test -e " + gate +
-               "; do sleep 0.05; done\ncat $QX_CLIENT_CACHE/shared\n";
-    }
 };
 
 TEST_F(resources, reach_the_job_and_go_with_it) {
@@ -76,39 +72,6 @@ TEST_F(resources, reach_the_job_and_go_with_it) {
     }));
 }
 
-TEST_F(resources, twenty_jobs_ask_once) {
-    start("SHAREAGENT");
-    add("shared", "x\n");
-    std::vector<int> runs;
-    for (int i = 0; i < 20; ++i) {
-        runs.push_back(submit_with("cat $QX_CLIENT_CACHE/shared", {{"FILES", "shared", 'C'}}));
-    }
-    for (int run : runs) {
-        ASSERT_TRUE(wait_done(run)) << story() << host->log();
-        EXPECT_EQ(job(run).return_code, 0) << report(run);
-    }
-    EXPECT_EQ(questions, 1);
-}
-
-TEST_F(resources, a_new_version_waits_for_a_running_job) {
-    start("VERSIONS");
-    add("shared", "old\n");
-    const std::string gate = host->path("gate");
-    const int first = submit_with(gate_script(gate), {{"FILES", "shared", 'C'}});
-    ASSERT_TRUE(wait_state(first, cp_job_state::running)) << story() << host->log();
-    add("shared", "new\n");
-    const int second = submit_with("cat $QX_CLIENT_CACHE/shared", {{"FILES", "shared", 'C'}});
-    const int third = submit_with("true", {});
-    ASSERT_TRUE(wait_done(third)) << story();
-    EXPECT_EQ(questions, 1) << "not while the old version is in use";
-    EXPECT_EQ(job(second).state, cp_job_state::submitted);
-    write_file(gate, "");
-    ASSERT_TRUE(wait_done(first) && wait_done(second)) << story() << host->log();
-    EXPECT_NE(report(first).find("old\nold\n"), std::string::npos) << report(first);
-    EXPECT_NE(report(second).find("new\n"), std::string::npos) << report(second);
-    EXPECT_EQ(questions, 2);
-}
-
 TEST_F(resources, are_asked_for_again_after_a_lost_line) {
     start("LINEAGENT");
     add("shared", "after all\n");
@@ -120,44 +83,6 @@ TEST_F(resources, are_asked_for_again_after_a_lost_line) {
     ASSERT_TRUE(wait_done(run, 40000)) << story() << host->log();
     EXPECT_EQ(questions, 2);
     EXPECT_NE(report(run).find("after all\n"), std::string::npos) << report(run);
-}
-
-TEST_F(resources, a_job_that_waits_can_be_cancelled) {
-    start("CANCELRES");
-    add("shared", "x\n");
-    hold_back = true;
-    const int first = submit_with("true", {{"FILES", "shared", 'C'}});
-    const int second = submit_with("cat $QX_CLIENT_CACHE/shared", {{"FILES", "shared", 'C'}});
-    ASSERT_TRUE(wait(10000, [&] { return questions == 1; })) << story() << host->log();
-    cp_answer answer;
-    ASSERT_TRUE(cp_cancel(server.get(), first, [&](const cp_answer& a) { answer = a; }));
-    ASSERT_TRUE(wait(10000, [&] { return !answer.status.empty(); })) << story();
-    EXPECT_EQ(answer.number, 2001059);
-    EXPECT_EQ(answer.status, "OK");
-    ASSERT_TRUE(wait(10000, [&] { return job(first).state == cp_job_state::refused; })) << story();
-    hold_back = false;
-    cp_drop_line(server.get(), "CANCELRES");
-    ASSERT_TRUE(wait_done(second, 40000)) << story() << host->log();
-    EXPECT_EQ(job(second).return_code, 0);
-}
-
-TEST_F(resources, that_cannot_be_written_end_all_who_wait) {
-    start("BROKENRES");
-    add("shared", "x\n");
-    hold_back = true;
-    const int first = submit_with("true", {{"FILES", "shared", 'C'}});
-    const int second = submit_with("true", {{"FILES", "shared", 'C'}});
-    ASSERT_TRUE(wait(10000, [&] { return questions == 1; })) << story() << host->log();
-    std::string made;
-    ASSERT_EQ(run_program({"/bin/mkdir", "-p", host->path("resources/clients/0100/shared/in/the/way")}, made), 0) << made;
-    hold_back = false;
-    cp_drop_line(server.get(), "BROKENRES");
-    for (int run : {first, second}) {
-        ASSERT_TRUE(wait(40000, [&] { return job(run).state == cp_job_state::refused; })) << story() << host->log();
-        EXPECT_EQ(job(run).message_number, 2000242);
-    }
-    const int next = submit("exit 0");
-    EXPECT_TRUE(wait_done(next)) << story();
 }
 
 TEST_F(resources, that_the_server_lost_end_all_who_wait) {

@@ -186,17 +186,7 @@ TEST(Paths, AreCompletedAgainstExistingDirectories) {
     EXPECT_EQ(out, dir.path);
     EXPECT_EQ(createUnixPath(dir.path.c_str(), "link/none", out, &error), 0);
     EXPECT_EQ(out, dir.at("link/none"));
-    EXPECT_TRUE(path_is_plain_relative("a/b"));
-    for (const char* bad : {"", "/a", "a/../b", "a//b", "a/", "./a"}) {
-        EXPECT_FALSE(path_is_plain_relative(bad)) << bad;
-    }
     EXPECT_EQ(path_clean("//a//./b/"), "/a/b");
-    char back[] = "/a/b/";
-    EXPECT_EQ(Back_Dir(back), 0);
-    EXPECT_STREQ(back, "/a");
-    EXPECT_EQ(Back_Dir(back), 0);
-    EXPECT_STREQ(back, "/");
-    EXPECT_EQ(Back_Dir(back), -1);
 }
 
 // In a child: what stays open is what was asked for.

@@ -159,11 +159,7 @@ TEST(LaunchArguments, OptionsAndQuoting) {
     EXPECT_EQ(launch_file_argument("/tmp/a.pl", "perl", "-c"), "/tmp/a.pl") << "no command there";
 }
 
-TEST(LaunchBatch, KeysAreReplacedInOnePass) {
-    EXPECT_EQ(Change_Key("su &USER -c &User;&userx", "&user", "ann"), "su ann -c ann;annx");
-    EXPECT_EQ(Change_Key("a &user b", "&user", "&user&user"), "a &user&user b");
-    EXPECT_EQ(Change_Key("", "&user", "x"), "");
-    EXPECT_EQ(Change_Key("&use", "&user", "x"), "&use");
+TEST(LaunchBatch, PlainWordsMeanNothingToAShell) {
     for (const char* word : {"/tmp/J_1.txt", "user@host,a:b=c%d+e-f"}) {
         EXPECT_TRUE(launch_plain_word(word)) << word;
     }

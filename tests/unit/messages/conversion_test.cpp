@@ -237,22 +237,6 @@ TEST(Conversion, MeldPassesTheChannelUntouched) {
     EXPECT_EQ(logged, (std::vector<int>{1002409, 1002404, 1005415}));
 }
 
-TEST(Conversion, FindsTheContentField) {
-    image message = make_image("BIN_DATA", "01", 456);
-    set_number(&message, 240, 456);
-    set_number(&message, 244, 3);
-    add_bytes(&message, "abc");
-    content_info_t info;
-    msg_error error;
-    ASSERT_EQ(msgconv_getContentField(message.data(), message.size(), nullptr, &info, &error), 0);
-    EXPECT_EQ(info.content_field, message.data() + 456);
-    EXPECT_EQ(info.size_field, message.data() + 244);
-    image other = make_exstaj();
-    EXPECT_EQ(msgconv_getContentField(other.data(), other.size(), nullptr, &info, &error), 1);
-    EXPECT_EQ(msgconv_getContentField(other.data(), 15, nullptr, &info, &error), -1);
-    EXPECT_EQ(has_content_field(nullptr, "bin_data", 8), 1);
-}
-
 // ---- tables made for the test ----
 
 // A one-message catalogue: TEST with the given fields, and INNER.

@@ -208,17 +208,6 @@ TEST(Frame, MutatedBodiesEndCleanly) {
     EXPECT_GT(refused, 1000);
 }
 
-TEST(Frame, ExtractsProtocolData) {
-    std::string bytes = item(65, "abc") + item(7, "xy");
-    const unsigned char* src = reinterpret_cast<const unsigned char*>(bytes.data());
-    unsigned char data[3];
-    EXPECT_EQ(extract_protocol_data(src, bytes.size(), 7, data, sizeof data), 11);
-    EXPECT_EQ(memcmp(data, "abc", 3), 0);
-    EXPECT_EQ(extract_protocol_data(src, bytes.size(), 7, data, 2), -1);
-    EXPECT_EQ(extract_protocol_data(src, 10, 7, nullptr, 0), -1);
-    EXPECT_EQ(extract_protocol_data(src + 11, 4, 1, nullptr, 0), 4);
-}
-
 // ---- the frame check ----
 
 struct handle {

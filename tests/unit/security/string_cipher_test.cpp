@@ -136,24 +136,6 @@ TEST(string_cipher, the_binary_form_keeps_its_length) {
     EXPECT_EQ(data, room);
 }
 
-TEST(scrambler, applied_twice_restores_and_goes_on) {
-    for (size_t length : {0u, 1u, 128u, 129u, 256u, 257u, 3000u}) {
-        const bytes data = counting(length);
-        bytes work = data;
-        uint32_t next = memchiffre(0xDEADBEEF, work.data(), work.size());
-        if (length > 0) {
-            EXPECT_NE(data, work);
-        }
-        EXPECT_EQ(next, memchiffre(0xDEADBEEF, work.data(), work.size()));
-        EXPECT_EQ(data, work);
-    }
-    // The register: bit 0 and bit 3 decide the new top bit.
-    EXPECT_EQ(0x80000000u, getnewkey(1));
-    EXPECT_EQ(0x80000004u, getnewkey(8));
-    EXPECT_EQ(0x00000004u, getnewkey(9));
-    EXPECT_EQ(0u, getnewkey(0));
-}
-
 TEST(password, the_field_opens_under_its_number_only) {
     for (const std::string& word :
          {std::string("secret"), std::string(15, 'p'), std::string(16, 'q'), std::string(17, 'r')}) {
