@@ -35,20 +35,15 @@ int left_ms(clock_type::time_point end) {
     return left < 0 ? 0 : static_cast<int>(left);
 }
 
-}  // namespace
-
-scratch_folder::scratch_folder() {
+std::string place_of_folders() {
     const char* place = std::getenv("TMPDIR");
-    path = std::string{place != nullptr && *place != '\0' ? place : "/tmp"} + "/qx-test-XXXXXX";
-    if (mkdtemp(path.data()) == nullptr) {
-        give_up("mkdtemp");
-    }
-    chmod(path.c_str(), 0755);  // the listener and the jobs' users pass through it
+    return place != nullptr && *place != '\0' ? place : "/tmp";
 }
 
-scratch_folder::~scratch_folder() {
-    std::error_code ignored;  // nothing more can be done for a file that stays
-    fs::remove_all(path, ignored);
+}  // namespace
+
+scratch_folder::scratch_folder() : scratch(place_of_folders()) {
+    chmod(path.c_str(), 0755);
 }
 
 child_process::~child_process() {

@@ -8,13 +8,11 @@
 #include <string>
 #include <vector>
 
-// Removes the folder at the end; ends what still runs in it.
-struct scratch_folder {
-    std::string path;
+#include "scratch.h"
+
+// Below TMPDIR where that is set. The listener and the jobs' users pass through it.
+struct scratch_folder : scratch {
     scratch_folder();
-    ~scratch_folder();
-    scratch_folder(const scratch_folder&) = delete;
-    scratch_folder& operator=(const scratch_folder&) = delete;
 };
 
 // A started program. Killed at the end if it still runs.

@@ -2,21 +2,25 @@
 #pragma once
 
 #include <ctype.h>
+#include <errno.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 
 struct scratch {
     std::string path;
 
-    scratch() {
-        char name[] = "/tmp/qx_test_XXXXXX";
-        path = mkdtemp(name);
+    explicit scratch(const std::string& place = "/tmp") : path(place + "/qx_test_XXXXXX") {
+        if (mkdtemp(path.data()) == nullptr) {
+            throw std::runtime_error("mkdtemp " + path + ": " + strerror(errno));
+        }
     }
     scratch(const scratch&) = delete;
     scratch& operator=(const scratch&) = delete;

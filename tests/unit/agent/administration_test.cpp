@@ -124,8 +124,8 @@ TEST_F(administration, a_refused_logon_ends_the_agent) {
     call(process_quitt, bytes_of(quitt));
     EXPECT_EQ(pcx->loop, LOOP_STOP_WANTED);
     ASSERT_EQ(logged_count(2000999), 1);
-    for (const auto& line : logged_lines) {
-        EXPECT_EQ(line.second.find('\n'), std::string::npos) << "a partner's text stays on its line";
+    for (const auto& line : log_lines) {
+        EXPECT_EQ(line.insert.find('\n'), std::string::npos) << "a partner's text stays on its line";
     }
 }
 

@@ -19,30 +19,12 @@
 #include "channels/messages.h"
 #include "log/log.h"
 #include "log/trace.h"
+#include "log_collector.h"
 #include "own_context.h"
-
-// Log lines of this test, number and inserts.
-inline std::vector<std::pair<int, std::string>> logged_lines;
-
-inline std::mutex logged_lock;  // threads of the tested process log as well
-
-inline void collect_line(int number, const char* insert) {
-    const std::lock_guard guard(logged_lock);
-    logged_lines.emplace_back(number, insert);
-}
-
-inline int logged_count(int number) {
-    const std::lock_guard guard(logged_lock);
-    int count = 0;
-    for (const auto& line : logged_lines) {
-        count += line.first == number ? 1 : 0;
-    }
-    return count;
-}
 
 struct collected_log {
     collected_log() {
-        logged_lines.clear();
+        forget_lines();
         __log_set_logger(collect_line);
     }
     ~collected_log() { __log_set_logger(nullptr); }

@@ -78,7 +78,7 @@ TEST(dispatch, drops_application_messages_while_the_process_ends) {
     ccm_msg_t* msg = channels.received("EXAKTJ  01" + std::string(20, ' '), "NOMODULE");
     channels.pcx->loop = LOOP_STOP_WANTED;
     EXPECT_EQ(process_NAT_message(channels.pcx, channels.pcx->ccm, msg), 0);
-    EXPECT_TRUE(logged_lines.empty());
+    EXPECT_TRUE(log_lines.empty());
     ccm_msg_free(channels.pcx->ccm, msg);
 }
 

@@ -221,8 +221,8 @@ TEST_F(port_of_the_agent, when_it_is_anothers_the_agent_says_whose_and_fails_in_
                             std::to_string(getpid()) +
                             " (unit_agent), cannot be taken: no server is searched";
     int told = 0;
-    for (const auto& line : logged_lines) {
-        told += line.second.find(who) != std::string::npos ? 1 : 0;
+    for (const auto& line : log_lines) {
+        told += line.insert.find(who) != std::string::npos ? 1 : 0;
     }
     EXPECT_EQ(told, listener_start_limit);
 }

@@ -18,9 +18,9 @@ std::string content_of(const std::string& path) {
 // The file that the last failed check left, "" without one.
 std::string last_file() {
     std::string name;
-    for (const auto& line : logged_lines) {
-        if (line.first == 2000216) {
-            name = line.second.substr(0, line.second.find('|'));
+    for (const auto& line : log_lines) {
+        if (line.number == 2000216) {
+            name = line.insert.substr(0, line.insert.find('|'));
         }
     }
     return name;

@@ -18,19 +18,6 @@
 
 namespace {
 
-struct log_line {
-    int number;
-    std::string insert;
-};
-
-std::mutex log_mutex;
-std::vector<log_line> log_lines;
-
-void collect(int number, const char* insert) {
-    std::lock_guard guard(log_mutex);
-    log_lines.push_back({number, insert});
-}
-
 const uint8_t transfer_key[gss_key_size] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17};
 
 }  // namespace
@@ -163,11 +150,8 @@ void tcp_pair(int ends[2]) {
 
 ccm_test::ccm_test() {
     GlbPcx = &pcx;
-    {
-        std::lock_guard guard(log_mutex);
-        log_lines.clear();
-    }
-    __log_set_logger(collect);
+    forget_lines();
+    __log_set_logger(collect_line);
     strcpy(pcx.exName, own_name);
     strcpy(pcx.sysName, own_system);
     pcx.connwait = 10;
@@ -176,7 +160,7 @@ ccm_test::ccm_test() {
     static bool opened = false;
     if (!opened) {
         opened = true;
-        msgconv_open(&conversion, nullptr, nullptr, nullptr, collect, nullptr, 0);
+        msgconv_open(&conversion, nullptr, nullptr, nullptr, collect_line, nullptr, 0);
     }
     pcx.pcx_msgctx = &conversion;
     TCPMSG_WORK_AREA* frames = TcpMsg_Open(tcp_used_by_agent);
@@ -297,25 +281,6 @@ bool ccm_test::eventually(const std::function<bool()>& done) {
         poll(nullptr, 0, 1);
     }
     return true;
-}
-
-int ccm_test::logged(int number) {
-    std::lock_guard guard(log_mutex);
-    int count = 0;
-    for (const log_line& line : log_lines) {
-        count += line.number == number ? 1 : 0;
-    }
-    return count;
-}
-
-std::string ccm_test::log_text(int number) {
-    std::lock_guard guard(log_mutex);
-    for (const log_line& line : log_lines) {
-        if (line.number == number) {
-            return line.insert;
-        }
-    }
-    return "";
 }
 
 void ccm_test::open_security() {

@@ -17,6 +17,7 @@
 #include "channels/messages.h"
 #include "channels/network_thread.h"
 #include "channels/policy.h"
+#include "log_collector.h"
 #include "messages/frame.h"
 #include "scratch.h"
 #include "security/mechanism.h"
@@ -81,8 +82,8 @@ struct ccm_test : testing::Test {
     ccm_msg_t* nat_message(const bytes& body);
     // Waits until `done`; false after the time limit. Looks at each millisecond.
     static bool eventually(const std::function<bool()>& done);
-    int logged(int number);
-    std::string log_text(int number);
+    int logged(int number) const { return logged_count(number); }
+    std::string log_text(int number) const { return logged_text(number); }
 
     // Keys: the agent's transfer key is known to both sides.
     void open_security();

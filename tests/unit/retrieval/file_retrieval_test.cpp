@@ -1,10 +1,10 @@
 // File retrieval: requests good and bad, both directions in four encodings, blocks, time, whose rights count.
+#include "base/message_numbers.h"
 #include "retrieval/file_retrieval.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include "base/message_numbers.h"
 #include "file_request_text.h"
 #include "messages/records_report.h"
 #include "messages/records_server.h"
