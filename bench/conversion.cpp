@@ -72,8 +72,9 @@ void convert(benchmark::State& state, bytes message, bool to_lan) {
     for (auto _ : state) {
         int result = to_lan ? ToLAN(message.data(), message.size(), &ctx, 0, nullptr, &error)
                             : ToHOST(message.data(), message.size(), &ctx, 0, nullptr, &error);
-        if (result != walk_accepted)
+        if (result != walk_accepted) {
             state.SkipWithError(error.subst);
+        }
         benchmark::DoNotOptimize(result);
     }
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(message.size()));

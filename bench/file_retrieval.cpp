@@ -77,8 +77,8 @@ void run_tail(const std::string& name) {
     posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
     pid_t pid = 0;
     int status = 0;
-    if (posix_spawnp(&pid, "tail", &actions, nullptr, arguments, environ) != 0 || waitpid(pid, &status, 0) != pid ||
-        status != 0) {
+    if (posix_spawnp(&pid, "tail", &actions, nullptr, arguments, environ) != 0 ||
+        waitpid(pid, &status, 0) != pid || status != 0) {
         fail("tail");
     }
     posix_spawn_file_actions_destroy(&actions);
@@ -125,10 +125,12 @@ int main() {
         own.push_back(milliseconds_of(work, huge));
         peer.push_back(milliseconds_of(run_tail, huge));
     }
-    printf("tail of %d lines of a file of 10 GB: %.2f ms (%.2f ms with nothing in memory, aim 50), tail -n %d %.2f ms, "
-           "ratio %.2f; %zu bytes of answer; peak memory grows by %ld kB beside a file of 16 MB\n",
-           lines, median(own), median(cold), lines, median(peer), median(own) / median(peer), sent,
-           peak_kilobytes() - before);
+    printf(
+        "tail of %d lines of a file of 10 GB: %.2f ms (%.2f ms with nothing in memory, aim 50), tail -n %d "
+        "%.2f ms, "
+        "ratio %.2f; %zu bytes of answer; peak memory grows by %ld kB beside a file of 16 MB\n",
+        lines, median(own), median(cold), lines, median(peer), median(own) / median(peer), sent,
+        peak_kilobytes() - before);
     unlink(small.c_str());
     unlink(huge.c_str());
     return 0;

@@ -1,5 +1,7 @@
-// A mail with an attachment of 50 MB to a relay on loopback, beside base64 and copy alone in the same run, and the
-// memory that it takes.
+// A mail with an attachment of 50 MB to a relay on loopback, beside base64 and copy alone in the same run,
+// and the memory that it takes.
+#include "services/mail.h"
+
 #include <arpa/inet.h>
 #include <fmt/format.h>
 #include <netinet/in.h>
@@ -18,7 +20,6 @@
 #include <vector>
 
 #include "base/context.h"
-#include "services/mail.h"
 
 #ifdef QX_BENCH_OPENSSL
 #include <openssl/evp.h>
@@ -109,7 +110,8 @@ double send_once(const std::string& path, int listen_fd, int port) {
     settings.port = port;
     qx7_error error;
     const auto start = clock_type::now();
-    const int result = qxsmtp_sendMailEx(order, settings, [](int, const std::string&) {}, &error);
+    const int result = qxsmtp_sendMailEx(
+        order, settings, [](int, const std::string&) {}, &error);
     const double time = seconds_since(start);
     sink.join();
     if (result != 0) {
@@ -144,7 +146,8 @@ double copy_alone(const std::string& path) {
     std::vector<unsigned char> coded(block.size() * 2);
     for (size_t n; (n = std::fread(block.data(), 1, block.size(), in)) > 0;) {
 #ifdef QX_BENCH_OPENSSL
-        const auto length = static_cast<size_t>(EVP_EncodeBlock(coded.data(), block.data(), static_cast<int>(n)));
+        const auto length =
+            static_cast<size_t>(EVP_EncodeBlock(coded.data(), block.data(), static_cast<int>(n)));
 #else
         std::string text;
         mail_append_base64(&text, {reinterpret_cast<char*>(block.data()), n});
@@ -193,11 +196,13 @@ int main() {
     }
     const double growth = peak_memory_mb() - memory_small;
     fmt::print("{:<46} {:>16} {:>22} {:>10}   {}\n", "what", "figure", "peer", "ratio", "aim");
-    fmt::print("{:<46} {:>16} {:>22} {:>10}   {}\n", "mail with 50 MB to a relay on loopback",
-               fmt::format("{:.0f} MB/s", 50 / best), fmt::format("base64+copy {:.0f} MB/s", 50 / best_peer),
-               fmt::format("{:.2f}", best_peer / best),
-               best_peer / best >= 0.7 ? "at least 0.7 of the peer: met" : "at least 0.7 of the peer: MISSED");
-    fmt::print("{:<46} {:>16} {:>22} {:>10}   {}\n", "its memory beyond that of 1 MB", fmt::format("{:.1f} MB", growth), "", "",
+    fmt::print(
+        "{:<46} {:>16} {:>22} {:>10}   {}\n", "mail with 50 MB to a relay on loopback",
+        fmt::format("{:.0f} MB/s", 50 / best), fmt::format("base64+copy {:.0f} MB/s", 50 / best_peer),
+        fmt::format("{:.2f}", best_peer / best),
+        best_peer / best >= 0.7 ? "at least 0.7 of the peer: met" : "at least 0.7 of the peer: MISSED");
+    fmt::print("{:<46} {:>16} {:>22} {:>10}   {}\n", "its memory beyond that of 1 MB",
+               fmt::format("{:.1f} MB", growth), "", "",
                growth < 1 ? "below 1 MB: met" : "below 1 MB: MISSED");
     close(listen_fd);
     std::remove(small.c_str());

@@ -97,7 +97,7 @@ BENCHMARK(libcrypto_in_series);
 template <typename work>
 double seconds_for(int rounds, work run) {
     auto start = std::chrono::steady_clock::now();
-    for (int i = 0; i < rounds; i++) {
+    for (int i = 0; i < rounds; ++i) {
         run();
     }
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
@@ -112,7 +112,7 @@ void sealing_ratio(benchmark::State& state) {
     peer_data.sealed.resize(message_size);
     for (auto _ : state) {
         std::vector<double> own, theirs;
-        for (int i = 0; i < batches; i++) {
+        for (int i = 0; i < batches; ++i) {
             own.push_back(seconds_for(rounds, [&] { round_of_seal(&pair, &data); }));
             theirs.push_back(seconds_for(rounds, [&] {
                 other.seal(peer_data.plain, &peer_data.sealed);

@@ -1,12 +1,14 @@
-// The life of a job as the server can shape it: EXAKTJ with its rest items, JCL and tables, BIN_DATA for what it
-// waits for, then queries, cancels and checks in any order. The first byte chooses the start type, whether a
-// process can be had, and whether passwords are checked. Every activation is answered once, or its job waits.
+// The life of a job as the server can shape it: EXAKTJ with its rest items, JCL and tables, BIN_DATA for what
+// it waits for, then queries, cancels and checks in any order. The first byte chooses the start type, whether
+// a process can be had, and whether passwords are checked. Every activation is answered once, or its job
+// waits.
+#include "jobs/activation.h"
+
 #include <cstdlib>
 
 #include "agent_side.h"
 #include "identity/password_check.h"
 #include "input.h"
-#include "jobs/activation.h"
 #include "jobs/job_context.h"
 #include "jobs/job_table.h"
 #include "jobs/supervision.h"
@@ -37,7 +39,8 @@ void preset_waiting(message_bytes* message) {
     MSG_TYPE_BINPATHS paths{};
     put_text(paths.task_cache_path, cache + "t");
     put_text(paths.client_cache_path, cache + "c");
-    add_data(message, type, "binpaths", std::string_view(reinterpret_cast<const char*>(&paths), sizeof paths));
+    add_data(message, type, "binpaths",
+             std::string_view(reinterpret_cast<const char*>(&paths), sizeof paths));
     MSG_TYPE_BINTAB row{};
     put_text(row.object_name, "O");
     put_text(row.resource_name, "R");

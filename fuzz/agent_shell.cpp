@@ -1,5 +1,5 @@
-// Requests of the service console, and lines that it cleans of secrets. Commands that end the process or give it
-// away are left out.
+// Requests of the service console, and lines that it cleans of secrets. Commands that end the process or give
+// it away are left out.
 #include "services/agent_shell.h"
 
 #include <unistd.h>

@@ -1,7 +1,7 @@
 // What a server may send about stored resources: rows of an activation, and BIN_DATA for what is awaited. The
 // first byte chooses kinds and text; the next decide how much of the rest is the row, the remainder is the
-// message, whose head and names are set right so that it meets the resource. Whatever comes, files appear below
-// the cache folder only, and the lists fit each other.
+// message, whose head and names are set right so that it meets the resource. Whatever comes, files appear
+// below the cache folder only, and the lists fit each other.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -153,7 +153,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         RemoveJobFromResourceLists(&pcx, job, &error);
         Erase_JEntry(run_number, client);
     }
-    if (!resource_context()->requested_resource_list.empty() || !resource_context()->used_resource_list.empty()) {
+    if (!resource_context()->requested_resource_list.empty() ||
+        !resource_context()->used_resource_list.empty()) {
         abort();
     }
     std::error_code ignored;

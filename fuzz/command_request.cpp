@@ -1,6 +1,6 @@
-// EXREQCMD, what the command leaves in its output, its end, its cancel and its time limit. The first byte chooses
-// whether a process can be had and whether passwords are checked. A request is refused at once or answered once at
-// the end of its command, if nobody cancelled it.
+// EXREQCMD, what the command leaves in its output, its end, its cancel and its time limit. The first byte
+// chooses whether a process can be had and whether passwords are checked. A request is refused at once or
+// answered once at the end of its command, if nobody cancelled it.
 #include <cstdlib>
 #include <fstream>
 

@@ -1,6 +1,6 @@
-// File retrieval. The first byte chooses: the bytes as an XML request, the bytes as the record inside of a good
-// one, or the bytes as a file that is read from one of its ends. What is sent must be well-formed, and what is
-// read must be the file's own.
+// File retrieval. The first byte chooses: the bytes as an XML request, the bytes as the record inside of a
+// good one, or the bytes as a file that is read from one of its ends. What is sent must be well-formed, and
+// what is read must be the file's own.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>

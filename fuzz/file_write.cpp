@@ -1,5 +1,6 @@
-// PRCWRITE: a file that the server has written for a user. The first byte chooses whether passwords are checked
-// and what stands where the file shall be. The order is answered once, and what is told as written is there.
+// PRCWRITE: a file that the server has written for a user. The first byte chooses whether passwords are
+// checked and what stands where the file shall be. The order is answered once, and what is told as written is
+// there.
 #include <sys/stat.h>
 
 #include <algorithm>

@@ -18,8 +18,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     frame_body body;
     qx7_error error;
     if (frame_parse_body(data, size, &body, &error) == 0 && body.length > 0) {
-        if (body.offset > size || body.length > size - body.offset)
+        if (body.offset > size || body.length > size - body.offset) {
             abort();
+        }
         // What was read is written and read again: the same message, the same names.
         if (body.is_message) {
             std::vector<unsigned char> frame =
@@ -27,8 +28,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             frame_body again;
             if (frame_parse_body(frame.data() + frame_header_size, frame.size() - frame_header_size, &again,
                                  &error) != 0 ||
-                again.length != body.length || again.address.src_acv != body.address.src_acv)
+                again.length != body.length || again.address.src_acv != body.address.src_acv) {
                 abort();
+            }
         }
     }
     return 0;

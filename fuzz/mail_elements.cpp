@@ -1,11 +1,12 @@
-// Mail orders: the elements, and what becomes of their values in a header. Whatever is in them, the header has the
-// fields that it should have, one line for each.
+// Mail orders: the elements, and what becomes of their values in a header. Whatever is in them, the header
+// has the fields that it should have, one line for each.
+#include "services/mail_elements.h"
+
 #include <cstdint>
 #include <cstdlib>
 #include <string>
 
 #include "services/mail_body.h"
-#include "services/mail_elements.h"
 #include "services/mail_header.h"
 
 namespace {
@@ -49,12 +50,13 @@ void check_text(const mail_order& order) {
         abort();
     }
     pieces.resize(1);
-    mail_write("", pieces, "utf-8",
-               [&](std::string_view bytes) {
-                   out += bytes;
-                   return 0;
-               },
-               &error);
+    mail_write(
+        "", pieces, "utf-8",
+        [&](std::string_view bytes) {
+            out += bytes;
+            return 0;
+        },
+        &error);
     if (out.find("\r\n.\r\n") != std::string::npos || out.find('\0') != std::string::npos) {
         abort();
     }

@@ -1,4 +1,6 @@
 // A message library of any content, asked for its numbers with inserts taken from the same bytes.
+#include "log/message_library.h"
+
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -6,7 +8,6 @@
 #include <string>
 
 #include "fuzz_file.h"
-#include "log/message_library.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // The first half are inserts, the second the library.

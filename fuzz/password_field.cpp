@@ -1,6 +1,6 @@
-// The password field of a message: ten digits and the enciphered text. The first byte chooses how the rest becomes
-// a field: as it is, with a right length in front of it, or enciphered by the rules first. Only the account's
-// password opens it, and that always does.
+// The password field of a message: ten digits and the enciphered text. The first byte chooses how the rest
+// becomes a field: as it is, with a right length in front of it, or enciphered by the rules first. Only the
+// account's password opens it, and that always does.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

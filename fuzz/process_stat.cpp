@@ -1,5 +1,5 @@
-// The stat line of a process, whose name is the job's to choose. The first byte chooses: the bytes as the line, or
-// as the name in a line whose figures are known, which must then come out as they are.
+// The stat line of a process, whose name is the job's to choose. The first byte chooses: the bytes as the
+// line, or as the name in a line whose figures are known, which must then come out as they are.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -33,9 +33,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     // The kernel cuts a name at 15 bytes.
     const std::string name = text.substr(0, 15);
-    const std::string line = "77 (" + name + ") S 11 12 13 0 -1 4194560 5 6 7 8 9 10 0 0 20 0 1 0 4711 1 2 3\n";
-    if (!read_line(line, &process) || process.pa_pid != 77 || process.pa_ppid != 11 || process.pa_pgid != 12 ||
-        process.pa_sid != 13 || process.pa_state != 'S' || process.pa_start != 4711 || process.pa_ioCount != 15) {
+    const std::string line =
+        "77 (" + name + ") S 11 12 13 0 -1 4194560 5 6 7 8 9 10 0 0 20 0 1 0 4711 1 2 3\n";
+    if (!read_line(line, &process) || process.pa_pid != 77 || process.pa_ppid != 11 ||
+        process.pa_pgid != 12 || process.pa_sid != 13 || process.pa_state != 'S' ||
+        process.pa_start != 4711 || process.pa_ioCount != 15) {
         abort();
     }
     return 0;

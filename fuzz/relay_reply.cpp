@@ -1,5 +1,5 @@
-// Replies of a mail relay, as the bytes arrive: a reply is taken whole or not at all, and never differently for the
-// way in which it was cut.
+// Replies of a mail relay, as the bytes arrive: a reply is taken whole or not at all, and never differently
+// for the way in which it was cut.
 #include <cstdint>
 #include <cstdlib>
 #include <string_view>
@@ -14,8 +14,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (used <= 0) {
             return 0;
         }
-        if (static_cast<size_t>(used) > bytes.size() || reply.code < 200 || reply.code > 599 || reply.lines.empty() ||
-            reply.lines.size() > relay_lines_max) {
+        if (static_cast<size_t>(used) > bytes.size() || reply.code < 200 || reply.code > 599 ||
+            reply.lines.empty() || reply.lines.size() > relay_lines_max) {
             abort();
         }
         relay_reply cut;

@@ -1,7 +1,7 @@
-// REP_GET with patterns, limits and blocks, the questions that follow it, and what stands in the file. The first
-// byte chooses the kind of order and of file: given as text, or lines of a length that is repeated. Every order is
-// answered by a block or by the end; no block is longer than was asked for, and every line in it ends; without
-// pattern and limits, what comes is the file, line by line.
+// REP_GET with patterns, limits and blocks, the questions that follow it, and what stands in the file. The
+// first byte chooses the kind of order and of file: given as text, or lines of a length that is repeated.
+// Every order is answered by a block or by the end; no block is longer than was asked for, and every line in
+// it ends; without pattern and limits, what comes is the file, line by line.
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -44,7 +44,8 @@ std::string content_of(byte_source* source, bool repeated) {
     }
     std::string content;
     const std::string_view line = source->text();
-    for (size_t count = static_cast<size_t>(source->byte()) * 16; count > 0 && content.size() < 20000; --count) {
+    for (size_t count = static_cast<size_t>(source->byte()) * 16; count > 0 && content.size() < 20000;
+         --count) {
         content.append(line).push_back('\n');
     }
     return content;
@@ -64,7 +65,8 @@ std::string block_text(const ccm_msg_t* msg, int blksize) {
     }
     const auto data = view_record<MSG_TYPE_REP_DATA>(view);
     const std::string text(view_text(view, data.data_dist, data.data_len));
-    if (static_cast<int>(text.size()) != data.data_len || data.data_len > blksize || !text.ends_with("\r\n")) {
+    if (static_cast<int>(text.size()) != data.data_len || data.data_len > blksize ||
+        !text.ends_with("\r\n")) {
         abort();
     }
     return text;
@@ -93,7 +95,8 @@ void give(const message_bytes& message, bool known) {
 }
 
 // What a whole report is: each line with CR LF, where no line is longer than a block takes.
-bool whole_report(const std::string& content, const MSG_TYPE_REP_GET& get, int blksize, std::string* expected) {
+bool whole_report(const std::string& content, const MSG_TYPE_REP_GET& get, int blksize,
+                  std::string* expected) {
     if (get.maxrecords > 0 || get.maxblk > 0 || get.match_len != 0 || get.code_len != 0 || get.rep_blk != 0) {
         return false;
     }
@@ -147,7 +150,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         give(quit, true);
     }
     std::string expected;
-    if (opened && plain && whole_report(content, record, blksize, &expected) && sent_text(blksize) != expected) {
+    if (opened && plain && whole_report(content, record, blksize, &expected) &&
+        sent_text(blksize) != expected) {
         abort();
     }
     deleteAllReportEntry(&pcx);

@@ -1,5 +1,6 @@
-// GETFILE: the XML request, RES_DATA with the login that was asked for, QUITT in its place, and the questions for
-// further blocks, in any order. The first byte chooses whether passwords are checked; the file is the fuzzer's too.
+// GETFILE: the XML request, RES_DATA with the login that was asked for, QUITT in its place, and the questions
+// for further blocks, in any order. The first byte chooses whether passwords are checked; the file is the
+// fuzzer's too.
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -37,8 +38,9 @@ std::string request(byte_source* source) {
     record.cd_pos = static_cast<int8_t>(source->byte());
     record.cd_filetype = (source->byte() & 1) != 0 ? char{FILE_REQUEST_TEXT} : 'B';
     record.cd_readdirection = (source->byte() & 1) != 0 ? FILE_REQUEST_BEGIN : FILE_REQUEST_END;
-    std::string text = "<?xml version=\"1.0\"?><qx-env addr=\"*CP001\" name=\"UI\" request=\"K1\" session=\"5\" "
-                       "useridnr=\"7\"><request name=\"GETFILE\" src=\"UI\"><![CDATA[";
+    std::string text =
+        "<?xml version=\"1.0\"?><qx-env addr=\"*CP001\" name=\"UI\" request=\"K1\" session=\"5\" "
+        "useridnr=\"7\"><request name=\"GETFILE\" src=\"UI\"><![CDATA[";
     base64_encode(std::string_view(reinterpret_cast<const char*>(&record), sizeof record), &text);
     return text + "]]></request></qx-env>";
 }

@@ -1,6 +1,6 @@
 // JOB_INF: the record that the agent once wrote comes back from the server, with whatever stands in it, and a
-// report that the job wrote. The first byte chooses how much of the record is the fuzzer's: fields, or all of it.
-// Every query is answered once; afterwards the job is asked for, checked, cancelled and deleted.
+// report that the job wrote. The first byte chooses how much of the record is the fuzzer's: fields, or all of
+// it. Every query is answered once; afterwards the job is asked for, checked, cancelled and deleted.
 #include <unistd.h>
 
 #include <algorithm>
@@ -39,8 +39,9 @@ std::string record_of(byte_source* source) {
     put(item.JI_jFile, sandbox().folder + "/work/job");
     put(item.JI_jReport, (choice & 16) != 0 ? std::string(source->text()) : report_file());
     put(item.JI_oName, source->text());
-    put(item.JI_task_cache_path, (choice & 32) != 0 ? sandbox().folder + "/cache/" + std::string(source->text())
-                                                    : std::string(source->text()));
+    put(item.JI_task_cache_path, (choice & 32) != 0
+                                     ? sandbox().folder + "/cache/" + std::string(source->text())
+                                     : std::string(source->text()));
     put(item.JI_userName, (choice & 64) != 0 ? std::string(source->text()) : std::string(sandbox_user));
     item.JI_count = static_cast<int8_t>(source->byte());
     const std::string_view names = source->text();

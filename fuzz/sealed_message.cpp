@@ -13,7 +13,7 @@ gss_ctx_id_struct* standing_context() {
     if (context == nullptr) {
         context = new gss_ctx_id_struct;
         context->m_CtxID = context->m_PartnerCtxID = 0x01020304;
-        for (size_t i = 0; i < gss_key_size; i++) {
+        for (size_t i = 0; i < gss_key_size; ++i) {
             context->m_SessionKey.bytes[i] = static_cast<uint8_t>(i);
         }
         aes_set_key(&context->full_key, context->m_SessionKey.span());

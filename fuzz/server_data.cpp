@@ -1,7 +1,7 @@
-// What stands in the connection items of a server process, before and after its handshake: the server data with
-// the list of its neighbours, the list by itself, the visit card and the shutdown. The first byte chooses which,
-// and whether a candidate or the server says it; the second how many candidates the search knows. The list of
-// candidates never grows above its room, and the INI file stays one that can be read.
+// What stands in the connection items of a server process, before and after its handshake: the server data
+// with the list of its neighbours, the list by itself, the visit card and the shutdown. The first byte
+// chooses which, and whether a candidate or the server says it; the second how many candidates the search
+// knows. The list of candidates never grows above its room, and the INI file stays one that can be read.
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>

@@ -1,5 +1,6 @@
-// What a server may say to the agent about itself and its settings: EXSTRTQ2, SRVINFO, TRCSET, CONNECT and their
-// neighbours, several in a row. The settings that follow from them stay within what the agent can work with.
+// What a server may say to the agent about itself and its settings: EXSTRTQ2, SRVINFO, TRCSET, CONNECT and
+// their neighbours, several in a row. The settings that follow from them stay within what the agent can work
+// with.
 #include <cstdlib>
 
 #include "agent_side.h"
@@ -16,10 +17,10 @@ void preset_connect(message_bytes* message) {
 }
 
 constexpr fuzz_order orders[] = {
-    {"QXEXVAR", "EXSTRTQ2", nullptr}, {"QXEXVAR", "TRCSET  ", nullptr},
+    {"QXEXVAR", "EXSTRTQ2", nullptr},        {"QXEXVAR", "TRCSET  ", nullptr},
     {"QXEXVAR", "CONNECT ", preset_connect}, {"QXEXVAR", "SRVINFO ", nullptr},
-    {"QXEXVAR", "EXQUERY ", nullptr}, {"QXEXVAR", "TRCGET  ", nullptr},
-    {"QXEXVAR", "CHGLOGQU", nullptr}, {"QXEXVAR", "QUITT   ", nullptr},
+    {"QXEXVAR", "EXQUERY ", nullptr},        {"QXEXVAR", "TRCGET  ", nullptr},
+    {"QXEXVAR", "CHGLOGQU", nullptr},        {"QXEXVAR", "QUITT   ", nullptr},
 };
 constexpr size_t order_count = sizeof orders / sizeof orders[0];
 
@@ -52,7 +53,8 @@ EX_PCX& agent() {
         }
         byte_source nothing(nullptr, 0);
         fuzz_begin();
-        fuzz_give(orders[0].module, fuzz_message(&nothing, orders[0]));  // a first logon sets what had no value yet
+        fuzz_give(orders[0].module,
+                  fuzz_message(&nothing, orders[0]));  // a first logon sets what had no value yet
         fuzz_end();
     }
     return pcx;

@@ -1,5 +1,6 @@
-// Who owns the far end of a connection of this host: what the kernel answers by netlink, and its tables in the
-// form of text. The first byte chooses. An owner is found only in an answer that is whole and of the right kind.
+// Who owns the far end of a connection of this host: what the kernel answers by netlink, and its tables in
+// the form of text. The first byte chooses. An owner is found only in an answer that is whole and of the
+// right kind.
 #include <arpa/inet.h>
 #include <linux/inet_diag.h>
 #include <linux/netlink.h>

@@ -1,6 +1,7 @@
-// A report of 100 MB from the real agent, sealed, in blocks, beside the seal alone in the same run. First the agent's
-// side by itself: the reader takes the blocks from the socket unseen and asks for the next one. Then the whole way to
-// the development server, which opens, converts and writes each block, beside sealing and opening. Prints one table.
+// A report of 100 MB from the real agent, sealed, in blocks, beside the seal alone in the same run. First the
+// agent's side by itself: the reader takes the blocks from the socket unseen and asks for the next one. Then
+// the whole way to the development server, which opens, converts and writes each block, beside sealing and
+// opening. Prints one table.
 //
 //   bench_report [--rounds N | --quick]
 #include <fcntl.h>
@@ -9,9 +10,9 @@
 #include <cerrno>
 #include <cstring>
 
+#include "../sealing_pair.h"
 #include "messages/records_report.h"
 #include "messages/view.h"
-#include "../sealing_pair.h"
 #include "road_bench.h"
 
 namespace {
@@ -32,8 +33,8 @@ double seal_all(bool open) {
     for (size_t done = 0; done < report_size; done += plain.size()) {
         size_t written = 0, read = 0;
         if (gss_wrap_ex(nullptr, pair.initiator, 1, quality, plain, sealed, &written) != GSS_S_COMPLETE ||
-            (open && gss_unwrap_ex(nullptr, pair.acceptor, quality, {sealed.data(), written}, opened, &read, nullptr) !=
-                         GSS_S_COMPLETE)) {
+            (open && gss_unwrap_ex(nullptr, pair.acceptor, quality, {sealed.data(), written}, opened, &read,
+                                   nullptr) != GSS_S_COMPLETE)) {
             fmt::print(stderr, "bench: a block was not sealed or opened\n");
             std::exit(1);
         }
@@ -103,8 +104,10 @@ double drain(bench& b, const std::string& path) {
     }
     const double time = seconds_since(start);
     agent.link.state = cp_link_state::ended;
-    b.need(b.until(10000, [&] { return cp_find_agent(b.server.get(), "BENCHAGENT") == nullptr; }), "the line's end");
-    b.need(b.until(90000, [&] { return cp_find_agent(b.server.get(), "BENCHAGENT") != nullptr; }), "the next logon");
+    b.need(b.until(10000, [&] { return cp_find_agent(b.server.get(), "BENCHAGENT") == nullptr; }),
+           "the line's end");
+    b.need(b.until(90000, [&] { return cp_find_agent(b.server.get(), "BENCHAGENT") != nullptr; }),
+           "the next logon");
     return time;
 }
 
@@ -149,8 +152,9 @@ int main(int argc, char** argv) {
     row_head();
     cp_server_options(b.server.get()).reconnect = 1;  // each drained line is followed by a new one
     b.logon();
-    const int run = b.submit("yes \"a line of a report as programs write them, some eighty characters long it is\" | "
-                             "head -c 100000000");
+    const int run = b.submit(
+        "yes \"a line of a report as programs write them, some eighty characters long it is\" | "
+        "head -c 100000000");
     b.need(b.until(60000, [&] { return b.ended(run); }), "the job's end");
     const std::string path = b.job(run).report_file;
     figures f;

@@ -48,7 +48,8 @@ struct stat ini_state = {};
 // Some orders write to the INI file; the next input finds it as it was.
 void restore_ini() {
     struct stat now = {};
-    if (stat(ini_file().c_str(), &now) != 0 || now.st_size != ini_state.st_size || now.st_ino != ini_state.st_ino) {
+    if (stat(ini_file().c_str(), &now) != 0 || now.st_size != ini_state.st_size ||
+        now.st_ino != ini_state.st_ino) {
         write_ini();
         stat(ini_file().c_str(), &ini_state);
     }
@@ -180,7 +181,8 @@ void fill(message_bytes* message, const field& at, std::string_view text) {
 }
 
 void fill_number(message_bytes* message, const field& at, int64_t number) {
-    fill(message, at, std::string_view(reinterpret_cast<const char*>(&number), std::min(at.size, sizeof number)));
+    fill(message, at,
+         std::string_view(reinterpret_cast<const char*>(&number), std::min(at.size, sizeof number)));
 }
 
 constexpr std::string_view dist_end = "_dist";

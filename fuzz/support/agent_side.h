@@ -1,6 +1,6 @@
-// The agent's side of a sealed line, for targets that hand messages to its handlers: an agent set up from an INI
-// file in the scratch folder, and messages made from the fuzzer's bytes, which go through conversion, policy and
-// dispatch as those of the server do.
+// The agent's side of a sealed line, for targets that hand messages to its handlers: an agent set up from an
+// INI file in the scratch folder, and messages made from the fuzzer's bytes, which go through conversion,
+// policy and dispatch as those of the server do.
 #pragma once
 
 #include <cstdint>
@@ -45,11 +45,11 @@ struct fuzz_order {
 // as does a process that was really started.
 EX_PCX& fuzz_agent();
 
-// A message of `order` by the source: a flag byte, the number of items, and the items. With bit 0 of the flags
-// the message behind its head is the rest of the source as it is. An item is a byte that names a field, and a
-// text. It fills the field; or, where the field is a distance and bit 7 of the byte is set, the text becomes
-// variable data, and distance and length or number of entries point to it. With bit 1 of the flags the message
-// ends at a length that two bytes tell, with bit 2 its version is 1.
+// A message of `order` by the source: a flag byte, the number of items, and the items. With bit 0 of the
+// flags the message behind its head is the rest of the source as it is. An item is a byte that names a field,
+// and a text. It fills the field; or, where the field is a distance and bit 7 of the byte is set, the text
+// becomes variable data, and distance and length or number of entries point to it. With bit 1 of the flags
+// the message ends at a length that two bytes tell, with bit 2 its version is 1.
 message_bytes fuzz_message(byte_source* source, const fuzz_order& order);
 
 // Sets a field of the catalogue's name in a message; the field must be there.

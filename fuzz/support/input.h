@@ -42,7 +42,8 @@ inline size_t answer_count(const char* type) {
 
 // `only_set`: those of jobs that have one.
 inline void make_alarms_due(bool only_set) {
-    for (JP_AREA* job = Next_JEntry(0, 0); job != nullptr; job = Next_JEntry(job->JP_jobNr, job->JP_Mandant)) {
+    for (JP_AREA* job = Next_JEntry(0, 0); job != nullptr;
+         job = Next_JEntry(job->JP_jobNr, job->JP_Mandant)) {
         job->JP_alrmTime = only_set && job->JP_alrmTime == 0 ? 0 : 1;
     }
 }

@@ -76,8 +76,7 @@ bool may_change(int folder, const char* path) {
 }
 
 bool changes(uint64_t flags) {
-    return (flags & O_PATH) == 0 &&
-           ((flags & (O_CREAT | O_TRUNC)) != 0 || (flags & O_ACCMODE) != O_RDONLY);
+    return (flags & O_PATH) == 0 && ((flags & (O_CREAT | O_TRUNC)) != 0 || (flags & O_ACCMODE) != O_RDONLY);
 }
 
 int guarded_open(int folder, const char* path, int flags, mode_t mode) {
@@ -287,8 +286,8 @@ int clone(int (*)(void*), void*, int, void*, ...) noexcept {
     return no_process();
 }
 
-int posix_spawn(pid_t* process, const char*, const posix_spawn_file_actions_t*, const posix_spawnattr_t*, char* const*,
-                char* const*) {
+int posix_spawn(pid_t* process, const char*, const posix_spawn_file_actions_t*, const posix_spawnattr_t*,
+                char* const*, char* const*) {
     *process = no_process();
     return *process > 0 ? 0 : EAGAIN;
 }

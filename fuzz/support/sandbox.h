@@ -1,6 +1,6 @@
 // What a handler may do to the host while a fuzz target runs: nothing. The calls of the C library that make
-// processes, send signals, ask for names, or change files are replaced in the target's program; while an input
-// runs, files change below the scratch folder only, and there is one account, whatever the host's are.
+// processes, send signals, ask for names, or change files are replaced in the target's program; while an
+// input runs, files change below the scratch folder only, and there is one account, whatever the host's are.
 #pragma once
 
 #include <sys/types.h>
@@ -11,9 +11,9 @@ inline constexpr char sandbox_user[] = "worker";      // the only account; its u
 inline constexpr char sandbox_password[] = "secret";  // of that account
 
 struct sandbox_state {
-    std::string folder;  // the scratch folder; the account's home is below it
-    bool closed = false; // an input runs
-    int next_process = 0;  // what fork answers: above 0 that process id, which is nobody's; 0 EAGAIN
+    std::string folder;      // the scratch folder; the account's home is below it
+    bool closed = false;     // an input runs
+    int next_process = 0;    // what fork answers: above 0 that process id, which is nobody's; 0 EAGAIN
     unsigned processes = 0;  // made by this input
     unsigned signals = 0;    // sent by this input, to nobody
     unsigned calls = 0;      // connects by this input, to nobody

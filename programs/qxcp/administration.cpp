@@ -133,9 +133,10 @@ bool cp_send_mail(cp_server* server, const std::string& name, const cp_mail& mai
         error = "the subject is longer than 255 bytes";
         return false;
     }
-    const bool sent = mail.first_version
-                          ? send_mail<MSG_TYPE_SNDMAIL, MSG_TYPE_SNDMAILX>(server, *agent, mail, std::move(handler))
-                          : send_mail<MSG_TYPE_SNDMAIL2, MSG_TYPE_SDMAIL2X>(server, *agent, mail, std::move(handler));
+    const bool sent =
+        mail.first_version
+            ? send_mail<MSG_TYPE_SNDMAIL, MSG_TYPE_SNDMAILX>(server, *agent, mail, std::move(handler))
+            : send_mail<MSG_TYPE_SNDMAIL2, MSG_TYPE_SDMAIL2X>(server, *agent, mail, std::move(handler));
     if (!sent) {
         error = "the order could not be sent";
     }
@@ -143,7 +144,8 @@ bool cp_send_mail(cp_server* server, const std::string& name, const cp_mail& mai
 }
 
 bool cp_connect_agents(cp_server* server, const std::string& name, const std::string& partner,
-                       const std::string& address, int port, const std::string& token, cp_answer_handler handler) {
+                       const std::string& address, int port, const std::string& token,
+                       cp_answer_handler handler) {
     cp_agent* agent = cp_find_agent(server, name);
     if (agent == nullptr) {
         return false;
@@ -156,8 +158,8 @@ bool cp_connect_agents(cp_server* server, const std::string& name, const std::st
     return cp_send(server, *agent, module_agent, order, std::move(handler));
 }
 
-bool cp_delegation_token(cp_server* server, const std::string& name, const std::string& partner, std::string& token,
-                         std::string& error) {
+bool cp_delegation_token(cp_server* server, const std::string& name, const std::string& partner,
+                         std::string& token, std::string& error) {
     gss_cred_id_t cred = nullptr;
     gss_name_t receiver = nullptr;
     gss_ctx_id_t context = nullptr;
@@ -169,17 +171,21 @@ bool cp_delegation_token(cp_server* server, const std::string& name, const std::
     const int partner_number = get_transfer_key(*server->identity.keys, partner, partner_key);
     OM_uint32 major = GSS_S_FAILURE;
     if (number != 0 || partner_number != 0) {
-        error = fmt::format("there is no key of agent {}: it has never logged on", number != 0 ? name : partner);
+        error =
+            fmt::format("there is no key of agent {}: it has never logged on", number != 0 ? name : partner);
     } else {
         const gss_buffer_desc text{name.size(), const_cast<char*>(name.data())};
         major = gss_acquire_cred_with_key(&minor, server->options.system, key, GSS_C_INITIATE, &cred);
-        major = major == GSS_S_COMPLETE ? gss_add_cred_with_key(&minor, cred, partner, partner_key, GSS_C_INITIATE)
-                                        : major;
-        major = major == GSS_S_COMPLETE ? gss_import_name(&minor, &text, GSS_C_NT_MACHINE_UID_NAME, &receiver) : major;
         major = major == GSS_S_COMPLETE
-                    ? gss_init_sec_context(&minor, cred, &context, receiver, GSS_MECH_KLVT_QX7, GSS_C_DELEG_FLAG,
-                                           GSS_C_INDEFINITE, nullptr, nullptr, nullptr, &output, nullptr, nullptr)
+                    ? gss_add_cred_with_key(&minor, cred, partner, partner_key, GSS_C_INITIATE)
                     : major;
+        major = major == GSS_S_COMPLETE ? gss_import_name(&minor, &text, GSS_C_NT_MACHINE_UID_NAME, &receiver)
+                                        : major;
+        major =
+            major == GSS_S_COMPLETE
+                ? gss_init_sec_context(&minor, cred, &context, receiver, GSS_MECH_KLVT_QX7, GSS_C_DELEG_FLAG,
+                                       GSS_C_INDEFINITE, nullptr, nullptr, nullptr, &output, nullptr, nullptr)
+                : major;
         const bool made = major == GSS_S_COMPLETE || major == GSS_S_CONTINUE_NEEDED;
         if (made) {
             token.assign(static_cast<const char*>(output.value), output.length);

@@ -23,25 +23,29 @@ void refuse_agent(const cp_server& server, cp_control_client& client, const std:
 // Calls `tell` with the answer while the asker is still there; any other answer than OK is told as it is.
 cp_answer_handler answer_to(cp_server& server, const cp_control_client& client, std::string what,
                             std::function<json(const cp_answer&)> tell) {
-    return [&server, id = client.id, what = std::move(what), tell = std::move(tell)](const cp_answer& answer) {
-        cp_control_client* asker = control_find_client(server, id);
-        if (asker == nullptr) {
-            return;
-        }
-        if (answer.status != "OK") {
-            control_refuse(*asker, fmt::format("{}: {}", what, control_answer_text(answer)));
-            return;
-        }
-        json story = tell(answer);
-        story["ok"] = true;
-        control_finish(*asker, story);
-    };
+    return
+        [&server, id = client.id, what = std::move(what), tell = std::move(tell)](const cp_answer& answer) {
+            cp_control_client* asker = control_find_client(server, id);
+            if (asker == nullptr) {
+                return;
+            }
+            if (answer.status != "OK") {
+                control_refuse(*asker, fmt::format("{}: {}", what, control_answer_text(answer)));
+                return;
+            }
+            json story = tell(answer);
+            story["ok"] = true;
+            control_finish(*asker, story);
+        };
 }
 
 json info_of(const cp_answer& answer) {
     const auto info = view_record<MSG_TYPE_EXINFO>(view_message(answer.data.data(), answer.data.size()));
-    return {{"jobs", info.jobcount},         {"transfers", info.ftcount}, {"connections", info.connectcount},
-            {"cpu_seconds", info.cputime / 100.0}, {"processors", info.pcount}};
+    return {{"jobs", info.jobcount},
+            {"transfers", info.ftcount},
+            {"connections", info.connectcount},
+            {"cpu_seconds", info.cputime / 100.0},
+            {"processors", info.pcount}};
 }
 
 json trace_of(const cp_answer& answer) {
@@ -182,7 +186,8 @@ void control_connect(cp_server& server, cp_control_client& client, const json& r
         return;
     }
     if (address.empty() || port == 0) {
-        control_refuse(client, fmt::format("agent '{}' is not logged on: give its --address and --port", partner));
+        control_refuse(client,
+                       fmt::format("agent '{}' is not logged on: give its --address and --port", partner));
         return;
     }
     std::string token;

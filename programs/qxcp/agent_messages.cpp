@@ -155,8 +155,8 @@ void take_quittung(cp_server& server, cp_agent& agent, message_view view, const 
         return;
     }
     cp_emit(server, "answer", agent.link.agent, 0,
-            fmt::format("agent {} answers {} with {}: {}", agent.link.agent, get_text(quittung.msg), answer.status,
-                        control_answer_text(answer)));
+            fmt::format("agent {} answers {} with {}: {}", agent.link.agent, get_text(quittung.msg),
+                        answer.status, control_answer_text(answer)));
 }
 
 void answer_query(cp_server& server, cp_agent& agent, message_view view, const frame_address& from) {
@@ -271,7 +271,8 @@ void cp_handle_lost_line(cp_server& server, cp_agent& agent) {
     const cp_answer lost{"--", 0, "the connection was lost", ""};
     std::vector<uint32_t> codes;
     for (auto& [code, pending] : server.pending) {
-        // The answer to an activation may come over the next connection: it is a job that the agent still holds.
+        // The answer to an activation may come over the next connection: it is a job that the agent still
+        // holds.
         if (pending.agent_id == agent.id && pending.type != "EXAKTJ") {
             codes.push_back(code);
         }

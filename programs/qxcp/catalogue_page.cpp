@@ -22,9 +22,11 @@ int fixed_size(const msg_el& element) {
 
 int fixed_part(const msgtab_el& entry) {
     int size = 0;
-    for (uint64_t i = 0; i < entry.msg_def.length; i++)
-        if (is_fixed(entry.msg_def.elements[i]))
+    for (uint64_t i = 0; i < entry.msg_def.length; ++i) {
+        if (is_fixed(entry.msg_def.elements[i])) {
             size += fixed_size(entry.msg_def.elements[i]);
+        }
+    }
     return size;
 }
 
@@ -34,9 +36,11 @@ bool is_message(const msgtab_el& entry) {
 }
 
 std::string_view field_of(const msgtab_el& entry, int32_t reference) {
-    for (uint64_t i = 0; i < entry.msg_def.length; i++)
-        if (entry.msg_def.elements[i].count == -reference)
+    for (uint64_t i = 0; i < entry.msg_def.length; ++i) {
+        if (entry.msg_def.elements[i].count == -reference) {
             return entry.msg_def.elements[i].name;
+        }
+    }
     return "?";
 }
 
@@ -66,23 +70,29 @@ std::string_view type_name(const msg_el& element) {
 }
 
 std::string size_text(const msgtab_el& entry, const msg_el& element) {
-    if (element.type == el_struct)
+    if (element.type == el_struct) {
         return element.structure;
-    if (element.size < 0)
+    }
+    if (element.size < 0) {
         return std::string(field_of(entry, element.size));
+    }
     return (element.type == el_text_ended ? "up to " : "") + std::to_string(element.size);
 }
 
 std::string notes(const msgtab_el& entry, const msg_el& element) {
     std::vector<std::string> parts;
-    if (element.relation < 0)
+    if (element.relation < 0) {
         parts.push_back(fmt::format("at {}", field_of(entry, element.relation)));
-    if (element.dim < 0)
+    }
+    if (element.dim < 0) {
         parts.push_back(fmt::format("{} times", field_of(entry, element.dim)));
-    if ((element.rule & rule_displaced) != 0)
+    }
+    if ((element.rule & rule_displaced) != 0) {
         parts.push_back("out of order");
-    if (element.chkstr != nullptr)
+    }
+    if (element.chkstr != nullptr) {
         parts.push_back(element.chkstr);
+    }
     return fmt::format("{}", fmt::join(parts, "; "));
 }
 
@@ -93,7 +103,7 @@ void append_entry(std::string* page, const msgtab_el& entry) {
                    message ? "Message" : "Record", entry.msg_len);
     fmt::format_to(out, "| Pos | Field | Type | Bytes | From | Notes |\n|---|---|---|---|---|---|\n");
     int position = message ? static_cast<int>(sizeof(QX_HEADM)) : 0;
-    for (uint64_t i = 0; i < entry.msg_def.length; i++) {
+    for (uint64_t i = 0; i < entry.msg_def.length; ++i) {
         const msg_el& element = entry.msg_def.elements[i];
         bool fixed = is_fixed(element);
         fmt::format_to(out, "| {} | {} | {} | {} | {:02} | {} |\n", fixed ? std::to_string(position) : "",
@@ -106,17 +116,21 @@ void append_entry(std::string* page, const msgtab_el& entry) {
 
 void append_entries(std::string* page, bool messages) {
     const MSGTAB* table = get_msgtab();
-    for (int64_t i = 0; i < table->count; i++)
-        if (table->entries[i].msg_def.length > 0 && is_message(table->entries[i]) == messages)
+    for (int64_t i = 0; i < table->count; ++i) {
+        if (table->entries[i].msg_def.length > 0 && is_message(table->entries[i]) == messages) {
             append_entry(page, table->entries[i]);
+        }
+    }
 }
 
 void append_foreign(std::string* page) {
     const MSGTAB* table = get_msgtab();
     std::vector<std::string_view> names;
-    for (int64_t i = 0; i < table->count; i++)
-        if (table->entries[i].msg_def.length == 0)
+    for (int64_t i = 0; i < table->count; ++i) {
+        if (table->entries[i].msg_def.length == 0) {
             names.push_back(catalogue_trimmed_name(table->entries[i].name));
+        }
+    }
     fmt::format_to(std::back_inserter(*page), "{}.\n", fmt::join(names, ", "));
 }
 

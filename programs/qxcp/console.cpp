@@ -59,10 +59,11 @@ std::string describe(const json& job) {
     const std::string state = job.value("state", "");
     std::string text = fmt::format("job {} {}", job.value("run", 0), state);
     if (state == "activated") {
-        text += fmt::format(": process {} on {} since {} UTC", job.value("process_id", ""), job.value("agent", ""),
-                            job.value("start_time", ""));
+        text += fmt::format(": process {} on {} since {} UTC", job.value("process_id", ""),
+                            job.value("agent", ""), job.value("start_time", ""));
     } else if (state == "running") {
-        text += fmt::format(": process {}, started {} UTC", job.value("process_id", ""), job.value("start_time", ""));
+        text += fmt::format(": process {}, started {} UTC", job.value("process_id", ""),
+                            job.value("start_time", ""));
         if (const std::string info = job.value("info_text", ""); !info.empty()) {
             text += fmt::format(", \"{}\"", info);
         }
@@ -70,11 +71,11 @@ std::string describe(const json& job) {
         if (job.value("cancelled", false)) {
             text += " after the order to cancel it";
         }
-        text += fmt::format(" at {} UTC with return code {} ({} ms of processor time)", job.value("end_time", ""),
-                            job.value("return_code", 0), job.value("cpu_ms", 0));
+        text += fmt::format(" at {} UTC with return code {} ({} ms of processor time)",
+                            job.value("end_time", ""), job.value("return_code", 0), job.value("cpu_ms", 0));
     } else if (state == "cancelled" && job.contains("signal")) {
-        text += fmt::format(" at {} UTC, ended by signal {} ({} ms of processor time)", job.value("end_time", ""),
-                            job.value("signal", 0), job.value("cpu_ms", 0));
+        text += fmt::format(" at {} UTC, ended by signal {} ({} ms of processor time)",
+                            job.value("end_time", ""), job.value("signal", 0), job.value("cpu_ms", 0));
     } else if (state == "cancelled") {
         text += ": it was sent to no agent";
     } else if (state == "cancelling") {
@@ -115,7 +116,8 @@ void print_job(const json& job) {
                                                             {"report_copy", "report here"}};
     for (const auto& [key, label] : rows) {
         const json value = job.value(key, json{});
-        const bool bare = value.empty() || value == "" || (value == 0 && key != std::string_view{"return_code"});
+        const bool bare =
+            value.empty() || value == "" || (value == 0 && key != std::string_view{"return_code"});
         if (!bare) {
             fmt::print("{:<16} {}\n", label, value.is_string() ? value.get<std::string>() : value.dump());
         }
@@ -206,7 +208,8 @@ bool add_resources(json& list, const std::vector<std::string>& names, const char
     for (const std::string& name : names) {
         const size_t slash = name.find('/');
         if (slash == std::string::npos || slash == 0 || slash + 1 == name.size()) {
-            console_fail(fmt::format("'{}' is no resource: write OBJECT/NAME, see 'qxcp resource list'", name));
+            console_fail(
+                fmt::format("'{}' is no resource: write OBJECT/NAME, see 'qxcp resource list'", name));
             return false;
         }
         list.push_back({{"object", name.substr(0, slash)}, {"name", name.substr(slash + 1)}, {"kind", kind}});
@@ -229,9 +232,8 @@ int cp_console_run(const cp_console_options& options, const cp_run_options& run)
     if (!script) {
         return console_exit_failure;
     }
-    json request = {{"op", "run"},         {"script", *script},     {"name", run.name},
-                    {"agent", run.agent},  {"user", run.user},      {"shell", run.shell},
-                    {"client", run.client}, {"wrap", !run.plain}};
+    json request = {{"op", "run"},      {"script", *script},  {"name", run.name},     {"agent", run.agent},
+                    {"user", run.user}, {"shell", run.shell}, {"client", run.client}, {"wrap", !run.plain}};
     request["resources"] = json::array();
     if (!add_resources(request["resources"], run.client_resources, "C") ||
         !add_resources(request["resources"], run.task_resources, "T")) {
@@ -258,7 +260,8 @@ int cp_console_run(const cp_console_options& options, const cp_run_options& run)
         bool interrupted;
         std::optional<json> answer = control_receive(line, signal_fd, interrupted);
         if (!answer) {
-            return console_fail(fmt::format("the server went away; job {} goes on, see 'qxcp jobs' once it is back", number));
+            return console_fail(
+                fmt::format("the server went away; job {} goes on, see 'qxcp jobs' once it is back", number));
         }
         if (interrupted) {
             bool leave = false;
@@ -314,12 +317,12 @@ int cp_console_agents(const cp_console_options& options) {
         console_lines((*answer)["agents"]);
     } else if (answer) {
         console_table((*answer)["agents"], {{"name", "AGENT"},
-                                          {"address", "ADDRESS"},
-                                          {"port", "PORT"},
-                                          {"version", "VERSION"},
-                                          {"platform", "PLATFORM"},
-                                          {"since", "LOGGED ON (UTC)"},
-                                          {"key", "FINGERPRINT OF ITS KEY"}});
+                                            {"address", "ADDRESS"},
+                                            {"port", "PORT"},
+                                            {"version", "VERSION"},
+                                            {"platform", "PLATFORM"},
+                                            {"since", "LOGGED ON (UTC)"},
+                                            {"key", "FINGERPRINT OF ITS KEY"}});
         if ((*answer)["agents"].empty()) {
             fmt::print(stderr, "qxcp: no agent is logged on\n");
         }
@@ -330,19 +333,20 @@ int cp_console_agents(const cp_console_options& options) {
 int cp_console_jobs(const cp_console_options& options, const cp_jobs_options& jobs) {
     int exit_code;
     const std::optional<json> answer = console_ask(
-        options, {{"op", "jobs"}, {"states", jobs.states}, {"agent", jobs.agent}, {"last", jobs.last}}, exit_code);
+        options, {{"op", "jobs"}, {"states", jobs.states}, {"agent", jobs.agent}, {"last", jobs.last}},
+        exit_code);
     if (answer && options.json) {
         console_lines((*answer)["jobs"]);
     } else if (answer) {
         console_table((*answer)["jobs"], {{"run", "RUN"},
-                                        {"name", "NAME"},
-                                        {"agent", "AGENT"},
-                                        {"user", "USER"},
-                                        {"state", "STATE"},
-                                        {"process_id", "PROCESS"},
-                                        {"start_time", "START (UTC)"},
-                                        {"end_time", "END (UTC)"},
-                                        {"return_code", "CODE"}});
+                                          {"name", "NAME"},
+                                          {"agent", "AGENT"},
+                                          {"user", "USER"},
+                                          {"state", "STATE"},
+                                          {"process_id", "PROCESS"},
+                                          {"start_time", "START (UTC)"},
+                                          {"end_time", "END (UTC)"},
+                                          {"return_code", "CODE"}});
     }
     return exit_code;
 }

@@ -19,7 +19,7 @@ struct cp_run_options {
     std::string shell;
     std::string report_path;  // where the report goes; standard output unless given
     int client = 100;
-    bool plain = false;  // without the messenger's calls
+    bool plain = false;                         // without the messenger's calls
     std::vector<std::string> client_resources;  // OBJECT/NAME
     std::vector<std::string> task_resources;    // OBJECT/NAME
 };

@@ -75,7 +75,7 @@ int cp_console_exec(const cp_console_options& options, const cp_exec_options& ex
     if (exec.cancel) {
         return cancel(options, exec.agent, exec.number);
     }
-    json request = {{"op", "exec"},       {"agent", exec.agent}, {"command", exec.command},
+    json request = {{"op", "exec"},      {"agent", exec.agent}, {"command", exec.command},
                     {"user", exec.user}, {"rows", exec.rows},   {"client", exec.client}};
     if (!exec.password_file.empty()) {
         std::ifstream in(exec.password_file);
@@ -103,8 +103,8 @@ int cp_console_exec(const cp_console_options& options, const cp_exec_options& ex
             if (number != 0) {
                 cancel(options, exec.agent, number);
             }
-            fmt::print(stderr, "qxcp: {}\n", in_time ? "interrupted"
-                                                     : fmt::format("no answer within {} seconds", exec.seconds));
+            fmt::print(stderr, "qxcp: {}\n",
+                       in_time ? "interrupted" : fmt::format("no answer within {} seconds", exec.seconds));
             return in_time ? exit_interrupted : exit_timeout;
         }
         if (!answer) {

@@ -61,7 +61,8 @@ std::string converted(std::string text, const std::string& encoding) {
     while (left > 0) {
         char* to = chunk;
         size_t room = sizeof chunk;
-        const bool stopped = iconv(handle, &in, &left, &to, &room) == static_cast<size_t>(-1) && errno != E2BIG;
+        const bool stopped =
+            iconv(handle, &in, &left, &to, &room) == static_cast<size_t>(-1) && errno != E2BIG;
         out.append(chunk, static_cast<size_t>(to - chunk));
         if (stopped) {
             const size_t unit = std::min<size_t>(std::strcmp(from, "UTF-8") == 0 ? 1 : 2, left);
@@ -111,7 +112,8 @@ int show(const cp_console_options& options, const cp_cat_options& cat, const jso
         fmt::print("{}\n", line.dump(-1, ' ', false, json::error_handler_t::replace));
         return 0;
     }
-    const bool good = std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0;
+    const bool good =
+        std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0;
     return good ? 0 : console_fail(fmt::format("cannot write: {}", std::strerror(errno)));
 }
 
@@ -142,7 +144,8 @@ int cp_console_cat(const cp_console_options& options, const cp_cat_options& cat)
     return exit_code;
 }
 
-int cp_console_shell(const cp_console_options& options, const std::string& agent, const std::string& command) {
+int cp_console_shell(const cp_console_options& options, const std::string& agent,
+                     const std::string& command) {
     int exit_code;
     const std::optional<json> answer =
         console_ask(options, {{"op", "shell"}, {"agent", agent}, {"command", command}}, exit_code);

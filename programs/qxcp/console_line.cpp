@@ -47,8 +47,8 @@ bool control_connect(control_line& line, const std::string& folder) {
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
     line.fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (line.fd < 0 || connect(line.fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-        fmt::print(stderr, "qxcp: no server answers at '{}' ({}): start one with 'qxcp serve --data {}'\n", path,
-                   std::strerror(errno), folder);
+        fmt::print(stderr, "qxcp: no server answers at '{}' ({}): start one with 'qxcp serve --data {}'\n",
+                   path, std::strerror(errno), folder);
         return false;
     }
     return true;

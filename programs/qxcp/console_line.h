@@ -29,17 +29,20 @@ struct control_line {
 // False after an error, which has been told.
 bool control_connect(control_line& line, const std::string& folder);
 bool control_send(const control_line& line, const nlohmann::json& request);
-// The next line, or nothing at the connection's end. `signal_fd`, when not negative, ends the wait too and sets
+// The next line, or nothing at the connection's end. `signal_fd`, when not negative, ends the wait too and
+// sets
 // `interrupted`.
 std::optional<nlohmann::json> control_receive(control_line& line, int signal_fd, bool& interrupted);
 
 // Shows how much of a report has come, on a terminal. False when the line tells something else.
 bool console_progress(const nlohmann::json& line);
 
-// A request with one answer; progress on the way to it is shown. Nothing after an error, which has been told; `exit_code` is the command's.
+// A request with one answer; progress on the way to it is shown. Nothing after an error, which has been told;
+// `exit_code` is the command's.
 std::optional<nlohmann::json> console_ask(const cp_console_options& options, const nlohmann::json& request,
                                           int& exit_code);
 // One object a line.
 void console_lines(const nlohmann::json& rows);
 // Rows of objects under the titles of their columns.
-void console_table(const nlohmann::json& rows, const std::vector<std::pair<const char*, const char*>>& columns);
+void console_table(const nlohmann::json& rows,
+                   const std::vector<std::pair<const char*, const char*>>& columns);

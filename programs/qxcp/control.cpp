@@ -137,7 +137,8 @@ std::string control_no_agent_text(const cp_server& server, const std::string& ag
         }
     }
     if (names.empty()) {
-        return agent.empty() ? "no agent is logged on" : fmt::format("agent '{}' is not logged on, nor is any other", agent);
+        return agent.empty() ? "no agent is logged on"
+                             : fmt::format("agent '{}' is not logged on, nor is any other", agent);
     }
     return agent.empty() ? fmt::format("several agents are logged on, name one of them: {}", names)
                          : fmt::format("agent '{}' is not logged on; these are: {}", agent, names);
@@ -157,7 +158,8 @@ bool cp_control_open(cp_server& server, std::string& error) {
     }
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
     const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const bool alive = probe >= 0 && connect(probe, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    const bool alive =
+        probe >= 0 && connect(probe, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
     if (probe >= 0) {
         close(probe);
     }
@@ -167,7 +169,8 @@ bool cp_control_open(cp_server& server, std::string& error) {
     }
     unlink(path.c_str());  // left by a server that was killed
     server.control_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (server.control_fd < 0 || bind(server.control_fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+    if (server.control_fd < 0 ||
+        bind(server.control_fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
         chmod(path.c_str(), 0600) != 0 || listen(server.control_fd, 16) != 0) {
         error = fmt::format("cannot open '{}': {}", path, std::strerror(errno));
         return false;
@@ -237,7 +240,8 @@ void cp_control_tell_job(cp_server& server, const cp_job& job) {
         if (client->watched_run != job.run) {
             continue;
         }
-        const std::string told = fmt::format("{}|{}|{}", cp_state_name(job.state), job.process_id, job.info_text);
+        const std::string told =
+            fmt::format("{}|{}|{}", cp_state_name(job.state), job.process_id, job.info_text);
         if (told != client->last_told) {
             client->last_told = told;
             control_tell(*client, {{"job", cp_job_json(job)}});
@@ -251,8 +255,13 @@ void cp_control_tell_job(cp_server& server, const cp_job& job) {
 }
 
 json cp_agent_json(const cp_agent& agent) {
-    return {{"name", agent.link.agent},   {"address", agent.listener}, {"port", agent.listener_port},
-            {"version", agent.version},   {"platform", agent.platform}, {"since", agent.since},
-            {"start", std::string(1, agent.start_type)}, {"variables", agent.variables},
+    return {{"name", agent.link.agent},
+            {"address", agent.listener},
+            {"port", agent.listener_port},
+            {"version", agent.version},
+            {"platform", agent.platform},
+            {"since", agent.since},
+            {"start", std::string(1, agent.start_type)},
+            {"variables", agent.variables},
             {"key", agent.fingerprint}};
 }

@@ -47,16 +47,18 @@ void close_bracket(field_writer* writer) {
 // In front of a value: its name, or in a table only the comma.
 void begin_value(field_writer* writer, const walk_field& field) {
     bool in_table = !writer->closers.empty() && writer->closers.back() == ']';
-    if (!in_table)
+    if (!in_table) {
         json_append_name(writer->out, field.element->name);
-    else if (writer->out->back() != '[')
+    } else if (writer->out->back() != '[') {
         *writer->out += ',';
+    }
 }
 
 void write_integer(std::string* out, const walk_field& field) {
     uint64_t value = 0;
-    for (size_t i = 0; i < field.size; i++)
+    for (size_t i = 0; i < field.size; ++i) {
         value |= static_cast<uint64_t>(field.data[field.big_endian ? field.size - 1 - i : i]) << (8 * i);
+    }
     if (field.element->type == el_unsigned) {
         json_append_number(out, value);
         return;
@@ -68,10 +70,12 @@ void write_integer(std::string* out, const walk_field& field) {
 // A padded text without its blanks; one that NUL bytes pad counts too.
 void write_padded(std::string* out, std::string_view bytes) {
     size_t length = bytes.size();
-    while (length > 0 && bytes[length - 1] == '\0')
-        length--;
-    while (length > 0 && bytes[length - 1] == ' ')
-        length--;
+    while (length > 0 && bytes[length - 1] == '\0') {
+        --length;
+    }
+    while (length > 0 && bytes[length - 1] == ' ') {
+        --length;
+    }
     std::string_view text = bytes.substr(0, length);
     json_append_bytes(out, text.find('\0') == std::string_view::npos ? text : bytes);
 }
@@ -80,8 +84,9 @@ void write_padded(std::string* out, std::string_view bytes) {
 std::string_view cache_path(field_writer* writer, const walk_field& field) {
     constexpr size_t width = 512;
     bool first = strcmp(field.element->name, "task_cache_path") == 0;
-    if (first)
+    if (first) {
         writer->paths = field.data;
+    }
     size_t there = static_cast<size_t>(writer->end - writer->paths);
     size_t start = std::min(first ? 0 : width, there);
     return text_view(writer->paths + start, std::min(width, there - start));
@@ -99,8 +104,9 @@ void write_value(field_writer* writer, const walk_field& field) {
             write_padded(writer->out, bytes);
             return;
         case el_text_ended:
-            if (strcmp(writer->structure, "BINPATHS") == 0)
+            if (strcmp(writer->structure, "BINPATHS") == 0) {
                 bytes = cache_path(writer, field);
+            }
             json_append_bytes(writer->out, bytes.substr(0, bytes.find('\0')));
             return;
         default:
@@ -140,7 +146,7 @@ void write_field(void* context, const walk_field& field) {
 void append_warnings(std::string* out, const msg_error& error) {
     json_append_name(out, "warnings");
     *out += '[';
-    for (uint64_t i = 0; i < error.warning_list.length; i++) {
+    for (uint64_t i = 0; i < error.warning_list.length; ++i) {
         const err_element_t& warning = error.warning_list.list[i];
         *out += i == 0 ? "{" : ",{";
         json_append_name(out, "number");
@@ -175,8 +181,9 @@ void append_message(const cp_decode_options& options, std::span<unsigned char> m
     walk_visitor visitor = {write_field, &writer};
     msg_error error;
     int result = walk_message(message.data(), message.size(), options.to_lan, nullptr, &visitor, &error);
-    while (!writer.closers.empty())
+    while (!writer.closers.empty()) {
         close_bracket(&writer);
+    }
 
     json_append_name(out, "result");
     json_append_number(out, int64_t{result});
@@ -192,10 +199,11 @@ void append_message(const cp_decode_options& options, std::span<unsigned char> m
         json_append_bytes(out, text_view(message.data(), message.size()));
         return;
     }
-    if (message.empty())
+    if (message.empty()) {
         *out += ",\"type\":\"\",\"version\":\"\",\"client\":0,\"user\":0";
-    else
+    } else {
         append_head(out, message);
+    }
     json_append_name(out, "fields");
     *out += fields;
 }
@@ -203,15 +211,17 @@ void append_message(const cp_decode_options& options, std::span<unsigned char> m
 // ---- frames ----
 
 void append_text(std::string* out, const char* name, std::string_view text) {
-    if (text.empty())
+    if (text.empty()) {
         return;
+    }
     json_append_name(out, name);
     json_append_bytes(out, text);
 }
 
 void append_acv(std::string* out, const char* name, uint32_t acv) {
-    if (acv == 0)
+    if (acv == 0) {
         return;
+    }
     json_append_name(out, name);
     json_append_number(out, uint64_t{acv});
 }
@@ -250,12 +260,13 @@ void append_item(std::string* out, unsigned char key, std::span<const unsigned c
     *out += '{';
     json_append_name(out, "key");
     json_append_number(out, uint64_t{key});
-    if (key == key_server_data)
+    if (key == key_server_data) {
         append_server_data(out, data);
-    else if (key == key_executor_data && data.size() >= sizeof(executor_data))
+    } else if (key == key_executor_data && data.size() >= sizeof(executor_data)) {
         append_card(out, data);
-    else
+    } else {
         append_text(out, "data", text_view(data.data(), data.size()));
+    }
     *out += '}';
 }
 
@@ -263,8 +274,9 @@ void append_native_body(const cp_decode_options& options, std::span<unsigned cha
     frame_body parsed;
     qx7_error error;
     bool good = frame_parse_body(body.data(), body.size(), &parsed, &error) == 0;
-    if (good)
+    if (good) {
         append_addresses(out, parsed.address);
+    }
     *out += '}';
     if (!good) {
         // A sealed body reads like this: without the key its items cannot be told.
@@ -315,11 +327,12 @@ constexpr auto hex_values = [] {
     struct {
         signed char of[256];
     } table{};
-    for (int c = 0; c < 256; c++)
+    for (int c = 0; c < 256; ++c) {
         table.of[c] = static_cast<signed char>(c >= '0' && c <= '9'   ? c - '0'
                                                : c >= 'a' && c <= 'f' ? c - 'a' + 10
                                                : c >= 'A' && c <= 'F' ? c - 'A' + 10
                                                                       : -1);
+    }
     return table;
 }();
 
@@ -335,15 +348,17 @@ size_t read_hex(std::string_view line, std::vector<unsigned char>* bytes) {
     size_t at = 0;
     while (at < line.size()) {
         if (line[at] == ' ' || line[at] == '\t' || line[at] == '\r') {
-            at++;
+            ++at;
             continue;
         }
-        if (at + 1 == line.size())
+        if (at + 1 == line.size()) {
             break;
+        }
         int high = hex_value(line[at]);
         int low = hex_value(line[at + 1]);
-        if ((high | low) < 0)
+        if ((high | low) < 0) {
             break;
+        }
         *to++ = static_cast<unsigned char>(high << 4 | low);
         at += 2;
     }
@@ -373,8 +388,9 @@ void decode_lines(decode_state* state, std::string_view text) {
     for (size_t start = 0; start < text.size() && state->output_open;) {
         size_t end = std::min(text.find('\n', start), text.size());
         state->all_good &= cp_decode_line(*state->options, text.substr(start, end - start), &state->out);
-        if (state->out.size() >= output_block)
+        if (state->out.size() >= output_block) {
             state->output_open = flush_output(&state->out);
+        }
         start = end + 1;
     }
 }
@@ -382,8 +398,9 @@ void decode_lines(decode_state* state, std::string_view text) {
 // Decodes the whole lines at the front of `input` and keeps what follows them.
 void decode_front(decode_state* state, std::string* input) {
     size_t last = input->rfind('\n');
-    if (last == std::string::npos)
+    if (last == std::string::npos) {
         return;
+    }
     decode_lines(state, std::string_view(*input).substr(0, last + 1));
     input->erase(0, last + 1);
 }
@@ -400,12 +417,15 @@ bool decode_input(decode_state* state, FILE* in) {
     for (bool first = true;; first = false) {
         size_t got = fread(block.data(), 1, block.size(), in);
         input.append(block.data(), got);
-        if (first)
+        if (first) {
             capture = begins_with_frame(input);
-        if (got < block.size())
+        }
+        if (got < block.size()) {
             break;
-        if (!capture)
+        }
+        if (!capture) {
             decode_front(state, &input);
+        }
     }
     if (capture) {
         std::span<unsigned char> bytes(reinterpret_cast<unsigned char*>(input.data()), input.size());
@@ -432,12 +452,14 @@ bool cp_is_frame(std::span<const unsigned char> bytes) {
 bool cp_decode_frames(const cp_decode_options& options, std::span<unsigned char> capture, std::string* out) {
     bool good = true;
     while (!capture.empty()) {
-        if (!cp_is_frame(capture))
+        if (!cp_is_frame(capture)) {
             return append_error(out, std::to_string(capture.size()) + " bytes that begin no frame");
+        }
         size_t length = static_cast<size_t>(GetProtocolLength(capture.data()));
-        if (length > capture.size())
+        if (length > capture.size()) {
             return append_error(out, "a frame of " + std::to_string(length) + " bytes ends after " +
                                          std::to_string(capture.size()));
+        }
         append_frame(options, capture.first(length), out);
         capture = capture.subspan(length);
     }
@@ -447,10 +469,12 @@ bool cp_decode_frames(const cp_decode_options& options, std::span<unsigned char>
 bool cp_decode_line(const cp_decode_options& options, std::string_view line, std::string* out) {
     static thread_local std::vector<unsigned char> bytes;
     size_t read = read_hex(line, &bytes);
-    if (read < line.size())
+    if (read < line.size()) {
         return append_error(out, "no pair of hex digits at column " + std::to_string(read + 1));
-    if (cp_is_frame(bytes))
+    }
+    if (cp_is_frame(bytes)) {
         return cp_decode_frames(options, bytes, out);
+    }
     cp_decode_message(options, bytes, out);
     return true;
 }

@@ -147,7 +147,8 @@ void cp_control_exec_cancel(cp_server& server, cp_control_client& client, const 
         control_refuse(client, control_no_agent_text(server, agent));
         return;
     }
-    control_finish(client, {{"ok", true},
-                            {"text", number == 0 ? fmt::format("agent {} was told to stop all commands", agent)
-                                                 : fmt::format("command {} is being cancelled", number)}});
+    control_finish(client,
+                   {{"ok", true},
+                    {"text", number == 0 ? fmt::format("agent {} was told to stop all commands", agent)
+                                         : fmt::format("command {} is being cancelled", number)}});
 }

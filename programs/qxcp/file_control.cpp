@@ -36,7 +36,8 @@ std::string request_text(const std::string& key, const cp_file_wish& wish, unsig
     record.cd_records = wish.lines;
     record.cd_client = 100;
     record.cd_filetype = wish.part == cp_file_part::bytes ? 'B' : char{FILE_REQUEST_TEXT};
-    record.cd_readdirection = wish.part == cp_file_part::tail ? char{FILE_REQUEST_END} : char{FILE_REQUEST_BEGIN};
+    record.cd_readdirection =
+        wish.part == cp_file_part::tail ? char{FILE_REQUEST_END} : char{FILE_REQUEST_BEGIN};
     std::string text = fmt::format(
         "<?xml version=\"1.0\"?><qx-env addr=\"{}\" name=\"{}\" request=\"{}\" session=\"1\" useridnr=\"{}\">"
         "<request name=\"GETFILE\" src=\"qxcp\"><![CDATA[",
@@ -48,12 +49,14 @@ std::string request_text(const std::string& key, const cp_file_wish& wish, unsig
 std::string between(std::string_view text, std::string_view from, std::string_view to) {
     const size_t begin = text.find(from);
     const size_t end = begin == std::string_view::npos ? begin : text.find(to, begin + from.size());
-    return end == std::string_view::npos ? ""
-                                         : std::string(text.substr(begin + from.size(), end - begin - from.size()));
+    return end == std::string_view::npos
+               ? ""
+               : std::string(text.substr(begin + from.size(), end - begin - from.size()));
 }
 
 std::string without_entities(std::string text) {
-    for (const auto& [entity, plain] : {std::pair{"&lt;", "<"}, {"&gt;", ">"}, {"&quot;", "\""}, {"&amp;", "&"}}) {
+    for (const auto& [entity, plain] :
+         {std::pair{"&lt;", "<"}, {"&gt;", ">"}, {"&quot;", "\""}, {"&amp;", "&"}}) {
         for (size_t at = 0; (at = text.find(entity, at)) != std::string::npos; ++at) {
             text.replace(at, std::strlen(entity), plain);
         }
@@ -152,8 +155,8 @@ bool cp_take_file_answer(cp_server& server, cp_agent& agent, std::string_view te
     auto found = server.file_reads.find(key);
     if (found == server.file_reads.end() || found->second.agent_id != agent.id) {
         cp_emit(server, "file", agent.link.agent, 0,
-                fmt::format("agent {} answers an unknown file request '{}': {}", agent.link.agent, printable(key),
-                            without_entities(between(text, "insert=\"", "\""))));
+                fmt::format("agent {} answers an unknown file request '{}': {}", agent.link.agent,
+                            printable(key), without_entities(between(text, "insert=\"", "\""))));
         return true;
     }
     cp_file_read& read = found->second;
@@ -287,7 +290,9 @@ void cp_control_cat(cp_server& server, cp_control_client& client, const json& re
     wish.limit = request.value("limit", int64_t{0});
     wish.asker = client.id;
     const std::string part = request.value("part", "bytes");
-    wish.part = part == "tail" ? cp_file_part::tail : part == "head" ? cp_file_part::head : cp_file_part::bytes;
+    wish.part = part == "tail"   ? cp_file_part::tail
+                : part == "head" ? cp_file_part::head
+                                 : cp_file_part::bytes;
     wish.copy = control_copy_path(server, client);
     if (wish.path.empty() || wish.path.size() > 511) {
         control_refuse(client, "a file name has 1 to 511 bytes");
@@ -331,25 +336,26 @@ void cp_control_shell(cp_server& server, cp_control_client& client, const json& 
         return;
     }
     const int id = client.id;
-    const bool sent = cp_shell(&server, agent, command, copy, [&server, id, agent, copy](const cp_answer& answer) {
-        const std::string output = whole_file(copy);
-        unlink(copy.c_str());
-        cp_control_client* asker = control_find_client(server, id);
-        if (asker == nullptr) {
-            return;
-        }
-        if (answer.status != "OK") {
-            std::string why = control_answer_text(answer);
-            // Without consoles the words are the name of a file.
-            if (answer.number == number_report_open_failed &&
-                answer.insert.find(shell_mark) != std::string::npos) {
-                why += ". Set allow_agentshell=yes in section GLOBAL of its INI file and start it anew";
+    const bool sent =
+        cp_shell(&server, agent, command, copy, [&server, id, agent, copy](const cp_answer& answer) {
+            const std::string output = whole_file(copy);
+            unlink(copy.c_str());
+            cp_control_client* asker = control_find_client(server, id);
+            if (asker == nullptr) {
+                return;
             }
-            control_refuse(*asker, fmt::format("agent {} did not run the command: {}", agent, why));
-            return;
-        }
-        control_finish(*asker, {{"ok", true}, {"output", output}});
-    });
+            if (answer.status != "OK") {
+                std::string why = control_answer_text(answer);
+                // Without consoles the words are the name of a file.
+                if (answer.number == number_report_open_failed &&
+                    answer.insert.find(shell_mark) != std::string::npos) {
+                    why += ". Set allow_agentshell=yes in section GLOBAL of its INI file and start it anew";
+                }
+                control_refuse(*asker, fmt::format("agent {} did not run the command: {}", agent, why));
+                return;
+            }
+            control_finish(*asker, {{"ok", true}, {"output", output}});
+        });
     if (!sent) {
         control_refuse(client, not_sent(server, agent, copy));
     }

@@ -85,8 +85,9 @@ void finish_job(cp_server& server, cp_job& job) {
             cp_emit(server, "report", fetched->agent, run,
                     fmt::format("report of job {} is in {}", run, path));
         } else {
-            cp_emit(server, "report", fetched->agent, run,
-                    fmt::format("no report of job {}: {}", run, cp_message_text(answer.number, answer.insert)));
+            cp_emit(
+                server, "report", fetched->agent, run,
+                fmt::format("no report of job {}: {}", run, cp_message_text(answer.number, answer.insert)));
         }
         forget();
     });
@@ -100,7 +101,8 @@ void withdraw(cp_server& server, cp_job& job) {
     job.script.clear();
     qx_wipe(job.password.data(), job.password.size());
     job.password.clear();
-    cp_emit(server, "cancel", job.agent, job.run, fmt::format("job {} was cancelled before it was sent", job.run));
+    cp_emit(server, "cancel", job.agent, job.run,
+            fmt::format("job {} was cancelled before it was sent", job.run));
     cp_job_changed(server, job);
 }
 
@@ -123,7 +125,8 @@ void cp_ask_for_active_jobs(cp_server& server, cp_agent& agent) {
                     asked->message_number = answer.number;
                     asked->message_insert = answer.insert;
                     cp_emit(server, "lost", asked->agent, number,
-                            fmt::format("job {} is lost: {}", number, cp_message_text(answer.number, answer.insert)));
+                            fmt::format("job {} is lost: {}", number,
+                                        cp_message_text(answer.number, answer.insert)));
                     cp_job_changed(server, *asked);
                 }
             });
@@ -166,9 +169,8 @@ void cp_take_status(cp_server& server, cp_agent& agent, message_view view, const
         if (!cp_state_is_final(job->state) && job->state != cp_job_state::cancelled) {
             job->state = cp_job_state::running;
         }
-        cp_emit(
-            server, "status", job->agent, job->run,
-            fmt::format("job {} is {} (process {})", job->run, cp_shown_state(*job), job->process_id));
+        cp_emit(server, "status", job->agent, job->run,
+                fmt::format("job {} is {} (process {})", job->run, cp_shown_state(*job), job->process_id));
         cp_job_changed(server, *job);
         return;
     }
@@ -180,8 +182,9 @@ void cp_take_status(cp_server& server, cp_agent& agent, message_view view, const
     if (first) {
         const std::string state = cp_shown_state(*job);
         cp_emit(server, "end", job->agent, job->run,
-                state == "cancelled" ? fmt::format("job {} was cancelled, by signal {}", job->run, job->return_code)
-                                     : fmt::format("job {} {} with return code {}", job->run, state, job->return_code));
+                state == "cancelled"
+                    ? fmt::format("job {} was cancelled, by signal {}", job->run, job->return_code)
+                    : fmt::format("job {} {} with return code {}", job->run, state, job->return_code));
     }
     cp_job_changed(server, *job);
     send_status_answer(server, agent, *job, status.status);
@@ -236,8 +239,8 @@ void cp_activate(cp_server& server, cp_agent& agent, cp_job& job) {
     std::string text = cp_to_crlf(script);
     const std::string messenger = variable("QX_EX_JOB_MD");
     if (job.wrap && !messenger.empty()) {
-        text = cp_wrap_script(script, {messenger, agent.listener, agent.listener_port, job.run,
-                                           job.client, agent.link.agent, shell});
+        text = cp_wrap_script(script, {messenger, agent.listener, agent.listener_port, job.run, job.client,
+                                       agent.link.agent, shell});
     }
     message_builder<MSG_TYPE_EXAKTJ> record(job.client, job.user_id, 2);
     record->ah_idnr = job.run;

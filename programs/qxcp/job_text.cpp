@@ -78,13 +78,15 @@ std::string cp_wrap_script(std::string_view script, const cp_wrap_options& optio
         }
         text += "set qxcp_code = $status\n" + call + " end --retcode $qxcp_code\nexit $qxcp_code\n";
     } else {
-        text = "trap 'qxcp_code=$?; trap - 0; " + [&call] {
-            std::string inside;  // the call stands inside single quotes
-            for (char c : call) {
-                inside += c == '\'' ? std::string{"'\\''"} : std::string(1, c);
-            }
-            return inside;
-        }() + " end --retcode $qxcp_code; exit $qxcp_code' 0\n" + call + " start\n" + std::string{script};
+        text = "trap 'qxcp_code=$?; trap - 0; " +
+               [&call] {
+                   std::string inside;  // the call stands inside single quotes
+                   for (char c : call) {
+                       inside += c == '\'' ? std::string{"'\\''"} : std::string(1, c);
+                   }
+                   return inside;
+               }() +
+               " end --retcode $qxcp_code; exit $qxcp_code' 0\n" + call + " start\n" + std::string{script};
     }
     return cp_to_crlf(text);
 }

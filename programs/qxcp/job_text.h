@@ -14,9 +14,9 @@ struct cp_wrap_options {
     std::string shell;  // name of the shell that runs the job: decides the wrapping's language
 };
 
-// The script between the messenger's calls, lines ended by CR LF as a job's text travels. The return code told
-// to the messenger is the script's own, also where the script ends by `exit`. A shell of the C family knows no
-// exit trap: a script that ends early there is closed by its exit code alone.
+// The script between the messenger's calls, lines ended by CR LF as a job's text travels. The return code
+// told to the messenger is the script's own, also where the script ends by `exit`. A shell of the C family
+// knows no exit trap: a script that ends early there is closed by its exit code alone.
 std::string cp_wrap_script(std::string_view script, const cp_wrap_options& options);
 
 // The shell named in the script's first line ("#!/bin/bash -e" gives "bash"), or nothing.

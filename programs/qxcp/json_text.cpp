@@ -17,11 +17,14 @@ size_t utf8_length(std::string_view bytes) {
                     : first >= 0xE0 && first < 0xF0 ? 3
                     : first >= 0xC2 && first < 0xE0 ? 2
                                                     : 0;
-    if (length == 0 || length > bytes.size())
+    if (length == 0 || length > bytes.size()) {
         return 0;
-    for (size_t i = 1; i < length; i++)
-        if ((static_cast<unsigned char>(bytes[i]) & 0xC0) != 0x80)
+    }
+    for (size_t i = 1; i < length; ++i) {
+        if ((static_cast<unsigned char>(bytes[i]) & 0xC0) != 0x80) {
             return 0;
+        }
+    }
     unsigned char second = static_cast<unsigned char>(bytes[1]);
     bool too_small = (first == 0xE0 && second < 0xA0) || (first == 0xF0 && second < 0x90);
     bool no_character = (first == 0xED && second >= 0xA0) || (first == 0xF4 && second >= 0x90);
@@ -32,14 +35,16 @@ bool is_text(std::string_view bytes) {
     for (size_t at = 0; at < bytes.size();) {
         unsigned char c = static_cast<unsigned char>(bytes[at]);
         if (c < 0x80) {
-            if (c == 0x7F || (c < 0x20 && c != '\t' && c != '\n' && c != '\r'))
+            if (c == 0x7F || (c < 0x20 && c != '\t' && c != '\n' && c != '\r')) {
                 return false;
-            at++;
+            }
+            ++at;
             continue;
         }
         size_t length = utf8_length(bytes.substr(at));
-        if (length == 0)
+        if (length == 0) {
             return false;
+        }
         at += length;
     }
     return true;
@@ -79,10 +84,11 @@ void append_escaped(std::string* out, unsigned char c) {
 void json_append_string(std::string* out, std::string_view text) {
     *out += '"';
     size_t start = 0;
-    for (size_t i = 0; i < text.size(); i++) {
+    for (size_t i = 0; i < text.size(); ++i) {
         unsigned char c = static_cast<unsigned char>(text[i]);
-        if (is_plain(c) || c >= 0x80)
+        if (is_plain(c) || c >= 0x80) {
             continue;
+        }
         out->append(text, start, i - start);
         append_escaped(out, c);
         start = i + 1;
@@ -127,8 +133,9 @@ void json_append_number(std::string* out, uint64_t number) {
 }
 
 void json_append_name(std::string* out, std::string_view name) {
-    if (!out->empty() && out->back() != '{' && out->back() != '[')
+    if (!out->empty() && out->back() != '{' && out->back() != '[') {
         *out += ',';
+    }
     json_append_string(out, name);
     *out += ':';
 }

@@ -5,8 +5,8 @@
 #include <cstring>
 
 #include "base/memory.h"
-#include "messages/head.h"
 #include "message_text.h"
+#include "messages/head.h"
 #include "messages/records_connection.h"
 
 namespace {
@@ -55,7 +55,8 @@ bool send_init_token(cp_link& link, const cp_identity& identity) {
     gss_release_cred(&ignored, &cred);
     gss_release_name(&ignored, &target);
     if (major != GSS_S_COMPLETE && major != GSS_S_CONTINUE_NEEDED) {
-        return end_link(link, fmt::format("no init token: {:08X}, {} {}", major, minor, gss_minor_text(minor)));
+        return end_link(link,
+                        fmt::format("no init token: {:08X}, {} {}", major, minor, gss_minor_text(minor)));
     }
     append_gss_frame(link, token.value, token.length, "Q1");
     gss_release_buffer(&ignored, &token);
@@ -73,9 +74,10 @@ int find_key(const cp_link& link, const cp_identity& identity) {
 bool start_key_exchange(cp_link& link, const cp_identity& identity) {
     int number = find_key(link, identity);
     if (number == KM_OK) {
-        return end_link(link, fmt::format("a card with the name {} asks for a new key, and a key of that agent is held: "
-                                          "if the agent has lost its own, type 'qxcp forget-key {}'",
-                                          link.agent, link.agent));
+        return end_link(
+            link, fmt::format("a card with the name {} asks for a new key, and a key of that agent is held: "
+                              "if the agent has lost its own, type 'qxcp forget-key {}'",
+                              link.agent, link.agent));
     }
     if (number != KM_NAME_UNKNOWN) {
         return end_link(link, fmt::format("it is not known whether a key of agent {} is held: {}", link.agent,
@@ -114,15 +116,17 @@ bool take_card(cp_link& link, const cp_identity& identity, const unsigned char* 
     unsigned char own_hash[16];
     getKeyHash(*identity.keys, link.agent, own_hash);
     if (std::memcmp(own_hash, no_hash, sizeof no_hash) == 0) {
-        return end_link(link, fmt::format("agent {} holds a transfer key, and this server holds none of it: remove "
-                                          "section [{}] from the agent's key store and start it again",
-                                          link.agent, link.agent));
+        return end_link(link,
+                        fmt::format("agent {} holds a transfer key, and this server holds none of it: remove "
+                                    "section [{}] from the agent's key store and start it again",
+                                    link.agent, link.agent));
     }
     if (std::memcmp(card.key_hash, own_hash, sizeof own_hash) != 0) {
-        return end_link(link, fmt::format("agent {} holds another transfer key than this server: if that is the real "
-                                          "agent, type 'qxcp forget-key {}', remove section [{}] from its key store "
-                                          "and start it again",
-                                          link.agent, link.agent, link.agent));
+        return end_link(
+            link, fmt::format("agent {} holds another transfer key than this server: if that is the real "
+                              "agent, type 'qxcp forget-key {}', remove section [{}] from its key store "
+                              "and start it again",
+                              link.agent, link.agent, link.agent));
     }
     return send_init_token(link, identity);
 }
@@ -138,7 +142,8 @@ bool take_response(cp_link& link, const cp_identity& identity, std::string_view 
     // The answer may come late: by then another connection may have agreed on a key of that name.
     if (find_key(link, identity) == KM_OK) {
         qx_wipe(key, sizeof key);
-        return end_link(link, fmt::format("a key of agent {} was stored while its key exchange ran", link.agent));
+        return end_link(link,
+                        fmt::format("a key of agent {} was stored while its key exchange ran", link.agent));
     }
     number = set_transfer_key(identity.keys, link.agent, key);
     qx_wipe(key, sizeof key);
@@ -154,14 +159,14 @@ bool take_accept_token(cp_link& link, std::string_view data, const cp_link_handl
     gss_buffer_desc input{data.size(), const_cast<char*>(data.data())};
     gss_buffer_desc output;
     OM_uint32 minor = 0;
-    OM_uint32 major = gss_init_sec_context(&minor, GSS_C_NO_CREDENTIAL, &link.context, nullptr, GSS_MECH_KLVT_QX7,
-                                           context_flags, GSS_C_INDEFINITE, nullptr, &input, nullptr, &output,
-                                           nullptr, nullptr);
+    OM_uint32 major = gss_init_sec_context(&minor, GSS_C_NO_CREDENTIAL, &link.context, nullptr,
+                                           GSS_MECH_KLVT_QX7, context_flags, GSS_C_INDEFINITE, nullptr,
+                                           &input, nullptr, &output, nullptr, nullptr);
     OM_uint32 ignored;
     gss_release_buffer(&ignored, &output);
     if (major != GSS_S_COMPLETE) {
-        return end_link(link, fmt::format("the accept token of agent {} is wrong: {:08X}, {} {}", link.agent, major,
-                                          minor, gss_minor_text(minor)));
+        return end_link(link, fmt::format("the accept token of agent {} is wrong: {:08X}, {} {}", link.agent,
+                                          major, minor, gss_minor_text(minor)));
     }
     link.state = cp_link_state::sealed;
     handler(link, cp_link_event::sealed);
@@ -173,8 +178,8 @@ bool take_body(cp_link& link, const cp_identity& identity, const unsigned char* 
     frame_body parsed;
     qx7_error error;
     if (frame_parse_body(body, length, &parsed, &error) != 0) {
-        return end_link(link, fmt::format("frame of agent {} cannot be read: {} {}", link.agent, error.qx_msgnr,
-                                          error.qx_msgInsert));
+        return end_link(link, fmt::format("frame of agent {} cannot be read: {} {}", link.agent,
+                                          error.qx_msgnr, error.qx_msgInsert));
     }
     const unsigned char* data = body + parsed.offset;
     if (link.state == cp_link_state::card_awaited) {
@@ -191,7 +196,8 @@ bool take_body(cp_link& link, const cp_identity& identity, const unsigned char* 
     return link.state != cp_link_state::ended;
 }
 
-bool take_frame(cp_link& link, const cp_identity& identity, std::string_view frame, const cp_link_handler& handler) {
+bool take_frame(cp_link& link, const cp_identity& identity, std::string_view frame,
+                const cp_link_handler& handler) {
     std::string_view body = frame.substr(frame_header_size);
     if (frame_protocol_is(frame.data(), protocol_gss)) {
         switch (link.state) {
@@ -216,11 +222,11 @@ bool take_frame(cp_link& link, const cp_identity& identity, std::string_view fra
     size_t length = 0;
     OM_uint32 minor = 0;
     gss_qop_t qop = 0;
-    OM_uint32 major = gss_unwrap_ex(&minor, link.context, identity.quality_of_protection, bytes_of(body), plain,
-                                    &length, &qop);
+    OM_uint32 major = gss_unwrap_ex(&minor, link.context, identity.quality_of_protection, bytes_of(body),
+                                    plain, &length, &qop);
     if (major != GSS_S_COMPLETE) {
-        return end_link(link, fmt::format("a sealed frame of agent {} cannot be opened: {:08X}, {} {}", link.agent,
-                                          major, minor, gss_minor_text(minor)));
+        return end_link(link, fmt::format("a sealed frame of agent {} cannot be opened: {:08X}, {} {}",
+                                          link.agent, major, minor, gss_minor_text(minor)));
     }
     return take_body(link, identity, plain.data(), length, handler);
 }
@@ -231,8 +237,8 @@ bool append_sealed(cp_link& link, const cp_identity& identity, const unsigned ch
     }
     const size_t sealed_size = CalcMsgSize(length);
     unsigned char header[frame_header_size];
-    if (sealed_size == 0 ||
-        frame_set_header(header, protocol_native, static_cast<int64_t>(sealed_size + frame_header_size)) != 0) {
+    if (sealed_size == 0 || frame_set_header(header, protocol_native,
+                                             static_cast<int64_t>(sealed_size + frame_header_size)) != 0) {
         return false;
     }
     const size_t start = link.out.size();
@@ -245,7 +251,8 @@ bool append_sealed(cp_link& link, const cp_identity& identity, const unsigned ch
                                   {place + frame_header_size, sealed_size}, &written);
     if (major != GSS_S_COMPLETE || written != sealed_size) {
         link.out.resize(start);
-        return end_link(link, fmt::format("sealing failed: {:08X}, {} {}", major, minor, gss_minor_text(minor)));
+        return end_link(link,
+                        fmt::format("sealing failed: {:08X}, {} {}", major, minor, gss_minor_text(minor)));
     }
     return true;
 }

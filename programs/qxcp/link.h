@@ -1,7 +1,8 @@
 // One agent's connection, seen from the server: bytes in, bytes out, no socket.
 //
-// The order of a connection: server data goes out, the agent's visit card comes; without a key that both know the
-// key exchange runs; then init and accept token; from then on native frames are sealed in both directions.
+// The order of a connection: server data goes out, the agent's visit card comes; without a key that both know
+// the key exchange runs; then init and accept token; from then on native frames are sealed in both
+// directions.
 #pragma once
 
 #include <cstdint>
@@ -23,16 +24,16 @@ struct cp_identity {
     key_manager* keys = nullptr;
     std::string name = "CP001";
     std::string system;
-    int ranking = 1;                    // 1: take me; 9999: go away
-    std::string cp_list;                // "host:port;" for each other server
+    int ranking = 1;                     // 1: take me; 9999: go away
+    std::string cp_list;                 // "host:port;" for each other server
     unsigned quality_of_protection = 3;  // 2 to 6
 };
 
 enum class cp_link_event {
-    card,           // the agent's name is known
-    key_agreed,     // first contact: a new transfer key was stored
-    sealed,         // the handshake is over
-    message,        // `cp_received` holds it
+    card,        // the agent's name is known
+    key_agreed,  // first contact: a new transfer key was stored
+    sealed,      // the handshake is over
+    message,     // `cp_received` holds it
 };
 
 struct cp_received {

@@ -28,17 +28,17 @@ void cancel_waiting_jobs(cp_server& server, const std::string& agent, int client
                          const std::string& name) {
     std::vector<int> runs;
     for (const auto& [run, job] : server.store.jobs) {
-        const bool wants = std::any_of(job.resources.begin(), job.resources.end(), [&](const cp_job_resource& wanted) {
-            return wanted.object == object && wanted.name == name;
-        });
+        const bool wants = std::any_of(
+            job.resources.begin(), job.resources.end(),
+            [&](const cp_job_resource& wanted) { return wanted.object == object && wanted.name == name; });
         if (wants && job.agent == agent && job.client == client && job.state == cp_job_state::submitted) {
             runs.push_back(run);
         }
     }
     for (const int run : runs) {
         cp_emit(server, "resource", agent, run,
-                fmt::format("agent {} asks for resource {}:{}/{}, which is not here: job {} is cancelled", agent,
-                            client, object, name, run));
+                fmt::format("agent {} asks for resource {}:{}/{}, which is not here: job {} is cancelled",
+                            agent, client, object, name, run));
         cp_cancel(&server, run, {});
     }
 }
@@ -59,8 +59,8 @@ json resource_json(const cp_resource& resource) {
 std::string cp_check_resources(const cp_server& server, const cp_job& job) {
     for (const cp_job_resource& wanted : job.resources) {
         if (cp_resource_find(server.store, job.client, wanted.object, wanted.name) == nullptr) {
-            return fmt::format("client {} has no resource '{}/{}': add it with 'qxcp resource add'", job.client,
-                               wanted.object, wanted.name);
+            return fmt::format("client {} has no resource '{}/{}': add it with 'qxcp resource add'",
+                               job.client, wanted.object, wanted.name);
         }
     }
     return {};
@@ -95,8 +95,9 @@ std::string cp_resource_lines(const cp_job& job, const std::string& cache, const
         return {};
     }
     const bool c_family = shell == "csh" || shell == "tcsh" || shell == "-csh" || shell == "-tcsh";
-    const char* form = c_family ? "setenv QX_CLIENT_CACHE '{}'\nsetenv QX_TASK_CACHE '{}'\n"
-                                : "QX_CLIENT_CACHE='{}' QX_TASK_CACHE='{}'\nexport QX_CLIENT_CACHE QX_TASK_CACHE\n";
+    const char* form =
+        c_family ? "setenv QX_CLIENT_CACHE '{}'\nsetenv QX_TASK_CACHE '{}'\n"
+                 : "QX_CLIENT_CACHE='{}' QX_TASK_CACHE='{}'\nexport QX_CLIENT_CACHE QX_TASK_CACHE\n";
     return fmt::format(fmt::runtime(form), client_path(cache, job), task_path(cache, job));
 }
 
@@ -121,8 +122,8 @@ void cp_take_resource_request(cp_server& server, cp_agent& agent, message_view v
     answer->file_type = resource->text ? 'T' : 'B';
     answer.add(MSG_TYPE_BIN_DATA::content, *content);
     cp_emit(server, "resource", agent.link.agent, question.ah_idnr,
-            fmt::format("resource {}:{}/{} sent to agent {} for job {}", client, object, name, agent.link.agent,
-                        question.ah_idnr));
+            fmt::format("resource {}:{}/{} sent to agent {} for job {}", client, object, name,
+                        agent.link.agent, question.ah_idnr));
     const std::string module = from.src_name[0] != '\0' ? from.src_name : "BINDATA";
     cp_send(&server, agent, module, answer);
 }
@@ -138,11 +139,13 @@ void cp_control_resource_add(cp_server& server, cp_control_client& client, const
     resource.object = request.value("object", "");
     resource.name = request.value("name", "");
     resource.text = request.value("text", false);
-    if (std::string fault = cp_resource_add(server.store, resource, request.value("path", "")); !fault.empty()) {
+    if (std::string fault = cp_resource_add(server.store, resource, request.value("path", ""));
+        !fault.empty()) {
         control_refuse(client, fault);
         return;
     }
-    const cp_resource* added = cp_resource_find(server.store, resource.client, resource.object, resource.name);
+    const cp_resource* added =
+        cp_resource_find(server.store, resource.client, resource.object, resource.name);
     control_finish(client, {{"ok", true},
                             {"text", fmt::format("resource {}:{}/{} stored, {} bytes", added->client,
                                                  added->object, added->name, added->size)},

@@ -56,7 +56,8 @@ int port_of(int fd) {
 void accept_agents(cp_server& server) {
     sockaddr_in peer{};
     socklen_t length = sizeof peer;
-    const int fd = accept4(server.listen_fd, reinterpret_cast<sockaddr*>(&peer), &length, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    const int fd =
+        accept4(server.listen_fd, reinterpret_cast<sockaddr*>(&peer), &length, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (fd < 0) {
         return;  // it went away again, or descriptors are short: the next step tries once more
     }
@@ -88,12 +89,13 @@ void handle_link_event(cp_server& server, cp_agent& agent, cp_link_event event) 
     const std::string& name = agent.link.agent;
     switch (event) {
         case cp_link_event::card:
-            cp_emit(server, "card", name, 0, fmt::format("visit card of agent {} from {}", name, agent.address));
+            cp_emit(server, "card", name, 0,
+                    fmt::format("visit card of agent {} from {}", name, agent.address));
             break;
         case cp_link_event::key_agreed:
             cp_emit(server, "key", name, 0,
-                    fmt::format("first contact: a transfer key was agreed with agent {}, fingerprint {}", name,
-                                key_fingerprint(server.keys, name)));
+                    fmt::format("first contact: a transfer key was agreed with agent {}, fingerprint {}",
+                                name, key_fingerprint(server.keys, name)));
             break;
         case cp_link_event::sealed:
             end_older_connections(server, agent);
@@ -111,8 +113,8 @@ void handle_link_event(cp_server& server, cp_agent& agent, cp_link_event event) 
 void read_agent(cp_server& server, cp_agent& agent) {
     static thread_local std::string chunk(read_size, '\0');
     const ssize_t n = recv(agent.fd, chunk.data(), chunk.size(), 0);
-    // The agent's small messages would wait for a late acknowledgment of the one before; the kernel forgets this
-    // wish, so it is told each time.
+    // The agent's small messages would wait for a late acknowledgment of the one before; the kernel forgets
+    // this wish, so it is told each time.
     const int on = 1;
     setsockopt(agent.fd, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
     if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
@@ -224,13 +226,15 @@ std::string cp_time_text() {
     return text;
 }
 
-void cp_emit(cp_server& server, const std::string& kind, const std::string& agent, int run, const std::string& text) {
+void cp_emit(cp_server& server, const std::string& kind, const std::string& agent, int run,
+             const std::string& text) {
     if (server.observer) {
         server.observer({cp_time_text(), kind, agent, run, text});
     }
 }
 
-std::unique_ptr<cp_server, void (*)(cp_server*)> cp_server_open(const cp_options& options, std::string& error) {
+std::unique_ptr<cp_server, void (*)(cp_server*)> cp_server_open(const cp_options& options,
+                                                                std::string& error) {
     std::unique_ptr<cp_server, void (*)(cp_server*)> server(new cp_server, cp_server_close);
     server->options = options;
     std::string& system = server->options.system;
@@ -244,7 +248,8 @@ std::unique_ptr<cp_server, void (*)(cp_server*)> cp_server_open(const cp_options
     if (!error.empty()) {
         return {nullptr, cp_server_close};
     }
-    if (int number = KComInit(&server->keys, system, options.name, {}, options.folder + "/KStore.ini"); number != 0) {
+    if (int number = KComInit(&server->keys, system, options.name, {}, options.folder + "/KStore.ini");
+        number != 0) {
         error = fmt::format("the key store '{}/KStore.ini' cannot be used: {}", options.folder,
                             cp_message_text(number, ""));
         return {nullptr, cp_server_close};
@@ -298,7 +303,8 @@ void cp_server_step(cp_server* server, int timeout_ms) {
     wait.push_back({server->listen_fd, POLLIN, 0});
     wait.push_back({server->control_fd, POLLIN, 0});
     for (auto& agent : server->agents) {
-        wait.push_back({agent->fd, static_cast<short>(agent->link.out.empty() ? POLLIN : POLLIN | POLLOUT), 0});
+        wait.push_back(
+            {agent->fd, static_cast<short>(agent->link.out.empty() ? POLLIN : POLLIN | POLLOUT), 0});
     }
     for (auto& client : server->clients) {
         wait.push_back({client->fd, static_cast<short>(client->out.empty() ? POLLIN : POLLIN | POLLOUT), 0});
@@ -332,7 +338,8 @@ void cp_server_step(cp_server* server, int timeout_ms) {
 bool cp_server_run_until(cp_server* server, int timeout_ms, const std::function<bool()>& done) {
     const auto end = clock_type::now() + std::chrono::milliseconds(timeout_ms);
     while (!done()) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - clock_type::now()).count();
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(end - clock_type::now()).count();
         if (left <= 0) {
             return done();
         }

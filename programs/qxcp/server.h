@@ -1,6 +1,7 @@
 // The development server: agents log on to it, jobs run through it, a console talks to it.
 //
-// One thread. cp_server_step does what is due and returns; nothing else blocks. The library is what the command
+// One thread. cp_server_step does what is due and returns; nothing else blocks. The library is what the
+// command
 // `qxcp serve` runs and what the tests drive in their own process.
 #pragma once
 
@@ -54,13 +55,13 @@ struct cp_agent {
     int fd = -1;
     cp_link link;
     bool logged_on = false;
-    std::string address;       // of the peer
-    std::string listener;      // address of its listener
+    std::string address;   // of the peer
+    std::string listener;  // address of its listener
     int listener_port = 0;
     std::string version;
     std::string platform;
     std::string since;
-    std::string fingerprint;   // of the transfer key
+    std::string fingerprint;  // of the transfer key
     char start_type = ' ';
     int report_id = 0;
     std::map<std::string, std::string> variables;
@@ -85,7 +86,8 @@ using cp_message_tap = std::function<bool(cp_agent&, const cp_received&)>;
 std::string cp_time_text();
 
 // Null with `error` filled when the folder or the port cannot be used.
-std::unique_ptr<cp_server, void (*)(cp_server*)> cp_server_open(const cp_options& options, std::string& error);
+std::unique_ptr<cp_server, void (*)(cp_server*)> cp_server_open(const cp_options& options,
+                                                                std::string& error);
 void cp_server_close(cp_server* server);
 
 int cp_server_port(const cp_server* server);
@@ -103,8 +105,8 @@ bool cp_server_run_until(cp_server* server, int timeout_ms, const std::function<
 cp_agent* cp_find_agent(cp_server* server, const std::string& name);
 const std::vector<std::unique_ptr<cp_agent>>& cp_agents(const cp_server* server);
 
-// Takes a job over (`script`, `name`, `agent`, `user`, … filled) and gives it a run number. It is sent at once, or
-// when its agent logs on. 0 with `error` filled when it can't be taken.
+// Takes a job over (`script`, `name`, `agent`, `user`, … filled) and gives it a run number. It is sent at
+// once, or when its agent logs on. 0 with `error` filled when it can't be taken.
 int cp_submit(cp_server* server, cp_job job, std::string& error);
 cp_job* cp_find_job(cp_server* server, int run);
 
@@ -122,7 +124,8 @@ struct cp_report_wish {
     bool erase = false;
 };
 bool cp_fetch_report(cp_server* server, int run, const cp_report_wish& wish, cp_answer_handler handler);
-// A command for the login shell of a user; an empty user is the agent's own, where anonymous commands are allowed.
+// A command for the login shell of a user; an empty user is the agent's own, where anonymous commands are
+// allowed.
 struct cp_exec_wish {
     std::string command;
     std::string user;
@@ -131,17 +134,20 @@ struct cp_exec_wish {
     uint16_t client = 100;
     unsigned user_id = 1;
 };
-// The number of the command, 0 when no agent is there. The answer's data is the output, its lines ended by CR LF.
+// The number of the command, 0 when no agent is there. The answer's data is the output, its lines ended by CR
+// LF.
 int cp_exec(cp_server* server, const std::string& agent, const cp_exec_wish& wish, cp_answer_handler handler);
 // Stops a command, or all with number 0; their requests get no answer.
 bool cp_exec_cancel(cp_server* server, const std::string& agent, int number);
-// Administration of an agent (with an empty name: of the only one). False when it is not logged on. The answers are
-// QUITT, but `data` of cp_query's is a whole EXINFO and that of cp_change_log's a whole CHGLOGQU, in host form.
+// Administration of an agent (with an empty name: of the only one). False when it is not logged on. The
+// answers are QUITT, but `data` of cp_query's is a whole EXINFO and that of cp_change_log's a whole CHGLOGQU,
+// in host form.
 bool cp_query(cp_server* server, const std::string& agent, cp_answer_handler handler);
-// TRCGET; `insert` holds the flags, `data` size, memory, trigger type and trigger text, a NUL behind each but the last.
+// TRCGET; `insert` holds the flags, `data` size, memory, trigger type and trigger text, a NUL behind each but
+// the last.
 bool cp_trace_get(cp_server* server, const std::string& agent, cp_answer_handler handler);
 struct cp_trace_wish {
-    std::string flags;  // a digit for each area, at most 16
+    std::string flags;     // a digit for each area, at most 16
     bool extended = true;  // version 02: what follows counts
     int max_size = 0;
     bool memory = false;
@@ -173,12 +179,13 @@ bool cp_send_mail(cp_server* server, const std::string& agent, const cp_mail& ma
                   cp_answer_handler handler);
 // CONNECT: the agent shall connect to another one.
 bool cp_connect_agents(cp_server* server, const std::string& agent, const std::string& name,
-                       const std::string& address, int port, const std::string& token, cp_answer_handler handler);
+                       const std::string& address, int port, const std::string& token,
+                       cp_answer_handler handler);
 // The token of such an order: it gives `agent` the right to present itself to `partner`. False with `error`.
-bool cp_delegation_token(cp_server* server, const std::string& agent, const std::string& partner, std::string& token,
-                         std::string& error);
-// A part of a file of the agent's host, read with the rights of `user` and copied to `copy` (removed again when the
-// answer isn't OK). The answer's data is "<bytes> <position in the file>".
+bool cp_delegation_token(cp_server* server, const std::string& agent, const std::string& partner,
+                         std::string& token, std::string& error);
+// A part of a file of the agent's host, read with the rights of `user` and copied to `copy` (removed again
+// when the answer isn't OK). The answer's data is "<bytes> <position in the file>".
 enum class cp_file_part { bytes, head, tail };
 struct cp_file_wish {
     std::string path;
@@ -194,14 +201,16 @@ struct cp_file_wish {
 bool cp_read_file(cp_server* server, const std::string& agent, const cp_file_wish& wish,
                   cp_answer_handler handler);
 // A command of the agent's service console; its output is in `copy` when the answer is OK.
-bool cp_shell(cp_server* server, const std::string& agent, const std::string& command, const std::string& copy,
-              cp_answer_handler handler);
-// An initial package for an agent that never logged on: its transfer key is made and stored here, so that its first
-// logon needs no key exchange. With `company_only` it holds the company key alone and suits any agent. Empty with
+bool cp_shell(cp_server* server, const std::string& agent, const std::string& command,
+              const std::string& copy, cp_answer_handler handler);
+// An initial package for an agent that never logged on: its transfer key is made and stored here, so that its
+// first logon needs no key exchange. With `company_only` it holds the company key alone and suits any agent.
+// Empty with
 // `error` filled; a key that is held is not replaced. Whoever gets the bytes wipes them.
-std::string cp_make_package(cp_server* server, const std::string& agent, bool company_only, std::string& error);
-// Gives up the transfer key of an agent: the next first contact of that name is taken. An empty text, or what is
-// wrong.
+std::string cp_make_package(cp_server* server, const std::string& agent, bool company_only,
+                            std::string& error);
+// Gives up the transfer key of an agent: the next first contact of that name is taken. An empty text, or what
+// is wrong.
 std::string cp_forget_key(cp_server* server, const std::string& agent);
 bool cp_stop_agent(cp_server* server, const std::string& agent);
 // Ends the connection without a word.

@@ -19,8 +19,9 @@ using nlohmann::json;
 
 namespace {
 
-constexpr std::array<const char*, 10> state_names = {"waiting", "submitted", "activated", "running", "cancelled",
-                                                     "ended",   "vanished",  "refused",   "lost",    "withdrawn"};
+constexpr std::array<const char*, 10> state_names = {"waiting",   "submitted", "activated", "running",
+                                                     "cancelled", "ended",     "vanished",  "refused",
+                                                     "lost",      "withdrawn"};
 
 cp_job_state state_from_name(const std::string& name) {
     for (size_t i = 0; i < state_names.size(); ++i) {
@@ -79,8 +80,9 @@ json job_to_json(const cp_job& job) {
         j["script"] = job.script;
         j["resources"] = json::array();
         for (const cp_job_resource& resource : job.resources) {
-            j["resources"].push_back(
-                {{"object", resource.object}, {"name", resource.name}, {"kind", std::string(1, resource.kind)}});
+            j["resources"].push_back({{"object", resource.object},
+                                      {"name", resource.name},
+                                      {"kind", std::string(1, resource.kind)}});
         }
     }
     return j;
@@ -119,8 +121,8 @@ cp_job job_from_json(const json& j) {
     job.wrap = j.value("wrap", true);
     job.script = j.value("script", "");
     for (const json& resource : j.value("resources", json::array())) {
-        job.resources.push_back({resource.value("object", ""), resource.value("name", ""),
-                                 resource.value("kind", "C")[0]});
+        job.resources.push_back(
+            {resource.value("object", ""), resource.value("name", ""), resource.value("kind", "C")[0]});
     }
     return job;
 }
@@ -179,8 +181,9 @@ const char* cp_shown_state(const cp_job& job) {
 }
 
 const std::vector<std::string>& cp_shown_states() {
-    static const std::vector<std::string> names = {"waiting", "submitted", "activated", "running", "cancelling",
-                                                   "ended",   "cancelled", "vanished",  "refused", "lost"};
+    static const std::vector<std::string> names = {"waiting",    "submitted", "activated", "running",
+                                                   "cancelling", "ended",     "cancelled", "vanished",
+                                                   "refused",    "lost"};
     return names;
 }
 

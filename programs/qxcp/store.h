@@ -64,8 +64,8 @@ struct cp_job {
     int cpu_ms = 0;
     int io_count = 0;
     bool cancelled = false;  // the agent took the order to cancel it, or it was withdrawn
-    int status_count = 0;  // EXSTAJ received
-    int end_count = 0;     // of these, with a final state
+    int status_count = 0;    // EXSTAJ received
+    int end_count = 0;       // of these, with a final state
     int message_number = 0;
     std::string message_insert;
     std::string restart_record;  // opaque
@@ -79,7 +79,8 @@ struct cp_job {
 const char* cp_shown_state(const cp_job& job);
 // All names that it gives.
 const std::vector<std::string>& cp_shown_states();
-// What the console tells of a job: `return_code` only where a job has one, `signal` for one that was cancelled,
+// What the console tells of a job: `return_code` only where a job has one, `signal` for one that was
+// cancelled,
 // `message` with the text of its message.
 nlohmann::json cp_job_json(const cp_job& job);
 
@@ -88,10 +89,10 @@ struct cp_resource {
     uint16_t client = 100;
     std::string object;
     std::string name;
-    bool text = false;      // agents convert it
-    int64_t modified = 0;   // seconds since 1970: the version
+    bool text = false;     // agents convert it
+    int64_t modified = 0;  // seconds since 1970: the version
     int64_t size = 0;
-    std::string file;       // below the folder resources
+    std::string file;  // below the folder resources
 };
 
 struct cp_store {
@@ -110,8 +111,8 @@ struct cp_store {
 
 // Makes the folder where it is missing and reads what it holds. Returns an empty text, or what is wrong.
 std::string cp_store_open(cp_store& store, const std::string& folder);
-// Both return an empty text, or what is wrong. A line is in the file when they return; a crash of the host may
-// still lose it.
+// Both return an empty text, or what is wrong. A line is in the file when they return; a crash of the host
+// may still lose it.
 std::string cp_store_save_job(const cp_store& store, const cp_job& job);
 std::string cp_store_save_numbers(const cp_store& store);
 std::string cp_store_report_path(const cp_store& store, int run);

@@ -1,8 +1,8 @@
 // The job messenger: called by a job's script, it tells the agent on this host what the job does and writes
 // the report lines by which the agent finds out the same if it was not there to listen.
 //
-// Each job starts it twice, and most of what a call costs is the start: it needs the C library alone, holds no
-// table that the loader must fill and opens no file without need.
+// Each job starts it twice, and most of what a call costs is the start: it needs the C library alone, holds
+// no table that the loader must fill and opens no file without need.
 #include <signal.h>
 
 #include <cstdio>

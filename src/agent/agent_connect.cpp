@@ -53,7 +53,8 @@ int failed(const char* function, OM_uint32 major, OM_uint32 minor, qx7_error* er
 }
 
 // The credential that the server's token delegates; null, when it delegates nothing.
-int take_token(EX_PCX* pcx, std::span<const unsigned char> bytes, gss_cred_id_t* delegated, qx7_error* error) {
+int take_token(EX_PCX* pcx, std::span<const unsigned char> bytes, gss_cred_id_t* delegated,
+               qx7_error* error) {
     acceptance work;
     OM_uint32 minor = 0;
     OM_uint32 major = gss_create_empty_oid_set(&minor, &work.mechs);
@@ -68,15 +69,15 @@ int take_token(EX_PCX* pcx, std::span<const unsigned char> bytes, gss_cred_id_t*
     if (major != GSS_S_COMPLETE) {
         return failed("gss_import_name", major, minor, error);
     }
-    major = gss_acquire_cred(&minor, work.name, GSS_C_INDEFINITE, work.mechs, GSS_C_ACCEPT, &work.cred, nullptr,
-                             nullptr);
+    major = gss_acquire_cred(&minor, work.name, GSS_C_INDEFINITE, work.mechs, GSS_C_ACCEPT, &work.cred,
+                             nullptr, nullptr);
     if (major != GSS_S_COMPLETE) {
         return failed("gss_acquire_cred", major, minor, error);
     }
     const gss_buffer_desc token{bytes.size(), const_cast<unsigned char*>(bytes.data())};
     OM_uint32 flags = 0;
-    major = gss_accept_sec_context(&minor, &work.context, work.cred, &token, nullptr, nullptr, nullptr, &work.answer,
-                                   &flags, nullptr, delegated);
+    major = gss_accept_sec_context(&minor, &work.context, work.cred, &token, nullptr, nullptr, nullptr,
+                                   &work.answer, &flags, nullptr, delegated);
     return major == GSS_S_COMPLETE ? 0 : failed("gss_accept_sec_context", major, minor, error);
 }
 

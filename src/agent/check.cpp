@@ -59,7 +59,8 @@ int take_name(EX_PCX* pcx, const char* key, const char* preset, char* out, size_
 
 void check_name(check_report* report, const char* key, int result) {
     if (result != 0) {
-        check_say(report, CHECK_FAILED, "settings", std::string("GLOBAL/") + key + " must be a name of 1 to 32 characters");
+        check_say(report, CHECK_FAILED, "settings",
+                  std::string("GLOBAL/") + key + " must be a name of 1 to 32 characters");
     }
 }
 
@@ -96,7 +97,8 @@ void check_library(check_report* report, EX_PCX* pcx) {
     PZUHELP library = access(path.c_str(), R_OK) == 0 ? ZUHELP_Open(path.c_str(), 0) : nullptr;
     const int number = errno;
     if (library == nullptr) {
-        check_say(report, CHECK_FAILED, "message library", "'" + path + "': " + strerror(number) + "; set GLOBAL/helplib");
+        check_say(report, CHECK_FAILED, "message library",
+                  "'" + path + "': " + strerror(number) + "; set GLOBAL/helplib");
         return;
     }
     const size_t texts = library->entries.size();
@@ -150,9 +152,14 @@ void check_messenger(check_report* report, EX_PCX* pcx) {
     }
     const std::string path = setting_path(pcx, "VARIABLES", "QX_EX_JOB_MD");
     struct stat status;
-    const bool good = stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && access(path.c_str(), X_OK) == 0;
+    const bool good =
+        stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && access(path.c_str(), X_OK) == 0;
     const bool for_all = good && (status.st_mode & S_IXOTH) != 0;
-    check_say(report, !good ? CHECK_FAILED : for_all ? CHECK_OK : CHECK_WARNING, "job messenger",
+    check_say(report,
+              !good     ? CHECK_FAILED
+              : for_all ? CHECK_OK
+                        : CHECK_WARNING,
+              "job messenger",
               "'" + path + "'" +
                   (!good     ? std::string(" is no program that can be run; set VARIABLES/QX_EX_JOB_MD")
                    : for_all ? ""
@@ -163,23 +170,27 @@ void check_messenger(check_report* report, EX_PCX* pcx) {
 
 struct key_facts {
     std::string file;
-    std::string package;      // as it is named
-    bool package_read;        // it can be
+    std::string package;  // as it is named
+    bool package_read;    // it can be
     bool own_company_key;
     bool first_contact;
     std::string fingerprint;  // of the transfer key; empty: none
 };
 
 void say_keys(check_report* report, const key_facts& facts) {
-    const std::string key = facts.fingerprint.empty() ? "no transfer key yet" : "transfer key " + facts.fingerprint;
-    const char* first_contact =
-        facts.first_contact && !facts.fingerprint.empty() ? "; set AUTHORIZATION/first_contact = no now that there is a key" : "";
+    const std::string key =
+        facts.fingerprint.empty() ? "no transfer key yet" : "transfer key " + facts.fingerprint;
+    const char* first_contact = facts.first_contact && !facts.fingerprint.empty()
+                                    ? "; set AUTHORIZATION/first_contact = no now that there is a key"
+                                    : "";
     if (facts.fingerprint.empty() && !facts.first_contact && !facts.package_read) {
         check_say(report, CHECK_FAILED, "keys",
-                  "no transfer key, no initial package that can be read, and AUTHORIZATION/first_contact is no: no server "
+                  "no transfer key, no initial package that can be read, and AUTHORIZATION/first_contact is "
+                  "no: no server "
                   "can log this agent on");
     } else if (facts.fingerprint.empty() && facts.package_read) {
-        check_say(report, CHECK_OK, "keys", "initial package '" + facts.package + "', which the next start reads");
+        check_say(report, CHECK_OK, "keys",
+                  "initial package '" + facts.package + "', which the next start reads");
     } else if (facts.own_company_key && !facts.package.empty()) {
         check_say(report, CHECK_OK, "keys", "initial package; " + key + first_contact);
     } else if (facts.own_company_key) {
@@ -187,7 +198,8 @@ void say_keys(check_report* report, const key_facts& facts) {
     } else {
         check_say(report, CHECK_WARNING, "keys",
                   "derived company key, which follows from the system name; " + key +
-                      ": whoever records the first contact can read everything. Bring an initial package (qxcp package "
+                      ": whoever records the first contact can read everything. Bring an initial package "
+                      "(qxcp package "
                       "AGENT) or an own company key" +
                       first_contact);
     }
@@ -222,7 +234,8 @@ void check_keys(check_report* report, EX_PCX* pcx) {
                          access(setting_path(pcx, "AUTHORIZATION", "InitialPackage").c_str(), R_OK) == 0;
     uint8_t company[gss_key_size];
     size_t length = sizeof company;
-    facts.own_company_key = getEncKey(keys, "CompanyKey", 0, KEY_TYPE_COMPANY, company, &length, nullptr) == KM_OK;
+    facts.own_company_key =
+        getEncKey(keys, "CompanyKey", 0, KEY_TYPE_COMPANY, company, &length, nullptr) == KM_OK;
     qx_wipe(company, sizeof company);
     facts.first_contact = pcx->getProfileBool(pcx, "AUTHORIZATION", "first_contact", "yes");
     facts.fingerprint = key_fingerprint(keys, pcx->exName);
@@ -234,17 +247,21 @@ void check_keys(check_report* report, EX_PCX* pcx) {
 
 void check_listener_user(check_report* report, EX_PCX* pcx) {
     if (geteuid() != 0) {
-        check_say(report, CHECK_OK, "listener user", "an agent without root's rights runs its listener as itself");
+        check_say(report, CHECK_OK, "listener user",
+                  "an agent without root's rights runs its listener as itself");
         return;
     }
     const int number = pcx->getProfileInt(pcx, "GLOBAL", "listenerUID", "65534");
     const auto uid = number <= 0 ? shared_number : static_cast<unsigned>(number);
     const passwd* entry = getpwuid(uid);
-    const std::string who = std::to_string(uid) + (entry == nullptr ? "" : std::string(" (") + entry->pw_name + ")");
+    const std::string who =
+        std::to_string(uid) + (entry == nullptr ? "" : std::string(" (") + entry->pw_name + ")");
     if (uid == shared_number) {
-        check_say(report, CHECK_WARNING, "listener user", who + " is shared with other services: set GLOBAL/listenerUID to a user of its own");
+        check_say(report, CHECK_WARNING, "listener user",
+                  who + " is shared with other services: set GLOBAL/listenerUID to a user of its own");
     } else if (entry == nullptr) {
-        check_say(report, CHECK_WARNING, "listener user", "no account has number " + who + " of GLOBAL/listenerUID");
+        check_say(report, CHECK_WARNING, "listener user",
+                  "no account has number " + who + " of GLOBAL/listenerUID");
     } else {
         check_say(report, CHECK_OK, "listener user", who);
     }
@@ -298,6 +315,7 @@ int check_command(const char* ini, const char* program, FILE* out) {
     check_port(&report, pcx);
     check_server(&report, pcx);
     freePcx();
-    fprintf(out, "%s\n", report.failed ? "the agent would not work as it should: see FAILED above" : "nothing failed");
+    fprintf(out, "%s\n",
+            report.failed ? "the agent would not work as it should: see FAILED above" : "nothing failed");
     return report.failed ? 1 : 0;
 }

@@ -98,11 +98,13 @@ void check_taken_port(check_report* report, EX_PCX* pcx, const std::string& wher
     const pid_t agent = instance_lock_holder(pcx->IniFile);
     const bool hidden = agent < 0 && errno == EACCES;
     if (agent > 0 && port_is_held_by(port, agent)) {
-        check_say(report, CHECK_OK, "port", where + " is in use by this agent, process " + std::to_string(agent));
+        check_say(report, CHECK_OK, "port",
+                  where + " is in use by this agent, process " + std::to_string(agent));
         return;
     }
     check_say(report, CHECK_FAILED, "port",
-              where + ": " + strerror(EADDRINUSE) + " by " + port_holder_text(port) + "; choose another TCP/IP/port" +
+              where + ": " + strerror(EADDRINUSE) + " by " + port_holder_text(port) +
+                  "; choose another TCP/IP/port" +
                   (hidden ? ", or look as the agent's user whether it is this agent" : ""));
 }
 
@@ -111,9 +113,12 @@ void check_taken_port(check_report* report, EX_PCX* pcx, const std::string& wher
 void check_port(check_report* report, EX_PCX* pcx) {
     char address[256];
     const int port = settings_listener_port(value_of(pcx, "port").c_str(), address, sizeof address);
-    const std::string host = without_brackets(address[0] == '\0' ? value_of(pcx, "bindaddr") : std::string(address));
+    const std::string host =
+        without_brackets(address[0] == '\0' ? value_of(pcx, "bindaddr") : std::string(address));
     if (port == 0) {
-        check_say(report, CHECK_OK, "port", "the system chooses one at each start, and the log names it; set TCP/IP/port for a fixed one");
+        check_say(
+            report, CHECK_OK, "port",
+            "the system chooses one at each start, and the log names it; set TCP/IP/port for a fixed one");
         return;
     }
     const resolved_addresses addresses(host, std::to_string(port), AI_PASSIVE);
@@ -123,7 +128,8 @@ void check_port(check_report* report, EX_PCX* pcx) {
     }
     const std::string where = (host.empty() ? "" : host + ", ") + "port " + std::to_string(port);
     if (!addresses.failure.empty()) {
-        check_say(report, CHECK_FAILED, "port", where + ": " + addresses.failure + "; set TCP/IP/bindaddr to an address of this host");
+        check_say(report, CHECK_FAILED, "port",
+                  where + ": " + addresses.failure + "; set TCP/IP/bindaddr to an address of this host");
     } else if (number == EADDRINUSE) {
         check_taken_port(report, pcx, where, port);
     } else if (number != 0) {

@@ -32,7 +32,8 @@ struct candidate {
 struct search_state {
     bool open = false;
     std::vector<candidate> candidates;  // EX_PCX.nof_cp_connections of them
-    int chosen_channel = 0;  // that was chosen last; it is in its handshake while it still is a candidate by type
+    int chosen_channel =
+        0;  // that was chosen last; it is in its handshake while it still is a candidate by type
     time_t last_start = 0;
 };
 
@@ -198,8 +199,8 @@ void cp_search_end(EX_PCX* pcx, int keep_channel_id) {
 
 int cp_connection_add(EX_PCX* pcx, const char* host, int port, int ranking) {
     const size_t length = strlen(host);
-    if (!the_search.open || the_search.candidates.size() >= cp_connection_max || length == 0 || length > host_max ||
-        port < 1 || port > port_max) {
+    if (!the_search.open || the_search.candidates.size() >= cp_connection_max || length == 0 ||
+        length > host_max || port < 1 || port > port_max) {
         return -1;
     }
     cp_connection_t& entry = the_search.candidates.emplace_back().entry;
@@ -343,7 +344,8 @@ time_t cp_search_last_start() {
 
 bool cp_handshake_under_way(EX_PCX* pcx) {
     ccm_channel_image_t channel;
-    return the_search.chosen_channel > 0 && ccm_channel_copy(pcx->ccm, the_search.chosen_channel, &channel) == 0 &&
+    return the_search.chosen_channel > 0 &&
+           ccm_channel_copy(pcx->ccm, the_search.chosen_channel, &channel) == 0 &&
            channel.type == CH_TYPE_CP_CANDIDATE;
 }
 

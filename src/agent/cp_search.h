@@ -17,7 +17,8 @@ enum cp_connection_flag {
     CPC_FLAG_ANSWERED = 4
 };
 
-// One candidate. Sorting moves the entries of the list, so no pointer to one lives across a call that may sort or add.
+// One candidate. Sorting moves the entries of the list, so no pointer to one lives across a call that may
+// sort or add.
 struct cp_connection_t {
     char eyec[8];  // "%CPCONN%"
     int flag;

@@ -204,8 +204,7 @@ int qxexcmd_exec(EX_PCX* pcx, ccm_msg_t* msg, int) {
 // Resources of jobs and those of an upgrade both come this way; the upgrade is no part of this build.
 int process_bindata_message(EX_PCX* pcx, ccm_msg_t* msg, int row) {
     const message_view view = view_of(msg);
-    if (pcx->upgrade_ah_idnr != 0 &&
-        view_record<MSG_TYPE_BIN_DATA>(view).ah_idnr == pcx->upgrade_ah_idnr) {
+    if (pcx->upgrade_ah_idnr != 0 && view_record<MSG_TYPE_BIN_DATA>(view).ah_idnr == pcx->upgrade_ah_idnr) {
         return process_function_not_implemented(pcx, msg, row);
     }
     const int result = ProcessBinDataMessage(pcx, msg);

@@ -55,7 +55,7 @@ constexpr char ping_timer[] = "LISTENER_SENDPING_WATCHOG";  // spelled so; opera
 struct entry_state {
     int argc;
     char** argv;
-    int ini_argc;     // the arguments from which the INI file is taken: without the word of a command
+    int ini_argc;  // the arguments from which the INI file is taken: without the word of a command
     char** ini_argv;
     char start_folder[qx_path_size];
     char work_folder[qx_path_size];
@@ -81,7 +81,8 @@ constexpr char help_text[] =
     "runs jobs and commands by the server's order under the users that it names, and returns their states,\n"
     "return codes and reports. Jobs outlive the agent.\n"
     "\n"
-    "  qxxjlnx [[ini=]FILE]      run the agent with this INI file (default: the program's path with \".ini\");\n"
+    "  qxxjlnx [[ini=]FILE]      run the agent with this INI file (default: the program's path with "
+    "\".ini\");\n"
     "                            it stays in the foreground and ends in order by SIGTERM\n"
     "  qxxjlnx check [ini=FILE]  look at settings, folders, keys, port and server without starting;\n"
     "                            one line each, exit code 0 or 1\n"
@@ -117,8 +118,7 @@ int wrong_use(const char* name) {
 }
 
 bool is_help(const std::string& argument) {
-    for (const char* form :
-         {"?", "-?", "/?", "H", "HE", "HEL", "HELP", "-H", "-HE", "-HEL", "-HELP"}) {
+    for (const char* form : {"?", "-?", "/?", "H", "HE", "HEL", "HELP", "-H", "-HE", "-HEL", "-HELP"}) {
         if (argument == form) {
             return true;
         }
@@ -276,14 +276,16 @@ int be_the_only_one(const entry_state& state) {
         case instance_lock_taken:
             return 0;
         case instance_lock_failed:
-            fprintf(stderr,
-                    "%s lock file '%s.lock' cannot be used: %s. The agent goes on, but a second start with this "
-                    "INI file would not be noticed\n",
-                    now_text().c_str(), state.ini, strerror(errno));
+            fprintf(
+                stderr,
+                "%s lock file '%s.lock' cannot be used: %s. The agent goes on, but a second start with this "
+                "INI file would not be noticed\n",
+                now_text().c_str(), state.ini, strerror(errno));
             return 0;
         default:
             fprintf(stderr,
-                    "%s process %d (%s) already runs as the agent of '%s': stop it first, or start this one with an "
+                    "%s process %d (%s) already runs as the agent of '%s': stop it first, or start this one "
+                    "with an "
                     "INI file, port and log of its own\n",
                     now_text().c_str(), static_cast<int>(holder), program_of(holder).c_str(), state.ini);
             print_abnormal_end(main_name);

@@ -83,7 +83,8 @@ int process_ipc_sigchld(EX_PCX* pcx, ccm_msg_t* msg, int) {
         return listener_ended(pcx, end);
     }
     if (starter_ended(end.pid)) {
-        __log(-1, "the starter %d has ended (status %d), the next start makes a new one", end.pid, end.status);
+        __log(-1, "the starter %d has ended (status %d), the next start makes a new one", end.pid,
+              end.status);
         return 0;
     }
     if (process_command_sigchild(pcx, end.pid, end.ret, end.status) != 0) {

@@ -63,7 +63,8 @@ void take_password_checks(EX_PCX* pcx, const logon_answer& answer) {
     const int check = ReadLoginCheck(pcx);
     pcx->pcx_JobPwCheck = check_of(check, answer.anonymous_job, &pcx->pcx_anonymusJob, "Job");
     pcx->pcx_FtPwCheck = check_of(check, answer.anonymous_ft, &pcx->pcx_anonymusFt, "FT");
-    (void)check_of(check, answer.anonymous_fe, &pcx->pcx_anonymusFe, "File event");  // for its line in the log
+    (void)check_of(check, answer.anonymous_fe, &pcx->pcx_anonymusFe,
+                   "File event");  // for its line in the log
     pcx->pcx_anonymusUsr = answer.anonymous_job;
 }
 
@@ -143,8 +144,8 @@ void take_own_addresses(EX_PCX* pcx, const logon_answer& answer, message_view vi
     list.add_text(pcx->pcx_varex->ipAddr);
     list.add_text(pcx->listener_bindaddr);
     list.add_text("127.0.0.1");
-    // What the host's own name resolves to comes from a look-up that began with the search for a server; a logon
-    // before its end goes without, the interfaces tell the same but for an address outside the host.
+    // What the host's own name resolves to comes from a look-up that began with the search for a server; a
+    // logon before its end goes without, the interfaces tell the same but for an address outside the host.
     for (const in_addr_t address : resolver_own_host()) {
         list.add(address);
     }

@@ -72,8 +72,8 @@ void find_server(EX_PCX* pcx, time_t now) {
     }
     if ((flags & PCX_FLAG_LOGGED_IN) != 0) {
         pcx->pcx_flag.fetch_and(~PCX_FLAG_LOGGED_IN);
-        // At once, but not twice in one second: a server that takes each logon and hangs up would otherwise be
-        // called as fast as it answers.
+        // At once, but not twice in one second: a server that takes each logon and hangs up would otherwise
+        // be called as fast as it answers.
         pcx->Srv_alarm_time = cp_search_last_start() + 1;
     }
     const bool ready = (flags & PCX_FLAG_LISTENER_READY) != 0;

@@ -64,7 +64,8 @@ struct module_row {
 
 // In the order of opening.
 constexpr module_row modules[] = {
-    {"GET_fileOpen", [](EX_PCX* pcx, qx7_error*) { return GET_fileOpen(pcx); }, GET_fileClose, GET_fileClose, 5},
+    {"GET_fileOpen", [](EX_PCX* pcx, qx7_error*) { return GET_fileOpen(pcx); }, GET_fileClose, GET_fileClose,
+     5},
     {"Msg_Open", Msg_Open, nullptr, nullptr, 0},
     {"Var_Open", Var_Open, close_variables, Var_Close, 2},
     {"JP_Open", JP_Open, JP_Close, JP_after_fork, 1},
@@ -77,7 +78,8 @@ constexpr bool each_place_once() {
     for (const module_row& row : modules) {
         places |= 1 << row.closing;
     }
-    return places == (1 << std::size(modules)) - 1;  // one row has no place, the others have 1, 2, 3 and so on
+    return places ==
+           (1 << std::size(modules)) - 1;  // one row has no place, the others have 1, 2, 3 and so on
 }
 static_assert(each_place_once());
 

@@ -377,22 +377,25 @@ int server_connection_established(EX_PCX* pcx, int channel_id) {
 }
 
 void server_handshake_failed(EX_PCX* pcx, const ccm_channel_image_t& channel) {
-    constexpr char remedy[] =
-        "see 'First contact' in docs/operations.md";
+    constexpr char remedy[] = "see 'First contact' in docs/operations.md";
     if (channel.msgnr == number_no_answer) {
         return;  // it said nothing, so its opinion of the key is not known
     }
     const std::string fingerprint = key_fingerprint(agent_keys(), pcx->exName);
     if (fingerprint.empty()) {
         __log(-1,
-              "the server %s:%d ended the connection before the handshake was over, and this agent holds no transfer "
-              "key: the server may hold one for '%s' that its operator has to forget, or first contact is off; %s",
+              "the server %s:%d ended the connection before the handshake was over, and this agent holds no "
+              "transfer "
+              "key: the server may hold one for '%s' that its operator has to forget, or first contact is "
+              "off; %s",
               channel.addr, channel.port, pcx->exName, remedy);
         return;
     }
     __log(-1,
-          "the server %s:%d ended the connection before the handshake was over: it may not know this agent's transfer "
-          "key (fingerprint %s). If it has lost it, remove section [%s] from '%s' and start the agent again; %s",
+          "the server %s:%d ended the connection before the handshake was over: it may not know this agent's "
+          "transfer "
+          "key (fingerprint %s). If it has lost it, remove section [%s] from '%s' and start the agent again; "
+          "%s",
           channel.addr, channel.port, fingerprint.c_str(), pcx->exName, agent_keys().file.c_str(), remedy);
 }
 
@@ -413,7 +416,9 @@ bool logon_is_late(const EX_PCX* pcx, time_t now) {
 
 void give_up_logon(EX_PCX* pcx, int channel_id, time_t now) {
     logon_limit = 0;
-    __log(-1, "the server has not answered the logon for %d seconds, the connection is closed and the search goes on",
+    __log(-1,
+          "the server has not answered the logon for %d seconds, the connection is closed and the search "
+          "goes on",
           pcx->connwait);
     pcx->Srv_alarm_time = std::max(pcx->Srv_alarm_time, now + 1);
     ccm_channel_deletebyID(pcx->ccm, channel_id);

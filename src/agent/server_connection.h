@@ -26,7 +26,8 @@ int send_visitcard(EX_PCX* pcx, int channel_id);
 
 // The handshake on the server channel is over: logs on.
 int server_connection_established(EX_PCX* pcx, int channel_id);
-// The chosen server process is gone before the handshake was over: says what that may mean for the agent's key.
+// The chosen server process is gone before the handshake was over: says what that may mean for the agent's
+// key.
 void server_handshake_failed(EX_PCX* pcx, const ccm_channel_image_t& channel);
 // The server channel is gone.
 void server_connection_lost(EX_PCX* pcx);

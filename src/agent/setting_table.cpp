@@ -1,4 +1,5 @@
-// The rows of the table of settings. Values and their defaults stand beside each other as the readers use them.
+// The rows of the table of settings. Values and their defaults stand beside each other as the readers use
+// them.
 #include "agent/setting_table.h"
 
 #include <climits>
@@ -60,7 +61,8 @@ constexpr known_setting later(std::string_view section, std::string_view key) {
 }
 
 constexpr std::string_view list_words = "START|NO_START";
-constexpr std::string_view list_otherwise = "START, but NO_START for root and where only listed users may start";
+constexpr std::string_view list_otherwise =
+    "START, but NO_START for root and where only listed users may start";
 constexpr std::string_view at_command = "nohup at -c $(su - &user -c \"&jobFile 1>> &jobReport 2>&1\")&";
 
 constexpr known_setting rows[] = {

@@ -24,15 +24,17 @@ enum setting_kind : unsigned char {
 
 struct known_setting {
     std::string_view section;
-    std::string_view key;  // "*": every key of the section that has no row; a number from `low` to `high` if `high` is set
+    std::string_view
+        key;  // "*": every key of the section that has no row; a number from `low` to `high` if `high` is set
     setting_kind kind;
     std::string_view preset;  // empty: none, or not the same everywhere
     long long low = 0;
     long long high = 0;
-    std::string_view words = {};      // "|" between them
-    std::string_view otherwise = {};  // what is taken for a value that is not wanted; empty: it follows from the kind
-    bool protects = false;            // such a value ends the start
-    bool later = false;               // of a part that this build does not have
+    std::string_view words = {};  // "|" between them
+    std::string_view otherwise =
+        {};                 // what is taken for a value that is not wanted; empty: it follows from the kind
+    bool protects = false;  // such a value ends the start
+    bool later = false;     // of a part that this build does not have
 };
 
 std::span<const known_setting> all_settings();
@@ -52,6 +54,6 @@ std::string setting_taken(const known_setting& setting, std::string_view value);
 // What would be right, such as "yes or no", "a number from 0 to 65535".
 std::string setting_wanted(const known_setting& setting);
 
-// A line of the INI file without what is secret: the values of settings that hold secrets, of names that sound
-// like one, and of unknown names that are nearly one.
+// A line of the INI file without what is secret: the values of settings that hold secrets, of names that
+// sound like one, and of unknown names that are nearly one.
 std::string clean_setting_line(std::string_view section, std::string_view key, std::string_view value);

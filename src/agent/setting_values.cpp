@@ -75,7 +75,8 @@ bool is_number(std::string_view value, const known_setting& setting) {
 
 bool is_size(std::string_view value) {
     value = strip(value);
-    if (!value.empty() && (value.back() == 'K' || value.back() == 'k' || value.back() == 'M' || value.back() == 'm')) {
+    if (!value.empty() &&
+        (value.back() == 'K' || value.back() == 'k' || value.back() == 'M' || value.back() == 'm')) {
         value.remove_suffix(1);
     }
     int64_t number = 0;
@@ -84,7 +85,8 @@ bool is_size(std::string_view value) {
 
 bool is_mode(std::string_view value) {
     value = strip(value);
-    const bool digits = !value.empty() && value.size() <= 5 && value.find_first_not_of("01234567") == std::string_view::npos;
+    const bool digits =
+        !value.empty() && value.size() <= 5 && value.find_first_not_of("01234567") == std::string_view::npos;
     const long mode = digits ? strtol(std::string(value).c_str(), nullptr, 8) : 0;
     return mode > 0 && mode <= longest_mode;
 }
@@ -102,7 +104,8 @@ bool is_endpoint(std::string_view value) {
 bool is_languages(std::string_view value) {
     return std::count(value.begin(), value.end(), ',') <= 1 &&
            std::all_of(value.begin(), value.end(), [](char c) {
-               return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == ' ' || c == ',' || c == '(' || c == ')';
+               return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == ' ' || c == ',' || c == '(' ||
+                      c == ')';
            });
 }
 

@@ -109,7 +109,8 @@ std::string account_name(uid_t uid) {
     std::vector<char> buffer(16384);
     passwd entry;
     passwd* result = nullptr;
-    const bool found = getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &result) == 0 && result != nullptr;
+    const bool found =
+        getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &result) == 0 && result != nullptr;
     return found ? entry.pw_name : std::to_string(uid);
 }
 

@@ -86,8 +86,8 @@ std::string key_fault(const known_setting& setting, std::string_view key) {
     if (setting.key != "*" || setting.high == 0 || parse_number(key, setting.low, setting.high, &number)) {
         return "";
     }
-    return "the key is no number from " + std::to_string(setting.low) + " to " + std::to_string(setting.high) +
-           ", the line has no effect";
+    return "the key is no number from " + std::to_string(setting.low) + " to " +
+           std::to_string(setting.high) + ", the line has no effect";
 }
 
 std::string shown_value(const known_setting& setting, std::string_view value) {
@@ -95,17 +95,20 @@ std::string shown_value(const known_setting& setting, std::string_view value) {
     return quoted(std::string_view(line).substr(std::min(line.find('=') + 1, line.size())));
 }
 
-void check_value(file_walk* walk, const known_setting& setting, std::string_view key, std::string_view value) {
+void check_value(file_walk* walk, const known_setting& setting, std::string_view key,
+                 std::string_view value) {
     const std::string wrong = setting_value_fault(setting, value);
     if (wrong.empty()) {
         return;
     }
     const std::string what = std::string(key) + " = " + shown_value(setting, value) + " " + wrong;
-    const bool comment = value.find(" ;") != std::string_view::npos || value.find(" !") != std::string_view::npos;
-    const std::string write = ": write " + setting_wanted(setting) +
-                              (comment ? ", and the comment on a line of its own" : "");
+    const bool comment =
+        value.find(" ;") != std::string_view::npos || value.find(" !") != std::string_view::npos;
+    const std::string write =
+        ": write " + setting_wanted(setting) + (comment ? ", and the comment on a line of its own" : "");
     if (setting.protects) {
-        add_fault(walk, key, what + ", and the agent does not start without knowing what is meant" + write, true);
+        add_fault(walk, key, what + ", and the agent does not start without knowing what is meant" + write,
+                  true);
     } else {
         add_fault(walk, key, what + "; taken instead: " + setting_taken(setting, value) + write);
     }
@@ -115,12 +118,14 @@ void check_line(file_walk* walk, std::string_view line) {
     const size_t equals = line.find('=');
     if (equals == std::string_view::npos) {
         add_fault(walk, "",
-                  "the line is no section and holds no '=', it has no effect: write key = value, or ';' in front of it");
+                  "the line is no section and holds no '=', it has no effect: write key = value, or ';' in "
+                  "front of it");
         return;
     }
     const std::string_view key = line.substr(0, equals);
     if (walk->section.empty()) {
-        add_fault(walk, key, printable(key) + " stands before the first section and has no effect: put it below one");
+        add_fault(walk, key,
+                  printable(key) + " stands before the first section and has no effect: put it below one");
         return;
     }
     if (!walk->known || walk->passed) {
@@ -128,14 +133,16 @@ void check_line(file_walk* walk, std::string_view line) {
     }
     const int before = seen_before(walk, key);
     if (before != 0) {
-        add_fault(walk, key, printable(key) + " stands in line " + std::to_string(before) +
-                                 " already, and the first one counts: remove one of them");
+        add_fault(walk, key,
+                  printable(key) + " stands in line " + std::to_string(before) +
+                      " already, and the first one counts: remove one of them");
         return;
     }
     const known_setting* setting = find_setting(walk->section, key);
     if (setting == nullptr) {
         add_fault(walk, key,
-                  printable(key) + " is no key that the agent knows, it has no effect: " + advice_for_unknown(*walk, key));
+                  printable(key) +
+                      " is no key that the agent knows, it has no effect: " + advice_for_unknown(*walk, key));
         return;
     }
     const std::string wrong_key = key_fault(*setting, key);
@@ -216,8 +223,8 @@ bool settings_protecting_switch(EX_PCX* pcx, const char* section, const char* ke
     pcx->getProfileString(pcx, section, key, std::string(setting->preset).c_str(), value, sizeof value);
     const std::string wrong = setting_value_fault(*setting, value);
     if (!wrong.empty()) {
-        __log(-1, "%s: [%s] %s = '%s' %s; %s is taken until the INI file says what is meant", pcx->IniFile, section,
-              key, printable(value).c_str(), wrong.c_str(), safe ? "yes" : "no");
+        __log(-1, "%s: [%s] %s = '%s' %s; %s is taken until the INI file says what is meant", pcx->IniFile,
+              section, key, printable(value).c_str(), wrong.c_str(), safe ? "yes" : "no");
         return safe;
     }
     return pcx->getProfileBool(pcx, section, key, std::string(setting->preset).c_str());

@@ -24,9 +24,10 @@ std::string fault_line(const char* ini, const setting_fault& fault);
 
 // The faults of the context's INI file on standard error, and kept for the log, which is not open yet.
 void settings_tell_faults(const EX_PCX* pcx, FILE* out);
-// The same faults in the log. -1 with `error` (2000024, insert "key|section|") when one of them ends the start.
+// The same faults in the log. -1 with `error` (2000024, insert "key|section|") when one of them ends the
+// start.
 int settings_log_faults(const EX_PCX* pcx, qx7_error* error);
 
-// A switch that protects, read while the agent runs: `safe` for a value that nobody understands, with a line in
-// the log. (At the start such a value ends the agent.)
+// A switch that protects, read while the agent runs: `safe` for a value that nobody understands, with a line
+// in the log. (At the start such a value ends the agent.)
 bool settings_protecting_switch(EX_PCX* pcx, const char* section, const char* key, bool safe);

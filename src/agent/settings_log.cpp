@@ -74,5 +74,6 @@ void LOG_Varex(EX_PCX* pcx) {
 void LOG_Jpex(EX_PCX*) {
     const launch_settings* launch = launch_context();
     __PutLogText("Jobs: start type '%c', report mode %.4o, job file mode %.4o, messenger '%s'",
-                 launch->JobStartType, launch->FileReportMode, launch->JobFileMode, job_context()->meldName.c_str());
+                 launch->JobStartType, launch->FileReportMode, launch->JobFileMode,
+                 job_context()->meldName.c_str());
 }

@@ -7,8 +7,8 @@ inline constexpr int drain_silence_limit = 60;  // seconds without a write after
 
 // Only LOOP_RUNNING becomes LOOP_STOP_WANTED; later calls do nothing.
 int initiate_agent_shutdown(EX_PCX* pcx);
-// The same for an end that is none of the operator's: the process ends with code 1, so that a supervisor starts
-// it anew.
+// The same for an end that is none of the operator's: the process ends with code 1, so that a supervisor
+// starts it anew.
 int initiate_agent_failure(EX_PCX* pcx);
 // The exit code of an agent whose loop has ended: 1 after initiate_agent_failure, else that of the upgrade.
 int agent_end_code(const EX_PCX* pcx);

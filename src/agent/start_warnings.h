@@ -10,6 +10,6 @@ struct EX_PCX;
 // folder counts as open only when `folder_of_files` says that new files in it matter.
 std::string open_to_others(const char* path, bool folder_of_files);
 
-// Program folder and INI file with all folders above them that others can write to, and settings that leave the
-// host unprotected. Needs names and settings of the context only.
+// Program folder and INI file with all folders above them that others can write to, and settings that leave
+// the host unprotected. Needs names and settings of the context only.
 std::vector<std::string> start_warnings(const EX_PCX* pcx);

@@ -12,13 +12,13 @@ constexpr size_t base64_size(size_t length) {
 
 // Writes the text of `data`, base64_size() characters without line ends, to `to`. The place behind it.
 char* base64_encode_to(std::string_view data, char* to);
-// Writes it in lines of 76 characters, each with CR LF behind it: one for each 57 bytes and one for the rest. The place
-// behind it.
+// Writes it in lines of 76 characters, each with CR LF behind it: one for each 57 bytes and one for the rest.
+// The place behind it.
 char* base64_lines_to(std::string_view data, char* to);
 // Appends the text of `data` to `out`, without line ends.
 void base64_encode(std::string_view data, std::string* out);
 
-// Blanks, tabs and line ends between the characters are passed over; anything else that is not of the alphabet,
-// and padding anywhere but at the end, makes the text bad. False for a bad text; `out` then holds what came
-// before.
+// Blanks, tabs and line ends between the characters are passed over; anything else that is not of the
+// alphabet, and padding anywhere but at the end, makes the text bad. False for a bad text; `out` then holds
+// what came before.
 bool base64_decode(std::string_view text, std::string* out);

@@ -1,4 +1,5 @@
-// The part of base64 that the processor's vector instructions do, where it has them. Only for base64.cpp and tests.
+// The part of base64 that the processor's vector instructions do, where it has them. Only for base64.cpp and
+// tests.
 #pragma once
 
 #include <cstddef>

@@ -19,8 +19,8 @@
 
 namespace {
 
-// The end of a child is seen at its pidfd, so that the others cost nothing however many they are. Those without
-// one (an old kernel, too few descriptors) are looked for.
+// The end of a child is seen at its pidfd, so that the others cost nothing however many they are. Those
+// without one (an old kernel, too few descriptors) are looked for.
 struct watched_children {
     std::optional<bool> adopts;  // once it was asked for: nothing here changes it
     qx_descriptor set;           // epoll
@@ -95,8 +95,8 @@ bool collect(pid_t candidate, pid_t* pid, int* status) {
     return true;
 }
 
-// One that another process traces has ended and is not ours yet: it is passed over, and tells of itself again.
-// The set hands out its members in turn, so one round over all of them leaves nobody out.
+// One that another process traces has ended and is not ours yet: it is passed over, and tells of itself
+// again. The set hands out its members in turn, so one round over all of them leaves nobody out.
 bool collect_watched(pid_t* pid, int* status) {
     epoll_event events[16];
     constexpr int most = std::size(events);

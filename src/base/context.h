@@ -1,5 +1,5 @@
-// The program context: settings, what is constant after the start, identity, clocks and the loop, as plain data that the
-// whole process shares. What a module keeps for itself stands in the module.
+// The program context: settings, what is constant after the start, identity, clocks and the loop, as plain
+// data that the whole process shares. What a module keeps for itself stands in the module.
 #pragma once
 
 #include <netinet/in.h>

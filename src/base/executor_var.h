@@ -1,5 +1,5 @@
-// The system variables: what the agent tells about itself and its host, and the account for mails. Plain data; filled
-// at the start on the main thread, read by any thread afterwards.
+// The system variables: what the agent tells about itself and its host, and the account for mails. Plain
+// data; filled at the start on the main thread, read by any thread afterwards.
 #pragma once
 
 struct EX_PCX;

@@ -35,7 +35,6 @@ int text_code_mark_size(char code);
 std::string_view text_code_mark(char code);
 
 // ---- One record by descriptor
-// ----------------------------------------------------------------------------------
 
 // Reads up to and including the line end; the file position stands behind it afterwards. Result: bytes; 0 and
 // errno -4715 at the end; -1 and errno -4720 when the record reaches size - 1 (two-byte codes: size - 2), the
@@ -44,7 +43,6 @@ std::string_view text_code_mark(char code);
 int fdReadTextRec(int fd, char* buffer, size_t size, char code);
 
 // ---- A reader of text records with a buffer of its own
-// -----------------------------------------------------------
 
 // Reads a descriptor in blocks from a position on (pread; the descriptor's own position is not touched). The
 // descriptor stays the caller's. Results are those of fdReadTextRec; the byte-order mark belongs to the first
@@ -62,22 +60,21 @@ int text_reader_next(text_reader* reader, char* buffer, size_t size);
 // The record as a view that lives until the next call. A record of more than `limit` bytes is cut there and
 // goes on with the next call (*cut is then true); two-byte codes are cut at pairs. Same results.
 int text_reader_next_view(text_reader* reader, size_t limit, std::string_view* record, bool* cut);
-// Reads the next `wanted` bytes, as far as the file has them, while nobody waits for them. A failure shows when they
-// are taken.
+// Reads the next `wanted` bytes, as far as the file has them, while nobody waits for them. A failure shows
+// when they are taken.
 void text_reader_read_ahead(text_reader* reader, size_t wanted);
-// Where the last whole line ends of what was read: up to there records come without a look at the file. For codes of
-// one byte.
+// Where the last whole line ends of what was read: up to there records come without a look at the file. For
+// codes of one byte.
 int64_t text_reader_whole_until(const text_reader* reader);
 
 // Where the last `records` records of a file begin: read backwards in pieces of 8192 bytes that start at
 // multiples of 8192; line ends of two-byte codes count at even positions. `size` is the file's size to work
 // with. When the beginning is reached the position is behind the byte-order mark, if the file has one. -1
-// with errno on failure. Nothing in front of the piece that holds `lowest` is read: EFBIG when the records begin
-// there.
+// with errno on failure. Nothing in front of the piece that holds `lowest` is read: EFBIG when the records
+// begin there.
 int64_t text_last_records(int fd, int64_t size, int64_t records, char code, int64_t lowest = 0);
 
 // ---- Streams
-// ---------------------------------------------------------------------------------------------------
 
 // One line without its LF, which becomes NUL: its length; -4714 with "%s - %s" in `text`, -4715, -4716 (no LF
 // within size; the rest is still to be read). Lines may hold NUL bytes.
@@ -101,7 +98,6 @@ int FcbReadText(FILE* stream, char* buffer, int size, qx7_error* error);
 int FcbCloseFile(FILE* stream, qx7_error* error);
 
 // ---- Descriptors
-// -----------------------------------------------------------------------------------------------
 
 // Exactly n bytes unless the file ends; bytes read, or -1 with errno. EINTR is retried.
 ssize_t readn(int fd, void* buffer, size_t n);

@@ -196,9 +196,9 @@ int FileCreate(const char* path, mode_t mode) {
 bool is_kernel_file(int fd) {
     // Of the magic numbers, not all of which every kernel's headers know.
     static constexpr unsigned long kernels_own[] = {
-        PROC_SUPER_MAGIC, SYSFS_MAGIC,         DEBUGFS_MAGIC,  TRACEFS_MAGIC,  SECURITYFS_MAGIC,
-        CGROUP_SUPER_MAGIC, CGROUP2_SUPER_MAGIC, BPF_FS_MAGIC, SELINUX_MAGIC, PSTOREFS_MAGIC,
-        EFIVARFS_MAGIC,   BINFMTFS_MAGIC,      NSFS_MAGIC,     0x62656570 /* configfs */};
+        PROC_SUPER_MAGIC,   SYSFS_MAGIC,         DEBUGFS_MAGIC, TRACEFS_MAGIC, SECURITYFS_MAGIC,
+        CGROUP_SUPER_MAGIC, CGROUP2_SUPER_MAGIC, BPF_FS_MAGIC,  SELINUX_MAGIC, PSTOREFS_MAGIC,
+        EFIVARFS_MAGIC,     BINFMTFS_MAGIC,      NSFS_MAGIC,    0x62656570 /* configfs */};
     struct statfs status;
     if (fstatfs(fd, &status) != 0) {
         return true;

@@ -20,7 +20,6 @@
 #include "base/time.h"
 
 // ---- Catalogue
-// -------------------------------------------------------------------------------------------------
 
 // Values of fc_mode.
 enum file_kind : unsigned char {
@@ -99,7 +98,6 @@ int CheckDir(const char* path);
 std::string PutFileAttr(const FILE_CAT* catalogue);
 
 // ---- Safe creation and opening
-// ---------------------------------------------------------------------------------
 
 // Which step of a creation failed; the names are the first inserts of 2003041.
 inline constexpr char step_create[] = "FileCreate()";
@@ -115,15 +113,15 @@ int create_new_file(const char* path, mode_t mode, uid_t uid, gid_t gid, const c
 int create_new_file_at(int directory, const char* name, mode_t mode, uid_t uid, gid_t gid,
                        const char** failed_step, int access = O_RDWR);
 // Opens an existing regular file that is no link, without waiting and without becoming its terminal; `flags`
-// are O_RDONLY, O_WRONLY|O_APPEND and the like. EISDIR or EINVAL for what is no regular file, ELOOP for a link.
+// are O_RDONLY, O_WRONLY|O_APPEND and the like. EISDIR or EINVAL for what is no regular file, ELOOP for a
+// link.
 int open_regular_at(int directory, const char* name, int flags);
-// True for a file of procfs, sysfs and their like, whose content the kernel makes up for the process that reads
-// it: the agent's own memory map is nothing that is read by order, whatever name leads there. True also when it
-// cannot be told.
+// True for a file of procfs, sysfs and their like, whose content the kernel makes up for the process that
+// reads it: the agent's own memory map is nothing that is read by order, whatever name leads there. True also
+// when it cannot be told.
 bool is_kernel_file(int fd);
 
 // ---- Opening and closing
-// ---------------------------------------------------------------------------------------
 
 FILE* FileFOpen(const char* path, const char* mode);
 FILE* FileFOpenNoTrace(const char* path, const char* mode);
@@ -156,7 +154,6 @@ int SetMaxFileLimit();
 void AllFdClose(int first, const int* keep, int count);
 
 // ---- Directories
-// -----------------------------------------------------------------------------------------------
 
 // Makes every missing level; 0 or 1.
 int create_Dir(const char* path, qx7_error* error);

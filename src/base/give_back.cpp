@@ -36,8 +36,8 @@ void memory_set_up() {
 }
 
 void memory_give_back() {
-    // The library's count of free bytes does not tell: it is the same before a burst and after it, and only the pages
-    // are there again.
+    // The library's count of free bytes does not tell: it is the same before a burst and after it, and only
+    // the pages are there again.
     const size_t now = resident_bytes();
     if (now != 0 && now < resident_after_last + worth_a_walk) {
         resident_after_last = std::min(resident_after_last, now);

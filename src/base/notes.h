@@ -1,5 +1,5 @@
-// What this floor has to say. Log and trace stand on the floor above and put their functions in here before main; in a
-// program without them a note goes nowhere.
+// What this floor has to say. Log and trace stand on the floor above and put their functions in here before
+// main; in a program without them a note goes nowhere.
 #pragma once
 
 #include "base/trace_area.h"

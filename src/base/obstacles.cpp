@@ -50,7 +50,7 @@ void put_aside(int directory, const struct stat& obstacle, const char* made, con
         note_text("%s", obstacle_line(moved, owner_name(moved.owner)).c_str());
     } else if (unlinkat(directory, made, 0) != 0) {
         note_text("'%.500s': the file that was there is called '%s' now and cannot be removed: %s",
-                     printable(path).c_str(), made, strerror(errno));
+                  printable(path).c_str(), made, strerror(errno));
     }
 }
 
@@ -103,7 +103,8 @@ int take_place(int directory, const char* made, const char* name, const char* pa
 moved_obstacle move_aside(const char* path) {
     const std::string folder(path_folder_name(path));
     const std::string name(path_file_name(path));
-    const qx_descriptor directory(open(folder.empty() ? "." : folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const qx_descriptor directory(
+        open(folder.empty() ? "." : folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     const std::string made = hidden_name();
     struct stat obstacle;
     if (!directory.valid() || fstatat(directory.get(), name.c_str(), &obstacle, AT_SYMLINK_NOFOLLOW) != 0 ||
@@ -118,8 +119,8 @@ std::string obstacle_line(const moved_obstacle& moved, const std::string& owner)
     char line[longest_line];
     snprintf(line, sizeof line,
              "'%.500s' was taken: a %s of user '%s' (%u) stood there, and is called '%s' in that folder now.",
-             printable(moved.path).c_str(), kind_of(moved.mode), owner.c_str(), static_cast<unsigned>(moved.owner),
-             moved.name.c_str());
+             printable(moved.path).c_str(), kind_of(moved.mode), owner.c_str(),
+             static_cast<unsigned>(moved.owner), moved.name.c_str());
     return line;
 }
 

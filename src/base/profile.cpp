@@ -40,7 +40,6 @@ bool same_name(std::string_view a, std::string_view b) {
 }
 
 // ---- Reading
-// -----------------------------------------------------------------------------------------------------
 
 // Leaves the stream behind the line of the section; false at the end of the file.
 bool find_section(FILE* stream, std::string_view section) {
@@ -136,7 +135,6 @@ std::string_view view_of(const char* text) {
 }
 
 // ---- Writing
-// -----------------------------------------------------------------------------------------------------
 
 bool has_control_bytes(std::string_view text) {
     return std::any_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 32; });

@@ -17,7 +17,8 @@ struct INI_FILE_RECORD {
     std::string cRec;
 };
 
-// Told of each value that is read and its preset, null for none. The test of the table of settings listens here.
+// Told of each value that is read and its preset, null for none. The test of the table of settings listens
+// here.
 extern void (*profile_read_watch)(const char* section, const char* key, const char* preset);
 
 // The value, or `preset` when section, key or value is missing. An empty key gives the section's key names,
@@ -42,8 +43,8 @@ int WritePPString(const char* section, const char* key, const char* value, const
 char IfSection(const char* line);
 // Next line that is neither empty nor a comment, with the blanks around its key dropped; length or -4715.
 int GetProfZeile(FILE* stream, char* buffer, int size);
-// The same, and counts the lines of the file in *line. *cut: this one is longer than the buffer, and its rest will
-// be read as a line of its own. Both are the caller's, 0 and false before the first line.
+// The same, and counts the lines of the file in *line. *cut: this one is longer than the buffer, and its rest
+// will be read as a line of its own. Both are the caller's, 0 and false before the first line.
 int profile_read_line(FILE* stream, char* buffer, int size, int* line, bool* cut);
 // Next line without bytes below 32, at most size - 1; length or -4715.
 int ReadProfZeile(FILE* stream, char* buffer, int size);

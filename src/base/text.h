@@ -11,7 +11,6 @@
 #include <vector>
 
 // ---- Fixed-width fields
-// ----------------------------------------------------------------------------------------
 
 // Copies text into a field of `width` bytes, cut, and fills the rest with blanks. No NUL.
 void put_text(char* field, size_t width, std::string_view text);
@@ -57,7 +56,6 @@ char* _StringCopy(char* dst, size_t size, const char* src, const char* file, int
 char* _StringCat(char* dst, size_t size, const char* src, const char* file, int line);
 
 // ---- Case and blanks
-// -------------------------------------------------------------------------------------------
 
 // ASCII only, whatever the locale.
 char ToUpperCase(char c);
@@ -84,7 +82,6 @@ std::vector<std::string_view> split_words(std::string_view text, char delimiter)
 std::string fdset2string(const fd_set* set, int limit);
 
 // ---- Wildcards and numbers
-// -------------------------------------------------------------------------------------
 
 inline constexpr char match_more = 42;  // '*'
 inline constexpr char match_one = 63;   // '?'

@@ -131,7 +131,8 @@ int fill_block(text_reader* reader, size_t wanted) {
 int64_t count_back(const unsigned char* data, size_t length, int64_t start, int64_t* wanted, char code) {
     const size_t unit = static_cast<size_t>(text_code_unit(code));
     if (unit == 1) {
-        // Most pieces are only counted: looking each line end up costs fifty times as much where lines are empty.
+        // Most pieces are only counted: looking each line end up costs fifty times as much where lines are
+        // empty.
         const int64_t ends = std::count(data, data + length, static_cast<unsigned char>('\n'));
         if (ends < *wanted) {
             *wanted -= ends;

@@ -59,7 +59,7 @@ int ccm_check_ipv6_support(ccm_error_t* err) {
     const qx_descriptor s(socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
     return s.valid() ? 0
                      : qx_error_set(err, -1, errno, number_call_failed, "socket(AF_INET6)|%d(%s)", errno,
-                                     strerror(errno));
+                                    strerror(errno));
 }
 
 int ccm_hostname2address(const char* name, int prefer, sockaddr_in6* out, ccm_error_t* err) {

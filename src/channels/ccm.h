@@ -1,8 +1,8 @@
 // The channel manager's records: one context for each process, its channels, and the addresses of messages.
 //
 // Threads. The main thread runs all logic; the network thread does the socket I/O and is the only one that
-// unlinks or destroys a channel. A message that nothing stands in front of is written by its sender, who holds
-// the channel's pen meanwhile. `ccm_channel_getby*` return with `channel_lock` held: between them and
+// unlinks or destroys a channel. A message that nothing stands in front of is written by its sender, who
+// holds the channel's pen meanwhile. `ccm_channel_getby*` return with `channel_lock` held: between them and
 // `ccm_channel_unlock` a caller only copies or sets fields. Logging, allocating, sending, connecting, another
 // lookup, the security mechanism, files and names come after the unlock, on copies; this is tested, and a
 // violation aborts. Lock order: `channel_lock`, the context's `queue_lock`, a channel's `queue_lock`; none is
@@ -181,7 +181,8 @@ struct ccm_channel_t {
     std::unique_ptr<unsigned char[]> recv_buffer;  // no vector: that would clear what a read overwrites
     size_t recv_size;
     size_t recv_pos;
-    std::vector<qx_descriptor> fifo;  // came on a socket pair and wait for their PASSFD records, the oldest first
+    std::vector<qx_descriptor>
+        fifo;            // came on a socket pair and wait for their PASSFD records, the oldest first
     time_t accept_rest;  // a listening socket isn't looked at before this second
     bool recv_ready;     // complete frames may stand in recv_buffer
 
@@ -255,7 +256,6 @@ struct ccm_context_t {
 };
 
 // ---- context
-// -----------------------------------------------------------------------------------------------
 
 // Makes the context, finds out whether the host has IPv6 (2000361 when not), caps the soft limit of
 // descriptors at 65536 and registers its locks for forks. -1 with 3301 "CCM_OPEN..." without memory.
@@ -266,7 +266,6 @@ int ccm_close(ccm_context_t* ccm, ccm_error_t* err);
 void ccm_channel_closeall(ccm_context_t* ccm);
 
 // ---- channels
-// ----------------------------------------------------------------------------------------------
 
 // A cleared channel with socket -1, its ID and the name "*ID%d", not chained. 3301 "CREATE_CHANNEL...".
 int ccm_channel_new_entry(ccm_context_t* ccm, ccm_channel_t** out, ccm_error_t* err);

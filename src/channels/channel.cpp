@@ -337,11 +337,12 @@ int ccm_channel_create_pair(ccm_context_t* ccm, const char* name1, const char* n
                             ccm_error_t* err) {
     int pair[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, pair) != 0) {
-        return qx_error_set(err, -1, errno, number_call_failed, "socketpair()|%d(%s)|", errno, strerror(errno));
+        return qx_error_set(err, -1, errno, number_call_failed, "socketpair()|%d(%s)|", errno,
+                            strerror(errno));
     }
     if (descriptors_in_range(pair) < 0) {
         return qx_error_set(err, -1, EMFILE, number_call_failed, "socketpair()|%d(%s)|", EMFILE,
-                             strerror(EMFILE));
+                            strerror(EMFILE));
     }
     qx_descriptor ends[2] = {qx_descriptor(pair[0]), qx_descriptor(pair[1])};
     ccm_channel_t* channels[2] = {nullptr, nullptr};

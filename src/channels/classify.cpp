@@ -131,8 +131,7 @@ ccm_classified classify_message_item(ccm_context_t* ccm, ccm_channel_t* channel,
         return CCM_CLASS_QUEUE;
     }
     // A body that can't be converted is the sender's fault in this one message, the stream is sound.
-    int result = msgconv_ToHost(msg->msg_start, static_cast<size_t>(msg->len),
-                                ccm->pcx->pcx_msgctx);
+    int result = msgconv_ToHost(msg->msg_start, static_cast<size_t>(msg->len), ccm->pcx->pcx_msgctx);
     return result == 0 ? CCM_CLASS_QUEUE : CCM_CLASS_DROP;
 }
 

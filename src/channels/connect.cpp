@@ -21,7 +21,7 @@ namespace {
 int connect_failure(ccm_error_t* err, const char* call, int s, int id) {
     int number = errno;
     return qx_error_set(err, -1, number, number_call_failed, "%s|%d(%s),S(%d(ID=%d))|", call, number,
-                         strerror(number), s, id);
+                        strerror(number), s, id);
 }
 
 qx_descriptor new_socket(int family) {
@@ -170,7 +170,8 @@ int open_listen(ccm_context_t* ccm, const char* text, int port, int backlog, ccm
 }
 
 // A channel of a socket that stands already.
-int adopt_socket(ccm_context_t* ccm, qx_descriptor s, int type, const char* name, int port, ccm_error_t* err) {
+int adopt_socket(ccm_context_t* ccm, qx_descriptor s, int type, const char* name, int port,
+                 ccm_error_t* err) {
     ccm_channel_t* channel = nullptr;
     if (ccm_channel_new_entry(ccm, &channel, err) != 0) {
         return -1;

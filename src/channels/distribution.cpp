@@ -100,8 +100,8 @@ void keep_or_free(ccm_context_t* ccm, ccm_msg_t* msg, kept_messages* kept) {
         ccm_msg_t* oldest = queue_take(&kept->queue);
         --kept->count;
         kept->bytes -= oldest->len;
-        __log(-1, "more than %d messages or %lld bytes wait for a partner: the oldest is given up", ccm_msg_kept_max,
-              static_cast<long long>(ccm_queue_limit));
+        __log(-1, "more than %d messages or %lld bytes wait for a partner: the oldest is given up",
+              ccm_msg_kept_max, static_cast<long long>(ccm_queue_limit));
         ccm_msg_free(ccm, oldest);
     }
 }
@@ -147,7 +147,8 @@ bool pen_take(ccm_channel_t* channel) {
 void pen_give_back(ccm_context_t* ccm, ccm_channel_t* channel) {
     bool left;
     {
-        // From here on the channel may be destroyed, and what is queued behind this is seen by the network thread.
+        // From here on the channel may be destroyed, and what is queued behind this is seen by the network
+        // thread.
         spin_guard guard(&ccm->channel_lock);
         left = channel_has(channel, CH_FLAG_DELETED) || send_queue_filled(channel);
         channel->pen.store(false);

@@ -248,12 +248,15 @@ int answer_init_token(EX_PCX* pcx, ccm_context_t* ccm, int id, int type, const c
 const char* advice_for_refusal(int number) {
     switch (number) {
         case KM_WRITE:
-            return "Let the agent's user write the key store's folder and make room there; the server tries again at "
+            return "Let the agent's user write the key store's folder and make room there; the server tries "
+                   "again at "
                    "the next connection";
         case KM_UNEXPECTED:
-            return "Bring the key by an initial package, or set AUTHORIZATION/first_contact to yes until there is one";
+            return "Bring the key by an initial package, or set AUTHORIZATION/first_contact to yes until "
+                   "there is one";
         case KM_KEY_EXISTS:
-            return "The server has lost the agent's key: remove the agent's section from the key store if a new one "
+            return "The server has lost the agent's key: remove the agent's section from the key store if a "
+                   "new one "
                    "is wanted";
         default:
             return "Server and agent need the same system name, company key and agent name";
@@ -275,7 +278,8 @@ int answer_package(EX_PCX* pcx, ccm_context_t* ccm, int id, int type, int comman
         cmdData(&agent_keys(), field_text(pcx->exName), command, static_cast<const uint8_t*>(package.value),
                 package.length, answer, &answer_length, nullptr, nullptr);
     if (result == 0) {
-        __log(-1, "a transfer key was agreed; its fingerprint is %s: compare it with the one in the server's log",
+        __log(-1,
+              "a transfer key was agreed; its fingerprint is %s: compare it with the one in the server's log",
               key_fingerprint(agent_keys(), field_text(pcx->exName)).c_str());
     } else {
         qx_error_set(error, -1, result, number_call_failed, "cmdData|%u|", static_cast<unsigned>(result));

@@ -14,7 +14,6 @@
 #include "log/trace.h"
 
 // ---- locks: counted for each thread, so that a lock held over something slow is found at once
-// -----------------
 
 void spin_take(pthread_spinlock_t* lock);
 void spin_release(pthread_spinlock_t* lock);
@@ -33,7 +32,6 @@ void register_fork_locks(ccm_context_t* ccm);
 void unregister_fork_locks();
 
 // ---- queues: chained through nxt
-// ------------------------------------------------------------------------------
 
 void queue_append(ccm_msg_queue* queue, ccm_msg_t* msg);
 ccm_msg_t* queue_take(ccm_msg_queue* queue);
@@ -48,7 +46,6 @@ void queue_free_all(ccm_context_t* ccm, ccm_msg_queue* queue, pthread_spinlock_t
 void backlog_release(ccm_backlog_t* backlog);
 
 // ---- channels
-// ----------------------------------------------------------------------------------------------------
 
 inline bool channel_has(const ccm_channel_t* channel, int flag) {
     return (channel->flag.load(std::memory_order_acquire) & flag) != 0;
@@ -76,12 +73,11 @@ int descriptor_in_range(int fd);
 int descriptors_in_range(int (&ends)[2]);
 
 // ---- wake-ups
-// ----------------------------------------------------------------------------------------------------
 
 // Makes the pipes that are not there. 0, or -1 with errno.
 int wakeups_open(ccm_context_t* ccm);
-// The network thread calls the first before it looks at what is to be done, the others around its wait. False: it was
-// called since it looked, and must not wait.
+// The network thread calls the first before it looks at what is to be done, the others around its wait.
+// False: it was called since it looked, and must not wait.
 void network_looks(ccm_context_t* ccm);
 bool network_begins_wait(ccm_context_t* ccm);
 void network_ends_wait(ccm_context_t* ccm, bool called);
@@ -91,7 +87,6 @@ int network_call_to_end(ccm_context_t* ccm);
 void wake_for_message(ccm_context_t* ccm);
 
 // ---- network thread
-// ----------------------------------------------------------------------------------------------
 
 // 0, or -1 when the channel was marked deleted.
 int ccm_read_channel(ccm_context_t* ccm, ccm_channel_t* channel);
@@ -119,32 +114,32 @@ enum ccm_room { CCM_ROOM_FREE, CCM_ROOM_GROUP_FULL, CCM_ROOM_REMOTE_FULL, CCM_RO
 ccm_room ccm_judge_caller(const ccm_caller_counts& now, bool own_host);
 void ccm_signal_on_listen(ccm_context_t* ccm, ccm_channel_t* channel);
 
-// What may wait for one partner, and for partners to come. A line on which more waits, since nobody reads at its
-// other end, is given up: what has flag 8 then waits for the next one, everything else asks again by itself or is
-// repeated. One message alone may be larger. Changed by tests only.
+// What may wait for one partner, and for partners to come. A line on which more waits, since nobody reads at
+// its other end, is given up: what has flag 8 then waits for the next one, everything else asks again by
+// itself or is repeated. One message alone may be larger. Changed by tests only.
 extern int64_t ccm_queue_limit;
 // The counts of a channel's send queue, under its queue_lock. The seal changes a message's length in between.
 void sendq_joined(ccm_channel_t* channel, ccm_msg_t* msg);
 void sendq_left(ccm_channel_t* channel, const ccm_msg_t* msg);
 bool send_queue_filled(ccm_channel_t* channel);
-// Who holds a channel's pen seals and writes: one thread at a time, so that the order of the seals is the order of the
-// bytes. The channel is not destroyed meanwhile. Taken by other threads under channel_lock; false while somebody holds
-// it.
+// Who holds a channel's pen seals and writes: one thread at a time, so that the order of the seals is the
+// order of the bytes. The channel is not destroyed meanwhile. Taken by other threads under channel_lock;
+// false while somebody holds it.
 bool pen_take(ccm_channel_t* channel);
 // Calls the network thread when something is left for it. Not for the network thread itself.
 void pen_give_back(ccm_context_t* ccm, ccm_channel_t* channel);
 // What is queued, as far as the socket takes it. 0, or -1 when the channel was marked deleted. With the pen.
 int write_queued(ccm_context_t* ccm, ccm_channel_t* channel);
-// Spares the way through the network thread: a message that nothing stands in front of is written by its sender. False
-// when it has to go that way. Any thread, no spin lock held.
+// Spares the way through the network thread: a message that nothing stands in front of is written by its
+// sender. False when it has to go that way. Any thread, no spin lock held.
 bool ccm_write_at_once(ccm_context_t* ccm, ccm_msg_t* msg);
 // The channel that such a message leads to, with channel_lock and its pen held, or null with neither.
 ccm_channel_t* ccm_find_to_write(ccm_context_t* ccm, ccm_msg_t* msg);
 // Seals a framed message that is sent later, if its channel is free now. What is sent before makes it void.
 void ccm_seal_ahead(ccm_context_t* ccm, ccm_msg_t* msg);
 inline constexpr int ccm_write_at_once_max = 2 * ccm_write_piece;  // longer ones are sealed beside other work
-// Messages with flag 8 that a dying channel has not sent go back to those that wait, in front of them. Network
-// thread, or when none runs.
+// Messages with flag 8 that a dying channel has not sent go back to those that wait, in front of them.
+// Network thread, or when none runs.
 void keep_unsent(ccm_context_t* ccm, ccm_channel_t* channel);
 
 enum ccm_classified : int {

@@ -109,7 +109,6 @@ void reply_remote_close(ccm_context_t* ccm, const ccm_msg_t* request, int listen
 }
 
 // ---- the handshake of a caller, seen by the agent
-// ---------------------------------------------------------------
 
 // A channel without a socket that keeps the context until the socket arrives. Everything is set before it is
 // chained. Its ID, or -1.
@@ -183,7 +182,6 @@ int gsshs_remote_in_agent(EX_PCX* pcx, ccm_context_t* ccm, const ccm_msg_t* msg,
 }
 
 // ---- the same, seen by the listener
-// ------------------------------------------------------------------------------
 
 int gsshs_remote_in_listener(ccm_context_t* ccm, const ccm_msg_t* msg, const ipcmsg_gsshs_remote_t& record) {
     ccm_channel_t* channel = ccm_channel_getbyID(ccm, record.listenerID);
@@ -221,7 +219,6 @@ int gsshs_remote_in_listener(ccm_context_t* ccm, const ccm_msg_t* msg, const ipc
 }
 
 // ---- adoption
-// ----------------------------------------------------------------------------------------------------
 
 bool socket_option_is(int fd, int option, int wanted) {
     int value = 0;

@@ -70,9 +70,9 @@ struct ccm_msg_t {
     size_t control_len;
     alignas(16) unsigned char control_data[ccm_control_size];
     unsigned char* msg_start;
-    unsigned char* buffer1;  // ccm_msg_headroom + size + ccm_msg_tailroom bytes
-    unsigned char* buffer2;  // likewise; target of sealing. Null while a fitted message needs none
-    bool fitted;             // made for what it holds, with buffer2 on its own
+    unsigned char* buffer1;      // ccm_msg_headroom + size + ccm_msg_tailroom bytes
+    unsigned char* buffer2;      // likewise; target of sealing. Null while a fitted message needs none
+    bool fitted;                 // made for what it holds, with buffer2 on its own
     unsigned char* plain_start;  // of a message with flag KEEP, once it is sealed: the frame before the seal
     int plain_len;
     int ahead_ID;  // of the channel for which buffer2 holds the sealed form, as the message `ahead_counter`; 0 for none
@@ -90,7 +90,6 @@ inline message_view view_of(const ccm_msg_t* msg) {
 }
 
 // ---- pool
-// --------------------------------------------------------------------------------------------------
 
 // `msg_start` stands at buffer1 + 256, `len` is 0, the record is cleared, the buffers are not. Null with 3301
 // "CCMMSG..." without memory, for a negative size and for one above what a frame can carry. Any thread.
@@ -98,8 +97,8 @@ ccm_msg_t* ccm_msg_alloc(ccm_context_t* ccm, ccm_error_t* err);
 ccm_msg_t* ccm_msg_alloc_huge(ccm_context_t* ccm, int size, ccm_error_t* err);
 // The smallest fitting of the two above, with the first `size` body bytes zero and `len` set to it.
 ccm_msg_t* ccm_msg_alloc_cleared(ccm_context_t* ccm, int size, ccm_error_t* err);
-// Whoever waits in a queue shall take no more memory than what it carries: a short message in a large buffer is
-// moved to a fitted one and freed. The result is the message to go on with.
+// Whoever waits in a queue shall take no more memory than what it carries: a short message in a large buffer
+// is moved to a fitted one and freed. The result is the message to go on with.
 ccm_msg_t* ccm_msg_fit(ccm_context_t* ccm, ccm_msg_t* msg);
 // Gives a fitted message its second buffer. 0, or -1 without memory.
 int ccm_msg_second_buffer(ccm_msg_t* msg);
@@ -108,7 +107,8 @@ void ccm_msg_pool_trim(ccm_context_t* ccm, int keep);
 // Closes a descriptor that it owns. Null allowed. Any thread, no spin lock held.
 int ccm_msg_free(ccm_context_t* ccm, ccm_msg_t* msg);
 
-// Owner of a message that is not queued and not given to a send call yet: `ccm_msg_ptr msg(ccm_msg_alloc(…), {ccm})`.
+// Owner of a message that is not queued and not given to a send call yet: `ccm_msg_ptr msg(ccm_msg_alloc(…),
+// {ccm})`.
 struct ccm_msg_owner {
     ccm_context_t* ccm;
     void operator()(ccm_msg_t* msg) const { ccm_msg_free(ccm, msg); }
@@ -116,7 +116,6 @@ struct ccm_msg_owner {
 using ccm_msg_ptr = std::unique_ptr<ccm_msg_t, ccm_msg_owner>;
 
 // ---- addresses
-// ---------------------------------------------------------------------------------------------
 
 // Destination: channel ID, or a channel name when the ID is 0; module; handle. Longer texts are cut.
 void ccm_setaddr(ccm_msg_t* msg, int dst_ID, int unused, const char* dst_addr, const char* dst_name,
@@ -126,7 +125,6 @@ void ccm_setback(ccm_msg_t* msg, const char* src_addr, const char* src_name, int
 void ccm_setaddr_reply(ccm_msg_t* msg, const ccm_msg_t* request);
 
 // ---- sending
-// -----------------------------------------------------------------------------------------------
 
 // 48-byte header in front of the body: the length (header included), "QX7:global", "001", `kind`, blanks.
 // The result is -1 when the frame would be longer than eight digits tell.
@@ -142,8 +140,8 @@ int send_GSS_message(ccm_context_t* ccm, ccm_msg_t* msg, const char* coding);
 // what is meant for "*SERVER", "*CP..." or the channel "*IPC(AGENT)" goes as ROUTENAT. In the agent a message
 // for the server is freed while no server connection is reported, unless it has flag 8.
 int send_NAT_message(ccm_context_t* ccm, ccm_msg_t* msg);
-// The two steps of it, for a message in the agent that will be asked for soon: it is framed, and sealed where its
-// connection stands free; then it is sent as it is. The first is -1 when the message was freed.
+// The two steps of it, for a message in the agent that will be asked for soon: it is framed, and sealed where
+// its connection stands free; then it is sent as it is. The first is -1 when the message was freed.
 int ccm_prepare_NAT_message(ccm_context_t* ccm, ccm_msg_t* msg);
 int ccm_send_prepared(ccm_context_t* ccm, ccm_msg_t* msg);
 // The two ways to reach another process of this agent, and the own main loop.
@@ -164,7 +162,6 @@ int send_file_descriptor(ccm_context_t* ccm, const char* addr, int fd, int agent
 int ccm_send_message_common(ccm_context_t* ccm, ccm_msg_t* msg, const char* label);
 
 // ---- queues
-// ------------------------------------------------------------------------------------------------
 
 // Frees everything that waits: the context's queues and those of all channels; receive buffers are emptied.
 // Only while no network thread runs.

@@ -38,7 +38,8 @@ int buffer_make_room(ccm_context_t* ccm, ccm_channel_t* channel) {
         return 0;
     }
     const bool first = channel->recv_size == 0;
-    return buffer_grow(ccm, channel, first ? first_buffer : std::max(channel->recv_size + first_buffer, busy_buffer));
+    return buffer_grow(ccm, channel,
+                       first ? first_buffer : std::max(channel->recv_size + first_buffer, busy_buffer));
 }
 
 int ccm_channel_bindaddr_inquire(ccm_context_t* ccm, ccm_channel_t* channel) {
@@ -86,8 +87,8 @@ bool take_descriptors(ccm_channel_t* channel, msghdr* head) {
     return fits;
 }
 
-// Bytes read, 0 at the partner's end, -1 with errno; -2 when the channel was ended here. A process that passed
-// a socket shares its flags and could make it wait: the call says itself that it does not.
+// Bytes read, 0 at the partner's end, -1 with errno; -2 when the channel was ended here. A process that
+// passed a socket shares its flags and could make it wait: the call says itself that it does not.
 ssize_t receive_bytes(ccm_context_t* ccm, ccm_channel_t* channel) {
     unsigned char* at = channel->recv_buffer.get() + channel->recv_pos;
     const size_t room = channel->recv_size - channel->recv_pos;
@@ -125,8 +126,8 @@ int check_header(ccm_context_t* ccm, ccm_channel_t* channel, unsigned char* at, 
         flags |= TCP_CHK_NO_LIMIT;
     }
     char reason[256] = "";
-    int number =
-        TCP_Chk(ccm->pcx->pcx_hTcpMsg, at, std::min(available, frame_header_size), flags, reason, sizeof reason);
+    int number = TCP_Chk(ccm->pcx->pcx_hTcpMsg, at, std::min(available, frame_header_size), flags, reason,
+                         sizeof reason);
     if (number == 0) {
         return 0;
     }
@@ -179,7 +180,8 @@ int take_frame(ccm_context_t* ccm, ccm_channel_t* channel, const unsigned char* 
     const int length = static_cast<int>(size);
     ccm_error_t error;
     ccm_msg_ptr msg(
-        length > ccm_msg_standard_size ? ccm_msg_alloc_huge(ccm, length, &error) : ccm_msg_alloc(ccm, &error), {ccm});
+        length > ccm_msg_standard_size ? ccm_msg_alloc_huge(ccm, length, &error) : ccm_msg_alloc(ccm, &error),
+        {ccm});
     if (msg == nullptr) {
         channel_fail(ccm, channel, error.qx_msgnr, "%s", error.qx_msgInsert);
         return -1;

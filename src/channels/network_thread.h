@@ -36,7 +36,6 @@ int ccm_network_sync(ccm_context_t* ccm, int milliseconds);
 int ccm_channel_hold(ccm_context_t* ccm, int id);
 
 // ---- one cycle and its steps, for the thread and for tests without one
-// --------------------------------------
 
 int ccm_network_select(ccm_context_t* ccm, int timeout_seconds, ccm_error_t* err);
 void ccm_channel_merge_newq(ccm_context_t* ccm);

@@ -31,9 +31,10 @@ void fill_control_data(ccm_msg_t* msg) {
 
 // Bytes written, 0 when the socket takes none now, -1 with errno.
 //
-// A piece behind which more of the same frame follows is marked so: TCP then joins its rest with the next piece.
-// Otherwise a short last piece would wait for the acknowledgement of the one before it, which the receiver
-// delays by 40 ms. The last piece is never marked, whatever is queued behind it, and so never waits here.
+// A piece behind which more of the same frame follows is marked so: TCP then joins its rest with the next
+// piece. Otherwise a short last piece would wait for the acknowledgement of the one before it, which the
+// receiver delays by 40 ms. The last piece is never marked, whatever is queued behind it, and so never waits
+// here.
 ssize_t write_piece(ccm_channel_t* channel, ccm_msg_t* msg, size_t offered) {
     const bool more_of_frame = msg->pos + static_cast<int>(offered) < msg->len;
     iovec piece{msg->msg_start + msg->pos, offered};
@@ -74,9 +75,9 @@ int seal_if_wanted(ccm_context_t* ccm, ccm_channel_t* channel, ccm_msg_t* msg) {
 
 struct callers {
     ccm_caller_counts count;
-    int silent_ID = 0;        // of the caller who has said nothing for longest, 0 without one
+    int silent_ID = 0;         // of the caller who has said nothing for longest, 0 without one
     int remote_silent_ID = 0;  // likewise of those from other hosts
-    int group_silent_ID = 0;  // likewise of the group that is asked for
+    int group_silent_ID = 0;   // likewise of the group that is asked for
 };
 
 void note_first(int* id, bool wanted, const ccm_channel_t* channel) {

@@ -22,7 +22,8 @@ size_t data_offset(const unsigned char* sealed, size_t length) {
 }
 
 // The sealed form goes into the second buffer; the plain one stays.
-int seal(ccm_msg_t* msg, const gss_ctx_id_struct* context, size_t* written, uint32_t* counter, ccm_error_t* error) {
+int seal(ccm_msg_t* msg, const gss_ctx_id_struct* context, size_t* written, uint32_t* counter,
+         ccm_error_t* error) {
     if (ccm_msg_second_buffer(msg) != 0) {
         return qx_error_set(error, -1, ENOMEM, number_no_memory, "%s/%s(%d)", "CCMMSG", __FILE__, __LINE__);
     }

@@ -119,8 +119,7 @@ int queue_framed(ccm_context_t* ccm, ccm_msg_t* msg, const char* kind, int type)
 
 int frame_NAT_message(ccm_context_t* ccm, ccm_msg_t* msg) {
     if ((msg->flag & CCM_MSG_FLAG_RAW) == 0 &&
-        msgconv_ToLan(msg->msg_start, static_cast<size_t>(msg->len),
-                      ccm->pcx->pcx_msgctx) != 0) {
+        msgconv_ToLan(msg->msg_start, static_cast<size_t>(msg->len), ccm->pcx->pcx_msgctx) != 0) {
         return refuse(ccm, msg);
     }
     write_sr_data(msg);

@@ -98,7 +98,8 @@ void network_ends_wait(ccm_context_t* ccm, bool called) {
 void wake_for_message(ccm_context_t* ccm) {
     int waiting = WAKE_WAITING;
     if (ccm->processor_wake.compare_exchange_strong(waiting, WAKE_CALLED)) {
-        write_letter(ccm->processor_wakeup[1], 'P');  // it fails only where the main thread's wait fails as well
+        write_letter(ccm->processor_wakeup[1],
+                     'P');  // it fails only where the main thread's wait fails as well
     }
 }
 
@@ -159,8 +160,8 @@ int ccm_receive_message(ccm_context_t* ccm, int timeout_seconds, ccm_msg_t** out
 }
 
 int ccm_receive_message_until(ccm_context_t* ccm, time_t due, ccm_msg_t** out, ccm_error_t* err) {
-    // Whatever is due already was seen to in the pass before this wait; what that left alone must not make the
-    // loop spin.
+    // Whatever is due already was seen to in the pass before this wait; what that left alone must not make
+    // the loop spin.
     constexpr int64_t shortest = 20;
     constexpr int64_t longest = INT_MAX;
     const int64_t left = static_cast<int64_t>(due) * 1000 - alarm_now_ms();

@@ -1,6 +1,6 @@
 // Accounts and groups of this host. Every lookup runs under the effective-user lock, which it takes itself;
-// the calls may be made on any thread. Only what AccountOfUser, GroupNameOfAccount and account_groups found is
-// kept: for five seconds at most, and not beyond a change of /etc/passwd or /etc/group.
+// the calls may be made on any thread. Only what AccountOfUser, GroupNameOfAccount and account_groups found
+// is kept: for five seconds at most, and not beyond a change of /etc/passwd or /etc/group.
 #pragma once
 
 #include <sys/types.h>

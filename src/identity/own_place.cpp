@@ -18,7 +18,8 @@ int take_place_of_path(const std::string& made, const std::string& path) {
         errno = EEXIST;
         return -1;
     }
-    return take_place(way.dir.get(), std::string(path_file_name(made)).c_str(), way.name.c_str(), path.c_str());
+    return take_place(way.dir.get(), std::string(path_file_name(made)).c_str(), way.name.c_str(),
+                      path.c_str());
 }
 
 int create_in_place(const std::string& path, mode_t mode) {

@@ -48,7 +48,6 @@ int createDir_EffUser(const char* user, const char* path, mode_t mode, qx7_error
 int createDirFile_EffUser(const char* user, const char* path, mode_t mode, qx7_error* error);
 
 // ---- The way to a file
-// -----------------------------------------------------------------------------------------
 
 // Who has a say about a path: the owners of all directories and links on the way to it. `dir` is the folder
 // that holds the last part, opened as a place only (O_PATH); files reached through it cannot be swapped by

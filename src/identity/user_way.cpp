@@ -128,9 +128,9 @@ bool is_old(const kept_folder& folder) {
     return alarm_now_ms() - folder.walked_ms >= folder_kept_ms;
 }
 
-// A folder that still stands under its path, belonging to whom it did. Nobody but root and the agent had a say
-// about the way, and files are made and opened in the folder itself, so whatever happens to the way meanwhile
-// leads nobody elsewhere.
+// A folder that still stands under its path, belonging to whom it did. Nobody but root and the agent had a
+// say about the way, and files are made and opened in the folder itself, so whatever happens to the way
+// meanwhile leads nobody elsewhere.
 int find_kept(const std::string& path) {
     for (auto at = kept_folders.begin(); at != kept_folders.end(); ++at) {
         if (at->path != path) {

@@ -305,7 +305,8 @@ void log_start(const JP_AREA* job) {
     const bool batch = launch_context()->JobStartType == job_start_batch;
     __PutLogText("Job %d of client %u: user '%s', process %s %u, report '%s'", job->JP_jobNr, job->JP_Mandant,
                  printable(job->JP_user).c_str(), batch ? "group" : "id",
-                 batch ? static_cast<unsigned>(job->jp_group) : job->fork_pid, printable(job->JP_jReport).c_str());
+                 batch ? static_cast<unsigned>(job->jp_group) : job->fork_pid,
+                 printable(job->JP_jReport).c_str());
 }
 
 int acknowledge_start(activation_run* run) {

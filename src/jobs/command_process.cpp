@@ -168,9 +168,9 @@ bool append_piece(std::string_view piece, int max_rows, int64_t limit, std::stri
 }  // namespace
 
 void command_send_failure(EX_PCX* pcx, const Cmd_Area& entry, int number, const std::string& insert,
-                  const std::string& output) {
-    auto quitt = make_quitt({"EXREQCMD", entry.cmda_headm.i2Mandant, entry.cmda_headm.i4UsrIdNr, number,
-                             insert, "NK"});
+                          const std::string& output) {
+    auto quitt = make_quitt(
+        {"EXREQCMD", entry.cmda_headm.i2Mandant, entry.cmda_headm.i4UsrIdNr, number, insert, "NK"});
     put_text(quitt->filler, "");
     quitt.add(MSG_TYPE_QUITT::msg_content, output);
     send_surely(pcx, entry, quitt);

@@ -92,7 +92,6 @@ int commandTimeoutEvent(EX_PCX* pcx, qx7_error* error);
 int process_command_sigchild(EX_PCX* pcx, int pid, int exitCode, int rawStatus);
 
 // ---- Steps, for commands.cpp and its tests
-// -------------------------------------------------------------------------
 
 // Makes the output file and the process. Its id, or -1 with `error` and no file left.
 pid_t exCommandStart(EX_PCX* pcx, Cmd_Area* entry, const my_passwd_unlimited& passwd, qx7_error* error,

@@ -52,7 +52,7 @@ enum job_record_state : char { job_record_due = ' ', job_record_sent = 'Y' };
 // Bits of JP_flag.
 inline constexpr int job_flag_own_child = 1;  // the process is this agent's own child
 inline constexpr int job_flag_end_taken = 2;  // reaped, or found ended: no process may be looked for any more
-inline constexpr int job_flag_acknowledged = 4;  // EXSTAJQU came for the end
+inline constexpr int job_flag_acknowledged = 4;    // EXSTAJQU came for the end
 inline constexpr int job_flag_process_reaped = 8;  // after a cancel, while others of its group live on
 
 inline constexpr size_t job_file_name_limit = 511;      // text of a registered output file
@@ -114,18 +114,18 @@ struct JP_AREA : resource_job {
     uint32_t akt_pid = 0;    // process id told to the server
     uint32_t fork_pid = 0;   // set with job_table_set_pid only: the table has an index on it
     pid_t jp_group = 0;      // batch start: group that the agent gave to the start command; 0: none
-    int jp_exit = 0;         // exit code of a process that was reaped before its group; -1: the cancel ended it
-    int maxRunCount = 0;     // checks that found the own child gone before its SIGCHLD
+    int jp_exit = 0;      // exit code of a process that was reaped before its group; -1: the cancel ended it
+    int maxRunCount = 0;  // checks that found the own child gone before its SIGCHLD
     pid_t m_pid = 0, m_ppid = 0, m_pgrp = 0, m_pgid = 0, m_sid = 0;  // told by the messenger
     uid_t m_uid = 0, m_euid = 0;
     gid_t m_gid = 0, m_egid = 0;
-    std::vector<FLE_Elem> jp_files;         // registered output files in order
+    std::vector<FLE_Elem> jp_files;  // registered output files in order
     std::vector<registered_variable> jp_variables;
     std::vector<unsigned char> ccmmsg;  // kept body of the EXAKTJ of a start that waits; wiped when dropped
     ccm_addr_t* ccmaddr = nullptr;      // its address; owned
     unsigned jobstart = 0;              // 0 started; else the counter of a deferred start: the job waits
     my_passwd_unlimited* passwd = nullptr;  // kept record of a start that waits; owned, wiped when dropped
-    char infoText[32] = {};  // blank-padded, no terminator
+    char infoText[32] = {};                 // blank-padded, no terminator
     int retCode = 0;
     short JP_sigNum = 0;  // signal of a cancel, 0 while none was sent
     char ImageName[256] = {};

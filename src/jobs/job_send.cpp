@@ -19,8 +19,8 @@ int create_and_send_aktj_quitt_message(EX_PCX* pcx, const JP_AREA* job, int msgn
         return -1;
     }
     const QX_HEADM& asked = job->jp_headm;
-    const auto quitt = make_quitt({get_text(asked.msg_typ), asked.i2Mandant, asked.i4UsrIdNr, msgnr, insert,
-                             msgnr == 0 ? "OK" : "NK"});
+    const auto quitt = make_quitt(
+        {get_text(asked.msg_typ), asked.i2Mandant, asked.i4UsrIdNr, msgnr, insert, msgnr == 0 ? "OK" : "NK"});
     return send_built(pcx->ccm, quitt, to_kept(*job->ccmaddr));
 }
 

@@ -120,7 +120,8 @@ JP_AREA* job_table_find_child(uint32_t pid) {
     const auto range = by_pid.equal_range(pid);
     for (auto entry = range.first; entry != range.second; ++entry) {
         const int flag = entry->second->JP_flag;
-        if ((flag & (job_flag_own_child | job_flag_end_taken | job_flag_process_reaped)) == job_flag_own_child) {
+        if ((flag & (job_flag_own_child | job_flag_end_taken | job_flag_process_reaped)) ==
+            job_flag_own_child) {
             return entry->second;
         }
     }

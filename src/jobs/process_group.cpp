@@ -18,9 +18,11 @@ bool has_ended(const procArea_t& process) {
     return process.pa_state == 'Z' || process.pa_state == 'X';
 }
 
-// The group that belongs to the job by itself: its process leads it, or the agent gave it to the start command.
+// The group that belongs to the job by itself: its process leads it, or the agent gave it to the start
+// command.
 pid_t own_group(const JP_AREA* job) {
-    return launch_context()->JobStartType == job_start_batch ? job->jp_group : static_cast<pid_t>(job->fork_pid);
+    return launch_context()->JobStartType == job_start_batch ? job->jp_group
+                                                             : static_cast<pid_t>(job->fork_pid);
 }
 
 // Groups that a batch system made: only what cannot be anybody else's may be signalled.

@@ -12,6 +12,6 @@ bool process_group_lives(pid_t group);
 // for one that was never cancelled, whose end does not wait for what its script left behind.
 bool job_group_survives(const JP_AREA* job);
 // What a cancel signals, for kill(2): the job's group as a negative number, else the process `pid`, which
-// CheckProzessId gave. Under batch start a group is the job's when the agent made it, or when all that is in it
-// belongs to the job's user and is younger than the job, and no other job's process is among it.
+// CheckProzessId gave. Under batch start a group is the job's when the agent made it, or when all that is in
+// it belongs to the job's user and is younger than the job, and no other job's process is among it.
 pid_t job_signal_target(const JP_AREA* job, pid_t pid);

@@ -257,8 +257,8 @@ pid_t check_process(const JP_AREA* job, procArea_t* process) {
     return 0;
 }
 
-// The part that both forms share: 0 when the process is gone. The id in `own` is 0 where it could not be read, and
-// where a start command's process stands for one that the messenger will name.
+// The part that both forms share: 0 when the process is gone. The id in `own` is 0 where it could not be
+// read, and where a start command's process stands for one that the messenger will name.
 pid_t begin_attributes(JP_AREA* job, procArea_t* own) {
     const pid_t pid = check_process(job, own);
     if (pid == 0) {
@@ -325,7 +325,8 @@ uid_t process_owner(pid_t pid) {
 }
 
 pid_t SetCheckPid(const JP_AREA* job) {
-    return launch_context()->JobStartType == job_start_batch ? job->m_ppid : static_cast<pid_t>(job->fork_pid);
+    return launch_context()->JobStartType == job_start_batch ? job->m_ppid
+                                                             : static_cast<pid_t>(job->fork_pid);
 }
 
 pid_t CheckProzessId(const JP_AREA* job) {
@@ -373,7 +374,8 @@ int Get_Proc_Attr_own(JP_AREA* job) {
         return 0;
     }
     if (wants_figures() && (own.pa_pid != 0 || GetLinuxProcEntry(pid, &own))) {
-        take_figures(job, job_figures{own.pa_cpuTime, own.pa_ucpu, own.pa_scpu, own.pa_ioCount, own.pa_fname});
+        take_figures(job,
+                     job_figures{own.pa_cpuTime, own.pa_ucpu, own.pa_scpu, own.pa_ioCount, own.pa_fname});
     }
     return static_cast<int>(job->akt_pid);
 }

@@ -32,8 +32,8 @@ uid_t process_owner(pid_t pid);
 // The pid to look for: m_ppid under start type B, else fork_pid.
 pid_t SetCheckPid(const JP_AREA* job);
 // That pid when it still is the job's process, else 0: pid above 1, existing, same start time where both are
-// known, no zombie of somebody else, end not yet taken. Also while processes of its group outlive a cancel, and
-// under batch start the start command's group until the messenger told the pid.
+// known, no zombie of somebody else, end not yet taken. Also while processes of its group outlive a cancel,
+// and under batch start the start command's group until the messenger told the pid.
 pid_t CheckProzessId(const JP_AREA* job);
 
 // Fills akt_pid, JP_jStart, consumption and ImageName over the process, its children and its group. 0: not

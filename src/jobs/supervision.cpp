@@ -112,7 +112,8 @@ void decide_by_report(JP_AREA* job) {
     if (ReadReport(job, &error) == -1) {
         if (launch_context()->JobStartType == job_start_batch && job->m_ppid == 0) {
             __PutLogText(
-                "Job %d: the start command has ended, and nothing was heard of the job: it counts as vanished. "
+                "Job %d: the start command has ended, and nothing was heard of the job: it counts as "
+                "vanished. "
                 "Where a batch system lets jobs wait, set STARTCMD/batch_wait to the seconds that they may.",
                 job->JP_jobNr);
         }
@@ -209,7 +210,8 @@ bool check_state(JP_AREA* job) {
 // No signal tells the end of a group.
 int time_to_next_check(const EX_PCX* pcx, const JP_AREA* job) {
     constexpr int group_check = 2;
-    const bool group_only = (job->JP_flag & (job_flag_process_reaped | job_flag_end_taken)) == job_flag_process_reaped;
+    const bool group_only =
+        (job->JP_flag & (job_flag_process_reaped | job_flag_end_taken)) == job_flag_process_reaped;
     return group_only ? std::min(group_check, pcx->Per_JobCheck) : pcx->Per_JobCheck;
 }
 

@@ -82,7 +82,6 @@ std::string launch_message_line(int number, std::string_view inserts);
 std::string GetRestString(std::string_view rest, std::string_view key, size_t limit);
 
 // ---- The start's scratch record, also for the commands of the agent
-// -----------------------------------------------
 
 enum launch_kind : char { LAUNCH_JOB = 'J', LAUNCH_COMMAND = 'C' };  // jsvType
 enum launch_batch : char { BATCH_FILE = 'J', BATCH_COMMAND = 'C' };  // BatFlag
@@ -110,9 +109,9 @@ struct JOB_START_VAR {
     std::string rettext;                              // insert of a failure
     std::vector<std::string> arguments, environment;  // of the shell, with the pointers that exec takes
     std::vector<char*> argument_pointers, environment_pointers;
-    sigset_t signal_mask = {};      // of the agent at the time of the fork
-    std::string head_lines;         // see launch_order
-    std::vector<gid_t> groups;      // all gids of the user; filled at the fork when empty
+    sigset_t signal_mask = {};  // of the agent at the time of the fork
+    std::string head_lines;     // see launch_order
+    std::vector<gid_t> groups;  // all gids of the user; filled at the fork when empty
     // The report as it was made, for the child's output; none for /dev/null.
     qx_descriptor report;
     dev_t report_device = 0;
@@ -120,9 +119,9 @@ struct JOB_START_VAR {
 };
 
 // Makes the child, leader of its own group: by the starter, or by a fork under the fork locks where there is
-// no starter or a PAM conversation goes on in the child, which then runs doit_Child. The pid, or -1 with errno
-// and `error` filled ("fork|<errno>|<text>|", logged). `type` 'F' or 'V' names the function in the insert
-// only. Main thread.
+// no starter or a PAM conversation goes on in the child, which then runs doit_Child. The pid, or -1 with
+// errno and `error` filled ("fork|<errno>|<text>|", logged). `type` 'F' or 'V' names the function in the
+// insert only. Main thread.
 pid_t launch_fork(EX_PCX* pcx, char type, const my_passwd_unlimited& passwd, JOB_START_VAR* startVar,
                   pam_handle_t* pamHandle, qx7_error* error);
 

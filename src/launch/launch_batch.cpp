@@ -85,8 +85,8 @@ int become_root(bool* switched, qx7_error* error) {
     return 0;
 }
 
-// What system() does, but the command starts with default signal actions, since the agent's own would stick to
-// the job, and in a group of its own, by which the job's processes are known. The wait status, or -1.
+// What system() does, but the command starts with default signal actions, since the agent's own would stick
+// to the job, and in a group of its own, by which the job's processes are known. The wait status, or -1.
 int run_command(const char* command, pid_t* group) {
     posix_spawnattr_t attributes;
     sigset_t defaults, none;
@@ -97,7 +97,8 @@ int run_command(const char* command, pid_t* group) {
     }
     posix_spawnattr_setsigdefault(&attributes, &defaults);
     posix_spawnattr_setsigmask(&attributes, &none);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETPGROUP);
+    posix_spawnattr_setflags(&attributes,
+                             POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETPGROUP);
     posix_spawnattr_setpgroup(&attributes, 0);
     const char* arguments[] = {"sh", "-c", command, nullptr};
     pid_t pid = 0;

@@ -70,9 +70,9 @@ pid_t fork_child(const child_call& call) {
 // ---- The starter's way
 
 constexpr std::array<uint8_t, starter_step_count> exit_codes = {
-    LAUNCH_EXIT_OPEN,   LAUNCH_EXIT_DUP_STDOUT, LAUNCH_EXIT_DUP_STDERR, LAUNCH_EXIT_OPEN,
-    LAUNCH_EXIT_DUP_STDIN, LAUNCH_EXIT_SETGID,  LAUNCH_EXIT_INITGROUPS, LAUNCH_EXIT_SETUID,
-    LAUNCH_EXIT_EXEC,   LAUNCH_EXIT_CHDIR,      LAUNCH_EXIT_EXEC,
+    LAUNCH_EXIT_OPEN,      LAUNCH_EXIT_DUP_STDOUT, LAUNCH_EXIT_DUP_STDERR, LAUNCH_EXIT_OPEN,
+    LAUNCH_EXIT_DUP_STDIN, LAUNCH_EXIT_SETGID,     LAUNCH_EXIT_INITGROUPS, LAUNCH_EXIT_SETUID,
+    LAUNCH_EXIT_EXEC,      LAUNCH_EXIT_CHDIR,      LAUNCH_EXIT_EXEC,
 };
 constexpr char name_byte = '\3';
 
@@ -93,7 +93,8 @@ starter_result start_by_starter(const child_call& call, pid_t* pid) {
     wish.directory = passwd.pw_dir;
     // Both lists end in a null pointer, which is no part of the order.
     wish.arguments = std::span(startVar.argument_pointers).first(startVar.argument_pointers.size() - 1);
-    wish.environment = std::span(startVar.environment_pointers).first(startVar.environment_pointers.size() - 1);
+    wish.environment =
+        std::span(startVar.environment_pointers).first(startVar.environment_pointers.size() - 1);
     wish.identity = strcmp(passwd.pw_name, call.pcx->pcx_runUserName) != 0;
     wish.uid = passwd.pw_uid;
     wish.gid = passwd.pw_gid;

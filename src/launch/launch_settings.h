@@ -46,7 +46,8 @@ struct launch_settings {
 // Valid before launch_open too, with the defaults above.
 launch_settings* launch_context();
 
-// Reads the settings and loads the texts of a child's messages. 0; -1 with `error` when a start command is missing.
+// Reads the settings and loads the texts of a child's messages. 0; -1 with `error` when a start command is
+// missing.
 int launch_open(EX_PCX* pcx, qx7_error* error);
 // The defaults again.
 void launch_close();

@@ -12,7 +12,6 @@
 #include "launch/starter.h"
 
 // ---- Shell
-// -----------------------------------------------------------------------------------------------------
 
 // Path of a shell by its name (a leading '-' does not count): the first executable file along
 // STARTCMD/shell_pfad, or PATH. What was found is kept. Empty when there is none.
@@ -22,7 +21,6 @@ char launch_shell_flag(std::string_view sh);
 std::string launch_shell_option(char sh_flag);
 
 // ---- Job file
-// --------------------------------------------------------------------------------------------------
 
 // Text of the job file: "#!  " and the shell, the extra line if there is one, and the JCL's lines, filtered
 // by shell and converted by the code table.
@@ -40,7 +38,6 @@ int launch_make_report(JOB_START_VAR* startVar, mode_t mode, const my_passwd_unl
 void launch_remove_files(const JOB_START_VAR& startVar);
 
 // ---- Child
-// -----------------------------------------------------------------------------------------------------
 
 // Log and trace are forgotten, nothing of the parent is freed, written or closed here.
 void atfork_child(EX_PCX* pcx);
@@ -62,8 +59,8 @@ std::vector<std::string> launch_environment(char* const* from, const my_passwd_u
                                             const std::string& path_sh);
 // The option of a command: it must hold a 'c'.
 std::string launch_command_option(std::string option);
-// The job file as the argument of shell `sh`. With a 'c' in the option it is a command: exec, so that the shell
-// becomes the script, and the name, quoted where the shell would read more than a name.
+// The job file as the argument of shell `sh`. With a 'c' in the option it is a command: exec, so that the
+// shell becomes the script, and the name, quoted where the shell would read more than a name.
 std::string launch_file_argument(const std::string& jobFile, std::string_view sh, const std::string& option);
 void launch_load_texts_once(EX_PCX* pcx);
 // The lines of a child's failures, by the steps of the starter: errno and reason are left to the child, and
@@ -71,7 +68,6 @@ void launch_load_texts_once(EX_PCX* pcx);
 const std::array<std::string, starter_step_count>& launch_failure_lines();
 
 // ---- Batch start
-// -----------------------------------------------------------------------------------------------
 
 // Replaces `key` by `value` wherever it stands, whatever its case, in one pass.
 std::string Change_Key(std::string_view text, std::string_view key, std::string_view value);
@@ -79,7 +75,6 @@ std::string Change_Key(std::string_view text, std::string_view key, std::string_
 bool launch_plain_word(std::string_view text);
 
 // ---- Trace only
-// ------------------------------------------------------------------------------------------------
 
 void Put_PInfo(const my_passwd_unlimited& passwd, const char* traceHead, char* const* envp);
 void printTextFile(const char* name);

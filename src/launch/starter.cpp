@@ -45,7 +45,8 @@ bool memory_is_open() {
     return setting.valid() && read(setting.get(), &value, 1) == 1 && value == '1';
 }
 
-// What the loader and the sanitizers need; anything else of the environment is none of the starter's business.
+// What the loader and the sanitizers need; anything else of the environment is none of the starter's
+// business.
 std::vector<char*> starter_environment() {
     std::vector<char*> entries;
     for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
@@ -68,7 +69,8 @@ int spawn(int socket, pid_t* pid) {
     sigfillset(&all);
     int failed = posix_spawn_file_actions_adddup2(&actions, socket, starter_descriptor);
     for (const int fd : {STDIN_FILENO, STDOUT_FILENO}) {
-        failed = failed != 0 ? failed : posix_spawn_file_actions_addopen(&actions, fd, "/dev/null", O_RDWR, 0);
+        failed =
+            failed != 0 ? failed : posix_spawn_file_actions_addopen(&actions, fd, "/dev/null", O_RDWR, 0);
     }
     posix_spawnattr_setsigmask(&attributes, &all);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
@@ -211,7 +213,8 @@ starter_result judge(const starter_answer& answer, pid_t* pid) {
         return STARTER_STARTED;
     }
     if (answer.error_number == EBUSY) {
-        __log(-1, "too many processes stand between their start and their program; the starter %d is replaced",
+        __log(-1,
+              "too many processes stand between their start and their program; the starter %d is replaced",
               static_cast<int>(the_starter.pid));
         drop_starter(true);
         return STARTER_ABSENT;

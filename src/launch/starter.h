@@ -68,7 +68,6 @@ pid_t starter_process_id();  // 0: there is none
 void starter_set_limit(int milliseconds);
 
 // ---- The starter's own side
-// ------------------------------------------------------------------------------------------
 
 // Whether this process was executed to be a starter; whoever calls the program by hand never is.
 bool starter_is_wanted(int argc, const char* const* argv);

@@ -138,8 +138,8 @@ QX_SHARED_MEMORY void take_limit(const starter_order& head) {
 
 // An answer that nobody takes any more: the agent has given the order up and starts the job in another way.
 QX_SHARED_MEMORY void tell(int socket) {
-    starter_answer answer = {{'Q', 'X', 'S', 'T', 'A', 'R', 'T', 'A'},
-                             static_cast<int32_t>(call(SYS_getpid)), 0};
+    starter_answer answer = {
+        {'Q', 'X', 'S', 'T', 'A', 'R', 'T', 'A'}, static_cast<int32_t>(call(SYS_getpid)), 0};
     if (call(SYS_sendto, socket, address(&answer), sizeof answer, MSG_NOSIGNAL) != sizeof answer) {
         end(1);
     }
@@ -155,8 +155,8 @@ QX_SHARED_MEMORY int starter_child(void* argument) {
     take_descriptors(place);
     take_limit(job.head);
     take_identity(job);
-    // A change of identity may have made this memory readable for the user. Until that is taken back no signal
-    // gets through: on older kernels a core dump would end everybody who shares the memory.
+    // A change of identity may have made this memory readable for the user. Until that is taken back no
+    // signal gets through: on older kernels a core dump would end everybody who shares the memory.
     call(SYS_prctl, PR_SET_DUMPABLE, 0, 0, 0, 0);
     // The starter has the default action for every signal and blocks all of them.
     const uint64_t none = 0;

@@ -24,7 +24,8 @@ void give_limits(pid_t starter) {
         const auto resource = static_cast<__rlimit_resource>(at);
         rlimit limit;
         if (resource != RLIMIT_NOFILE && getrlimit(resource, &limit) == 0) {
-            // A hard limit that root has raised cannot be handed on without root's rights: jobs keep the lower one.
+            // A hard limit that root has raised cannot be handed on without root's rights: jobs keep the
+            // lower one.
             (void)prlimit(starter, resource, &limit, nullptr);
         }
     }

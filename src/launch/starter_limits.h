@@ -1,5 +1,5 @@
-// Keeps the starter's resource limits those of the agent: its children inherit them, and an operator changes the
-// agent's (`prlimit --pid`) while it runs. Main thread.
+// Keeps the starter's resource limits those of the agent: its children inherit them, and an operator changes
+// the agent's (`prlimit --pid`) while it runs. Main thread.
 #pragma once
 
 #include <sys/types.h>

@@ -133,7 +133,8 @@ int make_child(workplace* work, ssize_t length, const int (&descriptors)[descrip
     // No CLONE_VFORK: whoever stops the child on its way stops nobody else, and the next child is made while
     // this one is still busy with exec. CLONE_PARENT makes it a child of the agent.
     constexpr int flags = CLONE_VM | CLONE_PARENT | CLONE_CHILD_CLEARTID | SIGCHLD;
-    const int pid = clone(starter_child, work->stack + stack_size, flags, &place, nullptr, nullptr, &work->busy);
+    const int pid =
+        clone(starter_child, work->stack + stack_size, flags, &place, nullptr, nullptr, &work->busy);
     if (pid < 0) {
         const int error_number = errno;
         __atomic_store_n(&work->busy, 0, __ATOMIC_RELEASE);

@@ -43,19 +43,18 @@ starter_order head_of(const starter_wish& wish) {
 bool within_limits(const starter_wish& wish) {
     return wish.program != nullptr && wish.directory != nullptr &&
            wish.arguments.size() <= starter_argument_limit &&
-           wish.environment.size() <= starter_environment_limit &&
-           wish.groups.size() <= starter_group_limit;
+           wish.environment.size() <= starter_environment_limit && wish.groups.size() <= starter_group_limit;
 }
 
 bool head_is_good(const starter_order& head, size_t size, int descriptors) {
     if (memcmp(head.mark, starter_order_mark, sizeof head.mark) != 0 || head.size != size ||
-        (head.flags & ~static_cast<uint32_t>(STARTER_FLAGS)) != 0 ||
-        head.group_count > starter_group_limit || head.argument_count < 1 ||
-        head.argument_count > starter_argument_limit ||
+        (head.flags & ~static_cast<uint32_t>(STARTER_FLAGS)) != 0 || head.group_count > starter_group_limit ||
+        head.argument_count < 1 || head.argument_count > starter_argument_limit ||
         head.environment_count > starter_environment_limit) {
         return false;
     }
-    const int wanted = ((head.flags & STARTER_OUTPUT) != 0 ? 1 : 0) + ((head.flags & STARTER_INPUT) != 0 ? 1 : 0);
+    const int wanted =
+        ((head.flags & STARTER_OUTPUT) != 0 ? 1 : 0) + ((head.flags & STARTER_INPUT) != 0 ? 1 : 0);
     for (const uint8_t code : head.exit_codes) {
         if (code == 0) {
             return false;

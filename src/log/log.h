@@ -16,7 +16,6 @@
 #include "log/message_library.h"
 
 // ---- Log file
-// --------------------------------------------------------------------------------------------------
 
 inline constexpr int log_line_size = 2048;
 inline constexpr int log_memory_lines = 100000;  // lines that wait for the server at most
@@ -119,7 +118,6 @@ struct log_guard {
 };
 
 // ---- Front: any thread
-// -----------------------------------------------------------------------------------------
 
 // A negative number writes the inserts as a text line. Without a log handle the agent prints to standard
 // output and a child prints nothing.

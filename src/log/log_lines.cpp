@@ -52,8 +52,8 @@ std::string Put_ErrMsg(_pzulogg* handle, int number, const std::string& inserts)
     return line;
 }
 
-// Whoever looks for the log finds nothing there, so the first error goes where a person or the service manager
-// sees it. That it cannot be written either changes nothing.
+// Whoever looks for the log finds nothing there, so the first error goes where a person or the service
+// manager sees it. That it cannot be written either changes nothing.
 void note_write_error(_pzulogg* handle) {
     const bool first = handle->PutErrNum == 0;
     handle->PutErrNum = handle->ErrNum;
@@ -161,7 +161,8 @@ int ZULOGG_Text(PZULOGG handle, const char* text, int length) {
     size_t stamp_length = 0;
     const std::string head = INT_Header(handle, &stamp_length);
     const size_t size = length < 0 ? strnlen(text, log_longest_line) : static_cast<size_t>(length);
-    return put_line(handle, std::string(head).append(text, std::min(size, log_longest_line)).append(log_origin()),
+    return put_line(handle,
+                    std::string(head).append(text, std::min(size, log_longest_line)).append(log_origin()),
                     stamp_length);
 }
 

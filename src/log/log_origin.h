@@ -4,7 +4,8 @@
 
 #include <string_view>
 
-// While it stands, each line that this thread writes to the log ends with " [origin]". `origin` is a constant.
+// While it stands, each line that this thread writes to the log ends with " [origin]". `origin` is a
+// constant.
 struct log_origin_mark {
     explicit log_origin_mark(std::string_view origin);
     ~log_origin_mark();

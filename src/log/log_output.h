@@ -3,9 +3,9 @@
 
 #include "log/log.h"
 
-// Closes the log file and goes on in the one of the same name: in a new one when somebody has moved the old one
-// away, else behind its last line. No generation is moved. Main thread of the agent. 0, or -1 with errno; the
-// file is then tried again as after a failed start of it.
+// Closes the log file and goes on in the one of the same name: in a new one when somebody has moved the old
+// one away, else behind its last line. No generation is moved. Main thread of the agent. 0, or -1 with errno;
+// the file is then tried again as after a failed start of it.
 int log_open_anew(EX_PCX* pcx);
 // The group of log files that are made from here on, -1 for the agent's own.
 void log_set_group(gid_t group);

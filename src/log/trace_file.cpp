@@ -266,7 +266,8 @@ int zutrace_generate_filename(PZUTRACE handle, const char* fallback) {
     }
     copy_text(handle->filename, handle->trc_file);
     moved_obstacle moved;
-    const int result = log_move_generations(handle->filename, sizeof handle->filename, handle->iFileCount, &moved);
+    const int result =
+        log_move_generations(handle->filename, sizeof handle->filename, handle->iFileCount, &moved);
     if (!moved.name.empty()) {
         // Under the trace lock neither the log nor an account may be asked.
         printf("%s\n", obstacle_line(moved, "?").c_str());

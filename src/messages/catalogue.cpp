@@ -58,9 +58,11 @@ constexpr auto sorted_entries = [] {
 }();
 
 constexpr bool names_are_unique() {
-    for (size_t i = 1; i < sorted_entries.size(); i++)
-        if (std::string_view(sorted_entries[i - 1].begin->name) == sorted_entries[i].begin->name)
+    for (size_t i = 1; i < sorted_entries.size(); ++i) {
+        if (std::string_view(sorted_entries[i - 1].begin->name) == sorted_entries[i].begin->name) {
             return false;
+        }
+    }
     return true;
 }
 static_assert(names_are_unique());
@@ -70,7 +72,7 @@ constexpr size_t longest_name = 18;
 // Names, blank-padded to 8 characters.
 constexpr auto padded_names = [] {
     std::array<std::array<char, longest_name + 1>, entry_count> names{};
-    for (size_t i = 0; i < names.size(); i++) {
+    for (size_t i = 0; i < names.size(); ++i) {
         std::string_view name = sorted_entries[i].begin->name;
         std::fill_n(names[i].begin(), message_type_size, ' ');
         std::copy(name.begin(), name.end(), names[i].begin());
@@ -81,19 +83,23 @@ constexpr auto padded_names = [] {
 // Index of the field `name` in front of the field `index`; `index` itself when nothing is referred to. A
 // name that is not there does not compile.
 constexpr size_t referred_index(std::span<const line> fields, size_t index, const char* name) {
-    if (name == nullptr)
+    if (name == nullptr) {
         return index;
-    for (size_t i = 0; i < index; i++)
-        if (std::string_view(fields[i].name) == name)
+    }
+    for (size_t i = 0; i < index; ++i) {
+        if (std::string_view(fields[i].name) == name) {
             return i;
+        }
+    }
     throw "a field that is not in front of this one";
 }
 
 // A field's number: its place, counted from 1, with room for the named values of those in front of it.
 constexpr int32_t field_number(std::span<const line> fields, size_t index) {
     int32_t number = 1;
-    for (const line& field : fields.first(index))
+    for (const line& field : fields.first(index)) {
         number += 1 + field.values;
+    }
     return number;
 }
 
@@ -121,29 +127,36 @@ constexpr msg_el element_of(std::span<const line> fields, size_t index) {
 constexpr auto flat_elements = [] {
     std::array<msg_el, element_count> flat{};
     size_t at = 0;
-    for (const entry_lines& entry : sorted_entries)
-        for (size_t i = 0; i < entry.fields.size(); i++)
+    for (const entry_lines& entry : sorted_entries) {
+        for (size_t i = 0; i < entry.fields.size(); ++i) {
             flat[at++] = element_of(entry.fields, i);
+        }
+    }
     return flat;
 }();
 
 // For each element the number of the record that it names, in the sorted table, plus 1; 0 for other types.
 constexpr auto structure_numbers = [] {
     std::array<uint8_t, element_count> numbers{};
-    for (size_t i = 0; i < element_count; i++) {
-        if (flat_elements[i].type != el_struct)
+    for (size_t i = 0; i < element_count; ++i) {
+        if (flat_elements[i].type != el_struct) {
             continue;
-        for (size_t k = 0; k < sorted_entries.size() && numbers[i] == 0; k++)
-            if (std::string_view(sorted_entries[k].begin->name) == flat_elements[i].structure)
+        }
+        for (size_t k = 0; k < sorted_entries.size() && numbers[i] == 0; ++k) {
+            if (std::string_view(sorted_entries[k].begin->name) == flat_elements[i].structure) {
                 numbers[i] = static_cast<uint8_t>(k + 1);
+            }
+        }
     }
     return numbers;
 }();
 
 constexpr bool references_are_sound() {
-    for (size_t i = 0; i < element_count; i++)
-        if ((flat_elements[i].type == el_struct) != (structure_numbers[i] != 0))
+    for (size_t i = 0; i < element_count; ++i) {
+        if ((flat_elements[i].type == el_struct) != (structure_numbers[i] != 0)) {
             return false;
+        }
+    }
     return true;
 }
 static_assert(references_are_sound());
@@ -155,13 +168,16 @@ constexpr bool lengths_add_up() {
         for (const line& field : entry.fields) {
             bool fixed = field.size_field == nullptr && field.dim_field == nullptr;
             bool inner = fixed && field.type == el_struct;
-            for (size_t k = 0; k < sorted_entries.size() && inner; k++)
-                if (std::string_view(sorted_entries[k].begin->name) == field.structure)
+            for (size_t k = 0; k < sorted_entries.size() && inner; ++k) {
+                if (std::string_view(sorted_entries[k].begin->name) == field.structure) {
                     length += sorted_entries[k].begin->length;
+                }
+            }
             length += fixed ? field.size : 0;
         }
-        if (length != entry.begin->length)
+        if (length != entry.begin->length) {
             return false;
+        }
     }
     return true;
 }
@@ -170,26 +186,30 @@ static_assert(lengths_add_up());
 constexpr auto references = [] {
     std::array<element_references, element_count> table{};
     size_t at = 0;
-    for (const auto& [begin, fields] : sorted_entries)
-        for (size_t i = 0; i < fields.size(); i++)
+    for (const auto& [begin, fields] : sorted_entries) {
+        for (size_t i = 0; i < fields.size(); ++i) {
             table[at++] = {static_cast<uint8_t>(referred_index(fields, i, fields[i].size_field)),
                            static_cast<uint8_t>(referred_index(fields, i, fields[i].dim_field)),
                            static_cast<uint8_t>(referred_index(fields, i, fields[i].position_field))};
+        }
+    }
     return table;
 }();
 
 // The first 8 characters of each name as a number that sorts like them.
 constexpr uint64_t name_key(const char* name) {
     uint64_t key = 0;
-    for (size_t i = 0; i < 8; i++)
+    for (size_t i = 0; i < 8; ++i) {
         key = key << 8 | static_cast<unsigned char>(name[i]);
+    }
     return key;
 }
 
 constexpr auto name_keys = [] {
     std::array<uint64_t, entry_count> keys{};
-    for (size_t i = 0; i < keys.size(); i++)
+    for (size_t i = 0; i < keys.size(); ++i) {
         keys[i] = name_key(padded_names[i].data());
+    }
     return keys;
 }();
 
@@ -199,7 +219,7 @@ constinit std::array<msg_el, element_count> elements = flat_elements;
 constinit std::array<msgtab_el, entry_count> entries = [] {
     std::array<msgtab_el, entry_count> table{};
     size_t at = 0;
-    for (size_t i = 0; i < table.size(); i++) {
+    for (size_t i = 0; i < table.size(); ++i) {
         const auto& [begin, fields] = sorted_entries[i];
         table[i] = {padded_names[i].data(), {fields.size(), elements.data() + at}, begin->length};
         at += fields.size();
@@ -233,18 +253,22 @@ MSGTAB* get_msgtab() {
 
 const msgtab_el* find_definition(const MSGTAB* table, std::string_view name) {
     char upper[64];
-    if (name.empty() || name.size() > sizeof upper)
+    if (name.empty() || name.size() > sizeof upper) {
         return nullptr;
-    for (size_t i = 0; i < name.size(); i++)
+    }
+    for (size_t i = 0; i < name.size(); ++i) {
         upper[i] = name[i] >= 'a' && name[i] <= 'z' ? static_cast<char>(name[i] - 'a' + 'A') : name[i];
+    }
     std::string_view text(upper, name.size());
 
     const msgtab_el* end = table->entries + table->count;
     const msgtab_el* entry = first_entry_from(table, text);
     // Entries that only begin with the text stand next to each other: TIMESTAMP, TIMESTAMP2.
-    for (; entry != end && std::string_view(entry->name).starts_with(text); entry++)
-        if (catalogue_name_matches(entry->name, text))
+    for (; entry != end && std::string_view(entry->name).starts_with(text); ++entry) {
+        if (catalogue_name_matches(entry->name, text)) {
             return entry;
+        }
+    }
     return nullptr;
 }
 
@@ -257,7 +281,8 @@ const msgtab_el* element_structure(const MSGTAB* table, const msg_el* element) {
 }
 
 const element_references* catalogue_references(const element_array_t* definition) {
-    if (definition->length == 0 || !is_catalogue_element(definition->elements))
+    if (definition->length == 0 || !is_catalogue_element(definition->elements)) {
         return nullptr;
+    }
     return &references[static_cast<size_t>(definition->elements - elements.data())];
 }

@@ -49,8 +49,9 @@ const char* type2string(int type) {
 namespace {
 
 void log_number(const msgconv_ctx_t* ctx, int number, const char* insert) {
-    if (ctx != nullptr && ctx->logWrite != nullptr)
+    if (ctx != nullptr && ctx->logWrite != nullptr) {
         ctx->logWrite(number, insert);
+    }
 }
 
 // Compiles every check of the catalogue and logs how each one went.
@@ -59,17 +60,18 @@ void build_check_stream(const msgconv_ctx_t* ctx) {
     int total = 0;
     int compiled = 0;
     char insert[msg_error_text_size];
-    for (int64_t i = 0; i < table->count; i++) {
+    for (int64_t i = 0; i < table->count; ++i) {
         msgtab_el* entry = &table->entries[i];
         int name_length = static_cast<int>(catalogue_trimmed_name(entry->name).size());
-        for (uint64_t k = 0; k < entry->msg_def.length; k++) {
+        for (uint64_t k = 0; k < entry->msg_def.length; ++k) {
             msg_el* element = &entry->msg_def.elements[k];
-            if (element->chkstr == nullptr)
+            if (element->chkstr == nullptr) {
                 continue;
-            total++;
+            }
+            ++total;
             msg_error error;
             if (compileCheckStream(ctx, element, &error) == 0) {
-                compiled++;
+                ++compiled;
                 snprintf(insert, sizeof insert, "%s|%.*s.%s|", element->chkstr, name_length, entry->name,
                          element->name);
                 log_number(ctx, number_check_compiled, insert);
@@ -85,26 +87,32 @@ void build_check_stream(const msgconv_ctx_t* ctx) {
 }
 
 int log_result(const msgconv_ctx_t* ctx, int result, msg_error* error) {
-    if (result == walk_accepted)
+    if (result == walk_accepted) {
         return 0;
-    if (error->code != 0)
+    }
+    if (error->code != 0) {
         log_number(ctx, error->code, error->subst);
-    for (uint64_t i = 0; i < error->warning_list.length; i++)
+    }
+    for (uint64_t i = 0; i < error->warning_list.length; ++i) {
         log_number(ctx, error->warning_list.list[i].code, error->warning_list.list[i].subst);
+    }
     free_warning_list(error);
     return -1;
 }
 
 bool definition_has_content(const MSGTAB* table, const msgtab_el* entry, int depth) {
-    if (entry == nullptr || depth == 0)
+    if (entry == nullptr || depth == 0) {
         return false;
-    for (uint64_t i = 0; i < entry->msg_def.length; i++) {
+    }
+    for (uint64_t i = 0; i < entry->msg_def.length; ++i) {
         const msg_el* element = &entry->msg_def.elements[i];
-        if ((element->rule & rule_content) != 0)
+        if ((element->rule & rule_content) != 0) {
             return true;
+        }
         if (element->type == el_struct &&
-            definition_has_content(table, element_structure(table, element), depth - 1))
+            definition_has_content(table, element_structure(table, element), depth - 1)) {
             return true;
+        }
     }
     return false;
 }
@@ -119,8 +127,9 @@ int msgconv_open(msgconv_ctx_t* ctx, const std::atomic<char>* flag, void (*tw)(c
                  void (*td)(const char*, const void*, size_t), void (*lw)(int, const char*),
                  void (*ea)(char*, size_t), int buildCheckStream) {
     *ctx = msgconv_ctx_t{tw, td, lw, ea, flag, nullptr};
-    if (buildCheckStream != 0)
+    if (buildCheckStream != 0) {
         build_check_stream(ctx);
+    }
     return 0;
 }
 
@@ -145,8 +154,9 @@ int walk_message(void* msg, size_t msgs, bool to_lan, const msgconv_ctx_t* ctx, 
 }
 
 int msgconv_ToHost(void* msg, size_t msgs, const msgconv_ctx_t* ctx) {
-    if (msgs >= sizeof(QX_HEADM) && message_type_is(msg, msgs, "MELD"))
+    if (msgs >= sizeof(QX_HEADM) && message_type_is(msg, msgs, "MELD")) {
         return 0;
+    }
     msg_error error;
     return log_result(ctx, ToHOST(msg, msgs, ctx, 0, nullptr, &error), &error);
 }
@@ -169,10 +179,12 @@ int msgconv_getContentField(void* msg, size_t msgs, const msgconv_ctx_t* ctx, co
     error->subst[0] = '\0';
     error->warning_list = {0, nullptr};
     const char* type = static_cast<const char*>(msg);
-    if (msgs < sizeof(QX_HEADM) || find_definition(table_of(ctx), {type, message_type_size}) == nullptr)
+    if (msgs < sizeof(QX_HEADM) || find_definition(table_of(ctx), {type, message_type_size}) == nullptr) {
         return -1;
-    if (has_content_field(ctx, type, message_type_size) == 0)
+    }
+    if (has_content_field(ctx, type, message_type_size) == 0) {
         return 1;
+    }
     walk(msg, msgs, ctx, {check_to_lan, walk_swap_copy | walk_find_content, native_order(), nullptr, info},
          error);
     return info->content_field != nullptr ? 0 : 1;

@@ -50,9 +50,10 @@ constexpr void qualify(line* field, since from) {
 
 constexpr void qualify(line* field, check that) {
     field->check = that.expression.data();
-    if (that.expression.starts_with("enum("))
+    if (that.expression.starts_with("enum(")) {
         field->values =
             static_cast<int32_t>(std::count(that.expression.begin(), that.expression.end(), ',')) + 1;
+    }
 }
 
 constexpr void qualify(line* field, values named) {

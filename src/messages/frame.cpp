@@ -16,14 +16,16 @@ constexpr size_t address_size = 32;
 
 uint32_t read_little(const unsigned char* bytes, size_t size) {
     uint32_t value = 0;
-    for (size_t i = 0; i < size; i++)
+    for (size_t i = 0; i < size; ++i) {
         value |= static_cast<uint32_t>(bytes[i]) << (8 * i);
+    }
     return value;
 }
 
 void write_little(unsigned char* bytes, size_t size, uint32_t value) {
-    for (size_t i = 0; i < size; i++)
+    for (size_t i = 0; i < size; ++i) {
         bytes[i] = static_cast<unsigned char>(value >> (8 * i));
+    }
 }
 
 bool has_eye_catcher(const void* buffer) {
@@ -34,17 +36,19 @@ bool has_eye_catcher(const void* buffer) {
 // -1 when they are none.
 int64_t read_digits(const unsigned char* bytes, size_t size) {
     int64_t value = 0;
-    for (size_t i = 0; i < size; i++) {
-        if (bytes[i] < '0' || bytes[i] > '9')
+    for (size_t i = 0; i < size; ++i) {
+        if (bytes[i] < '0' || bytes[i] > '9') {
             return -1;
+        }
         value = value * 10 + bytes[i] - '0';
     }
     return value;
 }
 
 void write_digits(unsigned char* bytes, size_t size, uint64_t value) {
-    for (size_t i = size; i > 0; value /= 10)
+    for (size_t i = size; i > 0; value /= 10) {
         bytes[--i] = static_cast<unsigned char>('0' + value % 10);
+    }
 }
 
 }  // namespace
@@ -60,15 +64,17 @@ int64_t GetProtocolLength(const void* buffer) {
 }
 
 int SetProtocolLength(void* buffer, int64_t length) {
-    if (!has_eye_catcher(buffer) || length < 0 || length > frame_length_max)
+    if (!has_eye_catcher(buffer) || length < 0 || length > frame_length_max) {
         return -1;
+    }
     write_digits(static_cast<unsigned char*>(buffer), 8, static_cast<uint64_t>(length));
     return 0;
 }
 
 int frame_set_header(void* buffer, const char* protocol, int64_t length, std::string_view coding) {
-    if (length < static_cast<int64_t>(frame_header_size) || length > frame_length_max)
+    if (length < static_cast<int64_t>(frame_header_size) || length > frame_length_max) {
         return -1;
+    }
     QX7_PROTOCOL_HEADER header;
     memset(&header, ' ', sizeof header);
     memcpy(header.cEyeCatch, eye_catcher, sizeof header.cEyeCatch);
@@ -86,10 +92,12 @@ bool frame_protocol_is(const void* buffer, const char* protocol) {
 }
 
 size_t TcpKzLengthFieldLen(unsigned char key) {
-    if (key >= 'A' && key <= 'Z')
+    if (key >= 'A' && key <= 'Z') {
         return 7;
-    if (key < 160)
+    }
+    if (key < 160) {
         return 1;
+    }
     return key < 255 ? 2 : 4;
 }
 
@@ -102,13 +110,16 @@ item_state read_item(const unsigned char* bytes, size_t available, size_t whole,
     size_t head = 1 + field_size;
     item->key = available > 0 ? bytes[0] : 0;
     item->head = head;
-    if (head > whole)
+    if (head > whole) {
         return item_cut;
-    if (head > available)
+    }
+    if (head > available) {
         return item_incomplete;
+    }
     int64_t size = field_size == 7 ? read_digits(bytes + 1, 7) : read_little(bytes + 1, field_size);
-    if (size < 0 || static_cast<uint64_t>(size) > whole - head)
+    if (size < 0 || static_cast<uint64_t>(size) > whole - head) {
         return item_cut;
+    }
     item->size = static_cast<size_t>(size);
     item->data = bytes + head;
     return item->size > available - head ? item_incomplete : item_whole;
@@ -138,20 +149,24 @@ bool item_size_allowed(unsigned char key, size_t size) {
         {key_server_data, 76, any},
         {66, 440, any},
     };
-    for (const limit& row : limits)
-        if (row.key == key)
+    for (const limit& row : limits) {
+        if (row.key == key) {
             return size >= row.least && size <= row.most;
+        }
+    }
     return true;
 }
 
 int64_t extract_protocol_data(const unsigned char* src, size_t available, size_t keylen, unsigned char* dst,
                               size_t dst_size) {
     item_view item;
-    if (read_item(src, available, available, keylen, &item) != item_whole)
+    if (read_item(src, available, available, keylen, &item) != item_whole) {
         return -1;
+    }
     if (dst != nullptr) {
-        if (item.size > dst_size)
+        if (item.size > dst_size) {
             return -1;
+        }
         memcpy(dst, item.data, item.size);
     }
     return static_cast<int64_t>(item.head + item.size);
@@ -160,12 +175,14 @@ int64_t extract_protocol_data(const unsigned char* src, size_t available, size_t
 size_t item_write_head(unsigned char* dst, unsigned char key, size_t length) {
     size_t field = item_length_field_size(key);
     if (field == 7) {
-        if (length > 9'999'999)
+        if (length > 9'999'999) {
             return 0;
+        }
         write_digits(dst + 1, field, length);
     } else {
-        if (length > UINT32_MAX || (field < 4 && length >> (8 * field) != 0))
+        if (length > UINT32_MAX || (field < 4 && length >> (8 * field) != 0)) {
             return 0;
+        }
         write_little(dst + 1, field, static_cast<uint32_t>(length));
     }
     dst[0] = key;
@@ -198,12 +215,15 @@ unsigned char* write_acv(unsigned char* at, uint32_t acv) {
 
 size_t write_destination(unsigned char* items, const frame_address& address, size_t message_length) {
     unsigned char* at = items;
-    if (address.dst_acv != 0)
+    if (address.dst_acv != 0) {
         at = write_acv(at, address.dst_acv);
-    if (address.dst_name[0] != '\0')
+    }
+    if (address.dst_name[0] != '\0') {
         at = write_name(at, address.dst_name);
-    if (strncmp(address.dst_addr, "*CP", 3) == 0)
+    }
+    if (strncmp(address.dst_addr, "*CP", 3) == 0) {
         at = write_address(at, address.dst_addr);
+    }
     at += item_write_head(at, key_message, message_length);
     return static_cast<size_t>(at - items);
 }
@@ -211,15 +231,19 @@ size_t write_destination(unsigned char* items, const frame_address& address, siz
 size_t write_source(unsigned char* items, const frame_address& address) {
     unsigned char group[frame_tailroom];
     unsigned char* at = group;
-    if (address.src_addr[0] != '\0')
+    if (address.src_addr[0] != '\0') {
         at = write_address(at, address.src_addr);
-    if (address.src_name[0] != '\0')
+    }
+    if (address.src_name[0] != '\0') {
         at = write_name(at, address.src_name);
-    if (address.src_acv != 0)
+    }
+    if (address.src_acv != 0) {
         at = write_acv(at, address.src_acv);
+    }
     size_t length = static_cast<size_t>(at - group);
-    if (length == 0)
+    if (length == 0) {
         return 0;
+    }
     size_t head = item_write_head(items, key_source_group, length);
     memcpy(items + head, group, length);
     return head + length;
@@ -237,8 +261,9 @@ size_t frame_wrap_message(unsigned char* message, size_t length, const frame_add
 }
 
 int64_t frame_wrap_body(unsigned char* body, size_t length, const char* protocol, unsigned char** frame) {
-    if (length > static_cast<uint64_t>(frame_length_max) - frame_header_size)
+    if (length > static_cast<uint64_t>(frame_length_max) - frame_header_size) {
         return -1;
+    }
     int64_t whole = static_cast<int64_t>(length + frame_header_size);
     *frame = body - frame_header_size;
     frame_set_header(*frame, protocol, whole);
@@ -268,10 +293,12 @@ template <size_t N>
 void take_text(char (&field)[N], const item_view& item) {
     const char* text = reinterpret_cast<const char*>(item.data);
     size_t length = strnlen(text, std::min(item.size, N - 1));
-    while (length > 0 && *text == ' ')
+    while (length > 0 && *text == ' ') {
         text++, length--;
-    while (length > 0 && text[length - 1] == ' ')
-        length--;
+    }
+    while (length > 0 && text[length - 1] == ' ') {
+        --length;
+    }
     memset(field, 0, N);
     memcpy(field, text, length);
 }
@@ -282,18 +309,22 @@ int parse_source_group(const item_view& group, size_t offset, frame_address* add
         size_t left = group.size - at;
         const unsigned char* bytes = group.data + at;
         size_t place = offset + group.head + at;
-        if (*bytes != key_name && *bytes != key_acv && *bytes != key_address)
+        if (*bytes != key_name && *bytes != key_acv && *bytes != key_address) {
             return refuse(error, number_item_group_key, place, *bytes);
-        if (read_item(bytes, left, left, item_length_field_size(*bytes), &item) != item_whole)
+        }
+        if (read_item(bytes, left, left, item_length_field_size(*bytes), &item) != item_whole) {
             return refuse(error, number_item_cut, place, *bytes);
-        if (!item_size_allowed(item.key, item.size))
+        }
+        if (!item_size_allowed(item.key, item.size)) {
             return refuse_size(error, place, item);
-        if (item.key == key_name)
+        }
+        if (item.key == key_name) {
             take_text(address->src_name, item);
-        else if (item.key == key_address)
+        } else if (item.key == key_address) {
             take_text(address->src_addr, item);
-        else
+        } else {
             address->src_acv = read_little(item.data, 4);
+        }
         at += item.head + item.size;
     }
     return 0;
@@ -341,14 +372,16 @@ int take_item(const item_view& item, size_t offset, frame_body* out, qx7_error* 
         default:
             return refuse_key(error, offset, item.key, "Unknown");
     }
-    if (out->is_message || out->protocol_key != 0)
+    if (out->is_message || out->protocol_key != 0) {
         return refuse_key(error, offset, item.key, "Repeated");
+    }
     if (item.key == key_message_short || item.key == key_message) {
         take_message(item, offset, out);
         return 0;
     }
-    if (item.key == key_system_shutdown && item.size < shutdown_least)
+    if (item.key == key_system_shutdown && item.size < shutdown_least) {
         return refuse_size(error, offset, item);
+    }
     out->protocol_key = item.key;
     out->offset = offset + item.head;
     out->length = item.size;
@@ -362,13 +395,16 @@ int frame_parse_body(const unsigned char* body, size_t length, frame_body* out, 
     for (size_t at = 0; at < length;) {
         item_view item;
         size_t left = length - at;
-        if (read_item(body + at, left, left, item_length_field_size(body[at]), &item) != item_whole)
+        if (read_item(body + at, left, left, item_length_field_size(body[at]), &item) != item_whole) {
             return refuse(error, number_item_cut, at, body[at]);
+        }
         // The messages themselves may be of any length here; what is too short for a head the walk refuses.
-        if (!item_size_allowed(item.key, item.size))
+        if (!item_size_allowed(item.key, item.size)) {
             return refuse_size(error, at, item);
-        if (take_item(item, at, out, error) != 0)
+        }
+        if (take_item(item, at, out, error) != 0) {
             return -1;
+        }
         at += item.head + item.size;
     }
     return 0;

@@ -31,16 +31,19 @@ bool is_digit(char c) {
 int message_version(const QX_HEADM* head) {
     char first = head->version[0];
     char second = head->version[1];
-    if (is_digit(first))
+    if (is_digit(first)) {
         return is_digit(second) ? (first - '0') * 10 + second - '0' : first - '0';
-    if (!is_digit(second) || (first != '-' && first != '+' && !is_blank(first)))
+    }
+    if (!is_digit(second) || (first != '-' && first != '+' && !is_blank(first))) {
         return 0;
+    }
     return first == '-' ? -(second - '0') : second - '0';
 }
 
 bool message_type_is(const void* data, size_t length, std::string_view type) {
-    if (length < message_type_size)
+    if (length < message_type_size) {
         return false;
+    }
     char wanted[message_type_size];
     put_text(wanted, type);
     return memcmp(data, wanted, message_type_size) == 0;

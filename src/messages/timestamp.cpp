@@ -7,8 +7,9 @@
 namespace {
 
 bool to_tm(const MSG_TYPE_TIMESTAMP& stamp, struct tm* parts) {
-    if (stamp.jjjj < 1900 || stamp.mo < 1 || stamp.mo > 12 || stamp.tt < 1 || stamp.tt > 31)
+    if (stamp.jjjj < 1900 || stamp.mo < 1 || stamp.mo > 12 || stamp.tt < 1 || stamp.tt > 31) {
         return false;
+    }
     memset(parts, 0, sizeof *parts);
     parts->tm_year = stamp.jjjj - 1900;
     parts->tm_mon = stamp.mo - 1;
@@ -23,8 +24,9 @@ bool to_tm(const MSG_TYPE_TIMESTAMP& stamp, struct tm* parts) {
 
 MSG_TYPE_TIMESTAMP timestamp_utc(time_t seconds, int32_t nanoseconds) {
     struct tm parts;
-    if (!qx_gmtime(seconds, &parts))
+    if (!qx_gmtime(seconds, &parts)) {
         return MSG_TYPE_TIMESTAMP{};
+    }
     return timestamp_of(parts, nanoseconds);
 }
 
@@ -36,8 +38,9 @@ MSG_TYPE_TIMESTAMP timestamp_now() {
 
 MSG_TYPE_TIMESTAMP timestamp_local(time_t seconds) {
     struct tm parts;
-    if (!qx_localtime(seconds, &parts))
+    if (!qx_localtime(seconds, &parts)) {
         return MSG_TYPE_TIMESTAMP{};
+    }
     return timestamp_of(parts, 0);
 }
 

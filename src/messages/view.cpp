@@ -28,32 +28,37 @@ struct fixed_reader {
 
 void read_field(fixed_reader* reader, const msg_el& element) {
     size_t size = static_cast<size_t>(element.size);
-    if (size > reader->record_size - reader->to)
+    if (size > reader->record_size - reader->to) {
         return;
+    }
     unsigned char* field = reader->record + reader->to;
     memset(field, is_text(element.type) ? ' ' : 0, size);
     reader->to += size;
-    if (element.version > reader->version)
+    if (element.version > reader->version) {
         return;
+    }
     size_t there = reader->from < reader->view.length ? reader->view.length - reader->from : 0;
     size_t copied = there >= size ? size : is_text(element.type) ? there : 0;
-    if (copied > 0)
+    if (copied > 0) {
         memcpy(field, reader->view.data + reader->from, copied);
+    }
     reader->from += size;
 }
 
 void read_fields(fixed_reader* reader, const msgtab_el* definition) {
-    for (uint64_t i = 0; i < definition->msg_def.length; i++) {
+    for (uint64_t i = 0; i < definition->msg_def.length; ++i) {
         const msg_el& element = definition->msg_def.elements[i];
-        if (!is_fixed(element))
+        if (!is_fixed(element)) {
             continue;
+        }
         if (element.type != el_struct) {
             read_field(reader, element);
             continue;
         }
         const msgtab_el* inner = element_structure(get_msgtab(), &element);
-        if (inner == nullptr)
+        if (inner == nullptr) {
             continue;
+        }
         if (element.version <= reader->version) {
             read_fields(reader, inner);
             continue;
@@ -69,8 +74,9 @@ void read_fields(fixed_reader* reader, const msgtab_el* definition) {
 const msgtab_el* definition_of_size(std::string_view name, void* record, size_t size) {
     const msgtab_el* definition = find_definition(get_msgtab(), name);
     if (size >= sizeof(QX_HEADM) && definition != nullptr &&
-        static_cast<size_t>(definition->msg_len) == size && definition->msg_def.length > 0)
+        static_cast<size_t>(definition->msg_len) == size && definition->msg_def.length > 0) {
         return definition;
+    }
     memset(record, 0, size);
     return nullptr;
 }
@@ -82,21 +88,23 @@ QX_HEADM view_head(message_view view) {
     memset(&head, 0, sizeof head);
     memset(&head, ' ', offsetof(QX_HEADM, i2Mandant));
     size_t length = view.length;
-    if (length > 0 && length < offsetof(QX_HEADM, i2Mandant))
+    if (length > 0 && length < offsetof(QX_HEADM, i2Mandant)) {
         memcpy(&head, view.data, length);
-    else if (length >= sizeof head)
+    } else if (length >= sizeof head) {
         memcpy(&head, view.data, sizeof head);
-    else if (length > 0)
+    } else if (length > 0) {
         memcpy(&head, view.data,
                length < offsetof(QX_HEADM, i4UsrIdNr) ? offsetof(QX_HEADM, i2Mandant)
                                                       : offsetof(QX_HEADM, i4UsrIdNr));
+    }
     return head;
 }
 
 bool view_fixed_part(message_view view, std::string_view name, void* record, size_t size) {
     const msgtab_el* definition = definition_of_size(name, record, size);
-    if (definition == nullptr)
+    if (definition == nullptr) {
         return false;
+    }
     QX_HEADM head = view_head(view);
     memcpy(record, &head, sizeof head);
     fixed_reader reader = {
@@ -110,10 +118,12 @@ bool blank_fixed_part(std::string_view name, void* record, size_t size) {
 }
 
 std::span<const unsigned char> view_data(message_view view, int64_t dist, int64_t len) {
-    if (dist < static_cast<int64_t>(sizeof(QX_HEADM)) || len <= 0)
+    if (dist < static_cast<int64_t>(sizeof(QX_HEADM)) || len <= 0) {
         return {};
-    if (!view_has(view, static_cast<size_t>(dist), static_cast<size_t>(len)))
+    }
+    if (!view_has(view, static_cast<size_t>(dist), static_cast<size_t>(len))) {
         return {};
+    }
     return {view.data + dist, static_cast<size_t>(len)};
 }
 
@@ -123,8 +133,9 @@ std::string_view view_text(message_view view, int64_t dist, int64_t len) {
 }
 
 table_cursor view_table(message_view view, int64_t dist) {
-    if (dist < static_cast<int64_t>(sizeof(QX_HEADM)) || static_cast<uint64_t>(dist) > view.length)
+    if (dist < static_cast<int64_t>(sizeof(QX_HEADM)) || static_cast<uint64_t>(dist) > view.length) {
         return {nullptr, nullptr, true};
+    }
     return {view.data + dist, view.data + view.length, false};
 }
 

@@ -97,7 +97,8 @@ Record cursor_record(table_cursor* cursor) {
     static_assert(std::is_trivially_copyable_v<Record>);
     Record record{};
     std::span<const unsigned char> bytes = cursor_bytes(cursor, sizeof record);
-    if (!bytes.empty())
+    if (!bytes.empty()) {
         __builtin_memcpy(&record, bytes.data(), sizeof record);
+    }
     return record;
 }

@@ -53,9 +53,10 @@ bool tracing(const msgconv_ctx_t* ctx, char level) {
 
 // Fails when `size` bytes at `position` do not stand inside the message.
 int check_element_overflow(internal_stack_t* stack, int64_t position, int64_t size) {
-    if (size >= 0 && position >= 0 && position <= stack->buffer.size && size <= stack->buffer.size - position)
-        [[likely]]
-        return walk_accepted;
+    if (size >= 0 && position >= 0 && position <= stack->buffer.size &&
+        size <= stack->buffer.size - position) {
+        [[likely]] return walk_accepted;
+    }
     return fail_overflow(stack, position, size);
 }
 
@@ -68,9 +69,11 @@ size_t search_index(const level_t* level, size_t index, int32_t reference,
         size_t known = level->references[index].*which;
         return known < index && matrix.inums[known] >= 0 ? known : matrix.length;
     }
-    for (size_t i = 0; i < matrix.length; i++)
-        if (matrix.inums[i] == -static_cast<int64_t>(reference))
+    for (size_t i = 0; i < matrix.length; ++i) {
+        if (matrix.inums[i] == -static_cast<int64_t>(reference)) {
             return i;
+        }
+    }
     return matrix.length;
 }
 
@@ -97,19 +100,22 @@ uint64_t read_integer(const unsigned char* bytes, int32_t size, byte_order order
         }
     }
     uint64_t value = 0;
-    for (int32_t i = 0; i < size; i++)
+    for (int32_t i = 0; i < size; ++i) {
         value |= static_cast<uint64_t>(bytes[order == order_little ? i : size - 1 - i]) << (8 * i);
+    }
     return value;
 }
 
 void visit(const internal_stack_t* stack, walk_event event, const msg_el* element, const unsigned char* data,
            int64_t size, int64_t repetition) {
     const walk_visitor* visitor = stack->request->visitor;
-    if (visitor == nullptr) [[likely]]
-        return;
+    if (visitor == nullptr) {
+        [[likely]] return;
+    }
     byte_order order = stack->request->check == check_to_lan ? stack->buffer.order : stack->request->to_order;
-    if ((element->rule & rule_no_touch) != 0)
+    if ((element->rule & rule_no_touch) != 0) {
         order = stack->request->check == check_to_lan ? stack->request->to_order : stack->buffer.order;
+    }
     walk_field field = {event,
                         element,
                         data,
@@ -132,8 +138,9 @@ void evaluate_checks(internal_stack_t* stack, const unsigned char* data, int64_t
 // place, which for the repetitions of an array is not the place that is read.
 int process_integer(internal_stack_t* stack, int64_t value_offset, const msg_el* element, uint64_t* value) {
     if (element->size < 1 || element->size > 8 || value_offset < 0 || value_offset > stack->buffer.size ||
-        element->size > stack->buffer.size - value_offset) [[unlikely]]
-        return fail_overflow(stack, value_offset, element->size);
+        element->size > stack->buffer.size - value_offset) {
+        [[unlikely]] return fail_overflow(stack, value_offset, element->size);
+    }
     unsigned char* bytes = stack->buffer.data + value_offset;
     byte_order to_order = stack->request->to_order;
     bool swap = element->size > 1 && (element->rule & rule_no_touch) == 0 && stack->buffer.order != to_order;
@@ -143,8 +150,9 @@ int process_integer(internal_stack_t* stack, int64_t value_offset, const msg_el*
     }
     *value = read_integer(bytes, element->size,
                           stack->request->check == check_to_lan ? to_order : stack->buffer.order);
-    if (element->size > stack->buffer.size - stack->buffer.offset)
+    if (element->size > stack->buffer.size - stack->buffer.offset) {
         return fail_overflow(stack, stack->buffer.offset, element->size);
+    }
     if ((stack->request->iflags & walk_swap_copy) == 0) {
         unsigned char* place = stack->buffer.data + stack->buffer.offset;
         std::reverse(place, place + element->size);
@@ -155,10 +163,12 @@ int process_integer(internal_stack_t* stack, int64_t value_offset, const msg_el*
 // What later elements see of a value: 4 bytes as they are, 2 bytes with their sign, of all others the lowest
 // byte with its sign.
 int32_t reference_value(uint64_t value, int32_t size) {
-    if (size == 4)
+    if (size == 4) {
         return static_cast<int32_t>(value);
-    if (size == 2)
+    }
+    if (size == 2) {
         return static_cast<int16_t>(value);
+    }
     return static_cast<int8_t>(value);
 }
 
@@ -166,10 +176,12 @@ int walk_integer(internal_stack_t* stack, level_t* level, size_t index, int64_t 
                  int64_t* element_size) {
     const msg_el* element = stack->current;
     uint64_t value = 0;
-    if (process_integer(stack, level->value_offset, element, &value) == walk_failed) [[unlikely]]
-        return walk_failed;
-    if (stack->checks && element->chkptr != 0 && (element->rule & rule_no_touch) == 0)
+    if (process_integer(stack, level->value_offset, element, &value) == walk_failed) {
+        [[unlikely]] return walk_failed;
+    }
+    if (stack->checks && element->chkptr != 0 && (element->rule & rule_no_touch) == 0) {
         evaluate_checks(stack, reinterpret_cast<const unsigned char*>(&value), element->size);
+    }
     if (static_cast<int64_t>(index) > level->int_val_index) {
         level->matrix.ivals[index] = reference_value(value, element->size);
         level->int_val_index = static_cast<int64_t>(index);
@@ -187,19 +199,25 @@ int get_string_size(internal_stack_t* stack, const level_t* level, size_t index,
     char path[512];
     if (element->size < 0) {
         size_t found = search_index(level, index, element->size, &element_references::size);
-        if (found >= index) [[unlikely]]
-            return fail(stack, number_walk_size_missing, "%d|%s|%u|%s|", static_cast<int>(found),
-                        type2string(element->type), shown(position), dump_path(stack, path, sizeof path));
-        if (level->matrix.inums[found] < 0) [[unlikely]]
-            return fail(stack, number_walk_size_without_value, "%d|%s|%u|%s|", level->matrix.inums[found],
-                        type2string(element->type), shown(position), dump_path(stack, path, sizeof path));
+        if (found >= index) {
+            [[unlikely]] return fail(stack, number_walk_size_missing, "%d|%s|%u|%s|", static_cast<int>(found),
+                                     type2string(element->type), shown(position),
+                                     dump_path(stack, path, sizeof path));
+        }
+        if (level->matrix.inums[found] < 0) {
+            [[unlikely]] return fail(stack, number_walk_size_without_value, "%d|%s|%u|%s|",
+                                     level->matrix.inums[found], type2string(element->type), shown(position),
+                                     dump_path(stack, path, sizeof path));
+        }
         *size = level->matrix.ivals[found];
     }
     bool terminated = (element->rule & rule_terminated) != 0;
-    if (!terminated && element->type != el_text_ended)
+    if (!terminated && element->type != el_text_ended) {
         return walk_accepted;
-    if (position < 0 || position > stack->buffer.size) [[unlikely]]
-        return fail_overflow(stack, position, element->size);
+    }
+    if (position < 0 || position > stack->buffer.size) {
+        [[unlikely]] return fail_overflow(stack, position, element->size);
+    }
 
     const unsigned char* text = stack->buffer.data + position;
     int64_t remaining = stack->buffer.size - position;
@@ -209,9 +227,10 @@ int get_string_size(internal_stack_t* stack, const level_t* level, size_t index,
         *size = static_cast<const unsigned char*>(nul) - text + 1;  // the terminator belongs to the field
         return walk_accepted;
     }
-    if (terminated) [[unlikely]]
-        return fail(stack, number_walk_no_terminator, "%s|%u|%s|", type2string(element->type),
-                    shown(position), dump_path(stack, path, sizeof path));
+    if (terminated) {
+        [[unlikely]] return fail(stack, number_walk_no_terminator, "%s|%u|%s|", type2string(element->type),
+                                 shown(position), dump_path(stack, path, sizeof path));
+    }
     *size = searched;
     return walk_accepted;
 }
@@ -220,20 +239,24 @@ int walk_bytes(internal_stack_t* stack, level_t* level, size_t index, int64_t re
                int64_t* element_size) {
     const msg_el* element = stack->current;
     int64_t size = 0;
-    if (get_string_size(stack, level, index, &size) == walk_failed)
+    if (get_string_size(stack, level, index, &size) == walk_failed) {
         return walk_failed;
+    }
     bool is_text = element->type != el_binary && element->type != el_binary_sized;
     if ((element->size < 0 || element->type == el_text_ended) &&
-        check_element_overflow(stack, level->value_offset, size) == walk_failed)
+        check_element_overflow(stack, level->value_offset, size) == walk_failed) {
         return walk_failed;
+    }
     // A fixed text that the message's end cuts is only found out by the next element.
     int64_t position = level->value_offset;
-    if (position < 0 || position > stack->buffer.size) [[unlikely]]
-        return fail_overflow(stack, position, size);
+    if (position < 0 || position > stack->buffer.size) {
+        [[unlikely]] return fail_overflow(stack, position, size);
+    }
     int64_t there = std::min(size, stack->buffer.size - position);
     const unsigned char* bytes = stack->buffer.data + position;
-    if (stack->checks && is_text && element->chkptr != 0 && (element->rule & rule_no_touch) == 0)
+    if (stack->checks && is_text && element->chkptr != 0 && (element->rule & rule_no_touch) == 0) {
         evaluate_checks(stack, bytes, there);
+    }
     *element_size = size;
     visit(stack, walk_value, element, bytes, there, repetition);
     return walk_accepted;
@@ -245,18 +268,20 @@ int process_elements(internal_stack_t* stack, const msgtab_el* entry, bool varia
 int walk_struct(internal_stack_t* stack, const level_t* level, const msgtab_el* structure, int64_t repetition,
                 int64_t* element_size) {
     const msg_el* element = stack->current;
-    if (structure == nullptr) [[unlikely]]
-        return fail_type(stack, number_walk_no_record, element->structure);
-    if (element->relation < 0 && (level->value_offset < 0 || level->value_offset > stack->buffer.size))
-        [[unlikely]]
-        return fail_overflow(stack, level->value_offset, element->size);
+    if (structure == nullptr) {
+        [[unlikely]] return fail_type(stack, number_walk_no_record, element->structure);
+    }
+    if (element->relation < 0 && (level->value_offset < 0 || level->value_offset > stack->buffer.size)) {
+        [[unlikely]] return fail_overflow(stack, level->value_offset, element->size);
+    }
     visit(stack, walk_struct_begin, element, nullptr, 0, repetition);
     int64_t offset = stack->buffer.offset;
     int result = process_elements(stack, structure, (element->rule & rule_displaced) != 0, element_size);
     stack->buffer.offset = offset;
     stack->current = element;
-    if (result == walk_failed) [[unlikely]]
-        return walk_failed;
+    if (result == walk_failed) {
+        [[unlikely]] return walk_failed;
+    }
     visit(stack, walk_struct_end, element, nullptr, 0, repetition);
     return walk_accepted;
 }
@@ -312,8 +337,9 @@ int64_t get_max_dimension(internal_stack_t* stack, const level_t* level, size_t 
                           const msg_el** counter) {
     const msg_el* element = stack->current;
     *counter = element;
-    if (element->dim >= 0)
+    if (element->dim >= 0) {
         return element->dim == 0 ? 1 : element->dim;
+    }
     size_t found = search_index(level, index, element->dim, &element_references::dim);
     if (found < index) {
         *counter = &level->definition->elements[found];
@@ -327,8 +353,9 @@ int64_t get_max_dimension(internal_stack_t* stack, const level_t* level, size_t 
 
 void note_content(internal_stack_t* stack, const level_t* level, size_t index) {
     size_t found = search_index(level, index, stack->current->size, &element_references::size);
-    if (found == level->matrix.length)
+    if (found == level->matrix.length) {
         return;
+    }
     stack->request->info->content_field = stack->buffer.data + stack->buffer.offset;
     stack->request->info->size_field = stack->buffer.data + level->matrix.ipos[found];
 }
@@ -338,27 +365,32 @@ int walk_repetitions(internal_stack_t* stack, level_t* level, size_t index, int6
     const msg_el* element = stack->current;
     const msgtab_el* structure =
         element->type == el_struct ? element_structure(stack->table, element) : nullptr;
-    for (int64_t repetition = 0; repetition < max_dimension; repetition++) {
+    for (int64_t repetition = 0; repetition < max_dimension; ++repetition) {
         bool ended = stack->buffer.offset >= stack->buffer.size;
-        if (ended) [[unlikely]]
-            warn(stack, number_walk_table_cut, "%.8s.%s|%d|%d|",
-                 reinterpret_cast<const char*>(stack->buffer.data), counter->name,
-                 static_cast<int>(max_dimension), static_cast<int>(stack->buffer.size));
+        if (ended) {
+            [[unlikely]] warn(stack, number_walk_table_cut, "%.8s.%s|%d|%d|",
+                              reinterpret_cast<const char*>(stack->buffer.data), counter->name,
+                              static_cast<int>(max_dimension), static_cast<int>(stack->buffer.size));
+        }
         int64_t element_size = 0;
-        if (walk_repetition(stack, level, index, structure, repetition, &element_size) == walk_failed)
+        if (walk_repetition(stack, level, index, structure, repetition, &element_size) == walk_failed) {
             return walk_failed;
-        if ((element->rule & rule_content) != 0 && (stack->request->iflags & walk_find_content) != 0)
+        }
+        if ((element->rule & rule_content) != 0 && (stack->request->iflags & walk_find_content) != 0) {
             note_content(stack, level, index);
+        }
         if (!level->variableDataOnEnd || element->relation >= 0 || element->dim != 0) {
             level->structureSize += element_size;
             stack->buffer.offset += element_size;
             // With a constant number of repetitions all are read at the first one's place; that must stay.
-            if (element->dim < 0 && element->type != el_struct)
+            if (element->dim < 0 && element->type != el_struct) {
                 level->value_offset = stack->buffer.offset;
+            }
         }
         // Neither a repetition behind the end nor one that took no bytes would differ from the next.
-        if (ended || element_size == 0)
+        if (ended || element_size == 0) {
             break;
+        }
     }
     return walk_accepted;
 }
@@ -366,10 +398,12 @@ int walk_repetitions(internal_stack_t* stack, level_t* level, size_t index, int6
 int walk_element(internal_stack_t* stack, level_t* level, size_t index) {
     const msg_el* element = &level->definition->elements[index];
     stack->current = element;
-    if (stack->buffer.offset == stack->buffer.size)
+    if (stack->buffer.offset == stack->buffer.size) {
         return walk_message_ended;
-    if (element->version > stack->message_version)
+    }
+    if (element->version > stack->message_version) {
         return walk_accepted;
+    }
     level->matrix.inums[index] = element->count;
     level->matrix.ipos[index] = static_cast<int32_t>(stack->buffer.offset);
     set_value_offset(stack, level, index);
@@ -380,24 +414,29 @@ int walk_element(internal_stack_t* stack, level_t* level, size_t index) {
         return fail(stack, number_walk_too_short, "%u|%u|%s|", shown(stack->buffer.offset),
                     shown(stack->buffer.size), dump_path(stack, path, sizeof path));
     }
-    if (max_dimension <= 0 && stack->request->visitor == nullptr)
+    if (max_dimension <= 0 && stack->request->visitor == nullptr) {
         return walk_accepted;
+    }
 
     int64_t currentOffset = stack->buffer.offset;
     bool displaced =
         element->type == el_struct && element->relation < 0 && (element->rule & rule_displaced) != 0;
     if (displaced && max_dimension > 0) {
-        if (level->value_offset < 0 || level->value_offset > stack->buffer.size) [[unlikely]]
-            return fail_overflow(stack, level->value_offset, element->size);
+        if (level->value_offset < 0 || level->value_offset > stack->buffer.size) {
+            [[unlikely]] return fail_overflow(stack, level->value_offset, element->size);
+        }
         stack->buffer.offset = level->value_offset;
     }
-    if (element->dim != 0)
+    if (element->dim != 0) {
         visit(stack, walk_table_begin, element, nullptr, 0, max_dimension);
+    }
     int result = walk_repetitions(stack, level, index, max_dimension, counter);
-    if (result != walk_failed && element->dim != 0)
+    if (result != walk_failed && element->dim != 0) {
         visit(stack, walk_table_end, element, nullptr, 0, max_dimension);
-    if (displaced)
+    }
+    if (displaced) {
         stack->buffer.offset = currentOffset;
+    }
     return result;
 }
 
@@ -422,13 +461,16 @@ bool is_plain(const msg_el* element) {
 int walk_plain_element(internal_stack_t* stack, level_t* level, size_t index) {
     const msg_el* element = &level->definition->elements[index];
     int64_t offset = stack->buffer.offset;
-    if (offset == stack->buffer.size)
+    if (offset == stack->buffer.size) {
         return walk_message_ended;
-    if (element->version > stack->message_version)
+    }
+    if (element->version > stack->message_version) {
         return walk_accepted;
+    }
     if (offset > stack->buffer.size ||
-        (element->type <= el_unsigned && element->size > stack->buffer.size - offset))
+        (element->type <= el_unsigned && element->size > stack->buffer.size - offset)) {
         return walk_element(stack, level, index);  // which finds the fault and names it
+    }
     level->matrix.inums[index] = element->count;
     level->matrix.ipos[index] = static_cast<int32_t>(offset);
     if (element->type <= el_unsigned) {
@@ -443,8 +485,9 @@ int walk_plain_element(internal_stack_t* stack, level_t* level, size_t index) {
 
 int process_elements(internal_stack_t* stack, const msgtab_el* entry, bool variableDataOnEnd,
                      int64_t* structureSize) {
-    if (stack->parent_list.level == parent_list_size)
+    if (stack->parent_list.level == parent_list_size) {
         return fail_type(stack, number_walk_no_record, entry->name);
+    }
     stack->parent_list.entries[stack->parent_list.level++] = {entry->name, stack->message_version};
 
     size_t length = entry->msg_def.length;
@@ -464,12 +507,13 @@ int process_elements(internal_stack_t* stack, const msgtab_el* entry, bool varia
                      stack->buffer.offset,
                      -1};
     int result = walk_accepted;
-    for (size_t index = 0; index < length && result == walk_accepted; index++)
+    for (size_t index = 0; index < length && result == walk_accepted; ++index) {
         result = stack->plain && is_plain(&entry->msg_def.elements[index])
                      ? walk_plain_element(stack, &level, index)
                      : walk_element(stack, &level, index);
+    }
     *structureSize = level.structureSize;
-    stack->parent_list.level--;
+    --stack->parent_list.level;
     return result == walk_failed ? walk_failed : walk_accepted;
 }
 
@@ -481,19 +525,22 @@ void swap_head(unsigned char* head) {
 int parse_message(internal_stack_t* stack) {
     std::string_view type(reinterpret_cast<const char*>(stack->buffer.data), message_type_size);
     const msgtab_el* entry = find_definition(stack->table, type);
-    if (entry == nullptr)
+    if (entry == nullptr) {
         return fail(stack, number_walk_no_message, "%.8s|%s:%u|", type.data(), "walk.cpp",
                     static_cast<unsigned>(__LINE__));
+    }
     QX_HEADM head;
     memcpy(&head, stack->buffer.data, sizeof head);
     stack->message_version = message_version(&head);
-    if (stack->buffer.order != stack->request->to_order && (stack->request->iflags & walk_swap_copy) == 0)
+    if (stack->buffer.order != stack->request->to_order && (stack->request->iflags & walk_swap_copy) == 0) {
         swap_head(stack->buffer.data);
+    }
     stack->buffer.offset = sizeof head;
     int64_t structureSize = 0;
     int result = process_elements(stack, entry, false, &structureSize);
-    if (result != walk_failed && stack->error->warning_list.length > 0)
+    if (result != walk_failed && stack->error->warning_list.length > 0) {
         return walk_warned;
+    }
     return result;
 }
 
@@ -502,14 +549,16 @@ thread_local const internal_stack_t* failed_checks = nullptr;
 
 void report_failed_checks(const internal_stack_t& stack) {
     const msgconv_ctx_t* ctx = stack.ctx;
-    if (ctx == nullptr || ctx->errorAction == nullptr)
+    if (ctx == nullptr || ctx->errorAction == nullptr) {
         return;
+    }
     char name[255] = {};
     failed_checks = &stack;
     ctx->errorAction(name, sizeof name);
     failed_checks = nullptr;
-    if (name[0] == '\0' || ctx->logWrite == nullptr)
+    if (name[0] == '\0' || ctx->logWrite == nullptr) {
         return;
+    }
     char insert[sizeof name + 1];
     snprintf(insert, sizeof insert, "%.253s|", name);
     ctx->logWrite(number_checks_failed, insert);
@@ -534,8 +583,9 @@ int walk(void* msg, size_t msgs, const msgconv_ctx_t* ctx, const walk_request& r
     error->subst[0] = '\0';
     error->warning_list = {0, nullptr};
     const unsigned char* first = static_cast<const unsigned char*>(msg);
-    if (msgs == 0 || (msgs > 1 && first[0] == '<'))
+    if (msgs == 0 || (msgs > 1 && first[0] == '<')) {
         return walk_accepted;
+    }
 
     internal_stack_t stack;
     stack.current = nullptr;
@@ -549,16 +599,19 @@ int walk(void* msg, size_t msgs, const msgconv_ctx_t* ctx, const walk_request& r
     stack.plain = !stack.checks && request.visitor == nullptr && request.to_order == order_little;
     stack.errorsFound = 0;
     stack.parent_list.level = 0;
-    if (msgs < sizeof(QX_HEADM) || msgs > INT32_MAX)
+    if (msgs < sizeof(QX_HEADM) || msgs > INT32_MAX) {
         return fail(&stack, number_walk_too_short, "%u|%u|%s|", static_cast<unsigned>(sizeof(QX_HEADM)),
                     shown(stack.buffer.size), "?NULL?");
+    }
 
-    if (tracing(ctx, trace_level_dump)) [[unlikely]]
-        dump_message(ctx, request.check == check_to_lan ? "ToLAN" : "ToHOST", msg, msgs, request.check,
-                     request.to_order, tracing(ctx, trace_level_elements));
+    if (tracing(ctx, trace_level_dump)) {
+        [[unlikely]] dump_message(ctx, request.check == check_to_lan ? "ToLAN" : "ToHOST", msg, msgs,
+                                  request.check, request.to_order, tracing(ctx, trace_level_elements));
+    }
     int result = parse_message(&stack);
-    if (stack.errorsFound != 0)
+    if (stack.errorsFound != 0) {
         report_failed_checks(stack);
+    }
     if (tracing(ctx, trace_level_dump) && ctx->trcWrite != nullptr) {
         char line[128];
         snprintf(line, sizeof line, "walk: result %d, number %d, %lu warnings, %d failed checks", result,

@@ -30,17 +30,20 @@ bool is_secret(const dump_copy& copy, const msg_el& element) {
 
 void take_field(void* context, const walk_field& field) {
     auto* copy = static_cast<dump_copy*>(context);
-    if (field.event == walk_struct_begin || field.event == walk_struct_end)
+    if (field.event == walk_struct_begin || field.event == walk_struct_end) {
         copy->in_values =
             field.event == walk_struct_begin && strcmp(field.element->structure, "VALUETAB") == 0;
-    if (field.event != walk_value || field.size == 0)
+    }
+    if (field.event != walk_value || field.size == 0) {
         return;
+    }
     size_t at = static_cast<size_t>(field.data - copy->message);
     bool secret = is_secret(*copy, *field.element);
-    if (secret)
+    if (secret) {
         memset(copy->bytes + at, hidden, field.size);
-    else if (copy->seen_only)
+    } else if (copy->seen_only) {
         memcpy(copy->bytes + at, field.data, field.size);
+    }
     if (copy->elements) {
         char line[128];
         snprintf(line, sizeof line, "%.64s: %s at %zu, %zu bytes", field.element->name,
@@ -66,11 +69,13 @@ int walk_silently(const dump_copy& copy, walk_check check, byte_order to_order) 
 
 void dump_message(const msgconv_ctx_t* ctx, const char* title, const void* msg, size_t msgs, walk_check check,
                   byte_order to_order, bool elements) {
-    if (ctx == nullptr || ctx->trcDump == nullptr)
+    if (ctx == nullptr || ctx->trcDump == nullptr) {
         return;
+    }
     std::unique_ptr<unsigned char[]> bytes(new (std::nothrow) unsigned char[msgs]);
-    if (bytes == nullptr)
+    if (bytes == nullptr) {
         return;
+    }
     memcpy(bytes.get(), msg, msgs);
     dump_copy copy = {ctx,         static_cast<const unsigned char*>(msg), msgs,
                       bytes.get(), elements && ctx->trcWrite != nullptr,   false,

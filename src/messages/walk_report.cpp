@@ -28,7 +28,7 @@ void format_insert(char* text, const char* format, va_list arguments) {
 const char* dump_path(const internal_stack_t* stack, char* text, size_t size) {
     size_t length = 0;
     text[0] = '\0';
-    for (int i = 0; i < stack->parent_list.level; i++) {
+    for (int i = 0; i < stack->parent_list.level; ++i) {
         std::string_view name = catalogue_trimmed_name(stack->parent_list.entries[i].name);
         if (length + name.size() > path_limit) {
             append(text, size, &length,

@@ -99,7 +99,8 @@ void report_read_line(REP_Area* area, size_t size) {
     }
 }
 
-report_fill report_fill_block(REP_Area* area, unsigned char* block, int* length, size_t size, report_stage stage) {
+report_fill report_fill_block(REP_Area* area, unsigned char* block, int* length, size_t size,
+                              report_stage stage) {
     const int64_t whole = stage == REPORT_AHEAD ? text_reader_whole_until(&area->pFile) : INT64_MAX;
     while (true) {
         if (!area->line_in_hand) {

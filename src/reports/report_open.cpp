@@ -33,8 +33,7 @@ int open_failure(report_source* source, const char* step, int error_number, cons
     return -1;
 }
 
-int find_file(EX_PCX* pcx, const MSG_TYPE_REP_GET& get, report_source* source,
-                my_passwd_unlimited* passwd) {
+int find_file(EX_PCX* pcx, const MSG_TYPE_REP_GET& get, report_source* source, my_passwd_unlimited* passwd) {
     source->file = get_text(get.filename);
     source->user = get_text(get.logininfo);
     source->with_login = !source->user.empty();
@@ -55,8 +54,7 @@ int find_file(EX_PCX* pcx, const MSG_TYPE_REP_GET& get, report_source* source,
     passwd->pw_passwd.clear();
     if (GetFilePfad(source->file.c_str(), passwd->pw_dir, path, sizeof path) != 0) {
         source->number = number_file_call;
-        source->insert =
-            call_insert("GetFilePfad()", source->file, errno);
+        source->insert = call_insert("GetFilePfad()", source->file, errno);
         return -1;
     }
     source->file = path;
@@ -96,7 +94,8 @@ void REP_set_shell(report_shell shell) {
 }
 
 int find_source(EX_PCX* pcx, MSG_TYPE_REP_GET* get, report_source* source, my_passwd_unlimited* passwd) {
-    return asks_for_shell(pcx, *get) ? find_shell_output(pcx, get, source) : find_file(pcx, *get, source, passwd);
+    return asks_for_shell(pcx, *get) ? find_shell_output(pcx, get, source)
+                                     : find_file(pcx, *get, source, passwd);
 }
 
 int open_source(EX_PCX* pcx, report_source* source, const my_passwd_unlimited& passwd, qx_descriptor* out) {

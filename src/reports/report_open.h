@@ -21,8 +21,8 @@ struct report_source {
     std::string insert;
 };
 
-// The file of `get`; that of a command of the service console is made first, and is erased once it was sent. `passwd` is
-// filled when the request names a user. 0, or -1 with number and insert in `source`.
+// The file of `get`; that of a command of the service console is made first, and is erased once it was sent.
+// `passwd` is filled when the request names a user. 0, or -1 with number and insert in `source`.
 int find_source(EX_PCX* pcx, MSG_TYPE_REP_GET* get, report_source* source, my_passwd_unlimited* passwd);
 // Opens it for its reader. 0, or -1 with number and insert in `source`.
 int open_source(EX_PCX* pcx, report_source* source, const my_passwd_unlimited& passwd, qx_descriptor* out);

@@ -106,7 +106,8 @@ void complete_block(EX_PCX* pcx, report_block* block, const REP_Area* area) {
     memcpy(block->body(), &block->head, sizeof block->head);
     block->msg->msg_start = block->body();
     block->msg->len = report_data_offset + block->length;
-    set_route(block->msg, to_server(pcx, report_server_module, module_reports, static_cast<int>(area->RepGet_bAcv)));
+    set_route(block->msg,
+              to_server(pcx, report_server_module, module_reports, static_cast<int>(area->RepGet_bAcv)));
 }
 
 int send_block(EX_PCX* pcx, report_block* block, const REP_Area* area) {
@@ -127,8 +128,8 @@ void note_start_of_block(REP_Area* area) {
     area->rep_llRecCount = area->llRecCount;
 }
 
-// While the server takes the block that was just sent: the next one need not wait for the disk, nor for its seal, if
-// the server asks for it as it asked for this one.
+// While the server takes the block that was just sent: the next one need not wait for the disk, nor for its
+// seal, if the server asks for it as it asked for this one.
 void make_ahead(EX_PCX* pcx, REP_Area* area, const MSG_TYPE_REP_DATA& sent) {
     constexpr size_t spare = 4096;  // so that the line behind the block shows that it is full
     if (area->line_in_hand && area->pLastRec.data() != area->cut_record.data()) {

@@ -30,7 +30,7 @@ struct report_block {
     ccm_msg_t* msg = nullptr;  // owned; null without one
     int length = 0;            // of the text
     bool full = false;
-    bool prepared = false;     // framed, perhaps sealed, with `head` as it stands
+    bool prepared = false;  // framed, perhaps sealed, with `head` as it stands
     unsigned char* body() const { return msg->buffer1 + ccm_msg_headroom; }
     unsigned char* text() const { return body() + report_data_offset; }
 };
@@ -80,7 +80,8 @@ struct REP_Area {
     std::string cut_record;
     std::string pMatchRecord;
     time_t last_use = 0;
-    report_block ahead;  // the block behind the last that was sent, as far as it is made; rep_ll* stand at its start
+    report_block
+        ahead;  // the block behind the last that was sent, as far as it is made; rep_ll* stand at its start
 
     // the asker of the last REP_QUIT
     std::string RepQuit_bAddr;
@@ -120,17 +121,24 @@ int process_iprcwrite(EX_PCX* pcx, ccm_msg_t* msg, int row);
 
 // ---- reading, shared by its two users and the tests
 
-enum report_fill { REPORT_FILL_FULL, REPORT_FILL_END, REPORT_FILL_ERROR, REPORT_FILL_LIMIT, REPORT_FILL_PAUSE };
+enum report_fill {
+    REPORT_FILL_FULL,
+    REPORT_FILL_END,
+    REPORT_FILL_ERROR,
+    REPORT_FILL_LIMIT,
+    REPORT_FILL_PAUSE
+};
 enum report_stage { REPORT_FIRST, REPORT_LATER, REPORT_AHEAD };
 
 // Reads the next line into pLastRec, cut to what `size` allows (a line of more than size - 2 bytes is cut to
 // size - 1 and its rest passed over). lLastRec is its length, read_failed or read_end_of_file.
 void report_read_line(REP_Area* area, size_t size);
 // Fills `block` (i4Blksize bytes) with converted lines, each followed by CR LF, and counts them. `size` is
-// for report_read_line. Goes on behind the `*length` bytes that stand there. Ahead of the server's order only whole
-// lines are taken that were read already, and it pauses where they end or a limit is reached: what the file has then
-// is told when the order comes.
-report_fill report_fill_block(REP_Area* area, unsigned char* block, int* length, size_t size, report_stage stage);
+// for report_read_line. Goes on behind the `*length` bytes that stand there. Ahead of the server's order only
+// whole lines are taken that were read already, and it pauses where they end or a limit is reached: what the
+// file has then is told when the order comes.
+report_fill report_fill_block(REP_Area* area, unsigned char* block, int* length, size_t size,
+                              report_stage stage);
 // The block that ends a report under a block limit: the mark, then the last lines of the file. 0 and the
 // length, or -1 with `error`.
 int create_lastRecBuf(REP_Area* area, unsigned char* block, int* length, qx7_error* error);

@@ -59,8 +59,8 @@ void log_directory(int number, const resource_job* job, const std::string& path)
     __log(number, "%d:%.200s|%.500s", job->JP_Mandant, job->JP_oName, path.c_str());
 }
 
-// The folder `name` in `at`, made or found. The agent's own or root's and no link, for somebody else could lead
-// the way elsewhere; what else has the name is moved away. -1 with errno.
+// The folder `name` in `at`, made or found. The agent's own or root's and no link, for somebody else could
+// lead the way elsewhere; what else has the name is moved away. -1 with errno.
 int open_folder(int at, const std::string& name, const std::string& path, bool* created) {
     constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
     *created = mkdirat(at, name.c_str(), 0700) == 0;
@@ -136,7 +136,8 @@ int make_client_path(const EX_PCX* pcx, const resource_job* job, const resource_
 }
 
 // The directory above the task's own, where each user may make one.
-int make_task_parent(const EX_PCX* pcx, const resource_job* job, const std::string& parent, qx7_error* error) {
+int make_task_parent(const EX_PCX* pcx, const resource_job* job, const std::string& parent,
+                     qx7_error* error) {
     bool made = false;
     effUser_guard lock;
     const qx_descriptor folder(open_folders(pcx, parent, shared_directory_mode, &made));
@@ -167,7 +168,8 @@ bool task_directory_is_jobs(const EX_PCX* pcx, const resource_job* job, const st
 }
 
 // Somebody else was there first. 0, or -1 with qx_errno.
-int replace_task_directory(const EX_PCX* pcx, const resource_job* job, const std::string& path, qx7_error* error) {
+int replace_task_directory(const EX_PCX* pcx, const resource_job* job, const std::string& path,
+                           qx7_error* error) {
     const size_t slash = path.rfind('/');
     const std::string made = hidden_name();
     const std::string made_path = path.substr(0, slash + 1) + made;
@@ -176,8 +178,10 @@ int replace_task_directory(const EX_PCX* pcx, const resource_job* job, const std
     }
     bool new_folders = false;
     effUser_guard lock;
-    const qx_descriptor folder(open_folders(pcx, path.substr(0, slash + 1), shared_directory_mode, &new_folders));
-    if (folder.valid() && take_place(folder.get(), made.c_str(), path.c_str() + slash + 1, path.c_str()) == 0) {
+    const qx_descriptor folder(
+        open_folders(pcx, path.substr(0, slash + 1), shared_directory_mode, &new_folders));
+    if (folder.valid() &&
+        take_place(folder.get(), made.c_str(), path.c_str() + slash + 1, path.c_str()) == 0) {
         return 0;
     }
     const int failed = errno == EEXIST ? EPERM : errno;

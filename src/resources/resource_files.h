@@ -1,4 +1,5 @@
-// What the files of this folder share: the jobs behind the lists, and files and directories of stored resources. Main thread.
+// What the files of this folder share: the jobs behind the lists, and files and directories of stored
+// resources. Main thread.
 #pragma once
 
 #include <climits>

@@ -1,9 +1,9 @@
 // Stored resources: files that jobs need and the server keeps. A client resource is shared by all jobs of a
 // client and stays on disk; a task resource belongs to one job and goes with it.
 //
-// A resource is requested (BIN_GET is out), used (on disk, jobs run or start with it) or waiting (a new version
-// whose old one is in use). Jobs name client resources by key; their own task resources they hold themselves,
-// once these have come. Main thread, as all here.
+// A resource is requested (BIN_GET is out), used (on disk, jobs run or start with it) or waiting (a new
+// version whose old one is in use). Jobs name client resources by key; their own task resources they hold
+// themselves, once these have come. Main thread, as all here.
 #pragma once
 
 #include <sys/types.h>
@@ -54,8 +54,8 @@ struct resource_item {
 
 using resource_list = std::list<resource_item>;
 
-// The part of a job's entry that resources stand on; the whole of it is in jobs/job_area.h. Texts of fixed width end in a
-// zero byte.
+// The part of a job's entry that resources stand on; the whole of it is in jobs/job_area.h. Texts of fixed
+// width end in a zero byte.
 struct resource_job {
     uint16_t JP_Mandant = 0;  // client; key together with JP_jobNr, never changed after creation
     int JP_jobNr = 0;         // run number
@@ -74,7 +74,8 @@ struct resource_job {
 // What the owner of the jobs does here.
 struct resource_owner {
     resource_job* (*find)(int ah_idnr, uint16_t client);  // null when there is none
-    void (*start)(EX_PCX* pcx, resource_job* job);        // nothing is missing any more; the job may be gone afterwards
+    void (*start)(EX_PCX* pcx,
+                  resource_job* job);  // nothing is missing any more; the job may be gone afterwards
     void (*refuse)(EX_PCX* pcx, resource_job* job, int msgnr, const char* insert);  // tells the server
     void (*erase)(resource_job* job);
 };
@@ -91,11 +92,10 @@ struct resource_state {
 resource_state* resource_context();
 
 // ---- For activation and the end of jobs
-// ----------------------------------------------------------------------------
 
 // Takes over the cache paths of an activation and all rows of its table. When the job's list of requested
-// resources is not empty afterwards, it has to wait. The job's user, client and number are set, its address is
-// kept. 0, or -1 with `error`; the caller then takes the job off the lists.
+// resources is not empty afterwards, it has to wait. The job's user, client and number are set, its address
+// is kept. 0, or -1 with `error`; the caller then takes the job off the lists.
 int job_read_resources(EX_PCX* pcx, resource_job* job, message_view view, const MSG_TYPE_EXAKTJ& record,
                        qx7_error* error);
 // One row of BINTAB for `job`. 0; on -1 `error` is filled and the job's share is undone.
@@ -109,21 +109,19 @@ int DeleteTaskResourceFiles(resource_job* job, qx7_error* error);
 int RemoveJobFromResourceLists(EX_PCX* pcx, resource_job* job, qx7_error* error);
 
 // ---- Messages
-// ------------------------------------------------------------------------------------------------------
 
 // BIN_GET for an item of the requested list. Without a server connection nothing is sent: all requested items
 // are asked for after the next logon. 0, or -1 with `error`.
 int SendBinGetMessage(EX_PCX* pcx, resource_item* resource, qx7_error* error);
 // After a logon: asks again for all that is requested. 0, or -1 at the first failure, which is logged.
 int SendBinGetMessagesAfterReconnect(EX_PCX* pcx);
-// BIN_DATA: writes the resource and starts the jobs that wait for nothing else. 0, -1 for a resource that could
-// not be written (the jobs that waited for it were cancelled), 2 for a message of another type.
+// BIN_DATA: writes the resource and starts the jobs that wait for nothing else. 0, -1 for a resource that
+// could not be written (the jobs that waited for it were cancelled), 2 for a message of another type.
 int ProcessBinDataMessage(EX_PCX* pcx, ccm_msg_t* msg);
 // The jobs that need `resource`, which stands in no list any more, are told number and insert, and erased.
 void CancelAllJobsWaitingForThisResource(EX_PCX* pcx, resource_item* resource, int msgnr, const char* insert);
 
 // ---- Lists
-// ---------------------------------------------------------------------------------------------------------
 
 // Names the job or resource once, however often it is added.
 void AddItemToList(std::vector<key_entry>* list, const key_entry& entry);

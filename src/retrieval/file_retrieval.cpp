@@ -97,7 +97,8 @@ int check_login(EX_PCX* pcx, GETF_PL* request, std::span<const unsigned char> co
         // The agent's own rights are nobody's to borrow.
         return FillMessageOnPasswordError(error, ENOENT, "");
     }
-    const auto field = content.size() > login_info_size ? content.subspan(login_info_size) : content.subspan(0, 0);
+    const auto field =
+        content.size() > login_info_size ? content.subspan(login_info_size) : content.subspan(0, 0);
     std::string reason;
     errno = 0;
     const int result = PasswordCheck(pcx->pcx_JobPwCheck, static_cast<int>(request->gf_uidnr), field,

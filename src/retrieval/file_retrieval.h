@@ -1,5 +1,5 @@
-// File retrieval: a person at a screen reads a file of this host, a text by lines from its beginning or its end,
-// or a file as bytes, one block for each request with the same key. Main thread.
+// File retrieval: a person at a screen reads a file of this host, a text by lines from its beginning or its
+// end, or a file as bytes, one block for each request with the same key. Main thread.
 #pragma once
 
 #include <sys/types.h>

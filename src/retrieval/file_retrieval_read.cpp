@@ -1,4 +1,5 @@
-// What a file request reads: pieces of a text when the file is opened, blocks of bytes when they are asked for.
+// What a file request reads: pieces of a text when the file is opened, blocks of bytes when they are asked
+// for.
 #include <unistd.h>
 
 #include <algorithm>
@@ -61,7 +62,8 @@ size_t line_end(std::string_view data, size_t from, char code) {
         const size_t at = data.find('\n', from);
         return at == std::string_view::npos ? at : at + 1;
     }
-    const std::string_view end = code == TEXT_CODE_UCS2BE ? std::string_view("\0\n", 2) : std::string_view("\n\0", 2);
+    const std::string_view end =
+        code == TEXT_CODE_UCS2BE ? std::string_view("\0\n", 2) : std::string_view("\n\0", 2);
     for (size_t at = from; at + 1 < data.size(); at += 2) {
         if (data.compare(at, 2, end) == 0) {
             return at + 2;
@@ -95,7 +97,8 @@ ssize_t count_lines(std::string_view piece, char code, int64_t wanted, size_t ma
         if (count->lines + ends < wanted) {
             const size_t last = piece.rfind('\n');
             count->lines += ends;
-            count->length = last == std::string_view::npos ? count->length + piece.size() : piece.size() - last - 1;
+            count->length =
+                last == std::string_view::npos ? count->length + piece.size() : piece.size() - last - 1;
             return static_cast<ssize_t>(piece.size());
         }
     }
@@ -136,12 +139,14 @@ int open_text(GETF_PL* request, int fd) {
 }  // namespace
 
 int create_sendRecBuf(GETF_PL* request, qx7_error* error) {
-    qx_descriptor file(Open_ReadEffUser(request->gf_sLoginInfo.c_str(), request->gf_sFileName.c_str(), error));
+    qx_descriptor file(
+        Open_ReadEffUser(request->gf_sLoginInfo.c_str(), request->gf_sFileName.c_str(), error));
     if (!file.valid()) {
         const int number = error->qx_errno;
         return error->qx_msgnr != 0
                    ? -1
-                   : file_failure(request, number, number == EINVAL ? "no regular file" : error_text(number), error);
+                   : file_failure(request, number, number == EINVAL ? "no regular file" : error_text(number),
+                                  error);
     }
     request->gf_fileSize = getFileSize1(file.get());
     if (request->gf_fileSize < 0) {
@@ -277,8 +282,8 @@ int read_recordsToBuff(GETF_PL* request, qx7_error* error) {
 
 int read_fileToBuff(GETF_PL* request, qx7_error* error) {
     alloc_currReadBuffer(request);
-    const size_t length =
-        static_cast<size_t>(std::min<int64_t>(request->gf_restSendSize, static_cast<int64_t>(request->gf_blocksize)));
+    const size_t length = static_cast<size_t>(
+        std::min<int64_t>(request->gf_restSendSize, static_cast<int64_t>(request->gf_blocksize)));
     if (length > 0 && read_whole(request->gf_fd.get(), request->gf_pCdataBuff.data() + head_size, length,
                                  request->gf_sendSize - request->gf_restSendSize) != 0) {
         return errno == EIO ? file_failure(request, EIO, "the file became shorter or cannot be read", error)

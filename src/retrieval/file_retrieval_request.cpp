@@ -18,12 +18,13 @@ int form_error(qx7_error* error, const std::string& what) {
     return qx_error_set(error, -1, 0, number_file_read_form, "XML-format error '%s'", what.c_str());
 }
 
-// A copy of the text in which whatever may look like an attribute and is none is hidden: the contents of CDATA
-// sections and comments, and what stands in quotes inside a tag. Places in it are places in the text.
+// A copy of the text in which whatever may look like an attribute and is none is hidden: the contents of
+// CDATA sections and comments, and what stands in quotes inside a tag. Places in it are places in the text.
 std::string visible_part(std::string_view text) {
     std::string out(text);
     const auto hide = [&](size_t from, size_t to) {
-        std::fill(out.begin() + static_cast<std::ptrdiff_t>(from), out.begin() + static_cast<std::ptrdiff_t>(to), hidden);
+        std::fill(out.begin() + static_cast<std::ptrdiff_t>(from),
+                  out.begin() + static_cast<std::ptrdiff_t>(to), hidden);
     };
     bool in_tag = false;
     for (size_t at = 0; at < text.size(); ++at) {
@@ -72,7 +73,8 @@ bool harmless(std::string_view value) {
 }
 
 // The quoted value behind `name`, which includes the "=".
-int read_value(const request_text& request, const char* name, size_t max, std::string* value, qx7_error* error) {
+int read_value(const request_text& request, const char* name, size_t max, std::string* value,
+               qx7_error* error) {
     const size_t at = find_name(request, name);
     if (at == std::string::npos) {
         return form_error(error, name);

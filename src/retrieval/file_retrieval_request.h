@@ -33,6 +33,6 @@ int file_request_parse(std::string_view text, file_request* out, qx7_error* erro
 
 // The answer with `record`, the head and the bytes of the file.
 std::string file_answer_data(std::string_view key, std::string_view record);
-// The answer with a failure, at most 2048 characters; the insert is cut to fit. The key is cut at its first blank,
-// but for file_request_no_key.
+// The answer with a failure, at most 2048 characters; the insert is cut to fit. The key is cut at its first
+// blank, but for file_request_no_key.
 std::string file_answer_error(std::string_view key, int number, std::string_view insert);

@@ -16,7 +16,7 @@ void expand_key(aes_key* out, std::span<const uint8_t> key) {
     uint32_t w[60];
     memcpy(w, key.data(), key.size());
     uint32_t round_constant = 1;
-    for (size_t i = key_words; i < words; i++) {
+    for (size_t i = key_words; i < words; ++i) {
         uint32_t x = w[i - 1];
         if (i % key_words == 0) {
             x = aes_portable_sub_word(std::rotr(x, 8)) ^ round_constant;
@@ -51,37 +51,42 @@ void aes_clear(aes_key* key) {
 }
 
 int aes_set_key(aes_key* out, std::span<const uint8_t> key, aes_engine engine) {
-    if (key.size() != 16 && key.size() != 24 && key.size() != 32)
+    if (key.size() != 16 && key.size() != 24 && key.size() != 32) {
         return -1;
+    }
     out->rounds = static_cast<int>(key.size() / 4) + 6;
     out->engine = engine == aes_engine::instructions ? aes_engine_default() : engine;
     expand_key(out, key);
-    if (out->engine == aes_engine::instructions)
+    if (out->engine == aes_engine::instructions) {
         aes_instructions_invert_rounds(out);
-    else
+    } else {
         aes_portable_pack_rounds(out->encrypt_rounds, out->rounds + 1);
+    }
     return 0;
 }
 
 void aes_cbc_encrypt(const aes_key& key, const uint8_t* in, uint8_t* out, size_t blocks, uint8_t iv[16]) {
-    if (key.engine == aes_engine::instructions)
+    if (key.engine == aes_engine::instructions) {
         aes_instructions_cbc_encrypt(key, in, out, blocks, iv);
-    else
+    } else {
         aes_portable_cbc_encrypt(key, in, out, blocks, iv);
+    }
 }
 
 void aes_cbc_decrypt(const aes_key& key, const uint8_t* in, uint8_t* out, size_t blocks, uint8_t iv[16]) {
-    if (key.engine == aes_engine::instructions)
+    if (key.engine == aes_engine::instructions) {
         aes_instructions_cbc_decrypt(key, in, out, blocks, iv);
-    else
+    } else {
         aes_portable_cbc_decrypt(key, in, out, blocks, iv);
+    }
 }
 
 int gss_AESEncrypt(const uint8_t* key, size_t keyLength, uint8_t* data, size_t length) {
     aes_key schedule;
     uint8_t iv[aes_block_size] = {};
-    if (length % aes_block_size != 0 || aes_set_key(&schedule, {key, keyLength}) != 0)
+    if (length % aes_block_size != 0 || aes_set_key(&schedule, {key, keyLength}) != 0) {
         return -1;
+    }
     aes_cbc_encrypt(schedule, data, data, length / aes_block_size, iv);
     return 0;
 }
@@ -89,8 +94,9 @@ int gss_AESEncrypt(const uint8_t* key, size_t keyLength, uint8_t* data, size_t l
 int gss_AESDecrypt(const uint8_t* key, size_t keyLength, uint8_t* data, size_t length) {
     aes_key schedule;
     uint8_t iv[aes_block_size] = {};
-    if (length % aes_block_size != 0 || aes_set_key(&schedule, {key, keyLength}) != 0)
+    if (length % aes_block_size != 0 || aes_set_key(&schedule, {key, keyLength}) != 0) {
         return -1;
+    }
     aes_cbc_decrypt(schedule, data, data, length / aes_block_size, iv);
     return 0;
 }
@@ -102,13 +108,16 @@ struct enc_handle {
 
 int InitializeEnc(enc_handle** handle, const uint8_t* key, size_t keyLength, int algorithm, int mode) {
     *handle = nullptr;
-    if (algorithm != ENC_NULL && algorithm != ENC_AES)
+    if (algorithm != ENC_NULL && algorithm != ENC_AES) {
         return ENC_BAD_ALGORITHM;
-    if (mode != 0)
+    }
+    if (mode != 0) {
         return ENC_BAD_MODE;
+    }
     auto* made = new (std::nothrow) enc_handle;
-    if (made == nullptr)
+    if (made == nullptr) {
         return ENC_NO_MEMORY;
+    }
     made->algorithm = algorithm;
     if (algorithm == ENC_AES && aes_set_key(&made->key, {key, keyLength}) != 0) {
         delete made;
@@ -119,10 +128,12 @@ int InitializeEnc(enc_handle** handle, const uint8_t* key, size_t keyLength, int
 }
 
 int CMNEncrypt(enc_handle* handle, uint8_t* data, size_t length, const uint8_t* iv, size_t ivLength) {
-    if (handle->algorithm == ENC_NULL)
+    if (handle->algorithm == ENC_NULL) {
         return ENC_OK;
-    if (length % aes_block_size != 0 || ivLength < aes_block_size)
+    }
+    if (length % aes_block_size != 0 || ivLength < aes_block_size) {
         return ENC_BAD_MODE;
+    }
     uint8_t chain[aes_block_size];
     memcpy(chain, iv, sizeof chain);
     aes_cbc_encrypt(handle->key, data, data, length / aes_block_size, chain);
@@ -130,10 +141,12 @@ int CMNEncrypt(enc_handle* handle, uint8_t* data, size_t length, const uint8_t* 
 }
 
 int CMNDecrypt(enc_handle* handle, uint8_t* data, size_t length, const uint8_t* iv, size_t ivLength) {
-    if (handle->algorithm == ENC_NULL)
+    if (handle->algorithm == ENC_NULL) {
         return ENC_OK;
-    if (length % aes_block_size != 0 || ivLength < aes_block_size)
+    }
+    if (length % aes_block_size != 0 || ivLength < aes_block_size) {
         return ENC_BAD_MODE;
+    }
     uint8_t chain[aes_block_size];
     memcpy(chain, iv, sizeof chain);
     aes_cbc_decrypt(handle->key, data, data, length / aes_block_size, chain);

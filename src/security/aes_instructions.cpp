@@ -22,8 +22,9 @@ AES_TARGET inline void store(uint8_t* p, __m128i x) {
 AES_TARGET_INLINE void decrypt_block(const aes_key& key, const uint8_t* in, uint8_t* out, __m128i& chain) {
     const __m128i cipher = load(in);
     __m128i x = _mm_xor_si128(cipher, load(key.decrypt_rounds));
-    for (int r = 1; r < key.rounds; r++)
+    for (int r = 1; r < key.rounds; ++r) {
         x = _mm_aesdec_si128(x, load(key.decrypt_rounds + 16 * r));
+    }
     x = _mm_aesdeclast_si128(x, load(key.decrypt_rounds + 16 * key.rounds));
     store(out, _mm_xor_si128(x, chain));
     chain = cipher;
@@ -45,7 +46,7 @@ AES_TARGET_INLINE void decrypt_eight(const aes_key& key, const uint8_t* in, uint
     __m128i c = _mm_xor_si128(load(in + 32), round), d = _mm_xor_si128(load(in + 48), round);
     __m128i e = _mm_xor_si128(load(in + 64), round), f = _mm_xor_si128(load(in + 80), round);
     __m128i g = _mm_xor_si128(load(in + 96), round), h = _mm_xor_si128(load(in + 112), round);
-    for (int r = 1; r < key.rounds; r++) {
+    for (int r = 1; r < key.rounds; ++r) {
         round = load(key.decrypt_rounds + 16 * r);
         a = _mm_aesdec_si128(a, round), b = _mm_aesdec_si128(b, round);
         c = _mm_aesdec_si128(c, round), d = _mm_aesdec_si128(d, round);
@@ -67,13 +68,15 @@ template <int rounds>
 AES_TARGET void encrypt_chain(const aes_key& key, const uint8_t* in, uint8_t* out, size_t blocks,
                               uint8_t iv[16]) {
     __m128i round[rounds + 1];
-    for (int r = 0; r <= rounds; r++)
+    for (int r = 0; r <= rounds; ++r) {
         round[r] = load(key.encrypt_rounds + 16 * r);
+    }
     __m128i x = load(iv);
     for (; blocks != 0; blocks--, in += 16, out += 16) {
         x = _mm_xor_si128(x, _mm_xor_si128(load(in), round[0]));
-        for (int r = 1; r < rounds; r++)
+        for (int r = 1; r < rounds; ++r) {
             x = _mm_aesenc_si128(x, round[r]);
+        }
         x = _mm_aesenclast_si128(x, round[rounds]);
         store(out, x);
     }
@@ -84,14 +87,15 @@ AES_TARGET void encrypt_chain(const aes_key& key, const uint8_t* in, uint8_t* ou
 template <size_t i>
 AES_TARGET_INLINE void encrypt_step(const aes_key& key, const uint8_t* in, uint8_t* out, __m128i& x) {
     constexpr size_t at = i / 16 * 16, r = i % 16;
-    if constexpr (r == 0)
+    if constexpr (r == 0) {
         x = _mm_xor_si128(x, _mm_xor_si128(load(in + at), load(key.encrypt_rounds)));
-    else if constexpr (r < 14)
+    } else if constexpr (r < 14) {
         x = _mm_aesenc_si128(x, load(key.encrypt_rounds + 16 * r));
-    else if constexpr (r == 14)
+    } else if constexpr (r == 14) {
         x = _mm_aesenclast_si128(x, load(key.encrypt_rounds + 16 * r));
-    else
+    } else {
         store(out + at, x);
+    }
 }
 
 template <size_t... i>
@@ -107,7 +111,7 @@ bool aes_instructions_present() {
 }
 
 AES_TARGET void aes_instructions_invert_rounds(aes_key* key) {
-    for (int r = 0; r <= key->rounds; r++) {
+    for (int r = 0; r <= key->rounds; ++r) {
         __m128i round = load(key->encrypt_rounds + 16 * (key->rounds - r));
         bool inner = r != 0 && r != key->rounds;
         store(key->decrypt_rounds + 16 * r, inner ? _mm_aesimc_si128(round) : round);
@@ -116,21 +120,24 @@ AES_TARGET void aes_instructions_invert_rounds(aes_key* key) {
 
 void aes_instructions_cbc_encrypt(const aes_key& key, const uint8_t* in, uint8_t* out, size_t blocks,
                                   uint8_t iv[16]) {
-    if (key.rounds == 14)
+    if (key.rounds == 14) {
         encrypt_chain<14>(key, in, out, blocks, iv);
-    else if (key.rounds == 12)
+    } else if (key.rounds == 12) {
         encrypt_chain<12>(key, in, out, blocks, iv);
-    else
+    } else {
         encrypt_chain<10>(key, in, out, blocks, iv);
+    }
 }
 
 AES_TARGET void aes_instructions_cbc_decrypt(const aes_key& key, const uint8_t* in, uint8_t* out,
                                              size_t blocks, uint8_t iv[16]) {
     __m128i chain = load(iv);
-    for (; blocks >= 8; blocks -= 8, in += 128, out += 128)
+    for (; blocks >= 8; blocks -= 8, in += 128, out += 128) {
         decrypt_eight(key, in, out, chain);
-    for (; blocks != 0; blocks--, in += 16, out += 16)
+    }
+    for (; blocks != 0; blocks--, in += 16, out += 16) {
         decrypt_block(key, in, out, chain);
+    }
     store(iv, chain);
 }
 
@@ -142,11 +149,13 @@ AES_TARGET void aes_instructions_cbc_encrypt_md5(const aes_key& key, const uint8
     for (; groups != 0; groups--, in += 64, out += 64, hashed += 64) {
         uint32_t v[4] = {sum[0], sum[1], sum[2], sum[3]};
         encrypt_group_md5(key, in, out, x, v, hashed, std::make_index_sequence<64>{});
-        for (size_t i = 0; i < 4; i++)
+        for (size_t i = 0; i < 4; ++i) {
             sum[i] += v[i];
+        }
     }
-    for (size_t i = 0; i < 4; i++)
+    for (size_t i = 0; i < 4; ++i) {
         md5_state[i] = sum[i];
+    }
     store(iv, x);
 }
 

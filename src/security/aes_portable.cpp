@@ -19,7 +19,6 @@ constexpr size_t lanes = 4;
 constexpr uint64_t every_lane = 0x0001000100010001;
 
 // ---- bytes to planes and back
-// -----------------------------------------------------------------------------------
 
 // The 8 by 8 bit matrix whose rows are the bytes of x, mirrored at its diagonal.
 uint64_t transpose_bits(uint64_t x) {
@@ -38,7 +37,7 @@ void add_block(planes& state, size_t lane, const uint8_t block[16]) {
     low = transpose_bits(low);
     high = transpose_bits(high);
 #pragma GCC unroll 8
-    for (size_t plane = 0; plane < 8; plane++) {
+    for (size_t plane = 0; plane < 8; ++plane) {
         uint64_t bits = ((low >> (8 * plane)) & 0xFF) | (((high >> (8 * plane)) & 0xFF) << 8);
         state[plane] |= bits << (16 * lane);
     }
@@ -47,7 +46,7 @@ void add_block(planes& state, size_t lane, const uint8_t block[16]) {
 void take_block(const planes& state, size_t lane, uint8_t block[16]) {
     uint64_t low = 0, high = 0;
 #pragma GCC unroll 8
-    for (size_t plane = 0; plane < 8; plane++) {
+    for (size_t plane = 0; plane < 8; ++plane) {
         uint64_t bits = state[plane] >> (16 * lane);
         low |= (bits & 0xFF) << (8 * plane);
         high |= ((bits >> 8) & 0xFF) << (8 * plane);
@@ -59,7 +58,6 @@ void take_block(const planes& state, size_t lane, uint8_t block[16]) {
 }
 
 // ---- S-box on planes
-// ----------------------------------------------------------------------------------------------
 
 // One output plane of a bit matrix: the sum of the input planes that its row names.
 template <const aes_bit_matrix& matrix, size_t row, size_t... column>
@@ -121,8 +119,9 @@ nibble times_lambda(nibble a) {
 
 // The constant 0x63 of the S-box, on the planes of its bits.
 void add_sbox_constant(planes& state) {
-    for (size_t plane : {size_t{0}, size_t{1}, size_t{5}, size_t{6}})
+    for (size_t plane : {size_t{0}, size_t{1}, size_t{5}, size_t{6}}) {
         state[plane] = ~state[plane];
+    }
 }
 
 void sub_bytes(planes& state) {
@@ -136,7 +135,6 @@ void inverse_sub_bytes(planes& state) {
 }
 
 // ---- rows, columns, keys
-// ------------------------------------------------------------------------------------------
 
 uint64_t rotate_lanes(uint64_t x, int count) {
     uint64_t keep = every_lane * (0xFFFFu >> count);
@@ -145,16 +143,18 @@ uint64_t rotate_lanes(uint64_t x, int count) {
 
 void shift_rows(planes& state) {
 #pragma GCC unroll 8
-    for (uint64_t& x : state)
+    for (uint64_t& x : state) {
         x = (x & (every_lane * 0x1111)) | rotate_lanes(x & (every_lane * 0x2222), 4) |
             rotate_lanes(x & (every_lane * 0x4444), 8) | rotate_lanes(x & (every_lane * 0x8888), 12);
+    }
 }
 
 void inverse_shift_rows(planes& state) {
 #pragma GCC unroll 8
-    for (uint64_t& x : state)
+    for (uint64_t& x : state) {
         x = (x & (every_lane * 0x1111)) | rotate_lanes(x & (every_lane * 0x2222), 12) |
             rotate_lanes(x & (every_lane * 0x4444), 8) | rotate_lanes(x & (every_lane * 0x8888), 4);
+    }
 }
 
 // The byte one row, and two rows, further down in the same column.
@@ -173,26 +173,29 @@ planes times_x(const planes& a) {
 void mix_columns(planes& state) {
     planes next, pair;
 #pragma GCC unroll 8
-    for (size_t i = 0; i < 8; i++) {
+    for (size_t i = 0; i < 8; ++i) {
         next[i] = next_row(state[i]);
         pair[i] = state[i] ^ next[i];
     }
     planes doubled = times_x(pair);
 #pragma GCC unroll 8
-    for (size_t i = 0; i < 8; i++)
+    for (size_t i = 0; i < 8; ++i) {
         state[i] = doubled[i] ^ next[i] ^ second_row(pair[i]);
+    }
 }
 
 // The inverse matrix is the forward one behind a step that adds 4 (a + the byte two rows down) to each byte.
 void inverse_mix_columns(planes& state) {
     planes pair;
 #pragma GCC unroll 8
-    for (size_t i = 0; i < 8; i++)
+    for (size_t i = 0; i < 8; ++i) {
         pair[i] = state[i] ^ second_row(state[i]);
+    }
     planes fourfold = times_x(times_x(pair));
 #pragma GCC unroll 8
-    for (size_t i = 0; i < 8; i++)
+    for (size_t i = 0; i < 8; ++i) {
         state[i] ^= fourfold[i];
+    }
     mix_columns(state);
 }
 
@@ -200,12 +203,13 @@ struct unpacked_rounds {
     planes round[15];
 
     unpacked_rounds(const uint8_t* packed, int rounds) {
-        for (int r = 0; r <= rounds; r++)
-            for (size_t plane = 0; plane < 8; plane++) {
+        for (int r = 0; r <= rounds; ++r) {
+            for (size_t plane = 0; plane < 8; ++plane) {
                 uint16_t bits;
                 memcpy(&bits, packed + static_cast<size_t>(r) * 16 + plane * 2, 2);
                 round[r][plane] = bits * every_lane;
             }
+        }
     }
     ~unpacked_rounds() { qx_wipe(round, sizeof round); }
     unpacked_rounds(const unpacked_rounds&) = delete;
@@ -214,35 +218,39 @@ struct unpacked_rounds {
 
 void add_round(planes& state, const planes& round) {
 #pragma GCC unroll 8
-    for (size_t i = 0; i < 8; i++)
+    for (size_t i = 0; i < 8; ++i) {
         state[i] ^= round[i];
+    }
 }
 
 void encrypt_state(planes& state, const unpacked_rounds& keys, int rounds) {
     add_round(state, keys.round[0]);
-    for (int r = 1; r <= rounds; r++) {
+    for (int r = 1; r <= rounds; ++r) {
         sub_bytes(state);
         shift_rows(state);
-        if (r != rounds)
+        if (r != rounds) {
             mix_columns(state);
+        }
         add_round(state, keys.round[r]);
     }
 }
 
 void decrypt_state(planes& state, const unpacked_rounds& keys, int rounds) {
     add_round(state, keys.round[rounds]);
-    for (int r = rounds - 1; r >= 0; r--) {
+    for (int r = rounds - 1; r >= 0; --r) {
         inverse_shift_rows(state);
         inverse_sub_bytes(state);
         add_round(state, keys.round[r]);
-        if (r != 0)
+        if (r != 0) {
             inverse_mix_columns(state);
+        }
     }
 }
 
 void add_bytes(uint8_t* to, const uint8_t* what) {
-    for (size_t i = 0; i < 16; i++)
+    for (size_t i = 0; i < 16; ++i) {
         to[i] = static_cast<uint8_t>(to[i] ^ what[i]);
+    }
 }
 
 }  // namespace
@@ -260,10 +268,10 @@ uint32_t aes_portable_sub_word(uint32_t word) {
 }
 
 void aes_portable_pack_rounds(uint8_t* rounds, int count) {
-    for (int r = 0; r < count; r++) {
+    for (int r = 0; r < count; ++r) {
         planes state{};
         add_block(state, 0, rounds + 16 * r);
-        for (size_t plane = 0; plane < 8; plane++) {
+        for (size_t plane = 0; plane < 8; ++plane) {
             uint16_t bits = static_cast<uint16_t>(state[plane]);
             memcpy(rounds + static_cast<size_t>(r) * 16 + plane * 2, &bits, 2);
         }
@@ -292,10 +300,11 @@ void aes_portable_cbc_decrypt(const aes_key& key, const uint8_t* in, uint8_t* ou
         memcpy(before, iv, 16);
         memcpy(before + 16, in, count * 16);
         planes state{};
-        for (size_t lane = 0; lane < count; lane++)
+        for (size_t lane = 0; lane < count; ++lane) {
             add_block(state, lane, in + 16 * lane);
+        }
         decrypt_state(state, keys, key.rounds);
-        for (size_t lane = 0; lane < count; lane++) {
+        for (size_t lane = 0; lane < count; ++lane) {
             take_block(state, lane, out + 16 * lane);
             add_bytes(out + 16 * lane, before + 16 * lane);
         }

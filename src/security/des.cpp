@@ -72,7 +72,7 @@ constexpr uint64_t choose(uint64_t in, int width, const std::array<uint8_t, N>& 
 
 constexpr std::array<uint8_t, 64> invert(const std::array<uint8_t, 64>& order) {
     std::array<uint8_t, 64> inverse{};
-    for (size_t i = 0; i < order.size(); i++) {
+    for (size_t i = 0; i < order.size(); ++i) {
         inverse[order[i] - 1u] = static_cast<uint8_t>(i + 1);
     }
     return inverse;
@@ -82,7 +82,7 @@ constexpr std::array<uint8_t, 64> final_order = invert(initial_order);
 uint32_t round_function(uint32_t half, uint64_t round_key) {
     uint64_t wide = choose(half, 32, expansion) ^ round_key;
     uint32_t out = 0;
-    for (int box = 0; box < 8; box++) {
+    for (int box = 0; box < 8; ++box) {
         auto six = static_cast<unsigned>(wide >> (42 - 6 * box)) & 0x3F;
         out = (out << 4) | boxes[box][((six >> 4) & 2) | (six & 1)][(six >> 1) & 0xF];
     }
@@ -91,7 +91,7 @@ uint32_t round_function(uint32_t half, uint64_t round_key) {
 
 uint64_t load_big_endian(const uint8_t* bytes) {
     uint64_t value = 0;
-    for (int i = 0; i < 8; i++) {
+    for (int i = 0; i < 8; ++i) {
         value = (value << 8) | bytes[i];
     }
     return value;
@@ -100,7 +100,7 @@ uint64_t load_big_endian(const uint8_t* bytes) {
 void run_block(const des_key& key, uint8_t block[8], bool decipher) {
     uint64_t state = choose(load_big_endian(block), 64, initial_order);
     auto left = static_cast<uint32_t>(state >> 32), right = static_cast<uint32_t>(state);
-    for (size_t i = 0; i < 16; i++) {
+    for (size_t i = 0; i < 16; ++i) {
         uint32_t next = left ^ round_function(right, key.rounds[decipher ? 15 - i : i]);
         left = right;
         right = next;
@@ -127,7 +127,7 @@ des_key::~des_key() {
 void desinit(des_key* out, const uint8_t key[8]) {
     uint64_t chosen = choose(load_big_endian(key), 64, key_choice);
     auto left = static_cast<uint32_t>(chosen >> 28), right = static_cast<uint32_t>(chosen & 0x0FFFFFFF);
-    for (size_t i = 0; i < 16; i++) {
+    for (size_t i = 0; i < 16; ++i) {
         left = rotate_28(left, key_shifts[i]);
         right = rotate_28(right, key_shifts[i]);
         out->rounds[i] = choose(static_cast<uint64_t>(left) << 28 | right, 56, round_key_choice);

@@ -31,8 +31,8 @@ std::string authorization_file(EX_PCX* pcx, const char* key, const char* preset)
 // The number for machines and, in a line of its own, the reason for people.
 int call_failure(qx7_error* error, const char* call, const std::string& file, int number) {
     const bool unread = number == KM_OPEN || number == KM_READ;
-    __log(-1, "%s '%s': %s%s%s", call, file.c_str(), km_explain(agent_keys(), number).c_str(), unread ? ": " : "",
-          unread ? strerror(agent_keys().store_errno) : "");
+    __log(-1, "%s '%s': %s%s%s", call, file.c_str(), km_explain(agent_keys(), number).c_str(),
+          unread ? ": " : "", unread ? strerror(agent_keys().store_errno) : "");
     return qx_error_set(error, -1, number, number_call_failed, "%s|%08X|", call,
                         static_cast<unsigned>(number));
 }
@@ -88,11 +88,14 @@ void log_key_state() {
     if (!fingerprint.empty()) {
         __log(-1, "the agent's transfer key has the fingerprint %s", fingerprint.c_str());
     } else if (keys.first_contact) {
-        __log(-1, "the agent holds no transfer key yet: it will take one from the first server that knows the company key");
-    } else {
         __log(-1,
-              "the agent holds no transfer key and AUTHORIZATION/first_contact is no: no server can log it on "
-              "until an initial package brings a key");
+              "the agent holds no transfer key yet: it will take one from the first server that knows the "
+              "company key");
+    } else {
+        __log(
+            -1,
+            "the agent holds no transfer key and AUTHORIZATION/first_contact is no: no server can log it on "
+            "until an initial package brings a key");
     }
 }
 

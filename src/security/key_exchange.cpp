@@ -19,7 +19,7 @@ uint64_t multiply_modulo(uint64_t a, uint64_t b, uint64_t modulus) {
 
 // The first prime of the table from an entry on; 0 when there is none.
 uint64_t next_prime(size_t at) {
-    for (size_t step = 0; step < table_size; step++) {
+    for (size_t step = 0; step < table_size; ++step) {
         uint64_t candidate = g_DHTable[(at + step) % table_size];
         if (MillerRabin(candidate, miller_rabin_rounds)) {
             return candidate;
@@ -33,7 +33,7 @@ int shared_key(const key_manager& keys, const uint64_t private_numbers[4], const
                uint8_t key[gss_key_size]) {
     uint64_t shared[4];
     int number = KM_OK;
-    for (size_t i = 0; i < 4 && number == KM_OK; i++) {
+    for (size_t i = 0; i < 4 && number == KM_OK; ++i) {
         number = CalcEncryptionKey(public_values[i], private_numbers[i], keys.modulus, &shared[i]);
     }
     if (number == KM_OK) {
@@ -54,7 +54,7 @@ int serve_start_package(key_manager* keys, std::string_view name, const startpac
         return number;
     }
     key_exchange own;
-    for (size_t i = 0; i < 4; i++) {
+    for (size_t i = 0; i < 4; ++i) {
         BuildInterKey(keys->generator, keys->modulus, &own.private_numbers[i], &public_values[i]);
     }
     qx_secret<gss_key_size> key, held;
@@ -85,7 +85,6 @@ key_exchange::~key_exchange() {
 }
 
 // ---- what a frame holds
-// -----------------------------------------------------------------------------------------------
 
 int tstCmd(const uint8_t* data, size_t length, bool* isGSS) {
     *isGSS = false;
@@ -127,7 +126,6 @@ int classifyData(const uint8_t* data, size_t length, int* command, bool* isGSS) 
 }
 
 // ---- agent's side
-// -------------------------------------------------------------------------------------------------------
 
 int cmdData(key_manager* keys, std::string_view name, int command, const uint8_t* data, size_t length,
             uint8_t* answer, size_t* answerLength, char* plugin, char* attributes) {
@@ -171,7 +169,6 @@ int cmdData(key_manager* keys, std::string_view name, int command, const uint8_t
 }
 
 // ---- server's side
-// --------------------------------------------------------------------------------------------------------
 
 int key_exchange_start(const key_manager& keys, std::string_view name, key_exchange* exchange,
                        uint8_t package[start_package_size]) {
@@ -184,7 +181,7 @@ int key_exchange_start(const key_manager& keys, std::string_view name, key_excha
     }
     start.bEncode = exchange->encode;
     memcpy(start.pExName, name.data(), name.size());
-    for (size_t i = 0; i < 4; i++) {
+    for (size_t i = 0; i < 4; ++i) {
         BuildInterKey(keys.generator, keys.modulus, &exchange->private_numbers[i], &start.pDHValues[i]);
     }
     buildSPpackage(start, package);
@@ -216,7 +213,6 @@ int key_exchange_finish(const key_manager& keys, const key_exchange& exchange, c
 }
 
 // ---- numbers
-// --------------------------------------------------------------------------------------------------------------
 
 uint64_t XpowYmodN(uint64_t base, uint64_t exponent, uint64_t modulus) {
     uint64_t power = 1 % modulus;
@@ -240,14 +236,14 @@ bool MillerRabin(uint64_t candidate, int rounds) {
     uint64_t odd = candidate - 1;
     int halvings = 0;
     for (; odd % 2 == 0; odd /= 2) {
-        halvings++;
+        ++halvings;
     }
-    for (int round = 0; round < rounds; round++) {
+    for (int round = 0; round < rounds; ++round) {
         uint64_t witness;
         GetRandomEx(&witness, sizeof witness);
         uint64_t power = XpowYmodN(witness % (candidate - 3) + 2, odd, candidate);
         bool passes = power == 1 || power == candidate - 1;
-        for (int i = 1; i < halvings && !passes; i++) {
+        for (int i = 1; i < halvings && !passes; ++i) {
             power = multiply_modulo(power, power, candidate);
             passes = power == candidate - 1;
         }

@@ -41,7 +41,6 @@ struct resppack {
 };
 
 // ---- what a GSS frame holds
-// ---------------------------------------------------------------------------------------
 
 // Command code of the bytes behind a frame's header; `*isGSS` tells a mechanism token. 0: unknown.
 int tstCmd(const uint8_t* data, size_t length, bool* isGSS);
@@ -50,7 +49,6 @@ int tstCmd(const uint8_t* data, size_t length, bool* isGSS);
 int classifyData(const uint8_t* data, size_t length, int* command, bool* isGSS);
 
 // ---- agent's side
-// ---------------------------------------------------------------------------------------------------
 
 // Serves a start package: agrees on a key, stores it for `name` and writes the response package into `answer`
 // (room in
@@ -62,7 +60,6 @@ int cmdData(key_manager* keys, std::string_view name, int command, const uint8_t
             uint8_t* answer, size_t* answerLength, char* plugin, char* attributes);
 
 // ---- server's side
-// --------------------------------------------------------------------------------------------------
 
 // What a server keeps between start and response package. Wiped at its end.
 struct key_exchange {
@@ -81,7 +78,6 @@ int key_exchange_finish(const key_manager& keys, const key_exchange& exchange, c
                         size_t length, uint8_t key[gss_key_size]);
 
 // ---- packages
-// ---------------------------------------------------------------------------------------------------------
 
 // Plain form in bytes, hash included; `cryptXX` then enciphers it when byte 3 or 2 has bit 128, `decryptXX`
 // opens it. split: 5011 for length or head, 5012 for the hash.
@@ -99,7 +95,6 @@ void DHVal2Transfer(const uint64_t values[4], uint8_t out[32]);
 void Transfer2DHVals(const uint8_t in[32], uint64_t values[4]);
 
 // ---- numbers
-// ----------------------------------------------------------------------------------------------------------
 
 extern const uint64_t g_DHTable[256];
 

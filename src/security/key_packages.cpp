@@ -74,15 +74,15 @@ void gss_CalcHash(const uint8_t* data, size_t length, uint8_t hash[16]) {
 }
 
 void DHVal2Transfer(const uint64_t values[4], uint8_t out[32]) {
-    for (size_t i = 0; i < 32; i++) {
+    for (size_t i = 0; i < 32; ++i) {
         out[i] = static_cast<uint8_t>(values[i / 8] >> (56 - 8 * (i % 8)));
     }
 }
 
 void Transfer2DHVals(const uint8_t in[32], uint64_t values[4]) {
-    for (size_t i = 0; i < 4; i++) {
+    for (size_t i = 0; i < 4; ++i) {
         values[i] = 0;
-        for (size_t byte = 0; byte < 8; byte++) {
+        for (size_t byte = 0; byte < 8; ++byte) {
             values[i] = values[i] << 8 | in[8 * i + byte];
         }
     }

@@ -53,7 +53,7 @@ constexpr size_t longest_key = 256;  // bytes of one entry
 
 void bin2hex(const uint8_t* bytes, size_t length, char* out) {
     constexpr char digits[] = "0123456789ABCDEF";
-    for (size_t i = 0; i < length; i++) {
+    for (size_t i = 0; i < length; ++i) {
         *out++ = digits[bytes[i] >> 4];
         *out++ = digits[bytes[i] & 15];
     }
@@ -137,7 +137,7 @@ int partner_key(const key_manager& keys, std::string_view name, int number, uint
 
 // A 64-byte block of key material: the string again and again.
 void PadKey(std::span<const uint8_t> text, uint8_t block[64]) {
-    for (size_t i = 0; i < 64; i++) {
+    for (size_t i = 0; i < 64; ++i) {
         block[i] = text.empty() ? 0 : text[i % text.size()];
     }
 }
@@ -157,7 +157,6 @@ std::string km_explain(const key_manager& keys, int number) {
 }
 
 // ---- opening and closing
-// ------------------------------------------------------------------------------------------
 
 int KComInit(key_manager* keys, std::string_view systemName, std::string_view exName,
              std::span<const uint8_t> key, const std::string& file) {
@@ -220,7 +219,6 @@ const char* KSVersion() {
 }
 
 // ---- entries
-// ------------------------------------------------------------------------------------------------------
 
 int getEncKey(const key_manager& keys, std::string_view name, int number, int type, uint8_t* out,
               size_t* length, int* actualType) {
@@ -338,7 +336,6 @@ std::string key_fingerprint(const key_manager& keys, std::string_view name) {
 }
 
 // ---- derivation
-// -----------------------------------------------------------------------------------------------------
 
 int gss_PWEncrypt(std::string_view text, uint8_t* data, size_t length) {
     qx_secret<md5_size> key;
@@ -364,7 +361,7 @@ int GetKeyValue(std::span<const uint8_t> first, std::span<const uint8_t> second,
     for (size_t done = 0; done < length; done += md5_size, counter++) {
         memset(blocks, counter, 64);
         MD5Generate(blocks, sizeof blocks, digest);
-        for (int i = 0; i < further_rounds; i++) {
+        for (int i = 0; i < further_rounds; ++i) {
             MD5Generate(digest, md5_size, digest);
         }
         memcpy(out + done, digest, std::min(length - done, md5_size));
@@ -375,7 +372,6 @@ int GetKeyValue(std::span<const uint8_t> first, std::span<const uint8_t> second,
 }
 
 // ---- the agent's own keys and the mechanism's callbacks
-// ---------------------------------------------------------------
 
 key_manager& agent_keys() {
     static key_manager keys;

@@ -60,7 +60,7 @@ struct key_manager {
     qx_secret<gss_key_size> g_pCompKey;
     uint64_t generator = 0;  // of the key exchange, both from the company key
     uint64_t modulus = 0;
-    bool first_contact = true;     // start packages of a key exchange are served
+    bool first_contact = true;    // start packages of a key exchange are served
     mutable int store_errno = 0;  // why the file could not be read or written, of the last failure
 
     key_manager() = default;
@@ -79,7 +79,8 @@ int KComInit(key_manager* keys, std::string_view systemName, std::string_view ex
              std::span<const uint8_t> key, const std::string& file);
 // Sets the company key and derives the numbers of the key exchange from it. 0, 5002 or 5023.
 int KCinit(key_manager* keys, std::span<const uint8_t> key);
-// The number's reason with the store's file and the system's own reason where those count, for a line in the log.
+// The number's reason with the store's file and the system's own reason where those count, for a line in the
+// log.
 std::string km_explain(const key_manager& keys, int number);
 // Wipes. May be called repeatedly.
 void KComExit(key_manager* keys);
@@ -94,7 +95,6 @@ int GssOpen(qx7_error* error);
 void GssClose();
 
 // ---- entries of the store
-// --------------------------------------------------------------------------------------
 
 // One key as it stands in the file. `*length` is the room in `out` and becomes the bytes used. `type` 0 takes
 // any.
@@ -127,7 +127,6 @@ std::string key_fingerprint(const uint8_t key[gss_key_size]);
 std::string key_fingerprint(const key_manager& keys, std::string_view name);
 
 // ---- derivation
-// ------------------------------------------------------------------------------------------------
 
 // AES-128-CBC in place under MD5 of the text. `length` is a multiple of 16. 0 or 5006.
 int gss_PWEncrypt(std::string_view text, uint8_t* data, size_t length);
@@ -137,7 +136,6 @@ void default_company_key(std::string_view systemName, uint8_t key[gss_key_size])
 int GetKeyValue(std::span<const uint8_t> first, std::span<const uint8_t> second, uint8_t* out, size_t length);
 
 // ---- initial package
-// -------------------------------------------------------------------------------------------
 
 inline constexpr size_t initial_package_max = 1023;
 
@@ -161,7 +159,6 @@ int parse_initial_package(std::span<const uint8_t> package, std::string_view pas
 std::string build_initial_package(const initial_package& content, std::string_view password);
 
 // ---- the mechanism's callbacks
-// -----------------------------------------------------------------------------------
 
 void KMsetGSSCallback();
 int KMgetKeyEX(std::string_view name, OM_uint32 idnr, uint8_t key[gss_key_size]);

@@ -25,11 +25,13 @@ void md5_blocks(uint32_t state[4], const uint8_t* data, size_t count) {
     for (; count != 0; count--, data += 64) {
         uint32_t v[4] = {sum[0], sum[1], sum[2], sum[3]};
         all_steps(v, data, std::make_index_sequence<64>{});
-        for (size_t i = 0; i < 4; i++)
+        for (size_t i = 0; i < 4; ++i) {
             sum[i] += v[i];
+        }
     }
-    for (size_t i = 0; i < 4; i++)
+    for (size_t i = 0; i < 4; ++i) {
         state[i] = sum[i];
+    }
 }
 
 void md5_init(md5_context* context) {
@@ -49,13 +51,15 @@ void md5_update(md5_context* context, const void* data, size_t length) {
         memcpy(context->pending + held, bytes, part);
         bytes += part;
         length -= part;
-        if (part < room)
+        if (part < room) {
             return;
+        }
         md5_blocks(context->state, context->pending, 1);
     }
     md5_blocks(context->state, bytes, length / 64);
-    if (length % 64 != 0)
+    if (length % 64 != 0) {
         memcpy(context->pending, bytes + length / 64 * 64, length % 64);
+    }
 }
 
 void md5_final(md5_context* context, uint8_t digest[md5_size]) {
@@ -78,15 +82,18 @@ void MD5Generate(const void* data, size_t length, uint8_t digest[md5_size]) {
 
 int MD5FileHash(const char* file, uint8_t digest[md5_size]) {
     int fd = open(file, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-    if (fd < 0)
+    if (fd < 0) {
         return -1;
+    }
     md5_context context;
     md5_init(&context);
     uint8_t buffer[16384];
     ssize_t got;
-    while ((got = read(fd, buffer, sizeof buffer)) > 0 || (got < 0 && errno == EINTR))
-        if (got > 0)
+    while ((got = read(fd, buffer, sizeof buffer)) > 0 || (got < 0 && errno == EINTR)) {
+        if (got > 0) {
             md5_update(&context, buffer, static_cast<size_t>(got));
+        }
+    }
     int saved = errno;
     close(fd);
     md5_final(&context, digest);

@@ -21,7 +21,6 @@ using OM_uint32 = uint32_t;
 using gss_qop_t = uint32_t;
 
 // ---- numbers
-// ------------------------------------------------------------------------------------------------
 
 enum gss_major_status : OM_uint32 {
     GSS_S_COMPLETE = 0,
@@ -110,7 +109,6 @@ inline constexpr size_t gss_sealed_tag_size = 6;    // outer tag and length at m
 inline constexpr size_t gss_seal_overhead = gss_sealed_tag_size + gss_sealed_head_size + 15;
 
 // ---- buffers and object identifiers
-// ---------------------------------------------------------------------------
 
 struct gss_buffer_desc {
     size_t length = 0;
@@ -135,7 +133,6 @@ extern const gss_OID GSS_C_NT_USER_NAME;
 extern const gss_OID GSS_C_NT_ANONYMOUS;
 
 // ---- records
-// --------------------------------------------------------------------------------------------------
 
 struct gss_name_struct {
     gss_OID m_MechOID = nullptr;
@@ -204,7 +201,6 @@ struct _GSS_Callbacks {
 void gss_setCallbacks(const _GSS_Callbacks* callbacks);
 
 // ---- names
-// ----------------------------------------------------------------------------------------------------
 
 // `type` null is a machine name. Zero bytes at the end of a name don't belong to it.
 OM_uint32 gss_import_name(OM_uint32* minor, const gss_buffer_desc* input, gss_OID type, gss_name_t* output);
@@ -218,7 +214,6 @@ OM_uint32 gss_export_name(OM_uint32* minor, gss_name_t name, gss_buffer_t output
 OM_uint32 gss_canonicalize_name(OM_uint32* minor, gss_name_t name, gss_OID mech, gss_name_t* output);
 
 // ---- credentials
-// ----------------------------------------------------------------------------------------------
 
 // Fetches the transfer key of `name` from the key manager. No key: minor 1004, major GSS_S_NO_CRED.
 OM_uint32 gss_acquire_cred(OM_uint32* minor, gss_name_t name, OM_uint32 time, gss_OID_set mechs, int usage,
@@ -242,7 +237,6 @@ OM_uint32 gss_duplicateCred(OM_uint32* minor, gss_cred_id_t source, gss_cred_id_
 OM_uint32 gss_release_cred(OM_uint32* minor, gss_cred_id_t* cred);
 
 // ---- contexts
-// -------------------------------------------------------------------------------------------------
 
 // The initiator. First call (`*context` null, no input): makes the init token. Result 1.
 //   With a delegated credential and without GSS_C_DELEG_FLAG the token inside the credential is presented.
@@ -279,7 +273,6 @@ OM_uint32 gss_inquire_context(OM_uint32* minor, gss_ctx_id_t context, gss_name_t
                               int* open);
 
 // ---- sealed messages
-// --------------------------------------------------------------------------------------------
 
 // How long the sealed form of `length` plain bytes is; 0 when it can't be sealed (length 0, or above 2^32 -
 // 64).
@@ -292,7 +285,8 @@ OM_uint32 gss_wrap(OM_uint32* minor, gss_ctx_id_t context, int conf, gss_qop_t q
 // least, else minor 1002; `input` and `output` don't overlap. `*written` is the length used.
 OM_uint32 gss_wrap_ex(OM_uint32* minor, gss_ctx_id_t context, int conf, gss_qop_t qop,
                       std::span<const uint8_t> input, std::span<uint8_t> output, size_t* written);
-// In two steps: the message is sealed as the one behind the last, and counts once gss_use_ahead is called with the
+// In two steps: the message is sealed as the one behind the last, and counts once gss_use_ahead is called
+// with the
 // `counter` that it got. False: others were sealed meanwhile, and it must be sealed anew.
 OM_uint32 gss_wrap_ahead(OM_uint32* minor, const gss_ctx_id_struct* context, int conf, gss_qop_t qop,
                          std::span<const uint8_t> input, std::span<uint8_t> output, size_t* written,
@@ -325,7 +319,6 @@ OM_uint32 gss_verify_mic(OM_uint32* minor, gss_ctx_id_t context, const gss_buffe
                          const gss_buffer_desc* token, gss_qop_t* qop_state);
 
 // ---- buffers, sets, texts
-// -----------------------------------------------------------------------------------------
 
 OM_uint32 gss_release_buffer(OM_uint32* minor, gss_buffer_t buffer);
 OM_uint32 gss_create_empty_oid_set(OM_uint32* minor, gss_OID_set* set);

@@ -111,7 +111,6 @@ const gss_OID GSS_C_NT_USER_NAME = &user_name;
 const gss_OID GSS_C_NT_ANONYMOUS = &anonymous;
 
 // ---- names
-// --------------------------------------------------------------------------------------------------------
 
 OM_uint32 gss_import_name(OM_uint32* minor, const gss_buffer_desc* input, gss_OID type, gss_name_t* output) {
     if (output == nullptr) {
@@ -224,7 +223,6 @@ OM_uint32 gss_canonicalize_name(OM_uint32* minor, gss_name_t name, gss_OID mech,
 }
 
 // ---- buffers and sets
-// -----------------------------------------------------------------------------------------------
 
 OM_uint32 gss_release_buffer(OM_uint32* minor, gss_buffer_t buffer) {
     if (buffer != nullptr) {
@@ -311,7 +309,6 @@ OM_uint32 gss_indicate_mechs(OM_uint32* minor, gss_OID_set* mechs) {
 }
 
 // ---- texts
-// ------------------------------------------------------------------------------------------------------------
 
 const char* gss_minor_text(OM_uint32 minor) {
     if (minor == 0) {
@@ -348,7 +345,7 @@ OM_uint32 gss_display_status(OM_uint32* minor, OM_uint32 status, int type, gss_O
         } else {
             OM_uint32 bit = at == 0 ? 0 : at - 1;
             while (bit < 5 && ((bits >> bit) & 1) == 0) {
-                bit++;
+                ++bit;
             }
             found = bit < 5 ? supplementary_texts[bit] : unknown_text;
             *message_context = bit < 5 && (bits >> (bit + 1)) != 0 ? bit + 2 : 0;

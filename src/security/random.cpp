@@ -63,7 +63,7 @@ uint32_t RunLSFR3() {
 // One byte: bit by bit the first register chooses which of the other two counts.
 uint8_t register_byte() {
     unsigned byte = 0;
-    for (int i = 0; i < 8; i++) {
+    for (int i = 0; i < 8; ++i) {
         uint32_t a = RunLSFR1(), b = RunLSFR2(), c = RunLSFR3();
         byte = (byte << 1) | ((a & b) ^ (~a & c & 1));
     }
@@ -144,7 +144,7 @@ void GetRandomEx(void* out, size_t length) {
     }
     kernel_random(out, length);
     auto* bytes = static_cast<uint8_t*>(out);
-    for (size_t i = 0; i < length; i++) {
+    for (size_t i = 0; i < length; ++i) {
         bytes[i] = static_cast<uint8_t>(bytes[i] ^ register_byte());
     }
 }

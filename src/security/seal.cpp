@@ -52,7 +52,7 @@ size_t length_size(size_t inner) {
     size_t size = 1;
     if (inner >= 127) {
         for (size_t rest = inner; rest != 0; rest >>= 8) {
-            size++;
+            ++size;
         }
     }
     return size;
@@ -148,7 +148,7 @@ bool testMsgHdr(std::span<const uint8_t> input, sealed_message* out) {
             return false;
         }
         inner = 0;
-        for (; count != 0; count--) {
+        for (; count != 0; --count) {
             inner = inner << 8 | input[at++];
         }
     }
@@ -205,7 +205,7 @@ bool open_data(const gss_ctx_id_struct& context, const sealed_message& message, 
         aes_cbc_decrypt(key_for(context, message.qop), data, out, message.padded / aes_block_size, iv);
     }
     uint8_t stray = 0;
-    for (size_t i = message.length; i < message.padded; i++) {
+    for (size_t i = message.length; i < message.padded; ++i) {
         stray = static_cast<uint8_t>(stray | out[i]);
     }
     if (stray != 0) {
@@ -355,7 +355,7 @@ OM_uint32 gss_unwrap_ex(OM_uint32* minor, gss_ctx_id_t context, gss_qop_t own_qo
     if (!open_data(*context, message, output.data())) {
         return result(minor, GSS_MINOR_DECRYPT, GSS_S_DEFECTIVE_TOKEN);
     }
-    context->m_InMsgCounter++;
+    ++context->m_InMsgCounter;
     *written = message.length;
     if (qop_state != nullptr) {
         *qop_state = message.qop;
@@ -388,7 +388,7 @@ OM_uint32 gss_unwrap(OM_uint32* minor, gss_ctx_id_t context, const gss_buffer_de
     }
     bool gap =
         (context->m_ReqFlags & GSS_C_SEQUENCE_FLAG) != 0 && message.counter > context->m_InMsgCounter + 1;
-    context->m_InMsgCounter++;
+    ++context->m_InMsgCounter;
     output->value = opened;
     output->length = message.length;
     if (conf_state != nullptr) {
@@ -414,7 +414,7 @@ OM_uint32 gss_wrap_size_limit(OM_uint32* minor, gss_ctx_id_t context, int, gss_q
     }
     size_t blocks = output_size / aes_block_size;
     while (blocks != 0 && CalcMsgSize(blocks * aes_block_size) > output_size) {
-        blocks--;
+        --blocks;
     }
     *input_size = static_cast<OM_uint32>(blocks * aes_block_size);
     return result(minor, 0, GSS_S_COMPLETE);

@@ -38,7 +38,7 @@ uint8_t garbage() {
 
 void byte2hex(const uint8_t* bytes, size_t count, char* out) {
     constexpr char digits[] = "0123456789ABCDEF";
-    for (size_t i = 0; i < count; i++) {
+    for (size_t i = 0; i < count; ++i) {
         *out++ = digits[bytes[i] >> 4];
         *out++ = digits[bytes[i] & 15];
     }
@@ -58,7 +58,7 @@ int hex_digit(char c) {
 }
 
 bool hex2byte(const char* text, size_t count, uint8_t* out) {
-    for (size_t i = 0; i < count; i++) {
+    for (size_t i = 0; i < count; ++i) {
         int high = hex_digit(text[2 * i]), low = hex_digit(text[2 * i + 1]);
         if (high < 0 || low < 0) {
             return false;
@@ -83,7 +83,7 @@ int enMaxim(const char* in, char* out, size_t out_size) {
     char* at = out + head_size;
     for (size_t done = 0; done < length; done += block_size, at += block_text_size) {
         uint8_t block[block_size];
-        for (size_t i = 0; i < block_size; i++) {
+        for (size_t i = 0; i < block_size; ++i) {
             block[i] = done + i < length ? static_cast<uint8_t>(in[done + i]) : garbage();
         }
         endes(key, block);
@@ -120,14 +120,14 @@ int deMaxim(const char* in, char* out, size_t out_size) {
     }
     const char* text = in + head_size;
     size_t blocks = (length - head_size) / block_text_size;
-    for (size_t i = 0; i < blocks * block_text_size; i++) {
+    for (size_t i = 0; i < blocks * block_text_size; ++i) {
         if (hex_digit(text[i]) < 0) {
             return pass_through(in, length, out, out_size);
         }
     }
     const des_key& key = set_key();
     // Each block is written behind the place from which it was read, so that both texts may be the same.
-    for (size_t i = 0; i < blocks; i++) {
+    for (size_t i = 0; i < blocks; ++i) {
         uint8_t block[block_size];
         hex2byte(text + i * block_text_size, block_size, block);
         dedes(key, block);
@@ -158,7 +158,7 @@ int enMaximBin(const uint8_t* in, uint8_t* out, size_t out_size, size_t length) 
     if (in != out && length != 0) {
         memmove(out, in, length);
     }
-    for (size_t i = length; rest != 0 && i < whole + block_size; i++) {
+    for (size_t i = length; rest != 0 && i < whole + block_size; ++i) {
         out[i] = garbage();
     }
     for (size_t at = 0; at + block_size <= needed; at += block_size) {
@@ -257,12 +257,12 @@ uint32_t memchiffre(uint32_t key, void* data, size_t length) {
     uint8_t pad[127 + 129];
     key = getnewkey(key);
     size_t pad_length = (key & 127) + 129;
-    for (size_t i = 0; i < pad_length; i++) {
+    for (size_t i = 0; i < pad_length; ++i) {
         key = getnewkey(key);
         pad[i] = static_cast<uint8_t>(key % 255 + 1);
     }
     auto* bytes = static_cast<uint8_t*>(data);
-    for (size_t i = 0, at = 0; i < length; i++) {
+    for (size_t i = 0, at = 0; i < length; ++i) {
         bytes[i] = static_cast<uint8_t>(bytes[i] ^ pad[at]);
         at = at + 1 == pad_length ? 0 : at + 1;
     }

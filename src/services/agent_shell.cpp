@@ -165,7 +165,8 @@ const agent_command agent_commands[] = {
     {kwd_cmd_dump, "DUMP", "", "DUMP - shows a part of the memory."},
     {kwd_cmd_get_env, "GET_ENV", "%s", "GET_ENV [name] - shows the environment of the agent."},
     {kwd_cmd_set_ini_param, "SET_INI_PARAM", "", "SET_INI_PARAM var='value', example: logon=Y"},
-    {kwd_cmd_set_ftx_param, "SET_FTX_PARAM", "", "SET_FTX_PARAM var='value' - changes a setting of transfers."},
+    {kwd_cmd_set_ftx_param, "SET_FTX_PARAM", "",
+     "SET_FTX_PARAM var='value' - changes a setting of transfers."},
     {kwd_cmd_set_agent_param, "SET_AGENT_PARAM", "",
      "SET_AGENT_PARAM euser=name - switches the effective user of the agent, for tests."},
     {kwd_cmd_trace_flush, "TRACE_FLUSH", "",
@@ -200,7 +201,8 @@ int process_agent_shell_command(const char* output_file, const char* request) {
     const agent_command* command = find_command(word);
     if (command == nullptr) {
         __PutLogText("Agent Command '%s' is not implemented", as_clean_line(printable(word)).c_str());
-        as_print(output.get(), "Agent Command '%s' is not implemented", as_clean_line(printable(word)).c_str());
+        as_print(output.get(), "Agent Command '%s' is not implemented",
+                 as_clean_line(printable(word)).c_str());
     } else {
         run_command(*command, {GlbPcx, output.get(), argument});
     }

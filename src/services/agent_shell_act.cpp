@@ -185,7 +185,8 @@ void as_trace_flush(const agent_shell_call& call) {
     EX_PCX* pcx = call.pcx;
     std::string target = call.argument;
     if (target.empty()) {
-        target = std::string(pcx->pcx_TmpFolder) + "/trace_" + time_text("%Y%m%d_%H%M%S", time(nullptr)) + ".txt";
+        target =
+            std::string(pcx->pcx_TmpFolder) + "/trace_" + time_text("%Y%m%d_%H%M%S", time(nullptr)) + ".txt";
     }
     ccm_msg_t* own = flush_record(pcx, target);
     if (own == nullptr || send_IPC_internal(pcx->ccm, own) != 0) {

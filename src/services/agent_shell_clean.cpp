@@ -8,9 +8,9 @@
 namespace {
 
 constexpr std::string_view hidden = "***";
-constexpr std::string_view secret_words[] = {"passw", "passphrase", "passcode", "pass", "pwd",     "secret",
-                                             "token", "credential", "cred", "apikey", "chiffre", "cookie",
-                                             "bearer", "key",       "auth"};
+constexpr std::string_view secret_words[] = {"passw",   "passphrase", "passcode",   "pass", "pwd",
+                                             "secret",  "token",      "credential", "cred", "apikey",
+                                             "chiffre", "cookie",     "bearer",     "key",  "auth"};
 // Folders and paths that only sound like secrets.
 constexpr std::string_view harmless_names[] = {"pwd", "oldpwd", "ssh_auth_sock", "xauthority"};
 
@@ -36,7 +36,8 @@ void hide_in_addresses(std::string* text) {
         at += 3;
         const size_t end = std::min(text->find_first_of(" \t/'\"<>", at), text->size());
         // A password may hold the "/" and the "@" that it should not.
-        const size_t host = text->substr(0, std::min(text->find_first_of(" \t'\"<>", at), text->size())).rfind('@');
+        const size_t host =
+            text->substr(0, std::min(text->find_first_of(" \t'\"<>", at), text->size())).rfind('@');
         const size_t colon = text->find(':', at);
         const bool user = host != std::string::npos && host > at;
         const bool password = user && colon != std::string::npos && colon < host;

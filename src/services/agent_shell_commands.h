@@ -1,5 +1,5 @@
-// What the commands of the service console do: showing (agent_shell_show.cpp) and acting (agent_shell_act.cpp).
-// Each prints behind its title into the call's file. Main thread.
+// What the commands of the service console do: showing (agent_shell_show.cpp) and acting
+// (agent_shell_act.cpp). Each prints behind its title into the call's file. Main thread.
 #pragma once
 
 #include <cstdio>

@@ -192,8 +192,8 @@ void as_show_handle_count(const agent_shell_call& call) {
              "File=%d; Socket=%d; Directory=%d; Symlink=%d; Pipe=%d; Block=%d; Char=%d; Unknown=%d; Job=%d; "
              "Process=%d; Thread=%d; Event=%d; Section=%d; Key=%d; ALPC=%d; Semaphore=%d; Mutant=%d; "
              "Timer=%d; IOCompletion=%d; TpWorkerFactory=%d; WindowStation=%d;",
-             n.regular, n.socket, n.directory, n.link, n.pipe, n.block, n.character, n.unknown, 0, 0, 0, 0, 0, 0,
-             0, 0, 0, 0, 0, 0, 0);
+             n.regular, n.socket, n.directory, n.link, n.pipe, n.block, n.character, n.unknown, 0, 0, 0, 0, 0,
+             0, 0, 0, 0, 0, 0, 0, 0);
 }
 
 void as_show_openfd_count(const agent_shell_call& call) {

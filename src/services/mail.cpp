@@ -44,7 +44,8 @@ struct waiting_order {
 
 // Between main thread and worker. It is never freed: a resolver may hold the worker beyond the agent's end.
 struct mail_office {
-    std::mutex lock;  // guards all but the descriptor; held while an answer is sent, so that none comes after close
+    std::mutex
+        lock;  // guards all but the descriptor; held while an answer is sent, so that none comes after close
     std::condition_variable changed;
     std::deque<waiting_order> orders;
     bool started = false;
@@ -64,13 +65,14 @@ mail_office& office() {
 // Answers go by name: the channel may be another one by then.
 void send_answer(EX_PCX* pcx, const mail_request& request, int number, const char* insert) {
     const QX_HEADM& head = request.head;
-    auto quitt = make_quitt({get_text(head.msg_typ), head.i2Mandant, head.i4UsrIdNr, number, insert,
-                             number == 0 ? "OK" : "NK"});
+    auto quitt = make_quitt(
+        {get_text(head.msg_typ), head.i2Mandant, head.i4UsrIdNr, number, insert, number == 0 ? "OK" : "NK"});
     put_text(quitt->filler, "");
     send_built(pcx->ccm, quitt, to_kept(request.addr));
 }
 
-// Elements of the order come first. The settings' password belongs to their user, and goes to no other server.
+// Elements of the order come first. The settings' password belongs to their user, and goes to no other
+// server.
 void complete_order(EX_PCX* pcx, mail_order* order) {
     const _ExecutorVar* var = pcx->pcx_varex;
     const bool own_server = order->server.empty();
@@ -102,7 +104,8 @@ void finish_order(mail_office& desk, const waiting_order& done, int result, cons
         return;
     }
     log_result(done.order, result, error);
-    send_answer(desk.pcx, done.request, result == 0 ? 0 : error.qx_msgnr, result == 0 ? "" : error.qx_msgInsert);
+    send_answer(desk.pcx, done.request, result == 0 ? 0 : error.qx_msgnr,
+                result == 0 ? "" : error.qx_msgInsert);
 }
 
 void send_one(mail_office& desk, const waiting_order& next, const std::string& charset) {
@@ -178,8 +181,8 @@ int queue_order(EX_PCX* pcx, waiting_order&& next, qx7_error* error) {
 // A name that a header could be ended with is none.
 std::string safe_charset(std::string_view name) {
     const bool good = !name.empty() && name.size() <= 40 && std::all_of(name.begin(), name.end(), [](char c) {
-        return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '-' || c == '_' ||
-               c == '.';
+        return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '-' ||
+               c == '_' || c == '.';
     });
     return std::string(good ? name : mail_charset_default);
 }
@@ -203,7 +206,8 @@ int check_settings(const mail_order& order, qx7_error* error) {
 }
 
 int check_addresses(const mail_order& order, smtp_mail* mail, qx7_error* error) {
-    if (check_settings(order, error) != 0 || check_address(order.from, "the sender", &mail->from, error) != 0) {
+    if (check_settings(order, error) != 0 ||
+        check_address(order.from, "the sender", &mail->from, error) != 0) {
         return -1;
     }
     for (const auto* list : {&order.to, &order.cc}) {

@@ -19,8 +19,9 @@ void initSmtpMail(EX_PCX* pcx);
 int process_sendmail(EX_PCX* pcx, ccm_msg_t* msg, int row);
 int process_sendmail2(EX_PCX* pcx, ccm_msg_t* msg, int row);
 
-// Stops the worker: a mail under way is broken off, waiting ones are dropped, nothing is answered any more. Waits
-// for a moment only, since a resolver may hold the thread. Main thread of the agent, before the channel manager goes.
+// Stops the worker: a mail under way is broken off, waiting ones are dropped, nothing is answered any more.
+// Waits for a moment only, since a resolver may hold the thread. Main thread of the agent, before the channel
+// manager goes.
 void mail_close(EX_PCX* pcx);
 
 // What a mail needs besides its order.
@@ -32,7 +33,8 @@ struct smtp_settings {
     char priority = ' ';  // 'L' low, 'H' high
 };
 
-// Sends one mail; blocks its thread. `order` is complete (sender, server, user filled from the settings). 0, or
+// Sends one mail; blocks its thread. `order` is complete (sender, server, user filled from the settings). 0,
+// or
 // -1 with the number and its insert in `error`. Any thread but the main one.
 int qxsmtp_sendMailEx(const mail_order& order, const smtp_settings& settings, const relay_warning& warn,
                       qx7_error* error);

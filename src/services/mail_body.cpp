@@ -22,7 +22,7 @@
 
 namespace {
 
-constexpr size_t base64_line = 57;               // bytes that make 76 characters
+constexpr size_t base64_line = 57;                 // bytes that make 76 characters
 constexpr size_t block_size = base64_line * 1024;  // read at a time
 constexpr size_t text_line_max = 998;
 constexpr size_t quoted_line_max = 76;
@@ -92,8 +92,9 @@ struct plain_test {
     bool end() const { return !after_cr; }
 };
 
-// The first place of `wanted` at or behind `at`, npos without one. By its first and its last byte at once, 16 places
-// at a time: in most files both meet seldom, and a search that looks at one byte alone stops ten times as often.
+// The first place of `wanted` at or behind `at`, npos without one. By its first and its last byte at once, 16
+// places at a time: in most files both meet seldom, and a search that looks at one byte alone stops ten times
+// as often.
 size_t find_from(std::string_view text, size_t at, std::string_view wanted) {
 #ifdef __SSE2__
     constexpr size_t step = 16;
@@ -124,7 +125,8 @@ struct boundary_search {
 
     explicit boundary_search(const std::string& wanted) : boundary(wanted) {}
 
-    // Across the seam first, then in the block as it stands: a copy of each block would cost more than the search.
+    // Across the seam first, then in the block as it stands: a copy of each block would cost more than the
+    // search.
     void take(std::string_view block) {
         const size_t seam = boundary.size() + 3;
         const size_t from_before = window.size();
@@ -148,8 +150,8 @@ struct boundary_search {
     }
 
   private:
-    // Those that begin from `low` on and below `high`, with what follows them; the byte behind the last place comes
-    // with the next block.
+    // Those that begin from `low` on and below `high`, with what follows them; the byte behind the last place
+    // comes with the next block.
     void count_all(std::string_view text, size_t low, size_t high) {
         for (size_t at = low; at < high && at < text.size();) {
             at = find_from(text, at, boundary);
@@ -414,7 +416,8 @@ std::string mail_quoted_printable(std::string_view text) {
             continue;
         }
         const bool last = at + 1 == text.size() || text[at + 1] == '\n' || text[at + 1] == '\r';
-        const bool literal = (byte > 32 && byte < 127 && byte != '=') || ((byte == ' ' || byte == '\t') && !last);
+        const bool literal =
+            (byte > 32 && byte < 127 && byte != '=') || ((byte == ' ' || byte == '\t') && !last);
         const size_t width = literal ? 1 : 3;
         if (column + width > quoted_line_max - 1) {
             out += "=\r\n";

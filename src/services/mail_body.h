@@ -1,5 +1,5 @@
-// The body of a mail: its text and its files as parts, written piece by piece, so that no more than a block of a
-// file is ever in memory. One thread at a time for each list.
+// The body of a mail: its text and its files as parts, written piece by piece, so that no more than a block
+// of a file is ever in memory. One thread at a time for each list.
 #pragma once
 
 #include <sys/types.h>
@@ -47,7 +47,7 @@ void expandBoundary(std::string* boundary, const std::vector<size_t>& followers)
 int mail_write(const std::string& header, const std::vector<MailData>& pieces, const std::string& charset,
                const mail_sink& sink, qx7_error* error);
 
-// For tests and the benchmark. Base64 in lines of 76 characters, each with CR LF; all blocks but the last have
-// a multiple of 57 bytes.
+// For tests and the benchmark. Base64 in lines of 76 characters, each with CR LF; all blocks but the last
+// have a multiple of 57 bytes.
 void mail_append_base64(std::string* out, std::string_view block);
 std::string mail_quoted_printable(std::string_view text);

@@ -81,7 +81,8 @@ template <class Record>
 bool next_element(table_cursor* cursor, element* item) {
     const auto head = cursor_record<Record>(cursor);
     const auto content = cursor_bytes(cursor, static_cast<size_t>(head.len));
-    *item = {static_cast<element_type>(head.type), head.flag,
+    *item = {static_cast<element_type>(head.type),
+             head.flag,
              {reinterpret_cast<const char*>(content.data()), content.size()}};
     return !cursor->failed;
 }

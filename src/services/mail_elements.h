@@ -15,7 +15,7 @@ inline constexpr int mail_timeout_max = 600;
 struct mail_order {
     int ah_idnr = 0;
     std::string subject;
-    std::string from;    // these four: empty when the order leaves them to the settings
+    std::string from;  // these four: empty when the order leaves them to the settings
     std::string server;
     std::string user;
     qx_secret_text password;

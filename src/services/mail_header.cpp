@@ -123,14 +123,15 @@ std::string mail_address(std::string_view mailbox) {
         }
         text = mailbox.substr(open + 1, mailbox.size() - open - 2);
     }
-    const bool good = !text.empty() && text.size() <= address_max && text.front() != '@' &&
-                      std::all_of(text.begin(), text.end(), [](char c) {
-                          return c > 32 && c < 127 && std::string_view("<>,;()\"\\").find(c) ==
-                                                          std::string_view::npos;
-                      });
+    const bool good =
+        !text.empty() && text.size() <= address_max && text.front() != '@' &&
+        std::all_of(text.begin(), text.end(), [](char c) {
+            return c > 32 && c < 127 && std::string_view("<>,;()\"\\").find(c) == std::string_view::npos;
+        });
     // A colon makes a group of what precedes it, but for an address literal of IPv6.
     const size_t colon = text.find(':');
-    const bool group = colon != std::string_view::npos && text.substr(0, colon).find('[') == std::string_view::npos;
+    const bool group =
+        colon != std::string_view::npos && text.substr(0, colon).find('[') == std::string_view::npos;
     return good && !group ? std::string(text) : "";
 }
 
@@ -198,9 +199,9 @@ std::string getDateField(time_t now) {
     const long minutes = local.tm_gmtoff / 60;
     const long distance = minutes < 0 ? -minutes : minutes;
     char text[96];
-    snprintf(text, sizeof text, "%s, %d %s %d %02d:%02d:%02d %c%02ld%02ld", days[local.tm_wday], local.tm_mday,
-             months[local.tm_mon], local.tm_year + 1900, local.tm_hour, local.tm_min, local.tm_sec,
-             minutes < 0 ? '-' : '+', distance / 60, distance % 60);
+    snprintf(text, sizeof text, "%s, %d %s %d %02d:%02d:%02d %c%02ld%02ld", days[local.tm_wday],
+             local.tm_mday, months[local.tm_mon], local.tm_year + 1900, local.tm_hour, local.tm_min,
+             local.tm_sec, minutes < 0 ? '-' : '+', distance / 60, distance % 60);
     return text;
 }
 
@@ -239,7 +240,8 @@ std::string addParameter(std::string_view name, std::string_view value, std::str
     for (int number = 0; !rest.empty(); ++number) {
         size_t length = std::min(rest.size(), piece_max - 10);
         // A byte's three characters stay together.
-        if (const size_t mark = rest.find('%', length < 2 ? 0 : length - 2); length < rest.size() && mark < length) {
+        if (const size_t mark = rest.find('%', length < 2 ? 0 : length - 2);
+            length < rest.size() && mark < length) {
             length = mark;
         }
         out += (number == 0 ? "\r\n " : ";\r\n ") + std::string(name) + "*" + std::to_string(number) +

@@ -1,5 +1,5 @@
-// Header lines of a mail: addresses, subject, date and parameters in the forms of RFC 5322, 2047 and 2231. Pure
-// text, any thread. Whatever a value holds, the line has no more fields and no more addresses for it.
+// Header lines of a mail: addresses, subject, date and parameters in the forms of RFC 5322, 2047 and 2231.
+// Pure text, any thread. Whatever a value holds, the line has no more fields and no more addresses for it.
 #pragma once
 
 #include <ctime>

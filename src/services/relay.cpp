@@ -42,8 +42,9 @@ int socket_error(const SmtpSocket& line, int number, qx7_error* error) {
 }
 
 int reply_error(const SmtpSocket& line, int number, std::string_view what, qx7_error* error) {
-    return qx_error_set(error, -1, line.reply, number, "%.*s|%s|", static_cast<int>(std::min<size_t>(what.size(), 300)),
-                        what.data(), line.last_text.c_str());
+    return qx_error_set(error, -1, line.reply, number, "%.*s|%s|",
+                        static_cast<int>(std::min<size_t>(what.size(), 300)), what.data(),
+                        line.last_text.c_str());
 }
 
 clock_type::time_point deadline_of(const SmtpSocket& line) {
@@ -53,7 +54,8 @@ clock_type::time_point deadline_of(const SmtpSocket& line) {
 // Waits for `events`. 0, or an errno: ETIMEDOUT, ECANCELED when the agent stops.
 int wait_socket(const SmtpSocket& line, short events, clock_type::time_point deadline) {
     while (true) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock_type::now()).count();
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock_type::now()).count();
         if (left <= 0) {
             return ETIMEDOUT;
         }
@@ -214,7 +216,8 @@ int cmdAUTH_PLAIN(SmtpSocket* line, const smtp_mail& mail, qx7_error* error) {
     return line->reply == reply_logged_on ? 0 : logon_refused(*line, mail, error);
 }
 
-// The challenges are "Username:" and "Password:", in this order; relays that word them otherwise ask for the same.
+// The challenges are "Username:" and "Password:", in this order; relays that word them otherwise ask for the
+// same.
 int responseChallenge(SmtpSocket* line, const smtp_mail& mail, std::string_view answer, relay_reply* reply,
                       qx7_error* error) {
     if (line->reply != reply_challenge) {
@@ -317,7 +320,8 @@ int hand_over(SmtpSocket* line, const smtp_mail& mail, const relay_warning& warn
     return send_data(line, mail, error);
 }
 
-// RSET after a failure, QUIT; not on a line that is broken, nor in the midst of a mail, where they were its text.
+// RSET after a failure, QUIT; not on a line that is broken, nor in the midst of a mail, where they were its
+// text.
 void farewell(SmtpSocket* line, bool failed, const qx7_error& error) {
     const bool broken = failed && error.qx_msgnr == number_mail_socket;
     if (line->sessionOK != 0 && !line->in_data && !broken) {
@@ -369,7 +373,8 @@ long relay_parse_reply(std::string_view bytes, relay_reply* reply) {
             line.remove_suffix(1);
         }
         int64_t code = 0;
-        if (line.size() < 3 || !std::all_of(line.begin(), line.begin() + 3, [](char c) { return c >= '0' && c <= '9'; }) ||
+        if (line.size() < 3 ||
+            !std::all_of(line.begin(), line.begin() + 3, [](char c) { return c >= '0' && c <= '9'; }) ||
             !parse_number(line.substr(0, 3), 200, 599, &code) || (reply->code != 0 && reply->code != code)) {
             return -1;
         }

@@ -21,8 +21,8 @@ struct relay_reply {
     std::vector<std::string> lines;  // without code and line end
 };
 
-// Takes one reply from the front of `bytes`. The count of its bytes; 0 while it isn't whole; -1 when it is none:
-// no three digits from 200 to 599, different codes in one reply, too long.
+// Takes one reply from the front of `bytes`. The count of its bytes; 0 while it isn't whole; -1 when it is
+// none: no three digits from 200 to 599, different codes in one reply, too long.
 long relay_parse_reply(std::string_view bytes, relay_reply* reply);
 
 // What the relay said it can, from its answer to EHLO.
@@ -34,9 +34,9 @@ void receiveEhloResponse(const relay_reply& reply, EhloExt* able);
 
 struct SmtpSocket {
     qx_descriptor s;
-    int nrec = 0;        // bytes of `recbuf` that belong to a reply to come
-    int reply = 0;       // last code
-    int sessionOK = 0;   // greeted
+    int nrec = 0;          // bytes of `recbuf` that belong to a reply to come
+    int reply = 0;         // last code
+    int sessionOK = 0;     // greeted
     bool in_data = false;  // what is sent now is mail and no command
     std::string serverName;
     std::string recbuf;
@@ -59,9 +59,9 @@ struct smtp_mail {
 // IPv4 or IPv6. -1 with number_mail_no_server or number_mail_no_connection.
 int connectSocket(SmtpSocket* line, const std::string& server, int port, qx7_error* error);
 
-// Greeting, logon and mail on a connected socket, then the farewell; the socket is closed. A recipient that the
-// relay refuses is told to `warn` (number, insert). 0, or -1 with the number of the step that failed. A mail that
-// could not be handed over whole isn't ended, so that the relay drops it.
+// Greeting, logon and mail on a connected socket, then the farewell; the socket is closed. A recipient that
+// the relay refuses is told to `warn` (number, insert). 0, or -1 with the number of the step that failed. A
+// mail that could not be handed over whole isn't ended, so that the relay drops it.
 using relay_warning = std::function<void(int number, const std::string& insert)>;
 int sendSmtpMail(SmtpSocket* line, const smtp_mail& mail, const relay_warning& warn, qx7_error* error);
 // Logs on and off without a mail.

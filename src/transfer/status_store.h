@@ -60,7 +60,8 @@ static_assert(offsetof(__ftx_log, timestamp) == 12 && offsetof(__ftx_log, msl_id
               offsetof(__ftx_log, msl_insert_len) + sizeof(int32_t) == ftx_log_text &&
               sizeof(__ftx_log) == 40);
 
-// Length of the stored record with a text of `insertLength` bytes. The record counts whole, with what pads it.
+// Length of the stored record with a text of `insertLength` bytes. The record counts whole, with what pads
+// it.
 inline constexpr size_t ftxLogLength(size_t insertLength) {
     return insertLength + sizeof(__ftx_log) + 1;
 }

@@ -99,8 +99,9 @@ std::string child_process::output() const {
     return read_file(output_path);
 }
 
-void start_program(child_process& child, const std::vector<std::string>& arguments, const std::string& output_path,
-                   const std::string& folder, const std::map<std::string, std::string>& environment) {
+void start_program(child_process& child, const std::vector<std::string>& arguments,
+                   const std::string& output_path, const std::string& folder,
+                   const std::map<std::string, std::string>& environment) {
     std::vector<char*> argv;
     for (const std::string& argument : arguments) {
         argv.push_back(const_cast<char*>(argument.c_str()));
@@ -147,12 +148,9 @@ installation::installation(const std::string& agent_name, int server_port, const
     fs::create_symlink(QX_MESSENGER_PROGRAM, path("bin/qxxjlnxm"));
     fs::create_symlink(QX_MESSAGE_LIBRARY, path("bin/QXX.msl"));
     listener_port = free_port();
-    ini["GLOBAL"] = {{"name", agent_name},
-                     {"system", system},
-                     {"helplib", "./QXX.msl"},
-                     {"logging", "../temp/agent.l##"},
-                     {"language", "(E,D)"},
-                     {"login_check", "no"},
+    ini["GLOBAL"] = {{"name", agent_name},     {"system", system},
+                     {"helplib", "./QXX.msl"}, {"logging", "../temp/agent.l##"},
+                     {"language", "(E,D)"},    {"login_check", "no"},
                      {"hardened", "yes"}};
     ini["TCP/IP"] = {{"cp", "127.0.0.1:" + std::to_string(server_port)},
                      {"port", std::to_string(listener_port)},
@@ -160,12 +158,9 @@ installation::installation(const std::string& agent_name, int server_port, const
                      {"alarm", "1"}};
     ini["TRACE"] = {{"file", "../temp/agent.t##"}};
     ini["AUTHORIZATION"] = {{"KeyStore", "./KStore.ini"}};
-    ini["VARIABLES"] = {{"QX_EX_JOB_MD", "./qxxjlnxm"},
-                        {"QX_EX_PATH_TEMP", "../temp"},
-                        {"QX_EX_PATH_JOBREPORT", "../out"},
-                        {"QX_EX_PATH_BACKUP", "../backup"},
-                        {"QX_EX_PATH_CACHE", "../resources"},
-                        {"QX_EX_PATH_BIN", "./"}};
+    ini["VARIABLES"] = {{"QX_EX_JOB_MD", "./qxxjlnxm"},       {"QX_EX_PATH_TEMP", "../temp"},
+                        {"QX_EX_PATH_JOBREPORT", "../out"},   {"QX_EX_PATH_BACKUP", "../backup"},
+                        {"QX_EX_PATH_CACHE", "../resources"}, {"QX_EX_PATH_BIN", "./"}};
     if (is_root()) {
         ini["USERID"] = {{"root", "START"}};
     }
@@ -208,8 +203,8 @@ std::string installation::log() const {
 }
 
 pid_t installation::listener_pid() const {
-    std::istringstream children(read_file("/proc/" + std::to_string(agent.pid) + "/task/" + std::to_string(agent.pid) +
-                                          "/children"));
+    std::istringstream children(
+        read_file("/proc/" + std::to_string(agent.pid) + "/task/" + std::to_string(agent.pid) + "/children"));
     pid_t child;
     while (children >> child) {
         if (read_file("/proc/" + std::to_string(child) + "/cmdline").find("-listener") != std::string::npos) {

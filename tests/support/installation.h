@@ -32,8 +32,9 @@ struct child_process {
 };
 
 // Starts `arguments` with standard output and error in `output_path`. `user` 0 keeps the own identity.
-void start_program(child_process& child, const std::vector<std::string>& arguments, const std::string& output_path,
-                   const std::string& folder = "", const std::map<std::string, std::string>& environment = {});
+void start_program(child_process& child, const std::vector<std::string>& arguments,
+                   const std::string& output_path, const std::string& folder = "",
+                   const std::map<std::string, std::string>& environment = {});
 // Runs to the end and returns the exit code; output and error go to `output`.
 int run_program(const std::vector<std::string>& arguments, std::string& output, int timeout_ms = 20000);
 

@@ -10,8 +10,9 @@
 using image = std::vector<unsigned char>;
 
 inline void add_text(image* out, std::string_view text, size_t width) {
-    for (size_t i = 0; i < width; i++)
+    for (size_t i = 0; i < width; ++i) {
         out->push_back(i < text.size() ? static_cast<unsigned char>(text[i]) : ' ');
+    }
 }
 
 inline void add_bytes(image* out, std::string_view bytes) {
@@ -19,13 +20,15 @@ inline void add_bytes(image* out, std::string_view bytes) {
 }
 
 inline void add_number(image* out, uint64_t value, size_t size) {
-    for (size_t i = 0; i < size; i++)
+    for (size_t i = 0; i < size; ++i) {
         out->push_back(static_cast<unsigned char>(value >> (8 * i)));
+    }
 }
 
 inline void set_number(image* out, size_t offset, uint64_t value, size_t size = 4) {
-    for (size_t i = 0; i < size; i++)
+    for (size_t i = 0; i < size; ++i) {
         out->at(offset + i) = static_cast<unsigned char>(value >> (8 * i));
+    }
 }
 
 inline void set_text(image* out, size_t offset, std::string_view text) {

@@ -1,5 +1,5 @@
-// A module in the test's own process: a context, a queue whose messages nobody takes away, and what was logged. What the
-// module sends is taken from the queue.
+// A module in the test's own process: a context, a queue whose messages nobody takes away, and what was
+// logged. What the module sends is taken from the queue.
 #pragma once
 
 #include <gtest/gtest.h>

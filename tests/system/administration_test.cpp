@@ -81,7 +81,11 @@ TEST_F(administration, sets_the_trace_of_all_its_processes) {
     ASSERT_TRUE(wait_logon("ADMIN")) << host.log();
     ASSERT_TRUE(wait(10000, [&] { return call_listener(host); })) << "the listener is there";
     EXPECT_EQ(trace(), std::string(16, '0'));
-    EXPECT_EQ(last.data, std::string(last.data.c_str()) + std::string("\0" "0\0", 3) + last.data[last.data.size() - 2] + '\0')
+    EXPECT_EQ(last.data, std::string(last.data.c_str()) +
+                             std::string("\0"
+                                         "0\0",
+                                         3) +
+                             last.data[last.data.size() - 2] + '\0')
         << "size, no memory, type, no text";
 
     cp_trace_wish wish;
@@ -91,7 +95,10 @@ TEST_F(administration, sets_the_trace_of_all_its_processes) {
     wish.trigger_type = 'S';
     ASSERT_TRUE(cp_trace_set(server.get(), "ADMIN", wish));
     EXPECT_EQ(trace(), "4040" + std::string(12, '0')) << "what is no digit counts as 0";
-    EXPECT_EQ(last.data, std::string("2\0" "0\0S\0", 6) + wish.trigger);
+    EXPECT_EQ(last.data, std::string("2\0"
+                                     "0\0S\0",
+                                     6) +
+                             wish.trigger);
     EXPECT_TRUE(host.log_has("U02000047"));
 
     // The first version leaves all but the flags.
@@ -101,7 +108,10 @@ TEST_F(administration, sets_the_trace_of_all_its_processes) {
     wish.trigger = "another";
     ASSERT_TRUE(cp_trace_set(server.get(), "ADMIN", wish));
     EXPECT_EQ(trace(), "1" + std::string(15, '0'));
-    EXPECT_EQ(last.data, std::string("2\0" "0\0S\0", 6) + "a text that never comes");
+    EXPECT_EQ(last.data, std::string("2\0"
+                                     "0\0S\0",
+                                     6) +
+                             "a text that never comes");
 
     wish.extended = true;
     wish.flags = std::string(16, '4');
@@ -111,7 +121,8 @@ TEST_F(administration, sets_the_trace_of_all_its_processes) {
     ASSERT_TRUE(cp_trace_set(server.get(), "ADMIN", wish));
     EXPECT_EQ(trace(), std::string(16, '4'));
     // Something for the listener to trace.
-    EXPECT_TRUE(wait(10000, [&] { return call_listener(host) && trace_files() >= 2; })) << "agent and listener: " << trace_files();
+    EXPECT_TRUE(wait(10000, [&] { return call_listener(host) && trace_files() >= 2; }))
+        << "agent and listener: " << trace_files();
 }
 
 // Every line of both files stands once in what was streamed, in their order, whoever wanted the change.
@@ -165,22 +176,26 @@ TEST_F(administration, presents_itself_to_another_agent) {
     std::string token;
     std::string error;
     ASSERT_TRUE(cp_delegation_token(server.get(), "ADMIN", "OTHER", token, error)) << error;
-    ASSERT_TRUE(cp_connect_agents(server.get(), "ADMIN", "OTHER", "127.0.0.1", other.listener_port, token, keep()));
+    ASSERT_TRUE(
+        cp_connect_agents(server.get(), "ADMIN", "OTHER", "127.0.0.1", other.listener_port, token, keep()));
     ASSERT_TRUE(wait_answer()) << host.log() << other.log();
     // Both have checked one another; the transfer that would follow isn't part of this build.
-    EXPECT_NE(host.log().find("legacy file transfer is not implemented"), std::string::npos) << host.log() << other.log();
+    EXPECT_NE(host.log().find("legacy file transfer is not implemented"), std::string::npos)
+        << host.log() << other.log();
     EXPECT_EQ(last.status, "NK");
     EXPECT_EQ(last.number, 2002036) << last.insert;
 
     // The right for one agent is none for another.
-    ASSERT_TRUE(cp_connect_agents(server.get(), "ADMIN", "THIRD", "127.0.0.1", other.listener_port, token, keep()));
+    ASSERT_TRUE(
+        cp_connect_agents(server.get(), "ADMIN", "THIRD", "127.0.0.1", other.listener_port, token, keep()));
     ASSERT_TRUE(wait_answer()) << host.log();
     EXPECT_EQ(last.number, 2000061) << last.insert;
     // Nobody listens there any more.
     other.stop();
     // Its listener ends by itself, a little later.
     ASSERT_TRUE(wait(10000, [&] { return !call_listener(other); }));
-    ASSERT_TRUE(cp_connect_agents(server.get(), "ADMIN", "OTHER", "127.0.0.1", other.listener_port, token, keep()));
+    ASSERT_TRUE(
+        cp_connect_agents(server.get(), "ADMIN", "OTHER", "127.0.0.1", other.listener_port, token, keep()));
     ASSERT_TRUE(wait_answer()) << host.log();
     EXPECT_EQ(last.status, "NK");
     EXPECT_NE(last.insert.find(strerror(ECONNREFUSED)), std::string::npos) << last.insert;
@@ -203,7 +218,8 @@ TEST_F(administration, answers_each_failure_of_a_connection_to_another_agent) {
              {"no address", "OTHER", "", 1, "x", 2002036},
              {"no port", "OTHER", "127.0.0.1", 70000, "x", 2002036},
          }) {
-        ASSERT_TRUE(cp_connect_agents(server.get(), "ADMIN", one.name, one.address, one.port, one.token, keep()));
+        ASSERT_TRUE(
+            cp_connect_agents(server.get(), "ADMIN", one.name, one.address, one.port, one.token, keep()));
         ASSERT_TRUE(wait_answer()) << one.what << host.log();
         EXPECT_EQ(last.status, "NK") << one.what;
         EXPECT_EQ(last.number, one.number) << one.what << " " << last.insert;
@@ -237,7 +253,9 @@ TEST_F(administration, is_driven_from_the_console) {
     EXPECT_EQ(run({"trace", "ADMIN", "set", "--flags", "4x"}, output), 64) << output;
     EXPECT_EQ(run({"query", "NOBODY"}, output), 1);
     EXPECT_NE(output.find("not logged on"), std::string::npos) << output;
-    EXPECT_EQ(run({"mail", "ADMIN", "--to", "not an address", "--server", "127.0.0.1", "--from", "a@b"}, output), 1);
+    EXPECT_EQ(
+        run({"mail", "ADMIN", "--to", "not an address", "--server", "127.0.0.1", "--from", "a@b"}, output),
+        1);
     EXPECT_NE(output.find("U00050016"), std::string::npos) << output;
     EXPECT_EQ(run({"log", "ADMIN", "--change"}, output), 0) << output;
 

@@ -16,7 +16,8 @@ struct commands : server_test {
         ASSERT_TRUE(wait_logon(name)) << story() << host->log();
     }
     // Sends a command of the own user; the answer comes into `answer`.
-    int exec(cp_answer& answer, const std::string& command, int rows = 100, const std::string& user = own_user()) {
+    int exec(cp_answer& answer, const std::string& command, int rows = 100,
+             const std::string& user = own_user()) {
         cp_exec_wish wish;
         wish.command = command;
         wish.user = user;
@@ -94,7 +95,8 @@ TEST_F(commands, a_greedy_command_blocks_nobody_and_ends_at_its_limit) {
     }
     EXPECT_TRUE(wait_until(5000, [&] { return no_output_left(); })) << host->log();
     EXPECT_TRUE(host->log_has("2001091")) << host->log();
-    EXPECT_TRUE(wait_until(5000, [&] { return host->log_has("still run"); })) << "the children that were left";
+    EXPECT_TRUE(wait_until(5000, [&] { return host->log_has("still run"); }))
+        << "the children that were left";
 }
 
 TEST_F(commands, the_answer_finds_the_server_after_a_lost_line) {
@@ -133,7 +135,8 @@ TEST_F(commands, the_console_prints_and_passes_the_code_on) {
     close_server();
     child_process serving;
     scratch_folder data;
-    start_program(serving, {QX_SERVER_PROGRAM, "serve", "--system", own.system, "--port", "0", "--data", data.path},
+    start_program(serving,
+                  {QX_SERVER_PROGRAM, "serve", "--system", own.system, "--port", "0", "--data", data.path},
                   data.path + "/serve.log");
     int listening = 0;
     ASSERT_TRUE(wait_until(10000, [&] {
@@ -144,7 +147,8 @@ TEST_F(commands, the_console_prints_and_passes_the_code_on) {
     }));
     host = std::make_unique<installation>("CONSCMD", listening, own.system);
     host->start();
-    ASSERT_TRUE(wait_until(20000, [&] { return read_file(data.path + "/serve.log").find("logon") != std::string::npos; }));
+    ASSERT_TRUE(wait_until(
+        20000, [&] { return read_file(data.path + "/serve.log").find("logon") != std::string::npos; }));
     std::string text;
     const auto qxcp = [&](std::vector<std::string> words) {
         words.insert(words.begin(), QX_SERVER_PROGRAM);
@@ -166,12 +170,15 @@ TEST_F(commands, the_console_prints_and_passes_the_code_on) {
     write_file(data.path + "/tool.sh", "#!/bin/sh\necho tool\n");
     EXPECT_EQ(qxcp({"resource", "add", data.path + "/tool.sh", "--object", "TOOLS"}), 0) << text;
     chmod((data.path + "/tool.sh").c_str(), 0400);
-    EXPECT_EQ(qxcp({"resource", "add", data.path + "/tool.sh", "--object", "TOOLS"}), 0) << "a new version: " << text;
+    EXPECT_EQ(qxcp({"resource", "add", data.path + "/tool.sh", "--object", "TOOLS"}), 0)
+        << "a new version: " << text;
     EXPECT_EQ(qxcp({"resource", "list"}), 0);
     EXPECT_NE(text.find("tool.sh"), std::string::npos) << text;
     EXPECT_EQ(qxcp({"resource", "add", data.path + "/none", "--object", "TOOLS"}), 1);
-    EXPECT_EQ(qxcp({"resource", "add", data.path + "/tool.sh", "--object", "TOOLS", "--name", "../x"}), 1) << text;
-    EXPECT_EQ(qxcp({"resource", "add", data.path + "/tool.sh", "--object", "TOOLS", "--name", "./x"}), 1) << text;
+    EXPECT_EQ(qxcp({"resource", "add", data.path + "/tool.sh", "--object", "TOOLS", "--name", "../x"}), 1)
+        << text;
+    EXPECT_EQ(qxcp({"resource", "add", data.path + "/tool.sh", "--object", "TOOLS", "--name", "./x"}), 1)
+        << text;
     write_file(data.path + "/job.sh", "sh $QX_CLIENT_CACHE/tool.sh; sh $QX_TASK_CACHE/tool.sh\n");
     EXPECT_EQ(qxcp({"run", data.path + "/job.sh", "--client-resource", "TOOLS/tool.sh", "--task-resource",
                     "TOOLS/tool.sh"}),

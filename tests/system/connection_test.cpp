@@ -63,8 +63,10 @@ TEST_F(connection, writes_the_list_of_the_chosen_server_and_uses_it_later) {
     open_server();
     installation host("LISTED", port());
     host.start();
-    ASSERT_TRUE(wait_both(20000, [&] { return cp_find_agent(server.get(), "LISTED") != nullptr; })) << host.log();
-    ASSERT_TRUE(wait_both(5000, [&] { return read_file(host.ini_path()).find("CP_LIST") != std::string::npos; }));
+    ASSERT_TRUE(wait_both(20000, [&] { return cp_find_agent(server.get(), "LISTED") != nullptr; }))
+        << host.log();
+    ASSERT_TRUE(
+        wait_both(5000, [&] { return read_file(host.ini_path()).find("CP_LIST") != std::string::npos; }));
     // Server processes of one system share their keys.
     write_file(other_folder.path + "/cp/KStore.ini", read_file(options.folder + "/KStore.ini"), 0400);
     close_server();
@@ -82,13 +84,15 @@ TEST_F(connection, passes_over_a_server_of_another_system_and_one_that_refuses) 
     open_server();
     installation host("REFUSED", port());
     host.start();
-    ASSERT_TRUE(wait_both(20000, [&] { return host.log_has("U02000019") && host.log_has("U02000355"); })) << host.log();
+    ASSERT_TRUE(wait_both(20000, [&] { return host.log_has("U02000019") && host.log_has("U02000355"); }))
+        << host.log();
     EXPECT_TRUE(host.agent.running());
     // The refusing server is taken once it accepts again.
     close_server();
     options.ranking = 1;
     open_server();
-    EXPECT_TRUE(wait_both(30000, [&] { return cp_find_agent(server.get(), "REFUSED") != nullptr; })) << host.log();
+    EXPECT_TRUE(wait_both(30000, [&] { return cp_find_agent(server.get(), "REFUSED") != nullptr; }))
+        << host.log();
 }
 
 TEST_F(connection, returns_after_the_server_was_gone) {
@@ -116,7 +120,8 @@ TEST_F(connection, explains_why_the_server_left_when_it_lost_the_agents_key) {
     ASSERT_EQ(unlink((options.folder + "/KStore.ini").c_str()), 0);
     open_server();
     host.start();
-    EXPECT_TRUE(wait(20000, [&] { return host.log_has("it may not know this agent's transfer key (fingerprint "); }))
+    EXPECT_TRUE(
+        wait(20000, [&] { return host.log_has("it may not know this agent's transfer key (fingerprint "); }))
         << story() << host.log();
     EXPECT_TRUE(host.log_has("remove section [FORGOT] from '")) << host.log();
     EXPECT_TRUE(host.stop());
@@ -144,7 +149,8 @@ TEST_F(connection, starts_a_new_listener_when_it_dies) {
     host.agent.signal(SIGCONT);
     ASSERT_TRUE(wait(20000, [&] {
         const pid_t now = host.listener_pid();
-        return now > 1 && now != first && host.log().rfind("listening on port") > host.log().find("U02003059");
+        return now > 1 && now != first &&
+               host.log().rfind("listening on port") > host.log().find("U02003059");
     })) << host.log();
     const int run = submit("exit 0");
     EXPECT_TRUE(wait_done(run)) << story() << host.log();
@@ -173,8 +179,9 @@ TEST_F(connection, lets_jobs_report_while_idle_callers_hold_connections) {
         ASSERT_GE(idle.back(), 0) << i;
     }
     std::string output;
-    EXPECT_EQ(run_program({QX_MESSENGER_PROGRAM, "--address", "127.0.0.1", "--port", std::to_string(host.listener_port),
-                           "--run", "1", "--client", "0", "--agent", "CROWDED", "status", "--text", "still here"},
+    EXPECT_EQ(run_program({QX_MESSENGER_PROGRAM, "--address", "127.0.0.1", "--port",
+                           std::to_string(host.listener_port), "--run", "1", "--client", "0", "--agent",
+                           "CROWDED", "status", "--text", "still here"},
                           output, 40000),
               2)
         << output << host.log();
@@ -211,19 +218,22 @@ TEST_F(connection, outlives_strangers_at_its_listener) {
     put_text(card.name, "*IPC(AGENT)");
     card.flag = executor_card_flag;
     const std::vector<unsigned char> bad_name = frame_make_item(key_executor_data, &card, sizeof card);
-    EXPECT_TRUE(send_and_see_end(host.listener_port, bad_name.data(), bad_name.size())) << "a name of the agent's own";
+    EXPECT_TRUE(send_and_see_end(host.listener_port, bad_name.data(), bad_name.size()))
+        << "a name of the agent's own";
 
     put_text(card.name, "STRANGER");
     const std::vector<unsigned char> good = frame_make_item(key_executor_data, &card, sizeof card);
     const char order[296] = {};
     const std::vector<unsigned char> shutdown = frame_make_item(key_system_shutdown, order, sizeof order);
-    EXPECT_TRUE(send_and_see_end(host.listener_port, shutdown.data(), shutdown.size())) << "an order to shut down";
+    EXPECT_TRUE(send_and_see_end(host.listener_port, shutdown.data(), shutdown.size()))
+        << "an order to shut down";
     frame_address address{};
     strcpy(address.dst_name, "JPAKTJ_R");
     char activation[1836] = {};
     memcpy(activation, "EXAKTJ  02", 10);
     const std::vector<unsigned char> unsealed = frame_make_message(activation, sizeof activation, address);
-    EXPECT_TRUE(send_and_see_end(host.listener_port, unsealed.data(), unsealed.size())) << "an activation in the clear";
+    EXPECT_TRUE(send_and_see_end(host.listener_port, unsealed.data(), unsealed.size()))
+        << "an activation in the clear";
     EXPECT_TRUE(send_and_see_end(host.listener_port, "GET / HTTP/1.0\r\n\r\n", 18));
 
     // Each frame with a changed byte, and cut: none may end a process or stop the jobs.
@@ -262,13 +272,17 @@ TEST_F(connection, ends_a_connection_whose_seal_is_broken_and_comes_back) {
         memcpy(order, "JOB_DEL 01", 10);
         order[16] = 1;
         const size_t begin = agent->link.out.size();
-        ASSERT_TRUE(cp_send(server.get(), *agent, "JPAKTJ_R", built_message(std::string_view{order, sizeof order})));
+        ASSERT_TRUE(
+            cp_send(server.get(), *agent, "JPAKTJ_R", built_message(std::string_view{order, sizeof order})));
         ASSERT_GT(agent->link.out.size(), begin + at);
         agent->link.out[begin + at] = static_cast<char>(agent->link.out[begin + at] ^ 0x55);
-        ASSERT_TRUE(wait(30000, [&] {
-            cp_agent* now = cp_find_agent(server.get(), "SEALED");
-            return now != nullptr && now->id != id;
-        })) << "byte " << at << "\n" << story() << host.log();
+        ASSERT_TRUE(wait(30000,
+                         [&] {
+                             cp_agent* now = cp_find_agent(server.get(), "SEALED");
+                             return now != nullptr && now->id != id;
+                         }))
+            << "byte " << at << "\n"
+            << story() << host.log();
     }
     EXPECT_TRUE(host.agent.running());
 }
@@ -281,7 +295,8 @@ TEST_F(connection, keeps_the_line_when_a_message_cannot_be_converted) {
     const int id = agent->id;
     char unknown[64] = {};
     memcpy(unknown, "NOSUCHMS01", 10);
-    ASSERT_TRUE(cp_send(server.get(), *agent, "JPAKTJ_R", built_message(std::string_view{unknown, sizeof unknown})));
+    ASSERT_TRUE(
+        cp_send(server.get(), *agent, "JPAKTJ_R", built_message(std::string_view{unknown, sizeof unknown})));
     ASSERT_TRUE(cp_send(server.get(), *agent, "JPAKTJ_R", built_message(std::string_view{unknown, 5})));
     ASSERT_TRUE(cp_send(server.get(), *agent, "JPAKTJ_R", built_message(std::string_view{unknown, 0})));
     ASSERT_TRUE(cp_send(server.get(), *agent, "NOMODULE", built_message(std::string_view{unknown, 0})));

@@ -94,8 +94,7 @@ TEST_F(console, cancels_a_job_by_order_and_after_an_interrupt) {
     EXPECT_EQ(qxcp({"cancel", "1"}), 0) << output;
     ASSERT_TRUE(first.wait_end(20000)) << first.output();
     EXPECT_NE(first.exit_code(), 0) << first.output();
-    EXPECT_NE(first.output().find("job 1 cancelled at "), std::string::npos)
-        << first.output();
+    EXPECT_NE(first.output().find("job 1 cancelled at "), std::string::npos) << first.output();
     EXPECT_EQ(qxcp({"cancel", "1"}), 1) << output;
     EXPECT_TRUE(says("not cancelled")) << output;
     EXPECT_EQ(qxcp({"cancel", "99"}), 1);

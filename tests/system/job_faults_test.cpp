@@ -19,7 +19,8 @@ struct jobs : server_test {
         host.start();
         ASSERT_TRUE(wait_logon("JOBAGENT")) << story() << host.agent.output() << host.log();
     }
-    std::string run_and_report(const std::string& script, const std::string& user = "", const std::string& shell = "") {
+    std::string run_and_report(const std::string& script, const std::string& user = "",
+                               const std::string& shell = "") {
         const int run = submit(script, "", user, shell);
         EXPECT_TRUE(wait_done(run)) << story() << host.log();
         return report(run);
@@ -67,15 +68,15 @@ TEST_F(jobs, starts_with_the_shell_that_is_asked_for) {
 
 TEST_F(jobs, registers_texts_variables_and_files) {
     start_agent();
-    const int run = submit("md='" QX_MESSENGER_PROGRAM " --address 127.0.0.1 --port " +
-                           std::to_string(host.listener_port) +
-                           " --client 100 --agent JOBAGENT'\n"
-                           "run=$(basename $0 .TXT | tail -c 8)\n"
-                           "$md --run $((1$run - 10000000)) status --text 'half way' || exit 90\n"
-                           "$md --run $((1$run - 10000000)) variable colour blue || exit 91\n"
-                           "$md --run $((1$run - 10000000)) variable COLOUR green || exit 92\n"
-                           "$md --run $((1$run - 10000000)) file /tmp/some.file || exit 93\n"
-                           "$md --run $((1$run - 10000000)) restart --mark STEP2 --text 'second step' || exit 94\n");
+    const int run = submit(
+        "md='" QX_MESSENGER_PROGRAM " --address 127.0.0.1 --port " + std::to_string(host.listener_port) +
+        " --client 100 --agent JOBAGENT'\n"
+        "run=$(basename $0 .TXT | tail -c 8)\n"
+        "$md --run $((1$run - 10000000)) status --text 'half way' || exit 90\n"
+        "$md --run $((1$run - 10000000)) variable colour blue || exit 91\n"
+        "$md --run $((1$run - 10000000)) variable COLOUR green || exit 92\n"
+        "$md --run $((1$run - 10000000)) file /tmp/some.file || exit 93\n"
+        "$md --run $((1$run - 10000000)) restart --mark STEP2 --text 'second step' || exit 94\n");
     ASSERT_TRUE(wait_done(run)) << story() << host.log();
     EXPECT_EQ(job(run).return_code, 0) << report(run);
     EXPECT_EQ(job(run).variables["COLOUR"], "green");
@@ -87,8 +88,10 @@ TEST_F(jobs, registers_texts_variables_and_files) {
 
 TEST_F(jobs, fetches_reports_and_erases_them) {
     start_agent();
-    const int run = submit("i=0; while [ $i -lt 3000 ]; do echo \"line $i of the report\"; i=$((i+1)); done\n"
-                           "echo Error at the end\n", "", "", "", false);
+    const int run = submit(
+        "i=0; while [ $i -lt 3000 ]; do echo \"line $i of the report\"; i=$((i+1)); done\n"
+        "echo Error at the end\n",
+        "", "", "", false);
     ASSERT_TRUE(wait_done(run)) << story();
     std::string expected;
     for (int i = 0; i < 3000; ++i) {
@@ -185,12 +188,13 @@ TEST_F(jobs, runs_under_the_user_of_the_order) {
     }
     test_user user("qxtest1");
     start_agent();
-    const std::string text = run_and_report("id -un; id -gn; id -G; pwd; echo $HOME $LOGNAME; umask; touch made; "
-                                            "cat /proc/self/status | grep -E '^(Uid|Gid|Groups)'\n",
-                                            user.name);
+    const std::string text = run_and_report(
+        "id -un; id -gn; id -G; pwd; echo $HOME $LOGNAME; umask; touch made; "
+        "cat /proc/self/status | grep -E '^(Uid|Gid|Groups)'\n",
+        user.name);
     const std::string uid = std::to_string(user.uid);
-    EXPECT_NE(text.find("qxtest1\nqxtest1\n" + std::to_string(user.gid) + "\n" + user.home + "\n" + user.home +
-                        " qxtest1\n"),
+    EXPECT_NE(text.find("qxtest1\nqxtest1\n" + std::to_string(user.gid) + "\n" + user.home + "\n" +
+                        user.home + " qxtest1\n"),
               std::string::npos)
         << text;
     EXPECT_NE(text.find("Uid:\t" + uid + "\t" + uid + "\t" + uid + "\t" + uid), std::string::npos) << text;
@@ -205,7 +209,8 @@ TEST_F(jobs, runs_under_the_user_of_the_order) {
     // A link planted under the report's name is replaced, not followed.
     write_file(user.home + "/precious", "precious", 0600);
     cp_store& store = cp_server_store(server.get());
-    const std::string next_report = host.path("out") + "/O100000000" + std::to_string(store.next_run) + ".TXT";
+    const std::string next_report =
+        host.path("out") + "/O100000000" + std::to_string(store.next_run) + ".TXT";
     ASSERT_EQ(symlink((user.home + "/precious").c_str(), next_report.c_str()), 0);
     const int run = submit("echo over\n", "", user.name);
     EXPECT_TRUE(wait_done(run)) << story();
@@ -256,8 +261,8 @@ TEST_F(jobs, leaves_its_listener_no_rights) {
     EXPECT_NE(status.find("Gid:\t65534\t65534\t65534\t65534"), std::string::npos) << status;
     EXPECT_NE(status.find("Groups:\t \n"), std::string::npos) << status;
     EXPECT_NE(status.find("NoNewPrivs:\t1"), std::string::npos) << status;
-    // A program of its own start: another place in memory, the files of a process that nobody may trace, and a
-    // name in the list.
+    // A program of its own start: another place in memory, the files of a process that nobody may trace, and
+    // a name in the list.
     const std::string listener = "/proc/" + std::to_string(host.listener_pid());
     const std::string agent = "/proc/" + std::to_string(host.agent.pid);
     const auto place_of_libc = [](const std::string& process) {

@@ -29,13 +29,15 @@ TEST_F(job_road, runs_a_script_and_returns_its_report) {
     EXPECT_NE(text.find("to stderr\n"), std::string::npos) << text;
     EXPECT_NE(text.find("**  JOB " + std::to_string(run) + " START AT "), std::string::npos) << text;
     EXPECT_NE(text.find("RETCODE=3"), std::string::npos) << text;
-    EXPECT_TRUE(wait_until(5000, [&] { return read_file(job(run).job_file).empty(); })) << "job file is removed";
+    EXPECT_TRUE(wait_until(5000, [&] { return read_file(job(run).job_file).empty(); }))
+        << "job file is removed";
     // The log brings run number, user and process together, and holds no lines for calls of the messenger.
     const std::string line = "Job " + std::to_string(run) + " of client ";
     const size_t at = host.log().find(line);
     ASSERT_NE(at, std::string::npos) << host.log();
     const std::string told = host.log().substr(at, 200);
-    EXPECT_NE(told.find("user '" + own_user() + "', process id " + job(run).process_id + ", report '"), std::string::npos)
+    EXPECT_NE(told.find("user '" + own_user() + "', process id " + job(run).process_id + ", report '"),
+              std::string::npos)
         << told;
     for (const char* number : {"U02002039", "U02002040"}) {
         EXPECT_EQ(host.log().find(number), std::string::npos) << host.log();
@@ -93,7 +95,8 @@ TEST_F(job_road, survives_the_kill_of_its_agent) {
     const std::string gate = host.path("gate");
     std::vector<int> runs;
     for (int i = 0; i < 20; ++i) {
-        runs.push_back(submit("while ! test -e " + gate + "; do sleep 0.1; done\nexit " + std::to_string(i) + "\n"));
+        runs.push_back(
+            submit("while ! test -e " + gate + "; do sleep 0.1; done\nexit " + std::to_string(i) + "\n"));
     }
     ASSERT_TRUE(wait(30000, [&] {
         for (int run : runs) {
@@ -106,7 +109,8 @@ TEST_F(job_road, survives_the_kill_of_its_agent) {
     const pid_t listener = host.listener_pid();
     host.agent.kill_now();
     ASSERT_TRUE(wait(10000, [&] { return cp_find_agent(server.get(), "PHOENIX") == nullptr; }));
-    EXPECT_TRUE(wait_until(20000, [&] { return kill(listener, 0) != 0; })) << "the listener ends with its agent";
+    EXPECT_TRUE(wait_until(20000, [&] { return kill(listener, 0) != 0; }))
+        << "the listener ends with its agent";
     // Half of the jobs end while nobody looks, half after the agent is back.
     write_file(gate, "");
     host.start();

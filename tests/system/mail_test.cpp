@@ -37,8 +37,8 @@ std::string to_crlf(const std::string& text) {
 std::string own_address() {
     static int count = 0;
     const int number = getpid() * 7 + ++count;
-    return "127." + std::to_string(1 + number / 64516 % 250) + "." + std::to_string(1 + number / 254 % 254) + "." +
-           std::to_string(1 + number % 254);
+    return "127." + std::to_string(1 + number / 64516 % 250) + "." + std::to_string(1 + number / 254 % 254) +
+           "." + std::to_string(1 + number % 254);
 }
 
 bool may_bind_mail_port(const std::string& address) {
@@ -58,7 +58,8 @@ struct relay {
     child_process program;
 
     bool start(std::vector<std::string> options) {
-        std::vector<std::string> arguments = {"/usr/bin/python3", std::string(QX_SOURCE_DIR) + "/tests/support/mail_relay.py",
+        std::vector<std::string> arguments = {"/usr/bin/python3",
+                                              std::string(QX_SOURCE_DIR) + "/tests/support/mail_relay.py",
                                               address, "25", folder.path};
         arguments.insert(arguments.end(), options.begin(), options.end());
         start_program(program, arguments, folder.path + "/output");
@@ -71,7 +72,9 @@ struct relay {
         }
         return n;
     }
-    json mail(int number) const { return json::parse(read_file(folder.path + "/" + std::to_string(number) + ".json")); }
+    json mail(int number) const {
+        return json::parse(read_file(folder.path + "/" + std::to_string(number) + ".json"));
+    }
 };
 
 struct mail : server_test {
@@ -141,7 +144,9 @@ TEST_F(mail, arrives_as_it_was_given_whatever_is_in_it) {
         {"one byte.bin", "\xff", false},
         {"odd.bin", bytes_of_all_values(57 * 1024 + 1), false},
         {"large.bin", bytes_of_all_values(3000001), false},
-        {"gr\xc3\xbc\xc3\x9f" "e.txt", "a\n", true},
+        {"gr\xc3\xbc\xc3\x9f"
+         "e.txt",
+         "a\n", true},
         {"\"quoted\\ name\"; x=y.txt", "a\n", true},
         {std::string(180, 'n') + "\xe2\x82\xac.txt", "b\n", true},
         {"boundary", "--=qx7=\n----=qx7=\n--=qx7=A\n", true},
@@ -151,8 +156,13 @@ TEST_F(mail, arrives_as_it_was_given_whatever_is_in_it) {
     wanted.to = {"Ann <ann@example.org>", "bob@example.org", "J\xc3\xb6rg \xe2\x82\xac <joerg@example.org>"};
     wanted.cc = {"\"Last, First\" <cc@example.org>"};
     wanted.from = "M\xc3\xbcller <sender@example.org>";
-    wanted.subject = "Gr\xc3\xbc\xc3\x9f" "e an alle, \xe2\x82\xac 100 =?x?Q?y?= und noch viel mehr Text, damit gefaltet wird";
-    wanted.text = "Stra\xc3\x9f" "e \n.\n.dot\n--=qx7=\n" + std::string(1200, 'y') + "\ntrailing \t\n=\nend";
+    wanted.subject =
+        "Gr\xc3\xbc\xc3\x9f"
+        "e an alle, \xe2\x82\xac 100 =?x?Q?y?= und noch viel mehr Text, damit gefaltet wird";
+    wanted.text =
+        "Stra\xc3\x9f"
+        "e \n.\n.dot\n--=qx7=\n" +
+        std::string(1200, 'y') + "\ntrailing \t\n=\nend";
     for (const attachment& file : files) {
         write_file(host->path("out/" + file.name), file.content);
         wanted.attachments.push_back(host->path("out/" + file.name));
@@ -163,8 +173,9 @@ TEST_F(mail, arrives_as_it_was_given_whatever_is_in_it) {
     EXPECT_EQ(came["subject"], wanted.subject);
     EXPECT_EQ(came["sender"], "sender@example.org");
     EXPECT_EQ(came["from"], json::array({json::array({"M\xc3\xbcller", "sender@example.org"})}));
-    EXPECT_EQ(came["to"], json::array({json::array({"Ann", "ann@example.org"}), json::array({"", "bob@example.org"}),
-                                       json::array({"J\xc3\xb6rg \xe2\x82\xac", "joerg@example.org"})}));
+    EXPECT_EQ(came["to"],
+              json::array({json::array({"Ann", "ann@example.org"}), json::array({"", "bob@example.org"}),
+                           json::array({"J\xc3\xb6rg \xe2\x82\xac", "joerg@example.org"})}));
     EXPECT_EQ(came["cc"], json::array({json::array({"Last, First", "cc@example.org"})}));
     EXPECT_EQ(came["recipients"],
               (json{"ann@example.org", "bob@example.org", "joerg@example.org", "cc@example.org"}));
@@ -214,8 +225,8 @@ TEST_F(mail, takes_no_header_lines_and_no_recipients_from_values) {
     }
     EXPECT_EQ(came["parts"].size(), 2u);
     for (const std::string bad :
-         {"ann@example.org>\r\nRCPT TO:<eve@example.org", "ann@example.org\r\nDATA", "a b@example.org", "<>", "a@b,c@d",
-          "group: a@b;", "\xc3\xa4@example.org", "Ann <ann@example.org> <eve@example.org>x"}) {
+         {"ann@example.org>\r\nRCPT TO:<eve@example.org", "ann@example.org\r\nDATA", "a b@example.org", "<>",
+          "a@b,c@d", "group: a@b;", "\xc3\xa4@example.org", "Ann <ann@example.org> <eve@example.org>x"}) {
         cp_mail refused = plain(there);
         refused.to = {bad};
         EXPECT_EQ(send(refused).number, 50016) << bad;

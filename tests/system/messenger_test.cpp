@@ -8,10 +8,10 @@
 
 #include "base/text.h"
 #include "installation.h"
+#include "loopback.h"
 #include "messages/frame.h"
 #include "messages/records_server.h"
 #include "messages/view.h"
-#include "loopback.h"
 
 namespace {
 
@@ -59,7 +59,8 @@ TEST(messenger, tells_wrong_use_in_one_line) {
         EXPECT_EQ(std::count(result.output.begin(), result.output.end(), '\n'), 1) << result.output;
         EXPECT_NE(result.output.find("--help"), std::string::npos) << result.output;
     }
-    const std::vector<std::string> helps[] = {{"--help"}, {"-h"}, {"--port", "1", "--help"}, {"start", "--help"}};
+    const std::vector<std::string> helps[] = {
+        {"--help"}, {"-h"}, {"--port", "1", "--help"}, {"start", "--help"}};
     for (const std::vector<std::string>& arguments : helps) {
         const messenger_call help = call(arguments);
         EXPECT_EQ(help.code, 0) << help.output;
@@ -129,14 +130,15 @@ TEST(messenger, ends_when_the_other_side_talks_nonsense_or_hangs_up) {
         scratch_folder folder;
         child_process messenger;
         start_program(messenger,
-                      {QX_MESSENGER_PROGRAM, "--address", "127.0.0.1", "--port",
-                       std::to_string(port), "--run", "17", "status", "--text", "x"},
+                      {QX_MESSENGER_PROGRAM, "--address", "127.0.0.1", "--port", std::to_string(port),
+                       "--run", "17", "status", "--text", "x"},
                       folder.path + "/out");
         const int line = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
         ASSERT_GE(line, 0);
         char bytes[4096];
         ASSERT_GT(recv(line, bytes, sizeof bytes, 0), 48) << "the message comes in one piece";
-        ASSERT_EQ(send(line, answer.data(), answer.size(), MSG_NOSIGNAL), static_cast<ssize_t>(answer.size()));
+        ASSERT_EQ(send(line, answer.data(), answer.size(), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(answer.size()));
         shutdown(line, SHUT_WR);
         EXPECT_TRUE(messenger.wait_end(20000)) << answer.substr(0, 20);
         EXPECT_EQ(messenger.exit_code(), 2) << messenger.output();
@@ -178,8 +180,8 @@ TEST(messenger, tries_again_when_it_is_turned_away_and_tells_a_refusal) {
         scratch_folder folder;
         child_process messenger;
         start_program(messenger,
-                      {QX_MESSENGER_PROGRAM, "--address", row.address, "--port",
-                       std::to_string(port), "--run", "17", "status", "--text", "x"},
+                      {QX_MESSENGER_PROGRAM, "--address", row.address, "--port", std::to_string(port),
+                       "--run", "17", "status", "--text", "x"},
                       folder.path + "/out");
         char bytes[4096];
         for (int at = 0; at < 3; ++at) {

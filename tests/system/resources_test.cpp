@@ -1,18 +1,19 @@
 // Stored resources through the real programs: their way to the job, lost lines, what the server lost.
+#include "qxcp/resources.h"
+
 #include <sys/stat.h>
 
 #include <csignal>
 
 #include "messages/records_report.h"
 #include "messages/view.h"
-#include "qxcp/resources.h"
 #include "server_fixture.h"
 
 namespace {
 
 struct resources : server_test {
     std::unique_ptr<installation> host;
-    int questions = 0;      // BIN_GET seen
+    int questions = 0;       // BIN_GET seen
     bool hold_back = false;  // and not answered
 
     void start(const std::string& name) {
@@ -53,8 +54,9 @@ TEST_F(resources, reach_the_job_and_go_with_it) {
     add("shared", "for all\n");
     add("own", std::string("\0\r\n\xff", 4));
     add("page", "a\r\nb\r\n", true);
-    const int run = submit_with("cat $QX_CLIENT_CACHE/shared $QX_CLIENT_CACHE/page; cat $QX_TASK_CACHE/own | od -An -tx1",
-                                {{"FILES", "shared", 'C'}, {"FILES", "page", 'C'}, {"FILES", "own", 'T'}});
+    const int run =
+        submit_with("cat $QX_CLIENT_CACHE/shared $QX_CLIENT_CACHE/page; cat $QX_TASK_CACHE/own | od -An -tx1",
+                    {{"FILES", "shared", 'C'}, {"FILES", "page", 'C'}, {"FILES", "own", 'T'}});
     ASSERT_TRUE(wait_done(run)) << story() << host->log();
     const std::string text = report(run);
     EXPECT_EQ(job(run).return_code, 0) << text;
@@ -93,7 +95,8 @@ TEST_F(resources, that_the_server_lost_end_all_who_wait) {
     const int first = submit_with("true", {{"FILES", "shared", 'C'}});
     const int second = submit_with("true", {{"FILES", "shared", 'C'}});
     for (int run : {first, second}) {
-        ASSERT_TRUE(wait(10000, [&] { return job(run).state == cp_job_state::refused; })) << story() << host->log();
+        ASSERT_TRUE(wait(10000, [&] { return job(run).state == cp_job_state::refused; }))
+            << story() << host->log();
     }
 }
 
@@ -104,9 +107,11 @@ TEST_F(resources, belong_to_the_jobs_user) {
     const test_user user("qxresuser");
     start("OWNERRES");
     add("own", "x\n");
-    const int run = submit_with("stat -c '%U %a' $QX_TASK_CACHE $QX_TASK_CACHE/own", {{"FILES", "own", 'T'}}, user.name);
+    const int run =
+        submit_with("stat -c '%U %a' $QX_TASK_CACHE $QX_TASK_CACHE/own", {{"FILES", "own", 'T'}}, user.name);
     ASSERT_TRUE(wait_done(run)) << story() << host->log();
-    EXPECT_NE(report(run).find(user.name + " 700\n" + user.name + " 700\n"), std::string::npos) << report(run);
+    EXPECT_NE(report(run).find(user.name + " 700\n" + user.name + " 700\n"), std::string::npos)
+        << report(run);
 }
 
 }  // namespace

@@ -45,7 +45,8 @@ TEST_F(shell, shows_the_agent_from_inside) {
     }
     EXPECT_EQ(qxcp({"shell", "SHELL", "NO_SUCH"}), 0);
     EXPECT_EQ(output, "Agent Command 'NO_SUCH' is not implemented\n");
-    EXPECT_EQ(run_program({"/bin/sh", "-c", "ls " + host.path("temp") + " | grep -c '^S_'"}, output), 1);  // all erased
+    EXPECT_EQ(run_program({"/bin/sh", "-c", "ls " + host.path("temp") + " | grep -c '^S_'"}, output),
+              1);  // all erased
 }
 
 TEST_F(shell, shows_its_jobs) {
@@ -71,7 +72,8 @@ TEST_F(shell, a_trace_that_is_written_stays_where_it_is) {
     host.ini["TRACE"]["tcp/ip"] = "2";
     start_agent("y");
     EXPECT_EQ(qxcp({"shell", "SHELL", "TRACE_FLUSH", host.path("temp/flushed.txt")}), 0);
-    EXPECT_TRUE(wait_until(10000, [&] { return host.log_has("AGENT: the trace is not kept in memory"); })) << host.log();
+    EXPECT_TRUE(wait_until(10000, [&] { return host.log_has("AGENT: the trace is not kept in memory"); }))
+        << host.log();
     EXPECT_NE(access(host.path("temp/flushed-AGENT.txt").c_str(), F_OK), 0);
 }
 
@@ -82,9 +84,8 @@ TEST_F(shell, trace_goes_to_files_and_the_log_obeys) {
     start_agent("y");
     const std::string target = host.path("temp/flushed.txt");
     EXPECT_EQ(qxcp({"shell", "SHELL", "TRACE_FLUSH", target}), 0);
-    EXPECT_TRUE(wait_until(10000, [&] {
-        return access(host.path("temp/flushed-AGENT.txt").c_str(), F_OK) == 0;
-    }));
+    EXPECT_TRUE(
+        wait_until(10000, [&] { return access(host.path("temp/flushed-AGENT.txt").c_str(), F_OK) == 0; }));
     EXPECT_EQ(qxcp({"shell", "SHELL", "TRACE_FLUSH", host.path("none/flushed.txt")}), 0);
     EXPECT_TRUE(wait_until(10000, [&] { return host.log_has("cannot be written to"); })) << host.log();
     EXPECT_EQ(qxcp({"shell", "SHELL", "SIMULATE", "SETLOGFILESIZE", "=", "3"}), 0);

@@ -1,4 +1,5 @@
-// What ends the agent at its start, and what it says then: exit code 1 and a line that names the key or the call.
+// What ends the agent at its start, and what it says then: exit code 1 and a line that names the key or the
+// call.
 #include <signal.h>
 #include <sys/stat.h>
 
@@ -14,9 +15,11 @@ struct start_failure {
 
 const start_failure failures[] = {
     {"no system", [](installation& host) { host.ini["GLOBAL"].erase("system"); }, "system"},
-    {"name of 33 characters", [](installation& host) { host.ini["GLOBAL"]["name"] = std::string(33, 'A'); }, "name"},
+    {"name of 33 characters", [](installation& host) { host.ini["GLOBAL"]["name"] = std::string(33, 'A'); },
+     "name"},
     {"no messenger", [](installation& host) { host.ini["VARIABLES"].erase("QX_EX_JOB_MD"); }, "QX_EX_JOB_MD"},
-    {"no message library", [](installation& host) { host.ini["GLOBAL"]["helplib"] = "./missing.msl"; }, "missing.msl"},
+    {"no message library", [](installation& host) { host.ini["GLOBAL"]["helplib"] = "./missing.msl"; },
+     "missing.msl"},
     {"cache below a file",
      [](installation& host) {
          write_file(host.path("plain"), "");
@@ -29,8 +32,10 @@ const start_failure failures[] = {
          host.ini["VARIABLES"]["QX_EX_PATH_BACKUP"] = "../plain/backup";
      },
      "plain/backup"},
-    {"a switch that protects", [](installation& host) { host.ini["GLOBAL"]["hardened"] = "ja"; }, "[GLOBAL] hardened = 'ja'"},
-    {"no way of checking passwords", [](installation& host) { host.ini["MISC"]["authentication"] = "ldap"; }, "PAM or local"},
+    {"a switch that protects", [](installation& host) { host.ini["GLOBAL"]["hardened"] = "ja"; },
+     "[GLOBAL] hardened = 'ja'"},
+    {"no way of checking passwords", [](installation& host) { host.ini["MISC"]["authentication"] = "ldap"; },
+     "PAM or local"},
 };
 
 TEST(start, names_what_is_wrong_with_the_settings) {
@@ -48,7 +53,8 @@ TEST(start, names_what_is_wrong_with_the_settings) {
 TEST(start, takes_a_name_of_32_characters) {
     installation host(std::string(32, 'A'), 1);
     host.start();
-    EXPECT_TRUE(wait_until(10000, [&] { return host.log_has("2000072"); })) << host.agent.output() << host.log();
+    EXPECT_TRUE(wait_until(10000, [&] { return host.log_has("2000072"); }))
+        << host.agent.output() << host.log();
     EXPECT_TRUE(host.stop());
     EXPECT_EQ(host.agent.exit_code(), 0);
 }
@@ -58,26 +64,30 @@ TEST(start, tells_when_the_ini_file_is_not_there) {
     start_program(host.agent, {host.path("bin/qxxjlnx")}, host.path("agent.out"));
     ASSERT_TRUE(host.agent.wait_end(10000));
     EXPECT_EQ(host.agent.exit_code(), 1);
-    EXPECT_NE(host.agent.output().find("U02003041 Invalid 'access'-call"), std::string::npos) << host.agent.output();
+    EXPECT_NE(host.agent.output().find("U02003041 Invalid 'access'-call"), std::string::npos)
+        << host.agent.output();
     EXPECT_NE(host.agent.output().find("ended abnormaly"), std::string::npos);
 }
 
 TEST(start, finds_the_agent_that_runs_already_before_it_touches_anything) {
     installation host("TWICE", 1);
     host.start();
-    ASSERT_TRUE(wait_until(10000, [&] { return host.log_has("2000072"); })) << host.agent.output() << host.log();
+    ASSERT_TRUE(wait_until(10000, [&] { return host.log_has("2000072"); }))
+        << host.agent.output() << host.log();
     const std::string before = host.log();
     child_process second;
     start_program(second, {host.path("bin/qxxjlnx"), "ini=" + host.ini_path()}, host.path("second.out"));
     ASSERT_TRUE(second.wait_end(10000));
     EXPECT_EQ(second.exit_code(), 1);
-    EXPECT_NE(second.output().find("process " + std::to_string(host.agent.pid)), std::string::npos) << second.output();
+    EXPECT_NE(second.output().find("process " + std::to_string(host.agent.pid)), std::string::npos)
+        << second.output();
     EXPECT_EQ(host.log().substr(0, before.size()), before) << "the running one's log was moved";
     // The lock ends with its process, however that ended.
     host.agent.kill_now();
     host.start();
     const auto new_log = [&] { return host.log().substr(0, before.size()) != before; };
-    EXPECT_TRUE(wait_until(10000, [&] { return new_log() && host.log_has("2000072"); })) << host.agent.output() << host.log();
+    EXPECT_TRUE(wait_until(10000, [&] { return new_log() && host.log_has("2000072"); }))
+        << host.agent.output() << host.log();
     EXPECT_TRUE(host.stop());
     EXPECT_EQ(host.agent.exit_code(), 0);
 }
@@ -90,7 +100,8 @@ TEST(start, goes_on_over_a_hang_up_with_a_log_opened_anew) {
     ASSERT_EQ(rename(host.path("temp/agent.l00").c_str(), host.path("temp/moved").c_str()), 0);
     ASSERT_EQ(kill(listener, SIGHUP), 0);
     host.agent.signal(SIGHUP);
-    EXPECT_TRUE(wait_until(10000, [&] { return host.log_has("opened anew by order of SIGHUP"); })) << host.log();
+    EXPECT_TRUE(wait_until(10000, [&] { return host.log_has("opened anew by order of SIGHUP"); }))
+        << host.log();
     EXPECT_TRUE(host.agent.running());
     EXPECT_EQ(host.listener_pid(), listener) << "a terminal tells all processes of its end";
     EXPECT_TRUE(host.stop());
@@ -120,8 +131,10 @@ TEST(start, finds_a_relative_ini_file_from_the_folder_of_the_call) {
     installation host("RELATIVE", 1);
     host.write_ini();
     rename(host.ini_path().c_str(), host.path("Mixed.Ini").c_str());
-    start_program(host.agent, {host.path("bin/qxxjlnx"), "INI=Mixed.Ini"}, host.path("agent.out"), host.folder.path);
-    EXPECT_TRUE(wait_until(10000, [&] { return host.log_has("2000072"); })) << host.agent.output() << host.log();
+    start_program(host.agent, {host.path("bin/qxxjlnx"), "INI=Mixed.Ini"}, host.path("agent.out"),
+                  host.folder.path);
+    EXPECT_TRUE(wait_until(10000, [&] { return host.log_has("2000072"); }))
+        << host.agent.output() << host.log();
     EXPECT_TRUE(host.stop());
 }
 

@@ -76,8 +76,9 @@ TEST_F(check_test, finds_nothing_failed_in_a_good_installation_and_changes_nothi
     const std::string said = run();
     EXPECT_EQ(result, 0) << said;
     EXPECT_EQ(said.find("FAILED"), std::string::npos) << said;
-    for (const char* subject : {"settings", "safety", "message library", "job files", "reports", "backups", "resources",
-                                "log folder", "job messenger", "keys", "listener user", "port", "server"}) {
+    for (const char* subject :
+         {"settings", "safety", "message library", "job files", "reports", "backups", "resources",
+          "log folder", "job messenger", "keys", "listener user", "port", "server"}) {
         EXPECT_NE(said.find(std::string("  ") + subject), std::string::npos) << subject << said;
     }
     EXPECT_FALSE(fs::exists(agent.folder / "temp"));
@@ -97,18 +98,17 @@ TEST_F(check_test, tells_each_thing_that_would_fail) {
     const std::string taken = "bindaddr=127.0.0.1\nport=" + std::to_string(holder.port);
     const std::string cp = "cp=127.0.0.1:" + std::to_string(server.port);
     const std::string dead = "cp=127.0.0.1:" + std::to_string(closed_port);
-    for (const spoiled& one :
-         {spoiled{"hardened=yes", "hardend=yes", "hardend is no key"},
-          {"hardened=yes", "hardened=ja", "'ja' is not yes or no"},
-          {"system=s", "system=", "GLOBAL/system must be a name"},
-          {"name=agent1", "helplib=./none.msl", "message library   '" },
-          {"./qxxjlnx", "./none", "is no program that can be run"},
-          {"../res", "./qxxjlnx/below", "qxxjlnx' is no folder"},
-          {"bindaddr=127.0.0.1", taken.c_str(), "Address already in use"},
-          {cp.c_str(), dead.c_str(), "Connection refused"},
-          {"KeyStore=K.ini", "first_contact=no", "no server can log this agent on"},
-          {"KeyStore=K.ini", "[MISC]\nauthentication=PAM\n[PAM]\nlibname=./none.so",
-           "'./none.so' cannot be loaded"}}) {
+    for (const spoiled& one : {spoiled{"hardened=yes", "hardend=yes", "hardend is no key"},
+                               {"hardened=yes", "hardened=ja", "'ja' is not yes or no"},
+                               {"system=s", "system=", "GLOBAL/system must be a name"},
+                               {"name=agent1", "helplib=./none.msl", "message library   '"},
+                               {"./qxxjlnx", "./none", "is no program that can be run"},
+                               {"../res", "./qxxjlnx/below", "qxxjlnx' is no folder"},
+                               {"bindaddr=127.0.0.1", taken.c_str(), "Address already in use"},
+                               {cp.c_str(), dead.c_str(), "Connection refused"},
+                               {"KeyStore=K.ini", "first_contact=no", "no server can log this agent on"},
+                               {"KeyStore=K.ini", "[MISC]\nauthentication=PAM\n[PAM]\nlibname=./none.so",
+                                "'./none.so' cannot be loaded"}}) {
         agent.sections = good;
         replace(one.what, one.with);
         const std::string said = run();
@@ -141,7 +141,8 @@ TEST_F(check_test, the_port_of_its_own_running_agent_is_good) {
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
     EXPECT_EQ(result, 0) << said;
-    EXPECT_NE(said.find("is in use by this agent, process " + std::to_string(child)), std::string::npos) << said;
+    EXPECT_NE(said.find("is in use by this agent, process " + std::to_string(child)), std::string::npos)
+        << said;
     run();
     EXPECT_EQ(result, 1) << "the lock file alone says nothing";
 }
@@ -164,7 +165,8 @@ TEST_F(check_test, says_which_of_the_three_kinds_of_keys_is_used) {
     EXPECT_NE(run().find("ok       keys              initial package; " + key), std::string::npos) << run();
     replace("InitialPackage=a.pkg\n", "first_contact=no\n");
     const std::string own = run();
-    EXPECT_NE(own.find("ok       keys              own company key; " + key + "\n"), std::string::npos) << own;
+    EXPECT_NE(own.find("ok       keys              own company key; " + key + "\n"), std::string::npos)
+        << own;
 }
 
 TEST(start_warnings, name_what_others_can_change_and_what_is_not_hardened) {
@@ -174,7 +176,10 @@ TEST(start_warnings, name_what_others_can_change_and_what_is_not_hardened) {
     ASSERT_NE(agent.init(), nullptr);
     const std::string quiet = testing::internal::GetCapturedStderr();
     EXPECT_EQ(quiet.find("warning"), std::string::npos) << quiet;
-    EXPECT_NE(quiet.find("its log is '" + std::string(fs::canonical(agent.folder / "temp")) + "/QXXJxxx.l00'"), std::string::npos) << quiet;
+    EXPECT_NE(
+        quiet.find("its log is '" + std::string(fs::canonical(agent.folder / "temp")) + "/QXXJxxx.l00'"),
+        std::string::npos)
+        << quiet;
     struct open_path {
         const char* path;
         mode_t mode;
@@ -229,7 +234,8 @@ TEST(encipher, gives_a_text_that_settings_read_back) {
         free(text);
         return result;
     };
-    for (const std::string& text : {std::string("pass word=1"), std::string("x"), std::string(62, 'p'), std::string(100, 'q')}) {
+    for (const std::string& text :
+         {std::string("pass word=1"), std::string("x"), std::string(62, 'p'), std::string(100, 'q')}) {
         std::string line = enciphered(text + "\n", 0);
         ASSERT_TRUE(line.ends_with("\n"));
         line.pop_back();
@@ -267,7 +273,8 @@ TEST(encipher, a_terminal_does_not_show_what_is_typed) {
     const auto read_until = [&](const char* text) {
         char part[256];
         ssize_t length = 0;
-        while (shown.find(text) == std::string::npos && (length = read(screen.get(), part, sizeof part)) > 0) {
+        while (shown.find(text) == std::string::npos &&
+               (length = read(screen.get(), part, sizeof part)) > 0) {
             shown.append(part, static_cast<size_t>(length));
         }
     };

@@ -28,8 +28,7 @@ std::string last_file() {
 
 void send_faulty(EX_PCX* pcx) {
     image message = make_image("JOB_DEL", "01", 20);
-    EXPECT_EQ(msgconv_ToHost(message.data(), message.size(), pcx->pcx_msgctx),
-              0);
+    EXPECT_EQ(msgconv_ToHost(message.data(), message.size(), pcx->pcx_msgctx), 0);
 }
 
 }  // namespace

@@ -106,7 +106,8 @@ TEST(settings, makes_a_context_with_its_folders) {
     EXPECT_EQ(agent.pcx->connwait, 20);
 }
 
-// What the agent takes back after work under another user: exactly its own groups, and nothing that stands behind.
+// What the agent takes back after work under another user: exactly its own groups, and nothing that stands
+// behind.
 TEST(settings, keep_the_groups_of_the_agent_over_work_under_another_user) {
     installed_agent agent;
     ASSERT_NE(agent.init(), nullptr);
@@ -261,7 +262,8 @@ TEST(settings, are_all_in_the_table_and_on_the_page) {
             << section << "/" << key << " is read but setting_table.cpp has no row for it";
         for (const std::string& preset : presets) {
             EXPECT_TRUE(row->preset.empty() || preset.empty() || preset == row->preset)
-                << section << "/" << key << " is read with the default " << preset << ", the table says " << row->preset;
+                << section << "/" << key << " is read with the default " << preset << ", the table says "
+                << row->preset;
         }
     }
     const std::string page = whole_file(QX_SOURCE_DIR "/docs/configuration.md");

@@ -59,7 +59,12 @@ TEST_F(waiting, ends_with_the_next_thing_that_is_due) {
          },
          35},
         {"a command has a limit", [](EX_PCX* pcx) { pcx->Cmd_alarm_time = alarm_now() + 30; }, 30},
-        {"the listener is started", [](EX_PCX* pcx) { pcx->listener_pid = 0; pcx->listener_alarm_time = alarm_now() + 25; }, 25},
+        {"the listener is started",
+         [](EX_PCX* pcx) {
+             pcx->listener_pid = 0;
+             pcx->listener_alarm_time = alarm_now() + 25;
+         },
+         25},
         {"the server is searched",
          [](EX_PCX* pcx) {
              pcx->pcx_flag = PCX_FLAG_LISTENER_READY;

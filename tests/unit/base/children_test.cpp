@@ -98,8 +98,8 @@ TEST_F(children, one_whose_number_is_still_to_come_is_left_alone) {
     EXPECT_EQ(WEXITSTATUS(status), 5);
 }
 
-// Descriptors are kept for other things: whom none is left for is found all the same, and so is one whom somebody
-// else has waited for.
+// Descriptors are kept for other things: whom none is left for is found all the same, and so is one whom
+// somebody else has waited for.
 TEST_F(children, all_are_found_when_descriptors_are_few) {
     rlimit usual{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);

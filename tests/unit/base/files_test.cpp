@@ -53,7 +53,8 @@ TEST(OpenRegular, TakesNothingElse) {
     dir.write("file", "text");
     ASSERT_EQ(mkfifo(dir.at("pipe").c_str(), 0600), 0);
     ASSERT_EQ(symlink("file", dir.at("link").c_str()), 0);
-    EXPECT_EQ(open_regular_at(AT_FDCWD, dir.at("pipe").c_str(), O_RDONLY), -1) << "must not wait for a writer";
+    EXPECT_EQ(open_regular_at(AT_FDCWD, dir.at("pipe").c_str(), O_RDONLY), -1)
+        << "must not wait for a writer";
     EXPECT_EQ(errno, EINVAL);
     EXPECT_EQ(open_regular_at(AT_FDCWD, dir.at("link").c_str(), O_RDONLY), -1);
     EXPECT_EQ(errno, ELOOP);

@@ -69,8 +69,10 @@ struct handshake_test : ccm_test {
         bytes body = far.unsealed(far.frame());
         frame_body parsed;
         EXPECT_EQ(frame_parse_body(body.data(), body.size(), &parsed, nullptr), 0);
-        return parsed.length < 6 ? "" : std::string(body.begin() + static_cast<long>(parsed.offset) + 6,
-                                                    body.begin() + static_cast<long>(parsed.offset + parsed.length));
+        return parsed.length < 6
+                   ? ""
+                   : std::string(body.begin() + static_cast<long>(parsed.offset) + 6,
+                                 body.begin() + static_cast<long>(parsed.offset + parsed.length));
     }
 
     bytes sealed_message(partner& far, const bytes& body) {
@@ -134,11 +136,13 @@ TEST_F(handshake_test, several_senders_keep_the_order_of_seals_and_of_their_own_
     for (int sender = 0; sender < senders; ++sender) {
         threads.emplace_back([&, sender] {
             for (int i = 0; i < each; ++i) {
-                // Long ones take the way through the network thread, and what the socket does not take stays there.
+                // Long ones take the way through the network thread, and what the socket does not take stays
+                // there.
                 const size_t filler = i % 10 == 0 ? static_cast<size_t>(ccm_write_at_once_max) : 100;
-                EXPECT_EQ(send_NAT_message(ccm, xml_message(std::to_string(sender) + std::to_string(1000 + i) +
-                                                            std::string(filler, '.'))),
-                          0);
+                EXPECT_EQ(
+                    send_NAT_message(ccm, xml_message(std::to_string(sender) + std::to_string(1000 + i) +
+                                                      std::string(filler, '.'))),
+                    0);
             }
         });
     }
@@ -159,7 +163,8 @@ TEST_F(handshake_test, what_was_sealed_ahead_goes_out_as_it_is_unless_others_wen
         ccm_msg_t* ahead = xml_message("ahead");
         ASSERT_EQ(ccm_prepare_NAT_message(ccm, ahead), 0);
         ASSERT_EQ(ahead->ahead_ID, id);
-        const bytes seal(ahead->buffer2 + frame_header_size, ahead->buffer2 + frame_header_size + ahead->ahead_len);
+        const bytes seal(ahead->buffer2 + frame_header_size,
+                         ahead->buffer2 + frame_header_size + ahead->ahead_len);
         if (others) {
             ASSERT_EQ(send_NAT_message(ccm, xml_message("other")), 0);
             EXPECT_EQ(next_text(far), "other");
@@ -476,7 +481,8 @@ TEST_F(handshake_test, the_log_says_which_key_was_agreed_or_why_none_was) {
     EXPECT_NE(after_a_package().find("AUTHORIZATION/first_contact"), std::string::npos) << last_text;
     agent_keys().first_contact = true;
     agent_keys().file = "/nonexistent/agent.ini";
-    EXPECT_NE(after_a_package().find("cannot be written, '/nonexistent/agent.ini': No such file"), std::string::npos)
+    EXPECT_NE(after_a_package().find("cannot be written, '/nonexistent/agent.ini': No such file"),
+              std::string::npos)
         << last_text;
     agent_keys().file = file;
     const std::string agreed = after_a_package();

@@ -249,8 +249,8 @@ TEST_F(ccm_test, a_large_message_goes_on_where_the_socket_stopped) {
     free(received);
 }
 
-// The rest of a frame behind its first piece must not wait for an acknowledgement, which the receiver delays by
-// 40 ms: 30 such frames, each answered before the next one is sent, would take more than a second.
+// The rest of a frame behind its first piece must not wait for an acknowledgement, which the receiver delays
+// by 40 ms: 30 such frames, each answered before the next one is sent, would take more than a second.
 TEST_F(ccm_test, frames_of_several_pieces_come_without_delay) {
     int id = 0;
     start();
@@ -455,8 +455,8 @@ TEST_F(ccm_test, wake_ups_neither_block_nor_pile_up) {
     ccm_thread_end(ccm);
 }
 
-// The thread is between its last write and its next wait when the next message is queued: it gets no byte then,
-// and must look before it waits.
+// The thread is between its last write and its next wait when the next message is queued: it gets no byte
+// then, and must look before it waits.
 TEST_F(ccm_test, what_is_queued_while_the_thread_is_at_work_goes_out_as_well) {
     int id = 0;
     start();

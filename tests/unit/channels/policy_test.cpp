@@ -40,7 +40,8 @@ TEST(policy, records_are_taken_whole_and_never_from_outside) {
                     ccm_policy_judge_ipc(receiver, origin, data.data(), length) == CCM_POLICY_ACCEPT;
                 EXPECT_TRUE(inside || !accepted) << ccm_policy_ipc[i].name << " from " << origin;
                 EXPECT_EQ(ccm_policy_judge_ipc(receiver, origin, data.data(), length - 1), CCM_POLICY_REFUSE);
-                EXPECT_EQ(ccm_policy_judge_ipc(receiver, origin, longer.data(), length + 1), CCM_POLICY_REFUSE);
+                EXPECT_EQ(ccm_policy_judge_ipc(receiver, origin, longer.data(), length + 1),
+                          CCM_POLICY_REFUSE);
                 if (accepted && origin == CCM_FROM_LISTENER) {
                     EXPECT_EQ(receiver, CCM_IN_AGENT);
                     from_listener.insert(ccm_policy_ipc[i].name);

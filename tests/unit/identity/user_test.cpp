@@ -116,7 +116,6 @@ TEST(SwitchAsRoot, ForGoodThereIsNoWayBack) {
 }
 
 // ---- Files
-// --------------------------------------------------------------------------------------------------------
 
 struct UserFiles : testing::Test {
     own_context context;
@@ -140,7 +139,8 @@ TEST_F(UserFiles, SpecialFilesDoNotStopAnybody) {
     EXPECT_EQ(error.qx_errno, EISDIR);
     // What the kernel tells whoever reads is the agent's memory map here, whatever leads there.
     ASSERT_EQ(symlink("/proc/self/maps", (folder / "link").c_str()), 0);
-    for (const std::string& name : {folder / "link", std::string("/proc/self/maps"), std::string("/sys/kernel/uevent_seqnum")}) {
+    for (const std::string& name :
+         {folder / "link", std::string("/proc/self/maps"), std::string("/sys/kernel/uevent_seqnum")}) {
         EXPECT_EQ(Open_ReadEffUser(own(), name.c_str(), &error), -1) << name;
         EXPECT_EQ(error.qx_errno, EACCES) << name;
     }
@@ -421,7 +421,6 @@ TEST(UserFilesAsRoot, StrangersOnTheWay) {
 }
 
 // ---- Rights
-// -------------------------------------------------------------------------------------------------------
 
 TEST(Rights, OfTheAgentsOwnUserAreLeftToTheCall) {
     own_context context;

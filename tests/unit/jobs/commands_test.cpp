@@ -131,7 +131,8 @@ TEST_F(command_test, output_is_bounded_by_what_was_there) {
         int rows;
     };
     constexpr read_case cases[] = {
-        {0, "", 0}, {-1, "", 0}, {1, "a\r\n", 1}, {2, "a\r\nb\r\n", 2}, {3, "a\r\nb\r\nc", 2}, {2147483647, "a\r\nb\r\nc", 2},
+        {0, "", 0},           {-1, "", 0},           {1, "a\r\n", 1},
+        {2, "a\r\nb\r\n", 2}, {3, "a\r\nb\r\nc", 2}, {2147483647, "a\r\nb\r\nc", 2},
     };
     for (const read_case& one : cases) {
         EXPECT_EQ(command_read_output(fd, one.max_rows, &output, &rows), 0);
@@ -340,7 +341,8 @@ TEST_F(command_test, without_the_signal_an_end_is_looked_for) {
     EXPECT_EQ(look(), 0);
     const sent_message answer = first_sent();
     EXPECT_EQ(answer.as<MSG_TYPE_QUITT>().msgnr, 2000172);
-    EXPECT_EQ(get_text(answer.as<MSG_TYPE_QUITT>().msg_insert), "57|-1|echo out; kill -STOP $$") << "no success";
+    EXPECT_EQ(get_text(answer.as<MSG_TYPE_QUITT>().msg_insert), "57|-1|echo out; kill -STOP $$")
+        << "no success";
     EXPECT_EQ(output_of(answer), "out\r\n");
     EXPECT_EQ(getCommandCount(), 0);
     EXPECT_EQ(pcx->Cmd_alarm_time, 0);

@@ -153,8 +153,9 @@ struct batch_test : queries_test {
 
     // Starts a script that runs, and waits until it told its process id.
     JP_AREA* start_batch(const std::string& text) {
-        open_with("[USERID]\nroot=START\n[STARTCMD]\nstart_type=batch\n"
-                  "Bourne-Shell=&jobFile > &jobReport 2>&1 &\nOther-Shell=&jobFile > &jobReport 2>&1 &\n");
+        open_with(
+            "[USERID]\nroot=START\n[STARTCMD]\nstart_type=batch\n"
+            "Bourne-Shell=&jobFile > &jobReport 2>&1 &\nOther-Shell=&jobFile > &jobReport 2>&1 &\n");
         start(1, "echo $$\r\n" + text + "\r\n");
         JP_AREA* job = Find_JEntry(1, client);
         for (int i = 0; i < 500 && script == 0; ++i) {

@@ -336,7 +336,7 @@ TEST_F(resource_test, texts_lose_their_carriage_returns_and_go_through_the_jobs_
         const char* kept;
     };
     constexpr text_case cases[] = {
-        {"a\r\nb\r\n", 6, "a\nb\n"}, {"a\rb", 3, "a\rb"},  {"a\r\r\n", 4, "a\r\n"},
+        {"a\r\nb\r\n", 6, "a\nb\n"}, {"a\rb", 3, "a\rb"}, {"a\r\r\n", 4, "a\r\n"},
         {"a\r", 2, "a\r"},           {"ab\0cd", 5, "ab"}, {"", 0, ""},
     };
     int run = 10;
@@ -460,7 +460,8 @@ TEST_F(resource_test, files_belong_to_the_jobs_user_and_under_hardened_to_the_ag
     };
     user = first.name;
     chmod((folder / "out").c_str(), 0777);
-    activate(with_rows(1, {{"shared", version_1}, {"sub/deep", version_1}, {"own", version_1, resource_task}}));
+    activate(
+        with_rows(1, {{"shared", version_1}, {"sub/deep", version_1}, {"own", version_1, resource_task}}));
     give("shared", version_1, 1, "1");
     give("sub/deep", version_1, 1, "1");
     give("own", version_1, 1, "1");

@@ -337,9 +337,10 @@ TEST_F(Launch, WhatStrangersPutInTheWayIsMovedAway) {
         }
     }
     const auto entries = std::filesystem::directory_iterator(folder.path);
-    EXPECT_EQ(std::count_if(begin(entries), end(entries),
-                            [](const auto& entry) { return entry.path().filename().string().starts_with(".qx-"); }),
-              4)
+    EXPECT_EQ(
+        std::count_if(begin(entries), end(entries),
+                      [](const auto& entry) { return entry.path().filename().string().starts_with(".qx-"); }),
+        4)
         << "nothing of a stranger's is removed";
 
     // Root's own is not a stranger's, and where nobody else may make names there are no strangers.

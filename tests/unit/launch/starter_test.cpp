@@ -331,8 +331,9 @@ TEST_F(StarterJobs, AJobFindsTheSameOnBothWays) {
     signal(SIGHUP, SIG_IGN);
     signal(SIGUSR1, SIG_IGN);
     const auto all = [this] {
-        std::string seen = run("env | sort\r\nulimit -a\r\nid\r\numask\r\nls -l /proc/self/fd | wc -l\r\n"
-                               "grep -E '^Sig' /proc/self/status | grep -v SigQ\r\nps -o sid=,tty= -p $$");
+        std::string seen =
+            run("env | sort\r\nulimit -a\r\nid\r\numask\r\nls -l /proc/self/fd | wc -l\r\n"
+                "grep -E '^Sig' /proc/self/status | grep -v SigQ\r\nps -o sid=,tty= -p $$");
         const std::string home = user.pw_dir;
         copy_text(user.pw_dir, "/no/home");
         seen += run("true");

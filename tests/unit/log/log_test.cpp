@@ -1,5 +1,4 @@
 #include "log/log.h"
-#include "log/log_origin.h"
 
 #include <fcntl.h>
 #include <grp.h>
@@ -7,12 +6,13 @@
 #include <sys/resource.h>
 #include <sys/wait.h>
 
-#include <csignal>
 #include <algorithm>
+#include <csignal>
 #include <cstring>
 #include <thread>
 
 #include "base/locks.h"
+#include "log/log_origin.h"
 #include "log/log_output.h"
 #include "log/trace.h"
 #include "scratch.h"
@@ -205,7 +205,8 @@ TEST_F(LogTest, AStrangersFolderInPlaceOfAGenerationIsMovedAside) {
     }
     const std::vector<std::string> lines = texts(dir.read("log03"));
     ASSERT_EQ(lines.size(), 2U) << "the rotation that met it";
-    EXPECT_NE(lines[0].find("/log03' was taken: a directory of user '?' (12345)"), std::string::npos) << lines[0];
+    EXPECT_NE(lines[0].find("/log03' was taken: a directory of user '?' (12345)"), std::string::npos)
+        << lines[0];
     EXPECT_EQ(lines[1], "run 1");
     const size_t name = lines[0].find(".qx-");
     ASSERT_NE(name, std::string::npos);
@@ -252,8 +253,12 @@ TEST_F(LogTest, AnAgentWithoutItsFileGoesOnAndSaysSo) {
         lines.emplace_back(line->text + 22);
     }
     const std::vector<std::string> expected = {
-        "a", std::string("U02003031 log '/dev/full' failed: ") + strerror(ENOSPC), "b", "c",
-        "U02003032 log '" + dir.at("log") + "' works again", "d"};
+        "a",
+        std::string("U02003031 log '/dev/full' failed: ") + strerror(ENOSPC),
+        "b",
+        "c",
+        "U02003032 log '" + dir.at("log") + "' works again",
+        "d"};
     EXPECT_EQ(lines, expected);
 }
 

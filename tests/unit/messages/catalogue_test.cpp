@@ -9,9 +9,10 @@ namespace {
 TEST(Catalogue, HoldsEveryNameOnceAndInOrder) {
     const MSGTAB* table = get_msgtab();
     ASSERT_GT(table->count, 0);
-    for (int64_t i = 1; i < table->count; i++)
+    for (int64_t i = 1; i < table->count; ++i) {
         EXPECT_LT(std::string(table->entries[i - 1].name), table->entries[i].name);
-    for (int64_t i = 0; i < table->count; i++) {
+    }
+    for (int64_t i = 0; i < table->count; ++i) {
         EXPECT_GE(std::string(table->entries[i].name).size(), 8U);
         EXPECT_EQ(find_definition(table, table->entries[i].name), &table->entries[i]);
     }

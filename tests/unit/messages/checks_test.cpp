@@ -136,8 +136,9 @@ TEST_F(ChecksTest, CatalogueCompilesWholeAndFailuresRefuseNothing) {
               0);
     ASSERT_FALSE(logged.empty());
     EXPECT_EQ(logged.back(), (std::pair<int, std::string>(2000215, "146|146|")));
-    for (const auto& line : logged)
+    for (const auto& line : logged) {
         EXPECT_TRUE(line.first == 2000214 || line.first == 2000215) << line.second;
+    }
 
     logged.clear();
     msg_error error;
@@ -167,8 +168,9 @@ TEST_F(ChecksTest, LeavesFieldsAloneThatMustNotBeTouched) {
     msg_el elements[] = {field("gt(0)", 1, 4), field("notempty()", 3, 4)};
     elements[1].count = 2;
     msg_error error;
-    for (msg_el& element : elements)
+    for (msg_el& element : elements) {
         ASSERT_EQ(compileCheckStream(&ctx, &element, &error), 0);
+    }
     msgtab_el entry = {"TEST    ", {2, elements}, 24};
     MSGTAB table = {1, &entry};
     ctx.table = &table;
@@ -177,8 +179,9 @@ TEST_F(ChecksTest, LeavesFieldsAloneThatMustNotBeTouched) {
     EXPECT_EQ(ToLAN(message.data(), message.size(), &ctx, 0, nullptr, &error), walk_accepted);
     EXPECT_EQ(logged.size(), 4U);
     logged.clear();
-    for (msg_el& element : elements)
+    for (msg_el& element : elements) {
         element.rule = rule_no_touch;
+    }
     EXPECT_EQ(ToLAN(message.data(), message.size(), &ctx, 0, nullptr, &error), walk_accepted);
     EXPECT_TRUE(logged.empty());
 }

@@ -30,8 +30,9 @@ outcome convert(image message, bool to_lan = false, const MSGTAB* table = nullpt
                         : ToHOST(message.data(), message.size(), &ctx, 0, nullptr, &error);
     out.code = error.code;
     out.subst = error.subst;
-    for (uint64_t i = 0; i < error.warning_list.length; i++)
+    for (uint64_t i = 0; i < error.warning_list.length; ++i) {
         out.warnings.emplace_back(error.warning_list.list[i].code, error.warning_list.list[i].subst);
+    }
     free_warning_list(&error);
     EXPECT_TRUE(native_order() == order_big || before == message);
     return out;
@@ -146,7 +147,7 @@ TEST(Conversion, StopsAtEveryFieldBoundaryAndOnlyThere) {
                                             90,  92,  94,  96,  98,  100, 104, 359, 360, 364, 368, 372, 376,
                                             378, 380, 382, 384, 386, 388, 392, 396, 496, 500, 504, 508, 512};
     // Inside a text or a filler the next field notices.
-    for (size_t length = 16; length <= 512; length++) {
+    for (size_t length = 16; length <= 512; ++length) {
         image message(whole.begin(), whole.begin() + static_cast<long>(length));
         bool boundary = std::find(boundaries.begin(), boundaries.end(), length) != boundaries.end();
         EXPECT_EQ(convert(message).result == walk_accepted, boundary) << length;
@@ -156,13 +157,15 @@ TEST(Conversion, StopsAtEveryFieldBoundaryAndOnlyThere) {
 TEST(Conversion, EveryTruncationAndMutationEndsCleanly) {
     std::mt19937 random(4711);
     for (const image& whole : {make_exstaj(), make_exaktj()}) {
-        for (size_t length = 0; length <= whole.size(); length++)
+        for (size_t length = 0; length <= whole.size(); ++length) {
             convert(image(whole.begin(), whole.begin() + static_cast<long>(length)), length % 2 == 0);
+        }
         int refused = 0;
-        for (int round = 0; round < 20000; round++) {
+        for (int round = 0; round < 20000; ++round) {
             image mutated = whole;
-            for (int k = 0; k < 3; k++)
+            for (int k = 0; k < 3; ++k) {
                 mutated[random() % mutated.size()] = static_cast<unsigned char>(random());
+            }
             refused += convert(mutated, round % 2 == 0).result != walk_accepted;
         }
         EXPECT_GT(refused, 100);
@@ -303,8 +306,9 @@ TEST(Conversion, FaultsOfTables) {
         small_table table(row.fields);
         image message = make_image("TEST", "01", 16);
         message.resize(40, 'x');
-        if (row.fields[0].type == 1)
+        if (row.fields[0].type == 1) {
             set_number(&message, 16, 2);
+        }
         outcome out = convert(message, false, &table.table);
         EXPECT_EQ(out.result, walk_failed) << row.what;
         EXPECT_EQ(out.code, row.code) << row.what;

@@ -193,14 +193,15 @@ TEST(Frame, MutatedBodiesEndCleanly) {
     std::mt19937 random(7);
     image frame = frame_make_message("0123456789abcdef", 16, full_address());
     int refused = 0;
-    for (int round = 0; round < 50000; round++) {
+    for (int round = 0; round < 50000; ++round) {
         image body(frame.begin() + 48, frame.end() - static_cast<long>(random() % 3));
-        for (int k = 0; k < 2; k++)
+        for (int k = 0; k < 2; ++k) {
             body[random() % body.size()] = static_cast<unsigned char>(random());
+        }
         frame_body parsed;
         qx7_error error;
         if (frame_parse_body(body.data(), body.size(), &parsed, &error) != 0) {
-            refused++;
+            ++refused;
             continue;
         }
         ASSERT_LE(parsed.offset + parsed.length, body.size());
@@ -238,10 +239,11 @@ TEST(FrameCheck, Header) {
     parms.iMaxPhysMsgSize = 1000;
     ASSERT_EQ(TCP_Parms(handle.area, &parms), 0);
     const std::string good = header();
-    for (size_t length = 0; length <= good.size(); length++)
+    for (size_t length = 0; length <= good.size(); ++length) {
         EXPECT_EQ(check(handle, good.substr(0, length)).number, 0) << length;
+    }
     // Each of the first 24 bytes counts as soon as it is there (the protocol's when it is whole).
-    for (size_t i = 0; i < 24; i++) {
+    for (size_t i = 0; i < 24; ++i) {
         std::string bad = good;
         bad[i] = '?';
         const char* field = i < 8 ? "Length|" : i < 18 ? "EyeCatcher|" : i < 21 ? "Version|" : "Protocol|";
@@ -320,8 +322,9 @@ TEST(FrameCheck, Registration) {
     EXPECT_EQ(TCP_Allow(area, "NONE", get_msgtab(), text, sizeof text), 1002209);
     EXPECT_STREQ(text, "NONE|");
     EXPECT_EQ(TCP_Allow(area, "NONE", nullptr, text, sizeof text), 0);
-    for (int i = 0; i < 20; i++)
+    for (int i = 0; i < 20; ++i) {
         EXPECT_EQ(TCP_Allow(area, "MELD", get_msgtab(), text, sizeof text), 0);
+    }
     EXPECT_EQ(area->iMsgCnt, 32);
     EXPECT_TRUE(TCP_Allowed(area, "NONE    "));
     EXPECT_FALSE(TCP_Allowed(area, "QUITT   "));

@@ -19,14 +19,15 @@ TEST(View, ReadsWhatCame) {
     EXPECT_EQ(get_text(job.name), "NIGHTLY.REPORT");
     EXPECT_EQ(view_text(view, job.jcl_dist, job.jcl_len), "#!/bin/sh\necho hello\nexit 0\n");
     table_cursor cursor = view_table(view, job.valuetab_dist);
-    for (std::string_view wanted : {"name1", "value1", "N", "name2", "value2", "N"})
+    for (std::string_view wanted : {"name1", "value1", "N", "name2", "value2", "N"}) {
         EXPECT_EQ(cursor_text(&cursor, 1024), wanted);
+    }
     EXPECT_FALSE(cursor.failed);
 }
 
 TEST(View, AbsentFieldsAreZeroOrBlank) {
     image message = make_exaktj();
-    for (size_t length = 0; length < 1836; length++) {
+    for (size_t length = 0; length < 1836; ++length) {
         image cut(message.begin(), message.begin() + static_cast<long>(length));
         message_view view = view_message(cut.data(), cut.size());
         auto job = view_record<MSG_TYPE_EXAKTJ>(view);
@@ -81,8 +82,9 @@ TEST(View, VariableDataOutsideDoesNotExist) {
                            {304, -1, 0},
                            {INT32_MAX, 1, 0},
                            {304, INT32_MAX, 0},
-                           {INT64_MAX, INT64_MAX, 0}})
+                           {INT64_MAX, INT64_MAX, 0}}) {
         EXPECT_EQ(view_data(view, row.dist, row.len).size(), row.size) << row.dist << " " << row.len;
+    }
 
     message[319] = 'x';
     table_cursor cursor = view_table(view, 317);

@@ -75,8 +75,9 @@ TEST(Decode, FaultsAndWarnings) {
     EXPECT_EQ(decode("51554954")[0]["type"], "QUIT");
     EXPECT_EQ(decode("3c613e")[0]["xml"], "<a>");
     EXPECT_EQ(decode(hex(make_image("NOBODY", "01", 20)))[0]["number"], 1002413);
-    for (const char* bad : {"5", "zz", "51 5", "515g"})
+    for (const char* bad : {"5", "zz", "51 5", "515g"}) {
         EXPECT_TRUE(decode(bad, false).at(0).contains("error"));
+    }
     EXPECT_EQ(decode("51 55 49 54\r")[0]["type"], "QUIT");
 }
 
@@ -151,10 +152,11 @@ TEST(Decode, FramesAndCaptures) {
 TEST(Decode, AlwaysWritesJson) {
     std::mt19937 random(11);
     for (const image& whole : {make_exstaj(), make_exaktj()}) {
-        for (int round = 0; round < 500; round++) {
+        for (int round = 0; round < 500; ++round) {
             image message(whole.begin(), whole.begin() + static_cast<long>(random() % whole.size()));
-            for (int k = 0; k < 5 && !message.empty(); k++)
+            for (int k = 0; k < 5 && !message.empty(); ++k) {
                 message[random() % message.size()] = static_cast<unsigned char>(random());
+            }
             EXPECT_EQ(decode(hex(message)).size(), 1U);
         }
     }

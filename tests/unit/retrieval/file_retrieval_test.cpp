@@ -1,10 +1,10 @@
 // File retrieval: requests good and bad, both directions in four encodings, blocks, time, whose rights count.
-#include "base/message_numbers.h"
 #include "retrieval/file_retrieval.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include "base/message_numbers.h"
 #include "file_request_text.h"
 #include "messages/records_report.h"
 #include "messages/records_server.h"
@@ -192,7 +192,8 @@ TEST_F(file_retrieval_test, bytes_come_as_they_are) {
 
 TEST_F(file_retrieval_test, lines_and_requests_beyond_the_bounds_fail) {
     write_text(file, "aaaaaaaaaa\n");
-    EXPECT_EQ(open({.key = "A", .file = file, .blocksize = 5}).insert, file + "|-4720 - record size too long|");
+    EXPECT_EQ(open({.key = "A", .file = file, .blocksize = 5}).insert,
+              file + "|-4720 - record size too long|");
     EXPECT_EQ(open({.key = "B", .file = file, .direction = 'E', .blocksize = 34}).insert,
               file + "|record size is too long|");
     EXPECT_EQ(get_fileReqCount(pcx), 0);  // what failed leaves its key free
@@ -419,7 +420,8 @@ TEST_F(file_retrieval_test, a_request_that_lacks_something_tells_what) {
 
 TEST(file_answer_test, an_error_fits_its_bound_and_cuts_no_entity) {
     for (size_t extra = 0; extra < 8; ++extra) {
-        const std::string text = file_answer_error("key of mine", 1, std::string(extra, 'x') + std::string(900, '"'));
+        const std::string text =
+            file_answer_error("key of mine", 1, std::string(extra, 'x') + std::string(900, '"'));
         EXPECT_LE(text.size(), 2048U);
         EXPECT_EQ(between(text, "request=\"", "\""), "key");
         EXPECT_TRUE(between(text, "insert=\"", "\"").ends_with("&quot;"));
@@ -430,7 +432,8 @@ TEST(base64_test, known_texts) {
     const struct {
         const char* plain;
         const char* coded;
-    } rows[] = {{"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foob", "Zm9vYg=="}, {"\xFB\xFF", "+/8="}};
+    } rows[] = {{"", ""},        {"f", "Zg=="},        {"fo", "Zm8="},
+                {"foo", "Zm9v"}, {"foob", "Zm9vYg=="}, {"\xFB\xFF", "+/8="}};
     for (const auto& row : rows) {
         std::string coded, plain;
         base64_encode(row.plain, &coded);

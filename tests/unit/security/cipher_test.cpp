@@ -83,7 +83,7 @@ TEST_P(engine_test, any_number_of_blocks_agrees_with_the_peer) {
         const bytes secret = counting(key_size, 3, 11), start = counting(16, 90, 5);
         aes_key key;
         ASSERT_EQ(0, aes_set_key(&key, secret, GetParam()));
-        for (size_t blocks = 0; blocks <= 35; blocks++) {
+        for (size_t blocks = 0; blocks <= 35; ++blocks) {
             const bytes plain = counting(blocks * 16, static_cast<unsigned>(blocks));
             const bytes expected = peer_cbc(secret, start, plain, true);
             bytes apart(plain.size()), in_place = plain, iv = start;
@@ -209,7 +209,7 @@ TEST(des, agrees_with_the_peer) {
         GTEST_SKIP() << "the peer has no DES";
     }
     EVP_CIPHER* cipher = EVP_CIPHER_fetch(nullptr, "DES-ECB", nullptr);
-    for (unsigned i = 0; i < 200; i++) {
+    for (unsigned i = 0; i < 200; ++i) {
         const bytes secret = counting(8, i * 31, i * 2 + 1), plain = counting(8, i * 77, i + 3);
         des_key key;
         desinit(&key, secret.data());
@@ -247,7 +247,7 @@ TEST(random_numbers, differ_between_calls_threads_and_seeds) {
         GetRandomEx(number.data(), number.size());
         EXPECT_TRUE(seen.insert(number).second);
     };
-    for (int i = 0; i < 100; i++) {
+    for (int i = 0; i < 100; ++i) {
         draw();
     }
     std::thread(draw).join();
@@ -282,7 +282,7 @@ TEST(random_numbers, of_a_child_are_its_own) {
 TEST(random_numbers, have_no_stuck_bits) {
     bytes numbers(20000);
     GetRandomEx(numbers.data(), numbers.size());
-    for (int bit = 0; bit < 8; bit++) {
+    for (int bit = 0; bit < 8; ++bit) {
         int ones = 0;
         for (uint8_t number : numbers) {
             ones += (number >> bit) & 1;

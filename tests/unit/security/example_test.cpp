@@ -30,7 +30,7 @@ std::string example() {
 
 std::string hex(const uint8_t* data, size_t length) {
     std::string out;
-    for (size_t i = 0; i < length; i++) {
+    for (size_t i = 0; i < length; ++i) {
         char text[3];
         snprintf(text, sizeof text, "%02X", data[i]);
         out += text;
@@ -50,7 +50,7 @@ TEST(worked_example, is_what_this_code_does) {
 
     startpack start;
     memcpy(start.pExName, "AGENT1", 6);
-    for (unsigned i = 0; i < 4; i++) {
+    for (unsigned i = 0; i < 4; ++i) {
         start.pDHValues[i] = XpowYmodN(keys.generator, i + 1, keys.modulus);
     }
     uint8_t package[start_package_size];

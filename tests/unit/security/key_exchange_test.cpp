@@ -72,10 +72,10 @@ TEST_F(exchange_test, an_agent_that_takes_no_key_says_why) {
 TEST_F(exchange_test, packages_have_the_published_layout) {
     startpack start;
     memcpy(start.pExName, "AGENT1", 6);
-    for (size_t i = 0; i < 4; i++) {
+    for (size_t i = 0; i < 4; ++i) {
         // Private number i + 1, so that the public value is a power that can be multiplied out.
         start.pDHValues[i] = server.generator % server.modulus;
-        for (size_t times = 0; times < i; times++) {
+        for (size_t times = 0; times < i; ++times) {
             start.pDHValues[i] = static_cast<uint64_t>(static_cast<unsigned __int128>(start.pDHValues[i]) *
                                                        server.generator % server.modulus);
         }
@@ -84,7 +84,7 @@ TEST_F(exchange_test, packages_have_the_published_layout) {
     place(&expected, 0, from_hex("0481b181"));
     expected[20] = 1;
     place(&expected, 85, {'A', 'G', 'E', 'N', 'T', '1'});
-    for (size_t i = 0; i < 32; i++) {
+    for (size_t i = 0; i < 32; ++i) {
         expected[53 + i] = static_cast<uint8_t>(start.pDHValues[i / 8] >> (8 * (7 - i % 8)));
     }
     place(&expected, 4, peer_md5(slice(expected, 20, 160)));
@@ -104,15 +104,15 @@ TEST_F(exchange_test, packages_have_the_published_layout) {
     EXPECT_EQ(bytes(62), slice(answer, 53, 62));
     // Their shared key: the agent's public values to the powers 1 to 4.
     bytes key(32), stored(32);
-    for (size_t i = 0; i < 4; i++) {
+    for (size_t i = 0; i < 4; ++i) {
         uint64_t value = 0, power = 1;
-        for (size_t at = 0; at < 8; at++) {
+        for (size_t at = 0; at < 8; ++at) {
             value = value << 8 | answer[21 + 8 * i + at];
         }
-        for (size_t times = 0; times <= i; times++) {
+        for (size_t times = 0; times <= i; ++times) {
             power = static_cast<uint64_t>(static_cast<unsigned __int128>(power) * value % server.modulus);
         }
-        for (size_t at = 0; at < 8; at++) {
+        for (size_t at = 0; at < 8; ++at) {
             key[8 * i + at] = static_cast<uint8_t>(power >> (56 - 8 * at));
         }
     }
@@ -124,7 +124,7 @@ TEST_F(exchange_test, a_package_that_cannot_be_opened_gets_no_answer) {
     key_exchange exchange;
     bytes good(start_package_size), answer;
     ASSERT_EQ(KM_OK, key_exchange_start(server, "AGENT1", &exchange, good.data()));
-    for (size_t at = 0; at < good.size(); at++) {
+    for (size_t at = 0; at < good.size(); ++at) {
         bytes package = good;
         package[at] ^= 0x08;
         int number = answer_to(package, &answer);
@@ -195,7 +195,7 @@ TEST_F(exchange_test, a_server_refuses_changed_answers) {
     bytes package(start_package_size), good, key(32);
     ASSERT_EQ(KM_OK, key_exchange_start(server, "AGENT1", &exchange, package.data()));
     ASSERT_EQ(KM_OK, answer_to(package, &good));
-    for (size_t at = 0; at < good.size(); at++) {
+    for (size_t at = 0; at < good.size(); ++at) {
         bytes answer = good;
         answer[at] ^= 0x02;
         ASSERT_EQ(at < 3 ? KM_WRONG_DATA : KM_HASH,
@@ -257,12 +257,12 @@ TEST(numbers, powers_and_primes) {
 
 TEST(numbers, every_company_key_has_its_pair) {
     bool prime[256];
-    for (size_t i = 0; i < 256; i++) {
+    for (size_t i = 0; i < 256; ++i) {
         prime[i] = MillerRabin(g_DHTable[i], 20);
     }
     auto first_from = [&](size_t at) {
         while (!prime[at % 256]) {
-            at++;
+            ++at;
         }
         return g_DHTable[at % 256];
     };

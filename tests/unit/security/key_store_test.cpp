@@ -144,7 +144,7 @@ TEST_F(store_test, faults_of_the_store_have_their_numbers) {
 
 TEST_F(store_test, a_company_key_in_the_store_comes_first) {
     std::string hex;
-    for (int i = 0; i < 32; i++) {
+    for (int i = 0; i < 32; ++i) {
         hex += "0F";
     }
     write("[CompanyKey]\n0.2=" + hex + "\n");
@@ -168,7 +168,6 @@ TEST_F(store_test, closing_wipes_and_may_be_repeated) {
 }
 
 // ---- initial package
-// ------------------------------------------------------------------------------------------------
 
 initial_package sample_package() {
     initial_package package;
@@ -236,7 +235,7 @@ TEST_F(store_test, faulty_packages_are_refused_by_number) {
     auto import = [&](std::string package, std::string_view password = "") {
         return ImportKey(&keys, as_bytes(package), password);
     };
-    for (size_t length = 1; length < good.size(); length++) {
+    for (size_t length = 1; length < good.size(); ++length) {
         ASSERT_EQ(KM_WRONG_DATA, import(good.substr(0, length))) << length;
     }
     EXPECT_EQ(KM_WRONG_DATA, import(""));
@@ -258,7 +257,6 @@ TEST_F(store_test, faulty_packages_are_refused_by_number) {
 }
 
 // ---- the agent's start
-// ------------------------------------------------------------------------------------------------
 
 struct open_test : store_test {
     EX_PCX context;
@@ -331,16 +329,16 @@ TEST(derivation, keys_from_texts_follow_the_rounds) {
     const bytes first = {'u', 's', 'e', 'r'}, second = {'p', 'w'};
     bytes out(32), expected;
     ASSERT_EQ(KM_OK, GetKeyValue(first, second, out.data(), out.size()));
-    for (uint8_t counter = 1; counter <= 2; counter++) {
+    for (uint8_t counter = 1; counter <= 2; ++counter) {
         bytes block(64, counter);
-        for (size_t i = 0; i < 64; i++) {
+        for (size_t i = 0; i < 64; ++i) {
             block.push_back(first[i % 4]);
         }
-        for (size_t i = 0; i < 64; i++) {
+        for (size_t i = 0; i < 64; ++i) {
             block.push_back(second[i % 2]);
         }
         bytes digest = peer_md5(block);
-        for (int i = 0; i < 511; i++) {
+        for (int i = 0; i < 511; ++i) {
             digest = peer_md5(digest);
         }
         expected.insert(expected.end(), digest.begin(), digest.end());

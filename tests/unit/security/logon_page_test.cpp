@@ -101,7 +101,7 @@ TEST(logon_page, opens_with_its_keys) {
     }
     startpack start;
     memcpy(start.pExName, "AGENT1", 6);
-    for (unsigned i = 0; i < 4; i++) {
+    for (unsigned i = 0; i < 4; ++i) {
         start.pDHValues[i] = XpowYmodN(keys.generator, exchange.private_numbers[i], keys.modulus);
     }
     bytes package(start_package_size);
@@ -152,7 +152,7 @@ TEST(logon_page, table_of_primes_is_the_one_in_use) {
         }
     }
     ASSERT_EQ(256u, primes.size());
-    for (size_t k = 0; k < 256; k++) {
+    for (size_t k = 0; k < 256; ++k) {
         bytes key(gss_key_size);
         key[9] = static_cast<uint8_t>(k);
         uint64_t generator = 0, modulus = 0;

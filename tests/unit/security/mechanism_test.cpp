@@ -22,7 +22,7 @@ bytes written_init_token(const bytes& transfer, const bytes& session, std::strin
     place(&token, 16, from_hex("0385"));
     put_text(&token, 34, "CRY1");
     token[38] = 1;
-    for (size_t i = 0; i < 4; i++) {
+    for (size_t i = 0; i < 4; ++i) {
         token[39 + i] = static_cast<uint8_t>(context >> (24 - 8 * i));
         token[47 + i] = static_cast<uint8_t>(flags >> (24 - 8 * i));
     }
@@ -41,7 +41,7 @@ bytes written_accept_token(const bytes& session, const bytes& iv, uint32_t conte
     place(&token, 0, from_hex("0362"));
     put_text(&token, 19, "CRY1");
     token[23] = 2;
-    for (size_t i = 0; i < 4; i++) {
+    for (size_t i = 0; i < 4; ++i) {
         token[24 + i] = static_cast<uint8_t>(context >> (24 - 8 * i));
     }
     token[31] = 1;
@@ -58,7 +58,7 @@ bytes written_credential(const bytes& transfer, const bytes& session, uint32_t c
     place(&token, 0, from_hex("0381dc"));
     put_text(&token, 19, "CRY1");
     token[23] = 4;
-    for (size_t i = 0; i < 4; i++) {
+    for (size_t i = 0; i < 4; ++i) {
         token[24 + i] = static_cast<uint8_t>(context >> (24 - 8 * i));
     }
     token[31] = 1;
@@ -159,7 +159,7 @@ OM_uint32 number_for_init_byte(size_t at) {
 
 TEST_F(mechanism_test, every_changed_byte_of_an_init_token_is_refused_by_its_number) {
     const bytes good = written_init_token(transfer, session, "SYSTEM", 1, 0);
-    for (size_t at = 0; at < good.size(); at++) {
+    for (size_t at = 0; at < good.size(); ++at) {
         for (unsigned change : {0x01u, 0x80u, 0xFFu}) {
             bytes token = good;
             token[at] = static_cast<uint8_t>(token[at] ^ change);
@@ -186,7 +186,7 @@ TEST_F(mechanism_test, init_tokens_of_other_lengths_and_keys_are_refused) {
 }
 
 TEST_F(mechanism_test, every_changed_byte_of_an_accept_token_ends_the_context) {
-    for (size_t at = 0; at < 100; at++) {
+    for (size_t at = 0; at < 100; ++at) {
         handshake pair(transfer);
         ASSERT_EQ(GSS_S_CONTINUE_NEEDED, pair.start());
         bytes answer = pair.accept();
@@ -228,7 +228,6 @@ TEST_F(mechanism_test, names_are_cut_at_the_field) {
 }
 
 // ---- delegation
-// -----------------------------------------------------------------------------------------------------
 
 struct delegation_test : mechanism_test {
     const bytes target_key = counting(32, 200, 9);
@@ -290,7 +289,7 @@ TEST_F(delegation_test, the_agent_presents_itself_with_it) {
 
 TEST_F(delegation_test, every_changed_byte_of_the_credential_is_refused) {
     const bytes good = order();
-    for (size_t at = 151; at < good.size(); at++) {
+    for (size_t at = 151; at < good.size(); ++at) {
         bytes token = good;
         token[at] ^= 0x20;
         acceptor side(transfer, token);
@@ -319,7 +318,6 @@ TEST_F(delegation_test, delegating_needs_a_second_name) {
 }
 
 // ---- names, credentials, texts
-// ------------------------------------------------------------------------------------------
 
 TEST_F(mechanism_test, names_know_their_type_and_drop_their_terminator) {
     gss_name_t with = nullptr, without = nullptr, other = nullptr;

@@ -22,7 +22,7 @@ inline bytes from_hex(std::string_view text) {
 
 inline bytes counting(size_t length, unsigned start = 1, unsigned step = 7) {
     bytes out(length);
-    for (size_t i = 0; i < length; i++) {
+    for (size_t i = 0; i < length; ++i) {
         out[i] = static_cast<uint8_t>(start + step * i + (i >> 8));
     }
     return out;

@@ -120,7 +120,7 @@ TEST_F(seal_test, both_engines_seal_alike) {
     for (size_t length = 1; length < 500; length += 7) {
         const bytes plain = counting(length);
         const bytes fast = seal(pair.initiator, plain, 3);
-        pair.initiator->m_OutMsgCounter--;
+        --pair.initiator->m_OutMsgCounter;
         aes_set_key(&pair.initiator->full_key, pair.initiator->m_SessionKey.span(), aes_engine::portable);
         ASSERT_EQ(fast, seal(pair.initiator, plain, 3)) << length;
         aes_set_key(&pair.initiator->full_key, pair.initiator->m_SessionKey.span());
@@ -145,7 +145,7 @@ TEST_F(seal_test, every_changed_byte_is_refused_and_leaves_the_context_as_it_was
     pair.establish();
     const bytes plain = counting(200), good = seal(pair.initiator, plain, 3);
     const size_t inner = good.size() - 34 - 208;
-    for (size_t at = 0; at < good.size(); at++) {
+    for (size_t at = 0; at < good.size(); ++at) {
         bytes sealed = good;
         sealed[at] ^= 0x10;
         opened_message got = unseal(pair.acceptor, sealed);
@@ -166,7 +166,7 @@ TEST_F(seal_test, cut_and_prolonged_messages_are_refused) {
     handshake pair(transfer);
     pair.establish();
     const bytes good = seal(pair.initiator, counting(100), 3);
-    for (size_t length = 0; length < good.size() + 20; length++) {
+    for (size_t length = 0; length < good.size() + 20; ++length) {
         if (length == good.size()) {
             continue;
         }

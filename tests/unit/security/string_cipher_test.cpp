@@ -22,7 +22,7 @@ std::string decipher(const std::string& text, const char* key, int expected = 0)
 }
 
 TEST(string_cipher, texts_come_back_for_every_length) {
-    for (size_t length = 0; length < 40; length++) {
+    for (size_t length = 0; length < 40; ++length) {
         const std::string text(length, 'x');
         const std::string sealed = encipher(text, "key");
         EXPECT_EQ(4 + (length / 8 + 1) * 16, sealed.size());
@@ -84,7 +84,7 @@ TEST(string_cipher, works_in_place_and_within_its_room) {
     EXPECT_STREQ("1234", small);
     EXPECT_EQ(-1, ZUSTRNG_DeMaxim2(small, sizeof small, "plain", "key"));
     // Another key gives a text without an end, or another text, but never more than there is room for.
-    for (int i = 0; i < 50; i++) {
+    for (int i = 0; i < 50; ++i) {
         char out[16];
         int result = ZUSTRNG_DeMaxim2(out, sizeof out,
                                       encipher("some words", ("k" + std::to_string(i)).c_str()).c_str(), "z");
@@ -111,7 +111,7 @@ TEST(string_cipher, the_current_key_is_built_in_until_one_is_set) {
 }
 
 TEST(string_cipher, the_binary_form_keeps_its_length) {
-    for (size_t length = 0; length < 30; length++) {
+    for (size_t length = 0; length < 30; ++length) {
         const bytes data = counting(length);
         bytes sealed(EnMaximBin_size(length)), opened(sealed.size());
         int size = ZUSTRNG_EnMaximBin2(sealed.data(), sealed.size(), data.data(), length, "key");
@@ -125,7 +125,8 @@ TEST(string_cipher, the_binary_form_keeps_its_length) {
         opened.resize(length);
         EXPECT_EQ(data, opened);
         if (length != 0) {
-            EXPECT_EQ(-1, ZUSTRNG_EnMaximBin2(sealed.data(), static_cast<size_t>(size) - 1, data.data(), length, "key"));
+            EXPECT_EQ(-1, ZUSTRNG_EnMaximBin2(sealed.data(), static_cast<size_t>(size) - 1, data.data(),
+                                              length, "key"));
         }
     }
     bytes data = counting(13), room(17);

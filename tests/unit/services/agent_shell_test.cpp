@@ -75,9 +75,9 @@ TEST_F(shell_test, every_row_answers_with_its_title) {
                               "SIMULATE - changes the behavior of agent for testing purposes\n"}) {
         EXPECT_NE(help.find(words), std::string::npos) << words;
     }
-    for (const char* name : {"GET_HANDLES", "GET_PERF_INFO", "GET_TCP_HANDLES", "GET_FTS", "GET_EVENTS",
-                             "GET_REPORTS", "GET_LOG_DUMP", "GET_TRC_DUMP", "DUMP", "SET_INI_PARAM a=b",
-                             "SET_FTX_PARAM"}) {
+    for (const char* name :
+         {"GET_HANDLES", "GET_PERF_INFO", "GET_TCP_HANDLES", "GET_FTS", "GET_EVENTS", "GET_REPORTS",
+          "GET_LOG_DUMP", "GET_TRC_DUMP", "DUMP", "SET_INI_PARAM a=b", "SET_FTX_PARAM"}) {
         EXPECT_NE(run(name).find("\nNot yet implemented\n"), std::string::npos) << name;
     }
 }
@@ -92,10 +92,14 @@ TEST_F(shell_test, commands_that_show) {
     EXPECT_GT(size, 1000);
 
     int before = 0, after = 0;
-    ASSERT_EQ(sscanf(run("GET_OPENFD_COUNT").c_str(), "GET_OPENFD_COUNT\nregular=%*d; socket=%*d; dir=%*d; symlink=%*d; pipe=%d", &before), 1);
+    ASSERT_EQ(sscanf(run("GET_OPENFD_COUNT").c_str(),
+                     "GET_OPENFD_COUNT\nregular=%*d; socket=%*d; dir=%*d; symlink=%*d; pipe=%d", &before),
+              1);
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
-    ASSERT_EQ(sscanf(run("GET_HANDLE_COUNT").c_str(), "GET_HANDLE_COUNT\nFile=%*d; Socket=%*d; Directory=%*d; Symlink=%*d; Pipe=%d", &after), 1);
+    ASSERT_EQ(sscanf(run("GET_HANDLE_COUNT").c_str(),
+                     "GET_HANDLE_COUNT\nFile=%*d; Socket=%*d; Directory=%*d; Symlink=%*d; Pipe=%d", &after),
+              1);
     EXPECT_EQ(after, before + 2);
     close(ends[0]);
     close(ends[1]);
@@ -227,7 +231,9 @@ TEST_F(shell_test, simulate_takes_its_fourth_word) {
     EXPECT_EQ(run("SIMULATE SETLOGFILESIZE = 7"), "SIMULATE\nnew log file size 7 MB\n");
     EXPECT_EQ(ZULOGG_GetLogFileSize(pcx->logHnd), 7ULL << 20);
     const std::string text = run("SIMULATE SETLOGFILESTARTTIME = 2026.2.3");
-    EXPECT_TRUE(text.starts_with("SIMULATE\nparsed values: year=2026, month=2, day=3\nlog start time set to 2026-02-03 00:00:00(")) << text;
+    EXPECT_TRUE(text.starts_with(
+        "SIMULATE\nparsed values: year=2026, month=2, day=3\nlog start time set to 2026-02-03 00:00:00("))
+        << text;
     EXPECT_NE(ZULOGG_GetLogFileStartTime(pcx->logHnd), 0);
     EXPECT_NE(run("SIMULATE SETLOGFILESTARTTIME = 9999.2.3").find("(2533"),
               std::string::npos);  // far behind 2^31
@@ -262,9 +268,10 @@ TEST_F(shell_test, put_bin_sends_the_file) {
     EXPECT_EQ(record.header.i2Mandant, 100);
     EXPECT_EQ(view_text(view, sizeof record, record.file_name_len), "content");
     EXPECT_EQ(view_text(view, record.content_dist, record.content_len), "the content");
-    for (const std::string& bad : {std::string("PUT_BIN"), std::string("PUT_BIN 100,S,R,Y"), "PUT_BIN x,S,R,Y," + file,
-                                   "PUT_BIN 100,S,R,J," + file, std::string("PUT_BIN 100,S,R,Y,relative"),
-                                   "PUT_BIN 100,S,R,Y," + folder.path, std::string("PUT_BIN 1,S,R,Y,/dev/zero")}) {
+    for (const std::string& bad :
+         {std::string("PUT_BIN"), std::string("PUT_BIN 100,S,R,Y"), "PUT_BIN x,S,R,Y," + file,
+          "PUT_BIN 100,S,R,J," + file, std::string("PUT_BIN 100,S,R,Y,relative"),
+          "PUT_BIN 100,S,R,Y," + folder.path, std::string("PUT_BIN 1,S,R,Y,/dev/zero")}) {
         ccm_msg_emptying_queues(ccm);
         run(bad);
         EXPECT_EQ(ccm->sendq.first, nullptr) << bad;

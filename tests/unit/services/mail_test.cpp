@@ -37,9 +37,18 @@ std::string order_of(const std::vector<std::pair<char, std::string>>& elements) 
 }
 
 TEST(mail_elements, are_read_whole_or_not_at_all) {
-    const std::string body = order_of({{'A', " ann@x "}, {'A', "bob@x"}, {'C', "cc@x"}, {'D', "/tmp/a b"}, {'F', "me@x"},
-                                       {'I', "12"}, {'L', "bert"}, {'P', " p w "}, {'S', "relay\0junk"}, {'T', "one\n"},
-                                       {'Z', "unknown"}, {'T', "two\n"}});
+    const std::string body = order_of({{'A', " ann@x "},
+                                       {'A', "bob@x"},
+                                       {'C', "cc@x"},
+                                       {'D', "/tmp/a b"},
+                                       {'F', "me@x"},
+                                       {'I', "12"},
+                                       {'L', "bert"},
+                                       {'P', " p w "},
+                                       {'S', "relay\0junk"},
+                                       {'T', "one\n"},
+                                       {'Z', "unknown"},
+                                       {'T', "two\n"}});
     mail_order order;
     qx7_error error;
     ASSERT_EQ(mail_read_order(view_message(body.data(), body.size()), &order, &error), 0);
@@ -58,8 +67,14 @@ TEST(mail_elements, are_read_whole_or_not_at_all) {
 }
 
 TEST(mail_elements, bound_time_and_attachments) {
-    for (const auto& [text, seconds] : std::vector<std::pair<std::string, int>>{
-             {"0", 1}, {"-5", 1}, {"1", 1}, {"600", 600}, {"601", 600}, {"99999999999", 30}, {"x", 30}, {"", 30}}) {
+    for (const auto& [text, seconds] : std::vector<std::pair<std::string, int>>{{"0", 1},
+                                                                                {"-5", 1},
+                                                                                {"1", 1},
+                                                                                {"600", 600},
+                                                                                {"601", 600},
+                                                                                {"99999999999", 30},
+                                                                                {"x", 30},
+                                                                                {"", 30}}) {
         const std::string body = order_of({{'I', text}});
         mail_order order;
         qx7_error error;
@@ -79,16 +94,31 @@ TEST(mail_elements, bound_time_and_attachments) {
 }
 
 TEST(mail_header, gives_addresses_only_to_what_is_one) {
-    for (const auto& [mailbox, address] : std::vector<std::pair<std::string, std::string>>{
-             {"ann", "ann"},
-             {"ann@x.org", "ann@x.org"},
-             {"Ann <ann@x.org>", "ann@x.org"},
-             {"\"A < B\" <ann@x.org>", "ann@x.org"},
-             {"ann@[127.0.0.1]", "ann@[127.0.0.1]"},
-             {"ann@[IPv6:::1]", "ann@[IPv6:::1]"},
-             {"", ""}, {"<>", ""}, {"@x", ""}, {"a b", ""}, {"a\tb", ""}, {"a\r\nb", ""}, {"a,b", ""}, {"g:a", ""},
-             {"a;b", ""}, {"a(c)", ""}, {"\"a\"@x", ""}, {"a\\@x", ""}, {"a>", ""}, {"<a", ""}, {"<a>b", ""},
-             {"\xc3\xa4@x", ""}, {std::string(254, 'a'), std::string(254, 'a')}, {std::string(255, 'a'), ""}}) {
+    for (const auto& [mailbox, address] :
+         std::vector<std::pair<std::string, std::string>>{{"ann", "ann"},
+                                                          {"ann@x.org", "ann@x.org"},
+                                                          {"Ann <ann@x.org>", "ann@x.org"},
+                                                          {"\"A < B\" <ann@x.org>", "ann@x.org"},
+                                                          {"ann@[127.0.0.1]", "ann@[127.0.0.1]"},
+                                                          {"ann@[IPv6:::1]", "ann@[IPv6:::1]"},
+                                                          {"", ""},
+                                                          {"<>", ""},
+                                                          {"@x", ""},
+                                                          {"a b", ""},
+                                                          {"a\tb", ""},
+                                                          {"a\r\nb", ""},
+                                                          {"a,b", ""},
+                                                          {"g:a", ""},
+                                                          {"a;b", ""},
+                                                          {"a(c)", ""},
+                                                          {"\"a\"@x", ""},
+                                                          {"a\\@x", ""},
+                                                          {"a>", ""},
+                                                          {"<a", ""},
+                                                          {"<a>b", ""},
+                                                          {"\xc3\xa4@x", ""},
+                                                          {std::string(254, 'a'), std::string(254, 'a')},
+                                                          {std::string(255, 'a'), ""}}) {
         EXPECT_EQ(mail_address(mailbox), address) << mailbox;
     }
 }
@@ -150,9 +180,15 @@ TEST(mail_header, an_order_without_settings_is_told_which_one_to_write) {
 }
 
 TEST(mail_body, codes_as_the_standards_say) {
-    for (const auto& [plain, coded] : std::vector<std::pair<std::string, std::string>>{
-             {"", ""}, {"f", "Zg==\r\n"}, {"fo", "Zm8=\r\n"}, {"foo", "Zm9v\r\n"}, {"foob", "Zm9vYg==\r\n"},
-             {"fooba", "Zm9vYmE=\r\n"}, {"foobar", "Zm9vYmFy\r\n"}, {std::string("\xff\xfe\xfd", 3), "//79\r\n"}}) {
+    for (const auto& [plain, coded] :
+         std::vector<std::pair<std::string, std::string>>{{"", ""},
+                                                          {"f", "Zg==\r\n"},
+                                                          {"fo", "Zm8=\r\n"},
+                                                          {"foo", "Zm9v\r\n"},
+                                                          {"foob", "Zm9vYg==\r\n"},
+                                                          {"fooba", "Zm9vYmE=\r\n"},
+                                                          {"foobar", "Zm9vYmFy\r\n"},
+                                                          {std::string("\xff\xfe\xfd", 3), "//79\r\n"}}) {
         std::string out;
         mail_append_base64(&out, plain);
         EXPECT_EQ(out, coded) << plain;
@@ -180,10 +216,18 @@ TEST(mail_body, codes_as_the_standards_say) {
 }
 
 TEST(mail_body, tells_what_can_go_as_lines) {
-    for (const auto& [text, plain] : std::vector<std::pair<std::string, bool>>{
-             {"", true}, {"a\nb", true}, {"a\r\nb\r\n", true}, {"a\r\nb\n", false}, {"a\rb", false}, {"a\r", false},
-             {std::string(998, 'x'), true}, {std::string(999, 'x'), false}, {std::string("\0", 1), false},
-             {"\x80", false}, {"\x7f", false}, {"\t\f\x01", true}}) {
+    for (const auto& [text, plain] : std::vector<std::pair<std::string, bool>>{{"", true},
+                                                                               {"a\nb", true},
+                                                                               {"a\r\nb\r\n", true},
+                                                                               {"a\r\nb\n", false},
+                                                                               {"a\rb", false},
+                                                                               {"a\r", false},
+                                                                               {std::string(998, 'x'), true},
+                                                                               {std::string(999, 'x'), false},
+                                                                               {std::string("\0", 1), false},
+                                                                               {"\x80", false},
+                                                                               {"\x7f", false},
+                                                                               {"\t\f\x01", true}}) {
         MailData piece;
         piece.buf = text;
         qx7_error error;
@@ -211,14 +255,17 @@ TEST(mail_body, chooses_a_boundary_that_no_line_begins_with) {
     EXPECT_EQ(boundary_for({"x\n--" + start}), start + "A");
     EXPECT_EQ(boundary_for({"x", "y\n" + start + "Ax\n"}), start + "B");
     for (size_t before = 0; before < 40; ++before) {
-        EXPECT_EQ(boundary_for({std::string(before, '-') + "\n" + start + std::string(40 - before, '=')}), start + "A") << before;
+        EXPECT_EQ(boundary_for({std::string(before, '-') + "\n" + start + std::string(40 - before, '=')}),
+                  start + "A")
+            << before;
     }
     std::string all;
     for (int c = 'A'; c <= 'Z'; ++c) {
         all += start + static_cast<char>(c) + "\n";
     }
     EXPECT_EQ(boundary_for({all}), start + "a");
-    EXPECT_EQ(boundary_for({start + "A\n", start + "\n"}), start + "B") << "the search begins again with the first piece";
+    EXPECT_EQ(boundary_for({start + "A\n", start + "\n"}), start + "B")
+        << "the search begins again with the first piece";
 }
 
 // In a file that is read in blocks, wherever the seam falls.
@@ -242,7 +289,8 @@ TEST(mail_body, finds_the_boundary_across_blocks) {
 TEST(mail_body, sends_no_file_that_changes_under_it) {
     const own_context context;
     const own_folder folder;
-    for (const std::string& later : {std::string("short"), std::string(20, '\x80'), "\n--" + std::string(mail_boundary_start) + "\nxxxxxxx"}) {
+    for (const std::string& later : {std::string("short"), std::string(20, '\x80'),
+                                     "\n--" + std::string(mail_boundary_start) + "\nxxxxxxx"}) {
         write_text(folder / "file", "twenty bytes of text");
         mail_order order;
         order.attachments = {folder / "file"};
@@ -251,15 +299,16 @@ TEST(mail_body, sends_no_file_that_changes_under_it) {
         ASSERT_EQ(mail_open_pieces(order, &pieces, &error), 0);
         ASSERT_EQ(is7bitData(&pieces[0], &error) + is7bitData(&pieces[1], &error), 0);
         bool changed = false;
-        const int result = mail_write("", pieces, "utf-8",
-                                      [&](std::string_view bytes) {
-                                          if (!changed && bytes.find("attachment") != std::string_view::npos) {
-                                              changed = true;
-                                              write_text(folder / "file", later);
-                                          }
-                                          return 0;
-                                      },
-                                      &error);
+        const int result = mail_write(
+            "", pieces, "utf-8",
+            [&](std::string_view bytes) {
+                if (!changed && bytes.find("attachment") != std::string_view::npos) {
+                    changed = true;
+                    write_text(folder / "file", later);
+                }
+                return 0;
+            },
+            &error);
         EXPECT_EQ(result, -1) << later;
         EXPECT_EQ(error.qx_msgnr, number_mail_file) << later;
     }
@@ -318,7 +367,8 @@ std::string talk(const std::vector<std::string>& script, const smtp_mail& mail, 
     line.timeout = 2;
     qx7_error error;
     std::string warned;
-    const int result = sendSmtpMail(&line, mail, [&](int, const std::string& insert) { warned += insert; }, &error);
+    const int result = sendSmtpMail(
+        &line, mail, [&](int, const std::string& insert) { warned += insert; }, &error);
     line.s.reset();
     relay.join();
     close(pair[1]);
@@ -335,13 +385,18 @@ TEST(relay, resets_after_a_failure_and_takes_its_leave) {
     mail.pieces.resize(1);
     mail.pieces[0].plain = true;
     int number = 0;
-    std::string heard = talk({"220 hi\r\n", "250 ok\r\n", "250 ok\r\n", "550 no|thanks\r\n", "551 no\r\n", "250 reset\r\n", "221 bye\r\n"}, mail, &number);
+    std::string heard = talk({"220 hi\r\n", "250 ok\r\n", "250 ok\r\n", "550 no|thanks\r\n", "551 no\r\n",
+                              "250 reset\r\n", "221 bye\r\n"},
+                             mail, &number);
     EXPECT_EQ(number, number_mail_no_recipient);
-    EXPECT_EQ(heard.substr(heard.find("MAIL")), "MAIL FROM:<me@x>\r\nRCPT TO:<a@x>\r\nRCPT TO:<b@x>\r\nRSET\r\nQUIT\r\n");
+    EXPECT_EQ(heard.substr(heard.find("MAIL")),
+              "MAIL FROM:<me@x>\r\nRCPT TO:<a@x>\r\nRCPT TO:<b@x>\r\nRSET\r\nQUIT\r\n");
     heard = talk({"554 go away\r\n"}, mail, &number);
     EXPECT_EQ(number, number_mail_greeting);
     EXPECT_EQ(heard, "") << "no session, no farewell";
-    heard = talk({"220 hi\r\n", "500 what\r\n", "250 ok\r\n", "250 ok\r\n", "251 forwarded\r\n", "550 no\r\n", "554 no data\r\n", "250 reset\r\n", "221 bye\r\n"}, mail, &number);
+    heard = talk({"220 hi\r\n", "500 what\r\n", "250 ok\r\n", "250 ok\r\n", "251 forwarded\r\n", "550 no\r\n",
+                  "554 no data\r\n", "250 reset\r\n", "221 bye\r\n"},
+                 mail, &number);
     EXPECT_EQ(number, number_mail_data_refused);
     EXPECT_NE(heard.find("\r\nHELO "), std::string::npos);
     EXPECT_NE(heard.find("DATA\r\nRSET\r\nQUIT\r\n"), std::string::npos) << heard;
