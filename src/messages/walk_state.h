@@ -54,3 +54,13 @@ void dump_message(const msgconv_ctx_t* ctx, const char* title, const void* msg, 
 inline unsigned shown(int64_t number) {
     return static_cast<unsigned>(number);
 }
+
+// Walks one record from the walk's place on, and the records in it; `structureSize` becomes the bytes that it
+// takes there. walk_failed with the error set, else walk_accepted.
+int process_elements(internal_stack_t* stack, const msgtab_el* entry, bool variableDataOnEnd,
+                     int64_t* structureSize);
+
+inline bool tracing(const msgconv_ctx_t* ctx, char level) {
+    return ctx != nullptr && ctx->trcflag != nullptr &&
+           ctx->trcflag->load(std::memory_order_relaxed) >= level;
+}
