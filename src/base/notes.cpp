@@ -10,6 +10,15 @@ constexpr size_t line_size = 2048;
 
 note_functions functions = {};
 
+void tell(void (*to)(const char*), const char* format, va_list arguments) {
+    if (to == nullptr) {
+        return;
+    }
+    char text[line_size];
+    vsnprintf(text, sizeof text, format, arguments);
+    to(text);
+}
+
 }  // namespace
 
 void notes_go_to(const note_functions& upward) {
@@ -29,25 +38,15 @@ void note_message(int number, const char* format, ...) {
 }
 
 void note_text(const char* format, ...) {
-    if (functions.text == nullptr) {
-        return;
-    }
-    char text[line_size];
     va_list arguments;
     va_start(arguments, format);
-    vsnprintf(text, sizeof text, format, arguments);
+    tell(functions.text, format, arguments);
     va_end(arguments);
-    functions.text(text);
 }
 
 void note_trace(const char* format, ...) {
-    if (functions.trace == nullptr) {
-        return;
-    }
-    char text[line_size];
     va_list arguments;
     va_start(arguments, format);
-    vsnprintf(text, sizeof text, format, arguments);
+    tell(functions.trace, format, arguments);
     va_end(arguments);
-    functions.trace(text);
 }

@@ -172,6 +172,16 @@ int read_client_row(EX_PCX* pcx, resource_job* job, const wanted_resource& wante
 
 // ---- Leaving ----
 
+// Takes the job off the resource's list; false when it was the last one.
+bool wanted_without(const resource_job* job, resource_item* item) {
+    RemoveEntryFromList(&item->job_list, job->JP_jobNr, job->JP_Mandant);
+    if (item->job_list.empty()) {
+        return false;
+    }
+    item->ah_idnr = item->job_list.front().ah_idnr;
+    return true;
+}
+
 void leave_awaited(resource_state* context, const key_entry& key, const resource_job* job) {
     resource_list* list = &context->requested_resource_list;
     resource_item* item = FindResourceWithKey(list, key.key);
@@ -182,9 +192,7 @@ void leave_awaited(resource_state* context, const key_entry& key, const resource
     if (item == nullptr) {
         return;
     }
-    RemoveEntryFromList(&item->job_list, job->JP_jobNr, job->JP_Mandant);
-    if (!item->job_list.empty()) {
-        item->ah_idnr = item->job_list.front().ah_idnr;
+    if (wanted_without(job, item)) {
         return;
     }
     if (resource_item* partner = FindResourceWithKey(&context->used_resource_list, item->resource_key)) {
@@ -214,9 +222,7 @@ void leave_used(EX_PCX* pcx, resource_state* context, const key_entry& key, cons
     if (item == nullptr) {
         return;
     }
-    RemoveEntryFromList(&item->job_list, job->JP_jobNr, job->JP_Mandant);
-    if (!item->job_list.empty()) {
-        item->ah_idnr = item->job_list.front().ah_idnr;
+    if (wanted_without(job, item)) {
         return;
     }
     const int successor = item->resource_key;
