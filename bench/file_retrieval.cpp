@@ -127,8 +127,7 @@ int main() {
     }
     printf(
         "tail of %d lines of a file of 10 GB: %.2f ms (%.2f ms with nothing in memory, aim 50), tail -n %d "
-        "%.2f ms, "
-        "ratio %.2f; %zu bytes of answer; peak memory grows by %ld kB beside a file of 16 MB\n",
+        "%.2f ms, ratio %.2f; %zu bytes of answer; peak memory grows by %ld kB beside a file of 16 MB\n",
         lines, median(own), median(cold), lines, median(peer), median(own) / median(peer), sent,
         peak_kilobytes() - before);
     unlink(small.c_str());

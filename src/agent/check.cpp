@@ -186,8 +186,7 @@ void say_keys(check_report* report, const key_facts& facts) {
     if (facts.fingerprint.empty() && !facts.first_contact && !facts.package_read) {
         check_say(report, CHECK_FAILED, "keys",
                   "no transfer key, no initial package that can be read, and AUTHORIZATION/first_contact is "
-                  "no: no server "
-                  "can log this agent on");
+                  "no: no server can log this agent on");
     } else if (facts.fingerprint.empty() && facts.package_read) {
         check_say(report, CHECK_OK, "keys",
                   "initial package '" + facts.package + "', which the next start reads");
@@ -199,8 +198,7 @@ void say_keys(check_report* report, const key_facts& facts) {
         check_say(report, CHECK_WARNING, "keys",
                   "derived company key, which follows from the system name; " + key +
                       ": whoever records the first contact can read everything. Bring an initial package "
-                      "(qxcp package "
-                      "AGENT) or an own company key" +
+                      "(qxcp package AGENT) or an own company key" +
                       first_contact);
     }
 }

@@ -32,8 +32,8 @@ struct candidate {
 struct search_state {
     bool open = false;
     std::vector<candidate> candidates;  // EX_PCX.nof_cp_connections of them
-    int chosen_channel =
-        0;  // that was chosen last; it is in its handshake while it still is a candidate by type
+    // That was chosen last; it is in its handshake while it still is a candidate by type.
+    int chosen_channel = 0;
     time_t last_start = 0;
 };
 

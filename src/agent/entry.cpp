@@ -285,8 +285,7 @@ int be_the_only_one(const entry_state& state) {
         default:
             fprintf(stderr,
                     "%s process %d (%s) already runs as the agent of '%s': stop it first, or start this one "
-                    "with an "
-                    "INI file, port and log of its own\n",
+                    "with an INI file, port and log of its own\n",
                     now_text().c_str(), static_cast<int>(holder), program_of(holder).c_str(), state.ini);
             print_abnormal_end(main_name);
             return_to_start(state);

@@ -204,8 +204,8 @@ int process_exstartq2(EX_PCX* pcx, ccm_msg_t* msg, int) {
     pcx->pcx_flag.fetch_or(PCX_FLAG_LOGGED_IN);
     pcx->unquitted_srvqry = 0;
     pcx->waitForChglogQu = 0;
-    pcx->pcx_varex->ExStart_Typ =
-        START_WARM;  // only now: a start message that got lost leaves the start cold
+    // Only now: a start message that got lost leaves the start cold.
+    pcx->pcx_varex->ExStart_Typ = START_WARM;
     pcx->ExStart_Typ = START_WARM;
     const bool other_report = pcx->report_id != 0 && pcx->report_id != answer.ah_idnr;
     take_server_version(pcx, answer);

@@ -78,8 +78,8 @@ constexpr bool each_place_once() {
     for (const module_row& row : modules) {
         places |= 1 << row.closing;
     }
-    return places ==
-           (1 << std::size(modules)) - 1;  // one row has no place, the others have 1, 2, 3 and so on
+    // One row has no place, the others have 1, 2, 3 and so on.
+    return places == (1 << std::size(modules)) - 1;
 }
 static_assert(each_place_once());
 

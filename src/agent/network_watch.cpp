@@ -60,8 +60,7 @@ void network_watch(EX_PCX* pcx) {
     }
     __log(-1,
           "the network thread of %s has not moved for %d seconds: the process ends with code 1. Jobs go on "
-          "and are "
-          "found again at the next start",
+          "and are found again at the next start",
           pcx->process_name, static_cast<int>(now - state.moved));
     _exit(agent_child_failure);
 }

@@ -283,8 +283,7 @@ int process_executor_data(EX_PCX* pcx, ccm_msg_t* msg) {
         ccm_channel_unlock(pcx->ccm);
         __log(-1,
               "connection user context doesn't exist for that connection. initiator process cannot be "
-              "informed. "
-              "ID=%i, name='%s'",
+              "informed. ID=%i, name='%s'",
               id, card.name.c_str());
         return -1;
     }
@@ -385,17 +384,15 @@ void server_handshake_failed(EX_PCX* pcx, const ccm_channel_image_t& channel) {
     if (fingerprint.empty()) {
         __log(-1,
               "the server %s:%d ended the connection before the handshake was over, and this agent holds no "
-              "transfer "
-              "key: the server may hold one for '%s' that its operator has to forget, or first contact is "
-              "off; %s",
+              "transfer key: the server may hold one for '%s' that its operator has to forget, or first "
+              "contact is off; %s",
               channel.addr, channel.port, pcx->exName, remedy);
         return;
     }
     __log(-1,
           "the server %s:%d ended the connection before the handshake was over: it may not know this agent's "
-          "transfer "
-          "key (fingerprint %s). If it has lost it, remove section [%s] from '%s' and start the agent again; "
-          "%s",
+          "transfer key (fingerprint %s). If it has lost it, remove section [%s] from '%s' and start the "
+          "agent again; %s",
           channel.addr, channel.port, fingerprint.c_str(), pcx->exName, agent_keys().file.c_str(), remedy);
 }
 

@@ -24,15 +24,15 @@ enum setting_kind : unsigned char {
 
 struct known_setting {
     std::string_view section;
-    std::string_view
-        key;  // "*": every key of the section that has no row; a number from `low` to `high` if `high` is set
+    // "*": every key of the section that has no row; a number from `low` to `high` if `high` is set.
+    std::string_view key;
     setting_kind kind;
     std::string_view preset;  // empty: none, or not the same everywhere
     long long low = 0;
     long long high = 0;
     std::string_view words = {};  // "|" between them
-    std::string_view otherwise =
-        {};                 // what is taken for a value that is not wanted; empty: it follows from the kind
+    // What is taken for a value that is not wanted; empty: it follows from the kind.
+    std::string_view otherwise = {};
     bool protects = false;  // such a value ends the start
     bool later = false;     // of a part that this build does not have
 };

@@ -17,10 +17,8 @@ constexpr char open_file_advice[] =
     ": who can write there decides what the agent runs; give it to root and take the right away (chmod go-w)";
 constexpr char not_hardened[] =
     "GLOBAL/hardened is off: where passwords are checked by shadow and passwd an empty one opens every "
-    "account without "
-    "a real hash (bin, daemon, and root where it may start jobs), and users can change stored files of each "
-    "other's "
-    "jobs; write hardened = yes";
+    "account without a real hash (bin, daemon, and root where it may start jobs), and users can change "
+    "stored files of each other's jobs; write hardened = yes";
 
 std::string user_name(uid_t uid) {
     const passwd* entry = getpwuid(uid);  // at the start: one thread

@@ -145,8 +145,8 @@ inline constexpr int number_shell_missing = 2003028;
 inline constexpr int number_start_command = 2003030;
 inline constexpr int number_no_such_job = 2003038;
 inline constexpr int number_job_killed = 2003046;
-inline constexpr int number_meld_not_taken =
-    2003078;  // whatever the reason: whoever asks learns no more than that
+// Whatever the reason: whoever asks learns no more than that.
+inline constexpr int number_meld_not_taken = 2003078;
 
 // Resources of jobs.
 inline constexpr int number_cache_made = 2000237;
@@ -213,8 +213,8 @@ inline constexpr int number_report_line_cut = 29009;
 // Mails.
 inline constexpr int number_mail_no_server = 50001;      // "server|reason|", no such name, or none given
 inline constexpr int number_mail_no_connection = 50002;  // "server|errno|reason|"
-inline constexpr int number_mail_socket =
-    50003;  // "server|errno|reason|": failure, time-out or end of the line
+// "server|errno|reason|": failure, time-out or end of the line.
+inline constexpr int number_mail_socket = 50003;
 inline constexpr int number_mail_file = 50004;               // "file|errno|reason|"
 inline constexpr int number_mail_greeting = 50005;           // "server|reply|"
 inline constexpr int number_mail_sender_refused = 50006;     // "address|reply|"

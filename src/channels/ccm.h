@@ -66,8 +66,8 @@ inline constexpr char ccm_name_listen[] = "*LISTEN";
 inline constexpr int ccm_linger_seconds = 60;
 inline constexpr int ccm_descriptor_limit = 65536;  // descriptors that the network thread can watch
 inline constexpr int ccm_unhandled_limit = 64;      // unhandled messages from which a channel isn't read
-inline constexpr int ccm_accepted_silence =
-    3;  // seconds after which a caller who said nothing may have to go
+// Seconds after which a caller who said nothing may have to go.
+inline constexpr int ccm_accepted_silence = 3;
 inline constexpr int ccm_accepted_seconds = 60;  // life of an accepted socket without handshake or MELD
 inline constexpr int ccm_adopted_seconds = 300;  // until the first sealed message of an adopted socket
 

@@ -113,8 +113,8 @@ void decide_by_report(JP_AREA* job) {
         if (launch_context()->JobStartType == job_start_batch && job->m_ppid == 0) {
             __PutLogText(
                 "Job %d: the start command has ended, and nothing was heard of the job: it counts as "
-                "vanished. "
-                "Where a batch system lets jobs wait, set STARTCMD/batch_wait to the seconds that they may.",
+                "vanished. Where a batch system lets jobs wait, set STARTCMD/batch_wait to the seconds that "
+                "they may.",
                 job->JP_jobNr);
         }
         if (job->JP_sigNum != 0) {

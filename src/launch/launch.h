@@ -35,8 +35,8 @@ enum launch_exit : int {
 // What start_job made of it.
 enum launch_result : int {
     LAUNCH_STARTED = 1,  // *started tells its process
-    LAUNCH_NO_PROCESS =
-        0,  // fork ran out of processes (EAGAIN); files are gone again, try later. Never under B.
+    // Fork ran out of processes (EAGAIN); files are gone again, try later. Never under B.
+    LAUNCH_NO_PROCESS = 0,
     LAUNCH_FAILED = -1,  // number and insert in the error, already logged
 };
 

@@ -1,6 +1,6 @@
 // What the agent and its starter agree on besides the records.
 #pragma once
 
-inline constexpr char starter_title[] =
-    "qxxjlnx-starter";                        // as its argument 0 and as its name: 15 characters
+// As its argument 0 and as its name: 15 characters.
+inline constexpr char starter_title[] = "qxxjlnx-starter";
 inline constexpr int starter_descriptor = 3;  // of the socket, in the starter

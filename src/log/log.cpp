@@ -196,8 +196,7 @@ int OpenLogFile(EX_PCX* pcx) {
     if (!group_known) {
         __log(-1,
               "setting 'log_group' in section [GLOBAL] names '%s', which is no group of this host: the log "
-              "keeps "
-              "the agent's own group",
+              "keeps the agent's own group",
               printable(group_name).c_str());
     }
     errno = kept;

@@ -48,8 +48,8 @@ struct watched : ::testing::Test {
             }
         }
         pcx->listener_pid = child;
-        pcx->listener_start_counter =
-            listener_start_limit;  // the next start would be one too many: no fork here
+        // The next start would be one too many: no fork here.
+        pcx->listener_start_counter = listener_start_limit;
         pcx->listener_last_pingq = alarm_now();
         maintenance_listener_process(pcx);
         pcx->listener_last_pingq = alarm_now();
