@@ -13,6 +13,7 @@
 
 #include "base/children.h"
 #include "identity/user_files.h"
+#include "job_start.h"
 #include "launch/launch_steps.h"
 #include "own_context.h"
 
@@ -24,28 +25,15 @@
 
 namespace {
 
-struct Launch : testing::Test {
+struct Launch : testing::Test, job_start {
     own_context context;
     own_folder folder;
-    my_passwd_unlimited user;
-    unsigned char table[256];
-    qx7_error error;
     launch_started started;
     uint32_t pid = 0;
     std::string file = folder / "job", report = folder / "report", rest, script;
     pam_handle_t* pam = nullptr;
 
-    void SetUp() override {
-        chmod(folder.path.c_str(), 0755);
-        *launch_context() = {};
-        copy_text(launch_context()->Bourne_Shell_opt, "-c");
-        ASSERT_TRUE(GetPwdNameStruct(context.pcx->pcx_runUserName, &user, &error));
-        copy_text(user.pw_shell, "/bin/sh");
-        copy_text(user.pw_dir, folder.path);
-        for (int i = 0; i < 256; ++i) {
-            table[i] = static_cast<unsigned char>(i);
-        }
-    }
+    void SetUp() override { prepare(context.pcx.get(), folder.path); }
     void TearDown() override {
         launch_set_fork(nullptr);
         children_forget_all();

@@ -13,6 +13,7 @@
 #include "base/children.h"
 #include "base/sanitizer.h"
 #include "base/time.h"
+#include "job_start.h"
 #include "launch/launch_steps.h"
 #include "launch/starter_record.h"
 #include "own_context.h"
@@ -283,10 +284,7 @@ TEST(StarterRecord, NobodyBecomesAStarterByCallingTheProgram) {
 
 // ---- Jobs by both ways
 
-struct StarterJobs : Starter {
-    my_passwd_unlimited user;
-    unsigned char table[256];
-    qx7_error error;
+struct StarterJobs : Starter, job_start {
     std::string report = folder / "report", user_name;
 
     void SetUp() override {
@@ -294,15 +292,7 @@ struct StarterJobs : Starter {
         if (!has_starter) {
             return;
         }
-        chmod(folder.path.c_str(), 0755);
-        *launch_context() = {};
-        copy_text(launch_context()->Bourne_Shell_opt, "-c");
-        ASSERT_TRUE(GetPwdNameStruct(context.pcx->pcx_runUserName, &user, &error));
-        copy_text(user.pw_shell, "/bin/sh");
-        copy_text(user.pw_dir, folder.path);
-        for (int i = 0; i < 256; ++i) {
-            table[i] = static_cast<unsigned char>(i);
-        }
+        prepare(context.pcx.get(), folder.path);
     }
     void TearDown() override {
         launch_set_fork(nullptr);
