@@ -8,56 +8,6 @@
 #include "transfer/ftx/source.h"
 #include "transfer/ftx/store.h"
 
-std::unique_ptr<ftx_entry> AllocFtxEntry(EX_PCX*) {
-    return std::make_unique<ftx_entry>();
-}
-ftx_entry* AddFtxEntry(std::unique_ptr<ftx_entry>) {
-    return nullptr;
-}
-ftx_entry* getFtxByIdnr(int) {
-    return nullptr;
-}
-ftx_entry* getFtxByPartnerID(int) {
-    return nullptr;
-}
-std::list<std::unique_ptr<ftx_entry>>& ftx_entries() {
-    static std::list<std::unique_ptr<ftx_entry>> entries;
-    return entries;
-}
-std::unique_ptr<ftx_entry> ftx_unchain_entry(ftx_entry*) {
-    return nullptr;
-}
-void FreeFtxEntry(ftx_entry*) {}
-void ftx_deleteFtx(ftx_entry*) {}
-ftx_elem* ftxe_addnew(ftx_entry*, int) {
-    return nullptr;
-}
-ftx_elem* ftxe_getbyOID(ftx_entry*, int) {
-    return nullptr;
-}
-ftx_elem* getFtxElemNext(ftx_entry*) {
-    return nullptr;
-}
-void ftxe_remove(ftx_entry*, ftx_elem*) {}
-void ftxe_remove_all(ftx_entry*) {}
-int update_FtxStatus(ftx_entry*, ftx_elem*, char) {
-    return -1;
-}
-void ftxe_set_message(ftx_elem*, int, int, std::string_view) {}
-void ftxe_take_error(ftx_elem*, const qx7_error&) {}
-const char* ftx_statusflag2str(char) {
-    return "";
-}
-const char* ftx_progress2str(int) {
-    return "";
-}
-const char* ftx_textcodin2str(char) {
-    return "";
-}
-const char* ctrldata2str(int) {
-    return "";
-}
-void ftx_set_message(ftx_entry*, int, std::string_view) {}
 int ftx_send_ftxsta(EX_PCX*, ftx_entry*) {
     return -1;
 }
