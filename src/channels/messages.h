@@ -45,7 +45,8 @@ inline constexpr int ccm_frame_max = frame_length_max;
 inline constexpr int ccm_frame_open_max = 65536;  // on a TCP channel before sealing
 inline constexpr int ccm_frame_gss_max = 4096;
 inline constexpr int ccm_write_piece = 32768;  // at most in one sendmsg, for the other channels' sake
-inline constexpr size_t ccm_control_size = 256;
+inline constexpr size_t ccm_control_size =
+    CMSG_SPACE(sizeof(int));  // one descriptor; thousands of messages may wait
 
 struct ccm_msg_t {
     char eyec[16];  // "##CCM#MESSAGE###"

@@ -95,7 +95,7 @@ ssize_t receive_bytes(ccm_context_t* ccm, ccm_channel_t* channel) {
     if (channel->type.load() != CH_TYPE_IPC) {
         return recv(channel->s.load(), at, room, MSG_DONTWAIT);
     }
-    alignas(cmsghdr) unsigned char control[ccm_control_size];
+    alignas(cmsghdr) unsigned char control[256];
     iovec piece{at, room};
     msghdr head{};
     head.msg_iov = &piece;
