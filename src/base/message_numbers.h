@@ -227,11 +227,100 @@ inline constexpr int number_mail_logon_refused = 50027;  // "user|reply|"
 inline constexpr int number_mail_no_recipient = 50028;   // "server|"
 inline constexpr int number_mail_sent = 2000259;         // "order|"
 
-// Transfers.
+// Orders.
+inline constexpr int number_order_not_possible = 3610;  // "module|message|"
+inline constexpr int number_order_distance = 2000084;   // "module|message|field"
+inline constexpr int number_login_required = 2000096;   // "|"
+
+// Transfers between agents.
+inline constexpr int number_filelist_started = 11124;
+inline constexpr int number_filelist_file = 11125;     // "name|bytes|"
+inline constexpr int number_filelist_files = 11126;    // "files|"
+inline constexpr int number_file_transferred = 11133;  // "destination|bytes|records|source|duration"
+inline constexpr int number_file_not_transferred = 11134;
+inline constexpr int number_destination_exists = 11404;            // "file|"
+inline constexpr int number_transfer_ended = 11408;                // "transfer|"
+inline constexpr int number_transfer_failed = 11409;               // "transfer|"
+inline constexpr int number_file_sent = 11410;                     // "transfer|file|"
+inline constexpr int number_file_received = 11411;                 // "transfer|file|"
+inline constexpr int number_cancel_ordered = 11424;                // "transfer|"
+inline constexpr int number_cancel_begun = 11425;                  // "transfer"
+inline constexpr int number_cancel_unknown = 11426;                // "transfer|"
+inline constexpr int number_transfer_cancelled = 11427;            // "transfer|"
+inline constexpr int number_data_unknown = 11462;                  // "transfer|partner|"
+inline constexpr int number_cancel_too_late = 11475;               // "transfer|"
+inline constexpr int number_no_space = 11482;                      // "transfer|file|bytes|free bytes|"
+inline constexpr int number_wildcard_no_source_mask = 11496;       // "transfer|source|"
+inline constexpr int number_wildcard_no_destination_mask = 11499;  // "transfer|destination|"
+inline constexpr int number_restart_begins = 63000;
+inline constexpr int number_restart_list = 63001;
+inline constexpr int number_restart_list_ends = 63002;
+inline constexpr int number_repeat_anew = 63003;
+inline constexpr int number_partner_misbehaves = 63009;  // "transfer|"
+inline constexpr int number_store_version = 63011;       // "file|expected|found|"
+inline constexpr int number_name_not_known = 63015;
+inline constexpr int number_folder_missing = 63016;              // "transfer|folder|"
+inline constexpr int number_source_unusable = 63017;             // "transfer|path|"
+inline constexpr int number_transfer_open_failed = 63018;        // "transfer|file|errno and reason"
+inline constexpr int number_transfer_write_failed = 63024;       // "transfer|file|errno and reason"
+inline constexpr int number_transfer_read_failed = 63028;        // "transfer|file|errno and reason"
+inline constexpr int number_source_erase_failed = 63036;         // "transfer|file|errno and reason|"
+inline constexpr int number_transfer_identity_failed = 63037;    // "transfer"
+inline constexpr int number_transfer_aborted = 63045;            // "transfer"
+inline constexpr int number_store_key = 63047;                   // "key: name"
+inline constexpr int number_transfer_known = 63048;              // "transfer|"
+inline constexpr int number_transfer_connection_lost = 63049;    // "transfer|"
+inline constexpr int number_transfer_connection_closed = 63051;  // "transfer|"
+inline constexpr int number_no_empty_folders = 63057;            // "partner|"
+inline constexpr int number_folder_transferred = 63058;          // "destination|source"
+inline constexpr int number_filelist_folder = 63060;             // "name|"
+inline constexpr int number_filelist_folders = 63061;            // "folders|"
+inline constexpr int number_folder_not_transferred = 63062;      // "destination|source"
+inline constexpr int number_folder_sent = 63063;                 // "transfer|folder"
+inline constexpr int number_folder_received = 63064;             // "transfer|folder"
 inline constexpr int number_name_unsupported = 63066;
 inline constexpr int number_name_type_unknown = 63067;
 inline constexpr int number_name_too_short = 63068;
 inline constexpr int number_name_differs = 63069;
+inline constexpr int number_source_is_link = 63077;           // "transfer|file|"
+inline constexpr int number_source_link_broken = 63078;       // "transfer|file|target|"
+inline constexpr int number_worker_died = 63083;              // "transfer|process id|exit code,status=..."
+inline constexpr int number_transfer_sends = 63085;           // "transfer|repeated transfer|"
+inline constexpr int number_transfer_receives = 63086;        // "transfer|repeated transfer|"
+inline constexpr int number_transfer_lists = 63087;           // "transfer|source"
+inline constexpr int number_transfer_lists_file = 63088;      // "transfer|file|"
+inline constexpr int number_transfer_listed_files = 63089;    // "transfer|files|"
+inline constexpr int number_transfer_lists_folder = 63090;    // "transfer|folder|"
+inline constexpr int number_transfer_listed_folders = 63091;  // "transfer|folders|"
+inline constexpr int number_worker_started = 63094;           // "agent's process id|name|process id|"
+inline constexpr int number_worker_runs = 63095;              // "transfer|name|process id|"
+inline constexpr int number_upgrade_waits_for_transfers = 2000287;  // "transfer(pid=process id)|"
+inline constexpr int number_store_damaged = 2003071;
+inline constexpr int number_transfer_unknown = 2003072;  // "transfer|message"
+inline constexpr int number_folder_not_made = 2005072;   // "folder|errno(reason)"
+
+// Transfers by the older protocol.
+inline constexpr int number_legacy_cancelled = 1850;
+inline constexpr int number_legacy_records_limit = 1911;
+inline constexpr int number_legacy_no_file_name = 11405;  // "path|"
+inline constexpr int number_legacy_started = 11407;       // "transfer|file|"
+inline constexpr int number_legacy_write_failed = 11414;
+inline constexpr int number_legacy_silent = 11415;         // "partner|"
+inline constexpr int number_legacy_partner_lost = 11416;   // "partner|"
+inline constexpr int number_legacy_line_too_long = 11420;  // "bytes|"
+inline constexpr int number_legacy_restart_note = 11445;
+inline constexpr int number_legacy_restart_refused = 11446;
+inline constexpr int number_legacy_erase_failed = 11460;   // "file|errno|reason|"
+inline constexpr int number_legacy_temp_exists = 11470;    // "file|"
+inline constexpr int number_legacy_rename_failed = 11471;  // "from|to|reason|"
+inline constexpr int number_legacy_restart_impossible = 11476;
+inline constexpr int number_legacy_no_connection = 2003029;    // "partner|"
+inline constexpr int number_legacy_no_regular_file = 2003035;  // "file|"
+inline constexpr int number_legacy_no_access = 2003036;        // "file|"
+inline constexpr int number_legacy_relative_name = 2003051;    // "file|"
+inline constexpr int number_legacy_unknown = 2003053;          // "message|agent|partner|transfer|"
+
+// The compressed stream.
 inline constexpr int number_compress_no_memory = 1002000;
 inline constexpr int number_compress_bad_call = 1002001;
 inline constexpr int number_compress_invalid_data = 1002002;
@@ -242,4 +331,3 @@ inline constexpr int number_compress_item_incomplete = 1002007;
 inline constexpr int number_compress_invalid_header = 1002009;
 inline constexpr int number_compress_zlib_no_memory = 1002010;
 inline constexpr int number_compress_text_differs = 1002011;
-inline constexpr int number_store_damaged = 2003071;
