@@ -81,6 +81,11 @@ std::vector<std::string_view> split_words(std::string_view text, char delimiter)
 // FD_SETSIZE.
 std::string fdset2string(const fd_set* set, int limit);
 
+// Value of `key` ("M=", "N=", "2=", "Y=") in a run of items: key up to '=', delimiter, value, delimiter. The
+// items are walked from the start; what does not parse ends the walk. Empty when there is none. At most
+// `limit` characters.
+std::string GetRestString(std::string_view rest, std::string_view key, size_t limit);
+
 // ---- Wildcards and numbers
 
 inline constexpr char match_more = 42;  // '*'

@@ -48,7 +48,7 @@ ccm_msg_t* message_of(ccm_context_t* ccm, const built_message& message, ccm_erro
 void set_route(ccm_msg_t* msg, const message_route& route) {
     msg->flag |= route.flag;
     ccm_setaddr(msg, route.dst_ID, 0, route.dst_addr, route.dst_name, route.dst_acv);
-    ccm_setback(msg, route.src_addr, route.src_name, 0);
+    ccm_setback(msg, route.src_addr, route.src_name, route.src_acv);
 }
 
 int send_outgoing(ccm_context_t* ccm, ccm_msg_t* msg, const message_route& route) {

@@ -15,6 +15,7 @@ struct message_route {
     int dst_acv = 0;
     const char* src_addr = "";
     const char* src_name = "";
+    int src_acv = 0;
     int flag = 0;  // ccm_msg_flag
 };
 

@@ -76,11 +76,6 @@ void launch_load_texts(EX_PCX* pcx);
 // One message as a line of text from what was loaded; without its text the number and the inserts.
 std::string launch_message_line(int number, std::string_view inserts);
 
-// Value of `key` ("M=", "N=", "2=", "Y=") in a run of items: key up to '=', delimiter, value, delimiter. The
-// items are walked from the start; what does not parse ends the walk. Empty when there is none. At most
-// `limit` characters.
-std::string GetRestString(std::string_view rest, std::string_view key, size_t limit);
-
 // ---- The start's scratch record, also for the commands of the agent
 
 enum launch_kind : char { LAUNCH_JOB = 'J', LAUNCH_COMMAND = 'C' };  // jsvType

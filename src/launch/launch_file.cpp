@@ -113,34 +113,6 @@ void remove_file(const std::string& file) {
 
 }  // namespace
 
-std::string GetRestString(std::string_view rest, std::string_view key, size_t limit) {
-    while (!rest.empty()) {
-        if (rest.front() == ' ' || rest.front() == '\0') {
-            rest.remove_prefix(1);
-            continue;
-        }
-        const size_t equal = rest.find('=');
-        if (equal == std::string_view::npos || equal + 2 > rest.size()) {
-            return {};
-        }
-        const std::string_view name = rest.substr(0, equal + 1);
-        rest.remove_prefix(equal + 1);
-        if (rest.empty()) {
-            return {};
-        }
-        const char delimiter = rest.front();
-        const size_t end = rest.find(delimiter, 1);
-        if (end == std::string_view::npos) {
-            return {};
-        }
-        if (name == key) {
-            return std::string(rest.substr(1, end - 1).substr(0, limit));
-        }
-        rest.remove_prefix(end + 1);
-    }
-    return {};
-}
-
 std::string launch_job_text(const JOB_START_VAR& startVar, std::string_view extraLine) {
     std::string text;
     text.reserve(startVar.jcl.size() + startVar.path_sh.size() + extraLine.size() + 16);

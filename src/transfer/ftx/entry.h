@@ -149,9 +149,8 @@ struct ftx_elem : __ftx_elem {
     dev_t source_device = 0;
     ino_t source_inode = 0;
     timespec source_mtime = {};
-    // Sender: the number of the block that holds its file_close, 0 before it went out.
-    int64_t closed_in_block = 0;
-    int resends = 0;  // how often the receiver asked for it anew
+    int64_t closed_item = 0;  // sender: which of ftx_entry::items is its file_close, 0 before it was read
+    int resends = 0;          // how often the receiver asked for it anew
 
     ftx_elem() : __ftx_elem{} {}
 };
@@ -198,7 +197,10 @@ struct ftx_entry : FTX_AREA {
     std::unique_ptr<CompressFile, compress_closer> compressor;
     std::unique_ptr<DecompressFile, decompress_closer> decompressor;
     ErrMsg message = {};  // cmpMsg
-    int64_t block = 0;    // blocks of the running stream that went out
+    // Sender: items that its callbacks handed to the compressor, all streams together, and those of streams that
+    // have ended. Behind those, ftx_Used[1] of them have gone out.
+    int64_t items = 0;
+    int64_t items_of_ended = 0;
 
     // The open file of the current element.
     qx_descriptor file;
@@ -206,6 +208,9 @@ struct ftx_entry : FTX_AREA {
     std::unique_ptr<unsigned char[]> buffer;  // ftx_fiob
     md5_context md5 = {};
 
+    int connecting_ID = 0;      // agent: channel that this order opened, 0 without one
+    int64_t waits_since = 0;    // agent: when FTXRECV went out, on the alarm clock
+    bool end_sent = false;      // sender: FTXEND is out
     bool end_seen = false;      // receiver: FTXEND has come
     bool end_answered = false;  // receiver: FTXENDQ is out
 
@@ -215,6 +220,10 @@ struct ftx_entry : FTX_AREA {
 
     bool has(int bits) const { return (ftx_flag & bits) != 0; }
     bool is_sender() const { return has(FTX_SENDER); }
+    // Sender: whether this file's file_close has gone out.
+    bool close_is_out(const ftx_elem& elem) const {
+        return elem.closed_item != 0 && elem.closed_item <= items_of_ended + ftx_Used[1];
+    }
 };
 
 // ---- The list of this process

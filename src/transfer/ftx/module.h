@@ -29,8 +29,10 @@ enum ftx_process_bit : int { FTX_PROCESS_SENDER = 1, FTX_PROCESS_REPLACEMENT = 4
 // An order that waits at the receiver for the connection to the sender.
 struct __ftx_reverse_connect_savearea {
     int ah_idnr;
-    int partnerID;  // channel to the sender, 0 before it stands
-    bool sent;      // the order went over it
+    int partnerID;        // channel to the sender
+    bool sent;            // the order went over it
+    bool answered;        // and the sender has said something to it
+    int64_t waits_since;  // when it went, on the alarm clock
     uint32_t ftx_UsrIdNr;
     uint16_t ftx_Mandant;
     ccm_addr_t order_address;  // where the order came from: server partner, module, version
@@ -97,14 +99,22 @@ int perform_ftx_check(EX_PCX* pcx, ccm_msg_t* msg, int row);
 
 // ---- Connections (connect.cpp)
 
-// Checks the order's token and begins to connect to its peer. 0, or -1 with ftx_msgNr and ftx_Insert set.
-int ftx_initiate_connection(EX_PCX* pcx, ftx_entry* entry, const ccm_msg_t* msg);
+// Checks the order's token and begins to connect to its peer, by entry->connecting_ID. Otherwise ftx_msgNr
+// and ftx_Insert tell why not.
+enum ftx_connect_result : int {
+    FTX_CONNECT_BEGUN = 0,
+    FTX_CONNECT_REFUSED = -1,  // the order cannot be used
+    FTX_CONNECT_FAILED = -2,
+};
+ftx_connect_result ftx_initiate_connection(EX_PCX* pcx, ftx_entry* entry, const ccm_msg_t* msg);
 // The key of a connection's user context: "FTX %i".
 std::string ftx_connect_key(int ah_idnr);
 void ftx_connection_succeeded(EX_PCX* pcx, int ah_idnr, int channel);
 // A channel of type 4 has ended: with a key "FTX n" whose handshake was not over, or else.
 void ftx_connection_failed(EX_PCX* pcx, int ah_idnr, const ccm_channel_image_t& channel);
 void ftx_connection_closed(EX_PCX* pcx, const ccm_channel_image_t& channel);
+// In the agent, with FTXCHK: connections whose partner has not answered an order in time are given up.
+void ftx_check_waiting_orders(EX_PCX* pcx);
 
 // ---- Handlers of sr_function_list_ftx
 

@@ -11,9 +11,10 @@
 std::unique_ptr<ftx_entry> CreateFtxEntry(EX_PCX*, const ccm_msg_t*, qx7_error*) {
     return nullptr;
 }
-int ftx_initiate_connection(EX_PCX*, ftx_entry*, const ccm_msg_t*) {
-    return -1;
+ftx_connect_result ftx_initiate_connection(EX_PCX*, ftx_entry*, const ccm_msg_t*) {
+    return FTX_CONNECT_FAILED;
 }
+void ftx_check_waiting_orders(EX_PCX*) {}
 std::string ftx_connect_key(int) {
     return "";
 }
