@@ -4,7 +4,7 @@
 //   bench_everyday [--only WHAT | --quick]     WHAT: command, resource or log
 
 #include "messages/view.h"
-#include "qxcp/resources.h"
+#include "qxcp/store/resources.h"
 #include "road_bench.h"
 
 namespace {

@@ -23,7 +23,7 @@
 #include <vector>
 
 #include "installation.h"
-#include "qxcp/server.h"
+#include "qxcp/agents/server.h"
 
 extern char** environ;
 

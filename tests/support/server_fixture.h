@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "installation.h"
-#include "qxcp/server.h"
+#include "qxcp/agents/server.h"
 
 struct server_test : ::testing::Test {
     scratch_folder server_folder;

@@ -1,5 +1,5 @@
 // Stored resources through the real programs: their way to the job, lost lines, what the server lost.
-#include "qxcp/resources.h"
+#include "qxcp/store/resources.h"
 
 #include <sys/stat.h>
 

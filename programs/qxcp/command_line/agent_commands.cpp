@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "common.h"
-#include "qxcp/console_administration.h"
+#include "qxcp/console/console_administration.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <span>
 #include <string>
 
-#include "qxcp/console.h"
+#include "qxcp/console/console.h"
 
 inline constexpr int exit_usage = 64;
 

@@ -2,7 +2,7 @@
 #include <memory>
 
 #include "common.h"
-#include "qxcp/store.h"
+#include "qxcp/store/store.h"
 
 namespace {
 

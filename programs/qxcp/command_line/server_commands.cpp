@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "common.h"
-#include "qxcp/server.h"
+#include "qxcp/agents/server.h"
 
 namespace {
 

@@ -12,10 +12,10 @@
 #include "base/message_numbers.h"
 #include "base/text.h"
 #include "base/time.h"
-#include "control.h"
 #include "messages/records_report.h"
 #include "messages/records_retrieval.h"
 #include "messages/records_server.h"
+#include "qxcp/control/control.h"
 #include "security/string_cipher.h"
 
 using nlohmann::json;
@@ -240,18 +240,18 @@ bool cp_shell(cp_server* server, const std::string& agent_name, const std::strin
     }
     fchmod(fileno(file), 0600);
     auto order = new_message<MSG_TYPE_REP_GET>(100, 1);
-    order.ah_idnr = server->next_transfer++;
+    order.ah_idnr = server->next_request++;
     put_text(order.filename, shell_mark + command);
     put_text(order.rep_type, "REP");
     order.blksize = server->options.block_size;
     cp_report_wish wish;
     wish.path = copy;
-    cp_transfer transfer;
-    transfer.agent_id = agent->id;
-    transfer.file = file;
-    transfer.wish = wish;
-    transfer.handler = std::move(handler);
-    server->transfers[order.ah_idnr] = std::move(transfer);
+    cp_fetch fetch;
+    fetch.agent_id = agent->id;
+    fetch.file = file;
+    fetch.wish = wish;
+    fetch.handler = std::move(handler);
+    server->fetches[order.ah_idnr] = std::move(fetch);
     return cp_send(server, *agent, module_reports, order);
 }
 

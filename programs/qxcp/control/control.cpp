@@ -13,7 +13,7 @@
 #include <nlohmann/json.hpp>
 
 #include "base/time.h"
-#include "message_text.h"
+#include "qxcp/message_text.h"
 
 using nlohmann::json;
 

@@ -5,9 +5,9 @@
 #include <cstring>
 
 #include "base/memory.h"
-#include "control.h"
-#include "hex.h"
-#include "message_text.h"
+#include "qxcp/control/control.h"
+#include "qxcp/hex.h"
+#include "qxcp/message_text.h"
 #include "security/key_store.h"
 
 using nlohmann::json;

@@ -4,7 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "server_state.h"
+#include "qxcp/agents/server_state.h"
 
 // A line on the way to the answer.
 void control_tell(cp_control_client& client, const nlohmann::json& line);

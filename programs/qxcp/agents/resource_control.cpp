@@ -5,11 +5,11 @@
 #include <cstring>
 
 #include "agent_messages.h"
-#include "control.h"
 #include "messages/records_job.h"
 #include "messages/records_report.h"
 #include "messages/timestamp.h"
-#include "resources.h"
+#include "qxcp/control/control.h"
+#include "qxcp/store/resources.h"
 
 using nlohmann::json;
 

@@ -4,10 +4,10 @@
 #include <fstream>
 #include <sstream>
 
-#include "agent_messages.h"
 #include "control.h"
 #include "messages/records_server.h"
 #include "messages/timestamp.h"
+#include "qxcp/agents/agent_messages.h"
 
 using nlohmann::json;
 

@@ -8,12 +8,12 @@
 #include <cstring>
 
 #include "base/version.h"
-#include "control.h"
-#include "message_text.h"
 #include "messages/conversion.h"
 #include "messages/records_connection.h"
 #include "messages/records_server.h"
 #include "messages/timestamp.h"
+#include "qxcp/control/control.h"
+#include "qxcp/message_text.h"
 
 namespace {
 
@@ -282,13 +282,13 @@ void cp_handle_lost_line(cp_server& server, cp_agent& agent) {
     }
     cp_end_file_reads(server, agent);
     std::vector<int> ids;
-    for (auto& [id, transfer] : server.transfers) {
-        if (transfer.agent_id == agent.id) {
+    for (auto& [id, fetch] : server.fetches) {
+        if (fetch.agent_id == agent.id) {
             ids.push_back(id);
         }
     }
     for (int id : ids) {
-        cp_end_transfer(server, id, lost);
+        cp_end_fetch(server, id, lost);
     }
 }
 

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "link.h"
-#include "store.h"
+#include "qxcp/store/store.h"
 
 struct cp_options {
     std::string system = "QX7";

@@ -16,7 +16,7 @@ struct cp_pending {
     cp_answer_handler handler;
 };
 
-struct cp_transfer {
+struct cp_fetch {
     int agent_id = 0;
     int run = 0;
     FILE* file = nullptr;
@@ -66,11 +66,11 @@ struct cp_server {
     int port = 0;
     int next_id = 1;
     uint32_t next_access_code = 1;
-    int next_transfer = 1;
+    int next_request = 1;
     std::vector<std::unique_ptr<cp_agent>> agents;
     std::vector<std::unique_ptr<cp_control_client>> clients;
     std::map<uint32_t, cp_pending> pending;
-    std::map<int, cp_transfer> transfers;
+    std::map<int, cp_fetch> fetches;
     std::map<std::string, cp_file_read> file_reads;
     cp_observer observer;
     cp_message_tap tap;

@@ -49,4 +49,4 @@ void cp_end_file_reads(cp_server& server, const cp_agent& agent);
 // report_control.cpp
 cp_message_handler cp_take_report_block;
 cp_message_handler cp_take_report_end;
-void cp_end_transfer(cp_server& server, int id, const cp_answer& answer);
+void cp_end_fetch(cp_server& server, int id, const cp_answer& answer);

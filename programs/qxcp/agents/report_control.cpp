@@ -17,60 +17,60 @@ constexpr time_t progress_interval = 1;  // seconds
 
 }  // namespace
 
-void cp_end_transfer(cp_server& server, int id, const cp_answer& answer) {
-    auto found = server.transfers.find(id);
-    if (found == server.transfers.end()) {
+void cp_end_fetch(cp_server& server, int id, const cp_answer& answer) {
+    auto found = server.fetches.find(id);
+    if (found == server.fetches.end()) {
         return;
     }
-    cp_transfer transfer = std::move(found->second);
-    server.transfers.erase(found);
+    cp_fetch fetch = std::move(found->second);
+    server.fetches.erase(found);
     cp_answer result = answer;
-    if (transfer.wish.tail && transfer.tail_held) {
-        std::fwrite(transfer.tail.data(), 1, transfer.tail.size(), transfer.file);
+    if (fetch.wish.tail && fetch.tail_held) {
+        std::fwrite(fetch.tail.data(), 1, fetch.tail.size(), fetch.file);
     }
-    if (std::fclose(transfer.file) != 0 && result.status == "OK") {
+    if (std::fclose(fetch.file) != 0 && result.status == "OK") {
         result.status = "NK";
-        result.insert = fmt::format("cannot write '{}': {}", transfer.wish.path, std::strerror(errno));
+        result.insert = fmt::format("cannot write '{}': {}", fetch.wish.path, std::strerror(errno));
     }
     if (result.status != "OK") {
-        unlink(transfer.wish.path.c_str());  // what came is not the report
+        unlink(fetch.wish.path.c_str());  // what came is not the report
     }
-    if (transfer.handler) {
-        transfer.handler(result);
+    if (fetch.handler) {
+        fetch.handler(result);
     }
 }
 
 void cp_take_report_block(cp_server& server, cp_agent& agent, message_view view, const frame_address&) {
     auto block = view_record<MSG_TYPE_REP_DATA>(view);
-    auto found = server.transfers.find(block.ah_idnr);
-    if (found == server.transfers.end()) {
+    auto found = server.fetches.find(block.ah_idnr);
+    if (found == server.fetches.end()) {
         return;
     }
-    cp_transfer& transfer = found->second;
+    cp_fetch& fetch = found->second;
     std::string text{view_text(view, block.data_dist, block.data_len)};
     std::erase(text, '\r');
     bool good = true;
-    transfer.bytes += static_cast<int64_t>(text.size());
-    if (const time_t now = alarm_now(); transfer.run != 0 && now - transfer.last_told >= progress_interval) {
-        transfer.last_told = now;
-        cp_control_tell_progress(server, transfer.run, transfer.bytes);
+    fetch.bytes += static_cast<int64_t>(text.size());
+    if (const time_t now = alarm_now(); fetch.run != 0 && now - fetch.last_told >= progress_interval) {
+        fetch.last_told = now;
+        cp_control_tell_progress(server, fetch.run, fetch.bytes);
     }
-    if (transfer.wish.tail) {
-        transfer.tail = std::move(text);
-        transfer.tail_held = true;
+    if (fetch.wish.tail) {
+        fetch.tail = std::move(text);
+        fetch.tail_held = true;
     } else {
-        good = std::fwrite(text.data(), 1, text.size(), transfer.file) == text.size();
+        good = std::fwrite(text.data(), 1, text.size(), fetch.file) == text.size();
     }
     auto next = new_message<MSG_TYPE_REP_QUIT>(view_head(view).i2Mandant, view_head(view).i4UsrIdNr);
     next.ah_idnr = block.ah_idnr;
     next.rep_ah_idnr = block.rep_ah_idnr;
     next.rep_rh_idnr = block.rep_rh_idnr;
     std::memcpy(next.rep_type, block.rep_type, sizeof next.rep_type);
-    transfer.block = block.rep_blk + 1;
-    next.rep_blk = transfer.block;
+    fetch.block = block.rep_blk + 1;
+    next.rep_blk = fetch.block;
     next.msgnr = good ? 0 : number_file_call;
     put_text(next.msg_insert,
-             good ? "" : fmt::format("fwrite|{}|{}|{}|", transfer.wish.path, errno, std::strerror(errno)));
+             good ? "" : fmt::format("fwrite|{}|{}|{}|", fetch.wish.path, errno, std::strerror(errno)));
     cp_send(&server, agent, module_reports, next);
 }
 
@@ -82,7 +82,7 @@ void cp_take_report_end(cp_server& server, cp_agent&, message_view view, const f
     const bool good = end.msgnr == 0 || end.msgnr == number_report_block_limit ||
                       end.msgnr == number_report_line_limit || end.msgnr == number_report_ended;
     answer.status = good ? "OK" : "NK";
-    cp_end_transfer(server, end.ah_idnr, answer);
+    cp_end_fetch(server, end.ah_idnr, answer);
 }
 
 bool cp_fetch_report(cp_server* server, int run, const cp_report_wish& wish, cp_answer_handler handler) {
@@ -93,7 +93,7 @@ bool cp_fetch_report(cp_server* server, int run, const cp_report_wish& wish, cp_
         return false;
     }
     message_builder<MSG_TYPE_REP_GET> order(job->client, job->user_id);
-    order->ah_idnr = server->next_transfer++;
+    order->ah_idnr = server->next_request++;
     put_text(order->filename, job->report_file);
     order->rep_ah_idnr = run;
     put_text(order->rep_type, "REP");
@@ -102,13 +102,13 @@ bool cp_fetch_report(cp_server* server, int run, const cp_report_wish& wish, cp_
     order->maxrecords = wish.max_records;
     order->maxblk = wish.tail ? 1 : no_block_limit;
     order.add(MSG_TYPE_REP_GET::match, wish.match);
-    cp_transfer transfer;
-    transfer.agent_id = agent->id;
-    transfer.run = run;
-    transfer.file = file;
-    transfer.wish = wish;
-    transfer.last_told = alarm_now();
-    transfer.handler = std::move(handler);
-    server->transfers[order->ah_idnr] = std::move(transfer);
+    cp_fetch fetch;
+    fetch.agent_id = agent->id;
+    fetch.run = run;
+    fetch.file = file;
+    fetch.wish = wish;
+    fetch.last_told = alarm_now();
+    fetch.handler = std::move(handler);
+    server->fetches[order->ah_idnr] = std::move(fetch);
     return cp_send(server, *agent, module_reports, order);
 }

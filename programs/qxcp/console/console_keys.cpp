@@ -11,7 +11,7 @@
 #include "base/descriptor.h"
 #include "base/memory.h"
 #include "console_line.h"
-#include "hex.h"
+#include "qxcp/hex.h"
 
 using nlohmann::json;
 

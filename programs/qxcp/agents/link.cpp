@@ -5,9 +5,9 @@
 #include <cstring>
 
 #include "base/memory.h"
-#include "message_text.h"
 #include "messages/head.h"
 #include "messages/records_connection.h"
+#include "qxcp/message_text.h"
 
 namespace {
 

@@ -6,9 +6,9 @@
 
 #include "agent_messages.h"
 #include "base/message_numbers.h"
-#include "control.h"
-#include "hex.h"
 #include "messages/records_job.h"
+#include "qxcp/control/control.h"
+#include "qxcp/hex.h"
 #include "security/string_cipher.h"
 
 using nlohmann::json;

@@ -10,8 +10,8 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 
-#include "hex.h"
-#include "message_text.h"
+#include "qxcp/hex.h"
+#include "qxcp/message_text.h"
 #include "resources.h"
 
 namespace fs = std::filesystem;

@@ -15,7 +15,7 @@
 #include <ctime>
 
 #include "base/text.h"
-#include "message_text.h"
+#include "qxcp/message_text.h"
 #include "server_state.h"
 
 namespace {
@@ -202,9 +202,9 @@ cp_server::~cp_server() {
             close(client->fd);
         }
     }
-    for (auto& [id, transfer] : transfers) {
-        if (transfer.file != nullptr) {
-            std::fclose(transfer.file);
+    for (auto& [id, fetch] : fetches) {
+        if (fetch.file != nullptr) {
+            std::fclose(fetch.file);
         }
     }
     if (listen_fd >= 0) {

@@ -6,9 +6,9 @@
 #include "agent_messages.h"
 #include "base/memory.h"
 #include "job_text.h"
-#include "message_text.h"
 #include "messages/records_job.h"
 #include "messages/timestamp.h"
+#include "qxcp/message_text.h"
 #include "security/string_cipher.h"
 
 namespace {
@@ -57,8 +57,8 @@ void finish_job(cp_server& server, cp_job& job) {
     if (!server.options.fetch_reports || job.forgotten) {
         return;
     }
-    for (auto& [id, transfer] : server.transfers) {
-        if (transfer.run == job.run) {
+    for (auto& [id, fetch] : server.fetches) {
+        if (fetch.run == job.run) {
             return;  // on its way
         }
     }

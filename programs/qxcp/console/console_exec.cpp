@@ -8,7 +8,7 @@
 #include <fstream>
 
 #include "console_line.h"
-#include "hex.h"
+#include "qxcp/hex.h"
 
 using nlohmann::json;
 

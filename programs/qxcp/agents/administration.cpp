@@ -5,9 +5,9 @@
 
 #include "agent_messages.h"
 #include "base/memory.h"
-#include "control.h"
 #include "messages/records_server.h"
 #include "messages/timestamp.h"
+#include "qxcp/control/control.h"
 
 namespace {
 
@@ -50,7 +50,7 @@ bool send_mail(cp_server* server, cp_agent& agent, const cp_mail& mail, cp_answe
     message_builder<Message> order(own_client, own_user);
     const std::vector<mail_element> elements = elements_of(mail);
     put_text(order->subject, mail.subject);
-    order->ah_idnr = server->next_transfer++;
+    order->ah_idnr = server->next_request++;
     order.begin_table(Message::sub, elements.size());
     for (const mail_element& element : elements) {
         Element head{};
