@@ -10,8 +10,8 @@ namespace {
 
 std::vector<command_row> all_commands() {
     std::vector<command_row> rows;
-    for (const auto& group :
-         {server_commands(), job_commands(), agent_commands(), host_commands(), protocol_commands()}) {
+    for (const auto& group : {server_commands(), job_commands(), transfer_commands(), agent_commands(),
+                              host_commands(), protocol_commands()}) {
         rows.insert(rows.end(), group.begin(), group.end());
     }
     return rows;

@@ -31,7 +31,7 @@ void send_logon_answer(cp_server& server, cp_agent& agent, const QX_HEADM& reque
     put_text(record.charset, "US-ASCII");
     record.use_event = 'N';
     record.anonymous_job = options.check_passwords ? 'N' : 'Y';
-    record.anonymous_ft = 'N';
+    record.anonymous_ft = options.check_passwords ? 'N' : 'Y';
     record.anonymous_fe = 'N';
     record.log_to_db = options.log_to_server ? 'Y' : 'N';
     record.enc_comp = 'Y';
@@ -46,10 +46,10 @@ void send_logon_answer(cp_server& server, cp_agent& agent, const QX_HEADM& reque
     record.check_interval = 60;
     record.ft_rst_life = 14;
     record.rb_rt_time = 14;
-    record.ft_stat_timer = 10;
-    record.ft_rst_timer = 10;
+    record.ft_stat_timer = static_cast<int16_t>(options.transfer_status);
+    record.ft_rst_timer = static_cast<int16_t>(options.transfer_restart);
     record.ft_con_timeout = 600;
-    record.ft_report_time = 60;
+    record.ft_report_time = static_cast<int16_t>(options.transfer_report);
     record.ft_use_md5 = 'Y';
     record.fe_version = '2';
     frame_address address{};
@@ -92,6 +92,10 @@ void take_logon(cp_server& server, cp_agent& agent, message_view view, const fra
                         logon.starttype == 'C' ? "cold" : "warm", agent.version, agent.platform,
                         agent.listener, agent.listener_port));
     cp_ask_for_active_jobs(server, agent);
+    if (logon.starttype == 'C') {
+        cp_lose_legacy_transfers(server, agent);
+    }
+    cp_ask_for_transfers(server, agent);
     for (auto& [run, job] : server.store.jobs) {
         if (job.state == cp_job_state::waiting && job.agent.empty()) {
             cp_activate(server, agent, job);
@@ -191,6 +195,12 @@ constexpr message_row message_rows[] = {
     {"RES_GET", cp_take_login_request},
     {"REP_DATA", cp_take_report_block},
     {"REP_END", cp_take_report_end},
+    {"FTXSENDQ", cp_take_transfer_start},
+    {"FTXSTA", cp_take_transfer_status},
+    {"FTXWRITE", cp_take_transfer_report},
+    {"FT_STA", cp_take_legacy_status},
+    {"FT_QUIT", cp_take_legacy_end},
+    {"FT_FILE", cp_take_names},
     {"SRVQUERY", answer_query},
     {"WRITE", take_log_block},
     {"CHGLOGR", answer_log_change},
@@ -281,6 +291,16 @@ void cp_handle_lost_line(cp_server& server, cp_agent& agent) {
         cp_answer_pending(server, code, lost);
     }
     cp_end_file_reads(server, agent);
+    cp_doubt_forgotten_transfers(server, agent);
+    std::vector<int> listings;
+    for (auto& [id, listing] : server.listings) {
+        if (listing.agent_id == agent.id) {
+            listings.push_back(id);
+        }
+    }
+    for (int id : listings) {
+        cp_end_listing(server, id, lost);
+    }
     std::vector<int> ids;
     for (auto& [id, fetch] : server.fetches) {
         if (fetch.agent_id == agent.id) {

@@ -11,6 +11,7 @@
 inline constexpr char module_jobs[] = "JPAKTJ_R";
 inline constexpr char module_agent[] = "QXEXVAR";
 inline constexpr char module_reports[] = "QXREPEX";
+inline constexpr char module_transfers[] = "QXFTXEX";
 inline constexpr char own_address[] = "*CP";
 inline constexpr char own_module[] = "QXCPJOB";
 
@@ -45,6 +46,31 @@ cp_message_handler cp_take_login_request;
 // False when the text is no answer of file retrieval.
 bool cp_take_file_answer(cp_server& server, cp_agent& agent, std::string_view text);
 void cp_end_file_reads(cp_server& server, const cp_agent& agent);
+
+// transfers.cpp
+cp_message_handler cp_take_transfer_start;
+cp_message_handler cp_take_transfer_status;
+cp_message_handler cp_take_transfer_report;
+// Stores the transfer and tells those who watch it.
+void cp_transfer_changed(cp_server& server, const cp_transfer& transfer);
+// An end of which nothing more comes: no worker of it is left.
+void cp_end_transfer(cp_server& server, cp_transfer& transfer, cp_transfer_state state, int number,
+                     const std::string& insert);
+// Asks an agent that has logged on for the transfers that it should have.
+void cp_ask_for_transfers(cp_server& server, cp_agent& agent);
+// Orders to forget that may have been lost with the line are asked for again.
+void cp_doubt_forgotten_transfers(cp_server& server, const cp_agent& agent);
+
+// legacy_transfers.cpp
+void cp_order_legacy(cp_server& server, cp_transfer& transfer, cp_agent& source, const cp_agent& destination,
+                     const std::string& token);
+void cp_cancel_legacy(cp_server& server, const cp_transfer& transfer, cp_agent& source);
+cp_message_handler cp_take_legacy_status;
+cp_message_handler cp_take_legacy_end;
+// They end with their agent.
+void cp_lose_legacy_transfers(cp_server& server, const cp_agent& agent);
+cp_message_handler cp_take_names;
+void cp_end_listing(cp_server& server, int id, cp_answer answer);
 
 // report_control.cpp
 cp_message_handler cp_take_report_block;

@@ -321,7 +321,7 @@ cp_job* cp_find_job(cp_server* server, int run) {
 }
 
 bool cp_send(cp_server* server, cp_agent& agent, std::string_view module, const built_message& message,
-             cp_answer_handler handler) {
+             cp_answer_handler handler, int run) {
     frame_address address{};
     std::snprintf(address.dst_name, sizeof address.dst_name, "%.*s", static_cast<int>(module.size()),
                   module.data());
@@ -329,7 +329,7 @@ bool cp_send(cp_server* server, cp_agent& agent, std::string_view module, const 
     std::snprintf(address.src_name, sizeof address.src_name, "%s", own_module);
     address.src_acv = server->next_access_code++;
     if (handler) {
-        server->pending[address.src_acv] = {agent.id, "", 0, std::move(handler)};
+        server->pending[address.src_acv] = {agent.id, "", run, std::move(handler)};
     }
     return cp_link_send(agent.link, server->identity, address, message);
 }

@@ -30,6 +30,9 @@ struct cp_options {
     int reconnect = 60;
     int report_interval = 20;
     int block_size = 32000;
+    int transfer_status = 1;   // figures of a running transfer
+    int transfer_report = 5;   // lines of its report
+    int transfer_restart = 5;  // points in a file from which a restart goes on
     int command_limit = 180;
     int log_megabytes = 0;  // of an agent's log file, then it begins a new one; 0: any
     bool log_to_server = true;
@@ -216,8 +219,9 @@ bool cp_stop_agent(cp_server* server, const std::string& agent);
 // Ends the connection without a word.
 void cp_drop_line(cp_server* server, const std::string& agent);
 
-// Sends any message to a module of the agent; QUITT for it goes to `handler` (may be empty).
+// Sends any message to a module of the agent; QUITT for it goes to `handler` (may be empty). `run` is that of
+// an order that may be answered otherwise.
 bool cp_send(cp_server* server, cp_agent& agent, std::string_view module, const built_message& message,
-             cp_answer_handler handler = {});
+             cp_answer_handler handler = {}, int run = 0);
 
 nlohmann::json cp_agent_json(const cp_agent& agent);

@@ -42,6 +42,13 @@ struct cp_file_read {
     cp_answer_handler handler;
 };
 
+// Names that come from an agent, by the number of the request.
+struct cp_listing {
+    int agent_id = 0;
+    std::string names;  // a line each
+    cp_answer_handler handler;
+};
+
 struct cp_control_client {
     int id = 0;
     int fd = -1;
@@ -49,6 +56,7 @@ struct cp_control_client {
     std::string out;
     int watched_run = 0;     // a `run` whose states are told
     int watched_report = 0;  // the same for a report on its way
+    int watched_transfer = 0;
     std::string last_told;
     std::string watched_log;  // name of an agent whose log lines are told
     int silence_limit = 0;    // seconds in which an agent must have sent something for this client, 0: none
@@ -72,6 +80,7 @@ struct cp_server {
     std::map<uint32_t, cp_pending> pending;
     std::map<int, cp_fetch> fetches;
     std::map<std::string, cp_file_read> file_reads;
+    std::map<int, cp_listing> listings;
     cp_observer observer;
     cp_message_tap tap;
 
@@ -99,6 +108,8 @@ void cp_control_read(cp_server& server, cp_control_client& client);
 void cp_control_tell_job(cp_server& server, const cp_job& job);
 // How much of a job's report has come.
 void cp_control_tell_progress(cp_server& server, int run, int64_t bytes);
+// State and figures of a transfer to those who watch it; its end with its report.
+void cp_control_tell_transfer(cp_server& server, const cp_transfer& transfer);
 void cp_control_tell_log(cp_server& server, const std::string& agent, const std::string& lines);
 // Refuses the requests whose agents have been silent for too long.
 void cp_control_end_silent(cp_server& server);

@@ -28,6 +28,7 @@ std::span<const command_row> server_commands();
 std::span<const command_row> job_commands();
 std::span<const command_row> agent_commands();
 std::span<const command_row> host_commands();
+std::span<const command_row> transfer_commands();
 std::span<const command_row> protocol_commands();
 
 // Adds rows to `app`. The action carries out the one of them that was given, of which there must be one.

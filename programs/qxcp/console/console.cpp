@@ -1,13 +1,10 @@
 #include "console.h"
 
 #include <fmt/format.h>
-#include <poll.h>
-#include <sys/signalfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -146,27 +143,6 @@ bool tell_report(const std::string& copy, int run, const std::string& path) {
     return true;
 }
 
-// Asks on the terminal whether the job shall be cancelled. A second Ctrl-C leaves it running.
-bool wants_cancel(int run, int signal_fd, bool& leave) {
-    leave = false;
-    fmt::print(stderr, "\nCancel job {}? [y/N] ", run);
-    std::fflush(stderr);
-    pollfd wait[2] = {{STDIN_FILENO, POLLIN, 0}, {signal_fd, POLLIN, 0}};
-    while (poll(wait, 2, -1) < 0 && errno == EINTR) {
-    }
-    if (wait[1].revents != 0) {
-        leave = true;
-        return false;
-    }
-    char answer[64] = {};
-    ssize_t n = read(STDIN_FILENO, answer, sizeof answer - 1);
-    if (n <= 0) {
-        leave = true;
-        return false;
-    }
-    return answer[0] == 'y' || answer[0] == 'Y';
-}
-
 int job_exit_code(const json& job) {
     const std::string state = job.value("state", "");
     if (state == "cancelled" && job.contains("signal")) {
@@ -217,14 +193,6 @@ bool add_resources(json& list, const std::vector<std::string>& names, const char
     return true;
 }
 
-int block_interrupt() {
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGINT);
-    sigprocmask(SIG_BLOCK, &set, nullptr);
-    return signalfd(-1, &set, SFD_CLOEXEC);
-}
-
 }  // namespace
 
 int cp_console_run(const cp_console_options& options, const cp_run_options& run) {
@@ -239,19 +207,18 @@ int cp_console_run(const cp_console_options& options, const cp_run_options& run)
         !add_resources(request["resources"], run.task_resources, "T")) {
         return console_exit_failure;
     }
-    if (!run.password_file.empty()) {
-        std::ifstream in(run.password_file);
-        std::string password;
-        if (!std::getline(in, password)) {
-            return console_fail(fmt::format("cannot read a password from '{}'", run.password_file));
-        }
-        request["password"] = password;
+    const std::optional<std::string> password = console_password(run.password_file);
+    if (!password) {
+        return console_exit_failure;
+    }
+    if (!password->empty()) {
+        request["password"] = *password;
     }
     control_line line;
     if (!control_connect(line, options.folder)) {
         return console_exit_no_server;
     }
-    const int signal_fd = block_interrupt();
+    const int signal_fd = console_block_interrupt();
     if (!control_send(line, request)) {
         return console_fail("the server closed the connection: see what it printed");
     }
@@ -265,7 +232,8 @@ int cp_console_run(const cp_console_options& options, const cp_run_options& run)
         }
         if (interrupted) {
             bool leave = false;
-            if (number != 0 && wants_cancel(number, signal_fd, leave)) {
+            if (number != 0 &&
+                console_wants_cancel(fmt::format("Cancel job {}?", number), signal_fd, leave)) {
                 cp_console_cancel(options, number);
                 continue;
             }

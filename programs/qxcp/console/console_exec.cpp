@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <csignal>
-#include <fstream>
 
 #include "console_line.h"
 #include "qxcp/hex.h"
@@ -77,13 +76,12 @@ int cp_console_exec(const cp_console_options& options, const cp_exec_options& ex
     }
     json request = {{"op", "exec"},      {"agent", exec.agent}, {"command", exec.command},
                     {"user", exec.user}, {"rows", exec.rows},   {"client", exec.client}};
-    if (!exec.password_file.empty()) {
-        std::ifstream in(exec.password_file);
-        std::string password;
-        if (!std::getline(in, password)) {
-            return console_fail(fmt::format("cannot read a password from '{}'", exec.password_file));
-        }
-        request["password"] = password;
+    const std::optional<std::string> password = console_password(exec.password_file);
+    if (!password) {
+        return console_exit_failure;
+    }
+    if (!password->empty()) {
+        request["password"] = *password;
     }
     control_line line;
     if (!control_connect(line, options.folder)) {

@@ -126,13 +126,12 @@ int cp_console_cat(const cp_console_options& options, const cp_cat_options& cat)
         request["part"] = cat.tail >= 0 ? "tail" : "head";
         request["lines"] = cat.tail >= 0 ? cat.tail : cat.head;
     }
-    if (!cat.password_file.empty()) {
-        std::ifstream in(cat.password_file);
-        std::string password;
-        if (!std::getline(in, password)) {
-            return console_fail(fmt::format("cannot read a password from '{}'", cat.password_file));
-        }
-        request["password"] = password;
+    const std::optional<std::string> password = console_password(cat.password_file);
+    if (!password) {
+        return console_exit_failure;
+    }
+    if (!password->empty()) {
+        request["password"] = *password;
     }
     int exit_code;
     const std::optional<json> answer = console_ask(options, request, exit_code);

@@ -9,8 +9,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 
 using nlohmann::json;
 
@@ -108,6 +110,47 @@ std::optional<json> control_receive(control_line& line, int signal_fd, bool& int
         }
         line.buffer.append(chunk, static_cast<size_t>(n));
     }
+}
+
+int console_block_interrupt() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigprocmask(SIG_BLOCK, &set, nullptr);
+    return signalfd(-1, &set, SFD_CLOEXEC);
+}
+
+bool console_wants_cancel(const std::string& question, int signal_fd, bool& leave) {
+    leave = false;
+    fmt::print(stderr, "\n{} [y/N] ", question);
+    std::fflush(stderr);
+    pollfd wait[2] = {{STDIN_FILENO, POLLIN, 0}, {signal_fd, POLLIN, 0}};
+    while (poll(wait, 2, -1) < 0 && errno == EINTR) {
+    }
+    if (wait[1].revents != 0) {
+        leave = true;
+        return false;
+    }
+    char answer[64] = {};
+    const ssize_t n = read(STDIN_FILENO, answer, sizeof answer - 1);
+    if (n <= 0) {
+        leave = true;
+        return false;
+    }
+    return answer[0] == 'y' || answer[0] == 'Y';
+}
+
+std::optional<std::string> console_password(const std::string& path) {
+    std::string password;
+    std::ifstream in;
+    if (!path.empty()) {
+        in.open(path);
+        if (!std::getline(in, password)) {
+            console_fail(fmt::format("cannot read a password from '{}'", path));
+            return std::nullopt;
+        }
+    }
+    return password;
 }
 
 bool console_progress(const json& line) {

@@ -34,6 +34,13 @@ bool control_send(const control_line& line, const nlohmann::json& request);
 // `interrupted`.
 std::optional<nlohmann::json> control_receive(control_line& line, int signal_fd, bool& interrupted);
 
+// From now on an interrupt is read from the descriptor that is returned.
+int console_block_interrupt();
+// Asks on the terminal. A second Ctrl-C, and no answer, set `leave`.
+bool console_wants_cancel(const std::string& question, int signal_fd, bool& leave);
+// The first line of the file, empty without a file. Nothing after an error, which has been told.
+std::optional<std::string> console_password(const std::string& path);
+
 // Shows how much of a report has come, on a terminal. False when the line tells something else.
 bool console_progress(const nlohmann::json& line);
 

@@ -69,6 +69,12 @@ constexpr control_row control_rows[] = {
     {"exec_cancel", cp_control_exec_cancel},
     {"resource_add", cp_control_resource_add},
     {"resource_list", cp_control_resource_list},
+    {"transfer", control_transfer},
+    {"transfers", control_transfers},
+    {"transfer_report", control_transfer_report},
+    {"transfer_watch", control_transfer_watch},
+    {"transfer_cancel", control_transfer_cancel},
+    {"dir", control_dir, answer_limit},
 };
 
 void handle_request(cp_server& server, cp_control_client& client, const std::string& line) {

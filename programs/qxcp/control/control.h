@@ -36,6 +36,13 @@ void control_trace(cp_server& server, cp_control_client& client, const nlohmann:
 void control_log(cp_server& server, cp_control_client& client, const nlohmann::json& request);
 void control_mail(cp_server& server, cp_control_client& client, const nlohmann::json& request);
 void control_connect(cp_server& server, cp_control_client& client, const nlohmann::json& request);
+// transfer_requests.cpp
+void control_transfer(cp_server& server, cp_control_client& client, const nlohmann::json& request);
+void control_transfers(cp_server& server, cp_control_client& client, const nlohmann::json& request);
+void control_transfer_report(cp_server& server, cp_control_client& client, const nlohmann::json& request);
+void control_transfer_watch(cp_server& server, cp_control_client& client, const nlohmann::json& request);
+void control_transfer_cancel(cp_server& server, cp_control_client& client, const nlohmann::json& request);
+void control_dir(cp_server& server, cp_control_client& client, const nlohmann::json& request);
 // keys.cpp
 void control_package(cp_server& server, cp_control_client& client, const nlohmann::json& request);
 void control_forget_key(cp_server& server, cp_control_client& client, const nlohmann::json& request);

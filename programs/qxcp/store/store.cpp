@@ -141,15 +141,31 @@ std::string open_journal(cp_store& store) {
             store.next_report_id = std::max(store.next_report_id, j.value("next_report_id", 1));
             continue;
         }
+        if (j.contains("transfer")) {
+            cp_transfer transfer = cp_transfer_from_journal(j["transfer"]);
+            store.next_run = std::max(store.next_run, transfer.run + 1);
+            store.transfers[transfer.run] = std::move(transfer);
+            continue;
+        }
         cp_job job = job_from_json(j);
         store.next_run = std::max(store.next_run, job.run + 1);
         store.jobs[job.run] = std::move(job);
+    }
+    for (auto& [run, transfer] : store.transfers) {
+        // The server may have been killed between the line and its number.
+        if (!transfer.forgotten) {
+            const std::vector<cp_report_line> lines = cp_store_lines(store, run);
+            transfer.last_line = std::max(transfer.last_line, lines.empty() ? 0 : lines.back().id);
+        }
     }
     const std::string compact = path + ".tmp";
     store.journal = std::fopen(compact.c_str(), "we");
     std::string fault = cp_store_save_numbers(store);
     for (auto& [run, job] : store.jobs) {
         fault = fault.empty() ? cp_store_save_job(store, job) : fault;
+    }
+    for (auto& [run, transfer] : store.transfers) {
+        fault = fault.empty() ? cp_store_save_transfer(store, transfer) : fault;
     }
     if (fault.empty() && rename(compact.c_str(), path.c_str()) != 0) {
         fault = fmt::format("cannot rename '{}': {}", compact, std::strerror(errno));
@@ -239,10 +255,47 @@ std::string cp_store_save_job(const cp_store& store, const cp_job& job) {
     return append_line(store, job_to_json(job));
 }
 
+std::string cp_store_save_transfer(const cp_store& store, const cp_transfer& transfer) {
+    return append_line(store, {{"transfer", cp_transfer_to_journal(transfer)}});
+}
+
 std::string cp_store_save_numbers(const cp_store& store) {
     return append_line(store, {{"next_run", store.next_run}, {"next_report_id", store.next_report_id}});
 }
 
 std::string cp_store_report_path(const cp_store& store, int run) {
     return fmt::format("{}/reports/{:07}.txt", store.folder, run);
+}
+
+namespace {
+
+std::string lines_path(const cp_store& store, int run) {
+    return fmt::format("{}/reports/{:07}.jsonl", store.folder, run);
+}
+
+}  // namespace
+
+std::string cp_store_add_lines(const cp_store& store, int run, const std::vector<cp_report_line>& lines) {
+    const std::string path = lines_path(store, run);
+    std::ofstream out(path, std::ios::app | std::ios::binary);
+    for (const cp_report_line& line : lines) {
+        const json j = {
+            {"id", line.id}, {"time", line.time}, {"number", line.number}, {"insert", line.insert}};
+        out << j.dump(-1, ' ', false, json::error_handler_t::replace) << "\n";
+    }
+    out.flush();
+    return out ? "" : fmt::format("cannot write '{}': {}", path, std::strerror(errno));
+}
+
+std::vector<cp_report_line> cp_store_lines(const cp_store& store, int run) {
+    std::vector<cp_report_line> lines;
+    std::ifstream in(lines_path(store, run));
+    for (std::string text; std::getline(in, text);) {
+        const json j = json::parse(text, nullptr, false);
+        if (j.is_object()) {  // what a killed server wrote in part is none
+            lines.push_back(
+                {j.value("id", 0), j.value("time", ""), j.value("number", 0), j.value("insert", "")});
+        }
+    }
+    return lines;
 }

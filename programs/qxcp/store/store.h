@@ -1,9 +1,10 @@
 // What the server keeps in its data folder, so that it can be restarted under a living agent.
 //
 //   KStore.ini          transfer keys of the agents, enciphered with the company key
-//   journal.jsonl       jobs with their restart records and the next numbers, a line for each change; the last
-//                       line of a job counts, and the file is made compact at each start
-//   reports/RUN.txt     its report as it was fetched; *.part: what the console is about to print
+//   journal.jsonl       jobs with their restart records, transfers and the next numbers, a line for each
+//                       change; the last line of a run counts, and the file is made compact at each start
+//   reports/RUN.txt     the report of a job as it was fetched; *.part: what the console is about to print
+//   reports/RUN.jsonl   the report of a transfer, a line of JSON for each of its lines
 //   resources.json      the stored resources, their contents in resources/
 //   agents/NAME.log     log lines that the agent sent
 //   control.sock        where the console reaches the server
@@ -15,6 +16,8 @@
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <vector>
+
+#include "transfer.h"
 
 enum class cp_job_state {
     waiting,    // no agent to send it to
@@ -100,7 +103,8 @@ struct cp_store {
     FILE* journal = nullptr;
     int next_run = 1;
     int next_report_id = 1;
-    std::map<int, cp_job> jobs;  // by run number
+    std::map<int, cp_job> jobs;            // by run number
+    std::map<int, cp_transfer> transfers;  // by run number; no job has the same
     std::vector<cp_resource> resources;
 
     cp_store() = default;
@@ -111,8 +115,12 @@ struct cp_store {
 
 // Makes the folder where it is missing and reads what it holds. Returns an empty text, or what is wrong.
 std::string cp_store_open(cp_store& store, const std::string& folder);
-// Both return an empty text, or what is wrong. A line is in the file when they return; a crash of the host
+// These return an empty text, or what is wrong. A line is in the file when they return; a crash of the host
 // may still lose it.
 std::string cp_store_save_job(const cp_store& store, const cp_job& job);
+std::string cp_store_save_transfer(const cp_store& store, const cp_transfer& transfer);
 std::string cp_store_save_numbers(const cp_store& store);
 std::string cp_store_report_path(const cp_store& store, int run);
+// Lines behind those that the report of a transfer has already. An empty text, or what is wrong.
+std::string cp_store_add_lines(const cp_store& store, int run, const std::vector<cp_report_line>& lines);
+std::vector<cp_report_line> cp_store_lines(const cp_store& store, int run);
