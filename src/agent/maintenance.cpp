@@ -22,6 +22,8 @@
 #include "log/trace.h"
 #include "reports/reports.h"
 #include "retrieval/file_retrieval.h"
+#include "transfer/ftx/module.h"
+#include "transfer/ftx/store.h"
 
 namespace {
 
@@ -52,6 +54,9 @@ void post_checks(EX_PCX* pcx, time_t now) {
     close_old_folders();
     rb_maintenance(pcx, time(nullptr));
     check_fileReqTimeout(pcx);
+    if (const time_t due = ss_cleanup_due(); due != 0 && due <= pcx->UB_Time) {
+        ss_ftxCleanup(pcx, ftx_glb().ft_rst_life, nullptr);
+    }
 }
 
 void post_when_due(EX_PCX* pcx, time_t* alarm, time_t now, const char* record) {

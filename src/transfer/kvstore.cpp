@@ -20,6 +20,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <span>
 #include <vector>
 
 #include "base/error_text.h"
@@ -48,13 +49,10 @@ int wrongMark(const kvstore* db, const __kvstore_record& header, qx7_error* err)
                         db->db_filename.c_str(), text);
 }
 
-// Whole transfer of two pieces at a place of the file.
-bool writeAt(int fd, int64_t offset, const __kvstore_record& header, const void* value, size_t len) {
-    iovec parts[2] = {{const_cast<__kvstore_record*>(&header), sizeof header},
-                      {const_cast<void*>(value), len}};
-    size_t at = 0;
-    while (at < 2) {
-        const ssize_t n = pwritev(fd, parts + at, static_cast<int>(2 - at), offset);
+// Whole transfer of pieces, which it uses up, at a place of the file.
+bool writeParts(int fd, int64_t offset, std::span<iovec> parts) {
+    while (!parts.empty()) {
+        const ssize_t n = pwritev(fd, parts.data(), static_cast<int>(parts.size()), offset);
         if (n < 0 && errno == EINTR) {
             continue;
         }
@@ -63,15 +61,27 @@ bool writeAt(int fd, int64_t offset, const __kvstore_record& header, const void*
         }
         offset += n;
         auto left = static_cast<size_t>(n);
-        while (at < 2 && left >= parts[at].iov_len) {
-            left -= parts[at++].iov_len;
+        while (!parts.empty() && left >= parts.front().iov_len) {
+            left -= parts.front().iov_len;
+            parts = parts.subspan(1);
         }
-        if (at < 2) {
-            parts[at].iov_base = static_cast<char*>(parts[at].iov_base) + left;
-            parts[at].iov_len -= left;
+        if (!parts.empty()) {
+            parts.front().iov_base = static_cast<char*>(parts.front().iov_base) + left;
+            parts.front().iov_len -= left;
         }
     }
     return true;
+}
+
+bool writeAt(int fd, const __kvstore_record& header, const void* value, size_t len) {
+    iovec parts[] = {{const_cast<__kvstore_record*>(&header), sizeof header},
+                     {const_cast<void*>(value), len}};
+    return writeParts(fd, header.offset, parts);
+}
+
+bool writeValue(int fd, const __kvstore_record& header, const void* value, size_t len) {
+    iovec parts[] = {{const_cast<void*>(value), len}};
+    return writeParts(fd, header.offset + header_size, parts);
 }
 
 // Reads as much as there is. -1 on failure.
@@ -128,9 +138,7 @@ bool plausible(const __kvstore_record& header, int64_t position) {
 
 int markDeleted(kvstore* db, __kvstore_record header, qx7_error* err) {
     header.flag |= kvstore_deleted;
-    return writeAt(db->db_fd, header.offset, header, nullptr, 0)
-               ? 0
-               : callFailed(db, "kvs_delete[lseek()/write()]", err);
+    return writeAt(db->db_fd, header, nullptr, 0) ? 0 : callFailed(db, "kvs_delete[lseek()/write()]", err);
 }
 
 // Whether a record begins anywhere behind `position`. 1 or 0, -1 on failure.
@@ -212,12 +220,13 @@ bool lockFile(int fd) {
 }
 
 // Only a file that nobody else can have placed here.
-bool ownFile(int fd) {
+bool ownFile(int fd, int mode) {
     struct stat facts {};
     if (fstat(fd, &facts) != 0) {
         return false;
     }
-    if (!S_ISREG(facts.st_mode) || facts.st_nlink != 1 || facts.st_uid != geteuid()) {
+    const bool any_owner = mode == kvstore_any_owner && geteuid() == 0;
+    if (!S_ISREG(facts.st_mode) || facts.st_nlink != 1 || (!any_owner && facts.st_uid != geteuid())) {
         errno = EPERM;
         return false;
     }
@@ -232,7 +241,7 @@ int append(kvstore* db, std::string_view key, const void* value, size_t len, __k
     header->len = static_cast<int64_t>(len);
     header->value_len = header->len;
     header->offset = db->file_end;
-    if (!writeAt(db->db_fd, header->offset, *header, value, len)) {
+    if (!writeAt(db->db_fd, *header, value, len)) {
         const int result = callFailed(db, "kvs_append[lseek()/write()]", err);
         if (ftruncate(db->db_fd, db->file_end) != 0) {
             return result;  // the next load cuts off what was begun
@@ -254,12 +263,13 @@ __kvstore_database::~__kvstore_database() {
 int kvstore_open(kvstore* db, const char* filename, int mode, qx7_error* err) {
     kvstore_close(db, nullptr);
     db->db_filename = filename;
-    const int create = mode == kvstore_create ? O_CREAT : 0;
+    const int create = mode == kvstore_create || mode == kvstore_empty ? O_CREAT : 0;
     db->db_fd = open(filename, O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | create, 0600);
     if (db->db_fd < 0) {
         return callFailed(db, "open()", err);
     }
-    if (!ownFile(db->db_fd) || (mode != kvstore_peek && !lockFile(db->db_fd))) {
+    if (!ownFile(db->db_fd, mode) || (mode != kvstore_peek && !lockFile(db->db_fd)) ||
+        (mode == kvstore_empty && ftruncate(db->db_fd, 0) != 0)) {
         callFailed(db, "open()", err);
         kvstore_close(db, nullptr);
         return -1;
@@ -279,8 +289,7 @@ int64_t kvstore_get(kvstore* db, std::string_view key, void* value, size_t* len,
     const __kvstore_record& header = found->second;
     const auto size = static_cast<size_t>(header.value_len);
     if (size > *len) {
-        errno = ERANGE;
-        return callFailed(db, "kvs_get[lseek()/read()]", err);
+        return qx_error_set(err, -1, ERANGE, number_store_key, "key: %s", std::string(key).c_str());
     }
     const ssize_t n = readAt(db->db_fd, header.offset + header_size, value, size);
     if (n < 0 || static_cast<size_t>(n) != size) {
@@ -300,7 +309,11 @@ int kvstore_put(kvstore* db, std::string_view key, const void* value, size_t len
     if (found != db->bt_root.end() && found->second.len >= static_cast<int64_t>(len)) {
         __kvstore_record header = found->second;
         header.value_len = static_cast<int64_t>(len);
-        if (!writeAt(db->db_fd, header.offset, header, value, len)) {
+        // Without its header a value does not count.
+        if (found->second.value_len == 0 && !writeValue(db->db_fd, header, value, len)) {
+            return callFailed(db, "kvs_update[lseek()/write()]", err);
+        }
+        if (!writeAt(db->db_fd, header, value, len)) {
             return callFailed(db, "kvs_update[lseek()/write()]", err);
         }
         found->second = header;

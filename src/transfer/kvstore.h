@@ -45,9 +45,11 @@ struct __kvstore_database {
 using kvstore = __kvstore_database;
 
 enum kvstore_mode : int {
-    kvstore_create = 0,    // makes the file when it is missing
-    kvstore_existing = 1,  // the file must be there
-    kvstore_peek = 2,      // a second look at a store that this process holds: no lock, nothing is changed
+    kvstore_create = 0,     // makes the file when it is missing
+    kvstore_existing = 1,   // the file must be there
+    kvstore_peek = 2,       // a look at a store that somebody holds: no lock, nothing is changed
+    kvstore_empty = 3,      // makes the file when it is missing, and throws away what it holds
+    kvstore_any_owner = 4,  // as kvstore_existing; root may open another's
 };
 
 // Opens the file and loads its keys; an open store is closed first. The file must be a regular one of this
@@ -56,10 +58,11 @@ enum kvstore_mode : int {
 int kvstore_open(kvstore* db, const char* filename, int mode, qx7_error* err);
 
 // Puts the value of `key` into `value`, which holds `*len` bytes. Returns the value's length, also in `*len`;
-// 0 when the key is not there; -1 on a failure, which too small a buffer is (errno ERANGE).
+// 0 when the key is not there; -1 on a failure: 2003041, or 63047 (errno ERANGE) for a value that is longer.
 int64_t kvstore_get(kvstore* db, std::string_view key, void* value, size_t* len, qx7_error* err);
 
-// Stores a value under a key of 1 to 27 bytes. 0 or -1.
+// Stores a value under a key of 1 to 27 bytes. 0 or -1. Where the key held an empty value, a crash leaves that
+// or the new one whole.
 int kvstore_put(kvstore* db, std::string_view key, const void* value, size_t len, qx7_error* err);
 
 // 0, also when the key is not there, or -1.

@@ -47,8 +47,8 @@ static_assert(offsetof(__ftx_elem, ftxe_text_coding) == 16 && offsetof(__ftx_ele
               offsetof(__ftx_elem, ftxe_rsr) == 96 && offsetof(__ftx_elem, ftxe_transferedBytes) == 112 &&
               offsetof(__ftx_elem, ftxe_flag) == 136 && offsetof(__ftx_elem, ftxe_status) == 140);
 
-// The transfer itself. Fields that hold a `uint64_t` in the place of a pointer, and the others that
-// status_store.cpp lists as live, are zero in the file.
+// The transfer itself. Pointers, descriptors, handles and what belongs to them stand in the file as zero; the
+// fields that do count are listed in status_store.cpp.
 struct FTX_AREA {
     char ftx_ID[16];
     uint64_t nxt;
@@ -189,6 +189,14 @@ static_assert(offsetof(FTX_AREA, ftxsend_addr) == 112 && offsetof(FTX_AREA, ftx_
               offsetof(FTX_AREA, ftx_Used) == 976 && offsetof(FTX_AREA, ftx_send_item) == 1000 &&
               offsetof(FTX_AREA, ftx_rst_timeStamp) == 1128 && offsetof(FTX_AREA, ftx_Insert) == 1168 &&
               offsetof(FTX_AREA, rb_pos) == 1424 && offsetof(FTX_AREA, ftx_md5) == 1444);
+
+// The image of a record as it goes to the file, and the other way: single fields only, so that a file that
+// somebody made up cannot reach anything else. A transfer's numbers, client and user are written, but never
+// taken.
+FTX_AREA ftx_to_image(const FTX_AREA& area);
+void ftx_from_image(const FTX_AREA& image, FTX_AREA* area);
+__ftx_elem ftxe_to_image(const __ftx_elem& elem);
+void ftxe_from_image(const __ftx_elem& image, __ftx_elem* elem);
 
 // Fixed part of a report record; its text follows at once and is terminated.
 struct __ftx_log {

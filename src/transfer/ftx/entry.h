@@ -192,6 +192,7 @@ struct ftx_entry : FTX_AREA {
 
     std::string store_name;  // ftx_ss_filename
     std::unique_ptr<kvstore> store;
+    bool store_failing = false;  // the last line of the report did not get there
 
     // One of the two, on the side that it belongs to.
     std::unique_ptr<CompressFile, compress_closer> compressor;

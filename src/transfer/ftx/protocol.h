@@ -6,6 +6,7 @@
 
 #include "channels/messages.h"
 
+struct ftx_elem;
 struct ftx_entry;
 
 // ---- To the partner (send.cpp)
@@ -24,7 +25,7 @@ int ftx_send_ftxendq(EX_PCX* pcx, ftx_entry* ftx);
 
 int ftx_send_ftxsendq(EX_PCX* pcx, ftx_entry* ftx, int msl_no, std::string_view text);
 int ftx_send_ftxsta(EX_PCX* pcx, ftx_entry* ftx);
-// mode 0: only when the report fills a block; 1: what there is; 2: an empty one.
+// Only when the server has asked. mode 0: only when the report fills a block; 1: what there is.
 int ftx_send_ftxwrite(EX_PCX* pcx, ftx_entry* ftx, int mode);
 
 // ---- The sender's window (window.cpp)
@@ -40,5 +41,8 @@ void ftx_end_with_error(EX_PCX* pcx, ftx_entry* ftx);
 // A line of the report, kept and stored; receivers keep none. The text is cut at 1024 bytes.
 void putFtxLog(ftx_entry* ftx, int number, const char* format, ...) __attribute__((format(printf, 3, 4)));
 void freeFtxLog(ftx_entry* ftx);
+// The lines of an element that has arrived, and of one that has not: without its message, which follows.
+void ftx_report_arrived(ftx_entry* ftx, const ftx_elem* elem);
+void ftx_report_not_arrived(ftx_entry* ftx, const ftx_elem* elem);
 void ftx_periodical_report_check(EX_PCX* pcx);
 void ftx_periodical_status_check(EX_PCX* pcx);
