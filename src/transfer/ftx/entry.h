@@ -205,7 +205,12 @@ struct ftx_entry : FTX_AREA {
 
     // The open file of the current element.
     qx_descriptor file;
-    std::string working_path;  // receiver: what is written, the destination or its temporary name
+    std::string folder_path;
+    qx_descriptor folder;      // that holds it, kept for the next file
+    std::string working_name;  // receiver: what is written there, the final name or a temporary one
+    std::string final_name;
+    bool may_replace = false;                 // receiver: what has the final name when the file is complete
+    int64_t restart_position = -1;            // sender: of the last restart item
     std::unique_ptr<unsigned char[]> buffer;  // ftx_fiob
     md5_context md5 = {};
 
