@@ -294,7 +294,8 @@ int process_executor_data(EX_PCX* pcx, ccm_msg_t* msg) {
         channel->cuc->pDelegCred = nullptr;  // it moves to the handshake
     }
     context.pDelegCred = expected ? context.pDelegCred : nullptr;
-    if (context.pDelegCred == nullptr) {
+    const bool of_transfer = field_text(context.key).starts_with("FTX ");
+    if (context.pDelegCred == nullptr && !of_transfer) {
         channel->cuc->key[0] = '\0';  // answered below: the close isn't answered once more
         // At once: another card of this partner, or its time limit, has nothing to say any more.
         ccm_channel_delete(pcx->ccm, channel);
@@ -304,6 +305,11 @@ int process_executor_data(EX_PCX* pcx, ccm_msg_t* msg) {
     const ccm_addr_t& requester = context.ccmaddr;
     if (!expected) {
         const std::string insert = card.name + "|" + context.name + "|";
+        if (of_transfer) {
+            // The transfer answers for itself when the channel ends.
+            ccm_channel_failbyID(pcx->ccm, id, number_wrong_agent, "%s", insert.c_str());
+            return -1;
+        }
         __log(number_wrong_agent, "%s", insert.c_str());
         send_quitt_extended(pcx, requester.src_ID, requester.src_name, requester.dst_name, requester.src_acv,
                             "CONNECT ", context.client, context.user, number_wrong_agent, insert.c_str(),

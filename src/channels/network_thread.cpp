@@ -94,6 +94,12 @@ struct wait_plan {
     int timeout_seconds;
 };
 
+// What was sent before a channel is to end may not have reached its queue yet.
+bool to_be_distributed(ccm_context_t* ccm) {
+    spin_guard guard(&ccm->queue_lock);
+    return ccm->sendq.first != nullptr || ccm->msgq_2dispatch.first != nullptr;
+}
+
 void plan_channel(ccm_context_t* ccm, ccm_channel_t* channel, time_t now, wait_plan* plan) {
     if (channel_has(channel, CH_FLAG_DELETED)) {
         ccm->flag.fetch_or(CCM_FLAG_CHANNELS_TO_DELETE);
@@ -104,7 +110,7 @@ void plan_channel(ccm_context_t* ccm, ccm_channel_t* channel, time_t now, wait_p
         return;
     }
     bool filled = send_queue_filled(channel);
-    if (!filled && channel_has(channel, CH_FLAG_DELETE_WHEN_SENT)) {
+    if (!filled && channel_has(channel, CH_FLAG_DELETE_WHEN_SENT) && !to_be_distributed(ccm)) {
         ccm_channel_delete(ccm, channel);
         return;
     }

@@ -125,6 +125,10 @@ int dcsWrite(DecompressFile* df, const char* buf, int len, ErrMsg* err);
 // complete, a zlib stream that has not ended, or the failure of an earlier call. Null is allowed.
 int dcsClose(DecompressFile* df, ErrMsg* err);
 
+// Whether nothing more can belong to the stream: false for a zlib stream before its own end. Streams of the other
+// methods end where their reader says so; they are always ready for it.
+bool dcsEnded(const DecompressFile* df);
+
 // Facts of the header, as far as it has come: -1 for what is not known yet or not in the stream.
 struct CompressHeader {
     int flags;

@@ -256,7 +256,7 @@ int take(DecompressFile& df, const uint8_t* from, size_t size, ErrMsg* err) {
 
 // What the end of the stream itself has to say.
 int closeBody(const DecompressFile& df, ErrMsg* err) {
-    if (df.id == compress_zlib && (df.zlib == nullptr || !df.zlib->ended)) {
+    if (!dcsEnded(&df)) {
         return compressError(err, number_compress_zlib_incomplete, "%s", "");
     }
     if (df.out.delivered < df.out.end) {
@@ -266,6 +266,10 @@ int closeBody(const DecompressFile& df, ErrMsg* err) {
 }
 
 }  // namespace
+
+bool dcsEnded(const DecompressFile* df) {
+    return df->id != compress_zlib || (df->zlib != nullptr && df->zlib->ended);
+}
 
 DecompressFile* dcsOpen(void* hOut, int flags, MyWrite myWrite, ErrMsg* err) {
     DecompressFile call;

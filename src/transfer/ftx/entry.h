@@ -202,6 +202,9 @@ struct ftx_entry : FTX_AREA {
     // have ended. Behind those, ftx_Used[1] of them have gone out.
     int64_t items = 0;
     int64_t items_of_ended = 0;
+    // Sender: blocks in each group that the receiver will quit as one, the oldest first, and in the one that fills.
+    std::deque<int> open_groups;
+    int filling_group = 0;
 
     // The open file of the current element.
     qx_descriptor file;
