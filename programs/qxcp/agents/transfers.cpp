@@ -29,7 +29,8 @@ bool is_agent(const cp_transfer_place& place, const cp_agent& agent) {
 // Null with an event when the agent has no part in the transfer of that number.
 cp_transfer* transfer_of(cp_server& server, const cp_agent& agent, int run, const char* what) {
     cp_transfer* transfer = cp_find_transfer(&server, run);
-    if (transfer != nullptr && (is_agent(transfer->source, agent) || is_agent(transfer->destination, agent))) {
+    if (transfer != nullptr &&
+        (is_agent(transfer->source, agent) || is_agent(transfer->destination, agent))) {
         return transfer;
     }
     cp_emit(server, "unknown", agent.link.agent, run,
@@ -196,11 +197,10 @@ void cp_take_transfer_start(cp_server& server, cp_agent& agent, message_view vie
     }
     if (answer.msl_no != 0) {
         const std::string insert{view_text(view, answer.msl_dist, answer.msl_len)};
-        const cp_transfer_state state = answer.msl_no == number_transfer_cancelled
-                                            ? cp_transfer_state::cancelled
-                                        : transfer->state == cp_transfer_state::running
-                                            ? cp_transfer_state::failed
-                                            : cp_transfer_state::refused;
+        const cp_transfer_state state =
+            answer.msl_no == number_transfer_cancelled      ? cp_transfer_state::cancelled
+            : transfer->state == cp_transfer_state::running ? cp_transfer_state::failed
+                                                            : cp_transfer_state::refused;
         cp_end_transfer(server, *transfer, state, answer.msl_no, insert);
         return;
     }
