@@ -38,12 +38,12 @@ struct list_context {
 void clear_list(ftx_entry* ftx) {
     ftxe_remove_all(ftx);
     ftx->ftx_size_total = 0;
-    ftx->ftx_files_total = ftx->ftx_max_oid = 0;
+    ftx->ftx_files_total = 0;
     ftx->ftx_nof_active = ftx->ftx_nof_sent = ftx->ftx_nof_completed = ftx->ftx_nof_error = 0;
 }
 
 ftx_elem* add_element(ftx_entry* ftx, const std::string& name, int kind, int64_t size) {
-    ftx_elem* const elem = ftxe_addnew(ftx, ftx->ftx_max_oid++);
+    ftx_elem* const elem = ftxe_addnew(ftx, static_cast<int>(ftx->elements.size()));
     elem->source_name = name;
     elem->ftxe_fileSize = size;
     elem->ftxe_flag |= kind;

@@ -152,8 +152,10 @@ std::string name_not_known() {
 
 // A file that cannot be opened never reaches the receiver, so its lines of the report are written here.
 void report_failed_open(ftx_entry* ftx, ftx_elem* elem, const qx7_error& error) {
-    putFtxLog(ftx, number_file_not_transferred, "%s|%lld|%lld|%s|%s", name_not_known().c_str(), 0LL, 0LL,
-              printable(elem->source_name).c_str(), sec2hhmmss3(0).c_str());
+    std::string destination = name_not_known();
+    elem->destination_name.swap(destination);
+    ftx_report_not_arrived(ftx, elem);
+    elem->destination_name.swap(destination);
     putFtxLog(ftx, error.qx_msgnr, "%s", error.qx_msgInsert);
     __log_error(error);
     ftxe_take_error(elem, error);
