@@ -16,10 +16,13 @@
 #include "messages/records_server.h"
 #include "messages/view.h"
 #include "security/mechanism.h"
+#include "transfer/legacy/module.h"
 
 namespace {
 
 constexpr char answered_type[] = "CONNECT ";
+// Of a connection whose order has its answer.
+constexpr char connect_key_answered[] = "FT answered";
 constexpr int port_max = 65535;
 
 int check_partner(const MSG_TYPE_CONNECT& order, qx7_error* error) {
@@ -86,28 +89,30 @@ int agent_connection_established(EX_PCX* pcx, int id) {
     if (channel == nullptr) {
         return -1;
     }
-    const bool ordered = channel->cuc != nullptr && strcmp(channel->cuc->key, connect_key_transfer) == 0;
-    ccm_channel_unlock(pcx->ccm);
-    if (!ordered) {
+    if (channel->cuc == nullptr || field_text(channel->cuc->key) != connect_key_transfer) {
+        ccm_channel_unlock(pcx->ccm);
         return 0;  // the partner's connection
     }
-    __log(-1, "legacy file transfer is not implemented");
-    ccm_channel_deletebyID(pcx->ccm, id);
-    return -1;
+    copy_text(channel->cuc->key, connect_key_answered);
+    ccm_connect_user_context_t context = *channel->cuc;
+    context.pDelegCred = nullptr;
+    ccm_channel_unlock(pcx->ccm);
+    return ft_connection_success(pcx, context);
 }
 
 void agent_connection_closed(EX_PCX* pcx, const ccm_channel_image_t& channel,
                              const ccm_connect_user_context_t& context) {
-    if (channel.cuc == 0 || get_text(context.key) != connect_key_transfer) {
+    if ((channel.flag & CH_FLAG_SEALED) != 0) {
+        process_ft_stop(pcx, channel.ID);
+    }
+    if (channel.cuc == 0 || field_text(context.key) != connect_key_transfer) {
         return;
     }
-    std::string insert = channel.msginsert;
-    if (channel.msgnr == 0) {
-        insert = printable(get_text(channel.name)) + "|" + strerror(ECONNRESET) + "|";
-    }
+    const std::string insert =
+        channel.msgnr == 0 ? printable(field_text(channel.name)) + "|" : std::string(channel.msginsert);
     // By name: the server's channel may be another one by now.
     send_quitt_extended(pcx, 0, context.ccmaddr.src_name, context.ccmaddr.dst_name, context.ccmaddr.src_acv,
                         answered_type, context.client, context.user,
-                        channel.msgnr == 0 ? number_read_failed : channel.msgnr, insert.c_str(), "NK",
-                        nullptr, 0);
+                        channel.msgnr == 0 ? number_transfer_connection_closed : channel.msgnr,
+                        insert.c_str(), "NK", nullptr, 0);
 }

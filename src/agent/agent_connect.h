@@ -12,9 +12,9 @@ inline constexpr char connect_key_transfer[] = "FT";
 // connect. A failure here is answered NK; a later one is by the partner's card (process_executor_data) or the
 // close.
 int process_connect(EX_PCX* pcx, ccm_msg_t* msg, int row);
-// The handshake with the partner is over. The transfer that would follow isn't part of this build: the
-// connection ends, and its close is answered.
+// The handshake with the partner is over, which the server learns.
 int agent_connection_established(EX_PCX* pcx, int id);
-// The connection of a CONNECT has ended: NK with the reason.
+// The connection with a partner has ended, and the transfers by the older protocol with it. A CONNECT that it
+// belongs to and that has no answer yet gets NK with the reason.
 void agent_connection_closed(EX_PCX* pcx, const ccm_channel_image_t& channel,
                              const ccm_connect_user_context_t& context);

@@ -24,6 +24,7 @@
 #include "resources/resources.h"
 #include "retrieval/file_retrieval.h"
 #include "services/mail.h"
+#include "transfer/legacy/module.h"
 
 namespace {
 
@@ -109,12 +110,12 @@ const function_row sr_function_list_fh[] = {
 
 // "FT-RECV2" is written with a hyphen, and must stay so.
 const function_row sr_function_list_ft[] = {
-    {"FT_RECV ", process_function_not_implemented}, {"FT_SEND ", process_function_not_implemented},
-    {"FT-RECV2", process_function_not_implemented}, {"FT_SEND2", process_function_not_implemented},
-    {"FT_END  ", process_function_not_implemented}, {"FT_STOP ", process_function_unknown},
-    {"FT_DATA ", process_function_not_implemented}, {"FT_QUIT ", process_function_not_implemented},
-    {"FT_CAN  ", process_function_not_implemented}, {"FT_DIR  ", process_function_not_implemented},
-    {"QUITT   ", process_function_not_implemented}, {"", process_function_unknown},
+    {"FT_RECV ", process_ft_send_recv},     {"FT_SEND ", process_ft_send_recv},
+    {"FT-RECV2", process_ft_send_recv},     {"FT_SEND2", process_ft_send_recv},
+    {"FT_END  ", process_ft_end_message},   {"FT_STOP ", process_function_unknown},
+    {"FT_DATA ", process_ft_data},          {"FT_QUIT ", process_ft_quit},
+    {"FT_CAN  ", process_ft_cancel},        {"FT_DIR  ", process_ft_dir},
+    {"QUITT   ", process_ft_quitt_message}, {"", process_function_unknown},
 };
 
 const function_row sr_function_list_ftx[] = {

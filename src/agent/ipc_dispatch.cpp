@@ -20,6 +20,7 @@
 #include "launch/starter.h"
 #include "log/log.h"
 #include "log/trace.h"
+#include "transfer/legacy/module.h"
 
 namespace {
 
@@ -223,7 +224,7 @@ const ipc_function_t ipc_function_list[] = {
     {"NATMELD", process_ipc_exmeld},
     {"NATQUITT", process_ipc_natquitt},
     {"JOBCHK", process_ipc_jobchk},
-    {"FT_CHK", check_nothing},
+    {"FT_CHK", process_ft_chk},
     {"FHCHK", check_nothing},
     {"CMD_CHK", process_cmd_chk},
     {"IOSCHK", check_nothing},

@@ -24,6 +24,7 @@
 #include "retrieval/file_retrieval.h"
 #include "transfer/ftx/module.h"
 #include "transfer/ftx/store.h"
+#include "transfer/legacy/module.h"
 
 namespace {
 
@@ -93,7 +94,7 @@ void find_server(EX_PCX* pcx, time_t now) {
 // An upgrade waits for the moment in which nothing would be interrupted.
 void restart_when_quiet(EX_PCX* pcx) {
     if (pcx->upgrade_exit_code == exit_code_upgrade && getCommandCount() == 0 && jpGetJobCount() == 0 &&
-        get_fileReqCount(pcx) == 0) {
+        get_fileReqCount(pcx) == 0 && !FT_IsActive()) {
         initiate_agent_shutdown(pcx);
     }
 }

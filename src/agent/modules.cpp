@@ -4,6 +4,7 @@
 #include <iterator>
 
 #include "agent/message_error.h"
+#include "agent/settings.h"
 #include "agent/shell_sources.h"
 #include "agent/system_variables.h"
 #include "base/context.h"
@@ -18,6 +19,7 @@
 #include "reports/reports.h"
 #include "retrieval/file_retrieval.h"
 #include "services/mail.h"
+#include "transfer/legacy/module.h"
 
 namespace {
 
@@ -49,6 +51,12 @@ int open_reports(EX_PCX* pcx, qx7_error*) {
     return result;
 }
 
+int open_legacy_transfers(EX_PCX* pcx, qx7_error*) {
+    char size[32];
+    pcx->getProfileString(pcx, "MISC", "FtpSendMessageSize", "32256", size, sizeof size);
+    return FT_Open(pcx, static_cast<size_t>(settings_ft_message_size(size)));
+}
+
 int close_variables(EX_PCX* pcx) {
     mail_close(pcx);
     return Var_Close(pcx);
@@ -71,6 +79,7 @@ constexpr module_row modules[] = {
     {"JP_Open", JP_Open, JP_Close, JP_after_fork, 1},
     {"REP_Open", open_reports, REP_Close, REP_after_fork, 3},
     {"cmdOpen", [](EX_PCX* pcx, qx7_error*) { return cmdOpen(pcx); }, cmdClose, cmd_after_fork, 4},
+    {"FT_Open", open_legacy_transfers, FT_Close, FT_after_fork, 6},
 };
 
 constexpr bool each_place_once() {

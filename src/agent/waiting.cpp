@@ -12,6 +12,7 @@
 #include "jobs/job_table.h"
 #include "log/log.h"
 #include "retrieval/file_retrieval.h"
+#include "transfer/legacy/module.h"
 
 namespace {
 
@@ -31,7 +32,7 @@ struct earliest {
 
 // The periodic checks find something only where there is something to check.
 bool something_to_check(EX_PCX* pcx) {
-    return jpGetJobCount() > 0 || get_fileReqCount(pcx) > 0;
+    return jpGetJobCount() > 0 || get_fileReqCount(pcx) > 0 || FT_IsActive();
 }
 
 bool lines_wait_for_server(const EX_PCX* pcx) {

@@ -4,6 +4,7 @@
 #include "agent/loop.h"
 #include "agent_fixture.h"
 #include "messages/records_server.h"
+#include "transfer/legacy/module.h"
 
 namespace {
 
@@ -32,7 +33,7 @@ TEST(dispatch, a_body_without_a_whole_type_meets_the_default_row) {
     EXPECT_EQ(handler(sr_function_list_jp, "", 0), process_function_unknown);
     EXPECT_EQ(handler(sr_function_list_jp, "EXAKTJX ", 8), process_function_unknown);
     EXPECT_EQ(handler(sr_function_list_ftx, "whatever", 8), process_function_unknown_ftx);
-    EXPECT_EQ(handler(sr_function_list_ft, "FT-RECV2", 8), process_function_not_implemented);
+    EXPECT_EQ(handler(sr_function_list_ft, "FT-RECV2", 8), process_ft_send_recv);
     EXPECT_EQ(handler(sr_function_list_ft, "FT_RECV2", 8), process_function_unknown);
 }
 
