@@ -20,6 +20,7 @@
 #include "messages/records_server.h"
 #include "messages/timestamp.h"
 #include "messages/view.h"
+#include "transfer/ftx/module.h"
 
 namespace {
 
@@ -40,7 +41,7 @@ void fill_exinfo(EX_PCX* pcx, const MSG_TYPE_EXQUERY& query, MSG_TYPE_EXINFO* in
     info->extime = timestamp_now();
     info->ping1 = query.ping1;
     info->ping2 = query.ping2;
-    info->ftcount = 0;  // no transfers in this build
+    info->ftcount = ftx_get_nof_ftx_processes();
     info->jobcount = jpGetJobCount();
     info->connectcount = ccm_get_nof_connections(pcx->ccm);
     info->cputime = processor_time(pcx);

@@ -24,6 +24,7 @@
 #include "resources/resources.h"
 #include "retrieval/file_retrieval.h"
 #include "services/mail.h"
+#include "transfer/ftx/module.h"
 #include "transfer/legacy/module.h"
 
 namespace {
@@ -119,18 +120,12 @@ const function_row sr_function_list_ft[] = {
 };
 
 const function_row sr_function_list_ftx[] = {
-    {"FTXDATA ", process_function_not_implemented},
-    {"FTXQUIT ", process_function_not_implemented},
-    {"FTXSEND ", process_function_not_implemented},
-    {"FTXRECV ", process_function_not_implemented},
-    {"FTXRECVQ", process_function_not_implemented},
-    {"FTXEND  ", process_function_not_implemented},
-    {"FTXENDQ ", process_function_not_implemented},
-    {"FTXREPG ", process_function_not_implemented},
-    {"FTXDEL  ", process_function_not_implemented},
-    {"FTXINF  ", process_function_not_implemented},
-    {"FTXCANC ", process_function_not_implemented},
-    {"FTXSENDQ", process_function_not_implemented},
+    {"FTXDATA ", ftx_process_ftxdata},   {"FTXQUIT ", ftx_process_ftxquitt},
+    {"FTXSEND ", ftx_process_ftxsend},   {"FTXRECV ", ftx_process_ftxrecv},
+    {"FTXRECVQ", ftx_process_ftxrecvq},  {"FTXEND  ", ftx_process_ftxend},
+    {"FTXENDQ ", ftx_process_ftxendq},   {"FTXREPG ", ftx_process_ftxrepg},
+    {"FTXDEL  ", ftx_process_ftxdelete}, {"FTXINF  ", ftx_process_ftxinf},
+    {"FTXCANC ", ftx_process_ftxcancel}, {"FTXSENDQ", ftx_process_ftxsendq},
     {"", process_function_unknown_ftx},
 };
 
@@ -187,7 +182,7 @@ int qxexft_exec(EX_PCX* pcx, ccm_msg_t* msg, int) {
 }
 
 int qxftx_exec(EX_PCX* pcx, ccm_msg_t* msg, int) {
-    return call(sr_function_list_ftx, pcx, msg);
+    return ftx_may_say(pcx, msg) ? call(sr_function_list_ftx, pcx, msg) : -1;
 }
 
 int qxexfh_exec(EX_PCX* pcx, ccm_msg_t* msg, int) {

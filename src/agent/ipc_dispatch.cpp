@@ -1,6 +1,7 @@
 #include "agent/ipc_dispatch.h"
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 #include <string>
 
@@ -8,6 +9,7 @@
 #include "agent/listener.h"
 #include "agent/server_connection.h"
 #include "agent/timers.h"
+#include "agent/worker_process.h"
 #include "base/context.h"
 #include "base/message_numbers.h"
 #include "base/text.h"
@@ -20,6 +22,7 @@
 #include "launch/starter.h"
 #include "log/log.h"
 #include "log/trace.h"
+#include "transfer/ftx/module.h"
 #include "transfer/legacy/module.h"
 
 namespace {
@@ -93,7 +96,7 @@ int process_ipc_sigchld(EX_PCX* pcx, ccm_msg_t* msg, int) {
     }
     const int known = process_job_sigchild(pcx, end.pid, end.ret, end.status);
     JP_after_call(pcx);
-    return known != 0 ? 0 : -1;
+    return known != 0 || ftx_check_sigchild(pcx, end.pid, end.ret, end.status) != 0 ? 0 : -1;
 }
 
 bool is_agent_channel(const ccm_channel_image_t& channel) {
@@ -106,13 +109,37 @@ bool other_server_stands(EX_PCX* pcx) {
     return ccm_channel_collect(pcx->ccm, CH_TYPE_SERVER, &id, 1) > 0;
 }
 
+// The number behind "FTX " in the key of a connection that a transfer's order has made; 0 for other keys.
+int transfer_of(std::string_view key) {
+    int64_t id = 0;
+    const bool transfer = get_word_delimited(key, ' ', 1) == "FTX" &&
+                          parse_number(get_word_delimited(key, ' ', 2), 1, INT_MAX, &id);
+    return transfer ? static_cast<int>(id) : 0;
+}
+
+void partner_gone(EX_PCX* pcx, const ipcmsg_channel_close_t& record) {
+    const int id = record.ccmch.cuc == 0 ? 0 : transfer_of(field_text(record.cuc.key));
+    if (id != 0) {
+        ftx_connection_failed(pcx, id, record.ccmch);
+        return;
+    }
+    ftx_connection_closed(pcx, record.ccmch);
+    agent_connection_closed(pcx, record.ccmch, record.cuc);
+}
+
+void channel_of_child_closed(EX_PCX* pcx, const ccm_channel_image_t& channel) {
+    if (is_agent_channel(channel)) {
+        stop_child(pcx);
+    } else if (pcx->running_mode == MODE_FTX && channel.type == CH_TYPE_AGENT) {
+        ftx_connection_closed(pcx, channel);
+    }
+}
+
 int process_ipc_channel_close(EX_PCX* pcx, ccm_msg_t* msg, int) {
     const auto record = record_of<ipcmsg_channel_close_t>(msg);
     const ccm_channel_image_t& channel = record.ccmch;
     if (pcx->running_mode != MODE_AGENT) {
-        if (is_agent_channel(channel)) {
-            stop_child(pcx);
-        }
+        channel_of_child_closed(pcx, channel);
         return 0;
     }
     if (channel.type == CH_TYPE_CP_CANDIDATE) {
@@ -123,7 +150,7 @@ int process_ipc_channel_close(EX_PCX* pcx, ccm_msg_t* msg, int) {
     } else if (channel.type == CH_TYPE_SERVER && !other_server_stands(pcx)) {
         server_connection_lost(pcx);
     } else if (channel.type == CH_TYPE_AGENT) {
-        agent_connection_closed(pcx, channel, record.cuc);
+        partner_gone(pcx, record);
     }
     return 0;
 }
@@ -146,6 +173,19 @@ int process_ipc_channel_accept(EX_PCX* pcx, ccm_msg_t* msg, int) {
     return send_visitcard(pcx, record.ID);
 }
 
+int transfer_connected(EX_PCX* pcx, int channel_id, int id, const std::string& name, int s) {
+    ftx_connection_succeeded(pcx, id, channel_id);
+    const std::string own = "*FTX(" + name + "," + std::to_string(id) + ")";
+    ccm_channel_t* channel = ccm_channel_getbyID(pcx->ccm, channel_id);
+    if (channel == nullptr) {
+        return 0;  // it has ended already
+    }
+    copy_text(channel->name, own);
+    ccm_channel_unlock(pcx->ccm);
+    __log(number_connection_of_transfer, "%s,(s=%d,ID=%i)|%s", own.c_str(), s, channel_id, name.c_str());
+    return 0;
+}
+
 int process_ipc_gsshs_ok(EX_PCX* pcx, ccm_msg_t* msg, int) {
     const auto record = record_of<ipcmsg_channel_id_t>(msg);
     ccm_channel_t* channel = ccm_channel_getbyID(pcx->ccm, record.ID);
@@ -157,9 +197,15 @@ int process_ipc_gsshs_ok(EX_PCX* pcx, ccm_msg_t* msg, int) {
     channel->connect_timeout = 0;
     pcx->ccm->flag.fetch_or(CCM_FLAG_CHANNELS_TO_DELETE);
     const int type = channel->type;
+    const std::string name(field_text(channel->name));
+    const int s = channel->s;
+    const int id = channel->cuc == nullptr ? 0 : transfer_of(field_text(channel->cuc->key));
     ccm_channel_unlock(pcx->ccm);
-    return type == CH_TYPE_SERVER ? server_connection_established(pcx, record.ID)
-                                  : agent_connection_established(pcx, record.ID);
+    if (type == CH_TYPE_SERVER) {
+        return server_connection_established(pcx, record.ID);
+    }
+    return id == 0 ? agent_connection_established(pcx, record.ID)
+                   : transfer_connected(pcx, record.ID, id, name, s);
 }
 
 int process_ipc_listener_ok(EX_PCX* pcx, ccm_msg_t*, int) {
@@ -172,6 +218,11 @@ int process_ipc_jobchk(EX_PCX* pcx, ccm_msg_t* msg, int row) {
     const int result = process_jobchk(pcx, msg, row);
     JP_after_call(pcx);
     return result;
+}
+
+int process_ipc_ft_chk(EX_PCX* pcx, ccm_msg_t* msg, int row) {
+    perform_ftx_check(pcx, msg, row);
+    return process_ft_chk(pcx, msg, row);
 }
 
 // The process name goes before the last "." of the file name, or to its end.
@@ -203,9 +254,9 @@ int process_ipc_trace_flush(EX_PCX* pcx, ccm_msg_t* msg, int) {
     return count < 0 ? -1 : 0;
 }
 
-// Only a child obeys; a record of that name has no effect in the agent.
+// Only the listener obeys. A worker ends with its transfer, or with the agent.
 int process_shutdown(EX_PCX* pcx, ccm_msg_t*, int) {
-    if (pcx->running_mode != MODE_AGENT) {
+    if (pcx->running_mode == MODE_LISTENER) {
         stop_child(pcx);
     }
     return 0;
@@ -224,11 +275,11 @@ const ipc_function_t ipc_function_list[] = {
     {"NATMELD", process_ipc_exmeld},
     {"NATQUITT", process_ipc_natquitt},
     {"JOBCHK", process_ipc_jobchk},
-    {"FT_CHK", process_ft_chk},
+    {"FT_CHK", process_ipc_ft_chk},
     {"FHCHK", check_nothing},
     {"CMD_CHK", process_cmd_chk},
     {"IOSCHK", check_nothing},
-    {"FTXCHK", check_nothing},
+    {"FTXCHK", perform_ftx_check},
     {"GSSHS_REMOTE", process_ipc_gsshs_remote},
     {"EXDATA_REMOTE", process_ipc_exdata_remote},
     {"ROUTENAT", process_ipc_routenat},
@@ -236,7 +287,7 @@ const ipc_function_t ipc_function_list[] = {
     {"PASSFD_QUITT", process_ipc_passfd_quitt},
     {"REMOTE_CLOSE", process_ipc_remote_close},
     {"LISTENER_OK", process_ipc_listener_ok},
-    {"FTX_FINISH", process_ipc_not_implemented},
+    {"FTX_FINISH", ftx_process_finished},
     {"TRACE_FLUSH", process_ipc_trace_flush},
     {"SHUTDOWN", process_shutdown},
     {"TIMER_FIRE", process_ipc_timer_fire},

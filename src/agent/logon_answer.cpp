@@ -24,6 +24,8 @@
 #include "messages/records_server.h"
 #include "messages/view.h"
 #include "resources/resources.h"
+#include "transfer/ftx/module.h"
+#include "transfer/ftx/store.h"
 
 namespace {
 
@@ -85,6 +87,20 @@ void take_rollback_time(EX_PCX* pcx, const logon_answer& answer) {
     pcx->pcx_rb_check_hh = check.abs2_hh;
     pcx->pcx_rb_check_mm = check.abs2_mm;
     pcx->pcx_rb_check_ss = check.abs2_ss;
+}
+
+// The first logon after a start plans the cleaning of old status stores, and does the one that is due.
+void take_transfers(EX_PCX* pcx, const logon_answer& answer) {
+    FTX_GLB& glb = ftx_glb();
+    glb.ft_use_md5 = answer.ft_use_md5 == 'Y';
+    glb.ft_rst_life = answer.ft_rst_life;
+    glb.ft_rst_check_hh = answer.ft_rst_check.hh;
+    glb.ft_rst_check_mm = answer.ft_rst_check.mm;
+    glb.ft_rst_check_ss = answer.ft_rst_check.ss;
+    if (ss_cleanup_due() == 0) {
+        qx7_error error;
+        ss_ftxCleanup(pcx, glb.ft_rst_life, &error);  // it logs its failure
+    }
 }
 
 void take_periods(EX_PCX* pcx, const logon_answer& answer) {
@@ -212,6 +228,7 @@ int process_exstartq2(EX_PCX* pcx, ccm_msg_t* msg, int) {
     take_password_checks(pcx, answer);
     take_report(pcx, answer);
     take_periods(pcx, answer);
+    take_transfers(pcx, answer);
     take_own_addresses(pcx, answer, view);
     take_log_mode(pcx, answer);
     take_block_and_code(pcx, answer, view);

@@ -11,6 +11,7 @@
 #include "agent/server_connection.h"
 #include "agent/shutdown.h"
 #include "agent/signals.h"
+#include "agent/worker_process.h"
 #include "base/context.h"
 #include "base/time.h"
 #include "channels/ipc.h"
@@ -94,7 +95,7 @@ void find_server(EX_PCX* pcx, time_t now) {
 // An upgrade waits for the moment in which nothing would be interrupted.
 void restart_when_quiet(EX_PCX* pcx) {
     if (pcx->upgrade_exit_code == exit_code_upgrade && getCommandCount() == 0 && jpGetJobCount() == 0 &&
-        get_fileReqCount(pcx) == 0 && !FT_IsActive()) {
+        get_fileReqCount(pcx) == 0 && ftx_get_nof_ftx_processes() == 0 && !FT_IsActive()) {
         initiate_agent_shutdown(pcx);
     }
 }
@@ -152,6 +153,7 @@ int maintenance_agent(EX_PCX* pcx) {
         maintenance_listener_process(pcx);
     }
     restart_when_quiet(pcx);
+    shutdown_when_workers_ended(pcx);
     check_log_change(pcx);
     return 0;
 }

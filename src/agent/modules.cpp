@@ -7,6 +7,7 @@
 #include "agent/settings.h"
 #include "agent/shell_sources.h"
 #include "agent/system_variables.h"
+#include "agent/worker_process.h"
 #include "base/context.h"
 #include "base/error.h"
 #include "base/files.h"
@@ -19,6 +20,7 @@
 #include "reports/reports.h"
 #include "retrieval/file_retrieval.h"
 #include "services/mail.h"
+#include "transfer/ftx/module.h"
 #include "transfer/legacy/module.h"
 
 namespace {
@@ -67,19 +69,21 @@ struct module_row {
     int (*open)(EX_PCX* pcx, qx7_error* error);
     int (*close)(EX_PCX* pcx);
     int (*after_fork)(EX_PCX* pcx);
-    int closing;  // place in the order of closing; 0 for what outlives the modules
+    int closing;             // place in the order of closing; 0 for what outlives the modules
+    bool in_worker = false;  // a worker goes on with it, and closes it at its end
 };
 
 // In the order of opening.
 constexpr module_row modules[] = {
+    {"FTX_Open", open_transfers, FTX_Close, FTX_after_fork, 6, true},
+    {"FT_Open", open_legacy_transfers, FT_Close, FT_after_fork, 5},
     {"GET_fileOpen", [](EX_PCX* pcx, qx7_error*) { return GET_fileOpen(pcx); }, GET_fileClose, GET_fileClose,
-     5},
+     7},
     {"Msg_Open", Msg_Open, nullptr, nullptr, 0},
     {"Var_Open", Var_Open, close_variables, Var_Close, 2},
     {"JP_Open", JP_Open, JP_Close, JP_after_fork, 1},
     {"REP_Open", open_reports, REP_Close, REP_after_fork, 3},
     {"cmdOpen", [](EX_PCX* pcx, qx7_error*) { return cmdOpen(pcx); }, cmdClose, cmd_after_fork, 4},
-    {"FT_Open", open_legacy_transfers, FT_Close, FT_after_fork, 6},
 };
 
 constexpr bool each_place_once() {
@@ -106,9 +110,15 @@ int open_modules(EX_PCX* pcx, qx7_error* error) {
 }
 
 void close_modules(EX_PCX* pcx) {
-    const bool child = pcx->running_mode != MODE_AGENT;
     for (int place = 1; place < static_cast<int>(std::size(modules)); ++place) {
         const module_row* row = std::ranges::find(modules, place, &module_row::closing);
-        (child ? row->after_fork : row->close)(pcx);
+        const bool own = pcx->running_mode == MODE_AGENT || (pcx->running_mode == MODE_FTX && row->in_worker);
+        (own ? row->close : row->after_fork)(pcx);
+    }
+}
+
+void forget_modules(EX_PCX* pcx) {
+    for (int place = 1; place < static_cast<int>(std::size(modules)); ++place) {
+        std::ranges::find(modules, place, &module_row::closing)->after_fork(pcx);
     }
 }

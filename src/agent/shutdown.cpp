@@ -13,6 +13,7 @@
 #include "agent/server_connection.h"
 #include "agent/signals.h"
 #include "agent/timers.h"
+#include "agent/worker_process.h"
 #include "base/context.h"
 #include "base/locks.h"
 #include "base/message_numbers.h"
@@ -55,6 +56,10 @@ void drain(EX_PCX* pcx) {
     // A child, partner or caller that takes nothing must not hold the process for ever, whatever it sends
     // itself. The server channel has no limit of its own: the keep-alive bounds it.
     const time_t limit = alarm_now() - drain_silence_limit;
+    if (drain_start < limit && pcx->running_mode == MODE_FTX) {
+        pcx->loop = LOOP_LEAVE;  // also when its partner takes a little now and then
+        return;
+    }
     if (drain_start < limit) {
         for (const int type : {CH_TYPE_AGENT, CH_TYPE_IPC, CH_TYPE_ACCEPTED}) {
             ccm_channel_give_up_stuck(pcx->ccm, type, limit);
@@ -101,6 +106,9 @@ void unload_pam(EX_PCX* pcx) {
 }  // namespace
 
 int initiate_agent_shutdown(EX_PCX* pcx) {
+    if (pcx->loop == LOOP_RUNNING && shutdown_waits_for_workers(pcx)) {
+        return 0;
+    }
     int expected = LOOP_RUNNING;
     if (!pcx->loop.compare_exchange_strong(expected, LOOP_STOP_WANTED)) {
         return 0;

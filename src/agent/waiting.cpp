@@ -6,6 +6,7 @@
 #include "agent/network_watch.h"
 #include "agent/server_connection.h"
 #include "agent/timers.h"
+#include "agent/worker_process.h"
 #include "base/context.h"
 #include "base/time.h"
 #include "channels/ccm.h"
@@ -32,7 +33,7 @@ struct earliest {
 
 // The periodic checks find something only where there is something to check.
 bool something_to_check(EX_PCX* pcx) {
-    return jpGetJobCount() > 0 || get_fileReqCount(pcx) > 0 || FT_IsActive();
+    return jpGetJobCount() > 0 || get_fileReqCount(pcx) > 0 || FT_IsActive() || transfers_wait(pcx);
 }
 
 bool lines_wait_for_server(const EX_PCX* pcx) {

@@ -295,6 +295,7 @@ inline constexpr int number_transfer_listed_folders = 63091;  // "transfer|folde
 inline constexpr int number_worker_started = 63094;           // "agent's process id|name|process id|"
 inline constexpr int number_worker_runs = 63095;              // "transfer|name|process id|"
 inline constexpr int number_upgrade_waits_for_transfers = 2000287;  // "transfer(pid=process id)|"
+inline constexpr int number_connection_of_transfer = 2003069;       // "name,(socket,ID)|former name"
 inline constexpr int number_store_damaged = 2003071;
 inline constexpr int number_transfer_unknown = 2003072;  // "transfer|message"
 inline constexpr int number_folder_not_made = 2005072;   // "folder|errno(reason)"

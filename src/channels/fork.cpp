@@ -35,9 +35,8 @@ void keep(ccm_channel_t* channel, bool with_buffer) {
     channel->recvq = {};
     channel->nof_sendq = 0;
     channel->sendq_bytes = 0;
-    if (with_buffer) {
-        channel->flag.fetch_and(~CH_FLAG_NO_READ);  // it was held for the fork
-    } else {
+    channel->flag.fetch_and(~CH_FLAG_NO_READ);  // it was held for the fork
+    if (!with_buffer) {
         channel->recv_pos = 0;
         channel->fifo.clear();
     }
@@ -62,27 +61,43 @@ int close_span(unsigned first, unsigned last) {
     return first > last ? 0 : static_cast<int>(syscall(SYS_close_range, first, last, 0U));
 }
 
-// For kernels without close_range.
-void close_listed(const std::vector<int>& kept) {
+// What is open from 3 up and not in `kept`, which is sorted. Without a list of the kernel's every number
+// counts.
+std::vector<int> open_descriptors_but(const std::vector<int>& kept) {
+    std::vector<int> found;
     qx_directory list(opendir("/proc/self/fd"));
     if (list.dir == nullptr) {
         for (int fd = 3; fd < ccm_descriptor_limit; ++fd) {
             if (!std::binary_search(kept.begin(), kept.end(), fd)) {
-                close(fd);
+                found.push_back(fd);
             }
         }
-        return;
+        return found;
     }
-    std::vector<int> found;
     while (const dirent* entry = readdir(list.dir)) {
         int fd = atoi(entry->d_name);
         if (fd >= 3 && fd != dirfd(list.dir) && !std::binary_search(kept.begin(), kept.end(), fd)) {
             found.push_back(fd);
         }
     }
-    for (int fd : found) {
+    return found;
+}
+
+// For kernels without close_range.
+void close_listed(const std::vector<int>& kept) {
+    for (int fd : open_descriptors_but(kept)) {
         close(fd);
     }
+}
+
+// Whoever handles one of them just now frees it, but no list holds it any more.
+void forget_messages_in_use(ccm_context_t* ccm) {
+    for (ccm_msg_t *msg = ccm->msgq_inuse, *next; msg != nullptr; msg = next) {
+        next = msg->nxt;
+        msg->nxt = msg->prv = nullptr;
+        msg->inuse = false;
+    }
+    ccm->msgq_inuse = nullptr;
 }
 
 }  // namespace
@@ -98,7 +113,7 @@ void ccm_child_keep_channels(ccm_context_t* ccm, const int* keep_ids, int count,
     ccm->msgq_2dispatch = {};
     ccm->msgq_kept = {};
     ccm->msg_freeq = {};
-    ccm->msgq_inuse = nullptr;
+    forget_messages_in_use(ccm);
     ccm->nof_freemsg = 0;
     ccm->nof_kept = 0;
     ccm->kept_bytes = 0;
@@ -136,5 +151,17 @@ void ccm_close_descriptors_except(const int* keep, int count) {
     }
     if (close_span(first, UINT_MAX) != 0) {
         close_listed(kept);
+    }
+}
+
+void ccm_blind_descriptors_except(const int* keep, int count) {
+    std::vector<int> kept(keep, keep + count);
+    std::sort(kept.begin(), kept.end());
+    const std::vector<int> open_ones = open_descriptors_but(kept);
+    const qx_descriptor null(open("/dev/null", O_RDWR | O_CLOEXEC));
+    for (int fd : open_ones) {
+        if (!null.valid() || dup3(null.get(), fd, O_CLOEXEC) < 0) {
+            close(fd);
+        }
     }
 }

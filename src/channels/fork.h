@@ -12,3 +12,6 @@ void ccm_child_keep_channels(ccm_context_t* ccm, const int* keep_ids, int count,
 
 // Closes every descriptor from 3 up that isn't in `keep`.
 void ccm_close_descriptors_except(const int* keep, int count);
+// Lets every descriptor from 3 up that isn't in `keep` lead to /dev/null. Unlike a closed one it keeps its
+// number, so that who owned it in the parent may close it here at any time.
+void ccm_blind_descriptors_except(const int* keep, int count);

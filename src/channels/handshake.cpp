@@ -300,6 +300,11 @@ int process_gss_request(EX_PCX* pcx, ccm_context_t* ccm, int id, int type, const
                         qx7_error* error) {
     int command = 0;
     bool is_token = false;
+    if (type == CH_TYPE_AGENT) {
+        // The called agent answers; one that asks first would turn the roles.
+        return qx_error_set(error, -1, KM_UNEXPECTED, number_call_failed, "classifyData|%u|",
+                            static_cast<unsigned>(KM_UNEXPECTED));
+    }
     if (classify_frame(msg->msg_start, msg->len, &command, &is_token, error) != 0) {
         return -1;
     }

@@ -366,10 +366,6 @@ int process_ipc_exdata_remote(EX_PCX*, ccm_msg_t*, int) {
 
 int process_ipc_routenat(EX_PCX* pcx, ccm_msg_t* msg, int) {
     auto record = record_of<ipcmsg_routenat_t>(msg);
-    if (field_text(record.addr.dst_addr) != ccm_name_server) {
-        __log(number_no_connection, "%s/%s()|%d", "AGENT", "process_ipc_routenat", 0);
-        return -1;
-    }
     ccm_msg_t* out = ccm_msg_alloc_cleared(pcx->ccm, record.len, nullptr);
     if (out == nullptr) {
         return -1;

@@ -58,18 +58,19 @@ struct nat_row {
 
 constexpr nat_row nat_rows[] = {
     {nullptr, nullptr, CCM_IN_AGENT, CCM_FROM_SERVER},
-    {"QXFTXEX", "FTXSEND", CCM_IN_AGENT | CCM_IN_WORKER, CCM_FROM_PARTNER},
+    // Of these the agent and its workers take those of their role only (transfer/ftx/gate.cpp).
+    {"QXFTXEX", "FTXSEND", CCM_IN_AGENT, CCM_FROM_PARTNER},
+    {"QXFTXEX", "FTXRECV", CCM_IN_AGENT, CCM_FROM_PARTNER},
+    {"QXFTXEX", "FTXRECVQ", CCM_IN_AGENT, CCM_FROM_PARTNER},
     {"QXFTXEX", "FTXSENDQ", CCM_IN_AGENT | CCM_IN_WORKER, CCM_FROM_PARTNER},
-    {"QXFTXEX", "FTXRECV", CCM_IN_AGENT | CCM_IN_WORKER, CCM_FROM_PARTNER},
-    {"QXFTXEX", "FTXRECVQ", CCM_IN_AGENT | CCM_IN_WORKER, CCM_FROM_PARTNER},
     {"QXFTXEX", "FTXDATA", CCM_IN_AGENT | CCM_IN_WORKER, CCM_FROM_PARTNER},
     {"QXFTXEX", "FTXQUIT", CCM_IN_AGENT | CCM_IN_WORKER, CCM_FROM_PARTNER},
     {"QXFTXEX", "FTXEND", CCM_IN_AGENT | CCM_IN_WORKER, CCM_FROM_PARTNER},
     {"QXFTXEX", "FTXENDQ", CCM_IN_AGENT | CCM_IN_WORKER, CCM_FROM_PARTNER},
-    {"QXFTEX", "FT_RECV", CCM_IN_AGENT | CCM_IN_WORKER, CCM_FROM_PARTNER},
-    {"QXFTEX", "FT_DATA", CCM_IN_AGENT | CCM_IN_WORKER, CCM_FROM_PARTNER},
-    {"QXFTEX", "FT_END", CCM_IN_AGENT | CCM_IN_WORKER, CCM_FROM_PARTNER},
-    {"QXFTEX", "FT_QUIT", CCM_IN_AGENT | CCM_IN_WORKER, CCM_FROM_PARTNER},
+    {"QXFTEX", "FT_RECV", CCM_IN_AGENT, CCM_FROM_PARTNER},
+    {"QXFTEX", "FT_DATA", CCM_IN_AGENT, CCM_FROM_PARTNER},
+    {"QXFTEX", "FT_END", CCM_IN_AGENT, CCM_FROM_PARTNER},
+    {"QXFTEX", "FT_QUIT", CCM_IN_AGENT, CCM_FROM_PARTNER},
     {"QXEXVAR", "TRCSET", CCM_IN_LISTENER | CCM_IN_WORKER, CCM_FROM_AGENT},
     {"QXFTXEX", "FTXCANC", CCM_IN_WORKER, CCM_FROM_AGENT},
     {"QXFTXEX", "FTXDEL", CCM_IN_WORKER, CCM_FROM_AGENT},
@@ -100,6 +101,27 @@ constexpr native_row native_rows[] = {
     {key_protocol_59, CCM_IN_AGENT | CCM_IN_WORKER, CCM_FROM_SERVER | CCM_FROM_PARTNER, CCM_POLICY_DROP},
     {0, CCM_IN_AGENT | CCM_IN_WORKER, CCM_FROM_SERVER | CCM_FROM_PARTNER, CCM_POLICY_DROP},
 };
+
+// What a worker has to say to the server, and nothing else, comes over the agent.
+bool may_be_routed(const unsigned char* body, int len) {
+    ipcmsg_routenat_t record;
+    memcpy(&record, body, sizeof record);
+    const std::string_view address = field_text(record.addr.dst_addr);
+    if (address != ccm_name_server && !address.starts_with("*CP")) {
+        return false;
+    }
+    const size_t size = static_cast<size_t>(len) - sizeof record;
+    for (const char* type : {"FTXSENDQ", "FTXSTA", "FTXWRITE", "QUITT"}) {
+        if (message_type_is(body + sizeof record, size, type)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool is_routed(const ccm_policy_ipc_row& row) {
+    return memcmp(row.name, ipc_routenat, sizeof row.name) == 0;
+}
 
 // The length that a variable record tells, in the last 4 bytes of its fixed part.
 bool size_fits(const ccm_policy_ipc_row& row, const unsigned char* body, int len) {
@@ -202,7 +224,8 @@ ccm_policy_result ccm_policy_judge_ipc(int receiver, int origin, const unsigned 
     for (const ccm_policy_ipc_row& row : ccm_policy_ipc) {
         if (in(row.receivers, receiver) && in(row.origins, origin) &&
             memcmp(row.name, body, sizeof row.name) == 0) {
-            return size_fits(row, body, len) ? CCM_POLICY_ACCEPT : CCM_POLICY_REFUSE;
+            const bool fits = size_fits(row, body, len) && (!is_routed(row) || may_be_routed(body, len));
+            return fits ? CCM_POLICY_ACCEPT : CCM_POLICY_REFUSE;
         }
     }
     return CCM_POLICY_REFUSE;

@@ -214,16 +214,21 @@ int CloseLogFile(EX_PCX* pcx) {
     return pcx->logHnd == nullptr ? -1 : log_close_file(pcx->logHnd);
 }
 
-void log_forget_in_child(EX_PCX* pcx) {
+void log_leave_in_child(EX_PCX* pcx) {
     log_guard guard;
     __log_set_logger(log_dummy);
     DeleteLogHandle(pcx);
+    LOG_FreeMsgStack(pcx);
+    pcx->LogBuffRecNr = 0;
+}
+
+void log_forget_in_child(EX_PCX* pcx) {
+    log_guard guard;
+    log_leave_in_child(pcx);
     if (pcx->hlpHnd != nullptr) {
         ZUHELP_Close(pcx->hlpHnd);
         pcx->hlpHnd = nullptr;
     }
-    LOG_FreeMsgStack(pcx);
-    pcx->LogBuffRecNr = 0;
 }
 
 void log_drop_in_child(EX_PCX* pcx) {

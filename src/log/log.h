@@ -65,6 +65,8 @@ int CloseLogFile(EX_PCX* pcx);
 // For a forked child: forgets file, memory lines and library without writing; afterwards the logger is
 // log_dummy.
 void log_forget_in_child(EX_PCX* pcx);
+// The same for a child that keeps the library.
+void log_leave_in_child(EX_PCX* pcx);
 // The same for a child that soon becomes another program: touches none of it, because each page that it frees
 // would be copied first. The log's descriptor goes with exec.
 void log_drop_in_child(EX_PCX* pcx);

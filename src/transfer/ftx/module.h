@@ -6,10 +6,12 @@
 #include <cstdint>
 #include <list>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "base/error.h"
 #include "channels/messages.h"
+#include "log/log.h"
 
 struct EX_PCX;
 struct ftx_entry;
@@ -22,7 +24,8 @@ struct __ftx_process {
     uint32_t userid;
     int flag;  // ftx_process_bit
     pid_t pid;
-    int channel_ID;  // of the agent's end of the socket pair
+    int channel_ID;        // of the agent's end of the socket pair
+    uint32_t srv_acv = 0;  // what the server tells answers about the order by
 };
 enum ftx_process_bit : int { FTX_PROCESS_SENDER = 1, FTX_PROCESS_REPLACEMENT = 4 };
 
@@ -75,8 +78,21 @@ int FTX_after_fork(EX_PCX* pcx);
 
 // Entry, worker record or save area with that id.
 bool ftx_is_known(int ah_idnr);
+// Whether the message may come from its sender, in this process and its role. What may not is told, and ends
+// the agent channel that it came on (gate.cpp). The policy of the channels has judged it before.
+bool ftx_may_say(EX_PCX* pcx, const ccm_msg_t* msg);
 
-// ---- Workers (worker.cpp)
+// ---- Workers (worker.cpp, worker_child.cpp)
+
+// What the rooms above do in a new worker. Set before the first order.
+struct ftx_worker_rooms {
+    void (*forget)(EX_PCX*);  // modules, timers and what else belongs to the agent's process
+    void (*set_title)(std::string_view);
+    log_function logger;  // lines go to the agent
+};
+void ftx_set_worker_rooms(const ftx_worker_rooms& given);
+// While a process becomes a worker: the transfer that it is made for; else null.
+ftx_entry* ftx_entry_of_worker();
 
 // Forks a worker for the entry, whose channel `partnerID` (0: none) goes to it. A pid above 0 in the agent,
 // which has freed the entry then and lost the channel; 0 in the worker; -1 with `err`, and the entry stays.

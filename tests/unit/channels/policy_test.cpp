@@ -58,10 +58,10 @@ TEST(policy, records_are_taken_whole_and_never_from_outside) {
 }
 
 TEST(policy, variable_records_tell_their_length) {
-    for (const char* name : {"NATMELD", "GSSHS_REMOTE", "ROUTENAT"}) {
+    for (const char* name : {"NATMELD", "GSSHS_REMOTE"}) {
         bytes data = record(name);
         size_t fixed = data.size();
-        int origin = strcmp(name, "ROUTENAT") == 0 ? CCM_FROM_WORKER : CCM_FROM_LISTENER;
+        int origin = CCM_FROM_LISTENER;
         for (int told : {-1, 0, 9, 10, 11, 0x7fffffff}) {
             bytes whole = data;
             whole.resize(fixed + 10);
@@ -72,6 +72,31 @@ TEST(policy, variable_records_tell_their_length) {
                 << name << told;
         }
     }
+}
+
+TEST(policy, a_worker_has_states_reports_and_answers_routed_to_the_server) {
+    const auto accepted = [](const char* address, const std::string& type, int told) {
+        ipcmsg_routenat_t fixed{};
+        strcpy(fixed.header.msgtype, "ROUTENAT");
+        strcpy(fixed.addr.dst_addr, address);
+        bytes whole(sizeof fixed);
+        const bytes body = text_bytes(type);
+        fixed.len = static_cast<int>(body.size()) + told;
+        memcpy(whole.data(), &fixed, sizeof fixed);
+        whole.insert(whole.end(), body.begin(), body.end());
+        return ccm_policy_judge_ipc(CCM_IN_AGENT, CCM_FROM_WORKER, whole.data(),
+                                    static_cast<int>(whole.size())) == CCM_POLICY_ACCEPT;
+    };
+    for (const char* type : {"FTXSENDQ", "FTXSTA  ", "FTXWRITE", "QUITT   "}) {
+        EXPECT_TRUE(accepted("*SERVER", type, 0)) << type;
+    }
+    EXPECT_TRUE(accepted("*CP001#00000001", "QUITT   ", 0));
+    EXPECT_FALSE(accepted("*SERVER", "QUITT   ", 1)) << "more than came";
+    EXPECT_FALSE(accepted("*SERVER", "FTXSTA", 0)) << "no whole type";
+    EXPECT_FALSE(accepted("*SERVER", "EXSTOP  ", 0));
+    EXPECT_FALSE(accepted("*SERVER", "", 0));
+    EXPECT_FALSE(accepted("*IPC(LISTENER)", "QUITT   ", 0));
+    EXPECT_FALSE(accepted("", "QUITT   ", 0));
 }
 
 TEST(policy, strangers_report_states_and_partners_transfer_files) {
@@ -89,6 +114,8 @@ TEST(policy, strangers_report_states_and_partners_transfer_files) {
     EXPECT_TRUE(accepted(CCM_IN_AGENT, CCM_FROM_SERVER, "NOBODY", "EXAKTJ  "));
     EXPECT_FALSE(accepted(CCM_IN_AGENT, CCM_FROM_CANDIDATE, "JPAKTJ_R", "EXAKTJ  "));
     EXPECT_TRUE(accepted(CCM_IN_WORKER, CCM_FROM_PARTNER, "QXFTXEX", "FTXSENDQ"));
+    EXPECT_FALSE(accepted(CCM_IN_WORKER, CCM_FROM_PARTNER, "QXFTXEX", "FTXRECV ")) << "it would fork again";
+    EXPECT_FALSE(accepted(CCM_IN_WORKER, CCM_FROM_PARTNER, "QXFTEX", "FT_DATA "));
     EXPECT_TRUE(accepted(CCM_IN_AGENT, CCM_FROM_PARTNER, "QXFTEX", "FT_DATA "));
     EXPECT_FALSE(accepted(CCM_IN_AGENT, CCM_FROM_PARTNER, "QXFTEX", "FTXSENDQ"));
     EXPECT_FALSE(accepted(CCM_IN_AGENT, CCM_FROM_PARTNER, "QXFTXEX", "FTXCANC "));
