@@ -39,7 +39,8 @@ std::span<const unsigned char> password_field(const ftx_order& order) {
 
 int check_login(const ftx_order& order, qx7_error* err) {
     const ftx_entry* ftx = order.entry;
-    if (ftx_glb().fgx_PwCheck != 1) {
+    // The server's word counts as well: it may forbid transfers without a login where the setting does not.
+    if (ftx_glb().fgx_PwCheck != 1 && order.pcx->pcx_FtPwCheck == 0) {
         return 0;
     }
     if (ftx->login_name.empty()) {
