@@ -59,7 +59,7 @@ bool is_directory(const ftx_elem* elem) {
 // ---- Lines of the report
 
 void put_times(ftx_elem* elem) {
-    elem->ftxe_endStamp = static_cast<int32_t>(alarm_now());
+    elem->ftxe_endStamp = static_cast<int32_t>(time(nullptr));
     elem->ftxe_lifeTime =
         elem->ftxe_startStamp == 0 ? 0 : std::max(0, elem->ftxe_endStamp - elem->ftxe_startStamp);
 }

@@ -140,7 +140,6 @@ int ftx_send_ftxdata(EX_PCX* pcx, ftx_entry* ftx) {
         return -1;
     }
     if (length <= 0) {
-        ftx->items_of_ended = ftx->items;
         src_closeCompress(ftx);
         return 0;
     }
