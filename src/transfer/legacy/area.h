@@ -22,6 +22,7 @@ struct EX_PCX;
 
 inline constexpr char ft_module[] = "QXFTEX";
 inline constexpr time_t ft_idle_limit = 1800;  // seconds without a word of the receiver
+inline constexpr time_t ft_connection_idle = 300;  // seconds that a connection stays without a transfer
 inline constexpr size_t ft_areas_max = 1000;   // of all partners together
 inline constexpr size_t ft_line_max = 31744;   // bytes of a text record
 
@@ -181,7 +182,6 @@ struct FT_AREA {
 
 // A rename that failed and that the sender may order again, without anything else.
 struct ft_pending_rename {
-    int transfer_id = 0;
     std::string peer_name;
     std::string Userid;
     std::string path;  // of the file

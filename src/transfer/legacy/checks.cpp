@@ -98,7 +98,7 @@ bool is_left_over(EX_PCX* pcx, int id, time_t now) {
     const bool ordered = channel->cuc != nullptr &&
                          get_word_delimited(field_text(channel->cuc->key), ' ', 1) == module_of_connect &&
                          (channel->flag & CH_FLAG_SEALED) != 0;
-    const bool silent = now - channel->timestamp_last_io >= ft_idle_limit;
+    const bool silent = now - channel->timestamp_last_io >= ft_connection_idle;
     ccm_channel_unlock(pcx->ccm);
     return ordered && silent && areas_of(id).empty();
 }

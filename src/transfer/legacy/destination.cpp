@@ -26,6 +26,7 @@ namespace {
 constexpr size_t flush_size = 65536;
 constexpr int64_t block_time_max_ms = 20000;  // the agent does nothing else while it unpacks a block
 constexpr mode_t permission_bits = 0777;
+constexpr char usual_template[] = "T&runtxt.tmp";
 constexpr char test_sink[] = "qx7_testdata_receive";
 
 // Work as the user of the order, whose result is 0 or a descriptor, or -1 with errno.
@@ -287,16 +288,26 @@ bool same_file(int folder, const char* name, const struct stat& opened) {
            now.st_dev == opened.st_dev;
 }
 
+bool is_pending(const ft_pending_rename& each, std::string_view peer_name, std::string_view path,
+                std::string_view temp_name) {
+    return each.peer_name == peer_name && each.path == path && each.temp_name == temp_name;
+}
+
+void forget_pending(const FT_AREA* area) {
+    ft_pending_renames().remove_if([area](const ft_pending_rename& each) {
+        return is_pending(each, area->peer_name, area->file, area->target.working_name);
+    });
+}
+
 void note_pending(const FT_AREA* area) {
     auto& pending = ft_pending_renames();
-    pending.remove_if(
-        [area](const ft_pending_rename& each) { return each.transfer_id == area->transfer_id; });
+    forget_pending(area);
     if (pending.size() >= ft_pending_max) {
         pending.pop_front();
     }
     const ft_target& target = area->target;
-    pending.push_back({area->transfer_id, area->peer_name, area->Userid, area->file, target.working_name,
-                       area->overwrite, target.opened.st_dev, target.opened.st_ino});
+    pending.push_back({area->peer_name, area->Userid, area->file, target.working_name, area->overwrite,
+                       target.opened.st_dev, target.opened.st_ino});
 }
 
 }  // namespace
@@ -306,7 +317,8 @@ std::string Ft_CreateTempFile(FT_AREA* area) {
     Zudnst_LongToB26(static_cast<uint32_t>(area->transfer_id), run_text);
     char client[8];
     snprintf(client, sizeof client, "%04i", area->head.i2Mandant);
-    std::string name = ftx_glb().fgx_TmpTemplate;
+    const std::string& ordered = ftx_glb().fgx_TmpTemplate;
+    std::string name = ordered.empty() ? usual_template : ordered;
     name = replaced(name, "&user", area->Userid.empty() ? area->pcx->pcx_runUserName : area->Userid);
     name = replaced(name, "&client", client);
     name = replaced(name, "&runnr", std::to_string(area->transfer_id));
@@ -433,6 +445,7 @@ int target_rename(FT_AREA* area) {
             return ft_fail(area, number_legacy_rename_failed,
                            working_path(area) + "|" + area->file + "|" + reason + "|");
         }
+        forget_pending(area);
     }
     if (area->erase == FT_ERASE && !target.discard &&
         as_owner(area, [&] { return ftx_sync_folder(folder); }) != 0) {
@@ -461,10 +474,9 @@ void target_give_up(FT_AREA* area) {
 std::unique_ptr<FT_AREA> Ft_ContEnd(EX_PCX* pcx, int transfer_id, std::string_view peer_name,
                                     const DATA_FT_STP& stp) {
     auto& pending = ft_pending_renames();
+    const std::string path = (stp.folder == "/" ? "" : stp.folder) + "/" + stp.file_name;
     const auto found = std::find_if(pending.begin(), pending.end(), [&](const ft_pending_rename& each) {
-        return each.transfer_id == transfer_id && each.peer_name == peer_name &&
-               each.temp_name == stp.temp_name && path_file_name(each.path) == stp.file_name &&
-               path_folder_name(each.path) == stp.folder;
+        return is_pending(each, peer_name, path, stp.temp_name);
     });
     if (found == pending.end()) {
         return nullptr;

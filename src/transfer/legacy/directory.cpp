@@ -45,7 +45,7 @@ struct FT_AH_idnr {
     std::vector<std::string> names;  // whole paths
     size_t told = 0;
     size_t left_out = 0;
-    bool ended = false;  // the empty message went out
+    bool ended = false;  // the empty message went out, whose answer nobody needs
     time_t last_use = 0;
 };
 
@@ -64,13 +64,18 @@ void drop_list(int ah_idnr) {
     lists().remove_if([ah_idnr](const FT_AH_idnr& each) { return each.ah_idnr == ah_idnr; });
 }
 
+// With its slash, so that folder and name together are the path.
+std::string folder_of(const std::string& path) {
+    return path.substr(0, path.rfind('/') + 1);
+}
+
 // Gathers what is no folder.
 int FT_FileName(_My_Area* area, const std::string& name, const walk_entry& entry, walk_event event) {
     FT_AH_idnr* list = static_cast<FT_AH_idnr*>(area->my_struct);
     if (event != WALK_ENTRY || !entry.matches || entry.kind == FILE_KIND_DIRECTORY) {
         return 0;
     }
-    if (path_folder_name(name).size() > name_max || path_file_name(name).size() > name_max) {
+    if (folder_of(name).size() > name_max || path_file_name(name).size() > name_max) {
         ++list->left_out;
         return 0;
     }
@@ -135,7 +140,7 @@ int create_and_send_ft_file_message(EX_PCX* pcx, FT_AH_idnr* list) {
     }
     message.begin_table(MSG_TYPE_FT_FILE::files, list->told - first);
     for (size_t i = first; i < list->told; ++i) {
-        message.put_terminated(path_folder_name(list->names[i]));
+        message.put_terminated(folder_of(list->names[i]));
         message.put_terminated(path_file_name(list->names[i]));
     }
     list->ended = list->told == first;
@@ -161,7 +166,8 @@ int FT_MsgQuitFile(EX_PCX* pcx, FT_AH_idnr* list, bool taken) {
 }  // namespace
 
 size_t ft_lists_under_way() {
-    return lists().size();
+    return static_cast<size_t>(
+        std::count_if(lists().begin(), lists().end(), [](const FT_AH_idnr& each) { return !each.ended; }));
 }
 
 void ft_forget_lists() {
@@ -182,7 +188,7 @@ int process_ft_dir(EX_PCX* pcx, ccm_msg_t* msg, int) {
     list.head = order.header;
     list.order_address = msg->addr;
     qx7_error error;
-    if (lists().size() >= lists_max) {
+    if (ft_lists_under_way() >= lists_max) {
         qx_error_set(&error, -1, 0, number_no_memory, "FT_DIR|");
     }
     if (error.qx_msgnr != 0 || gather(pcx, msg, order, &list, &error) != 0) {

@@ -105,10 +105,7 @@ int end_again(EX_PCX* pcx, const ccm_msg_t* msg, const MSG_TYPE_FT_END& end) {
     }
     area->head = end.header;
     area->version = message_version(&end.header);
-    if (area->Result == 0 && target_rename(area.get()) == 0) {
-        ft_pending_renames().remove_if(
-            [id](const ft_pending_rename& each) { return each.transfer_id == id; });
-    } else {
+    if (area->Result != 0 || target_rename(area.get()) != 0) {
         __log(area->Result, "%s", area->ft_Insert.c_str());
     }
     ft_log_end(area.get());

@@ -127,6 +127,7 @@ TEST_F(legacy_restart, a_name_that_failed_is_given_alone) {
     ft_config().rename_file = true;
     order.cont = restart_data();
     order.resume = FT_DO_RESUME;
+    order.id += 1;
     unlink(source.c_str());
     transfer(order);
     EXPECT_EQ(end().msgnr, 0) << end().msg_insert;
