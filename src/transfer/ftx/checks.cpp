@@ -11,15 +11,6 @@ void free_deleted() {
     ftx_entries().remove_if([](const auto& entry) { return entry->has(FTX_DELETED); });
 }
 
-// A partner that says nothing does not answer a cancel either.
-void end_silent_cancelled(EX_PCX* pcx) {
-    for (const auto& entry : ftx_entries()) {
-        if (entry->has(FTX_IDLE) && entry->ftx_status_flag == FTX_STATUS_CANCELLED && entry->partnerID != 0) {
-            ccm_channel_deletebyID(pcx->ccm, entry->partnerID);
-        }
-    }
-}
-
 }  // namespace
 
 int perform_ftx_check(EX_PCX* pcx, ccm_msg_t*, int) {
@@ -30,6 +21,5 @@ int perform_ftx_check(EX_PCX* pcx, ccm_msg_t*, int) {
     }
     ftx_periodical_report_check(pcx);
     ftx_periodical_status_check(pcx);
-    end_silent_cancelled(pcx);
     return 0;
 }

@@ -25,6 +25,8 @@ int ftx_send_ftxendq(EX_PCX* pcx, ftx_entry* ftx);
 
 int ftx_send_ftxsendq(EX_PCX* pcx, ftx_entry* ftx, int msl_no, std::string_view text);
 int ftx_send_ftxsta(EX_PCX* pcx, ftx_entry* ftx);
+// On the sender, for work that keeps the loop waiting: FTXSTA when its time has come.
+void ftx_tell_status_when_due(ftx_entry* ftx);
 // Only when the server has asked. mode 0: only when the report fills a block; 1: what there is.
 int ftx_send_ftxwrite(EX_PCX* pcx, ftx_entry* ftx, int mode);
 

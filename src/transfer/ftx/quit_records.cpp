@@ -64,22 +64,8 @@ void put_times(ftx_elem* elem) {
         elem->ftxe_startStamp == 0 ? 0 : std::max(0, elem->ftxe_endStamp - elem->ftxe_startStamp);
 }
 
-void report_file(ftx_entry* ftx, int number, const ftx_elem* elem) {
-    putFtxLog(ftx, number, "%s|%lld|%lld|%s|%s", elem->destination_name.c_str(),
-              static_cast<long long>(elem->ftxe_transferedBytes), static_cast<long long>(elem->ftxe_records),
-              elem->source_name.c_str(), sec2hhmmss3(elem->ftxe_lifeTime).c_str());
-}
-
-void report_folder(ftx_entry* ftx, int number, const ftx_elem* elem) {
-    putFtxLog(ftx, number, "%s|%s", elem->destination_name.c_str(), elem->source_name.c_str());
-}
-
 void report_failure(ftx_entry* ftx, const ftx_elem* elem) {
-    if (is_directory(elem)) {
-        report_folder(ftx, number_folder_not_transferred, elem);
-    } else {
-        report_file(ftx, number_file_not_transferred, elem);
-    }
+    ftx_report_not_arrived(ftx, elem);
     if (elem->ftxe_msgnr > 0) {
         putFtxLog(ftx, elem->ftxe_msgnr, "%s", elem->insert.c_str());
     }
@@ -117,11 +103,7 @@ record_result take_complete(ftx_entry* ftx, ftx_elem* elem, const quit_record& r
     }
     put_times(elem);
     if (record.fixed.msl_id != -1) {
-        if (is_directory(elem)) {
-            report_folder(ftx, number_folder_transferred, elem);
-        } else {
-            report_file(ftx, number_file_transferred, elem);
-        }
+        ftx_report_arrived(ftx, elem);
     }
     elem->ftxe_flag |= FTXE_REPORTED;
     update_FtxStatus(ftx, elem, FTXE_COMPLETE);

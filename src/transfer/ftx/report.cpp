@@ -7,6 +7,7 @@
 
 #include "base/context.h"
 #include "base/message_numbers.h"
+#include "base/text.h"
 #include "base/time.h"
 #include "channels/outgoing.h"
 #include "log/log.h"
@@ -82,12 +83,13 @@ bool fill_block(const ftx_entry* ftx, write_message* message) {
 }
 
 std::string element_insert(const ftx_elem* elem) {
+    const std::string source = printable(elem->source_name);
+    const std::string destination = printable(elem->destination_name);
     if ((elem->ftxe_flag & FTXE_DIRECTORY) != 0) {
-        return elem->destination_name + "|" + elem->source_name;
+        return destination + "|" + source;
     }
-    return elem->destination_name + "|" + std::to_string(elem->ftxe_transferedBytes) + "|" +
-           std::to_string(elem->ftxe_records) + "|" + elem->source_name + "|" +
-           sec2hhmmss3(elem->ftxe_lifeTime);
+    return destination + "|" + std::to_string(elem->ftxe_transferedBytes) + "|" +
+           std::to_string(elem->ftxe_records) + "|" + source + "|" + sec2hhmmss3(elem->ftxe_lifeTime);
 }
 
 int number_for(const ftx_elem* elem, int of_file, int of_folder) {
@@ -103,12 +105,11 @@ void check_report(EX_PCX* pcx, ftx_entry* ftx) {
         ftx_send_ftxwrite(pcx, ftx, 1);
         ftx->ftx_rep_timeStamp = alarm_now() + pcx->ftx_report_intervall;
     }
-    if (ftx->ftx_con_timeStamp != 0 && due(ftx->ftx_con_timeStamp)) {
+    if (ftx->ftx_con_timeStamp != 0 && pcx->ftx_con_timeout > 0 && due(ftx->ftx_con_timeStamp)) {
         ftx->ftx_flag |= FTX_IDLE;
         ftx->ftx_con_timeStamp = alarm_now() + pcx->ftx_con_timeout;
-        // A cancel waits for a partner's answer, and this one says nothing any more.
-        if (ftx->ftx_status_flag == FTX_STATUS_CANCELLED && ftx->ftx_progress != FTX_FINISHED &&
-            pcx->ftx_con_timeout > 0) {
+        // A partner that says nothing does not answer a cancel either.
+        if (ftx->ftx_status_flag == FTX_STATUS_CANCELLED && ftx->ftx_progress != FTX_FINISHED) {
             ccm_channel_deletebyID(pcx->ccm, ftx->partnerID);
         }
     }

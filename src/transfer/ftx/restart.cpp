@@ -12,7 +12,6 @@
 #include "base/file_data.h"
 #include "base/message_numbers.h"
 #include "base/text.h"
-#include "base/time.h"
 #include "transfer/ftx/protocol.h"
 
 namespace {
@@ -23,13 +22,6 @@ int read_failed_error(const ftx_entry* ftx, const std::string& name, int error_n
     return qx_error_set(err, -1, error_number, number_transfer_read_failed, "%d|%s|errno=%d(%s)",
                         ftx->ftx_transfer_id, printable(name).c_str(), error_number,
                         error_text(error_number).c_str());
-}
-
-// The server hears of the transfer also while a long prefix is read.
-void tell_status_when_due(ftx_entry* ftx) {
-    if (ftx->is_sender() && ftx->ftx_sta_timeStamp != 0 && alarm_now() >= ftx->ftx_sta_timeStamp) {
-        ftx_send_ftxsta(ftx->pcx, ftx);
-    }
 }
 
 bool same_digest(const md5_context& running, const unsigned char digest[md5_size]) {
@@ -80,7 +72,7 @@ int64_t ftx_digest_prefix(ftx_entry* ftx, const ftx_elem* elem, int64_t length, 
         }
         md5_update(&ftx->md5, piece.get(), static_cast<size_t>(got));
         taken += got;
-        tell_status_when_due(ftx);
+        ftx_tell_status_when_due(ftx);
     }
     return taken;
 }

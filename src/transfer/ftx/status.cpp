@@ -140,6 +140,10 @@ int ftx_send_ftxsta(EX_PCX* pcx, ftx_entry* ftx) {
     return result;
 }
 
+void ftx_tell_status_when_due(ftx_entry* ftx) {
+    check_status(ftx->pcx, ftx);
+}
+
 void ftx_periodical_status_check(EX_PCX* pcx) {
     auto& entries = ftx_entries();
     for (auto next = entries.begin(); next != entries.end();) {

@@ -88,6 +88,7 @@ TEST_F(Store, RefusesWhatDoesNotFit) {
     size_t len = sizeof small;
     EXPECT_EQ(kvstore_get(&db_, "k", small, &len, &err_), -1);
     EXPECT_EQ(err_.qx_errno, ERANGE);
+    EXPECT_EQ(err_.qx_msgnr, 63047);
     kvstore_close(&db_, nullptr);
     const std::string second = dir_.at("second");
     ASSERT_EQ(link(name_.c_str(), second.c_str()), 0);
@@ -199,6 +200,14 @@ TEST_F(Store, SecondLookNeedsNoLockAndChangesNothing) {
     ASSERT_EQ(kvstore_open(&look, name_.c_str(), kvstore_peek, &err_), 0);
     EXPECT_EQ(look.bt_root.size(), 1u);
     EXPECT_EQ(bytes(), before);
+}
+
+TEST_F(Store, BeginsEmptyWhenThatIsWanted) {
+    write("no store at all");
+    ASSERT_EQ(open(kvstore_empty), 0);
+    put("k", "v");
+    ASSERT_EQ(open(kvstore_empty), 0);
+    EXPECT_EQ(bytes(), "");
 }
 
 TEST_F(Store, ManyElementsComeBack) {
