@@ -181,25 +181,3 @@ TEST_F(ProfileTest, AFullDiskLeavesTheOldFile) {
     EXPECT_EQ(dir.read("ini"), start);
     EXPECT_FALSE(dir.exists("ini.tmp"));
 }
-
-TEST_F(ProfileTest, TheOtherWritingAddsChangesAndDeletes) {
-    const std::string file = dir.at("ini");
-    EXPECT_EQ(__PutProfileString("A", "k", "1", file.c_str()), 1);
-    EXPECT_EQ(dir.read("ini"), "\n[A]\nk=1\n");
-    struct stat status;
-    ASSERT_EQ(stat(file.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777, 0600U);
-    EXPECT_EQ(__PutProfileString("B", "x", "1", file.c_str()), 1);
-    EXPECT_EQ(__PutProfileString("a", "l", "2", file.c_str()), 1);
-    EXPECT_EQ(dir.read("ini"), "\n[A]\nk=1\n\n\nl=2\n[B]\nx=1\n");
-    EXPECT_EQ(__PutProfileString("a", "K", "9", file.c_str()), 1);
-    EXPECT_EQ(value_of(file, "A", "k"), "9");
-    EXPECT_EQ(__PutProfileString("A", "k", nullptr, file.c_str()), 1);
-    EXPECT_EQ(value_of(file, "A", "k"), "none");
-    EXPECT_EQ(__PutProfileString("C", "k", nullptr, file.c_str()), 1);
-    EXPECT_EQ(value_of(file, "B", "x"), "1");
-    // Lines of any length come back whole.
-    dir.write("ini", "[A]\nlong=" + std::string(1000, 'x') + "\n");
-    EXPECT_EQ(__PutProfileString("A", "k", "1", file.c_str()), 1);
-    EXPECT_EQ(dir.read("ini"), "[A]\nlong=" + std::string(1000, 'x') + "\nk=1\n");
-}

@@ -320,24 +320,15 @@ TEST_F(delegation_test, delegating_needs_a_second_name) {
 // ---- names, credentials, texts
 
 TEST_F(mechanism_test, names_know_their_type_and_drop_their_terminator) {
-    gss_name_t with = nullptr, without = nullptr, other = nullptr;
     gss_buffer_desc terminated{7, const_cast<char*>("AGENT1")}, plain{6, const_cast<char*>("AGENT1")};
-    ASSERT_EQ(GSS_S_COMPLETE, gss_import_name(nullptr, &terminated, GSS_C_NT_MACHINE_UID_NAME, &with));
-    ASSERT_EQ(GSS_S_COMPLETE, gss_import_name(nullptr, &plain, nullptr, &without));
-    ASSERT_EQ(GSS_S_COMPLETE, gss_import_name(nullptr, &plain, GSS_C_NT_USER_NAME, &other));
-    int equal = 0;
-    gss_compare_name(nullptr, with, without, &equal);
-    EXPECT_EQ(1, equal);
-    gss_compare_name(nullptr, with, other, &equal);
-    EXPECT_EQ(0, equal);
     gss_buffer_desc empty{1, const_cast<char*>("")};
-    gss_name_t none = nullptr;
+    gss_name_t made = nullptr, none = nullptr;
+    ASSERT_EQ(GSS_S_COMPLETE, gss_import_name(nullptr, &terminated, GSS_C_NT_MACHINE_UID_NAME, &made));
+    EXPECT_EQ(6u, made->m_Name.size());
     EXPECT_EQ(GSS_S_BAD_NAME, gss_import_name(nullptr, &empty, nullptr, &none));
     EXPECT_EQ(GSS_S_BAD_NAMETYPE, gss_import_name(nullptr, &plain, GSS_MECH_KLVT_QX7, &none));
-    for (gss_name_t* made : {&with, &without, &other}) {
-        gss_release_name(nullptr, made);
-        gss_release_name(nullptr, made);
-    }
+    gss_release_name(nullptr, &made);
+    gss_release_name(nullptr, &made);
 }
 
 TEST_F(mechanism_test, missing_keys_and_callbacks_have_their_numbers) {
@@ -364,32 +355,6 @@ TEST_F(mechanism_test, credentials_serve_their_usage_only) {
                                                     nullptr, &output, nullptr, nullptr, nullptr));
     gss_release_cred(nullptr, &cred);
     EXPECT_EQ(GSS_S_FAILURE, gss_acquire_cred_with_key(nullptr, "A", transfer.data(), 3, &cred));
-}
-
-std::vector<std::string> texts_of(OM_uint32 status, int type) {
-    std::vector<std::string> found;
-    OM_uint32 at = 0;
-    do {
-        gss_buffer_desc text;
-        EXPECT_EQ(GSS_S_COMPLETE, gss_display_status(nullptr, status, type, nullptr, &at, &text));
-        const bytes taken = take(&text);
-        found.emplace_back(taken.begin(), taken.end());
-    } while (at != 0 && found.size() < 10);
-    return found;
-}
-
-TEST_F(mechanism_test, status_numbers_have_texts) {
-    using list = std::vector<std::string>;
-    EXPECT_EQ(list{"Operation completed normaly"}, texts_of(0, GSS_C_GSS_CODE));
-    EXPECT_EQ(list{"A defective token has been given"}, texts_of(GSS_S_DEFECTIVE_TOKEN, GSS_C_GSS_CODE));
-    EXPECT_EQ((list{"A defective token has been given", "got this token twice", "this is a gap token"}),
-              texts_of(GSS_S_DEFECTIVE_TOKEN | GSS_S_DUPLICATE_TOKEN | GSS_S_GAP_TOKEN, GSS_C_GSS_CODE));
-    EXPECT_EQ((list{"Further processing is needed"}), texts_of(GSS_S_CONTINUE_NEEDED, GSS_C_GSS_CODE));
-    EXPECT_EQ(list{"No Errortext defined for this kind of error"}, texts_of(0x13u << 16, GSS_C_GSS_CODE));
-    EXPECT_EQ(list{"the plugin hash code is incorrect"}, texts_of(GSS_MINOR_PLUGIN_HASH, GSS_C_MECH_CODE));
-    EXPECT_EQ(list{"the hashcode is not correct"}, texts_of(KM_HASH, GSS_C_MECH_CODE));
-    EXPECT_EQ(list{"No Errortext defined for this kind of error"}, texts_of(KM_PRIMES, GSS_C_MECH_CODE));
-    EXPECT_EQ(list{"No Errortext defined for this kind of error"}, texts_of(999, GSS_C_MECH_CODE));
 }
 
 }  // namespace

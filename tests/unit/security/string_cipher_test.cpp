@@ -110,33 +110,6 @@ TEST(string_cipher, the_current_key_is_built_in_until_one_is_set) {
     clearkey();
 }
 
-TEST(string_cipher, the_binary_form_keeps_its_length) {
-    for (size_t length = 0; length < 30; ++length) {
-        const bytes data = counting(length);
-        bytes sealed(EnMaximBin_size(length)), opened(sealed.size());
-        int size = ZUSTRNG_EnMaximBin2(sealed.data(), sealed.size(), data.data(), length, "key");
-        ASSERT_EQ(length % 8 == 0 ? length : length / 8 * 8 + 9, static_cast<size_t>(size));
-        if (length % 8 != 0) {
-            EXPECT_EQ(length % 8, sealed[static_cast<size_t>(size) - 1]);
-        }
-        int back = ZUSTRNG_DeMaximBin2(opened.data(), opened.size(), sealed.data(), static_cast<size_t>(size),
-                                       "key");
-        ASSERT_EQ(length, static_cast<size_t>(back));
-        opened.resize(length);
-        EXPECT_EQ(data, opened);
-        if (length != 0) {
-            EXPECT_EQ(-1, ZUSTRNG_EnMaximBin2(sealed.data(), static_cast<size_t>(size) - 1, data.data(),
-                                              length, "key"));
-        }
-    }
-    bytes data = counting(13), room(17);
-    std::copy(data.begin(), data.end(), room.begin());
-    EXPECT_EQ(17, ZUSTRNG_EnMaximBin2(room.data(), 17, room.data(), 13, "key"));
-    EXPECT_EQ(13, ZUSTRNG_DeMaximBin2(room.data(), 17, room.data(), 17, "key"));
-    room.resize(13);
-    EXPECT_EQ(data, room);
-}
-
 TEST(password, the_field_opens_under_its_number_only) {
     for (const std::string& word :
          {std::string("secret"), std::string(15, 'p'), std::string(16, 'q'), std::string(17, 'r')}) {
