@@ -14,6 +14,7 @@
 #include "messages/conversion.h"
 #include "messages/frame.h"
 #include "messages/head.h"
+#include "messages/records_server.h"
 #include "messages/view.h"
 #include "own_context.h"
 
@@ -26,6 +27,15 @@ inline int64_t bytes_read_so_far() {
     int64_t count = 0;
     io >> name >> count;
     return count;
+}
+
+// Waits until `done`; false after five seconds.
+template <class Done>
+bool eventually(Done done) {
+    for (int i = 0; i < 500 && !done(); ++i) {
+        usleep(10000);
+    }
+    return done();
 }
 
 struct sent_message {
@@ -134,6 +144,20 @@ struct module_test : ::testing::Test {
     sent_message first_sent() {
         auto all = sent();
         return all.empty() ? sent_message{{}, message_bytes(8, ' ')} : all[0];
+    }
+
+    // Word, number and insert of a QUITT.
+    static std::string text_of(const sent_message& message) {
+        const auto quitt = message.as<MSG_TYPE_QUITT>();
+        return std::string(get_text(quitt.quitt)) + " " + std::to_string(quitt.msgnr) + " " +
+               std::string(get_text(quitt.msg_insert));
+    }
+    // The same of what was sent, when that is one QUITT.
+    std::string answer() {
+        const auto messages = sent();
+        return messages.size() == 1 && messages[0].type() == "QUITT   "
+                   ? text_of(messages[0])
+                   : std::to_string(messages.size()) + " messages";
     }
 
     static QX_HEADM head(const char* type, int version) {

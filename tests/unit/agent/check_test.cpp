@@ -1,10 +1,8 @@
 // `qxxjlnx check`, `qxxjlnx encipher`, and the warnings of the start.
 #include "agent/check.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <stdlib.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
@@ -18,6 +16,7 @@
 #include "agent/start_warnings.h"
 #include "agent_fixture.h"
 #include "base/descriptor.h"
+#include "loopback.h"
 #include "security/key_store.h"
 #include "security/string_cipher.h"
 
@@ -27,18 +26,8 @@ namespace fs = std::filesystem;
 
 // A loopback socket that listens, as a server process or as somebody who holds the port.
 struct listening_socket {
-    qx_descriptor socket_{socket(AF_INET, SOCK_STREAM, 0)};
     int port = 0;
-    listening_socket() {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof address;
-        EXPECT_EQ(bind(socket_.get(), reinterpret_cast<sockaddr*>(&address), size), 0);
-        EXPECT_EQ(listen(socket_.get(), 64), 0);
-        EXPECT_EQ(getsockname(socket_.get(), reinterpret_cast<sockaddr*>(&address), &size), 0);
-        port = ntohs(address.sin_port);
-    }
+    qx_descriptor socket_{listen_on_loopback(&port)};
 };
 
 struct check_test : testing::Test {

@@ -242,32 +242,23 @@ TEST_F(search, holds_64_candidates_and_refuses_what_cannot_be_one) {
 }
 
 TEST(cp_list, takes_only_elements_that_are_a_host_and_a_port) {
-    struct element {
+    const struct {
         const char* text;
-        int result;
         const char* host;
         int port;
-    };
-    for (const element& one : std::vector<element>{{"host:2217", 0, "host", 2217},
-                                                   {"[fe80::1%eth0]:1", 0, "[fe80::1%eth0]", 1},
-                                                   {"a.b-c_d:65535", 0, "a.b-c_d", 65535},
-                                                   {"host:65536", -1, "", 0},
-                                                   {"host:0", -1, "", 0},
-                                                   {"host:000001", -1, "", 0},
-                                                   {"host:+1", -1, "", 0},
-                                                   {"host:", -1, "", 0},
-                                                   {"host", -1, "", 0},
-                                                   {":1", -1, "", 0},
-                                                   {"x\n[GLOBAL]\nname=y:2300", -1, "", 0},
-                                                   {"a b:1", -1, "", 0},
-                                                   {"a=b:1", -1, "", 0}}) {
-        char host[64] = {};
-        int port = 0;
-        ASSERT_EQ(cp_list_element(one.text, strlen(one.text), host, &port), one.result) << one.text;
-        if (one.result == 0) {
-            EXPECT_STREQ(host, one.host);
-            EXPECT_EQ(port, one.port);
-        }
+    } cases[] = {{"host:2217", "host", 2217},
+                 {"[fe80::1%eth0]:1", "[fe80::1%eth0]", 1},
+                 {"a.b-c_d:65535", "a.b-c_d", 65535}};
+    char host[64] = {};
+    int port = 0;
+    for (const auto& one : cases) {
+        ASSERT_EQ(cp_list_element(one.text, strlen(one.text), host, &port), 0) << one.text;
+        EXPECT_STREQ(host, one.host);
+        EXPECT_EQ(port, one.port);
+    }
+    for (const char* bad : {"host:65536", "host:0", "host:000001", "host:+1", "host:", "host", ":1",
+                            "x\n[GLOBAL]\nname=y:2300", "a b:1", "a=b:1"}) {
+        EXPECT_EQ(cp_list_element(bad, strlen(bad), host, &port), -1) << bad;
     }
     std::string many;
     for (int at = 1; at <= 100; ++at) {

@@ -1,7 +1,6 @@
 // How the agent watches its listener.
 #include "agent/listener.h"
 
-#include <arpa/inet.h>
 #include <linux/filter.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -18,6 +17,7 @@
 #include "channels/connect.h"
 #include "channels/ipc.h"
 #include "channels/network_thread.h"
+#include "loopback.h"
 
 namespace {
 
@@ -129,24 +129,8 @@ struct port_of_the_agent : ::testing::Test {
         return listener_hold_port(pcx, &error);
     }
     // Whether somebody else can have the port.
-    static bool can_bind(int port) {
-        const qx_descriptor other(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = htons(static_cast<uint16_t>(port));
-        return bind(other.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-    }
-    static int call(int port) {
-        const int caller = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = htons(static_cast<uint16_t>(port));
-        const int result = connect(caller, reinterpret_cast<sockaddr*>(&address), sizeof address);
-        close(caller);
-        return result;
-    }
+    static bool can_bind(int port) { return qx_descriptor(listen_on_loopback(&port)).valid(); }
+    static int call(int port) { return qx_descriptor(connect_to_loopback(port)).valid() ? 0 : -1; }
     // A descriptor of the listening socket, as the listener has one.
     static int listeners_copy(int port) {
         for (int fd = 3; fd < 256; ++fd) {

@@ -43,13 +43,10 @@ TEST(settings, reads_sizes_with_their_suffix) {
 TEST(settings, reads_languages_and_the_listener_port) {
     char first;
     char second;
-    for (const auto& [text, expected] :
-         std::vector<std::pair<const char*, std::string>>{{"(E,D)", "ED"},
-                                                          {"( d , e )", "DE"},
-                                                          {"f", "FD"},
-                                                          {"", "ED"},
-                                                          {",x", "EX"},
-                                                          {"deutsch,english", "DE"}}) {
+    const std::pair<const char*, std::string> cases[] = {{"(E,D)", "ED"}, {"( d , e )", "DE"},
+                                                         {"f", "FD"},     {"", "ED"},
+                                                         {",x", "EX"},    {"deutsch,english", "DE"}};
+    for (const auto& [text, expected] : cases) {
         settings_languages(text, &first, &second);
         EXPECT_EQ((std::string{first, second}), expected) << text;
     }
@@ -58,12 +55,10 @@ TEST(settings, reads_languages_and_the_listener_port) {
         int port;
         const char* address;
     };
-    for (const port_case& one : {port_case{"2300", 2300, ""},
-                                 {"10.0.0.1:2300", 2300, "10.0.0.1"},
-                                 {"[::1]:77", 77, "[::1]"},
-                                 {"", 0, ""},
-                                 {"70000", 0, ""},
-                                 {"-1", 0, ""}}) {
+    const port_case rows[] = {{"2300", 2300, ""},        {"10.0.0.1:2300", 2300, "10.0.0.1"},
+                              {"[::1]:77", 77, "[::1]"}, {"", 0, ""},
+                              {"70000", 0, ""},          {"-1", 0, ""}};
+    for (const port_case& one : rows) {
         char address[64];
         EXPECT_EQ(settings_listener_port(one.text, address, sizeof address), one.port) << one.text;
         EXPECT_STREQ(address, one.address);

@@ -86,12 +86,4 @@ TEST_F(timers, a_first_time_of_0_is_a_period_from_now) {
     EXPECT_EQ(fired_at(600), "");
 }
 
-TEST_F(timers, refuse_what_is_no_context) {
-    __qx_timer_context* none = nullptr;
-    EXPECT_EQ(timer_check(none), -1);
-    EXPECT_EQ(timer_add(none, "a", "", 0, 1, callback, nullptr), -1);
-    EXPECT_EQ(timer_close(&ctx), 0);
-    EXPECT_EQ(timer_close(&ctx), -1);
-}
-
 }  // namespace

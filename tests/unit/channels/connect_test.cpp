@@ -19,31 +19,21 @@
 namespace {
 
 int closed_port() {
-    int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    EXPECT_EQ(bind(s, reinterpret_cast<sockaddr*>(&address), length), 0);
-    EXPECT_EQ(getsockname(s, reinterpret_cast<sockaddr*>(&address), &length), 0);
-    close(s);
-    return ntohs(address.sin_port);
+    int port = 0;
+    close(listen_on_loopback(&port));
+    return port;
 }
 
 partner call(int port, int family = AF_INET) {
-    int s = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in6 address{};
     if (family == AF_INET) {
-        auto* v4 = reinterpret_cast<sockaddr_in*>(&address);
-        v4->sin_family = AF_INET;
-        v4->sin_port = htons(static_cast<uint16_t>(port));
-        v4->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    } else {
-        address.sin6_family = AF_INET6;
-        address.sin6_port = htons(static_cast<uint16_t>(port));
-        address.sin6_addr = in6addr_loopback;
+        return partner(connect_to_loopback(port));
     }
-    EXPECT_EQ(connect(s, reinterpret_cast<sockaddr*>(&address), ccm_address_length(&address)), 0);
+    const int s = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in6 address{};
+    address.sin6_family = AF_INET6;
+    address.sin6_port = htons(static_cast<uint16_t>(port));
+    address.sin6_addr = in6addr_loopback;
+    EXPECT_EQ(connect(s, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
     return partner(s);
 }
 
@@ -57,12 +47,11 @@ TEST_F(ccm_test, a_refused_connect_tells_once_and_keeps_its_context) {
     ccm_error_t error;
     int id = ccm_connect(ccm, "127.0.0.1", closed_port(), CH_TYPE_AGENT, cuc, 10, &error);
     ASSERT_GT(id, 0) << error.qx_msgInsert;
-    ccm_msg_t* msg = receive_record(ipc_channel_close);
+    ccm_msg_ptr msg = take_record(ipc_channel_close);
     ASSERT_NE(msg, nullptr);
     ASSERT_EQ(msg->len, 2008);
     ipcmsg_channel_close_t record;
     memcpy(&record, msg->msg_start, sizeof record);
-    free(msg);
     EXPECT_EQ(record.ccmch.ID, id);
     EXPECT_EQ(record.ccmch.msgnr, 2002036);
     EXPECT_EQ(record.ccmch.cuc, 1U);
@@ -83,11 +72,10 @@ TEST_F(ccm_test, a_connect_that_fails_at_once_leaves_the_context_to_the_caller) 
     EXPECT_EQ(error.qx_msgnr, 2000102);
     EXPECT_EQ(std::string(error.qx_msgInsert).substr(0, 10), "connect()|");
     EXPECT_STREQ(cuc->key, "FTX 7");
-    ccm_msg_t* msg = receive_record(ipc_channel_close);
+    ccm_msg_ptr msg = take_record(ipc_channel_close);
     ASSERT_NE(msg, nullptr);
     ipcmsg_channel_close_t record;
     memcpy(&record, msg->msg_start, sizeof record);
-    free(msg);
     EXPECT_EQ(record.ccmch.type, CH_TYPE_CP_CANDIDATE);
     EXPECT_EQ(record.ccmch.cuc, 0U);
     EXPECT_EQ(record.cuc.key[0], '\0');
@@ -147,14 +135,12 @@ TEST_F(name_test, a_slow_name_service_holds_nobody_up) {
     int port = 0;
     ASSERT_EQ(ccm_create_listen_port(ccm, "127.0.0.1", 0, 10, &port, &error), 0);
     const int id = connect_slow(port);
-    ccm_channel_image_t image;
-    ASSERT_EQ(ccm_channel_copy(ccm, id, &image), 0);
+    ccm_channel_image_t image = image_of(id);
     EXPECT_EQ(image.s, -1);
     EXPECT_EQ(image.flag & CH_FLAG_CONNECTING, CH_FLAG_CONNECTING);
     name_service_answers = true;
-    ccm_msg_t* msg = receive_record(ipc_channel_accept);
+    ccm_msg_ptr msg = take_record(ipc_channel_accept);
     EXPECT_NE(msg, nullptr);
-    free(msg);
     // The other end may be told of first.
     EXPECT_TRUE(eventually([&] { return ccm_channel_copy(ccm, id, &image) == 0 && image.s >= 0; }));
     EXPECT_STREQ(image.addr, "127.0.0.1");
@@ -207,14 +193,12 @@ TEST_F(ccm_test, listener_and_caller) {
     ASSERT_EQ(ccm_create_listen_port(ccm, "", 0, 10, &port, &error), 0) << error.qx_msgInsert;
     ASSERT_GT(port, 0);
     partner far = call(port);
-    ccm_msg_t* msg = receive_record(ipc_channel_accept);
+    ccm_msg_ptr msg = take_record(ipc_channel_accept);
     ASSERT_NE(msg, nullptr);
     ASSERT_EQ(msg->len, 20);
     int32_t id;
     memcpy(&id, msg->msg_start + 16, sizeof id);
-    free(msg);
-    ccm_channel_image_t image;
-    ASSERT_EQ(ccm_channel_copy(ccm, id, &image), 0);  // chained before it is told
+    ccm_channel_image_t image = image_of(id);  // chained before it is told
     EXPECT_EQ(image.type, CH_TYPE_ACCEPTED);
     bool ipv6 = (ccm->flag.load() & CCM_FLAG_IPV6) != 0;
     EXPECT_STREQ(image.addr, ipv6 ? "::ffff:127.0.0.1" : "127.0.0.1");
@@ -309,9 +293,8 @@ struct accept_test : ccm_test {
     ~accept_test() override { ccm_limits = kept; }
     partner call_in() {
         partner far = call(port, family);
-        ccm_msg_t* msg = receive_record(ipc_channel_accept);
+        ccm_msg_ptr msg = take_record(ipc_channel_accept);
         EXPECT_NE(msg, nullptr);
-        free(msg);
         return far;
     }
 };
@@ -325,7 +308,7 @@ TEST_F(accept_test, a_full_listener_takes_nobody_until_somebody_leaves) {
     EXPECT_TRUE(one_more.ended());
     EXPECT_EQ(ccm_get_nof_channels(ccm), 1 + ccm_limits.all);
     callers.pop_back();
-    free(receive_record(ipc_channel_close));
+    take_record(ipc_channel_close);
     partner next = call_in();
 }
 
@@ -334,7 +317,7 @@ TEST_F(accept_test, who_says_nothing_makes_room_and_who_reports_stays) {
     bytes report(24);
     memcpy(report.data(), "MELD    01", 10);
     reporter.send(frame_make_message(report.data(), report.size(), {}));
-    free(receive_type(CCM_MSG_NAT));
+    take_type(CCM_MSG_NAT);
     std::vector<partner> silent;
     for (int i = 1; i < ccm_limits.all; ++i) {
         silent.push_back(call_in());
@@ -349,9 +332,8 @@ TEST_F(accept_test, who_says_nothing_makes_room_and_who_reports_stays) {
     // Only the oldest went: the reporter and the others are still taken care of.
     EXPECT_EQ(ccm_get_nof_channels(ccm), 1 + ccm_limits.all);
     reporter.send(frame_make_message(report.data(), report.size(), {}));
-    ccm_msg_t* msg = receive_type(CCM_MSG_NAT);
+    ccm_msg_ptr msg = take_type(CCM_MSG_NAT);
     EXPECT_NE(msg, nullptr);
-    free(msg);
 }
 
 TEST(line_budget, bounds_what_strangers_can_have_logged) {
@@ -388,12 +370,10 @@ TEST_F(ccm_test, a_connection_carries_messages_both_ways) {
     partner far(accept(listener, nullptr, nullptr));
     bytes data = text_bytes(std::string(76, 's'));
     far.send(frame_make_item(65, data.data(), data.size()));
-    ccm_msg_t* msg = receive();
+    ccm_msg_ptr msg = take();
     ASSERT_NE(msg, nullptr);
     EXPECT_EQ(msg->protocol_key, 65);
-    free(msg);
-    ccm_channel_image_t image;
-    ASSERT_EQ(ccm_channel_copy(ccm, id, &image), 0);
+    ccm_channel_image_t image = image_of(id);
     EXPECT_STREQ(image.bind_addr, "127.0.0.1");
     EXPECT_STREQ(image.host, "[127.0.0.1]");
     close(listener);

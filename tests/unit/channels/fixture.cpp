@@ -219,43 +219,46 @@ partner ccm_test::open_channel(int type, const char* name, int* id) {
     return partner(ends[1]);
 }
 
-ccm_msg_t* ccm_test::receive(int seconds) {
-    int64_t end = alarm_now_ms() + seconds * 1000;
+ccm_msg_ptr ccm_test::take(int seconds) {
+    const int64_t end = alarm_now_ms() + seconds * 1000;
     do {
         ccm_msg_t* msg = nullptr;
         ccm_error_t error;
         if (ccm_receive_message(ccm, seconds, &msg, &error) != 0) {
-            return msg;
+            return ccm_msg_ptr(msg, {ccm});
         }
     } while (alarm_now_ms() < end);
-    return nullptr;
+    return ccm_msg_ptr(nullptr, {ccm});
 }
 
-ccm_msg_t* ccm_test::receive_type(int type) {
-    while (ccm_msg_t* msg = receive()) {
-        if (msg->type == type) {
-            return msg;
-        }
-        free(msg);
+ccm_msg_ptr ccm_test::take_type(int type) {
+    ccm_msg_ptr msg = take();
+    while (msg != nullptr && msg->type != type) {
+        msg.reset();  // its channel may wait for that
+        msg = take();
     }
-    return nullptr;
+    return msg;
 }
 
-ccm_msg_t* ccm_test::receive_record(const char* name) {
-    while (ccm_msg_t* msg = receive_type(CCM_MSG_IPC)) {
-        if (memcmp(msg->msg_start, name, 16) == 0) {
-            return msg;
-        }
-        free(msg);
+ccm_msg_ptr ccm_test::take_record(const char* name) {
+    ccm_msg_ptr msg = take_type(CCM_MSG_IPC);
+    while (msg != nullptr && memcmp(msg->msg_start, name, 16) != 0) {
+        msg.reset();
+        msg = take_type(CCM_MSG_IPC);
     }
-    return nullptr;
+    return msg;
+}
+
+ccm_channel_image_t ccm_test::image_of(int id) const {
+    ccm_channel_image_t image{};
+    EXPECT_EQ(ccm_channel_copy(ccm, id, &image), 0);
+    return image;
 }
 
 ccm_channel_image_t ccm_test::close_event(int id) {
     ccm_channel_image_t image{};
-    while (ccm_msg_t* msg = receive_record(ipc_channel_close)) {
+    while (const ccm_msg_ptr msg = take_record(ipc_channel_close)) {
         memcpy(&image, msg->msg_start + sizeof(ipcmsg_header_t), sizeof image);
-        free(msg);
         if (image.ID == id) {
             return image;
         }

@@ -62,22 +62,26 @@ struct ccm_test : testing::Test {
     ccm_test();
     ~ccm_test() override;
     void start();
-    // Ends and starts anew everything as a process of `mode`.
     // The process becomes one of another kind, as a forked child does before its threads start.
     void be(int mode);
 
     // A channel of `type` over a socket pair (for connections a loopback TCP pair), chained; its far end.
     partner open_channel(int type, const char* name, int* id);
-    partner open_pair_channel(const char* name, int* id);
-    // The next message of the receive queue; null after the time limit. The caller frees.
-    ccm_msg_t* receive(int seconds = wait_seconds);
+    // The next message of the receive queue; null after the time limit.
+    ccm_msg_ptr take(int seconds = wait_seconds);
     // The next message of `type`, others are freed.
-    ccm_msg_t* receive_type(int type);
+    ccm_msg_ptr take_type(int type);
     // The next internal record `name`; others are freed.
-    ccm_msg_t* receive_record(const char* name);
+    ccm_msg_ptr take_record(const char* name);
+    // The same, for a caller who frees.
+    ccm_msg_t* receive(int seconds = wait_seconds) { return take(seconds).release(); }
+    ccm_msg_t* receive_type(int type) { return take_type(type).release(); }
+    ccm_msg_t* receive_record(const char* name) { return take_record(name).release(); }
     void free(ccm_msg_t* msg) { ccm_msg_free(ccm, msg); }
-    // Runs until nothing new arrives: handshake frames and records of the default rows.
+    // What CHANNEL_CLOSE tells of the channel; a failure when none comes.
     ccm_channel_image_t close_event(int id);
+    // What is told of a channel that there must be.
+    ccm_channel_image_t image_of(int id) const;
 
     ccm_msg_t* nat_message(const bytes& body);
     // Waits until `done`; false after the time limit. Looks at each millisecond.

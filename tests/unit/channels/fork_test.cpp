@@ -51,17 +51,16 @@ FORK_TEST(a_child_keeps_its_own_channel_and_drops_the_rest) {
         ccm_msg_t* ok = ipc_record_alloc(ccm, ipc_listener_ok, 16);
         ccm_setaddr(ok, 0, 0, "*IPC(AGENT)", "", 0);
         bad |= send_IPC_message(ccm, ok) == 0 ? 0 : 16;
-        ccm_msg_t* msg = receive_record(ipc_shutdown);
-        bad |= msg != nullptr && ccm_policy_check(&pcx, ccm, msg) == 1 ? 0 : 32;
+        ccm_msg_ptr msg = take_record(ipc_shutdown);
+        bad |= msg != nullptr && ccm_policy_check(&pcx, ccm, msg.get()) == 1 ? 0 : 32;
         bad |= ccm_recvq_empty(ccm) ? 0 : 64;
         _exit(bad);
     }
     global_fork_unlock(&pcx);
     ASSERT_EQ(ccm_channel_silencebyID(ccm, child_end), 0);
-    ccm_msg_t* msg = receive_record(ipc_listener_ok);
+    ccm_msg_ptr msg = take_record(ipc_listener_ok);
     ASSERT_NE(msg, nullptr);
-    EXPECT_EQ(ccm_policy_check(&pcx, ccm, msg), 1);
-    free(msg);
+    EXPECT_EQ(ccm_policy_check(&pcx, ccm, msg.get()), 1);
     ccm_msg_t* order = ipc_record_alloc(ccm, ipc_shutdown, 16);
     ccm_setaddr(order, 0, 0, "*IPC(LISTENER)", "", 0);
     ASSERT_EQ(send_IPC_message(ccm, order), 0);
@@ -98,7 +97,7 @@ FORK_TEST(a_child_goes_on_with_bytes_that_were_read_before_the_fork) {
         ccm_child_keep_channels(ccm, &id, 1, id);
         ccm_error_t error;
         int bad = ccm_thread_start(ccm, &error) == 0 ? 0 : 1;
-        ccm_msg_t* msg = receive();
+        ccm_msg_ptr msg = take();
         bad |= msg != nullptr && bytes(msg->msg_start, msg->msg_start + msg->len) == xml ? 0 : 2;
         _exit(bad);
     }
@@ -136,9 +135,7 @@ FORK_TEST(forks_beside_a_busy_network_thread_find_all_locks_free) {
         ASSERT_EQ(waitpid(child, &status, 0), child);
         ASSERT_EQ(status, 0);
         for (int j = 0; j < 20; ++j) {
-            ccm_msg_t* msg = receive();
-            ASSERT_NE(msg, nullptr);
-            free(msg);
+            ASSERT_NE(take(), nullptr);
         }
     }
 }

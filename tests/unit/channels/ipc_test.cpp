@@ -24,9 +24,15 @@ bytes ipc_frame(const Record& record, const bytes& rest = {}) {
     return frame;
 }
 
+template <class Record>
+Record ipc_record(const char* name) {
+    Record record{};
+    strcpy(record.header.msgtype, name);
+    return record;
+}
+
 ipcmsg_passfd_t passfd_record(int agentID, int listenerID, const char* name = "AGENT02") {
-    ipcmsg_passfd_t record{};
-    strcpy(record.header.msgtype, "PASSFD");
+    auto record = ipc_record<ipcmsg_passfd_t>("PASSFD");
     record.agentID = agentID;
     record.listenerID = listenerID;
     strcpy(record.name, name);
@@ -99,13 +105,12 @@ struct descriptor_test : ccm_test {
     }
 
     int handle_next() {
-        ccm_msg_t* msg = receive_type(CCM_MSG_IPC);
+        ccm_msg_ptr msg = take_type(CCM_MSG_IPC);
         EXPECT_NE(msg, nullptr);
         if (msg == nullptr) {
             return -99;
         }
-        int result = process_IPC_message(&pcx, ccm, msg, functions);
-        free(msg);
+        int result = process_IPC_message(&pcx, ccm, msg.get(), functions);
         return result;
     }
 
@@ -135,8 +140,7 @@ TEST_F(descriptor_test, a_socket_is_adopted_however_the_record_is_split) {
         listener.send(bytes(frame.begin() + static_cast<long>(cut), frame.end()));
         EXPECT_EQ(handle_next(), 0);
         close(ends[0]);
-        ccm_channel_image_t image;
-        ASSERT_EQ(ccm_channel_copy(ccm, id, &image), 0);
+        ccm_channel_image_t image = image_of(id);
         EXPECT_EQ(image.type, CH_TYPE_AGENT);
         EXPECT_EQ(image.remoteID, 0);
         EXPECT_STREQ(image.name, "AGENT02");
@@ -164,8 +168,7 @@ TEST_F(descriptor_test, two_records_in_one_read_take_their_own_descriptors) {
     }
     ccm_thread_end(ccm);  // the sockets are looked at below and belong to it
     for (int i = 0; i < 2; ++i) {
-        ccm_channel_image_t image;
-        ASSERT_EQ(ccm_channel_copy(ccm, ids[i], &image), 0);
+        ccm_channel_image_t image = image_of(ids[i]);
         EXPECT_EQ(inode(image.s), inode(pairs[i][0]));
         close(pairs[i][0]);
         close(pairs[i][1]);
@@ -226,8 +229,7 @@ TEST_F(descriptor_test, what_is_not_adopted_is_closed_and_answered) {
     EXPECT_EQ(handle_next(), -1);
     int before = count_descriptors();
     int null_fd = open("/dev/null", O_RDWR | O_CLOEXEC);
-    ipcmsg_logging_t logging{};
-    strcpy(logging.header.msgtype, "LOGGING");
+    auto logging = ipc_record<ipcmsg_logging_t>("LOGGING");
     logging.msgnr = 2003057;
     strcpy(logging.msginsert, "LISTENER|1\x01|");
     send_with_descriptor(listener.fd, ipc_frame(logging), null_fd);
@@ -236,8 +238,7 @@ TEST_F(descriptor_test, what_is_not_adopted_is_closed_and_answered) {
     EXPECT_EQ(log_text(2003057), "LISTENER|1.|");
     ASSERT_EQ(ccm_network_sync(ccm, 5000), 0);
     EXPECT_EQ(count_descriptors(), before);
-    ccm_channel_image_t image;
-    ASSERT_EQ(ccm_channel_copy(ccm, server_id, &image), 0);
+    ccm_channel_image_t image = image_of(server_id);
     EXPECT_EQ(image.type, CH_TYPE_SERVER);
 }
 
@@ -270,8 +271,7 @@ TEST_F(descriptor_test, a_socket_that_was_made_blocking_stops_nobody) {
     int id = 0;
     partner far = open_channel(CH_TYPE_AGENT, "AGENT02", &id);
     ASSERT_EQ(ccm_network_sync(ccm, 5000), 0);
-    ccm_channel_image_t image;
-    ASSERT_EQ(ccm_channel_copy(ccm, id, &image), 0);
+    ccm_channel_image_t image = image_of(id);
     ASSERT_EQ(fcntl(image.s, F_SETFL, 0), 0);
     constexpr int much = 32 << 20;  // far beyond what both ends hold
     ccm_msg_t* msg = ccm_msg_alloc_cleared(ccm, much, nullptr);
@@ -307,8 +307,7 @@ TEST_F(descriptor_test, reading_does_not_wait_either) {
 TEST_F(descriptor_test, what_the_listener_logs_is_bounded_marked_and_its_own) {
     ccm_msg_t* msg = ipc_record_alloc(ccm, ipc_logging, sizeof(ipcmsg_logging_t));
     msg->origin = CCM_FROM_LISTENER;
-    ipcmsg_logging_t record{};
-    strcpy(record.header.msgtype, "LOGGING");
+    auto record = ipc_record<ipcmsg_logging_t>("LOGGING");
     strcpy(record.msginsert, "JOB|17|");
     static std::string mark;
     mark.clear();
@@ -385,8 +384,7 @@ TEST_F(descriptor_test, the_agent_accepts_a_handshake_once_for_each_caller) {
     shake_hands(&writer, "AGENT02");
     bytes token = reader.frame();
     ASSERT_FALSE(token.empty());
-    ipcmsg_gsshs_remote_t record{};
-    strcpy(record.header.msgtype, "GSSHS_REMOTE");
+    auto record = ipc_record<ipcmsg_gsshs_remote_t>("GSSHS_REMOTE");
     record.listenerID = 12;
     record.len = static_cast<int>(token.size());
     listener.send(ipc_frame(record, token));
@@ -397,8 +395,7 @@ TEST_F(descriptor_test, the_agent_accepts_a_handshake_once_for_each_caller) {
     memcpy(&reply, answer.data() + 48, sizeof reply);
     EXPECT_EQ(reply.listenerID, 12);
     EXPECT_EQ(reply.len, 148);
-    ccm_channel_image_t image;
-    ASSERT_EQ(ccm_channel_copy(ccm, reply.agentID, &image), 0);
+    ccm_channel_image_t image = image_of(reply.agentID);
     EXPECT_EQ(image.type, CH_TYPE_PLACEHOLDER);
     EXPECT_EQ(image.connect_timeout_secs, 10);
     // The same caller again would replace the keys under the connection.
@@ -434,8 +431,7 @@ TEST_F(descriptor_test, routed_messages_go_to_the_server_only) {
     pcx.pcx_flag.fetch_or(PCX_FLAG_SERVER_CHANNEL);
     int worker_id = 0;
     partner worker = open_channel(CH_TYPE_IPC, "*IPC(FTX,3)", &worker_id);
-    ipcmsg_routenat_t record{};
-    strcpy(record.header.msgtype, "ROUTENAT");
+    auto record = ipc_record<ipcmsg_routenat_t>("ROUTENAT");
     bytes body = quitt_body("routed");
     record.len = static_cast<int>(body.size());
     strcpy(record.addr.dst_addr, "*SERVER");
@@ -460,10 +456,9 @@ TEST_F(descriptor_test, the_listener_passes_token_and_socket_and_closes_when_bot
     bytes gss(48 + 151, 'x');
     frame_set_header(gss.data(), protocol_gss, 199, "Q1");
     caller.send(gss);
-    ccm_msg_t* msg = receive_type(CCM_MSG_GSS);
+    ccm_msg_ptr msg = take_type(CCM_MSG_GSS);
     ASSERT_NE(msg, nullptr);
-    EXPECT_EQ(process_gss_protocol_message(&pcx, ccm, msg), 0);
-    free(msg);
+    EXPECT_EQ(process_gss_protocol_message(&pcx, ccm, msg.get()), 0);
     EXPECT_EQ(log_text(2003064), "AGENT02/ID=" + std::to_string(caller_id));
     bytes forwarded = agent.frame();
     ASSERT_EQ(forwarded.size(), 48 + 28 + gss.size());
@@ -487,8 +482,7 @@ TEST_F(descriptor_test, the_listener_passes_token_and_socket_and_closes_when_bot
     EXPECT_EQ(caller.frame(), token);
     bytes passed = agent.frame();
     ASSERT_EQ(passed.size(), 48 + 156U);
-    ipcmsg_passfd_quitt_t quitt{};
-    strcpy(quitt.header.msgtype, "PASSFD_QUITT");
+    auto quitt = ipc_record<ipcmsg_passfd_quitt_t>("PASSFD_QUITT");
     quitt.listenerID = caller_id;
     agent.send(ipc_frame(quitt));
     EXPECT_EQ(handle_next(), 0);
@@ -501,16 +495,14 @@ TEST_F(descriptor_test, orders_of_the_agent_touch_callers_only) {
     int caller_id = 0;
     partner agent = open_channel(CH_TYPE_IPC, "*IPC(AGENT)", &agent_id);
     partner caller = open_channel(CH_TYPE_ACCEPTED, "AGENT02", &caller_id);
-    ipcmsg_natquitt_t quitt{};
-    strcpy(quitt.header.msgtype, "NATQUITT");
+    auto quitt = ipc_record<ipcmsg_natquitt_t>("NATQUITT");
     quitt.dstID = caller_id;
     quitt.len = 304;
     bytes body = quitt_body("to the messenger");
     agent.send(ipc_frame(quitt, body));
     EXPECT_EQ(handle_next(), 0);
     EXPECT_EQ(caller.frame(), frame_make_message(body.data(), body.size(), {}));
-    ipcmsg_remote_close_t order{};
-    strcpy(order.header.msgtype, "REMOTE_CLOSE");
+    auto order = ipc_record<ipcmsg_remote_close_t>("REMOTE_CLOSE");
     order.msgnr = 2003067;
     memset(order.msginsert, 'x', sizeof order.msginsert);  // no NUL
     order.ID = agent_id;
@@ -526,8 +518,7 @@ TEST_F(descriptor_test, orders_of_the_agent_touch_callers_only) {
 
 TEST_F(descriptor_test, timers_fire_with_their_key) {
     ccm_msg_t* msg = ipc_record_alloc(ccm, ipc_timer_fire, sizeof(ipcmsg_timer_fire_t));
-    ipcmsg_timer_fire_t record{};
-    strcpy(record.header.msgtype, "TIMER_FIRE");
+    auto record = ipc_record<ipcmsg_timer_fire_t>("TIMER_FIRE");
     strcpy(record.name, "NAME");
     strcpy(record.minor, "minor");
     std::string seen;

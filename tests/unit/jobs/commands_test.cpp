@@ -85,12 +85,8 @@ TEST_F(command_test, a_code_is_told_with_the_output) {
     request(2, "echo out; exit 3");
     finish();
     const sent_message answer = first_sent();
-    auto quitt = answer.as<MSG_TYPE_QUITT>();
-    EXPECT_EQ(std::string(quitt.quitt, 2), "NK");
-    EXPECT_EQ(get_text(quitt.msg), "EXREQCMD");
-    EXPECT_EQ(quitt.msgnr, 2000172);
-    EXPECT_EQ(get_text(quitt.msg_insert), "2|3|echo out; exit 3");
-    EXPECT_EQ(quitt.msg_dist, 304);
+    EXPECT_EQ(text_of(answer), "NK 2000172 2|3|echo out; exit 3");
+    EXPECT_EQ(get_text(answer.as<MSG_TYPE_QUITT>().msg), "EXREQCMD");
     EXPECT_EQ(output_of(answer), "out\r\n");
 }
 
@@ -154,33 +150,27 @@ TEST_F(command_test, output_is_bounded_by_what_was_there) {
 }
 
 TEST_F(command_test, refusals_name_their_reason) {
-    struct refusal {
+    const struct {
         const char* who;
         const char* command;
         char anonymous;
-        int number;
-        std::string insert;
+        const char* told;
+    } cases[] = {
+        {"*", "", 'N', "NK 2000191 30"},
+        {"", "id", 'N', "NK 2000184 30|id"},
+        {"nosuchuser", "id", 'N', "NK 2001087 30|nosuchuser|No such file or directory|id"},
+        {"auserwhosenameislongerthanthirtytwo", "id", 'N',
+         "NK 2001087 30|auserwhosenameislongerthanthirtytwo|No such file or directory|id"},
     };
-    const refusal cases[] = {
-        {"*", "", 'N', 2000191, "30"},
-        {"", "id", 'N', 2000184, "30|id"},
-        {"nosuchuser", "id", 'N', 2001087, "30|nosuchuser|No such file or directory|id"},
-        {"auserwhosenameislongerthanthirtytwo", "id", 'N', 2001087,
-         "30|auserwhosenameislongerthanthirtytwo|No such file or directory|id"},
-    };
-    for (const refusal& one : cases) {
+    for (const auto& one : cases) {
         pcx->pcx_anonymusUsr = one.anonymous;
         request(30, one.command, 10, one.who);
-        auto quitt = first_sent().as<MSG_TYPE_QUITT>();
-        EXPECT_EQ(quitt.msgnr, one.number) << one.command;
-        EXPECT_EQ(get_text(quitt.msg_insert), one.insert);
+        EXPECT_EQ(answer(), one.told);
         EXPECT_EQ(getCommandCount(), 0);
     }
     pcx->upgrade_ah_idnr = 1;
     request(30, "id");
-    auto quitt = first_sent().as<MSG_TYPE_QUITT>();
-    EXPECT_EQ(quitt.msgnr, 65);
-    EXPECT_EQ(get_text(quitt.msg_insert), "");
+    EXPECT_EQ(answer(), "NK 65 ");
 }
 
 TEST_F(command_test, a_request_without_user_runs_as_the_agent_where_the_server_allows_it) {
@@ -194,9 +184,7 @@ TEST_F(command_test, a_password_is_asked_for_where_jobs_are_asked_too) {
     pcx->pcx_JobPwCheck = 1;
     pcx->pcx_strt_euid = 1;  // an agent that was not started as root can check none
     request(32, "id");
-    auto quitt = first_sent().as<MSG_TYPE_QUITT>();
-    EXPECT_EQ(quitt.msgnr, 2001088);
-    EXPECT_EQ(get_text(quitt.msg_insert), "32|" + user + "|incorrect password|id");
+    EXPECT_EQ(answer(), "NK 2001088 32|" + user + "|incorrect password|id");
     EXPECT_EQ(getCommandCount(), 0);
     if (runs_as_root()) {
         const made_user other("qxcmdpw");
@@ -243,14 +231,11 @@ TEST_F(command_test, the_lists_are_read_once) {
                                  "=START\n[QX_USER]\n7=NO_START\n");
     cmdOpen(pcx);
     request(40, "id");
-    auto quitt = first_sent().as<MSG_TYPE_QUITT>();
-    EXPECT_EQ(quitt.msgnr, 2000029);
-    EXPECT_EQ(get_text(quitt.msg_insert), "7");
+    EXPECT_EQ(answer(), "NK 2000029 7");
     write_text(pcx->IniFile, "[GLOBAL]\nuserid_type=INCL\n");
     cmdOpen(pcx);
     request(41, "id");
-    quitt = first_sent().as<MSG_TYPE_QUITT>();
-    EXPECT_EQ(get_text(quitt.msg_insert), user);
+    EXPECT_EQ(answer(), "NK 2000029 " + user);
     write_text(pcx->IniFile, "[USERID]\n" + user + "=START\n");
     request(42, "id");
     EXPECT_EQ(first_sent().as<MSG_TYPE_QUITT>().msgnr, 2000029) << "a later change does not count";
@@ -266,10 +251,7 @@ TEST_F(command_test, the_time_limit_kills_and_answers_once) {
     EXPECT_EQ(pcx->Cmd_alarm_time, alarm);
     alarm_clock_advance(101);
     EXPECT_EQ(commandTimeoutEvent(pcx, &error), 1);
-    auto quitt = first_sent().as<MSG_TYPE_QUITT>();
-    EXPECT_EQ(quitt.msgnr, 2000177);
-    EXPECT_EQ(get_text(quitt.msg), "EXREQCMD");
-    EXPECT_EQ(std::string(quitt.quitt, 2), "NK");
+    EXPECT_TRUE(answer().starts_with("NK 2000177 "));
     EXPECT_EQ(commandTimeoutEvent(pcx, &error), 0) << "only what runs is timed out";
     EXPECT_TRUE(sent().empty());
     EXPECT_EQ(pcx->Cmd_alarm_time, 0);
@@ -340,9 +322,7 @@ TEST_F(command_test, without_the_signal_an_end_is_looked_for) {
     waitpid(pid, nullptr, 0);
     EXPECT_EQ(look(), 0);
     const sent_message answer = first_sent();
-    EXPECT_EQ(answer.as<MSG_TYPE_QUITT>().msgnr, 2000172);
-    EXPECT_EQ(get_text(answer.as<MSG_TYPE_QUITT>().msg_insert), "57|-1|echo out; kill -STOP $$")
-        << "no success";
+    EXPECT_EQ(text_of(answer), "NK 2000172 57|-1|echo out; kill -STOP $$") << "no success";
     EXPECT_EQ(output_of(answer), "out\r\n");
     EXPECT_EQ(getCommandCount(), 0);
     EXPECT_EQ(pcx->Cmd_alarm_time, 0);
@@ -438,9 +418,7 @@ TEST_F(command_test, a_start_that_fails_leaves_no_file) {
     });
     request(81, "id");
     launch_set_fork(nullptr);
-    auto quitt = first_sent().as<MSG_TYPE_QUITT>();
-    EXPECT_EQ(quitt.msgnr, 2003043);
-    EXPECT_EQ(get_text(quitt.msg_insert).substr(0, 8), "fork|81|");
+    EXPECT_TRUE(answer().starts_with("NK 2003043 fork|81|"));
     EXPECT_FALSE(std::filesystem::exists(output_file(81)));
     EXPECT_EQ(getCommandCount(), 0);
 }

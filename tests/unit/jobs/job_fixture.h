@@ -81,6 +81,23 @@ struct job_test : module_test {
 
     int activate(const message_bytes& body) { return receive(process_aktj, built_message(body)); }
 
+    int cancel(int run) {
+        auto order = new_message<MSG_TYPE_JOB_CAN>(client, number);
+        order.ah_idnr = run;
+        return receive(process_jobcan, order);
+    }
+
+    // The periodic check of a job, made now.
+    void check_now(JP_AREA* job) {
+        job->JP_alrmTime = alarm_now();
+        process_jobchk(pcx, nullptr, 0);
+    }
+
+    void check_in(int seconds) {
+        alarm_clock_advance(seconds);
+        process_jobchk(pcx, nullptr, 0);
+    }
+
     // Waits for the child and tells the job processor.
     void end_child(JP_AREA* job) {
         int status = 0;
@@ -95,6 +112,14 @@ struct job_test : module_test {
         job->jp_uid = geteuid();
         job_set_text(job->JP_user, user);
         job_set_text(job->JP_oName, "JOBS.BARE");
+        return job;
+    }
+
+    // One that was made from a query: no SIGCHLD will come for it.
+    JP_AREA* rebuilt_job(int run) {
+        JP_AREA* job = bare_job(run);
+        job->JP_create = job_origin_query;
+        job->JP_flag &= ~job_flag_own_child;
         return job;
     }
 

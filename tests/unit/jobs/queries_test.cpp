@@ -8,12 +8,6 @@
 #include "launch/launch.h"
 
 struct queries_test : job_test {
-    int cancel(int run) {
-        auto order = new_message<MSG_TYPE_JOB_CAN>(client, number);
-        order.ah_idnr = run;
-        return receive(process_jobcan, order);
-    }
-
     int query(int run, const message_bytes& record, int count = 0) {
         message_builder<MSG_TYPE_JOB_INF> order(client, number);
         order->ah_idnr = run;
@@ -30,17 +24,6 @@ struct queries_test : job_test {
         return messages.size() == 1 && messages[0].type() == "EXAKTJQU"
                    ? message_bytes(messages[0].body.begin() + 264, messages[0].body.end())
                    : message_bytes{};
-    }
-
-    // What the last message says: number and insert of a QUITT.
-    std::string answer() {
-        const auto messages = sent();
-        if (messages.size() != 1 || messages[0].type() != "QUITT   ") {
-            return std::to_string(messages.size()) + " messages";
-        }
-        const auto quitt = messages[0].as<MSG_TYPE_QUITT>();
-        return std::string(get_text(quitt.quitt)) + " " + std::to_string(quitt.msgnr) + " " +
-               std::string(get_text(quitt.msg_insert));
     }
 
     // The agent was killed and started again: nothing is left but the processes.
@@ -75,10 +58,7 @@ TEST_F(queries_test, a_cancel_reaches_the_whole_group_and_sigchld_closes_the_job
         EXPECT_EQ(job->retCode, signal);
         EXPECT_EQ(first_sent().as<MSG_TYPE_EXSTAJ>().status, 'V');
         // The children of the shell are gone too, or are about to be collected by init.
-        const auto group_gone = [&] { return kill(-group, 0) != 0; };
-        for (int i = 0; i < 500 && !group_gone(); ++i) {
-            usleep(10000);
-        }
+        eventually([&] { return kill(-group, 0) != 0; });
         cancel(1);
         EXPECT_EQ(answer(), "NK 2003038 1|") << "an ended job has no process";
         Erase_JEntry(1, client);
@@ -93,13 +73,10 @@ TEST_F(queries_test, a_job_that_ignores_the_signal_is_running_again_at_the_next_
     const std::string ready = folder / "ready";
     start(1, "trap '' TERM\r\ntouch " + ready + "\r\nsleep 600\r\n");
     JP_AREA* job = Find_JEntry(1, client);
-    for (int i = 0; i < 500 && access(ready.c_str(), F_OK) != 0; ++i) {
-        usleep(10000);
-    }
+    eventually([&] { return access(ready.c_str(), F_OK) == 0; });
     cancel(1);
     sent();
-    job->JP_alrmTime = alarm_now();
-    process_jobchk(pcx, nullptr, 0);
+    check_now(job);
     EXPECT_EQ(job->JP_status, 'R');
     EXPECT_EQ(first_sent().as<MSG_TYPE_EXSTAJ>().status, 'R');
     kill(-static_cast<pid_t>(job->fork_pid), SIGKILL);
@@ -112,9 +89,7 @@ TEST_F(queries_test, a_cancelled_job_ends_with_the_last_process_of_its_group) {
     start(1, "(trap '' TERM; touch " + ready + "; exec sleep 600) & wait\r\n");
     JP_AREA* job = Find_JEntry(1, client);
     const pid_t group = static_cast<pid_t>(job->fork_pid);
-    for (int i = 0; i < 500 && access(ready.c_str(), F_OK) != 0; ++i) {
-        usleep(10000);
-    }
+    eventually([&] { return access(ready.c_str(), F_OK) == 0; });
     cancel(1);
     sent();
     end_child(job);
@@ -129,10 +104,7 @@ TEST_F(queries_test, a_cancelled_job_ends_with_the_last_process_of_its_group) {
     copy_text(job_context()->KillSignal, "KILL");
     cancel(1);
     EXPECT_EQ(answer(), "OK 2000039 JOBS.TEST|1|");
-    const auto group_gone = [&] { return !process_group_lives(group); };
-    for (int i = 0; i < 500 && !group_gone(); ++i) {
-        usleep(10000);
-    }
+    eventually([&] { return !process_group_lives(group); });
     process_jobchk(pcx, nullptr, 0);
     const auto told = first_sent().as<MSG_TYPE_EXSTAJ>();
     EXPECT_EQ(told.status, 'V');
@@ -158,24 +130,14 @@ struct batch_test : queries_test {
             "Bourne-Shell=&jobFile > &jobReport 2>&1 &\nOther-Shell=&jobFile > &jobReport 2>&1 &\n");
         start(1, "echo $$\r\n" + text + "\r\n");
         JP_AREA* job = Find_JEntry(1, client);
-        for (int i = 0; i < 500 && script == 0; ++i) {
-            usleep(10000);
-            script = atoi(read_text(report_file(1)).c_str());
-        }
+        eventually([&] { return (script = atoi(read_text(report_file(1)).c_str())) != 0; });
         return job;
     }
     // The next check of the job, made now, and what it tells.
     char status_after_check(JP_AREA* job) {
         EXPECT_GT(job->JP_alrmTime, 0) << "a job without alarm is never looked at";
-        job->JP_alrmTime = alarm_now();
-        process_jobchk(pcx, nullptr, 0);
+        check_now(job);
         return first_sent().as<MSG_TYPE_EXSTAJ>().status;
-    }
-    bool wait_until_gone(pid_t pid) const {
-        for (int i = 0; i < 500 && kill(pid, 0) == 0; ++i) {
-            usleep(10000);
-        }
-        return kill(pid, 0) != 0;
     }
 };
 
@@ -193,11 +155,8 @@ TEST_F(batch_test, a_cancel_reaches_the_job_with_and_without_a_word_of_it) {
         EXPECT_EQ(status_after_check(job), 'R');
         cancel(1);
         EXPECT_EQ(answer(), "OK 2000039 JOBS.TEST|1|");
-        EXPECT_TRUE(wait_until_gone(script));
-        for (int i = 0; i < 500 && process_group_lives(job->jp_group); ++i) {
-            usleep(10000);
-        }
-        EXPECT_FALSE(process_group_lives(job->jp_group)) << "its children, too";
+        EXPECT_TRUE(eventually([&] { return kill(script, 0) != 0; }));
+        EXPECT_TRUE(eventually([&] { return !process_group_lives(job->jp_group); })) << "its children, too";
         EXPECT_EQ(status_after_check(job), 'V');
         Erase_JEntry(1, client);
     }
@@ -210,7 +169,7 @@ TEST_F(batch_test, a_job_that_never_speaks_ends_at_a_check) {
     JP_AREA* job = start_batch("exit 0");
     ASSERT_NE(job, nullptr);
     sent();
-    ASSERT_TRUE(wait_until_gone(script));
+    ASSERT_TRUE(eventually([&] { return kill(script, 0) != 0; }));
     job_context()->batch_wait = 100;
     EXPECT_EQ(status_after_check(job), ' ') << "it may wait in a queue";
     job_context()->batch_wait = 0;

@@ -95,11 +95,6 @@ struct resource_test : job_test {
         end_child(Find_JEntry(run, client));
         sent();
     }
-    int cancel(int run) {
-        auto order = new_message<MSG_TYPE_JOB_CAN>(client, number);
-        order.ah_idnr = run;
-        return receive(process_jobcan, order);
-    }
     bool lists_are_empty() const {
         const resource_state* context = resource_context();
         return context->requested_resource_list.empty() && context->used_resource_list.empty() &&

@@ -90,9 +90,7 @@ TEST_F(job_test, a_cancelled_job_stays_cancelled_and_a_rebuilt_one_ends_by_word)
     EXPECT_EQ(cancelled->retCode, 3);
     sent();
 
-    JP_AREA* rebuilt = bare_job(2);
-    rebuilt->JP_create = job_origin_query;
-    rebuilt->JP_flag &= ~job_flag_own_child;
+    JP_AREA* rebuilt = rebuilt_job(2);
     tell(meld(2, 'E', 3));
     EXPECT_EQ(rebuilt->JP_status, 'A');
     const auto messages = sent();
@@ -242,13 +240,11 @@ TEST_F(job_test, an_own_child_that_is_gone_waits_for_its_sigchld_until_the_fourt
         job->JP_sigNum = status == 'K' ? 15 : 0;
         const bool tells = status == 'R' || status == 'C';
         for (int check = 1; check <= 3; ++check) {
-            job->JP_alrmTime = alarm_now();
-            process_jobchk(pcx, nullptr, 0);
+            check_now(job);
             EXPECT_EQ(sent().size(), tells ? 1u : 0u) << check;
             EXPECT_EQ(job->JP_status, status);
         }
-        job->JP_alrmTime = alarm_now();
-        process_jobchk(pcx, nullptr, 0);
+        check_now(job);
         EXPECT_EQ(sent().size(), 1u);
         EXPECT_EQ(job->JP_status, status == 'E' ? 'A' : 'V');
         EXPECT_EQ(job->JP_flag & job_flag_end_taken, job_flag_end_taken);
@@ -258,9 +254,7 @@ TEST_F(job_test, an_own_child_that_is_gone_waits_for_its_sigchld_until_the_fourt
 
 TEST_F(job_test, without_a_sigchld_to_come_the_first_check_decides) {
     for (const bool with_end : {false, true}) {
-        JP_AREA* job = bare_job(1);
-        job->JP_create = job_origin_query;
-        job->JP_flag &= ~job_flag_own_child;
+        JP_AREA* job = rebuilt_job(1);
         job->JP_status = job_status_running;
         job_table_set_pid(job, 4000000);
         job_set_text(job->JP_jReport, folder / "report");
@@ -268,38 +262,30 @@ TEST_F(job_test, without_a_sigchld_to_come_the_first_check_decides) {
                                         ? "**  JOB 1 ENDED AT 04.03.2026 / 08:00:01 UTC TIME 04.03.2026 / "
                                           "07:00:01 ProcID:4242\n**  TEXT=\"\" RETCODE=6\n"
                                         : "");
-        job->JP_alrmTime = alarm_now();
-        process_jobchk(pcx, nullptr, 0);
+        check_now(job);
         EXPECT_EQ(job->JP_status, with_end ? 'A' : 'V');
         EXPECT_EQ(job->retCode, with_end ? 6 : -1);
         Erase_JEntry(1, client);
         sent();
     }
-    JP_AREA* cancelled = bare_job(2);
-    cancelled->JP_create = job_origin_query;
-    cancelled->JP_flag &= ~job_flag_own_child;
+    JP_AREA* cancelled = rebuilt_job(2);
     cancelled->JP_status = job_status_cancel;
     job_table_set_pid(cancelled, 4000000);
-    cancelled->JP_alrmTime = alarm_now();
-    process_jobchk(pcx, nullptr, 0);
+    check_now(cancelled);
     EXPECT_EQ(cancelled->JP_status, 'V');
     EXPECT_EQ(cancelled->retCode, 9);
     EXPECT_TRUE(logged(2003046));
 
     // Still dying at the first check, so it read as running once more.
-    JP_AREA* dying = bare_job(3);
-    dying->JP_create = job_origin_query;
-    dying->JP_flag &= ~job_flag_own_child;
+    JP_AREA* dying = rebuilt_job(3);
     dying->JP_status = job_status_cancel;
     dying->JP_sigNum = 9;
     const living_process alive;
     job_table_set_pid(dying, static_cast<uint32_t>(alive.pid));
-    dying->JP_alrmTime = alarm_now();
-    process_jobchk(pcx, nullptr, 0);
+    check_now(dying);
     EXPECT_EQ(dying->JP_status, 'R');
     job_table_set_pid(dying, 4000000);
-    dying->JP_alrmTime = alarm_now();
-    process_jobchk(pcx, nullptr, 0);
+    check_now(dying);
     EXPECT_EQ(dying->JP_status, 'V');
     EXPECT_EQ(dying->retCode, 9);
 }
@@ -310,8 +296,7 @@ TEST_F(job_test, an_end_is_told_again_until_the_entry_goes) {
     process_job_sigchild(pcx, 4000000, 0, 0);
     for (int count = 2; count <= 4; ++count) {
         sent();
-        alarm_clock_advance(31);
-        process_jobchk(pcx, nullptr, 0);
+        check_in(31);
         const auto messages = sent();
         ASSERT_EQ(messages.size(), 1u);
         EXPECT_EQ(messages[0].as<MSG_TYPE_EXSTAJ>().cnt, count);

@@ -175,6 +175,9 @@ TEST_F(Launch, DescriptorsOfAnAgentWithoutStandardOutput) {
 TEST_F(Launch, ShellsAndOptionsOfTheMessage) {
     rest = "M='no-such-shell'";
     EXPECT_EQ(run("echo $0"), 0) << "another shell takes over";
+    rest = "";
+    copy_text(user.pw_shell, "/no/such/qxshell");
+    EXPECT_EQ(run("echo $0"), 0) << "also for the user's own";
     rest = "M='-bash'N='-ec'";
     EXPECT_EQ(run("##QX7[bash]ps -o args= -p $PPID | cut -d' ' -f1,2\r\n##QX7[ksh]echo wrong"), 0);
     EXPECT_EQ(read_text(report).find("wrong"), std::string::npos);

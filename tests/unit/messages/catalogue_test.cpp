@@ -24,18 +24,12 @@ TEST(Catalogue, FindsByPaddedNameOnly) {
         const char* text;
         const char* found;
     };
-    for (const row& row : {row{"FTXQUIT ", "FTXQUIT "},
-                           {"ftxquit ", "FTXQUIT "},
-                           {"TIMESTAMP", "TIMESTAMP"},
-                           {"TIMESTAM", nullptr},
-                           {"QUITT2_R", nullptr},
-                           {"EXCHKJ  ", nullptr},
-                           {"FT-RECV2", nullptr},
-                           {"FT_SEND2", nullptr},
-                           {"", nullptr},
-                           {"GET     ", "GET     "},
-                           {"ZZZZZZZZ", nullptr},
-                           {"\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF", nullptr}}) {
+    const row cases[] = {
+        {"FTXQUIT ", "FTXQUIT "}, {"ftxquit ", "FTXQUIT "}, {"TIMESTAMP", "TIMESTAMP"},
+        {"TIMESTAM", nullptr},    {"QUITT2_R", nullptr},    {"EXCHKJ  ", nullptr},
+        {"FT-RECV2", nullptr},    {"FT_SEND2", nullptr},    {"", nullptr},
+        {"GET     ", "GET     "}, {"ZZZZZZZZ", nullptr},    {"\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF", nullptr}};
+    for (const row& row : cases) {
         const msgtab_el* entry = find_definition(table, row.text);
         EXPECT_EQ(entry == nullptr, row.found == nullptr) << row.text;
         EXPECT_TRUE(entry == nullptr || row.found == nullptr || std::string_view(entry->name) == row.found);

@@ -71,18 +71,10 @@ TEST(View, VariableDataOutsideDoesNotExist) {
         int64_t dist, len;
         size_t size;
     };
-    for (const row& row : {row{16, 304, 304},
-                           {304, 16, 16},
-                           {304, 17, 0},
-                           {320, 0, 0},
-                           {320, 1, 0},
-                           {15, 2, 0},
-                           {0, 16, 0},
-                           {-1, 5, 0},
-                           {304, -1, 0},
-                           {INT32_MAX, 1, 0},
-                           {304, INT32_MAX, 0},
-                           {INT64_MAX, INT64_MAX, 0}}) {
+    const row cases[] = {{16, 304, 304}, {304, 16, 16},     {304, 17, 0},        {320, 0, 0},
+                         {320, 1, 0},    {15, 2, 0},        {0, 16, 0},          {-1, 5, 0},
+                         {304, -1, 0},   {INT32_MAX, 1, 0}, {304, INT32_MAX, 0}, {INT64_MAX, INT64_MAX, 0}};
+    for (const row& row : cases) {
         EXPECT_EQ(view_data(view, row.dist, row.len).size(), row.size) << row.dist << " " << row.len;
     }
 

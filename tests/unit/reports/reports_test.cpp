@@ -141,15 +141,17 @@ TEST_F(report_test, blocks_of_every_size_give_the_same_text) {
     }
 }
 
-TEST_F(report_test, an_empty_file_ends_at_once_and_goes_when_asked) {
-    write_text(file, "");
+TEST_F(report_test, an_empty_file_ends_at_once_and_any_goes_when_asked) {
     wish w;
     w.erase = '1';
-    const outcome result = fetch(w);
-    EXPECT_EQ(result.number, 0);
-    EXPECT_TRUE(result.blocks.empty());
-    EXPECT_TRUE(logged(29001));
-    EXPECT_NE(access(file.c_str(), F_OK), 0);
+    for (const char* const content : {"", "text\n"}) {
+        write_text(file, content);
+        const outcome result = fetch(w);
+        EXPECT_EQ(result.number, 0);
+        EXPECT_EQ(result.blocks.empty(), *content == 0);
+        EXPECT_TRUE(logged(29001));
+        EXPECT_NE(access(file.c_str(), F_OK), 0);
+    }
 }
 
 TEST_F(report_test, a_resumed_transfer_continues_with_the_same_blocks) {
