@@ -46,7 +46,7 @@ void have_jobs(size_t count) {
     for (size_t i = 0; i < count; ++i) {
         JP_AREA* job = Create_JEntry(static_cast<int>(i + 1), 1);
         job_table_set_pid(job, static_cast<uint32_t>(children[i]));
-        job->JP_RstInfo = job_record_sent;
+        job->JP_RstInfo = JOB_RECORD_SENT;
     }
 }
 

@@ -46,7 +46,7 @@ void preset_waiting(message_bytes* message) {
     put_text(row.resource_name, "R");
     put_text(row.file_name, "file");
     row.mod_date = {2020, 1, 1, 0, 0, 0, 0};
-    row.cache_type = resource_client;
+    row.cache_type = RESOURCE_CLIENT;
     add_data(message, type, "bintab", std::string_view(reinterpret_cast<const char*>(&row), sizeof row));
 }
 
@@ -74,7 +74,7 @@ void set_up(uint8_t choice) {
     sandbox().next_process = (choice & 4) != 0 ? 0 : process_of_nobody;
     pcx.pcx_JobPwCheck = (choice & 8) != 0 ? 1 : 0;
     pcx.pcx_hardened = (choice & 16) != 0 ? 1 : 0;
-    jobs->JP_ReadUser = (choice & 32) != 0 ? job_lists_always : job_lists_at_start;
+    jobs->JP_ReadUser = (choice & 32) != 0 ? JOB_LISTS_ALWAYS : JOB_LISTS_AT_START;
     pcx.upgrade_ah_idnr = (choice & 0xc0) == 0xc0 ? 9 : 0;
 }
 

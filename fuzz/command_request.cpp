@@ -46,7 +46,7 @@ void end_command(byte_source* source) {
         return;
     }
     const Cmd_Area& entry = GetCmdGlb()->cmd_firstCMDA.front();
-    const bool awaited = entry.cmda_status == command_running;
+    const bool awaited = entry.cmda_status == COMMAND_RUNNING;
     const size_t before = answers_told();
     const int code = source->byte();
     process_command_sigchild(&pcx, entry.cmda_forkPid, code, code << 8);

@@ -50,7 +50,7 @@ JP_AREA* make_job(unsigned choice) {
     job->JP_status = "WRCKEAV"[choice / 3 % 7];
     job->jp_uid = geteuid();
     if (choice / 21 % 2 != 0) {
-        job->JP_create = job_origin_query;
+        job->JP_create = JOB_ORIGIN_QUERY;
         job->JP_flag = 0;
     }
     return job;

@@ -153,7 +153,7 @@ step_result check_password(activation_run* run) {
 
 step_result check_user_allowed(activation_run* run) {
     const std::string& user = run->order.user;
-    if (user_start_flag(run->pcx, job_context(), user.c_str(), run->passwd->pw_uid) == job_may_start) {
+    if (user_start_flag(run->pcx, job_context(), user.c_str(), run->passwd->pw_uid) == JOB_MAY_START) {
         return std::nullopt;
     }
     return refuse(run, number_user_not_allowed, with_bar(user).c_str(), with_bar(user).c_str());
@@ -161,7 +161,7 @@ step_result check_user_allowed(activation_run* run) {
 
 step_result check_number_allowed(activation_run* run) {
     const uint32_t number = run->order.record.header.i4UsrIdNr;
-    if (number_start_flag(run->pcx, job_context(), number) == job_may_start) {
+    if (number_start_flag(run->pcx, job_context(), number) == JOB_MAY_START) {
         return std::nullopt;
     }
     return refuse(run, number_user_not_allowed, with_bar(std::to_string(number)).c_str(),
@@ -178,7 +178,7 @@ step_result check_duplicate(activation_run* run) {
         create_and_send_quitt_message(run->pcx, run->msg, number_job_duplicate, insert.c_str());
     __log(number_job_duplicate, "%s", insert.c_str());
     // While the known job waits for its start its shell may not have opened that very file yet.
-    if (known == nullptr || known->JP_status != job_status_waiting) {
+    if (known == nullptr || known->JP_status != JOB_STATUS_WAITING) {
         remove_refused_file(*run);
     }
     end_conversation(run);
@@ -257,7 +257,7 @@ void copy_order(JP_AREA* job, const activation& order, const my_passwd_unlimited
 // Another entry under this process id is stale: the number was given anew. What the server has acknowledged
 // goes; what it has not heard yet stays, without the id.
 void push_out_stale(EX_PCX* pcx, const JP_AREA* job, uint32_t pid) {
-    if (launch_context()->JobStartType == job_start_batch) {
+    if (launch_context()->JobStartType == JOB_START_BATCH) {
         return;
     }
     while (JP_AREA* stale = job_table_find_pid(pid, job)) {
@@ -285,7 +285,7 @@ void take_process(EX_PCX* pcx, JP_AREA* job, const launch_started& started) {
     job->jobstart = 0;
     // For all start types: one whose script never reaches the messenger would not be looked at again.
     job->JP_alrmTime = alarm_now() + pcx->Per_JobCheck;
-    if (launch_context()->JobStartType == job_start_fork) {
+    if (launch_context()->JobStartType == JOB_START_FORK) {
         job->JP_sTime = job->JP_cTime;
         job->JP_sTime_t = job->JP_cTime_t;
     }
@@ -302,7 +302,7 @@ message_builder<MSG_TYPE_EXAKTJQU> build_exaktjqu(const JP_AREA* job) {
 // The second line is what other lines of the log, and ps, are brought together with.
 void log_start(const JP_AREA* job) {
     __log(number_job_started, "%s|%i|", job->JP_oName, job->JP_jobNr);
-    const bool batch = launch_context()->JobStartType == job_start_batch;
+    const bool batch = launch_context()->JobStartType == JOB_START_BATCH;
     __PutLogText("Job %d of client %u: user '%s', process %s %u, report '%s'", job->JP_jobNr, job->JP_Mandant,
                  printable(job->JP_user).c_str(), batch ? "group" : "id",
                  batch ? static_cast<unsigned>(job->jp_group) : job->fork_pid,
@@ -314,7 +314,7 @@ int acknowledge_start(activation_run* run) {
     JP_AREA* job = run->job;
     auto started = build_exaktjqu(job);
     started.fill_to(restart_area_offset);
-    if (launch_context()->JobStartType == job_start_fork) {
+    if (launch_context()->JobStartType == JOB_START_FORK) {
         started.add(MSG_TYPE_EXAKTJQU::restartinfo,
                     CreateJobRstrtInfo(job, job->jp_userName, ccm_server_reachable(pcx), true));
     }

@@ -188,7 +188,7 @@ pid_t exCommandStart(EX_PCX* pcx, Cmd_Area* entry, const my_passwd_unlimited& pa
         command_remove_output(entry);
         return -1;
     }
-    const pid_t pid = launch_fork(pcx, job_start_fork, passwd, &startVar, pamHandle, error);
+    const pid_t pid = launch_fork(pcx, JOB_START_FORK, passwd, &startVar, pamHandle, error);
     if (pid < 0) {
         call_error(error, "fork|" + std::to_string(entry->cmda_jobNr), error->qx_errno);
         command_remove_output(entry);
@@ -202,7 +202,7 @@ pid_t exCommandStart(EX_PCX* pcx, Cmd_Area* entry, const my_passwd_unlimited& pa
 
 void cmd_sendExRes(EX_PCX* pcx, Cmd_Area* entry) {
     tell_of_leftovers(*entry);
-    if (entry->cmda_status == command_running) {
+    if (entry->cmda_status == COMMAND_RUNNING) {
         answer(pcx, *entry);
     }
     removeCommandEntry(entry);

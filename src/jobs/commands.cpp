@@ -44,7 +44,7 @@ void read_option(EX_PCX* pcx, const char* key, char (&option)[16]) {
 char list_type(EX_PCX* pcx, const char* key) {
     char value[64];
     pcx->getProfileString(pcx, "GLOBAL", key, "EXCL", value, sizeof value);
-    return upper(strip(value)) == "INCL" ? job_list_inclusive : job_list_exclusive;
+    return upper(strip(value)) == "INCL" ? JOB_LIST_INCLUSIVE : JOB_LIST_EXCLUSIVE;
 }
 
 std::string log_insert(const std::string& command) {
@@ -126,11 +126,11 @@ int check_account(request_run* run) {
 int check_lists(request_run* run) {
     const JPPCX* lists = &the_commands.cmd_lists;
     const std::string& user = run->entry.cmda_UserName;
-    if (user_start_flag(run->pcx, lists, user.c_str(), run->passwd.pw_uid) != job_may_start) {
+    if (user_start_flag(run->pcx, lists, user.c_str(), run->passwd.pw_uid) != JOB_MAY_START) {
         refuse(run, number_user_not_allowed, user);
         return -1;
     }
-    if (number_start_flag(run->pcx, lists, run->entry.cmda_ucUsrIdnr) != job_may_start) {
+    if (number_start_flag(run->pcx, lists, run->entry.cmda_ucUsrIdnr) != JOB_MAY_START) {
         refuse(run, number_user_not_allowed, std::to_string(run->entry.cmda_ucUsrIdnr));
         return -1;
     }
@@ -175,7 +175,7 @@ void arm(EX_PCX* pcx, time_t limit) {
 }
 
 void keep_entry(EX_PCX* pcx, Cmd_Area&& entry) {
-    entry.cmda_status = command_running;
+    entry.cmda_status = COMMAND_RUNNING;
     entry.cmda_endTime_t = alarm_now() + pcx->pcx_cmd_timeout;
     const time_t limit = entry.cmda_endTime_t;
     the_commands.cmd_firstCMDA.push_front(std::move(entry));
@@ -205,14 +205,14 @@ int start(request_run* run) {
 // ---- Cancel and time limit ----
 
 bool is_past_limit(const Cmd_Area& entry, time_t now) {
-    return entry.cmda_status == command_running && entry.cmda_endTime_t <= now;
+    return entry.cmda_status == COMMAND_RUNNING && entry.cmda_endTime_t <= now;
 }
 
 int stop_at_limit(EX_PCX* pcx, Cmd_Area* entry, qx7_error* error) {
     __log(number_command_time_limit, "%i(pid %i)|%s", entry->cmda_jobNr, entry->cmda_forkPid,
           entry->cmda_jclInsert.c_str());
     const bool killed = cancelCommandEntry(entry, error) == 0;
-    entry->cmda_status = killed ? command_killed : command_kill_failed;
+    entry->cmda_status = killed ? COMMAND_KILLED : COMMAND_KILL_FAILED;
     command_send_failure(pcx, *entry, error->qx_msgnr, error->qx_msgInsert, {});
     return killed ? 1 : 0;
 }
@@ -248,7 +248,7 @@ int cmdOpen(EX_PCX* pcx) {
     read_option(pcx, "Bourne_Shell_Opt", glb->cmd_shOpt);
     read_option(pcx, "Korn_Shell_Opt", glb->cmd_kshOpt);
     read_option(pcx, "C_Shell_Opt", glb->cmd_cshOpt);
-    glb->cmd_lists.JP_ReadUser = job_lists_at_start;  // whatever ReadUserAlways says
+    glb->cmd_lists.JP_ReadUser = JOB_LISTS_AT_START;  // whatever ReadUserAlways says
     glb->cmd_lists.Fl_UidType = list_type(pcx, "userid_type");
     glb->cmd_lists.Qx_UidType = list_type(pcx, "QX_user_type");
     read_start_lists(pcx, &glb->cmd_lists);
@@ -304,7 +304,7 @@ int process_exreqcancel(EX_PCX* pcx, ccm_msg_t* msg, int) {
     const message_view view = view_of(msg);
     const int number = view_record<MSG_TYPE_EXREQCAN>(view).ah_idnr;
     for (Cmd_Area& entry : the_commands.cmd_firstCMDA) {
-        if ((number != 0 && entry.cmda_jobNr != number) || entry.cmda_status == command_stopped) {
+        if ((number != 0 && entry.cmda_jobNr != number) || entry.cmda_status == COMMAND_STOPPED) {
             continue;
         }
         __log(number != 0 ? number_command_cancel_one : number_command_cancel_all, "%i|%s", entry.cmda_jobNr,
@@ -312,7 +312,7 @@ int process_exreqcancel(EX_PCX* pcx, ccm_msg_t* msg, int) {
         qx7_error error;
         cancelCommandEntry(&entry, &error);
         // Its end removes it without an answer.
-        entry.cmda_status = command_stopped;
+        entry.cmda_status = COMMAND_STOPPED;
     }
     return 0;
 }
@@ -331,7 +331,7 @@ int commandTimeoutEvent(EX_PCX* pcx, qx7_error* error) {
     for (Cmd_Area& entry : the_commands.cmd_firstCMDA) {
         if (is_past_limit(entry, now)) {
             killed += stop_at_limit(pcx, &entry, error);
-        } else if (entry.cmda_status == command_running) {
+        } else if (entry.cmda_status == COMMAND_RUNNING) {
             the_commands.cmd_breakTime_t = the_commands.cmd_breakTime_t == 0
                                                ? entry.cmda_endTime_t
                                                : std::min(the_commands.cmd_breakTime_t, entry.cmda_endTime_t);

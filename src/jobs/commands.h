@@ -22,10 +22,10 @@ struct qx7_error;
 
 // cmda_status. Only a running command is owed an answer.
 enum command_status : char {
-    command_running = 'R',
-    command_killed = 'I',       // at its time limit
-    command_kill_failed = 'F',  // the same, but the process lives on
-    command_stopped = 'S'       // by EXREQCAN
+    COMMAND_RUNNING = 'R',
+    COMMAND_KILLED = 'I',       // at its time limit
+    COMMAND_KILL_FAILED = 'F',  // the same, but the process lives on
+    COMMAND_STOPPED = 'S'       // by EXREQCAN
 };
 
 // cmda_result of a command whose end was only noticed (INI key `sigchld` no).
@@ -43,7 +43,7 @@ struct Cmd_Area {
     std::string cmda_jclInsert;  // the command for the log, cut and made printable
     std::string cmda_UserName;
     std::string cmda_jobreport;  // output file, absolute; /dev/null for none
-    char cmda_status = command_running;
+    char cmda_status = COMMAND_RUNNING;
     ccm_addr_t cmda_ccmaddr = {};
     QX_HEADM cmda_headm = {};
     pid_t cmda_forkPid = 0;

@@ -19,35 +19,35 @@ struct my_passwd_unlimited;
 
 // JP_status. 'A' is known to the agent alone: the server sees 'E' and the return code.
 enum job_status : char {
-    job_status_waiting = 'W',    // entry made, no word from the job yet
-    job_status_running = 'R',    // running
-    job_status_continued = 'C',  // a state that the messenger may report, treated like 'R'
-    job_status_cancel = 'K',     // cancel sent, end awaited
-    job_status_ended = 'E',      // ended, return code 0
-    job_status_failed = 'A',     // ended, return code not 0
-    job_status_vanished = 'V'    // vanished or killed
+    JOB_STATUS_WAITING = 'W',    // entry made, no word from the job yet
+    JOB_STATUS_RUNNING = 'R',    // running
+    JOB_STATUS_CONTINUED = 'C',  // a state that the messenger may report, treated like 'R'
+    JOB_STATUS_CANCEL = 'K',     // cancel sent, end awaited
+    JOB_STATUS_ENDED = 'E',      // ended, return code 0
+    JOB_STATUS_FAILED = 'A',     // ended, return code not 0
+    JOB_STATUS_VANISHED = 'V'    // vanished or killed
 };
 
 inline bool job_status_is_final(char status) {
-    return status == job_status_ended || status == job_status_failed || status == job_status_vanished;
+    return status == JOB_STATUS_ENDED || status == JOB_STATUS_FAILED || status == JOB_STATUS_VANISHED;
 }
 
 // JP_create.
 enum job_origin : char {
-    job_origin_activation = 'S',
-    job_origin_query = 'R'  // rebuilt from a restart record
+    JOB_ORIGIN_ACTIVATION = 'S',
+    JOB_ORIGIN_QUERY = 'R'  // rebuilt from a restart record
 };
 
 // JP_reportFlag: the kind of job line that the report scan met last.
 enum job_report_line : char {
-    job_report_none = ' ',
-    job_report_start = 'S',
-    job_report_end = 'E',
-    job_report_restart = 'R'
+    JOB_REPORT_NONE = ' ',
+    JOB_REPORT_START = 'S',
+    JOB_REPORT_END = 'E',
+    JOB_REPORT_RESTART = 'R'
 };
 
 // JP_RstInfo.
-enum job_record_state : char { job_record_due = ' ', job_record_sent = 'Y' };
+enum job_record_state : char { JOB_RECORD_DUE = ' ', JOB_RECORD_SENT = 'Y' };
 
 // Bits of JP_flag.
 inline constexpr int job_flag_own_child = 1;  // the process is this agent's own child
@@ -79,10 +79,10 @@ struct registered_variable {
 // otherwise.
 struct JP_AREA : resource_job {
     char JP_Version[2] = {};
-    char JP_status = job_status_waiting;
-    char JP_create = job_origin_activation;
-    char JP_RstInfo = job_record_due;
-    char JP_reportFlag = job_report_none;
+    char JP_status = JOB_STATUS_WAITING;
+    char JP_create = JOB_ORIGIN_ACTIVATION;
+    char JP_RstInfo = JOB_RECORD_DUE;
+    char JP_reportFlag = JOB_REPORT_NONE;
     int JP_flag = job_flag_own_child;
     char JP_srv_msg[17] = {};     // last exchange with the server, for dumps only
     char JP_client_msg[17] = {};  // last exchange with the messenger, for dumps only

@@ -7,20 +7,20 @@
 struct EX_PCX;
 
 // Fl_UidType, Qx_UidType: whether those who are not listed may start jobs.
-enum job_list_type : char { job_list_exclusive = 'E', job_list_inclusive = 'I' };
+enum job_list_type : char { JOB_LIST_EXCLUSIVE = 'E', JOB_LIST_INCLUSIVE = 'I' };
 // Flag of a list entry.
-enum job_start_flag : char { job_may_start = 'S', job_may_not_start = 'N' };
+enum job_start_flag : char { JOB_MAY_START = 'S', JOB_MAY_NOT_START = 'N' };
 // JP_ReadUser.
-enum job_list_reading : char { job_lists_always = 'A', job_lists_at_start = 'N' };
+enum job_list_reading : char { JOB_LISTS_ALWAYS = 'A', JOB_LISTS_AT_START = 'N' };
 
 struct userid {
     std::string username;
-    char flag = job_may_not_start;
+    char flag = JOB_MAY_NOT_START;
 };
 
 struct qx_user {
     long useridnr = 0;
-    char flag = job_may_not_start;
+    char flag = JOB_MAY_NOT_START;
 };
 
 inline constexpr char job_context_key[17] = "%%JOBKEY_PCX  %%";
@@ -30,9 +30,9 @@ struct JPPCX {
     char Key[16] = {};
     std::string meldName;
     int batch_wait = 0;  // seconds that a job of start type B may stay without a word
-    char Fl_UidType = job_list_exclusive;
-    char Qx_UidType = job_list_exclusive;
-    char JP_ReadUser = job_lists_at_start;
+    char Fl_UidType = JOB_LIST_EXCLUSIVE;
+    char Qx_UidType = JOB_LIST_EXCLUSIVE;
+    char JP_ReadUser = JOB_LISTS_AT_START;
     std::vector<userid> userids;
     std::vector<qx_user> qx_users;
     char KillSignal[16] = {};

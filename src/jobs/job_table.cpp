@@ -114,7 +114,7 @@ JP_AREA* job_table_find_pid(uint32_t pid, const JP_AREA* except) {
 
 JP_AREA* job_table_find_child(uint32_t pid) {
     // Under batch start fork_pid is a status and may equal the id of some child.
-    if (pid == 0 || launch_context()->JobStartType == job_start_batch) {
+    if (pid == 0 || launch_context()->JobStartType == JOB_START_BATCH) {
         return nullptr;
     }
     const auto range = by_pid.equal_range(pid);

@@ -145,7 +145,7 @@ void take_ids(JP_AREA* job, const JP_EXMLDJ& record) {
 }
 
 void take_report(EX_PCX* pcx, JP_AREA* job, const JP_EXMLDJ& record) {
-    if (job->JP_status != job_status_cancel) {
+    if (job->JP_status != JOB_STATUS_CANCEL) {
         job->JP_status = record.status;
     }
     take_info_text(job, record);
@@ -153,7 +153,7 @@ void take_report(EX_PCX* pcx, JP_AREA* job, const JP_EXMLDJ& record) {
     job->retCode = record.retCode;
     if (job->JP_sTime_t == 0) {
         take_time(record.sTime, &job->JP_sTime_t, &job->JP_sTime);
-        if (launch_context()->JobStartType != job_start_fork) {
+        if (launch_context()->JobStartType != JOB_START_FORK) {
             job->JP_alrmTime = alarm_now() + pcx->Per_JobCheck;
         }
     }
@@ -168,13 +168,13 @@ void take_report(EX_PCX* pcx, JP_AREA* job, const JP_EXMLDJ& record) {
 }
 
 void take_end(EX_PCX* pcx, JP_AREA* job) {
-    if (job->JP_status == job_status_cancel || job_awaits_sigchld(job)) {
+    if (job->JP_status == JOB_STATUS_CANCEL || job_awaits_sigchld(job)) {
         job->JP_alrmTime = alarm_now() + pcx->Per_JobCheck;
         return;
     }
     // No SIGCHLD will come: the messenger's word is the end.
     if (job->retCode != 0) {
-        job->JP_status = job_status_failed;
+        job->JP_status = JOB_STATUS_FAILED;
     }
     job->JP_flag |= job_flag_end_taken;
     job->JP_alrmTime = alarm_now() + pcx->Per_JobCheck;
@@ -190,14 +190,14 @@ int take_status(EX_PCX* pcx, const meld_bytes& bytes, uint16_t client, uid_t uid
     if (job == nullptr) {
         return -1;
     }
-    if (job->JP_status == job_status_ended && record->status != meld_ended) {
+    if (job->JP_status == JOB_STATUS_ENDED && record->status != meld_ended) {
         // The job has told its end; a process that it left behind must not take back state and return code.
         return -1;
     }
     take_report(pcx, job, *record);
     if (record->status == meld_ended) {
         take_end(pcx, job);
-    } else if (job->JP_status != job_status_cancel || CheckProzessId(job) == 0) {
+    } else if (job->JP_status != JOB_STATUS_CANCEL || CheckProzessId(job) == 0) {
         // A cancelled job that still runs would be told as gone: the check tells whether it is.
         create_and_send_exstaj(pcx, job);
     }

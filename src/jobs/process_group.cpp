@@ -21,7 +21,7 @@ bool has_ended(const procArea_t& process) {
 // The group that belongs to the job by itself: its process leads it, or the agent gave it to the start
 // command.
 pid_t own_group(const JP_AREA* job) {
-    return launch_context()->JobStartType == job_start_batch ? job->jp_group
+    return launch_context()->JobStartType == JOB_START_BATCH ? job->jp_group
                                                              : static_cast<pid_t>(job->fork_pid);
 }
 
@@ -63,7 +63,7 @@ bool job_group_survives(const JP_AREA* job) {
 
 pid_t job_signal_target(const JP_AREA* job, pid_t pid) {
     const pid_t own = own_group(job);
-    if (launch_context()->JobStartType != job_start_batch) {
+    if (launch_context()->JobStartType != JOB_START_BATCH) {
         return -own;
     }
     const pid_t group = pid == own ? own : getpgid(pid);

@@ -220,7 +220,7 @@ process_found look_at(const JP_AREA* job, pid_t pid, procArea_t* process) {
         return PROCESS_GONE;
     }
     // Under batch start the id was told by the job: it counts only for a process of the job's user.
-    if (launch_context()->JobStartType == job_start_batch && job->jp_uid != static_cast<uid_t>(-1) &&
+    if (launch_context()->JobStartType == JOB_START_BATCH && job->jp_uid != static_cast<uid_t>(-1) &&
         process_owner(pid) != job->jp_uid) {
         return PROCESS_FOREIGN;
     }
@@ -325,7 +325,7 @@ uid_t process_owner(pid_t pid) {
 }
 
 pid_t SetCheckPid(const JP_AREA* job) {
-    return launch_context()->JobStartType == job_start_batch ? job->m_ppid
+    return launch_context()->JobStartType == JOB_START_BATCH ? job->m_ppid
                                                              : static_cast<pid_t>(job->fork_pid);
 }
 

@@ -102,7 +102,7 @@ void answer_lost_job(EX_PCX* pcx, ccm_msg_t* msg, int ah_idnr, uint16_t client) 
 
 int query_known(EX_PCX* pcx, ccm_msg_t* msg, JP_AREA* job, bool without_record) {
     if (without_record) {
-        job->JP_RstInfo = job_record_due;  // the server has none: it goes out with the next status
+        job->JP_RstInfo = JOB_RECORD_DUE;  // the server has none: it goes out with the next status
     }
     if (job->jobstart != 0 || CheckProzessId(job) != 0) {
         job_set_text(job->JP_srv_msg, "RECV_JOB_INF    ");
@@ -125,9 +125,9 @@ void fill_from_message(JP_AREA* job, const ccm_msg_t* msg, const MSG_TYPE_JOB_IN
     job->ccmaddr = job_keep_address(msg);
     job->ccmaddr->src_acv = 0;
     job->JP_flag &= ~job_flag_own_child;
-    job->JP_status = job_status_running;
-    job->JP_RstInfo = job_record_sent;
-    job->JP_create = job_origin_query;
+    job->JP_status = JOB_STATUS_RUNNING;
+    job->JP_RstInfo = JOB_RECORD_SENT;
+    job->JP_create = JOB_ORIGIN_QUERY;
     job_set_text(job->JP_srv_msg, "RECV_JOB_INF    ");
     job->JP_alrmTime = alarm_now();
 }
@@ -186,7 +186,7 @@ void rebuild_running(EX_PCX* pcx, ccm_msg_t* msg, JP_AREA* job) {
         job->JP_sTime_t = process_start_time(job->JP_jStart);
         job->JP_sTime = job_timestamp(job->JP_sTime_t);
     }
-    job->JP_status = job_status_running;
+    job->JP_status = JOB_STATUS_RUNNING;
     answer_query(pcx, msg, job, answer_running);
 }
 
@@ -238,7 +238,7 @@ int process_jobcan(EX_PCX* pcx, ccm_msg_t* msg, int) {
     }
     job->JP_sigNum = static_cast<short>(signal);
     memset(job->infoText, ' ', sizeof job->infoText);
-    job->JP_status = job_status_cancel;
+    job->JP_status = JOB_STATUS_CANCEL;
     if ((job->JP_flag & job_flag_process_reaped) != 0) {
         job->JP_alrmTime = alarm_now();
     } else if ((job->JP_flag & job_flag_own_child) != 0) {
@@ -267,7 +267,7 @@ int process_exstajqu(EX_PCX*, ccm_msg_t* msg, int) {
     }
     // A failed job keeps its file for inspection until JOB_DEL; one whose shell still runs has told its end
     // itself.
-    if (job->JP_status == job_status_ended && (job->JP_flag & job_flag_acknowledged) != 0) {
+    if (job->JP_status == JOB_STATUS_ENDED && (job->JP_flag & job_flag_acknowledged) != 0) {
         job_remove_file(job->JP_jFile);
     }
     return 0;

@@ -20,7 +20,7 @@ void append_message(std::string* lines, long seconds, int number, const std::str
 // A resource that was there already has only the second line.
 void append_resource(std::string* lines, const resource_item& item, int start_number, int end_number,
                      const std::string& inserts) {
-    if (item.usage_type != resource_existed) {
+    if (item.usage_type != RESOURCE_EXISTED) {
         append_message(lines, item.start_timestamp, start_number, inserts);
     }
     append_message(lines, item.end_timestamp, end_number, inserts);

@@ -88,10 +88,10 @@ bool behind(std::string_view line, std::string_view mark, std::string_view* rest
 }
 
 void set_stamp(JP_AREA* job, const MSG_TYPE_TIMESTAMP& stamp) {
-    if (job->JP_reportFlag == job_report_end) {
+    if (job->JP_reportFlag == JOB_REPORT_END) {
         job->JP_eTime = stamp;
         job->JP_eTime_t = job_time_of(stamp);
-    } else if (job->JP_reportFlag == job_report_start) {
+    } else if (job->JP_reportFlag == JOB_REPORT_START) {
         job->JP_sTime = stamp;
         job->JP_sTime_t = job_time_of(stamp);
     }
@@ -102,11 +102,11 @@ void take_job_line(JP_AREA* job, std::string_view line) {
     MSG_TYPE_TIMESTAMP stamp{};
     // "RESTART AT " holds "START AT ": a restart must not move the job's start.
     if (behind(line, "RESTART AT ", &rest)) {
-        job->JP_reportFlag = job_report_restart;
+        job->JP_reportFlag = JOB_REPORT_RESTART;
     } else if (behind(line, "START AT ", &rest)) {
-        job->JP_reportFlag = job_report_start;
+        job->JP_reportFlag = JOB_REPORT_START;
     } else if (behind(line, "ENDED AT ", &rest)) {
-        job->JP_reportFlag = job_report_end;
+        job->JP_reportFlag = JOB_REPORT_END;
     }
     if (!rest.empty() && read_local_date(rest, &stamp)) {
         set_stamp(job, stamp);
@@ -269,7 +269,7 @@ void ChkRprtRec(JP_AREA* job, std::string_view line) {
 
 bool report_scan_file(const JP_AREA* job, JP_AREA* scan, qx7_error* error) {
     scan->m_ppid = job->m_ppid;
-    scan->JP_reportFlag = job_report_none;
+    scan->JP_reportFlag = JOB_REPORT_NONE;
     scan->retCode = -1;
     if (job->JP_jReport[0] == 0) {
         return false;
@@ -335,7 +335,7 @@ int ReadReport(JP_AREA* job, qx7_error* error) {
     job->retCode = scan.retCode;
     memset(job->infoText, ' ', sizeof job->infoText);
     memcpy(job->infoText, end_info_text, sizeof end_info_text - 1);
-    job->JP_status = job->retCode != 0 ? job_status_failed : job_status_ended;
+    job->JP_status = job->retCode != 0 ? JOB_STATUS_FAILED : JOB_STATUS_ENDED;
     job->JP_flag |= job_flag_end_taken;
     return std::max(1, job->m_ppid);
 }

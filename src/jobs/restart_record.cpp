@@ -21,11 +21,11 @@ std::string record_text(const char (&field)[size]) {
 
 std::vector<unsigned char> CreateJobRstrtInfo(JP_AREA* job, const char* userName, bool server_reachable,
                                               bool fresh_child) {
-    if (job->JP_RstInfo == job_record_sent) {
+    if (job->JP_RstInfo == JOB_RECORD_SENT) {
         return {};
     }
     if (server_reachable) {
-        job->JP_RstInfo = job_record_sent;
+        job->JP_RstInfo = JOB_RECORD_SENT;
     }
     if (fresh_child) {
         Get_Proc_Attr_own(job);

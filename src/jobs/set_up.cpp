@@ -28,7 +28,7 @@ std::string setting(EX_PCX* pcx, const char* section, const char* key, const cha
 }
 
 char list_type(EX_PCX* pcx, const char* key) {
-    return upper(setting(pcx, "GLOBAL", key, "EXCL")) == "INCL" ? job_list_inclusive : job_list_exclusive;
+    return upper(setting(pcx, "GLOBAL", key, "EXCL")) == "INCL" ? JOB_LIST_INCLUSIVE : JOB_LIST_EXCLUSIVE;
 }
 
 void read_pam_settings(EX_PCX* pcx) {
@@ -48,7 +48,7 @@ void jpOpen(EX_PCX* pcx, JPPCX* context) {
     copy_text(context->KillSignal, setting(pcx, "GLOBAL", "KillSignal", "SIGKILL"));
     context->batch_wait = pcx->getProfileInt(pcx, "STARTCMD", "batch_wait", "0");
     context->JP_ReadUser =
-        pcx->getProfileBool(pcx, "GLOBAL", "ReadUserAlways", "no") ? job_lists_always : job_lists_at_start;
+        pcx->getProfileBool(pcx, "GLOBAL", "ReadUserAlways", "no") ? JOB_LISTS_ALWAYS : JOB_LISTS_AT_START;
     context->Fl_UidType = list_type(pcx, "userid_type");
     context->Qx_UidType = list_type(pcx, "QX_user_type");
     read_start_lists(pcx, context);

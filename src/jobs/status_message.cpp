@@ -19,11 +19,11 @@ constexpr int cancel_signal_told = 9;
 // 'A' and 'K' are known to the agent alone.
 char status_on_wire(const JP_AREA* job) {
     switch (job->JP_status) {
-        case job_status_failed:
-            return job_status_ended;
-        case job_status_cancel:
+        case JOB_STATUS_FAILED:
+            return JOB_STATUS_ENDED;
+        case JOB_STATUS_CANCEL:
             __log(number_job_killed, "%i|%i|", job->m_ppid, cancel_signal_told);
-            return job_status_vanished;
+            return JOB_STATUS_VANISHED;
         default:
             return job->JP_status;
     }
@@ -40,7 +40,7 @@ void fill_fixed_part(const JP_AREA* job, MSG_TYPE_EXSTAJ* record) {
     record->iocount = job->ioCount;
     record->cnt = job->sta_cnt;
     memcpy(&record->infotext_alt, job->infoText, sizeof record->infotext_alt);
-    if (job->JP_status != job_status_running) {
+    if (job->JP_status != JOB_STATUS_RUNNING) {
         record->endzeit = job->JP_eTime;
     }
     record->startzeit = job->JP_sTime;
@@ -78,9 +78,9 @@ void close_end(EX_PCX* pcx, JP_AREA* job) {
     qx7_error error;
     if (DeleteTaskResourceFiles(job, &error) != 0) {
         __log_error(error);
-        if (job->JP_status == job_status_ended) {
+        if (job->JP_status == JOB_STATUS_ENDED) {
             // Told to the server with the next status.
-            job->JP_status = job_status_failed;
+            job->JP_status = JOB_STATUS_FAILED;
             job->retCode = error.qx_msgnr;
             put_text(job->infoText, std::string_view(error.qx_msgInsert));
         }
@@ -88,9 +88,9 @@ void close_end(EX_PCX* pcx, JP_AREA* job) {
     if (RemoveJobFromResourceLists(pcx, job, &error) != 0) {
         __log_error(error);
     }
-    if (job->JP_status == job_status_ended) {
+    if (job->JP_status == JOB_STATUS_ENDED) {
         __log(number_job_ended, "%s|%i|", job->JP_oName, job->JP_jobNr);
-    } else if (job->JP_status == job_status_failed) {
+    } else if (job->JP_status == JOB_STATUS_FAILED) {
         __log(number_job_ended_with_code, "%s|%i|%i|", job->JP_oName, job->JP_jobNr, job->retCode);
     }
 }

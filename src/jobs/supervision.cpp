@@ -33,27 +33,27 @@ void end_as_code(JP_AREA* job, int exitCode) {
     if (job->retCode == 0) {
         job->retCode = exitCode;
     }
-    job->JP_status = job->retCode != 0 ? job_status_failed : job_status_ended;
+    job->JP_status = job->retCode != 0 ? JOB_STATUS_FAILED : JOB_STATUS_ENDED;
 }
 
 void take_child_end(JP_AREA* job, int pid, int exitCode) {
     switch (job->JP_status) {
-        case job_status_ended:
-        case job_status_running:
-        case job_status_waiting:
+        case JOB_STATUS_ENDED:
+        case JOB_STATUS_RUNNING:
+        case JOB_STATUS_WAITING:
             end_as_code(job, exitCode);
             break;
-        case job_status_cancel:
+        case JOB_STATUS_CANCEL:
             if (job->JP_sigNum != 0 && job->JP_sigNum == exitCode) {
                 __log(number_job_killed, "%i|%i|", pid, exitCode);
-                job->JP_status = job_status_vanished;
+                job->JP_status = JOB_STATUS_VANISHED;
                 job->retCode = exitCode;
             } else {
                 end_as_code(job, exitCode);
             }
             break;
         default:
-            job->JP_status = job_status_failed;
+            job->JP_status = JOB_STATUS_FAILED;
             job->retCode = exitCode != 0 ? exitCode : code_end_without_word;
             break;
     }
@@ -61,7 +61,7 @@ void take_child_end(JP_AREA* job, int pid, int exitCode) {
 }
 
 void mark_vanished(JP_AREA* job) {
-    job->JP_status = job_status_vanished;
+    job->JP_status = JOB_STATUS_VANISHED;
     job->JP_flag |= job_flag_end_taken;
     job_time_now(&job->JP_eTime_t, &job->JP_eTime);
 }
@@ -89,13 +89,13 @@ void await_group(JP_AREA* job, int exitCode) {
 
 // true: something to tell.
 bool check_group(JP_AREA* job) {
-    const bool cancelled = job->JP_status == job_status_cancel;
+    const bool cancelled = job->JP_status == JOB_STATUS_CANCEL;
     if (job_group_survives(job)) {
-        job->JP_status = cancelled ? static_cast<char>(job_status_running) : job->JP_status;
+        job->JP_status = cancelled ? static_cast<char>(JOB_STATUS_RUNNING) : job->JP_status;
         return cancelled;
     }
     if (!job_status_is_final(job->JP_status)) {
-        job->JP_status = job_status_cancel;  // also where it was told as running again meanwhile
+        job->JP_status = JOB_STATUS_CANCEL;  // also where it was told as running again meanwhile
     }
     job_time_now(&job->JP_eTime_t, &job->JP_eTime);
     take_child_end(job, static_cast<int>(job->fork_pid), job->jp_exit < 0 ? job->JP_sigNum : job->jp_exit);
@@ -110,7 +110,7 @@ bool wait_for_sigchld(JP_AREA* job) {
 void decide_by_report(JP_AREA* job) {
     qx7_error error;
     if (ReadReport(job, &error) == -1) {
-        if (launch_context()->JobStartType == job_start_batch && job->m_ppid == 0) {
+        if (launch_context()->JobStartType == JOB_START_BATCH && job->m_ppid == 0) {
             __PutLogText(
                 "Job %d: the start command has ended, and nothing was heard of the job: it counts as "
                 "vanished. Where a batch system lets jobs wait, set STARTCMD/batch_wait to the seconds that "
@@ -133,7 +133,7 @@ bool reported_end_waits(JP_AREA* job) {
     if (CheckProzessId(job) != 0 || wait_for_sigchld(job)) {
         return true;
     }
-    job->JP_status = job->retCode != 0 ? job_status_failed : job_status_ended;
+    job->JP_status = job->retCode != 0 ? JOB_STATUS_FAILED : JOB_STATUS_ENDED;
     job->JP_flag |= job_flag_end_taken;
     return false;
 }
@@ -149,7 +149,7 @@ bool check_cancelled(JP_AREA* job) {
         if (is_zombie(job)) {
             return false;  // the signal hit; SIGCHLD closes the job
         }
-        job->JP_status = job_status_running;  // it ignored the signal
+        job->JP_status = JOB_STATUS_RUNNING;  // it ignored the signal
         return true;
     }
     if (wait_for_sigchld(job)) {
@@ -170,13 +170,13 @@ bool check_running(JP_AREA* job) {
 
 // A batch system may let the job wait, and until its messenger speaks nobody can tell this from an end.
 bool may_wait_in_queue(const JP_AREA* job) {
-    return launch_context()->JobStartType == job_start_batch && job->m_ppid == 0 &&
+    return launch_context()->JobStartType == JOB_START_BATCH && job->m_ppid == 0 &&
            time(nullptr) - job->JP_cTime_t < job_context()->batch_wait;
 }
 
 bool check_waiting(JP_AREA* job) {
     if (CheckProzessId(job) != 0) {
-        job->JP_status = job_status_running;
+        job->JP_status = JOB_STATUS_RUNNING;
         return true;
     }
     if (wait_for_sigchld(job) || may_wait_in_queue(job)) {
@@ -191,16 +191,16 @@ bool check_state(JP_AREA* job) {
         return check_group(job);
     }
     switch (job->JP_status) {
-        case job_status_failed:
-        case job_status_ended:
-        case job_status_vanished:
+        case JOB_STATUS_FAILED:
+        case JOB_STATUS_ENDED:
+        case JOB_STATUS_VANISHED:
             return !reported_end_waits(job);
-        case job_status_continued:
-        case job_status_running:
+        case JOB_STATUS_CONTINUED:
+        case JOB_STATUS_RUNNING:
             return check_running(job);
-        case job_status_cancel:
+        case JOB_STATUS_CANCEL:
             return check_cancelled(job);
-        case job_status_waiting:
+        case JOB_STATUS_WAITING:
             return check_waiting(job);
         default:
             return false;
@@ -222,8 +222,8 @@ bool is_due(const JP_AREA* job, time_t now) {
 }  // namespace
 
 bool job_awaits_sigchld(const JP_AREA* job) {
-    return launch_context()->JobStartType != job_start_batch && launch_context()->Fl_Sigchld != 0 &&
-           job->JP_create == job_origin_activation && (job->JP_flag & job_flag_own_child) != 0;
+    return launch_context()->JobStartType != JOB_START_BATCH && launch_context()->Fl_Sigchld != 0 &&
+           job->JP_create == JOB_ORIGIN_ACTIVATION && (job->JP_flag & job_flag_own_child) != 0;
 }
 
 int pr_exit(int status) {

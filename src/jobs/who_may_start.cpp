@@ -57,19 +57,19 @@ std::vector<std::string> key_list(EX_PCX* pcx, const char* section) {
 // NO_START.
 char entry_flag(EX_PCX* pcx, const char* section, const char* key, bool inclusive) {
     if (inclusive) {
-        return setting(pcx, section, key, value_no_start) == value_start ? job_may_start : job_may_not_start;
+        return setting(pcx, section, key, value_no_start) == value_start ? JOB_MAY_START : JOB_MAY_NOT_START;
     }
-    return setting(pcx, section, key, value_start) == value_no_start ? job_may_not_start : job_may_start;
+    return setting(pcx, section, key, value_start) == value_no_start ? JOB_MAY_NOT_START : JOB_MAY_START;
 }
 
 char user_entry_flag(EX_PCX* pcx, const JPPCX* context, const char* name) {
     return entry_flag(pcx, section_users, name,
-                      context->Fl_UidType == job_list_inclusive || strcmp(name, root_name) == 0);
+                      context->Fl_UidType == JOB_LIST_INCLUSIVE || strcmp(name, root_name) == 0);
 }
 
 char unlisted_user_flag(const JPPCX* context, const char* name, uid_t uid) {
     const bool as_root = strcmp(name, root_name) == 0 || uid == 0;
-    return as_root || context->Fl_UidType == job_list_inclusive ? job_may_not_start : job_may_start;
+    return as_root || context->Fl_UidType == JOB_LIST_INCLUSIVE ? JOB_MAY_NOT_START : JOB_MAY_START;
 }
 
 bool is_listed(EX_PCX* pcx, const char* section, const char* key) {
@@ -86,14 +86,14 @@ void read_start_lists(EX_PCX* pcx, JPPCX* context) {
     }
     context->qx_users.clear();
     for (const std::string& number : key_list(pcx, section_numbers)) {
-        const bool inclusive = context->Qx_UidType == job_list_inclusive;
+        const bool inclusive = context->Qx_UidType == JOB_LIST_INCLUSIVE;
         context->qx_users.push_back({strtol(number.c_str(), nullptr, 10),
                                      entry_flag(pcx, section_numbers, number.c_str(), inclusive)});
     }
 }
 
 char user_start_flag(EX_PCX* pcx, const JPPCX* context, const char* name, uid_t uid) {
-    if (context->JP_ReadUser == job_lists_always) {
+    if (context->JP_ReadUser == JOB_LISTS_ALWAYS) {
         return is_listed(pcx, section_users, name) ? user_entry_flag(pcx, context, name)
                                                    : unlisted_user_flag(context, name, uid);
     }
@@ -106,8 +106,8 @@ char user_start_flag(EX_PCX* pcx, const JPPCX* context, const char* name, uid_t 
 }
 
 char number_start_flag(EX_PCX* pcx, const JPPCX* context, uint32_t number) {
-    const bool inclusive = context->Qx_UidType == job_list_inclusive;
-    if (context->JP_ReadUser == job_lists_always) {
+    const bool inclusive = context->Qx_UidType == JOB_LIST_INCLUSIVE;
+    if (context->JP_ReadUser == JOB_LISTS_ALWAYS) {
         return entry_flag(pcx, section_numbers, std::to_string(number).c_str(), inclusive);
     }
     for (const qx_user& entry : context->qx_users) {
@@ -115,5 +115,5 @@ char number_start_flag(EX_PCX* pcx, const JPPCX* context, uint32_t number) {
             return entry.flag;
         }
     }
-    return inclusive ? job_may_not_start : job_may_start;
+    return inclusive ? JOB_MAY_NOT_START : JOB_MAY_START;
 }

@@ -191,7 +191,7 @@ launch_result start_job(EX_PCX* pcx, const launch_order& order, const my_passwd_
     }
     startVar.flag1 = start_flags(pcx);
     fflush(stdout);
-    if (launch_context()->JobStartType == job_start_batch) {
+    if (launch_context()->JobStartType == JOB_START_BATCH) {
         return start_batch(pcx, passwd, startVar, started, error);
     }
     return start_process(pcx, passwd, &startVar, pamHandle, &started->pid, error);

@@ -148,7 +148,7 @@ pid_t launch_fork(EX_PCX* pcx, char type, const my_passwd_unlimited& passwd, JOB
     const pid_t pid = make_child({pcx, &passwd, startVar, pamHandle});
     if (pid < 0) {
         const int error_number = errno;
-        call_error(error, type == job_start_vfork ? "vfork" : "fork", error_number);
+        call_error(error, type == JOB_START_VFORK ? "vfork" : "fork", error_number);
         __log_error(*error);
         errno = error_number;
         return -1;

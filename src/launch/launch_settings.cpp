@@ -31,9 +31,9 @@ unsigned octal_setting(EX_PCX* pcx, const char* key, unsigned preset) {
 char start_type(EX_PCX* pcx) {
     const std::string type = lower(setting(pcx, "STARTCMD", "start_type", "fork"));
     if (type == "fork") {
-        return job_start_fork;
+        return JOB_START_FORK;
     }
-    return type == "vfork" ? job_start_vfork : job_start_batch;
+    return type == "vfork" ? JOB_START_VFORK : JOB_START_BATCH;
 }
 
 // The start commands of batch start. false when one of them is missing.
@@ -56,7 +56,7 @@ int launch_open(EX_PCX* pcx, qx7_error* error) {
     launch_load_texts(pcx);
     launch_settings& settings = the_settings = {};
     settings.JobStartType = start_type(pcx);
-    if (settings.JobStartType == job_start_batch && !GetStartCmd(pcx, &settings.cmdAddr)) {
+    if (settings.JobStartType == JOB_START_BATCH && !GetStartCmd(pcx, &settings.cmdAddr)) {
         return qx_error_set(error, -1, 0, number_agent_ended_abnormally, "%s|%s|", pcx->exName, qx_version);
     }
     copy_text(settings.Korn_Shell_opt, setting(pcx, "STARTCMD", "Korn_Shell_Opt", "-c"));

@@ -10,7 +10,7 @@ struct EX_PCX;
 struct qx7_error;
 
 // JobStartType.
-enum job_start_type : char { job_start_fork = 'F', job_start_vfork = 'V', job_start_batch = 'B' };
+enum job_start_type : char { JOB_START_FORK = 'F', JOB_START_VFORK = 'V', JOB_START_BATCH = 'B' };
 
 // A shell that was found: name up to 15, path up to 63 characters.
 struct SHELL_DATA {
@@ -32,7 +32,7 @@ struct launch_settings {
     unsigned JobFileMode = 0700;
     UNIX_CMD cmdAddr;
     std::vector<SHELL_DATA> firstSD;  // grows while the agent runs
-    char JobStartType = job_start_fork;
+    char JobStartType = JOB_START_FORK;
     unsigned char Fl_Sigchld = 1;  // the signal layer delivers SIGCHLD
     unsigned char JP_SwitchToRealUser = 0;
     char Bourne_Shell_opt[16] = {};

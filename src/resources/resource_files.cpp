@@ -350,7 +350,7 @@ int resource_stat(const std::string& path, long* modified) {
 }
 
 int CreateCachePath(EX_PCX* pcx, const resource_job* job, const resource_item& resource, qx7_error* error) {
-    return resource.cache_type == resource_task ? make_task_path(pcx, job, error)
+    return resource.cache_type == RESOURCE_TASK ? make_task_path(pcx, job, error)
                                                 : make_client_path(pcx, job, resource, error);
 }
 
@@ -375,24 +375,24 @@ int CreateResourceFile(EX_PCX*, const resource_item& resource, std::span<const u
                             resource.file_path.c_str());
     }
     std::vector<unsigned char> text;
-    if (fileType == resource_text) {
+    if (fileType == RESOURCE_TEXT) {
         text.assign(data.begin(), data.end());
         AreaConv(text.data(), text.size(), job->cCodeTab);
         text.resize(CrLfCorrection(reinterpret_cast<char*>(text.data()), text.size()));
         data = text;
     }
-    const bool agents_own = resource.cache_type == resource_client && hardened();
+    const bool agents_own = resource.cache_type == RESOURCE_CLIENT && hardened();
     if (agents_own && !way_is_agents(resource.file_path)) {
         return file_failed(error, resource, EPERM);
     }
-    const mode_t mode = resource.cache_type == resource_task ? task_mode
+    const mode_t mode = resource.cache_type == RESOURCE_TASK ? task_mode
                         : agents_own                         ? hardened_mode
                                                              : client_file_mode;
     const char* user = agents_own ? "" : job->jp_userName;
     if (!agents_own && *user == 0) {
         return file_failed(error, resource, EPERM);  // an unknown user must not become the agent
     }
-    if (resource.cache_type == resource_client) {
+    if (resource.cache_type == RESOURCE_CLIENT) {
         remove_old_version(resource);
     }
     const int failed = write_file(resource, user, mode, data);

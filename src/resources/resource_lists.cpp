@@ -21,7 +21,7 @@ bool RemoveEntryFromList(std::vector<key_entry>* list, int ah_idnr, int client) 
 resource_item* FindResourceInList(resource_list* list, std::string_view object, std::string_view resource,
                                   int client, int ah_idnr) {
     for (resource_item& item : *list) {
-        const bool whose = ah_idnr == 0 ? item.cache_type == resource_client : item.ah_idnr == ah_idnr;
+        const bool whose = ah_idnr == 0 ? item.cache_type == RESOURCE_CLIENT : item.ah_idnr == ah_idnr;
         if (whose && (client == 0 || item.client == client) && item.object_name == object &&
             item.resource_name == resource) {
             return &item;

@@ -60,7 +60,7 @@ resource_item* find_awaited(const MSG_TYPE_BIN_DATA& data) {
 int store(EX_PCX* pcx, const resource_item& resource, std::span<const unsigned char> content, char file_type,
           qx7_error* error) {
     const resource_job* job = resource_first_job(resource);
-    if (job != nullptr && resource.usage_type == resource_new &&
+    if (job != nullptr && resource.usage_type == RESOURCE_NEW &&
         CreateCachePath(pcx, job, resource, error) < 0) {
         return -1;
     }
@@ -86,7 +86,7 @@ void hand_out(EX_PCX* pcx, resource_list* taken) {
     const int key = taken->front().key;
     // A copy: a job whose start fails takes itself off the lists, and the item with it.
     const std::vector<key_entry> jobs = taken->front().job_list;
-    if (taken->front().cache_type == resource_task) {
+    if (taken->front().cache_type == RESOURCE_TASK) {
         give_to_job(taken, key);
     } else {
         // All jobs first: one that ends its start badly must not free what the others have not taken yet.
@@ -162,7 +162,7 @@ int ProcessBinDataMessage(EX_PCX* pcx, ccm_msg_t* msg) {
         CancelAllJobsWaitingForThisResource(pcx, &resource, error.qx_msgnr, error.qx_msgInsert);
         return -1;
     }
-    __log(resource.usage_type == resource_new ? number_resource_stored_new : number_resource_stored,
+    __log(resource.usage_type == RESOURCE_NEW ? number_resource_stored_new : number_resource_stored,
           "%d:%s/%s|%.400s", resource.client, resource.object_name.c_str(), resource.resource_name.c_str(),
           resource.file_path.c_str());
     hand_out(pcx, &taken);

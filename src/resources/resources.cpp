@@ -27,7 +27,7 @@ struct wanted_resource {
     std::string name;
     std::string path;
     long timestamp = 0;
-    char type = resource_client;
+    char type = RESOURCE_CLIENT;
 };
 
 int bad_path(const resource_job* job, std::string_view told, qx7_error* error) {
@@ -41,12 +41,12 @@ int read_row(const resource_job* job, const MSG_TYPE_BINTAB& row, wanted_resourc
     wanted->timestamp = timestamp_seconds_local(row.mod_date);
     wanted->type = row.cache_type;
     const std::string file(get_text(row.file_name));
-    if (wanted->type != resource_task && wanted->type != resource_client) {
+    if (wanted->type != RESOURCE_TASK && wanted->type != RESOURCE_CLIENT) {
         return qx_error_set(error, 1, EINVAL, number_resource_failed, "%.400s|%d - %s|", file.c_str(), EINVAL,
                             error_text(EINVAL).c_str());
     }
     const std::string& folder =
-        wanted->type == resource_task ? job->jp_task_cache_path : job->jp_client_cache_path;
+        wanted->type == RESOURCE_TASK ? job->jp_task_cache_path : job->jp_client_cache_path;
     if (folder.empty()) {
         return bad_path(job, folder, error);
     }
@@ -84,7 +84,7 @@ resource_item* AddResourceToList(resource_list* list, const resource_job* job, c
 // The same client resource at the same place.
 resource_item* find_shared(resource_list* list, const resource_job* job, const wanted_resource& wanted) {
     for (resource_item& item : *list) {
-        if (item.cache_type == resource_client && item.client == job->JP_Mandant &&
+        if (item.cache_type == RESOURCE_CLIENT && item.client == job->JP_Mandant &&
             item.file_path == wanted.path && item.object_name == wanted.object &&
             item.resource_name == wanted.name) {
             return &item;
@@ -122,7 +122,7 @@ void join_waiting(resource_job* job, const wanted_resource& wanted, resource_ite
 // The file on disk is the one that is wanted.
 void use_existing(resource_job* job, const wanted_resource& wanted, resource_item* used) {
     if (used == nullptr) {
-        used = AddResourceToList(&resource_context()->used_resource_list, job, wanted, resource_existed);
+        used = AddResourceToList(&resource_context()->used_resource_list, job, wanted, RESOURCE_EXISTED);
     }
     join(used, job, &job->jp_used_client_resource_list);
 }
@@ -130,7 +130,7 @@ void use_existing(resource_job* job, const wanted_resource& wanted, resource_ite
 // Other jobs run with another version: the new one must not take the file away from them.
 void wait_for_users(resource_job* job, const wanted_resource& wanted, resource_item* used) {
     resource_item* item =
-        AddResourceToList(&resource_context()->waiting_resource_list, job, wanted, resource_update);
+        AddResourceToList(&resource_context()->waiting_resource_list, job, wanted, RESOURCE_UPDATE);
     item->resource_key = used->key;
     used->resource_key = item->key;
     join(item, job, &job->jp_requested_resource_list);
@@ -167,7 +167,7 @@ int read_client_row(EX_PCX* pcx, resource_job* job, const wanted_resource& wante
         wait_for_users(job, wanted, used);
         return 0;
     }
-    return request_new(pcx, job, wanted, there ? resource_update : resource_new, error);
+    return request_new(pcx, job, wanted, there ? RESOURCE_UPDATE : RESOURCE_NEW, error);
 }
 
 // ---- Leaving ----
@@ -290,7 +290,7 @@ int ReadStorageObjectResource(EX_PCX* pcx, resource_job* job, const MSG_TYPE_BIN
     wanted_resource wanted;
     int result = read_row(job, row, &wanted, error);
     if (result == 0) {
-        result = wanted.type == resource_task ? request_new(pcx, job, wanted, resource_new, error)
+        result = wanted.type == RESOURCE_TASK ? request_new(pcx, job, wanted, RESOURCE_NEW, error)
                                               : read_client_row(pcx, job, wanted, error);
     }
     if (result == 0) {

@@ -30,9 +30,9 @@ struct key_entry {
     int client = 0;
 };
 
-enum resource_cache_type : char { resource_client = 'C', resource_task = 'T' };
-enum resource_usage_type : char { resource_existed = 'E', resource_new = 'C', resource_update = 'U' };
-enum resource_file_type : char { resource_text = 'T' };  // all others are binary
+enum resource_cache_type : char { RESOURCE_CLIENT = 'C', RESOURCE_TASK = 'T' };
+enum resource_usage_type : char { RESOURCE_EXISTED = 'E', RESOURCE_NEW = 'C', RESOURCE_UPDATE = 'U' };
+enum resource_file_type : char { RESOURCE_TEXT = 'T' };  // all others are binary
 
 // A stored resource.
 struct resource_item {
@@ -48,8 +48,8 @@ struct resource_item {
     long timestamp = 0;    // modification time that is wanted
     long start_timestamp = 0;
     long end_timestamp = 0;
-    char cache_type = resource_client;
-    char usage_type = resource_existed;
+    char cache_type = RESOURCE_CLIENT;
+    char usage_type = RESOURCE_EXISTED;
 };
 
 using resource_list = std::list<resource_item>;

@@ -62,7 +62,7 @@ TEST_F(job_test, who_may_start_jobs) {
         for (const bool always : {false, true}) {
             SCOPED_TRACE(std::string(row.ini) + row.name + (always ? " read always" : ""));
             open_with(std::string(row.ini) + "[GLOBAL]\n");
-            job_context()->JP_ReadUser = always ? job_lists_always : job_lists_at_start;
+            job_context()->JP_ReadUser = always ? JOB_LISTS_ALWAYS : JOB_LISTS_AT_START;
             EXPECT_EQ(user_start_flag(pcx, job_context(), row.name, row.uid), row.flag);
         }
     }

@@ -376,7 +376,7 @@ TEST_F(command_test, a_process_id_that_was_given_anew_is_not_killed) {
 TEST_F(command_test, cancelled_commands_are_not_answered) {
     request(60, "sleep 60");
     cancel(61);
-    EXPECT_EQ(GetCmdGlb()->cmd_firstCMDA.front().cmda_status, command_running) << "another number";
+    EXPECT_EQ(GetCmdGlb()->cmd_firstCMDA.front().cmda_status, COMMAND_RUNNING) << "another number";
     cancel(60);
     EXPECT_TRUE(logged(2001092));
     finish();

@@ -118,7 +118,7 @@ struct job_test : module_test {
     // One that was made from a query: no SIGCHLD will come for it.
     JP_AREA* rebuilt_job(int run) {
         JP_AREA* job = bare_job(run);
-        job->JP_create = job_origin_query;
+        job->JP_create = JOB_ORIGIN_QUERY;
         job->JP_flag &= ~job_flag_own_child;
         return job;
     }

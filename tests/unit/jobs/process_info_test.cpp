@@ -79,7 +79,7 @@ TEST_F(job_test, one_pass_over_proc_serves_all_entries_of_a_second) {
     for (int run = 1; run <= 50; ++run) {
         JP_AREA* job = bare_job(run);
         job_table_set_pid(job, static_cast<uint32_t>(child.pid));
-        job->JP_create = job_origin_query;
+        job->JP_create = JOB_ORIGIN_QUERY;
     }
     const unsigned before = process_info_passes();
     for (int run = 1; run <= 50; ++run) {

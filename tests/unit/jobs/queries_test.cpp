@@ -34,7 +34,7 @@ struct queries_test : job_test {
     }
 };
 
-TEST_F(queries_test, signal_names) {
+TEST_F(queries_test, signal_names_stand_for_their_numbers) {
     EXPECT_EQ(GetSigInt("term"), 15);
     EXPECT_EQ(GetSigInt("SigAbrt"), 6);
     EXPECT_EQ(GetSigInt("KILL"), 9);
@@ -186,7 +186,7 @@ TEST_F(batch_test, under_vfork_without_the_signal_a_job_ends_at_a_check) {
 
 // A group that a batch system made is signalled only where nothing else can be in it.
 TEST_F(batch_test, whom_a_cancel_signals) {
-    launch_context()->JobStartType = job_start_batch;
+    launch_context()->JobStartType = JOB_START_BATCH;
     const living_process alive, second;
     JP_AREA* job = bare_job(1);
     job->m_ppid = alive.pid;

@@ -60,7 +60,7 @@ TEST_F(job_test, the_report_tells_start_end_and_return_code) {
     for (const scan_case& row : cases) {
         SCOPED_TRACE(row.what);
         JP_AREA* job = bare_job(1);
-        job->JP_status = job_status_running;
+        job->JP_status = JOB_STATUS_RUNNING;
         job->JP_sTime_t = 1735689600;
         job->JP_sTime = job_timestamp(job->JP_sTime_t);
         job_set_text(job->JP_jReport, folder / "report");

@@ -21,7 +21,7 @@ constexpr time_t version_2 = version_1 + 60;
 struct row {
     const char* name;
     time_t version;
-    char kind = resource_client;
+    char kind = RESOURCE_CLIENT;
     std::string file = {};  // the name unless given
 };
 
@@ -113,7 +113,7 @@ time_t time_of(const std::string& path) {
 }
 
 TEST_F(resource_test, a_job_starts_with_the_last_of_its_resources) {
-    activate(with_rows(1, {{"shared", version_1}, {"own", version_1, resource_task}}));
+    activate(with_rows(1, {{"shared", version_1}, {"own", version_1, RESOURCE_TASK}}));
     EXPECT_EQ(sent_types(), (types{"BIN_GET ", "BIN_GET "})) << "and no EXAKTJQU yet";
     EXPECT_EQ(give("shared", version_1, 1, "abc"), 0);
     EXPECT_TRUE(waits(1));
@@ -230,7 +230,7 @@ TEST_F(resource_test, a_new_version_waits_for_those_who_use_the_old_one) {
 
 TEST_F(resource_test, jobs_share_a_file_however_its_path_is_spelt) {
     activate(with_rows(1, {{"shared", version_1}}));
-    activate(with_rows(2, {{"shared", version_1, resource_client, "./shared"}}, folder / "cache//clients//"));
+    activate(with_rows(2, {{"shared", version_1, RESOURCE_CLIENT, "./shared"}}, folder / "cache//clients//"));
     EXPECT_EQ(sent_types(), types{"BIN_GET "});
     give("shared", version_1, 1, "abc");
     EXPECT_TRUE(runs(1) && runs(2));
@@ -266,7 +266,7 @@ TEST_F(resource_test, content_that_did_not_come_whole_is_not_stored) {
 }
 
 TEST_F(resource_test, what_a_waiting_job_has_already_goes_with_the_agent) {
-    activate(with_rows(1, {{"shared", version_1}, {"own", version_1, resource_task}}));
+    activate(with_rows(1, {{"shared", version_1}, {"own", version_1, RESOURCE_TASK}}));
     give("own", version_1, 1, "x");
     EXPECT_TRUE(std::filesystem::exists(task_file(1, "own")));
     JP_Close(pcx);
@@ -285,7 +285,7 @@ TEST_F(resource_test, a_waiting_version_goes_with_the_last_who_wants_it) {
 }
 
 TEST_F(resource_test, a_cancelled_job_leaves_the_question_to_the_others) {
-    activate(with_rows(1, {{"shared", version_1}, {"own", version_1, resource_task}}));
+    activate(with_rows(1, {{"shared", version_1}, {"own", version_1, RESOURCE_TASK}}));
     activate(with_rows(2, {{"shared", version_1}}));
     give("own", version_1, 1, "x");
     sent();
@@ -337,14 +337,14 @@ TEST_F(resource_test, texts_lose_their_carriage_returns_and_go_through_the_jobs_
     int run = 10;
     for (const text_case& text : cases) {
         ++run;
-        activate(with_rows(run, {{"own", version_1, resource_task}}));
+        activate(with_rows(run, {{"own", version_1, RESOURCE_TASK}}));
         Find_JEntry(run, client)->cCodeTab[static_cast<unsigned char>('x')] = 'y';
         EXPECT_EQ(give("own", version_1, run, std::string(text.sent, text.length), 'T'), 0);
         EXPECT_EQ(read_text(task_file(run, "own")), text.kept);
         EXPECT_EQ(time_of(task_file(run, "own")), version_1);
         end(run);
     }
-    activate(with_rows(99, {{"own", version_1, resource_task}}));
+    activate(with_rows(99, {{"own", version_1, RESOURCE_TASK}}));
     Find_JEntry(99, client)->cCodeTab[static_cast<unsigned char>('x')] = 'y';
     give("own", version_1, 99, "xxx", 'T');
     EXPECT_EQ(read_text(task_file(99, "own")), "yyy");
@@ -362,12 +362,12 @@ TEST_F(resource_test, places_outside_the_cache_are_refused) {
         {"path elsewhere", {"a", version_1}, "/etc", {}, 2000241},
         {"path that climbs", {"a", version_1}, folder / "cache/../etc", {}, 2000241},
         {"the cache folder's neighbour", {"a", version_1}, folder / "cache2/", {}, 2000241},
-        {"task path elsewhere", {"a", version_1, resource_task}, {}, "/root/x", 2000241},
-        {"absolute name", {"a", version_1, resource_client, "/etc/passwd"}, {}, {}, 2000242},
-        {"name that climbs", {"a", version_1, resource_client, "x/../../y"}, {}, {}, 2000242},
-        {"name that is only dots", {"a", version_1, resource_task, ".."}, {}, {}, 2000242},
-        {"no name", {"a", version_1, resource_client, " "}, {}, {}, 2000242},
-        {"the folder itself", {"a", version_1, resource_client, "./."}, {}, {}, 2000242},
+        {"task path elsewhere", {"a", version_1, RESOURCE_TASK}, {}, "/root/x", 2000241},
+        {"absolute name", {"a", version_1, RESOURCE_CLIENT, "/etc/passwd"}, {}, {}, 2000242},
+        {"name that climbs", {"a", version_1, RESOURCE_CLIENT, "x/../../y"}, {}, {}, 2000242},
+        {"name that is only dots", {"a", version_1, RESOURCE_TASK, ".."}, {}, {}, 2000242},
+        {"no name", {"a", version_1, RESOURCE_CLIENT, " "}, {}, {}, 2000242},
+        {"the folder itself", {"a", version_1, RESOURCE_CLIENT, "./."}, {}, {}, 2000242},
         {"unknown kind", {"a", version_1, 'X'}, {}, {}, 2000244},
     };
     for (const place_case& place : cases) {
@@ -379,7 +379,7 @@ TEST_F(resource_test, places_outside_the_cache_are_refused) {
 }
 
 TEST_F(resource_test, a_refused_row_takes_back_what_stood_before_it) {
-    activate(with_rows(1, {{"a", version_1}, {"b", version_1, resource_client, "/b"}}));
+    activate(with_rows(1, {{"a", version_1}, {"b", version_1, RESOURCE_CLIENT, "/b"}}));
     EXPECT_EQ(sent_types(), (types{"BIN_GET ", "QUITT   "}));
     EXPECT_TRUE(lists_are_empty());
     message_bytes cut = with_rows(2, {{"a", version_1}});
@@ -393,7 +393,7 @@ TEST_F(resource_test, a_refused_row_takes_back_what_stood_before_it) {
 }
 
 TEST_F(resource_test, a_directory_with_a_strangers_file_stays) {
-    activate(with_rows(1, {{"sub/own", version_1, resource_task}}));
+    activate(with_rows(1, {{"sub/own", version_1, RESOURCE_TASK}}));
     give("sub/own", version_1, 1, "x");
     write_text(task_file(1, "left"), "by the job");
     end(1);
@@ -405,12 +405,12 @@ TEST_F(resource_test, a_directory_with_a_strangers_file_stays) {
 TEST_F(resource_test, a_directory_that_somebody_else_made_is_refused) {
     std::filesystem::create_directories(folder / "cache/tasks/1");
     chmod((folder / "cache/tasks/1").c_str(), 0777);
-    activate(with_rows(1, {{"own", version_1, resource_task}}));
+    activate(with_rows(1, {{"own", version_1, RESOURCE_TASK}}));
     sent();
     EXPECT_EQ(give("own", version_1, 1, "x"), -1);
     EXPECT_EQ(first_sent().as<MSG_TYPE_QUITT>().msgnr, 2000247);
     std::filesystem::create_directory_symlink("/tmp", folder / "cache/tasks/2");
-    activate(with_rows(2, {{"own", version_1, resource_task}}));
+    activate(with_rows(2, {{"own", version_1, RESOURCE_TASK}}));
     sent();
     EXPECT_EQ(give("own", version_1, 2, "x"), -1);
     EXPECT_EQ(first_sent().as<MSG_TYPE_QUITT>().msgnr, 2000247);
@@ -424,19 +424,19 @@ TEST_F(resource_test, a_directory_that_somebody_else_made_is_refused) {
     chmod((folder / "cache/tasks").c_str(), 01777);
     for (const int run : {4, 5, 6}) {
         ASSERT_EQ(chown((folder / "cache/tasks/" + std::to_string(run)).c_str(), 12345, 12345), 0);
-        activate(with_rows(run, {{"own", version_1, resource_task}}));
+        activate(with_rows(run, {{"own", version_1, RESOURCE_TASK}}));
         sent();
         EXPECT_EQ(give("own", version_1, run, "x"), 0) << run;
         EXPECT_EQ(read_text(task_file(run, "own")), "x") << run;
     }
     std::filesystem::create_directories(folder / "cache/tasks/3");
     ASSERT_EQ(chown((folder / "cache/tasks").c_str(), 12345, 12345), 0);
-    activate(with_rows(3, {{"own", version_1, resource_task}}));
+    activate(with_rows(3, {{"own", version_1, RESOURCE_TASK}}));
     sent();
     EXPECT_EQ(give("own", version_1, 3, "x"), -1) << "whose owner can put another one in its place";
     EXPECT_EQ(first_sent().as<MSG_TYPE_QUITT>().msgnr, 2000247);
     chmod((folder / "cache").c_str(), 01777);
-    activate(with_rows(7, {{"own", version_1, resource_task}}));
+    activate(with_rows(7, {{"own", version_1, RESOURCE_TASK}}));
     sent();
     EXPECT_EQ(give("own", version_1, 7, "x"), 0) << "a folder on the way is moved as well";
 }
@@ -456,7 +456,7 @@ TEST_F(resource_test, files_belong_to_the_jobs_user_and_under_hardened_to_the_ag
     user = first.name;
     chmod((folder / "out").c_str(), 0777);
     activate(
-        with_rows(1, {{"shared", version_1}, {"sub/deep", version_1}, {"own", version_1, resource_task}}));
+        with_rows(1, {{"shared", version_1}, {"sub/deep", version_1}, {"own", version_1, RESOURCE_TASK}}));
     give("shared", version_1, 1, "1");
     give("sub/deep", version_1, 1, "1");
     give("own", version_1, 1, "1");
@@ -499,9 +499,9 @@ TEST_F(resource_test, the_report_begins_with_what_the_job_got) {
     fetched.object_name = "OBJ";
     fetched.resource_name = "res";
     fetched.file_path = "/cache/res";
-    fetched.usage_type = resource_new;
+    fetched.usage_type = RESOURCE_NEW;
     job->jp_used_task_resource_list = {fetched, fetched};
-    job->jp_used_task_resource_list.back().usage_type = resource_existed;
+    job->jp_used_task_resource_list.back().usage_type = RESOURCE_EXISTED;
     const std::string lines = job_report_head(job);
     EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 3) << lines;
     EXPECT_NE(lines.find("2001095"), std::string::npos);

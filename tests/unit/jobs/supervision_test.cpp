@@ -84,7 +84,7 @@ TEST_F(job_test, a_report_of_the_messenger_moves_the_state_only_while_the_end_is
 
 TEST_F(job_test, a_cancelled_job_stays_cancelled_and_a_rebuilt_one_ends_by_word) {
     JP_AREA* cancelled = bare_job(1);
-    cancelled->JP_status = job_status_cancel;
+    cancelled->JP_status = JOB_STATUS_CANCEL;
     tell(meld(1, 'R', 3));
     EXPECT_EQ(cancelled->JP_status, 'K');
     EXPECT_EQ(cancelled->retCode, 3);
@@ -100,7 +100,7 @@ TEST_F(job_test, a_cancelled_job_stays_cancelled_and_a_rebuilt_one_ends_by_word)
 
 TEST_F(job_test, a_cancelled_job_that_still_runs_is_not_told_as_gone) {
     JP_AREA* cancelled = bare_job(1);
-    cancelled->JP_status = job_status_cancel;
+    cancelled->JP_status = JOB_STATUS_CANCEL;
     const living_process alive;
     job_table_set_pid(cancelled, static_cast<uint32_t>(alive.pid));
     tell(meld(1, 'R', 0));
@@ -255,7 +255,7 @@ TEST_F(job_test, an_own_child_that_is_gone_waits_for_its_sigchld_until_the_fourt
 TEST_F(job_test, without_a_sigchld_to_come_the_first_check_decides) {
     for (const bool with_end : {false, true}) {
         JP_AREA* job = rebuilt_job(1);
-        job->JP_status = job_status_running;
+        job->JP_status = JOB_STATUS_RUNNING;
         job_table_set_pid(job, 4000000);
         job_set_text(job->JP_jReport, folder / "report");
         write_text(job->JP_jReport, with_end
@@ -269,7 +269,7 @@ TEST_F(job_test, without_a_sigchld_to_come_the_first_check_decides) {
         sent();
     }
     JP_AREA* cancelled = rebuilt_job(2);
-    cancelled->JP_status = job_status_cancel;
+    cancelled->JP_status = JOB_STATUS_CANCEL;
     job_table_set_pid(cancelled, 4000000);
     check_now(cancelled);
     EXPECT_EQ(cancelled->JP_status, 'V');
@@ -278,7 +278,7 @@ TEST_F(job_test, without_a_sigchld_to_come_the_first_check_decides) {
 
     // Still dying at the first check, so it read as running once more.
     JP_AREA* dying = rebuilt_job(3);
-    dying->JP_status = job_status_cancel;
+    dying->JP_status = JOB_STATUS_CANCEL;
     dying->JP_sigNum = 9;
     const living_process alive;
     job_table_set_pid(dying, static_cast<uint32_t>(alive.pid));
@@ -310,7 +310,7 @@ TEST_F(job_test, an_end_is_told_again_until_the_entry_goes) {
 
 TEST_F(job_test, an_entry_without_alarm_is_not_looked_at) {
     JP_AREA* job = bare_job(1);
-    job->JP_status = job_status_running;
+    job->JP_status = JOB_STATUS_RUNNING;
     process_jobchk(pcx, nullptr, 0);
     EXPECT_EQ(sent().size(), 0u);
     EXPECT_EQ(job->JP_alrmTime, 0);
@@ -324,7 +324,7 @@ TEST_F(job_test, a_status_with_files_and_variables_passes_the_conversion) {
     const auto pick = [&](unsigned below) { return static_cast<unsigned>(random() % below); };
     for (int round = 0; round < 2000; ++round) {
         JP_AREA* job = bare_job(1);
-        job->JP_RstInfo = pick(2) == 0 ? job_record_due : job_record_sent;
+        job->JP_RstInfo = pick(2) == 0 ? JOB_RECORD_DUE : JOB_RECORD_SENT;
         job->JP_status = "WRCKEAV"[pick(7)];
         for (unsigned i = pick(5); i > 0; --i) {
             job_add_file(job, pick(2) == 0 ? 'Y' : 'N', std::string(1 + pick(600), 'f'));
@@ -352,7 +352,7 @@ TEST_F(job_test, a_status_goes_to_the_module_that_activated) {
     copy_text(job->ccmaddr->src_name, "JPEXEC_R");
     copy_text(job->ccmaddr->src_addr, "*CP001#00000001");
     job->ccmaddr->src_acv = 9;
-    job->JP_status = job_status_running;
+    job->JP_status = JOB_STATUS_RUNNING;
     create_and_send_exstaj(pcx, job);
     auto messages = sent();
     ASSERT_EQ(messages.size(), 1u);
@@ -363,8 +363,8 @@ TEST_F(job_test, a_status_goes_to_the_module_that_activated) {
 
     // While the line is down nothing is lost: the record is still due.
     pcx->pcx_flag &= ~PCX_FLAG_SERVER_CHANNEL;
-    job->JP_RstInfo = job_record_due;
+    job->JP_RstInfo = JOB_RECORD_DUE;
     create_and_send_exstaj(pcx, job);
     EXPECT_EQ(sent().size(), 0u);
-    EXPECT_EQ(job->JP_RstInfo, job_record_due);
+    EXPECT_EQ(job->JP_RstInfo, JOB_RECORD_DUE);
 }

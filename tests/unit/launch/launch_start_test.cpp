@@ -220,7 +220,7 @@ TEST_F(Launch, StdinIsInheritedWhenTheDummyIsOff) {
     close(input);
 }
 
-TEST_F(Launch, MissingHome) {
+TEST_F(Launch, AMissingHomeEndsTheJobAndIsTold) {
     copy_text(user.pw_dir, folder / "gone");
     EXPECT_EQ(run("echo never"), 205);
     const std::string text = read_text(report);
@@ -263,7 +263,7 @@ TEST_F(Launch, OutOfProcessesLeavesNoFilesAndOtherFailuresFail) {
     EXPECT_STREQ(error.qx_msgInsert, "fork|11|Resource temporarily unavailable|");
     EXPECT_FALSE(exists(file));
     EXPECT_FALSE(exists(report));
-    launch_context()->JobStartType = job_start_vfork;
+    launch_context()->JobStartType = JOB_START_VFORK;
     launch_set_fork([]() -> pid_t {
         errno = ENOMEM;
         return -1;
@@ -356,7 +356,7 @@ TEST_F(Launch, AnotherUserWithoutRoot) {
 }
 
 TEST_F(Launch, BatchCommandsTakePlainNamesOnly) {
-    launch_context()->JobStartType = job_start_batch;
+    launch_context()->JobStartType = JOB_START_BATCH;
     launch_context()->cmdAddr.BSHcmd = "echo &USER &jobFile &jobReport > " + (folder / "told") + "; exit 3";
     const bool root = getuid() == 0;
     const launch_result result = start();
