@@ -185,7 +185,7 @@ TEST_F(name_test, the_own_hosts_name_is_not_waited_for) {
     EXPECT_EQ(resolver_own_host().front(), htonl(INADDR_LOOPBACK));
 }
 
-TEST_F(ccm_test, listener_and_caller) {
+TEST_F(ccm_test, a_caller_is_told_and_has_a_time_limit) {
     start();
     be(MODE_LISTENER);
     ccm_error_t error;
@@ -379,7 +379,7 @@ TEST_F(ccm_test, a_connection_carries_messages_both_ways) {
     close(listener);
 }
 
-TEST(addresses, texts_and_comparisons) {
+TEST(addresses, texts_stand_for_addresses) {
     char buffer[80];
     EXPECT_STREQ(ccm_addressformatted("127.0.0.1", buffer), "127.0.0.1");
     EXPECT_STREQ(ccm_addressformatted("[::1]", buffer), "[::1]");

@@ -178,7 +178,7 @@ TEST_F(ccm_test, a_child_sends_what_is_meant_for_the_server_through_the_agent) {
     }
 }
 
-TEST_F(ccm_test, replies) {
+TEST_F(ccm_test, replies_go_back_to_who_asked) {
     ccm_msg_t* request = nat_message(quitt_body());
     memcpy(request->msg_start, "EXAKTJ  ", 8);
     request->addr.src_ID = 77;

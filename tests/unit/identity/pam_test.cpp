@@ -38,7 +38,7 @@ struct Pam : testing::Test {
 
 using calls = std::vector<std::string>;
 
-TEST_F(Pam, GoodPassword) {
+TEST_F(Pam, AGoodPasswordPassesAllSteps) {
     pam_options.do_pam_setcred = true;
     EXPECT_EQ(check("secret"), 1);
     EXPECT_EQ(script->calls,
@@ -156,7 +156,7 @@ TEST_F(Pam, GroupsOfTheAgentAreKept) {
     EXPECT_TRUE(std::equal(before, before + count, after));
 }
 
-TEST_F(Pam, EnvironmentEntries) {
+TEST_F(Pam, EnvironmentEntriesThatHarmDoNotPass) {
     EXPECT_TRUE(PamEnvToExport("KRB5CCNAME=FILE:/tmp/x"));
     EXPECT_TRUE(PamEnvToExport("PATHS=1"));
     EXPECT_TRUE(PamEnvToExport("A=" + std::string(1022, 'x')));

@@ -174,7 +174,7 @@ TEST(Accounts, OwnUserByNameAndByNumber) {
     EXPECT_EQ(std::string(own), std::string(by_uid.pw_name).substr(0, 2));
 }
 
-TEST(Accounts, UnknownNames) {
+TEST(Accounts, UnknownNamesAreTold) {
     own_context context;
     my_passwd_unlimited record;
     for (const std::string& name :
@@ -193,7 +193,7 @@ TEST(Accounts, UnknownNames) {
     EXPECT_EQ(text, "getgrgid() - No such file or directory");
 }
 
-TEST(Accounts, GroupLists) {
+TEST(Accounts, GroupListsHaveAnEnd) {
     own_context context;
     std::string text;
     std::vector<gid_t> list = {1, 2, 3};

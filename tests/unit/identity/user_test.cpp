@@ -29,7 +29,7 @@ TEST(Switch, TheOwnUserNeedsNone) {
     EXPECT_EQ(PrepToExUser(&error), SWITCH_NOT_NEEDED);
 }
 
-TEST(Switch, UnknownUser) {
+TEST(Switch, AnUnknownUserIsNotBorrowed) {
     own_context context;
     qx7_error error;
     effUser_guard lock;

@@ -30,7 +30,7 @@ std::string bytes_of(int64_t value, size_t size) {
     return std::string(reinterpret_cast<const char*>(&value), size);
 }
 
-TEST_F(ChecksTest, Evaluates) {
+TEST_F(ChecksTest, EachCheckTellsItsFault) {
     struct row {
         const char* expression;
         int type, size;

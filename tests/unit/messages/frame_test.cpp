@@ -12,7 +12,7 @@ std::string text_of(const image& bytes) {
     return std::string(bytes.begin(), bytes.end());
 }
 
-TEST(Frame, HeaderBytes) {
+TEST(Frame, HeadersAreWrittenAndReadBack) {
     unsigned char header[48];
     ASSERT_EQ(frame_set_header(header, protocol_native, 353), 0);
     EXPECT_EQ(std::string(reinterpret_cast<char*>(header), 48),
@@ -108,7 +108,7 @@ std::string item(unsigned char key, std::string_view data) {
     return std::string(reinterpret_cast<char*>(head), size) + std::string(data);
 }
 
-TEST(Frame, BodyLimits) {
+TEST(Frame, EachItemHasItsBounds) {
     std::string big(500, 'x');
     auto x = [&big](size_t size) { return big.substr(0, size); };
     std::string message = item(255, x(20));
@@ -233,7 +233,7 @@ std::string header(const std::string& protocol = "NAT", const std::string& lengt
     return length + "QX7:global001" + protocol + std::string(24, ' ');
 }
 
-TEST(FrameCheck, Header) {
+TEST(FrameCheck, AHeaderIsJudgedByteByByte) {
     handle handle;
     TCPMSG_PARMS parms{};
     parms.iMaxPhysMsgSize = 1000;
@@ -270,7 +270,7 @@ std::string whole(const std::string& body) {
     return header("NAT", length) + body;
 }
 
-TEST(FrameCheck, Body) {
+TEST(FrameCheck, ABodyIsJudgedByWhoMaySendIt) {
     handle handle;
     constexpr unsigned scan = tcp_chk_reader | TCP_CHK_BODY;
     std::string meld = "MELD    0123456789";
@@ -296,7 +296,7 @@ TEST(FrameCheck, Body) {
     EXPECT_EQ(check(handle, waiting.substr(0, waiting.size() - 1), scan).number, 0);
 }
 
-TEST(FrameCheck, Scrambling) {
+TEST(FrameCheck, AScrambledBodyIsReadBack) {
     handle handle;
     std::string plain = item(255, "MELD    0123456789");
     std::string body = item(6, "\x01\x02\x03\x04") + plain;
@@ -315,7 +315,7 @@ TEST(FrameCheck, Scrambling) {
     EXPECT_EQ(TcpNewKey(0x9), 0x4U);
 }
 
-TEST(FrameCheck, Registration) {
+TEST(FrameCheck, OnlyRegisteredTypesAreAllowed) {
     TCPMSG_WORK_AREA* area = TCP_Open(tcp_used_by_agent);
     ASSERT_NE(area, nullptr);
     char text[40];

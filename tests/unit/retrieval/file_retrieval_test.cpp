@@ -428,7 +428,7 @@ TEST(file_answer_test, an_error_fits_its_bound_and_cuts_no_entity) {
     }
 }
 
-TEST(base64_test, known_texts) {
+TEST(base64_test, known_texts_go_both_ways) {
     const struct {
         const char* plain;
         const char* coded;

@@ -237,7 +237,7 @@ TEST_F(exchange_test, bodies_are_told_apart) {
     EXPECT_TRUE(token);
 }
 
-TEST(numbers, powers_and_primes) {
+TEST(numbers, powers_and_primes_are_right) {
     EXPECT_EQ(1u, XpowYmodN(5, 0, 7));
     EXPECT_EQ(0u, XpowYmodN(5, 0, 1));
     EXPECT_EQ(4u, XpowYmodN(2, 10, 17) == 4 ? 4u : 0u);

@@ -75,7 +75,7 @@ TEST_F(shell_test, every_row_answers_with_its_title) {
     }
 }
 
-TEST_F(shell_test, commands_that_show) {
+TEST_F(shell_test, commands_show_the_agent_as_it_is) {
     EXPECT_EQ(run("  get_version  "), std::string("GET_VERSION\n") + qx_version + "\n");
     EXPECT_EQ(run("GET_INI"), "GET_INI\npath=" + folder.path + "/agent.ini\n");
     EXPECT_EQ(run("GET_AGENT_PID"), "GET_AGENT_PID\nagent pid=" + std::to_string(getpid()) + ";\n");
