@@ -122,7 +122,18 @@ bool clear_old(const ftx_entry* ftx, const target& found) {
            unlinkat(ftx->folder.get(), found.name.c_str(), 0) == 0;
 }
 
-int name_for_first_run(ftx_entry* ftx, ftx_elem* elem, const target& found, qx7_error* err) {
+bool temp_exists(const ftx_entry* ftx) {
+    struct stat status;
+    return fstatat(ftx->folder.get(), ftx->working_name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+// Whosever it is, it is not of this run, which writes to the destination itself then.
+void leave_foreign_temp(ftx_entry* ftx, ftx_elem* elem) {
+    elem->dst_temp_alive = 1;
+    use_temp(ftx, elem, false);
+}
+
+int name_for_first_run(ftx_entry* ftx, ftx_elem* elem, const target& found, bool goes_on, qx7_error* err) {
     if (found.exists && ftx->ftx_overwrite == no_overwrite) {
         return exists_already(elem, err);
     }
@@ -130,11 +141,8 @@ int name_for_first_run(ftx_entry* ftx, ftx_elem* elem, const target& found, qx7_
         elem->dst_file_alive = 0;
     }
     use_temp(ftx, elem, GetFtTempFile() == '1' && elem->dst_file_alive == 0);
-    struct stat old;
-    if (elem->dst_Temp_File == 1 &&
-        fstatat(ftx->folder.get(), ftx->working_name.c_str(), &old, AT_SYMLINK_NOFOLLOW) == 0) {
-        elem->dst_temp_alive = 1;  // whosever it is, it is not of this run
-        use_temp(ftx, elem, false);
+    if (elem->dst_Temp_File == 1 && goes_on && temp_exists(ftx)) {
+        leave_foreign_temp(ftx, elem);
     }
     ftx->may_replace = ftx->ftx_overwrite == ftx_yes;
     return 0;
@@ -144,9 +152,7 @@ int name_for_first_run(ftx_entry* ftx, ftx_elem* elem, const target& found, qx7_
 int name_for_repeat(ftx_entry* ftx, ftx_elem* elem, bool goes_on, qx7_error* err) {
     const bool temp_wanted = GetFtTempFile() == '1';
     use_temp(ftx, elem, temp_wanted);
-    struct stat old;
-    elem->dst_temp_alive =
-        temp_wanted && fstatat(ftx->folder.get(), ftx->working_name.c_str(), &old, AT_SYMLINK_NOFOLLOW) == 0;
+    elem->dst_temp_alive = temp_wanted && temp_exists(ftx) ? 1 : 0;
     ftx->may_replace = dst_ordered_overwrite(ftx) == ftx_yes;
     if (elem->dst_temp_alive == 1 || elem->dst_file_alive == 0) {
         return 0;
@@ -244,6 +250,10 @@ int open_descriptor(const ftx_entry* ftx, const ftx_elem* elem) {
 
 int open_anew(ftx_entry* ftx, ftx_elem* elem, qx7_error* err) {
     ftx->file.reset(open_descriptor(ftx, elem));
+    if (!ftx->file.valid() && errno == EEXIST && elem->dst_Temp_File == 1 && !is_repeat(ftx)) {
+        leave_foreign_temp(ftx, elem);
+        ftx->file.reset(open_descriptor(ftx, elem));
+    }
     if (!ftx->file.valid() && errno == EEXIST && elem->dst_Temp_File == 0) {
         if (!ftx->may_replace) {
             return exists_already(elem, err);
@@ -302,8 +312,8 @@ int open_in_folder(ftx_entry* ftx, ftx_elem* elem, std::string_view item, qx7_er
     elem->dst_file_alive = found.exists ? 1 : 0;
     elem->dst_temp_alive = 0;
     const bool goes_on = ftx->ftx_restart == ftx_resume && restart.given;
-    const int named =
-        is_repeat(ftx) ? name_for_repeat(ftx, elem, goes_on, err) : name_for_first_run(ftx, elem, found, err);
+    const int named = is_repeat(ftx) ? name_for_repeat(ftx, elem, goes_on, err)
+                                     : name_for_first_run(ftx, elem, found, goes_on, err);
     return named != 0 ? named : open_working(ftx, elem, restart, err);
 }
 

@@ -56,17 +56,19 @@ bool is_made_up(int fd, dev_t device) {
 
 }  // namespace
 
-int FTX_openFileRead(int folder, const char* name, bool links) {
-    struct stat status;
-    const int fd = regular_only(openat(folder, name, O_RDONLY | careful | (links ? 0 : O_NOFOLLOW)), &status);
-    if (fd >= 0 && is_made_up(fd, status.st_dev)) {
+int FTX_openFileRead(int folder, const char* name, bool links, struct stat* status) {
+    const int fd = regular_only(openat(folder, name, O_RDONLY | careful | (links ? 0 : O_NOFOLLOW)), status);
+    if (fd >= 0 && is_made_up(fd, status->st_dev)) {
         return give_up(fd, EACCES);
     }
     return fd;
 }
 
 int FTX_openFileWrite(int folder, const char* name, bool only_new) {
-    const int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | careful | (only_new ? O_EXCL : 0);
+    constexpr int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | careful;
+    if (only_new) {
+        return openat(folder, name, flags | O_EXCL, file_mode);
+    }
     struct stat status;
     const int fd = regular_only(openat(folder, name, flags, file_mode), &status);
     if (fd >= 0 && status.st_size != 0 && ftruncate(fd, 0) != 0) {

@@ -2,7 +2,7 @@
 // its name in there; files are regular ones or nothing. Failures are -1 with errno.
 #pragma once
 
-#include <sys/types.h>
+#include <sys/stat.h>
 
 #include <string>
 
@@ -12,8 +12,9 @@
 struct ftx_elem;
 struct ftx_entry;
 
-// For reading. A link as last part is ELOOP without `links`; EACCES for what the kernel makes up.
-int FTX_openFileRead(int folder, const char* name, bool links);
+// For reading; `status` is what it is then. A link as last part is ELOOP without `links`; EACCES for what the
+// kernel makes up.
+int FTX_openFileRead(int folder, const char* name, bool links, struct stat* status);
 // For writing, empty. `only_new`: EEXIST when there is one. Never through a link.
 int FTX_openFileWrite(int folder, const char* name, bool only_new);
 // What is there, for reading and writing, as it is; ENOENT without it. Never through a link.

@@ -10,7 +10,6 @@
 #include <cstring>
 
 #include "base/error_text.h"
-#include "base/file_data.h"
 #include "base/message_numbers.h"
 #include "base/text.h"
 #include "base/time.h"
@@ -97,7 +96,11 @@ ssize_t src_readFile(ftx_entry* ftx, void* to, size_t size, const char* simulati
         errno = EIO;
         return -1;
     }
-    return readn(ftx->file.get(), to, size);
+    ssize_t got;
+    do {
+        got = read(ftx->file.get(), to, size);
+    } while (got < 0 && errno == EINTR);
+    return got;
 }
 
 int src_binRead(void* hIn, char* buf, int size, int, int*, int* ctrl, ErrMsg*) {

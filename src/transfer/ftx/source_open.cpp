@@ -29,7 +29,7 @@ int open_failed(const ftx_entry* ftx, const ftx_elem* elem, int error_number, qx
 }
 
 // The descriptor, or -1 with errno. What lies behind the order's own folder is reached without links.
-int open_source(ftx_entry* ftx, const ftx_elem* elem) {
+int open_source(ftx_entry* ftx, const ftx_elem* elem, struct stat* status) {
     const std::string& name = elem->source_name;
     if (name.size() > ftx_name_max) {
         errno = ENAMETOOLONG;
@@ -51,7 +51,7 @@ int open_source(ftx_entry* ftx, const ftx_elem* elem) {
         if (ftx_enter_folder(ftx, place) != 0) {
             return -1;
         }
-        const int fd = FTX_openFileRead(ftx->folder.get(), last.empty() ? "." : last.c_str(), links);
+        const int fd = FTX_openFileRead(ftx->folder.get(), last.empty() ? "." : last.c_str(), links, status);
         // The folder that is kept may have been replaced by another one.
         if (fd >= 0 || errno != ENOENT || attempt > 0) {
             return fd;
@@ -74,13 +74,15 @@ void decide_digest(ftx_entry* ftx, ftx_elem* elem, int64_t size) {
     md5_init(&ftx->md5);
 }
 
+// Whether there is a record of an earlier run that the receiver has one for as well.
+bool has_records(const ftx_entry* ftx, const ftx_elem* elem) {
+    return ftx->ftx_restart == ftx_resume && elem->sender_record.size() == sizeof(__ftx_restart_info) &&
+           !elem->receiver_record.empty();
+}
+
 // Whether the file still is what the sender's record tells of; it stands at the record's position then.
-bool can_resume(ftx_entry* ftx, ftx_elem* elem, int64_t size_now, int64_t size_then) {
+bool is_as_recorded(ftx_entry* ftx, ftx_elem* elem, int64_t size_now, int64_t size_then) {
     __ftx_restart_info record;
-    if (ftx->ftx_restart != ftx_resume || elem->sender_record.size() != sizeof record ||
-        elem->receiver_record.empty()) {
-        return false;
-    }
     memcpy(&record, elem->sender_record.data(), sizeof record);
     const bool proven = (elem->ftxe_flag & FTXE_MD5) != 0 && ftx_has_digest(record);
     if (record.rst_filepos > size_now || (!proven && size_now != size_then)) {
@@ -96,11 +98,24 @@ void resume(ftx_elem* elem, ControlStream* cbs) {
     elem->ftxe_records = elem->ftxe_rss_records;
 }
 
-int begin_anew(ftx_entry* ftx, ftx_elem* elem) {
-    md5_init(&ftx->md5);
+void begin_anew(ftx_elem* elem) {
     elem->sender_record.clear();
     elem->receiver_record.clear();
     elem->ftxe_text_coding = TEXT_CODE_BINARY;
+}
+
+// Resumes, or goes to the file's beginning. 0 or -1 with errno.
+int set_position(ftx_entry* ftx, ftx_elem* elem, int64_t size_then, ControlStream* cbs) {
+    if (!has_records(ftx, elem)) {
+        begin_anew(elem);
+        return 0;
+    }
+    if (is_as_recorded(ftx, elem, elem->ftxe_fileSize, size_then)) {
+        resume(elem, cbs);
+        return 0;
+    }
+    begin_anew(elem);
+    md5_init(&ftx->md5);
     return lseek(ftx->file.get(), 0, SEEK_SET) == 0 ? 0 : -1;
 }
 
@@ -206,9 +221,9 @@ int src_fileError(ftx_entry* ftx, int error_number, const src_item& item) {
 int src_openFile(ftx_entry* ftx, ftx_elem* elem, ControlStream* cbs, qx7_error* err) {
     qx_error_clear(err);
     src_closeFile(ftx);
-    ftx->file.reset(open_source(ftx, elem));
     struct stat status;
-    if (!ftx->file.valid() || fstat(ftx->file.get(), &status) != 0) {
+    ftx->file.reset(open_source(ftx, elem, &status));
+    if (!ftx->file.valid()) {
         return open_failed(ftx, elem, errno, err);
     }
     const int64_t size_then = elem->ftxe_fileSize;
@@ -219,9 +234,7 @@ int src_openFile(ftx_entry* ftx, ftx_elem* elem, ControlStream* cbs, qx7_error* 
     cbsPutInt(cbs, "OID", elem->ftxe_oId);
     cbsPutString(cbs, "FNAME", elem->source_name);
     cbsPutInt64(cbs, "SIZ", status.st_size);
-    if (can_resume(ftx, elem, status.st_size, size_then)) {
-        resume(elem, cbs);
-    } else if (begin_anew(ftx, elem) != 0) {
+    if (set_position(ftx, elem, size_then, cbs) != 0) {
         return open_failed(ftx, elem, errno, err);
     }
     elem->ftxe_startStamp = static_cast<int32_t>(time(nullptr));

@@ -34,6 +34,6 @@ int src_give(const ControlStream& cbs, int control, const src_item& item);
 // number modulo the order's `rifreq` is `wanted`.
 bool src_restart_due(ftx_entry* ftx, int wanted);
 int send_restartInfo(ftx_entry* ftx, const src_item& item);
-// Reads `size` bytes, fewer only at the file's end. `simulation` names the way in the text of a simulated error.
+// Reads up to `size` bytes, 0 at the file's end. `simulation` names the way in the text of a simulated error.
 // -1 with errno.
 ssize_t src_readFile(ftx_entry* ftx, void* to, size_t size, const char* simulation);
