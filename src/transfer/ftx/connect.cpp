@@ -11,8 +11,8 @@
 #include "base/time.h"
 #include "channels/order_token.h"
 #include "log/log.h"
+#include "transfer/ftx/destination.h"
 #include "transfer/ftx/flow.h"
-#include "transfer/ftx/source.h"
 
 namespace {
 
@@ -100,6 +100,7 @@ void receiver_alone(EX_PCX* pcx, ftx_entry* ftx) {
     if (!ftx->end_answered) {
         __log(number_transfer_connection_closed, "%d|", ftx->ftx_transfer_id);
     }
+    dst_closeUnfinished(ftx);
     ftx_process_shutdown(pcx, ftx);
     FreeFtxEntry(ftx);
 }

@@ -193,6 +193,10 @@ int ftx_process_ftxsend(EX_PCX* pcx, ccm_msg_t* msg, int) {
     if (ftx_is_known(ah_idnr)) {
         return refuse_known(pcx, msg, order);
     }
+    // A connection serves one transfer.
+    if (from_partner && getFtxByPartnerID(msg->addr.src_ID) != nullptr) {
+        return ftx_refuse_partner(pcx, msg, ah_idnr);
+    }
     qx7_error err;
     std::unique_ptr<ftx_entry> entry = CreateFtxEntry(pcx, msg, &err);
     if (from_partner && !entry->has(FTX_FROM_RECEIVER)) {

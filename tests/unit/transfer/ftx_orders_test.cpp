@@ -5,6 +5,7 @@
 
 #include "base/code_tables.h"
 #include "base/message_numbers.h"
+#include "base/time.h"
 #include "ftx_pair.h"
 #include "messages/records_server.h"
 #include "security/string_cipher.h"
@@ -368,6 +369,27 @@ TEST_F(waiting_test, FtxrecvqCountsOnceAndOverItsChannel) {
     EXPECT_EQ(first_sent().as<MSG_TYPE_FTXSENDQ>().msl_no, number_login_required);
     EXPECT_EQ(getFtxByIdnr(4711), nullptr);
     (void)ftx;
+}
+
+TEST_F(waiting_test, APartnerThatDoesNotAnswerIsGivenUp) {
+    for (const int limit : {5, 0}) {  // 0 is a minute
+        pcx->ftx_con_timeout = static_cast<short>(limit);
+        ccm_channel_t* partner = nullptr;
+        ASSERT_EQ(ccm_channel_new_entry(ccm, &partner, nullptr), 0);
+        partner->type = CH_TYPE_AGENT;
+        const int id = partner->ID;
+        ccm_channel_chain(ccm, partner);
+        waiting_sender("FAR", "FAR");
+        ftx_connection_succeeded(pcx, 4711, id);
+        const int seconds = limit == 0 ? 60 : limit;
+        alarm_clock_advance(seconds - 1);
+        ftx_check_waiting_orders(pcx);
+        EXPECT_EQ(ccm_channel_existbyID(ccm, id), 1);
+        alarm_clock_advance(2);
+        ftx_check_waiting_orders(pcx);
+        EXPECT_EQ(ccm_channel_existbyID(ccm, id), 0);
+        ftx_entries().clear();
+    }
 }
 
 TEST_F(waiting_test, ACancelTakesTheOrderBack) {
