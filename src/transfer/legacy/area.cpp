@@ -5,6 +5,7 @@
 #include "base/context.h"
 #include "base/error_text.h"
 #include "base/message_numbers.h"
+#include "base/text.h"
 #include "log/log.h"
 #include "transfer/legacy/destination.h"
 #include "transfer/legacy/directory.h"
@@ -81,7 +82,7 @@ void Delete_FtArea(FT_AREA* area) {
 int ft_fail(FT_AREA* area, int number, std::string_view insert) {
     if (area->Result == 0) {
         area->Result = number;
-        area->ft_Insert = insert.substr(0, qx_insert_size - 1);
+        area->ft_Insert = printable(insert.substr(0, qx_insert_size - 1));
     }
     return -1;
 }

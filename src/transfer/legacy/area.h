@@ -21,10 +21,10 @@
 struct EX_PCX;
 
 inline constexpr char ft_module[] = "QXFTEX";
-inline constexpr time_t ft_idle_limit = 1800;  // seconds without a word of the receiver
+inline constexpr time_t ft_idle_limit = 1800;      // seconds without a word of the receiver
 inline constexpr time_t ft_connection_idle = 300;  // seconds that a connection stays without a transfer
-inline constexpr size_t ft_areas_max = 1000;   // of all partners together
-inline constexpr size_t ft_line_max = 31744;   // bytes of a text record
+inline constexpr size_t ft_areas_max = 1000;       // of all partners together
+inline constexpr size_t ft_line_max = 31744;       // bytes of a text record
 
 // What the last message to the partner awaits.
 enum ft_send_item : char {

@@ -165,6 +165,10 @@ int process_ft_cancel(EX_PCX* pcx, ccm_msg_t* msg, int) {
         __log(number_cancel_unknown, "%s", insert.c_str());
         return send_quitt_reply(pcx, msg, number_cancel_unknown, insert.c_str(), "NK", nullptr, 0);
     }
+    if (area->send_item == FT_AWAITS_END) {
+        __log(number_cancel_too_late, "%s", insert.c_str());
+        return send_quitt_reply(pcx, msg, number_cancel_too_late, insert.c_str(), "NK", nullptr, 0);
+    }
     area->status = FT_CANCELLED;
     return send_quitt_reply(pcx, msg, number_cancel_begun, insert.c_str(), "OK", nullptr, 0);
 }
@@ -180,6 +184,9 @@ int process_ft_chk(EX_PCX* pcx, ccm_msg_t*, int) {
 }
 
 void process_ft_stop(EX_PCX*, int channel) {
+    if (channel == 0) {
+        return;
+    }
     for (FT_AREA* area : areas_of(channel)) {
         const std::string insert = printable(area->peer_name) + "|";
         __log(number_legacy_partner_lost, "%s", insert.c_str());

@@ -2,8 +2,6 @@
 // before; the last is empty.
 #include "transfer/legacy/directory.h"
 
-#include <fcntl.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -12,7 +10,6 @@
 #include <vector>
 
 #include "base/context.h"
-#include "base/descriptor.h"
 #include "base/error_text.h"
 #include "base/folder_walk.h"
 #include "base/message_numbers.h"
@@ -22,6 +19,7 @@
 #include "channels/outgoing.h"
 #include "channels/replies.h"
 #include "identity/switch_user.h"
+#include "identity/user_files.h"
 #include "log/log.h"
 #include "log/trace.h"
 #include "messages/records_transfer.h"
@@ -84,16 +82,16 @@ int FT_FileName(_My_Area* area, const std::string& name, const walk_entry& entry
 }
 
 int walk(FT_AH_idnr* list, const std::string& path, bool subfolders, qx7_error* error) {
-    const std::string folder(path_folder_name(path));
-    const qx_descriptor place(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!place.valid()) {
+    const std::string folder = folder_of(path);
+    file_way way;
+    if (walk_way((folder + "*").c_str(), &way) != 0) {
         return file_error(error, "fileExists", folder, errno);
     }
     _My_Area area;
     copy_text(area.my_id, "%MY_AREA_FTDIR%");
     area.my_struct = list;
-    area.folder = place.get();
-    area.path = folder == "/" ? folder : folder + "/";
+    area.folder = way.dir.get();
+    area.path = folder;
     const std::string_view mask = path_file_name(path);
     area.mask = mask.empty() ? "*" : mask;
     area.recursion = subfolders;
@@ -144,6 +142,9 @@ int create_and_send_ft_file_message(EX_PCX* pcx, FT_AH_idnr* list) {
         message.put_terminated(path_file_name(list->names[i]));
     }
     list->ended = list->told == first;
+    if (list->ended) {
+        list->names = {};
+    }
     list->last_use = alarm_now();
     ccm_msg_t* msg = message_of(pcx->ccm, message);
     if (msg == nullptr) {

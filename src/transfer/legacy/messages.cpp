@@ -96,8 +96,11 @@ void set_letter(ccm_msg_t* msg, size_t offset, char letter) {
 
 }  // namespace
 
+// After a failure what is told may not fit what was written, so that the data of the last good answer count.
 std::string Ft_CreateDistLen(const FT_AREA* area) {
-    if (area->flagResume == FT_NO_RESUME || area->version < version_with_restart) {
+    const bool sound = area->destination ? area->Result == 0 || area->Result == number_legacy_rename_failed
+                                         : area->send_item != FT_AWAITS_NOTHING;
+    if (!sound || area->flagResume == FT_NO_RESUME || area->version < version_with_restart) {
         return {};
     }
     return make_restart_data(own_part(area), area->destination ? "" : area->partner_part);
@@ -130,8 +133,8 @@ int send_ft_end(FT_AREA* area, int number, std::string_view insert) {
     end->cRecDelim = area->source.last_line_open ? FT_NO_DELIMITER : FT_WITH_DELIMITER;
     end->i4retcode = number;
     put_text(end->crettext, insert);
-    end.add(MSG_TYPE_FT_END::stp, Ft_CreateDistLen(area));
     area->send_item = FT_AWAITS_END;
+    end.add(MSG_TYPE_FT_END::stp, Ft_CreateDistLen(area));
     return send_to_partner(area, message_of(area->pcx->ccm, in_version(end, spoken_version(area))));
 }
 

@@ -195,8 +195,12 @@ int start_where_wanted(FT_AREA* area, const MSG_TYPE_FT_QUIT& quit, const DATA_F
     if (!resume) {
         return 0;
     }
-    return area->flagResume == FT_DO_RESUME ? source_start(area, stp.transferred, stp.records)
-                                            : source_start(area, 0, 0);
+    if (area->flagResume != FT_DO_RESUME) {
+        return source_start(area, 0, 0);
+    }
+    // Without a word where the receiver stands the two would not meet.
+    return stp.file_name.empty() ? ft_fail(area, number_legacy_restart_refused, "")
+                                 : source_start(area, stp.transferred, stp.records);
 }
 
 void Ft_Quitm_FtRecv(FT_AREA* area, const MSG_TYPE_FT_QUIT& quit, const DATA_FT_STP& stp,

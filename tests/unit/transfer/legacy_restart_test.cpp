@@ -101,6 +101,33 @@ TEST_F(legacy_restart, begins_anew_where_it_cannot_go_on) {
     }
 }
 
+// What a failed block has changed in the receiver's figures is not what stands in its file.
+TEST_F(legacy_restart, goes_on_after_a_block_that_failed) {
+    const std::string content = some_bytes(300000);
+    write_text(source, content);
+    order.compress = FT_PACKED;
+    start(order);
+    while (blocks < 3 && step()) {
+    }
+    take_sent();
+    while (line.front().type() != "FT_DATA ") {
+        ASSERT_TRUE(step());
+    }
+    // Good at its begin.
+    std::fill(line.front().body.begin() + 20000, line.front().body.end(), static_cast<unsigned char>(0xff));
+    run();
+    ASSERT_NE(end().msgnr, 0);
+    go_on();
+    EXPECT_EQ(end().msgnr, 0) << end().msg_insert;
+    EXPECT_FALSE(logged(11445));
+    EXPECT_TRUE(read_text(destination) == content);
+    // An order that comes to nothing leaves the data as they were.
+    order.source = folder / "none";
+    transfer(order);
+    EXPECT_EQ(end().msgnr, 2003041);
+    EXPECT_EQ(restart_data(), "");
+}
+
 TEST_F(legacy_restart, what_existed_before_is_not_lost_to_it) {
     write_text(source, some_bytes(200000));
     write_text(destination, "old");

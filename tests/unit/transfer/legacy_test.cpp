@@ -31,6 +31,7 @@ TEST_F(legacy_transfer, every_byte_of_a_binary_file_arrives) {
             order.id = ++id;
             order.compress = compress;
             order.overwrite = FT_REPLACE;
+            order.version = 1 + id % 2;
             transfer(order);
             ASSERT_EQ(end().msgnr, 0) << size << compress << end().msg_insert;
             ASSERT_TRUE(read_text(destination) == content) << size << compress;
@@ -312,10 +313,10 @@ TEST_F(legacy_transfer, a_silent_partner_is_given_up) {
     start(order_of());
     ASSERT_TRUE(step());
     take_sent();
-    alarm_clock_advance(ft_idle_limit - 1);
+    alarm_clock_advance(ft_idle_limit - 60);
     process_ft_chk(pcx, nullptr, 0);
     EXPECT_FALSE(logged(11415));
-    alarm_clock_advance(1);
+    alarm_clock_advance(60);
     process_ft_chk(pcx, nullptr, 0);
     EXPECT_TRUE(logged(11415));
     take_sent();
