@@ -516,4 +516,18 @@ TEST_F(resource_test, other_messages_are_not_taken) {
     EXPECT_TRUE(logged(2000245));
 }
 
+TEST(resource_list, jobs_of_two_clients_may_have_one_number) {
+    std::vector<key_entry> entries = {{1, 7, 100}, {2, 7, 200}};
+    EXPECT_TRUE(RemoveEntryFromList(&entries, 7, 200));
+    ASSERT_EQ(entries.size(), 1u);
+    EXPECT_EQ(entries[0].client, 100);
+    resource_list items(1);
+    items.front().object_name = "FILES";
+    items.front().resource_name = "own";
+    items.front().ah_idnr = 7;
+    items.front().client = 100;
+    EXPECT_EQ(FindResourceInList(&items, "FILES", "own", 200, 7), nullptr);
+    EXPECT_EQ(FindResourceInList(&items, "FILES", "own", 100, 7), &items.front());
+}
+
 }  // namespace

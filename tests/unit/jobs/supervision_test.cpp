@@ -74,7 +74,8 @@ TEST_F(job_test, a_report_of_the_messenger_moves_the_state_only_while_the_end_is
 
     job_table_set_pid(job, 4000000);
     process_job_sigchild(pcx, 4000000, 0, 0);
-    sent();
+    const auto start = first_sent().as<MSG_TYPE_EXSTAJ>().startzeit;
+    EXPECT_EQ(start.mo * 100 + start.tt, 304) << "as the messenger told it";
     EXPECT_EQ(tell(meld(1, 'R', 0)), -1) << "its end was told";
     EXPECT_EQ(job->JP_status, 'A');
     EXPECT_EQ(job->retCode, 4);

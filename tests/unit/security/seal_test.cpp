@@ -285,4 +285,28 @@ TEST_F(seal_test, contexts_that_do_not_stand_seal_nothing) {
     EXPECT_EQ(GSS_S_NO_CONTEXT, gss_wrap_ex(nullptr, nullptr, 1, 3, counting(3), room, &written));
 }
 
+TEST_F(seal_test, the_calls_with_buffers_report_gaps) {
+    handshake pair(transfer, GSS_C_SEQUENCE_FLAG);
+    pair.establish();
+    auto pass = [&](bool deliver) -> OM_uint32 {
+        bytes plain = counting(77);
+        gss_buffer_desc input{plain.size(), plain.data()}, sealed, opened;
+        int conf = 0;
+        EXPECT_EQ(GSS_S_COMPLETE, gss_wrap(nullptr, pair.initiator, 1, 2, &input, &conf, &sealed));
+        EXPECT_EQ(1, conf);
+        OM_uint32 major = 0;
+        if (deliver) {
+            gss_qop_t qop = 0;
+            major = gss_unwrap(nullptr, pair.acceptor, &sealed, &opened, &conf, &qop);
+            EXPECT_EQ(2u, qop);
+            EXPECT_EQ(plain, take(&opened));
+        }
+        gss_release_buffer(nullptr, &sealed);
+        return major;
+    };
+    EXPECT_EQ(0u, pass(true));
+    pass(false);
+    EXPECT_EQ(static_cast<OM_uint32>(GSS_S_UNSEQ_TOKEN), pass(true));
+}
+
 }  // namespace
