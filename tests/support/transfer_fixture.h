@@ -4,10 +4,47 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <map>
 #include <string>
 
 #include "qxcp/agents/transfers.h"
 #include "server_fixture.h"
+
+namespace fs = std::filesystem;
+
+// Bytes that no compressor makes much of.
+inline std::string pattern(size_t size, uint32_t seed = 1) {
+    std::string text(size, '\0');
+    for (char& c : text) {
+        seed = seed * 1664525 + 1013904223;
+        c = static_cast<char>(seed >> 24);
+    }
+    return text;
+}
+
+// The worker of an agent, -1 without one.
+inline pid_t worker_of(const installation& agent, int run) {
+    const std::string end = "-" + std::to_string(run);
+    for (const auto& entry : fs::directory_iterator("/proc")) {
+        const pid_t pid = static_cast<pid_t>(std::atoi(entry.path().filename().c_str()));
+        std::ifstream stat(entry.path() / "stat");
+        std::string text;
+        if (pid <= 0 || !std::getline(stat, text)) {
+            continue;
+        }
+        // "pid (name) state parent …"
+        const size_t behind = text.rfind(')');
+        const bool child = std::atoi(text.c_str() + std::min(behind + 4, text.size())) == agent.agent.pid;
+        const std::string title = read_file(entry.path().string() + "/cmdline").c_str();
+        if (child && title.starts_with("ft-") && title.ends_with(end)) {
+            return pid;
+        }
+    }
+    return -1;
+}
 
 struct transfer_test : server_test {
     installation first{"FIRST", port()};
@@ -75,5 +112,25 @@ struct transfer_test : server_test {
             }
         }
         return false;
+    }
+    // All files below a folder with their content, folders with a '/' behind them.
+    std::map<std::string, std::string> content(const std::string& folder) const {
+        std::map<std::string, std::string> all;
+        for (const auto& entry : fs::recursive_directory_iterator(from(folder))) {
+            const std::string name = fs::relative(entry.path(), from(folder));
+            all[entry.is_directory() ? name + "/" : name] =
+                entry.is_directory() ? "" : read_file(entry.path());
+        }
+        return all;
+    }
+    size_t leftovers() const {
+        size_t count = 0;
+        for (const auto& entry : fs::recursive_directory_iterator(from("to"))) {
+            count += entry.path().extension() == ".tmp" ? 1 : 0;
+        }
+        return count;
+    }
+    bool workers_end(int run) {
+        return wait(20000, [&] { return worker_of(first, run) < 0 && worker_of(second, run) < 0; });
     }
 };

@@ -217,7 +217,7 @@ void cp_take_names(cp_server& server, cp_agent& agent, message_view view, const 
         const std::string path{cursor_text(&cursor, sizeof(MSG_TYPE_FT_FILEG::path))};
         const std::string name{cursor_text(&cursor, sizeof(MSG_TYPE_FT_FILEG::filename))};
         if (!cursor.failed) {
-            found->second.names += path + name + '\n';
+            found->second.names += path + (path.ends_with('/') ? "" : "/") + name + '\n';
         }
     }
     if (message.fileanz == 0) {

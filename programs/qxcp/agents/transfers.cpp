@@ -310,6 +310,10 @@ bool cp_cancel_transfer(cp_server* server, int run, std::string& error) {
         order.ah_idnr = run;
         cp_send(server, *agent, module_transfers, order);
     }
+    if (transfer->cancel_ordered && !transfer->legacy) {
+        // An order for what is unknown gets no answer, a question does.
+        ask_agent(*server, *agent, *transfer, at_destination ? unknown_to_destination : unknown_to_source);
+    }
     transfer->cancel_ordered = true;
     cp_emit(*server, "transfer", agent->link.agent, run, fmt::format("transfer {} is being cancelled", run));
     cp_transfer_changed(*server, *transfer);

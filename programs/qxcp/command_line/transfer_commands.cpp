@@ -96,8 +96,10 @@ command_action add_transfer(CLI::App* command, cp_console_options& console) {
     command->footer("Exit code: 0 all is over, 3 ended with errors, 4 cancelled, 5 refused or lost.");
     add_common_options(command, console);
     const CLI::Option* user = command->get_option("--destination-user");
+    const CLI::Option* wildcard = command->get_option("--wildcard");
     return [=, &console] {
         transfer->restarts = restart->count() != 0;
+        transfer->wildcard = wildcard->count() == 0 ? -1 : transfer->wildcard;
         if (user->count() == 0) {
             transfer->destination_user = transfer->source_user;
             transfer->destination_password_file = transfer->destination_password_file.empty()

@@ -166,7 +166,9 @@ struct progress_view {
         bar.files_total = static_cast<int>(number(transfer, "files_total") + number(transfer, "dirs_total"));
         progress_take(bar, {now_seconds(), number(transfer, "sent_size")});
         const bool due = now_seconds() - last_line >= line_interval;
-        if (state != last_state || (!bar_fits && due)) {
+        // An end is told with the report, when that has come.
+        const bool under_way = state == "ordered" || state == "running";
+        if (under_way && (state != last_state || (!bar_fits && due))) {
             wipe();
             fmt::print("{}\n", summary(transfer));
             std::fflush(stdout);
