@@ -264,9 +264,7 @@ int process_executor_data(EX_PCX* pcx, ccm_msg_t* msg) {
     const int id = msg->addr.src_ID;
     const card_content card = read_card(msg);
     if (!ccm_name_acceptable(card.name.data(), card.name.size())) {
-        __log(-1, "partner %s sends a card with the name '%s', which no agent may have", msg->addr.src_addr,
-              printable(card.name).c_str());
-        ccm_channel_deletebyID(pcx->ccm, id);
+        ccm_channel_failbyID(pcx->ccm, id, number_wrong_agent, "%s||", printable(card.name).c_str());
         return -1;
     }
     ccm_channel_t* channel = ccm_channel_getbyID(pcx->ccm, id);
@@ -331,8 +329,8 @@ int process_executor_data(EX_PCX* pcx, ccm_msg_t* msg) {
 int process_executor_data_listener(EX_PCX* pcx, ccm_msg_t* msg) {
     const card_content card = read_card(msg);
     if (!ccm_name_acceptable(card.name.data(), card.name.size())) {
-        __log(-1, "a card with the name '%s', which no agent may have", printable(card.name).c_str());
-        ccm_channel_deletebyID(pcx->ccm, msg->addr.src_ID);
+        ccm_channel_failbyID(pcx->ccm, msg->addr.src_ID, number_wrong_agent, "%s||",
+                             printable(card.name).c_str());
         return -1;
     }
     ccm_channel_t* channel = ccm_channel_getbyID(pcx->ccm, msg->addr.src_ID);

@@ -250,7 +250,8 @@ void ccm_user_context_free(ccm_connect_user_context_t* context) {
 }
 
 bool ccm_name_acceptable(const char* name, size_t length) {
-    if (length == 0 || name[0] == '*') {
+    constexpr size_t longest = 32;
+    if (length == 0 || length > longest || name[0] == '*') {
         return false;
     }
     for (size_t i = 0; i < length; ++i) {

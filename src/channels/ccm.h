@@ -341,5 +341,5 @@ int ccm_is_all_sendq_empty(ccm_context_t* ccm);
 bool ccm_holds_spin_lock();
 void ccm_assert_no_spin_lock();
 
-// A name from the wire that may become a channel's: not empty, not "*...", only bytes from 33 to 126.
+// A name from the wire that may become a channel's: 1 to 32 bytes, not "*...", only bytes from 33 to 126.
 bool ccm_name_acceptable(const char* name, size_t length);

@@ -47,6 +47,7 @@ constexpr number_range listener_numbers[] = {
     only(number_write_failed),
     {number_read_failed, number_connection_closed},
     only(number_system_call),
+    only(number_wrong_agent),
     only(number_cannot_continue),
     only(number_process_runs),
     {number_socket_handed, number_socket_refused},
@@ -394,6 +395,9 @@ int process_ipc_passfd(EX_PCX* pcx, ccm_msg_t* msg, int) {
         peer_text(fd, address);
     }
     const adoption result = usable ? adopt(pcx, ccm, record, fd, address, proved) : adoption_unexpected;
+    if (fd >= 0 && !named) {
+        __log(number_wrong_agent, "%s||", printable(name).c_str());
+    }
     if (result == adoption_wrong_name) {
         __log(number_wrong_agent, "%s|%s|", std::string(name).c_str(), printable(proved).c_str());
     }

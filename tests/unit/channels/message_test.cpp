@@ -240,7 +240,8 @@ TEST_F(ccm_test, lookups_hold_the_lock_only_on_success_and_skip_what_is_deleted)
 }
 
 TEST_F(ccm_test, names_from_the_wire) {
-    for (const char* bad : {"", "*SERVER", "*", "a b", "a\nb", "caf\xc3\xa9"}) {
+    const std::string long_name(33, 'N');
+    for (const char* bad : {"", "*SERVER", "*", "a b", "a\nb", "caf\xc3\xa9", long_name.c_str()}) {
         EXPECT_FALSE(ccm_name_acceptable(bad, strlen(bad))) << bad;
     }
     EXPECT_TRUE(ccm_name_acceptable("CP#001", 6));
