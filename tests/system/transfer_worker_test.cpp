@@ -51,15 +51,21 @@ struct transfer_workers : transfer_test {
     // A transfer whose receiver stands still, so that it is met on its way.
     int begin(const std::string& user = "") {
         write_file(from("from/large"), "");
-        EXPECT_EQ(truncate(from("from/large").c_str(), 48 << 20), 0);
+        EXPECT_EQ(truncate(from("from/large").c_str(), 100 << 20), 0);
         cp_transfer wanted = wish("from/large", "to/");
+        wanted.compress = '0';
         wanted.source.user = wanted.destination.user = user;
         const int run = order(wanted);
         EXPECT_TRUE(meet([&] { return target(run) > 0; })) << tale(run);
-        kill(target(run), SIGSTOP);
+        send_signal(target(run), SIGSTOP);
         EXPECT_TRUE(wait(20000, [&] { return source(run) > 0; })) << tale(run);
         EXPECT_FALSE(cp_transfer_is_over(transfer(run).state)) << tale(run);
         return run;
+    }
+    // Never to 0 or below, which are many processes.
+    static void send_signal(pid_t pid, int number) {
+        ASSERT_GT(pid, 0);
+        EXPECT_EQ(kill(pid, number), 0);
     }
     bool ended(pid_t pid) {
         return wait(15000, [&] {
@@ -87,7 +93,7 @@ TEST_F(transfer_workers, are_the_users_and_hold_nothing_of_the_agent) {
         }
         EXPECT_EQ(sockets, 2) << "the partner and the agent";
     }
-    kill(target(run), SIGCONT);
+    send_signal(target(run), SIGCONT);
     ASSERT_TRUE(wait_over(run, 60000)) << tale(run);
     EXPECT_EQ(state(run), "finished") << tale(run);
 }
@@ -97,8 +103,8 @@ TEST_F(transfer_workers, are_replaced_by_one_that_answers_when_a_sender_is_kille
     const int run = begin();
     const pid_t lost = source(run);
     const pid_t partner = target(run);
-    kill(lost, SIGKILL);
-    kill(partner, SIGCONT);
+    send_signal(lost, SIGKILL);
+    send_signal(partner, SIGCONT);
     ASSERT_TRUE(wait_over(run)) << tale(run);
     EXPECT_EQ(state(run), "failed") << tale(run);
     EXPECT_TRUE(first.log_has("U00063083")) << tale(run);
@@ -113,7 +119,7 @@ TEST_F(transfer_workers, end_with_their_agent) {
     const pid_t worker = source(run);
     first.agent.kill_now();
     EXPECT_TRUE(ended(worker)) << tale(run);
-    kill(target(run), SIGCONT);
+    send_signal(target(run), SIGCONT);
     EXPECT_TRUE(wait(15000, [&] { return target(run) < 0; })) << tale(run);
 }
 
@@ -123,7 +129,7 @@ TEST_F(transfer_workers, are_waited_for_when_the_operator_wants_it) {
     const int run = begin();
     first.agent.signal(SIGTERM);
     EXPECT_TRUE(wait(5000, [&] { return first.log_has("the shutdown waits"); })) << tale(run);
-    kill(target(run), SIGCONT);
+    send_signal(target(run), SIGCONT);
     ASSERT_TRUE(wait_over(run, 60000)) << tale(run);
     EXPECT_EQ(state(run), "finished") << tale(run);
     EXPECT_TRUE(wait(20000, [&] { return !first.agent.running(); })) << tale(run);
