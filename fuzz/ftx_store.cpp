@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fstream>
 
+#include "agent_side.h"
 #include "input.h"
 #include "transfer/ftx/entry.h"
 #include "transfer/ftx/protocol.h"

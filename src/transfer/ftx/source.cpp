@@ -17,6 +17,7 @@
 #include "transfer/ftx/files.h"
 #include "transfer/ftx/folders.h"
 #include "transfer/ftx/module.h"
+#include "transfer/ftx/protocol.h"
 #include "transfer/ftx/restart.h"
 #include "transfer/ftx/source_read.h"
 
@@ -91,6 +92,7 @@ int send_restartInfo(ftx_entry* ftx, const src_item& item) {
 }
 
 ssize_t src_readFile(ftx_entry* ftx, void* to, size_t size, const char* simulation) {
+    ftx_tell_status_when_due(ftx);  // what packs well is read for long before a block is full
     if (ftx_simulated(ftx->simulate_readerror)) {
         __PutLogText("FT '%d': simulate READ/%s error", ftx->ftx_transfer_id, simulation);
         errno = EIO;

@@ -141,7 +141,9 @@ int ftx_send_ftxsta(EX_PCX* pcx, ftx_entry* ftx) {
 }
 
 void ftx_tell_status_when_due(ftx_entry* ftx) {
-    check_status(ftx->pcx, ftx);
+    if (ftx->ftx_sta_timeStamp != 0) {
+        check_status(ftx->pcx, ftx);
+    }
 }
 
 void ftx_periodical_status_check(EX_PCX* pcx) {
