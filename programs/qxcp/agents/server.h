@@ -32,7 +32,7 @@ struct cp_options {
     int block_size = 32000;
     int transfer_status = 1;   // figures of a running transfer
     int transfer_report = 5;   // lines of its report
-    int transfer_restart = 5;  // points in a file from which a restart goes on
+    int transfer_restart = 1;  // points in a file from which a restart goes on
     int command_limit = 180;
     int log_megabytes = 0;  // of an agent's log file, then it begins a new one; 0: any
     bool log_to_server = true;
