@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,13 @@ struct console : ::testing::Test {
         ASSERT_TRUE(wait_until(10000, [&] {
             return server.output().find("listens on") != std::string::npos;
         })) << server.output();
+    }
+    // Starts the agent and waits for its logon; throws what happened instead.
+    void log_on(installation& host) {
+        host.start();
+        if (!agent_is_on(host.ini["GLOBAL"]["name"])) {
+            throw std::runtime_error("no logon\n" + output + host.log() + server.output());
+        }
     }
     int qxcp(std::vector<std::string> arguments, bool with_data = true) {
         arguments.insert(arguments.begin(), QX_SERVER_PROGRAM);

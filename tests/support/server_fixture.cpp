@@ -3,6 +3,8 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include <stdexcept>
+
 server_test::server_test() {
     options.system = "TESTSYS";
     options.folder = server_folder.path + "/cp";
@@ -23,6 +25,13 @@ void server_test::open_server() {
 
 bool server_test::wait_logon(const std::string& agent, int timeout_ms) {
     return wait(timeout_ms, [&] { return cp_find_agent(server.get(), agent) != nullptr; });
+}
+
+void server_test::log_on(installation& host) {
+    host.start();
+    if (!wait_logon(host.ini["GLOBAL"]["name"])) {
+        throw std::runtime_error("no logon\n" + story() + host.agent.output() + host.log());
+    }
 }
 
 int server_test::submit(const std::string& script, const std::string& agent, const std::string& user,

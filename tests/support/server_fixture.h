@@ -26,6 +26,8 @@ struct server_test : ::testing::Test {
         return cp_server_run_until(server.get(), timeout_ms, done);
     }
     bool wait_logon(const std::string& agent, int timeout_ms = 20000);
+    // Starts the agent and waits for its logon; throws what happened instead.
+    void log_on(installation& host);
     int submit(const std::string& script, const std::string& agent = "", const std::string& user = "",
                const std::string& shell = "", bool wrap = true);
     cp_job& job(int run) { return *cp_find_job(server.get(), run); }
@@ -39,4 +41,11 @@ struct server_test : ::testing::Test {
     std::string story() const;
 
     static std::string own_user();
+};
+
+// An agent of that name that is logged on.
+struct started_agent : installation {
+    started_agent(server_test& test, const std::string& name) : installation(name, test.port()) {
+        test.log_on(*this);
+    }
 };

@@ -54,8 +54,7 @@ struct administration : server_test {
 };
 
 TEST_F(administration, tells_what_it_does) {
-    host.start();
-    ASSERT_TRUE(wait_logon("ADMIN")) << host.log();
+    log_on(host);
     ASSERT_TRUE(cp_query(server.get(), "ADMIN", keep()) && wait_answer());
     auto info = view_record<MSG_TYPE_EXINFO>(view_message(last.data.data(), last.data.size()));
     EXPECT_EQ(last.data.size(), 1228u);
@@ -77,8 +76,7 @@ TEST_F(administration, tells_what_it_does) {
 
 TEST_F(administration, sets_the_trace_of_all_its_processes) {
     host.ini["TRACE"]["file"] = "../temp/QXXJxxx.t##";
-    host.start();
-    ASSERT_TRUE(wait_logon("ADMIN")) << host.log();
+    log_on(host);
     ASSERT_TRUE(wait(10000, [&] { return call_listener(host); })) << "the listener is there";
     EXPECT_EQ(trace(), std::string(16, '0'));
     EXPECT_EQ(last.data, std::string(last.data.c_str()) +
@@ -131,8 +129,7 @@ TEST_F(administration, changes_the_log_and_loses_no_line) {
     close_server();
     open_server();
     host.ini["GLOBAL"]["allow_agentshell"] = "yes";
-    host.start();
-    ASSERT_TRUE(wait_logon("ADMIN")) << host.log();
+    log_on(host);
     const auto some_jobs = [&] {
         for (int i = 0; i < 5; ++i) {
             ASSERT_TRUE(wait_done(submit("exit 0\n"))) << story();
@@ -168,11 +165,8 @@ TEST_F(administration, changes_the_log_and_loses_no_line) {
 }
 
 TEST_F(administration, presents_itself_to_another_agent) {
-    host.start();
-    ASSERT_TRUE(wait_logon("ADMIN")) << host.log();
-    installation other("OTHER", port());
-    other.start();
-    ASSERT_TRUE(wait_logon("OTHER")) << other.log();
+    log_on(host);
+    started_agent other(*this, "OTHER");
     std::string token;
     std::string error;
     ASSERT_TRUE(cp_delegation_token(server.get(), "ADMIN", "OTHER", token, error)) << error;
@@ -198,8 +192,7 @@ TEST_F(administration, presents_itself_to_another_agent) {
 }
 
 TEST_F(administration, answers_each_failure_of_a_connection_to_another_agent) {
-    host.start();
-    ASSERT_TRUE(wait_logon("ADMIN")) << host.log();
+    log_on(host);
     struct failing {
         const char* what;
         std::string name, address;
@@ -226,8 +219,7 @@ TEST_F(administration, is_driven_from_the_console) {
     close_server();
     options.control = true;
     open_server();
-    host.start();
-    ASSERT_TRUE(wait_logon("ADMIN")) << host.log();
+    log_on(host);
     const auto run = [&](std::vector<std::string> arguments, std::string& output) {
         child_process console;
         arguments.insert(arguments.begin(), QX_SERVER_PROGRAM);

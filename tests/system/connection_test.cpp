@@ -95,25 +95,8 @@ TEST_F(connection, passes_over_a_server_of_another_system_and_one_that_refuses) 
         << host.log();
 }
 
-TEST_F(connection, returns_after_the_server_was_gone) {
-    installation host("RETURNER", port());
-    host.start();
-    ASSERT_TRUE(wait_logon("RETURNER")) << host.log();
-    const int run = submit("sleep 2; exit 5");
-    ASSERT_TRUE(wait_state(run, cp_job_state::running)) << story();
-    close_server();
-    ASSERT_TRUE(wait_until(10000, [&] { return host.log_has("U02000355"); })) << host.log();
-    open_server();
-    ASSERT_TRUE(wait_done(run, 30000)) << story() << host.log();
-    EXPECT_EQ(job(run).return_code, 5);
-    EXPECT_EQ(count_events("end", run), 1);
-    EXPECT_EQ(cp_find_agent(server.get(), "RETURNER")->start_type, 'W');
-}
-
 TEST_F(connection, explains_why_the_server_left_when_it_lost_the_agents_key) {
-    installation host("FORGOT", port());
-    host.start();
-    ASSERT_TRUE(wait_logon("FORGOT")) << story() << host.log();
+    started_agent host(*this, "FORGOT");
     EXPECT_TRUE(host.log_has("a transfer key was agreed; its fingerprint is ")) << host.log();
     ASSERT_TRUE(host.stop());
     close_server();
@@ -128,9 +111,7 @@ TEST_F(connection, explains_why_the_server_left_when_it_lost_the_agents_key) {
 }
 
 TEST_F(connection, starts_a_new_listener_when_it_dies) {
-    installation host("LISTENED", port());
-    host.start();
-    ASSERT_TRUE(wait_logon("LISTENED")) << host.log();
+    started_agent host(*this, "LISTENED");
     const pid_t first = host.listener_pid();
     ASSERT_GT(first, 1);
     // A newer program under the name of the running one changes nothing for the agent that runs.
@@ -170,9 +151,7 @@ TEST_F(connection, waits_for_a_port_that_is_about_to_become_free) {
 }
 
 TEST_F(connection, lets_jobs_report_while_idle_callers_hold_connections) {
-    installation host("CROWDED", port());
-    host.start();
-    ASSERT_TRUE(wait_logon("CROWDED")) << host.log();
+    started_agent host(*this, "CROWDED");
     std::vector<int> idle;
     for (int i = 0; i < 100; ++i) {
         idle.push_back(connect_to_loopback(host.listener_port));
@@ -209,9 +188,7 @@ bool send_and_see_end(int port, const void* bytes, size_t length) {
 }
 
 TEST_F(connection, outlives_strangers_at_its_listener) {
-    installation host("BESIEGED", port());
-    host.start();
-    ASSERT_TRUE(wait_logon("BESIEGED")) << host.log();
+    started_agent host(*this, "BESIEGED");
 
     executor_data card{};
     memset(&card, ' ', sizeof card);
@@ -258,52 +235,6 @@ TEST_F(connection, outlives_strangers_at_its_listener) {
     for (int fd : held) {
         close(fd);
     }
-}
-
-TEST_F(connection, ends_a_connection_whose_seal_is_broken_and_comes_back) {
-    installation host("SEALED", port());
-    host.start();
-    ASSERT_TRUE(wait_logon("SEALED")) << host.log();
-    for (size_t at : {size_t{0}, size_t{20}, size_t{23}, size_t{49}, size_t{60}, size_t{90}, size_t{140}}) {
-        cp_agent* agent = cp_find_agent(server.get(), "SEALED");
-        ASSERT_NE(agent, nullptr);
-        const int id = agent->id;
-        char order[20] = {};
-        memcpy(order, "JOB_DEL 01", 10);
-        order[16] = 1;
-        const size_t begin = agent->link.out.size();
-        ASSERT_TRUE(
-            cp_send(server.get(), *agent, "JPAKTJ_R", built_message(std::string_view{order, sizeof order})));
-        ASSERT_GT(agent->link.out.size(), begin + at);
-        agent->link.out[begin + at] = static_cast<char>(agent->link.out[begin + at] ^ 0x55);
-        ASSERT_TRUE(wait(30000,
-                         [&] {
-                             cp_agent* now = cp_find_agent(server.get(), "SEALED");
-                             return now != nullptr && now->id != id;
-                         }))
-            << "byte " << at << "\n"
-            << story() << host.log();
-    }
-    EXPECT_TRUE(host.agent.running());
-}
-
-TEST_F(connection, keeps_the_line_when_a_message_cannot_be_converted) {
-    installation host("CONVERTER", port());
-    host.start();
-    ASSERT_TRUE(wait_logon("CONVERTER")) << host.log();
-    cp_agent* agent = cp_find_agent(server.get(), "CONVERTER");
-    const int id = agent->id;
-    char unknown[64] = {};
-    memcpy(unknown, "NOSUCHMS01", 10);
-    ASSERT_TRUE(
-        cp_send(server.get(), *agent, "JPAKTJ_R", built_message(std::string_view{unknown, sizeof unknown})));
-    ASSERT_TRUE(cp_send(server.get(), *agent, "JPAKTJ_R", built_message(std::string_view{unknown, 5})));
-    ASSERT_TRUE(cp_send(server.get(), *agent, "JPAKTJ_R", built_message(std::string_view{unknown, 0})));
-    ASSERT_TRUE(cp_send(server.get(), *agent, "NOMODULE", built_message(std::string_view{unknown, 0})));
-    const int run = submit("exit 0");
-    EXPECT_TRUE(wait_done(run)) << story() << host.log();
-    ASSERT_NE(cp_find_agent(server.get(), "CONVERTER"), nullptr);
-    EXPECT_EQ(cp_find_agent(server.get(), "CONVERTER")->id, id) << story();
 }
 
 }  // namespace

@@ -1,4 +1,6 @@
 // What the console says of jobs: words instead of numbers, lists, reports, and what is left of a refusal.
+#include <sys/stat.h>
+
 #include <csignal>
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -38,8 +40,7 @@ struct console_jobs : console {
 TEST_F(console_jobs, says_in_words_what_became_of_a_job) {
     serve();
     installation host("WORDS", port);
-    host.start();
-    ASSERT_TRUE(agent_is_on("WORDS")) << output << host.log();
+    log_on(host);
     const std::string path = script("#!/bin/sh\nexit 0\n");
     EXPECT_EQ(qxcp({"run", path, "--user", "nobody-here"}), 125);
     EXPECT_TRUE(says("job 1 refused: User 'nobody-here' is unknown on this host")) << output;
@@ -92,13 +93,11 @@ TEST_F(console_jobs, lists_what_is_asked_for_with_the_newest_last) {
         << waiting.output();
 
     installation first("FIRST", port);
-    first.start();
-    ASSERT_TRUE(agent_is_on("FIRST")) << output << first.log();
+    log_on(first);
     EXPECT_EQ(qxcp({"run", path}), 6) << output;
     EXPECT_EQ(qxcp({"run", path, "--user", "nobody-here"}), 125) << output;
     installation second("SECOND", port);
-    second.start();
-    ASSERT_TRUE(agent_is_on("SECOND")) << output << second.log();
+    log_on(second);
     EXPECT_EQ(qxcp({"run", path}), 1) << "which of them?";
     EXPECT_TRUE(says("FIRST, SECOND with --agent")) << output;
     EXPECT_EQ(qxcp({"run", path, "--agent", "SECOND"}), 6) << output;
@@ -146,8 +145,7 @@ TEST_F(console_jobs, lists_what_is_asked_for_with_the_newest_last) {
 TEST_F(console_jobs, shows_on_a_terminal_how_much_of_a_report_has_come) {
     serve();
     installation host("SLOW", port);
-    host.start();
-    ASSERT_TRUE(agent_is_on("SLOW")) << output << host.log();
+    log_on(host);
     ASSERT_EQ(qxcp({"run", "--plain", script("#!/bin/sh\nseq 100000\n"), "--report", folder.path + "/first"}),
               0)
         << output;
@@ -191,6 +189,42 @@ TEST_F(console_jobs, tells_its_version_and_wrong_numbers_in_a_line) {
         EXPECT_TRUE(says(use.expected)) << output;
         EXPECT_LT(output.size(), 160u) << output;
     }
+}
+
+TEST_F(console_jobs, runs_commands_and_brings_resources_to_jobs) {
+    serve();
+    installation host("CONSCMD", port);
+    log_on(host);
+    EXPECT_EQ(qxcp({"exec", "CONSCMD", "echo hello; exit 7"}), 7);
+    EXPECT_EQ(output.substr(0, 6), "hello\n") << output;
+    EXPECT_EQ(qxcp({"exec", "CONSCMD", "echo hello", "--json"}), 0);
+    EXPECT_TRUE(says("\"output\":\"hello\\n\"")) << output;
+    EXPECT_EQ(qxcp({"exec", "CONSCMD", "printf 'a\\rb\\r\\n\\377\\n'", "--rows", "2"}), 0);
+    EXPECT_EQ(output.substr(0, 7), "a\rb\r\n\xff\n") << output;
+    EXPECT_TRUE(says("--rows")) << "that it may go on: " << output;
+    EXPECT_EQ(qxcp({"exec", "CONSCMD", "sleep 30", "--time-limit", "1"}), 124) << output;
+    EXPECT_EQ(qxcp({"exec", "CONSCMD", "id", "--user", "qxnobodyhere"}), 125) << output;
+    EXPECT_EQ(qxcp({"exec", "NOAGENT", "id"}), 1);
+    EXPECT_TRUE(says("not logged on")) << output;
+    EXPECT_EQ(qxcp({"exec", "CONSCMD"}), 64) << output;
+    const std::string tool = folder.path + "/tool.sh";
+    write_file(tool, "#!/bin/sh\necho tool\n");
+    EXPECT_EQ(qxcp({"resource", "add", tool, "--object", "TOOLS"}), 0) << output;
+    chmod(tool.c_str(), 0400);
+    EXPECT_EQ(qxcp({"resource", "add", tool, "--object", "TOOLS"}), 0) << "a new version: " << output;
+    EXPECT_EQ(qxcp({"resource", "list"}), 0);
+    EXPECT_TRUE(says("tool.sh")) << output;
+    EXPECT_EQ(qxcp({"resource", "add", folder.path + "/none", "--object", "TOOLS"}), 1);
+    EXPECT_EQ(qxcp({"resource", "add", tool, "--object", "TOOLS", "--name", "../x"}), 1) << output;
+    EXPECT_EQ(qxcp({"resource", "add", tool, "--object", "TOOLS", "--name", "./x"}), 1) << output;
+    write_file(folder.path + "/job.sh", "sh $QX_CLIENT_CACHE/tool.sh; sh $QX_TASK_CACHE/tool.sh\n");
+    EXPECT_EQ(qxcp({"run", folder.path + "/job.sh", "--client-resource", "TOOLS/tool.sh", "--task-resource",
+                    "TOOLS/tool.sh"}),
+              0)
+        << output << host.log();
+    EXPECT_TRUE(says("tool\ntool\n")) << output;
+    EXPECT_EQ(qxcp({"run", folder.path + "/job.sh", "--client-resource", "TOOLS/none"}), 1);
+    EXPECT_TRUE(says("qxcp resource add")) << output;
 }
 
 }  // namespace

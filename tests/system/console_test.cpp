@@ -14,8 +14,7 @@ using nlohmann::json;
 TEST_F(console, runs_a_script_and_shows_what_became_of_it) {
     serve();
     installation host("CONSOLE", port);
-    host.start();
-    ASSERT_TRUE(agent_is_on("CONSOLE")) << output << host.log();
+    log_on(host);
 
     const std::string path = script("#!/bin/sh\necho apples\necho pears\necho 'late apples'\nexit 5\n");
     EXPECT_EQ(qxcp({"run", path, "--agent", "CONSOLE"}), 5) << output;
@@ -76,6 +75,7 @@ TEST_F(console, runs_a_script_and_shows_what_became_of_it) {
 
     EXPECT_EQ(qxcp({"stop", "CONSOLE"}), 0) << output;
     EXPECT_TRUE(host.agent.wait_end(20000));
+    EXPECT_EQ(host.agent.exit_code(), 0);
     EXPECT_EQ(qxcp({"stop", "CONSOLE"}), 1);
     EXPECT_TRUE(says("not logged on")) << output;
 }
@@ -83,8 +83,7 @@ TEST_F(console, runs_a_script_and_shows_what_became_of_it) {
 TEST_F(console, cancels_a_job_by_order_and_after_an_interrupt) {
     serve({"--job-check", "1"});
     installation host("CONSOLE", port);
-    host.start();
-    ASSERT_TRUE(agent_is_on("CONSOLE")) << output << host.log();
+    log_on(host);
     const std::string path = script("#!/bin/sh\nsleep 300\n");
 
     child_process first;

@@ -97,6 +97,7 @@ TEST_F(job_survival, loses_no_job_when_the_line_is_cut_at_any_byte) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     cutting_line line(port(), 0, seed);
     installation host("CUTAGENT", line.port);
+    host.ini["TRACE"]["all_trace"] = "4";
     host.start();
     // The key exchange of the first contact is not repeated: a line that breaks between the agent's storing
     // and the server's leaves a key that an operator must remove.
@@ -133,9 +134,7 @@ TEST_F(job_survival, loses_no_job_when_the_line_is_cut_at_any_byte) {
 }
 
 TEST_F(job_survival, repeats_what_was_lost_on_the_way) {
-    installation host("LOSER", port());
-    host.start();
-    ASSERT_TRUE(wait_logon("LOSER")) << story() << host.log();
+    started_agent host(*this, "LOSER");
     // Each job loses another message of its life, and the line with it.
     const char* const lost[] = {"EXAKTJQU", "EXSTAJ", "REP_DATA", "REP_END"};
     for (const char* type : lost) {
@@ -255,8 +254,7 @@ TEST_F(job_survival, tells_by_number_where_it_may_not_write) {
         }
         host.ini["GLOBAL"]["logging"] = "../backup/agent.l##";
         host.ini["TRACE"]["file"] = "../backup/agent.t##";
-        host.start();
-        ASSERT_TRUE(wait_logon("FORBIDDEN")) << story() << host.agent.output();
+        log_on(host);
         if (mounted) {
             ASSERT_EQ(mount("tmpfs", place.c_str(), "tmpfs", MS_REMOUNT | MS_RDONLY, "size=2m"), 0);
         } else {
@@ -293,8 +291,7 @@ TEST_F(job_survival, brings_the_end_of_a_job_that_filled_the_disk) {
     }
     installation host("FILLER", port());
     ASSERT_EQ(mount("tmpfs", host.path("out").c_str(), "tmpfs", 0, "size=256k,mode=1777"), 0);
-    host.start();
-    ASSERT_TRUE(wait_logon("FILLER")) << story() << host.agent.output() << host.log();
+    log_on(host);
     const int run = submit("yes | head -c 1000000\nexit 7\n");
     ASSERT_TRUE(wait_done(run)) << story() << host.log();
     EXPECT_EQ(job(run).state, cp_job_state::ended);
@@ -303,66 +300,6 @@ TEST_F(job_survival, brings_the_end_of_a_job_that_filled_the_disk) {
     EXPECT_EQ(count_events("end", run), 1);
     EXPECT_TRUE(host.stop());
     EXPECT_EQ(umount(host.path("out").c_str()), 0);
-}
-
-TEST_F(job_survival, runs_on_when_shells_go_away) {
-    installation host("SHELLLESS", port());
-    std::filesystem::create_directory(host.path("shells"));
-    std::filesystem::copy_file("/bin/sh", host.path("shells/qxsh"));
-    host.ini["STARTCMD"]["shell_pfad"] = host.path("shells") + ":/bin";
-    host.start();
-    ASSERT_TRUE(wait_logon("SHELLLESS")) << story() << host.agent.output() << host.log();
-    const int first = submit("exit 4\n", "", "", "qxsh", false);
-    ASSERT_TRUE(wait_done(first)) << story();
-    EXPECT_EQ(job(first).state, cp_job_state::ended);
-    std::filesystem::remove(host.path("shells/qxsh"));
-    const int second = submit("exit 4\n", "", "", "qxsh", false);
-    ASSERT_TRUE(wait_done(second)) << story() << host.log();
-    EXPECT_EQ(job(second).return_code, 210) << "the shell was there when it was looked for";
-    EXPECT_NE(report(second).find("execle()"), std::string::npos) << report(second);
-    if (is_root()) {
-        test_user user("qxtest5");
-        std::string output;
-        ASSERT_EQ(run_program({"/usr/sbin/usermod", "-s", "/no/such/qxshell", user.name}, output), 0)
-            << output;
-        const int third = submit("exit 5\n", "", user.name);
-        ASSERT_TRUE(wait_done(third)) << story() << host.log();
-        EXPECT_EQ(job(third).return_code, 5) << "under /bin/sh";
-        EXPECT_TRUE(host.log_has("U02003028")) << host.log();
-    }
-    EXPECT_TRUE(host.stop());
-}
-
-TEST_F(job_survival, gives_a_job_nothing_of_its_own) {
-    installation host("CLEAN", port());
-    host.start();
-    ASSERT_TRUE(wait_logon("CLEAN")) << story() << host.agent.output() << host.log();
-    const int run = submit(
-        "ls /proc/self/fd | tr '\\n' ' '\necho\n"
-        "grep -E '^Sig(Blk|Ign)' /proc/self/status\n"
-        "echo tty $(cut -d' ' -f7 /proc/$$/stat)\n"
-        "echo limit $(ulimit -Sn)\n"
-        "echo group $(cut -d' ' -f5 /proc/$$/stat) leader $PPID $$\n"
-        "env | grep -c '^QX' \n",
-        "", "", "", false);
-    ASSERT_TRUE(wait_done(run)) << story() << host.log();
-    const std::string text = report(run);
-    EXPECT_EQ(text.rfind("0 1 2 3 \n", 0), 0u) << text << "the last one is that of ls";
-    EXPECT_NE(text.find("tty 0\n"), std::string::npos) << text;
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    const std::string wanted = limit.rlim_cur == RLIM_INFINITY ? "unlimited" : std::to_string(limit.rlim_cur);
-    EXPECT_NE(text.find("limit " + wanted + "\n"), std::string::npos) << text;
-    for (const char* name : {"SigBlk:\t", "SigIgn:\t"}) {
-        const size_t at = text.find(name);
-        ASSERT_NE(at, std::string::npos) << text;
-        const unsigned long long set = std::strtoull(text.c_str() + at + 8, nullptr, 16);
-        for (int number : {SIGIO, SIGALRM, SIGINT, SIGUSR1, SIGUSR2, SIGTERM, SIGCHLD, SIGPIPE, SIGILL,
-                           SIGFPE, SIGBUS, SIGSEGV}) {
-            EXPECT_EQ(set >> (number - 1) & 1, 0u) << name << number;
-        }
-    }
-    EXPECT_TRUE(text.ends_with("\n0\n")) << text;
 }
 
 }  // namespace

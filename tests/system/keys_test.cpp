@@ -37,8 +37,7 @@ TEST_F(keys, an_agent_with_an_initial_package_logs_on_without_a_key_exchange) {
     EXPECT_NE(access((folder.path + "/second").c_str(), F_OK), 0);
 
     host.ini["AUTHORIZATION"]["InitialPackage"] = package_path();
-    host.start();
-    ASSERT_TRUE(agent_is_on("PACKED")) << output << host.log() << server.output();
+    log_on(host);
     EXPECT_TRUE(host.log_has("U02000103")) << host.log();
     EXPECT_EQ(server.output().find("first contact"), std::string::npos) << server.output();
     ASSERT_EQ(qxcp({"agents", "--json"}), 0);
@@ -68,8 +67,7 @@ TEST_F(keys, an_own_company_key_travels_in_a_package_for_any_agent) {
     ASSERT_TRUE(wait_until(20000, [&] { return server.output().find("STRANGER") != std::string::npos; }));
     installation host("PACKED", port);
     host.ini["AUTHORIZATION"]["InitialPackage"] = package_path();
-    host.start();
-    ASSERT_TRUE(agent_is_on("PACKED")) << output << host.log() << server.output();
+    log_on(host);
     EXPECT_FALSE(says("STRANGER")) << "the system's name alone is no key any more: " << output;
     EXPECT_NE(event("key").find("agent PACKED, fingerprint "), std::string::npos) << server.output();
 
@@ -83,8 +81,7 @@ TEST_F(keys, an_own_company_key_travels_in_a_package_for_any_agent) {
 TEST_F(keys, a_held_key_is_given_up_only_by_the_operators_word) {
     serve();
     installation host("KEYED", port);
-    host.start();
-    ASSERT_TRUE(agent_is_on("KEYED")) << output << host.log();
+    log_on(host);
     const std::string first = event("key");
     ASSERT_EQ(qxcp({"agents", "--json"}), 0) << output;
     const std::string fingerprint = nlohmann::json::parse(output).value("key", "");
@@ -102,16 +99,13 @@ TEST_F(keys, a_held_key_is_given_up_only_by_the_operators_word) {
     })) << server.output();
     EXPECT_EQ(event("key"), first);
     EXPECT_TRUE(stranger.stop());
-    host.start();
-    ASSERT_TRUE(agent_is_on("KEYED"))
-        << "the real one is as welcome as before: " << server.output() << host.log();
+    log_on(host);
     ASSERT_TRUE(host.stop());
 
     EXPECT_EQ(qxcp({"forget-key", "NOBODY"}), 1);
     EXPECT_TRUE(says("no key of agent 'NOBODY'")) << output;
     ASSERT_EQ(qxcp({"forget-key", "KEYED"}), 0) << output;
-    stranger.start();
-    ASSERT_TRUE(agent_is_on("KEYED")) << server.output() << stranger.log();
+    log_on(stranger);
     EXPECT_NE(event("key"), first);
     // Whoever holds the key that was given up is told apart, with what to do.
     ASSERT_TRUE(stranger.stop());

@@ -23,8 +23,7 @@ struct resources : server_test {
             return question && hold_back;
         });
         host = std::make_unique<installation>(name, port());
-        host->start();
-        ASSERT_TRUE(wait_logon(name)) << story() << host->log();
+        log_on(*host);
     }
     void add(const std::string& name, const std::string& content, bool text = false) {
         const std::string path = server_folder.path + "/source";

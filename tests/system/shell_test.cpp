@@ -93,13 +93,6 @@ TEST_F(shell, trace_goes_to_files_and_the_log_obeys) {
     EXPECT_TRUE(host.log_has("EXECUTE: SIMULATE SETLOGFILESIZE = 3"));
 }
 
-TEST_F(shell, abort_ends_the_agent) {
-    start_agent("1");
-    EXPECT_EQ(qxcp({"shell", "SHELL", "ABORT_AGENT"}), 1);
-    EXPECT_TRUE(host.agent.wait_end(10000));
-    EXPECT_EQ(host.agent.exit_code(), -1);
-}
-
 TEST_F(shell, the_effective_user_can_be_another) {
     if (!is_root()) {
         GTEST_SKIP() << "needs root, to make a user";

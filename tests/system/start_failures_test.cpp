@@ -15,23 +15,12 @@ struct start_failure {
 
 const start_failure failures[] = {
     {"no system", [](installation& host) { host.ini["GLOBAL"].erase("system"); }, "system"},
-    {"name of 33 characters", [](installation& host) { host.ini["GLOBAL"]["name"] = std::string(33, 'A'); },
-     "name"},
-    {"no messenger", [](installation& host) { host.ini["VARIABLES"].erase("QX_EX_JOB_MD"); }, "QX_EX_JOB_MD"},
-    {"no message library", [](installation& host) { host.ini["GLOBAL"]["helplib"] = "./missing.msl"; },
-     "missing.msl"},
     {"cache below a file",
      [](installation& host) {
          write_file(host.path("plain"), "");
          host.ini["VARIABLES"]["QX_EX_PATH_CACHE"] = "../plain/cache";
      },
      "plain/cache"},
-    {"backup below a file",
-     [](installation& host) {
-         write_file(host.path("plain"), "");
-         host.ini["VARIABLES"]["QX_EX_PATH_BACKUP"] = "../plain/backup";
-     },
-     "plain/backup"},
     {"a switch that protects", [](installation& host) { host.ini["GLOBAL"]["hardened"] = "ja"; },
      "[GLOBAL] hardened = 'ja'"},
     {"no way of checking passwords", [](installation& host) { host.ini["MISC"]["authentication"] = "ldap"; },
@@ -48,15 +37,6 @@ TEST(start, names_what_is_wrong_with_the_settings) {
         const std::string said = host.agent.output() + host.log();
         EXPECT_NE(said.find(failure.expected), std::string::npos) << failure.what << ": " << said;
     }
-}
-
-TEST(start, takes_a_name_of_32_characters) {
-    installation host(std::string(32, 'A'), 1);
-    host.start();
-    EXPECT_TRUE(wait_until(10000, [&] { return host.log_has("2000072"); }))
-        << host.agent.output() << host.log();
-    EXPECT_TRUE(host.stop());
-    EXPECT_EQ(host.agent.exit_code(), 0);
 }
 
 TEST(start, tells_when_the_ini_file_is_not_there) {
