@@ -25,6 +25,13 @@ std::string status_line(pid_t pid, const std::string& name) {
     return "";
 }
 
+// More than passes before the receiver is stopped.
+#ifdef __OPTIMIZE__
+constexpr off_t size = 300 << 20;
+#else
+constexpr off_t size = 24 << 20;
+#endif
+
 struct transfer_workers : transfer_test {
     // The process with that title whose parent is the agent, -1 without one.
     pid_t process(const installation& agent, const std::string& title) const {
@@ -51,7 +58,7 @@ struct transfer_workers : transfer_test {
     // A transfer whose receiver stands still, so that it is met on its way.
     int begin(const std::string& user = "") {
         write_file(from("from/large"), "");
-        EXPECT_EQ(truncate(from("from/large").c_str(), 100 << 20), 0);
+        EXPECT_EQ(truncate(from("from/large").c_str(), size), 0);
         cp_transfer wanted = wish("from/large", "to/");
         wanted.compress = '0';
         wanted.source.user = wanted.destination.user = user;

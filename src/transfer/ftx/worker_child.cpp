@@ -2,6 +2,7 @@
 // descriptors; what it does not need is gone before it reads a byte of its partner.
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -194,6 +195,10 @@ int ftx_take_identity(ftx_entry* entry, qx7_error* err) {
         __log_error(reason);
         return qx_error_set(err, -1, reason.qx_errno, number_transfer_identity_failed, "%d",
                             entry->ftx_transfer_id);
+    }
+    // The user must not read what is left of the agent's memory, even where the host opens such processes.
+    if (prctl(PR_SET_DUMPABLE, 0, 0, 0, 0) != 0) {
+        return qx_error_set(err, -1, errno, number_transfer_identity_failed, "%d", entry->ftx_transfer_id);
     }
     // Whoever borrows an identity here later comes back to this one.
     pcx->pcx_run_uid = pcx->pcx_run_euid = uid;
