@@ -76,8 +76,17 @@ end_reason reason_of(const ccm_channel_image_t& channel, int ah_idnr) {
 
 // ---- The end of a channel in the agent
 
+// A channel that ends for a reason has told it itself.
+void log_end(const ccm_channel_image_t& channel, int ah_idnr) {
+    if (channel.msgnr <= 0) {
+        __log(number_transfer_connection_closed, "%d|", ah_idnr);
+    }
+    __log(number_transfer_failed, "%d|", ah_idnr);
+}
+
 void area_ended(EX_PCX* pcx, const __ftx_reverse_connect_savearea* area, const ccm_channel_image_t& channel) {
     if (!area->answered) {
+        log_end(channel, area->ah_idnr);
         const end_reason reason = reason_of(channel, area->ah_idnr);
         ftx_quit_order(pcx, ftx_asker_of(*area), reason.number, reason.insert.c_str());
     }
@@ -86,6 +95,7 @@ void area_ended(EX_PCX* pcx, const __ftx_reverse_connect_savearea* area, const c
 
 void waiting_entry_ended(EX_PCX* pcx, ftx_entry* ftx, const ccm_channel_image_t& channel) {
     const end_reason reason = reason_of(channel, ftx->ftx_transfer_id);
+    log_end(channel, ftx->ftx_transfer_id);
     if (ftx->has(FTX_DIRECT)) {
         ftx_quit_order(pcx, ftx_asker_of(ftx), reason.number, reason.insert.c_str());
     } else if (ftx->is_sender()) {

@@ -125,5 +125,6 @@ int order_check_source(const ftx_order& order, qx7_error* err) {
             number = number_source_unusable;
             break;
     }
-    return qx_error_set(err, -1, EINVAL, number, "%i|%s|", ftx->ftx_transfer_id, ftx->source_file.c_str());
+    return qx_error_set(err, -1, EINVAL, number, "%i|%s|", ftx->ftx_transfer_id,
+                        printable(ftx->source_file).c_str());
 }

@@ -89,7 +89,7 @@ int take_name(const ftx_order& order, int dist, int length, std::string* name, i
     *told = length;
     *name = text.substr(0, text.find('\0'));
     if (name->size() > ftx_name_max) {
-        return file_error(err, "create_Path()", name->substr(0, 255), ENAMETOOLONG);
+        return file_error(err, "create_Path()", printable(name->substr(0, 255)), ENAMETOOLONG);
     }
     return name->empty() ? order_refused(order, err) : 0;
 }
@@ -121,7 +121,7 @@ int check_masks(const ftx_order& order, qx7_error* err) {
     }
     ftx->ftx_flag |= FTX_WILDCARD;
     const auto refuse = [&](int number, const std::string& name) {
-        return qx_error_set(err, -1, EINVAL, number, "%i|%s|", ftx->ftx_transfer_id, name.c_str());
+        return qx_error_set(err, -1, EINVAL, number, "%i|%s|", ftx->ftx_transfer_id, printable(name).c_str());
     };
     if (ftx->source_file.find_first_of("*?") == std::string::npos) {
         return refuse(number_wildcard_no_source_mask, ftx->source_file);

@@ -78,8 +78,8 @@ void remove_source(ftx_entry* ftx, ftx_elem* elem) {
     if (ftx->ftx_erase != ftx_yes || is_directory(elem) || FTX_removeFile(ftx, elem, &err) == 0) {
         return;
     }
-    const std::string insert = std::to_string(ftx->ftx_transfer_id) + "|" + elem->source_name + "|" +
-                               std::to_string(err.qx_errno) + "(" + error_text(err.qx_errno) + ")|";
+    const std::string insert = std::to_string(ftx->ftx_transfer_id) + "|" + printable(elem->source_name) +
+                               "|" + std::to_string(err.qx_errno) + "(" + error_text(err.qx_errno) + ")|";
     __log(number_source_erase_failed, "%s", insert.c_str());
     putFtxLog(ftx, number_source_erase_failed, "%s", insert.c_str());
     ftxe_set_message(elem, number_source_erase_failed, err.qx_errno, insert);
@@ -130,8 +130,8 @@ record_result take_failed(ftx_entry* ftx, ftx_elem* elem, const quit_record& rec
 
 // The receiver wants it anew again and again: the file changes, or its disk.
 void give_up_resend(ftx_entry* ftx, ftx_elem* elem) {
-    const std::string insert = std::to_string(ftx->ftx_transfer_id) + "|" + elem->source_name + "|" +
-                               std::to_string(ESTALE) + "(" + error_text(ESTALE) + ")";
+    const std::string insert = std::to_string(ftx->ftx_transfer_id) + "|" + printable(elem->source_name) +
+                               "|" + std::to_string(ESTALE) + "(" + error_text(ESTALE) + ")";
     __log(number_transfer_read_failed, "%s", insert.c_str());
     put_times(elem);
     ftxe_set_message(elem, number_transfer_read_failed, ESTALE, insert);

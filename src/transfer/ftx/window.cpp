@@ -9,6 +9,7 @@
 #include "base/context.h"
 #include "base/error_text.h"
 #include "base/message_numbers.h"
+#include "base/text.h"
 #include "log/log.h"
 #include "transfer/ftx/flow.h"
 #include "transfer/ftx/source.h"
@@ -71,8 +72,8 @@ int stream_ended(ftx_entry* ftx) {
         return 0;
     }
     const std::string file = ftx->current == nullptr ? ftx->source_file : ftx->current->source_name;
-    const std::string insert = std::to_string(ftx->ftx_transfer_id) + "|" + file + "|" + std::to_string(EIO) +
-                               "(" + error_text(EIO) + ")";
+    const std::string insert = std::to_string(ftx->ftx_transfer_id) + "|" + printable(file) + "|" +
+                               std::to_string(EIO) + "(" + error_text(EIO) + ")";
     __log(number_transfer_read_failed, "%s", insert.c_str());
     ftx_set_message(ftx, number_transfer_read_failed, insert);
     return -1;
@@ -114,8 +115,8 @@ void give_up_untold(EX_PCX* pcx, ftx_entry* ftx) {
         if (status == FTXE_COMPLETE || status == FTXE_ERROR || status == FTXE_LEFT_OUT) {
             continue;
         }
-        const std::string insert = std::to_string(ftx->ftx_transfer_id) + "|" + elem.source_name + "|errno " +
-                                   std::to_string(EPROTO) + "(" + error_text(EPROTO) + ")";
+        const std::string insert = std::to_string(ftx->ftx_transfer_id) + "|" + printable(elem.source_name) +
+                                   "|errno " + std::to_string(EPROTO) + "(" + error_text(EPROTO) + ")";
         __log(number_transfer_write_failed, "%s", insert.c_str());
         putFtxLog(ftx, number_transfer_write_failed, "%s", insert.c_str());
         ftxe_set_message(&elem, number_transfer_write_failed, EPROTO, insert);
