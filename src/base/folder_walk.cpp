@@ -37,7 +37,7 @@ struct walker {
 
     bool ended() const { return ended_by_func || area->files_met || area->deadline_met; }
 
-    void tell(const walk_entry& entry, walk_event event) {
+    void tell(const walk_entry& entry, folder_walk_event event) {
         ended_by_func = func(area, name, entry, event) != 0;
     }
     void look_at_clock() {

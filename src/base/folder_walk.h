@@ -14,7 +14,7 @@
 #include "base/files.h"
 
 // What the function is called for.
-enum walk_event : int {
+enum folder_walk_event : int {
     WALK_ENTRY = 1,
     WALK_FOLDER_ENTERED = 2,
     WALK_FOLDER_FAILED = 3,  // a folder below the first cannot be read; error_number tells
@@ -54,7 +54,8 @@ struct _My_Area {
 };
 
 // `name` is the area's path and what lies behind it. Another result than 0 ends the walk.
-using My_func = int (*)(_My_Area* area, const std::string& name, const walk_entry& entry, walk_event event);
+using My_func = int (*)(_My_Area* area, const std::string& name, const walk_entry& entry,
+                        folder_walk_event event);
 
 // All entries of the folder, of its subfolders too with `recursion`; a folder is told before what it holds.
 // 0, 1 when the function ended it, or -1 with `error` (2003041) when the first folder cannot be read.

@@ -110,7 +110,7 @@ bool is_left_out(const _My_Area& area, const walk_entry& entry) {
 }
 
 int ftx_filelist_callback_handler(_My_Area* area, const std::string& name, const walk_entry& entry,
-                                  walk_event event) {
+                                  folder_walk_event event) {
     auto* const list = static_cast<list_context*>(area->my_struct);
     if (event == WALK_FOLDER_FAILED) {
         return take_failed_folder(list, name, entry.error_number);
@@ -128,7 +128,8 @@ int ftx_filelist_callback_handler(_My_Area* area, const std::string& name, const
 }
 
 // Without a wildcard what is no file, or not there, becomes an element that fails when it is opened.
-int single_callback(_My_Area* area, const std::string& name, const walk_entry& entry, walk_event event) {
+int single_callback(_My_Area* area, const std::string& name, const walk_entry& entry,
+                    folder_walk_event event) {
     auto* const list = static_cast<list_context*>(area->my_struct);
     if (event == WALK_ENTRY && entry.kind == FILE_KIND_DIRECTORY && (area->flag & with_folders) != 0) {
         return take_folder(list, name);

@@ -68,7 +68,7 @@ std::string folder_of(const std::string& path) {
 }
 
 // Gathers what is no folder.
-int FT_FileName(_My_Area* area, const std::string& name, const walk_entry& entry, walk_event event) {
+int FT_FileName(_My_Area* area, const std::string& name, const walk_entry& entry, folder_walk_event event) {
     FT_AH_idnr* list = static_cast<FT_AH_idnr*>(area->my_struct);
     if (event != WALK_ENTRY || !entry.matches || entry.kind == FILE_KIND_DIRECTORY) {
         return 0;

@@ -21,7 +21,8 @@ struct folder_walk : ::testing::Test {
     std::function<int(const std::string&)> on_entry;
     _My_Area area;
 
-    static int take(_My_Area* area, const std::string& name, const walk_entry& entry, walk_event event) {
+    static int take(_My_Area* area, const std::string& name, const walk_entry& entry,
+                    folder_walk_event event) {
         auto* const self = static_cast<folder_walk*>(area->my_struct);
         if (event == WALK_FOLDER_FAILED) {
             self->failed.insert(name);
