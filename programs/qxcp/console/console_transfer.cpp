@@ -152,6 +152,17 @@ struct progress_view {
             shown = false;
         }
     }
+    // A bar that ran stays where it ended.
+    void finish(const json& transfer) {
+        if (shown && transfer.value("state", "") == "finished") {
+            bar.bytes = bar.bytes_total = number(transfer, "sent_size");
+            bar.files = bar.files_total;
+            draw();
+            fmt::print(stderr, "\n");
+            shown = false;
+        }
+        wipe();
+    }
     void draw() {
         winsize size{};
         const bool known = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
@@ -248,8 +259,8 @@ struct transfer_watch {
         }
     }
     void take_end(const json& answer) {
-        view.wipe();
         const json& transfer = answer["transfer"];
+        view.finish(transfer);
         if (options.json) {
             fmt::print("{}\n", answer.dump(-1, ' ', false, json::error_handler_t::replace));
         } else {
