@@ -165,6 +165,10 @@ int recordBehind(int fd, int64_t position, int64_t size) {
     return 0;
 }
 
+bool is_wanted(const kvstore* db, std::string_view key) {
+    return db->only.empty() || std::find(db->only.begin(), db->only.end(), key) != db->only.end();
+}
+
 int kvstore_loadkeys(kvstore* db, int mode, qx7_error* err) {
     struct stat facts {};
     if (fstat(db->db_fd, &facts) != 0) {
@@ -193,9 +197,10 @@ int kvstore_loadkeys(kvstore* db, int mode, qx7_error* err) {
             }
             break;
         }
+        const bool counts = (header.flag & kvstore_deleted) == 0 && is_wanted(db, header.key);
         // The first of equal keys stands. The other goes, or it would come back when the first is deleted.
-        if ((header.flag & kvstore_deleted) == 0 && !db->bt_root.try_emplace(header.key, header).second &&
-            mode != kvstore_peek && markDeleted(db, header, err) != 0) {
+        if (counts && !db->bt_root.try_emplace(header.key, header).second && mode != kvstore_peek &&
+            markDeleted(db, header, err) != 0) {
             return -1;
         }
         position += header_size + header.len;

@@ -10,6 +10,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "base/error.h"
 
@@ -36,6 +37,8 @@ struct __kvstore_database {
     std::string db_filename;
     std::map<std::string, __kvstore_record, std::less<>> bt_root;  // live keys
     int64_t file_end = 0;
+    // With kvstore_peek: the only keys that are looked for, so that a large store costs no memory. Empty: all.
+    std::vector<std::string> only;
 
     __kvstore_database() = default;
     __kvstore_database(const __kvstore_database&) = delete;

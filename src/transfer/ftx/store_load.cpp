@@ -1,9 +1,12 @@
 // What comes out of the status store. The file belongs to a user, who may have written anything into it.
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <vector>
 
 #include "base/message_numbers.h"
 #include "base/text.h"
@@ -17,6 +20,7 @@ namespace {
 
 constexpr size_t value_max = 4096;
 constexpr size_t insert_max = 1023;
+constexpr int64_t largest_store = int64_t{4} << 30;  // that of some million files
 constexpr int kept_flags = FTX_WILDCARD | FTX_SUBDIR | FTX_DIRECT | FTX_REPORT_ASKED | FTX_ABORT_ON_ERROR |
                            FTX_CAN_CONTINUE | FTX_END_LOGGED | FTX_SUBDIRSTRUCT | FTX_END_REPORTED |
                            FTX_FROM_RECEIVER;
@@ -157,13 +161,30 @@ int load_area(ftx_entry* ftx, qx7_error* err) {
                : -1;
 }
 
+// A look at some keys of a store: the agent does not hold what a user may have put into it.
+int peek(kvstore* db, const std::string& name, std::vector<std::string> keys, qx7_error* err) {
+    db->only = std::move(keys);
+    return kvstore_open(db, name.c_str(), kvstore_peek, err);
+}
+
 // The list was whole when the entry was written last, and nothing of it has gone since.
-bool holds_whole_list(kvstore* db, qx7_error* err) {
+bool holds_whole_list(const std::string& name, qx7_error* err) {
+    kvstore db;
     FTX_AREA image;
-    const int found = ss_getRecord(db, key_ftx, &image, sizeof image, err);
-    const int count = image.ftx_max_oid;
-    return found > 0 && count >= 0 && !db->bt_root.contains(ss_elementKey(count, "")) &&
-           (count == 0 || db->bt_root.contains(ss_elementKey(count - 1, "")));
+    if (peek(&db, name, {key_version, key_ftx}, err) != 0 || ss_checkVersion(&db, err) != 0 ||
+        ss_getRecord(&db, key_ftx, &image, sizeof image, err) <= 0 || image.ftx_max_oid < 0) {
+        return false;
+    }
+    const std::string behind = ss_elementKey(image.ftx_max_oid, "");
+    const std::string last = image.ftx_max_oid == 0 ? key_ftx : ss_elementKey(image.ftx_max_oid - 1, "");
+    return peek(&db, name, {last, behind}, err) == 0 && db.bt_root.contains(last) &&
+           !db.bt_root.contains(behind);
+}
+
+// Larger ones would keep the agent from its work.
+bool is_too_large(const std::string& name) {
+    struct stat facts {};
+    return stat(name.c_str(), &facts) == 0 && facts.st_size > largest_store;
 }
 
 void set_aside(const std::string& name) {
@@ -219,9 +240,7 @@ bool ss_usable(ftx_entry* ftx) {
         __log_error(err);
         return false;
     }
-    kvstore db;
-    const bool usable = kvstore_open(&db, ftx->store_name.c_str(), kvstore_peek, &err) == 0 &&
-                        ss_checkVersion(&db, &err) == 0 && holds_whole_list(&db, &err);
+    const bool usable = !is_too_large(ftx->store_name) && holds_whole_list(ftx->store_name, &err);
     if (!usable && err.qx_errno != ENOENT) {
         __log_error(err);
     }

@@ -200,6 +200,9 @@ TEST_F(Store, SecondLookNeedsNoLockAndChangesNothing) {
     ASSERT_EQ(kvstore_open(&look, name_.c_str(), kvstore_peek, &err_), 0);
     EXPECT_EQ(look.bt_root.size(), 1u);
     EXPECT_EQ(bytes(), before);
+    look.only = {"other"};
+    ASSERT_EQ(kvstore_open(&look, name_.c_str(), kvstore_peek, &err_), 0);
+    EXPECT_EQ(look.bt_root.size(), 0u);
 }
 
 TEST_F(Store, BeginsEmptyWhenThatIsWanted) {
