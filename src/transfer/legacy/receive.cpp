@@ -105,6 +105,9 @@ int end_again(EX_PCX* pcx, const ccm_msg_t* msg, const MSG_TYPE_FT_END& end) {
     }
     area->head = end.header;
     area->version = message_version(&end.header);
+    if (end.i4retcode != 0) {
+        ft_fail(area.get(), end.i4retcode, get_text(end.crettext));
+    }
     if (area->Result != 0 || target_rename(area.get()) != 0) {
         __log(area->Result, "%s", area->ft_Insert.c_str());
     }
