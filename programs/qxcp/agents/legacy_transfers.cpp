@@ -14,7 +14,6 @@
 namespace {
 
 constexpr char module_legacy[] = "QXFTEX";
-constexpr int cancelled_by_order = 1850;
 
 template <class Part>
 auto inside(Part part) {
@@ -158,9 +157,9 @@ void cp_take_legacy_end(cp_server& server, cp_agent& agent, message_view view, c
     transfer->figures.records = end.records;
     transfer->figures.compressed_size = end.anzahl_compr;
     take_restart_data(*transfer, view, end.stp_dist, end.stp_len);
-    const cp_transfer_state state = good                              ? cp_transfer_state::finished
-                                    : end.msgnr == cancelled_by_order ? cp_transfer_state::cancelled
-                                                                      : cp_transfer_state::failed;
+    const cp_transfer_state state = good                                   ? cp_transfer_state::finished
+                                    : end.msgnr == number_legacy_cancelled ? cp_transfer_state::cancelled
+                                                                           : cp_transfer_state::failed;
     cp_end_transfer(server, *transfer, state, end.msgnr, std::string(get_text(end.msg_insert)));
 }
 
