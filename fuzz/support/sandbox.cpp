@@ -265,6 +265,18 @@ int renameat(int from_folder, const char* from, int to_folder, const char* to) n
                : -1;
 }
 
+int renameat2(int from_folder, const char* from, int to_folder, const char* to, unsigned flags) noexcept {
+    return may_change(from_folder, from) && may_change(to_folder, to)
+               ? static_cast<int>(kernel(SYS_renameat2, from_folder, word(from), to_folder, word(to), flags))
+               : -1;
+}
+
+int linkat(int from_folder, const char* from, int to_folder, const char* to, int flags) noexcept {
+    return may_change(to_folder, to)
+               ? static_cast<int>(kernel(SYS_linkat, from_folder, word(from), to_folder, word(to), flags))
+               : -1;
+}
+
 int chmod(const char* path, mode_t mode) noexcept {
     return may_change(AT_FDCWD, path) ? static_cast<int>(kernel(SYS_chmod, word(path), mode)) : -1;
 }
