@@ -197,7 +197,8 @@ int process_ipc_gsshs_ok(EX_PCX* pcx, ccm_msg_t* msg, int) {
     channel->connect_timeout = 0;
     pcx->ccm->flag.fetch_or(CCM_FLAG_CHANNELS_TO_DELETE);
     const int type = channel->type;
-    const std::string name(field_text(channel->name));
+    char name[sizeof channel->name];
+    copy_text(name, field_text(channel->name));
     const int s = channel->s;
     const int id = channel->cuc == nullptr ? 0 : transfer_of(field_text(channel->cuc->key));
     ccm_channel_unlock(pcx->ccm);

@@ -27,6 +27,7 @@ void leave_agent(EX_PCX* pcx) {
 }  // namespace
 
 int open_transfers(EX_PCX* pcx, qx7_error* error) {
+    shutdown_put_off = false;
     ftx_set_worker_rooms({leave_agent, process_title_set, ipc_logger});
     if (FTX_Open(pcx, error) != 0) {
         return -1;
