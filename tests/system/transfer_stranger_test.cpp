@@ -63,7 +63,7 @@ const lie lies[] = {
          quit.ah_idnr = lie_run;
          p.say(quit);
      },
-     "U00063009"},
+     "U01002207"},
     {"an order of a server",
      [](fake_partner& p) {
          auto order = new_message<MSG_TYPE_FTXDEL>(100, 1);

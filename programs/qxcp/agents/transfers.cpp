@@ -224,6 +224,9 @@ void cp_take_transfer_status(cp_server& server, cp_agent& agent, message_view vi
     if (was_over && status.status_flag == letter_running) {
         return;  // overtaken
     }
+    if (transfer->state == cp_transfer_state::ordered) {
+        ask_for_report(server, *transfer);  // FTXSENDQ was lost with the agent that relays it
+    }
     take_figures(*transfer, status);
     transfer->state = state_of_letter(status.status_flag);
     if (status.msl_no != 0) {
@@ -246,6 +249,10 @@ void cp_take_transfer_report(cp_server& server, cp_agent& agent, message_view vi
     const auto message = view_record<MSG_TYPE_FTXWRITE>(view);
     cp_transfer* transfer = transfer_of(server, agent, message.ah_idnr, "FTXWRITE");
     if (transfer == nullptr || transfer->forgotten) {
+        if (transfer != nullptr && message.last_id < 0) {
+            // A worker in the place of one that was lost with the order to forget.
+            send_forget(server, agent, transfer->run, transfer->client, transfer->user_id);
+        }
         return;
     }
     const std::vector<cp_report_line> fresh = cp_transfer_take_block(*transfer, block_of(view, message));
