@@ -3,12 +3,8 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
-#include <filesystem>
-
 #include "fake_partner.h"
-#include "transfer_pair.h"
-
-namespace fs = std::filesystem;
+#include "transfer_line_fixture.h"
 
 namespace {
 
@@ -79,24 +75,19 @@ const lie lies[] = {
      "U01002207"},
 };
 
-struct transfer_stranger : transfer_pair {
-    std::string to(const std::string& name) const { return data.path + "/to/" + name; }
+struct transfer_stranger : transfer_line_test {
+    std::string to(const std::string& name) const { return from("to/" + name); }
 
-    void SetUp() override {
-        start_agents();
-        fs::create_directory(data / "from");
-        fs::create_directory(data / "to");
-    }
+    void SetUp() override { start_agents(); }
 
     std::unique_ptr<fake_partner> let_in(const std::string& destination_file, bool wildcard = false) {
-        auto partner = std::make_unique<fake_partner>(server.get(), "LIAR", destination_name,
-                                                      destination->listener_port);
+        auto partner = std::make_unique<fake_partner>(server.get(), "LIAR", "SECOND", second.listener_port);
         EXPECT_TRUE(partner->connected()) << told();
         message_builder<MSG_TYPE_FTXRECV> order(100, 1);
         MSG_TYPE_FTXSNDRCV& record = order->ftxsndrcv;
         record.ah_idnr = lie_run;
-        put_text(record.dst_host, destination_name);
-        put_text(record.connect_name, destination_name);
+        put_text(record.dst_host, "SECOND");
+        put_text(record.connect_name, "SECOND");
         record.type = 'B';
         record.override = 'Y';
         record.erase = record.subdir = 'N';
@@ -119,9 +110,9 @@ struct transfer_stranger : transfer_pair {
     }
     // A real transfer that stands still in its middle until `finish_other`.
     int begin_other() {
-        write_file(data / "from/other", std::string(300000, 'o'));
+        write_file(from("from/other"), std::string(300000, 'o'));
         line.stand_still_after(150000);
-        const int run = order(wish(data / "from/other", to("other")));
+        const int run = order_over_line(wish("from/other", "to/other"));
         EXPECT_TRUE(watch(20000, [this] { return line.stands_still(); }));
         return run;
     }
@@ -133,7 +124,7 @@ struct transfer_stranger : transfer_pair {
         unlink(to("other").c_str());
     }
     bool no_worker_left() {
-        return watch(15000, [this] { return workers(*destination).empty() && workers(*source).empty(); });
+        return watch(15000, [this] { return workers(second).empty() && workers(first).empty(); });
     }
 };
 
@@ -151,37 +142,39 @@ TEST_F(transfer_stranger, is_let_in_when_it_keeps_its_word) {
 TEST_F(transfer_stranger, ends_its_own_transfer_alone_by_a_lie) {
     for (const lie& one : lies) {
         SCOPED_TRACE(one.name);
-        const size_t before = destination->log().size();
+        const size_t before = second.log().size();
         const int other = begin_other();
         auto partner = let_in(to("file"));
         one.tell(*partner);
         EXPECT_TRUE(partner->is_dropped()) << told();
         finish_other(other);
-        EXPECT_TRUE(no_worker_left()) << told();
         EXPECT_TRUE(watch(5000, [&] {
-            return destination->log().substr(before).find(one.number) != std::string::npos;
-        })) << destination->log().substr(before);
-        EXPECT_TRUE(destination->agent.running());
+            return second.log().substr(before).find(one.number) != std::string::npos;
+        })) << second.log().substr(before);
+        EXPECT_TRUE(second.agent.running());
         if (HasFailure()) {
             break;
         }
     }
+    EXPECT_TRUE(no_worker_left()) << told();
 }
 
 TEST_F(transfer_stranger, writes_to_no_place_beside_the_mask) {
     const int other = begin_other();
+    stream_items items;
+    int number = 0;
     for (const char* name :
          {"/from/../../outside", "/from/../outside", "/else/file", "/from/a/../../outside"}) {
-        SCOPED_TRACE(name);
-        auto partner = let_in(to("*"), true);
-        EXPECT_TRUE(
-            partner->say_data(lie_run, stream_of({{1, file_item(0, name)}, {0, "x"}, {2, ""}, {3, ""}})));
-        EXPECT_TRUE(partner->hears("FTXQUIT")) << told();
-        partner->hang_up();
-        EXPECT_TRUE(watch(15000, [this] { return workers(*destination).size() <= 1; })) << told();
+        items.insert(items.end(), {{1, file_item(number++, name)}, {0, "x"}, {2, ""}});
     }
-    EXPECT_NE(access((data / "outside").c_str(), F_OK), 0);
-    EXPECT_NE(access((data / "to/../outside").c_str(), F_OK), 0);
+    items.emplace_back(3, "");
+    auto partner = let_in(to("*"), true);
+    EXPECT_TRUE(partner->say_data(lie_run, stream_of(items)));
+    EXPECT_TRUE(partner->hears("FTXQUIT")) << told();
+    EXPECT_TRUE(second.log_has("U00063069")) << told();
+    partner->hang_up();
+    EXPECT_NE(access(from("outside").c_str(), F_OK), 0);
+    EXPECT_NE(access(from("to/../outside").c_str(), F_OK), 0);
     finish_other(other);
 }
 
@@ -199,7 +192,7 @@ TEST_F(transfer_stranger, fills_no_memory_and_no_more_than_its_disk) {
     const std::string stream = stream_of(std::move(bomb), compress_zlib);
     EXPECT_LT(stream.size(), 1000000U);
     auto partner = let_in(to("file"));
-    const std::vector<pid_t> worker = workers(*destination);
+    const std::vector<pid_t> worker = workers(second);
     ASSERT_EQ(worker.size(), 1U);
     EXPECT_TRUE(partner->say_data(lie_run, stream));
     EXPECT_TRUE(partner->hears("FTXQUIT", 60000)) << told();
@@ -216,11 +209,10 @@ TEST_F(transfer_stranger, fills_no_memory_and_no_more_than_its_disk) {
 
 TEST_F(transfer_stranger, keeps_nobody_waiting_by_silence) {
     auto silent = let_in(to("silent"));
-    auto slow =
-        std::make_unique<fake_partner>(server.get(), "SLOW", destination_name, destination->listener_port);
+    auto slow = std::make_unique<fake_partner>(server.get(), "SLOW", "SECOND", second.listener_port);
     finish_other(begin_other());
     // An agent that is stopped ends workers that wait for a silent partner, too.
-    EXPECT_TRUE(destination->stop());
+    EXPECT_TRUE(second.stop());
     EXPECT_TRUE(silent->is_dropped());
 }
 

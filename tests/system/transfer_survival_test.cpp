@@ -10,14 +10,11 @@
 
 #include <chrono>
 #include <csignal>
-#include <filesystem>
 #include <iostream>
 #include <random>
 #include <set>
 
-#include "transfer_pair.h"
-
-namespace fs = std::filesystem;
+#include "transfer_line_fixture.h"
 
 namespace {
 
@@ -30,6 +27,8 @@ enum class incident {
     source_agent_killed,
     destination_agent_killed,
     server_away,
+    source_line_to_server_cut,
+    destination_line_to_server_cut,
     source_replaced,
     source_removed,
     destination_full,
@@ -44,6 +43,8 @@ const char* name_of(incident what) {
                                      "source's agent killed",
                                      "destination's agent killed",
                                      "server away",
+                                     "source's line to the server cut",
+                                     "destination's line to the server cut",
                                      "source replaced",
                                      "source removed",
                                      "destination full"};
@@ -118,11 +119,13 @@ struct round_plan {
     incident draw_first() {
         constexpr std::pair<incident, size_t> weights[] = {{incident::source_worker_killed, 20},
                                                            {incident::destination_worker_killed, 20},
-                                                           {incident::line_cut, 24},
+                                                           {incident::line_cut, 20},
                                                            {incident::cancelled, 8},
                                                            {incident::source_agent_killed, 4},
                                                            {incident::destination_agent_killed, 4},
                                                            {incident::server_away, 4},
+                                                           {incident::source_line_to_server_cut, 2},
+                                                           {incident::destination_line_to_server_cut, 2},
                                                            {incident::source_replaced, 6},
                                                            {incident::source_removed, 4},
                                                            {incident::destination_full, 6}};
@@ -143,7 +146,7 @@ struct round_plan {
     }
 };
 
-struct transfer_survival : transfer_pair {
+struct transfer_survival : transfer_line_test {
     std::map<pid_t, int> descriptors;  // of each agent while nothing runs
     std::set<pid_t> seen_workers;
     // Destination files that were told to be complete, and what they were then.
@@ -153,7 +156,7 @@ struct transfer_survival : transfer_pair {
 
     std::string place;  // of the round
 
-    std::string from(const std::string& name) const { return place + "/from/" + name; }
+    std::string source_of(const std::string& name) const { return place + "/from/" + name; }
     std::string to(const std::string& name) const { return place + "/to/" + name; }
     static int variable(const char* name, int usual) {
         const char* value = getenv(name);
@@ -180,8 +183,8 @@ bool fits(const source_file& file, const std::string& found) {
 
 void transfer_survival::lay_out(const round_plan& plan) {
     for (const source_file& file : plan.files) {
-        fs::create_directories(fs::path(from(file.name)).parent_path());
-        write_file(from(file.name), file.content);
+        fs::create_directories(fs::path(source_of(file.name)).parent_path());
+        write_file(source_of(file.name), file.content);
     }
     fs::create_directories(to(""));
     if (plan.something_there) {
@@ -197,13 +200,12 @@ void transfer_survival::lay_out(const round_plan& plan) {
 
 int transfer_survival::first_order(round_plan& plan) {
     cp_transfer& wanted = plan.wish;
-    wanted.source.agent = source_name;
-    wanted.source.path = from(plan.folder ? "" : "file");
-    wanted.destination.agent = destination_name;
+    wanted.source.agent = "FIRST";
+    wanted.source.path = source_of(plan.folder ? "" : "file");
+    wanted.destination.agent = "SECOND";
     wanted.destination.path = to("");
     wanted.subfolders = plan.folder;
-    EXPECT_EQ(cp_complete_paths(wanted), "");
-    return order(wanted);
+    return order_over_line(wanted);
 }
 
 void transfer_survival::restart_agent(installation& host, const char* name) {
@@ -220,8 +222,8 @@ void transfer_survival::replace_source(round_plan& plan) {
     size_t size = file.content.size();
     size = size > 1048576 ? size : size + 1 + plan.below(1000);
     file.replaced_by = plan.content(size);
-    write_file(from("") + "../fresh", file.replaced_by);
-    rename((from("") + "../fresh").c_str(), from(file.name).c_str());
+    write_file(source_of("") + "../fresh", file.replaced_by);
+    rename((source_of("") + "../fresh").c_str(), source_of(file.name).c_str());
 }
 
 void transfer_survival::happen(round_plan& plan, int run, incident what) {
@@ -233,22 +235,26 @@ void transfer_survival::happen(round_plan& plan, int run, incident what) {
     std::string ignored;
     switch (what) {
         case incident::source_worker_killed:
-            return end_workers(*source);
+            return end_workers(first);
         case incident::destination_worker_killed:
-            return end_workers(*destination);
+            return end_workers(second);
         case incident::line_cut:
             return line.cut();
         case incident::cancelled:
             cp_cancel_transfer(server.get(), run, ignored);
             return;
         case incident::source_agent_killed:
-            return restart_agent(*source, source_name);
+            return restart_agent(first, "FIRST");
         case incident::destination_agent_killed:
-            return restart_agent(*destination, destination_name);
+            return restart_agent(second, "SECOND");
         case incident::server_away:
             close_server();
             open_server();
             return;
+        case incident::source_line_to_server_cut:
+            return cp_drop_line(server.get(), "FIRST");
+        case incident::destination_line_to_server_cut:
+            return cp_drop_line(server.get(), "SECOND");
         case incident::source_replaced:
             replace_source(plan);
             if (plan.chance(2)) {
@@ -256,7 +262,7 @@ void transfer_survival::happen(round_plan& plan, int run, incident what) {
             }
             return;
         case incident::source_removed:
-            unlink(from(plan.files.back().name).c_str());
+            unlink(source_of(plan.files.back().name).c_str());
             return;
         case incident::destination_full:
         case incident::nothing:
@@ -267,7 +273,7 @@ void transfer_survival::happen(round_plan& plan, int run, incident what) {
 // Lets a run go until the moment that was drawn, and `what` happen there.
 void transfer_survival::meet(round_plan& plan, int run, incident what) {
     const auto remember = [this] {
-        for (const installation* host : {source.get(), destination.get()}) {
+        for (const installation* host : {&first, &second}) {
             for (const pid_t worker : workers(*host)) {
                 seen_workers.insert(worker);
             }
@@ -283,7 +289,7 @@ void transfer_survival::meet(round_plan& plan, int run, incident what) {
         happen(plan, run, what);
     }
     line.go_on();
-    EXPECT_TRUE(wait_both());
+    EXPECT_TRUE(wait_logon("FIRST") && wait_logon("SECOND"));
     EXPECT_TRUE(wait_over(run, 40000)) << "run " << run << " does not end";
     remember();
 }
@@ -329,11 +335,12 @@ void transfer_survival::look_at_the_end(const round_plan& plan, int run, bool re
     for (const source_file& file : plan.files) {
         const bool right = access(to(file.name).c_str(), F_OK) == 0 && fits(file, read_file(to(file.name)));
         if (!right && removed &&
-            report_of(run).find("'" + from(file.name) + "' was not transferred") != std::string::npos) {
+            report_of(run).find("'" + source_of(file.name) + "' was not transferred") != std::string::npos) {
             continue;
         }
         EXPECT_TRUE(right) << file.name;
-        EXPECT_TRUE(!finished || !plan.wish.erase || access(from(file.name).c_str(), F_OK) != 0) << file.name;
+        EXPECT_TRUE(!finished || !plan.wish.erase || access(source_of(file.name).c_str(), F_OK) != 0)
+            << file.name;
     }
     for (const auto& entry : fs::recursive_directory_iterator(place + "/to")) {
         EXPECT_TRUE(!finished || entry.path().extension() != ".tmp") << entry.path();
@@ -343,22 +350,22 @@ void transfer_survival::look_at_the_end(const round_plan& plan, int run, bool re
 // Workers end some seconds after their transfers: this is looked at once in many rounds.
 void transfer_survival::look_for_leftovers() {
     const auto none_left = [this] {
-        return std::none_of(seen_workers.begin(), seen_workers.end(), is_worker) &&
-               workers(*source).empty() && workers(*destination).empty() && line.connections() == 0;
+        return std::none_of(seen_workers.begin(), seen_workers.end(), is_worker) && workers(first).empty() &&
+               workers(second).empty() && line.connections() == 0;
     };
     EXPECT_TRUE(watch(15000, none_left)) << "a worker or a connection stays";
-    for (const installation* host : {source.get(), destination.get()}) {
+    for (const installation* host : {&first, &second}) {
         const auto usual = descriptors.find(host->agent.pid);
         if (usual != descriptors.end()) {
             EXPECT_TRUE(watch(5000, [&] { return open_descriptors(host->agent.pid) <= usual->second; }))
                 << open_descriptors(host->agent.pid) << " descriptors for " << usual->second;
         }
     }
-    for (const auto& entry : fs::directory_iterator(source->path("out"))) {
+    for (const auto& entry : fs::directory_iterator(first.path("out"))) {
         EXPECT_EQ(entry.path().extension(), ".sts") << entry.path();
         unlink(entry.path().c_str());
     }
-    EXPECT_TRUE(fs::is_empty(destination->path("out")));
+    EXPECT_TRUE(fs::is_empty(second.path("out")));
     seen_workers.clear();
     settle();
 }
@@ -366,7 +373,7 @@ void transfer_survival::look_for_leftovers() {
 // What each agent has open while nothing runs.
 void transfer_survival::settle() {
     wait(500, [] { return false; });
-    for (const installation* host : {source.get(), destination.get()}) {
+    for (const installation* host : {&first, &second}) {
         descriptors.emplace(host->agent.pid, open_descriptors(host->agent.pid));
     }
 }
@@ -374,7 +381,7 @@ void transfer_survival::settle() {
 void transfer_survival::play(unsigned long seed) {
     round_plan plan(seed);
     confirmed.clear();
-    place = data / std::to_string(seed);
+    place = files / std::to_string(seed);
     lay_out(plan);
     constexpr int most_runs = 8, file_exists = 11404;
     incident what = plan.first;
@@ -403,7 +410,7 @@ void transfer_survival::play(unsigned long seed) {
         what = tries < 3 ? plan.draw_next() : incident::nothing;
         line.stand_still_after(what == incident::nothing ? -1
                                                          : static_cast<long>(plan.below(plan.total + 6000)));
-        run = restart(run);
+        run = restart_over_line(run);
         story_of_round += "; run " + std::to_string(run) + ": " + name_of(what);
     }
     if (run != 0 && !HasFailure()) {
@@ -447,8 +454,8 @@ TEST_F(transfer_survival, loses_and_spoils_nothing_whatever_happens) {
     if (!HasFailure()) {
         look_for_leftovers();
     }
-    EXPECT_TRUE(source->stop());
-    EXPECT_TRUE(destination->stop());
+    EXPECT_TRUE(first.stop());
+    EXPECT_TRUE(second.stop());
 }
 
 }  // namespace
