@@ -44,7 +44,8 @@ void clear_list(ftx_entry* ftx) {
 
 ftx_elem* add_element(ftx_entry* ftx, const std::string& name, int kind, int64_t size) {
     ftx_elem* const elem = ftxe_addnew(ftx, static_cast<int>(ftx->elements.size()));
-    elem->source_name = name;
+    // One that is too long cannot be opened, now or in a later run; its beginning says so as well.
+    elem->source_name = name.substr(0, ftx_name_max + 1);
     elem->ftxe_fileSize = size;
     elem->ftxe_flag |= kind;
     elem->dst_Temp_File = ftx->ftx_Temp_File == '1' ? 1 : 0;

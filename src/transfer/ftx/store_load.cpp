@@ -56,7 +56,7 @@ int load_parts(kvstore* db, ftx_elem* elem, qx7_error* err) {
     const auto part = [&](const char* name, size_t max, std::string* text) {
         return ss_getText(db, ss_elementKey(elem->ftxe_oId, name), max, text, err);
     };
-    if (part(key_part_source, ftx_name_max, &elem->source_name) != 0 ||
+    if (part(key_part_source, ftx_name_max + 1, &elem->source_name) != 0 ||
         part(key_part_destination, ftx_name_max, &elem->destination_name) != 0 ||
         part(key_part_sender, ftx_restart_item_max, &elem->sender_record) != 0 ||
         part(key_part_receiver, ftx_restart_item_max, &elem->receiver_record) != 0) {

@@ -319,7 +319,7 @@ TEST_F(ftx_store_test, AMadeUpStoreIsRefusedWithItsKey) {
         {"OID-1", elem(63, '\x80'), 63047, "key: OID-1"},
         {"OID-1", elem(119, '\x80'), 63047, "key: OID-1"},
         {"OID-1", elem(16, '7'), 63047, "key: OID-1"},
-        {"OID-1-SRCFILE", std::string(2048, 'n'), 63047, "key: OID-1-SRCFILE"},
+        {"OID-1-SRCFILE", std::string(2049, 'n'), 63047, "key: OID-1-SRCFILE"},
         {"OID-1-RSR", std::string(129, 'n'), 63047, "key: OID-1-RSR"},
         {"RPT0000004711-00000001", line(32, 6), 63047, "key: RPT0000004711-00000001"},
         {"RPT0000004711-00000001", line(35, '\x80'), 63047, "key: RPT0000004711-00000001"},
