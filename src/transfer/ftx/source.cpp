@@ -130,17 +130,18 @@ int src_binRead(void* hIn, char* buf, int size, int, int*, int* ctrl, ErrMsg*) {
 
 int FTX_removeFile(ftx_entry* ftx, ftx_elem* elem, qx7_error* err) {
     qx_error_clear(err);
-    const std::string path = ftx_absolute(ftx, elem->source_name);
+    std::string name;
     struct stat now;
     int failed = 0;
-    if (stat(path.c_str(), &now) != 0) {
+    if (src_enterFolder(ftx, elem->source_name, &name) != 0 ||
+        fstatat(ftx->folder.get(), name.c_str(), &now, 0) != 0) {
         failed = errno;
     } else if (elem->source_inode == 0 || now.st_ino != elem->source_inode ||
                now.st_dev != elem->source_device || now.st_size != elem->ftxe_fileSize ||
                now.st_mtim.tv_sec != elem->source_mtime.tv_sec ||
                now.st_mtim.tv_nsec != elem->source_mtime.tv_nsec) {
         failed = ESTALE;
-    } else if (unlink(path.c_str()) != 0) {
+    } else if (unlinkat(ftx->folder.get(), name.c_str(), 0) != 0) {
         failed = errno;
     }
     if (failed == 0) {

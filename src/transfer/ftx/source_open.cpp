@@ -28,27 +28,12 @@ int open_failed(const ftx_entry* ftx, const ftx_elem* elem, int error_number, qx
                         error_text(error_number).c_str());
 }
 
-// The descriptor, or -1 with errno. What lies behind the order's own folder is reached without links.
+// The descriptor, or -1 with errno.
 int open_source(ftx_entry* ftx, const ftx_elem* elem, struct stat* status) {
-    const std::string& name = elem->source_name;
-    if (name.size() > ftx_name_max) {
-        errno = ENAMETOOLONG;
-        return -1;
-    }
-    if (name.find('\0') != std::string::npos) {
-        errno = EINVAL;
-        return -1;
-    }
-    const std::string path = ftx_absolute(ftx, name);
-    const size_t order_folder = ftx->source_file.rfind('/') + 1;
-    const size_t fixed = ftx->ftx_wildcard == ftx_yes && order_folder <= name.size()
-                             ? path.size() - name.size() + order_folder
-                             : path.rfind('/') + 1;
-    const ftx_place place = ftx_place_of(path, fixed);
-    const std::string last = path.substr(path.rfind('/') + 1);
     const bool links = ftx_glb().fgx_Linkfiles;
     for (int attempt = 0;; ++attempt) {
-        if (ftx_enter_folder(ftx, place) != 0) {
+        std::string last;
+        if (src_enterFolder(ftx, elem->source_name, &last) != 0) {
             return -1;
         }
         const int fd = FTX_openFileRead(ftx->folder.get(), last.empty() ? "." : last.c_str(), links, status);
@@ -180,6 +165,24 @@ void report_failed_open(ftx_entry* ftx, ftx_elem* elem, const qx7_error& error) 
 
 }  // namespace
 
+int src_enterFolder(ftx_entry* ftx, const std::string& name, std::string* last) {
+    if (name.size() > ftx_name_max) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    if (name.find('\0') != std::string::npos) {
+        errno = EINVAL;
+        return -1;
+    }
+    const std::string path = ftx_absolute(ftx, name);
+    const size_t order_folder = ftx->source_file.rfind('/') + 1;
+    const size_t fixed = ftx->ftx_wildcard == ftx_yes && order_folder <= name.size()
+                             ? path.size() - name.size() + order_folder
+                             : path.rfind('/') + 1;
+    *last = path.substr(path.rfind('/') + 1);
+    return ftx_enter_folder(ftx, ftx_place_of(path, fixed));
+}
+
 int src_give(const ControlStream& cbs, int control, const src_item& item) {
     const size_t length = std::min(cbs.size(), static_cast<size_t>(item.size));
     memcpy(item.buf, cbs.data(), length);
@@ -191,7 +194,9 @@ int src_fileEof(ftx_entry* ftx, const src_item& item) {
     ftx_elem* const elem = ftx->current;
     ftx->ftx_progress = FTX_BETWEEN_FILES;
     if (FTX_closeFdFile(&ftx->file) != 0) {
-        ftxe_set_message(elem, number_file_call, errno, call_insert("close()", elem->source_name, errno));
+        const int error_number = errno;
+        ftxe_set_message(elem, number_file_call, error_number,
+                         call_insert("close()", printable(elem->source_name), error_number));
         update_FtxStatus(ftx, elem, FTXE_ERROR);
     } else if (elem->ftxe_status == FTXE_ACTIVE) {
         update_FtxStatus(ftx, elem, FTXE_SENT);

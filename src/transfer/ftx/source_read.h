@@ -20,6 +20,9 @@ int src_textRead(void* ftx, char* buf, int size, int mode, int* rest, int* ctrl,
 
 // Opens the next file and gives its file_open; or make_dir, or the sync behind the last; -1 behind that.
 int src_openNextFile(ftx_entry* ftx, const src_item& item);
+// Opens the folder that holds a source, whose name in there is `last`. What lies behind the order's own folder
+// is reached without links. 0 or -1 with errno.
+int src_enterFolder(ftx_entry* ftx, const std::string& name, std::string* last);
 // Opens one, and fills what tells the receiver of it. 0 or -1 with `err`.
 int src_openFile(ftx_entry* ftx, ftx_elem* elem, ControlStream* cbs, qx7_error* err);
 // The file has ended, or cannot be read: its file_close.

@@ -3,6 +3,8 @@
 #include <sys/resource.h>
 
 #include "ftx_files_support.h"
+#include "transfer/ftx/folders.h"
+#include "transfer/ftx/store.h"
 
 namespace {
 
@@ -401,6 +403,32 @@ TEST_F(ftx_files, source_is_erased_only_as_it_was_sent) {
     EXPECT_EQ(erase([&] { unlink((folder / "from/file").c_str()); }), ENOENT);
 }
 
+TEST_F(ftx_files, source_that_is_too_deep_spoils_neither_the_list_nor_a_restart) {
+    std::string deep = "from";
+    for (int i = 0; i < 9; ++i) {
+        deep += "/" + std::string(240, 'd');
+    }
+    std::filesystem::create_directories(folder / deep);
+    folder.write(deep + "/file", "x");
+    folder.write("from/file", "y");
+    for (const char restart : {ftx_anew, ftx_resume}) {
+        qx7_error error;
+        prepare({.source = "from/*",
+                 .destination = "to/*",
+                 .overwrite = 'Y',
+                 .restart = restart,
+                 .wildcard = true});
+        ASSERT_EQ(ss_saveFTX(source.get(), &error), 0) << error.qx_msgInsert;
+        ASSERT_EQ(list(&error), 0) << error.qx_msgInsert;
+        ASSERT_EQ(ss_saveFTX(source.get(), &error), 0);
+        ASSERT_TRUE(send());
+        EXPECT_EQ(tree("to"), (tree_of{{"file", "y"}}));
+        EXPECT_EQ(source->ftx_nof_error, 1);
+        EXPECT_EQ(source->elements.size(), 2U);
+        source.reset();  // and its store
+    }
+}
+
 // ---- What others have prepared
 
 TEST_F(ftx_files, prepared_temporary_names_lead_nowhere) {
@@ -457,6 +485,21 @@ TEST_F(ftx_files, folder_that_becomes_a_link_is_not_entered_for_its_files) {
     ASSERT_TRUE(send());
     EXPECT_EQ(sent_file().insert, "4711|from/sub/file|errno 40, Too many levels of symbolic links");
     EXPECT_TRUE(tree("to").empty());
+}
+
+TEST_F(ftx_files, folder_that_becomes_a_link_is_not_entered_to_erase) {
+    std::filesystem::create_directories(folder / "from/sub");
+    std::filesystem::create_directory(folder / "precious");
+    folder.write("from/sub/file", "public");
+    ASSERT_TRUE(run({.source = "from/*", .destination = "to/*", .wildcard = true}));
+    ftx_leave_folder(source.get());
+    rename((folder / "from/sub/file").c_str(), (folder / "precious/file").c_str());
+    std::filesystem::remove(folder / "from/sub");
+    symlink("../precious", (folder / "from/sub").c_str());
+    qx7_error error;
+    EXPECT_EQ(FTX_removeFile(source.get(), &source->elements.at(0), &error), -1);
+    EXPECT_EQ(error.qx_errno, ELOOP);
+    EXPECT_TRUE(folder.exists("precious/file"));
 }
 
 }  // namespace
