@@ -60,19 +60,36 @@ int close_written(ftx_entry* ftx, bool to_disk) {
     return synced;
 }
 
+// Gives the file its final name. When a repeat finds it taken by the same content, an earlier run has completed
+// the file and could not tell. 0 or -1 with errno.
+int give_final_name(const ftx_entry* ftx, bool to_disk) {
+    const int folder = ftx->folder.get();
+    const char* const temp = ftx->working_name.c_str();
+    const char* const name = ftx->final_name.c_str();
+    if (FTX_renameFile(folder, temp, name, ftx->may_replace) == 0) {
+        return 0;
+    }
+    if (errno != EEXIST || ftx->ftx_ah_idnr2 == 0) {
+        return -1;
+    }
+    if (!FTX_sameContent(folder, temp, name, to_disk)) {
+        errno = EEXIST;
+        return -1;
+    }
+    return unlinkat(folder, temp, 0);
+}
+
 void complete(ftx_entry* ftx, ftx_elem* elem) {
     const bool to_disk = ftx->ftx_erase == ftx_yes;
     if (close_written(ftx, to_disk) != 0) {
         close_failed(ftx, elem, errno);
         return;
     }
-    const int folder = ftx->folder.get();
-    if (elem->dst_Temp_File == 1 &&
-        FTX_renameFile(folder, ftx->working_name.c_str(), ftx->final_name.c_str(), ftx->may_replace) != 0) {
+    if (elem->dst_Temp_File == 1 && give_final_name(ftx, to_disk) != 0) {
         rename_failed(ftx, elem, errno);
         return;
     }
-    if (to_disk && ftx_sync_folder(folder) != 0) {
+    if (to_disk && ftx_sync_folder(ftx->folder.get()) != 0) {
         close_failed(ftx, elem, errno);
         return;
     }

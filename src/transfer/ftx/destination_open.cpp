@@ -57,13 +57,19 @@ struct target {
     bool exists = false;
 };
 
-// The path that a link in the open folder leads to; empty when it leads nowhere.
+// The path that a link in the open folder leads to; empty when it leads nowhere or is not to be trusted. The
+// link is held while it is looked at, so that no other one takes its place.
 std::string link_target(const ftx_entry* ftx, const std::string& name) {
-    char text[PATH_MAX];
+    const int folder = ftx->folder.get();
+    const qx_descriptor link(openat(folder, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     struct stat status;
-    const ssize_t length = readlinkat(ftx->folder.get(), name.c_str(), text, sizeof text);
+    if (!link.valid() || fstat(link.get(), &status) != 0 || !ftx_link_is_trusted(status, folder)) {
+        return {};
+    }
+    char text[PATH_MAX];
+    const ssize_t length = readlinkat(link.get(), "", text, sizeof text);
     if (length <= 0 || static_cast<size_t>(length) == sizeof text ||
-        fstatat(ftx->folder.get(), name.c_str(), &status, 0) != 0) {
+        fstatat(folder, name.c_str(), &status, 0) != 0) {
         return {};
     }
     const std::string to(text, static_cast<size_t>(length));
@@ -92,15 +98,12 @@ int find_target(ftx_entry* ftx, const ftx_elem* elem, target* found) {
             errno = links > link_limit ? ELOOP : errno;
             return -1;
         }
-        const int folder = ftx->folder.get();
-        found->exists = fstatat(folder, found->name.c_str(), &found->status, AT_SYMLINK_NOFOLLOW) == 0;
+        found->exists =
+            fstatat(ftx->folder.get(), found->name.c_str(), &found->status, AT_SYMLINK_NOFOLLOW) == 0;
         if (!found->exists) {
             return errno == ENOENT ? 0 : -1;
         }
-        if (!S_ISLNK(found->status.st_mode) || !ftx_link_is_trusted(found->status, folder)) {
-            return 0;
-        }
-        const std::string to = link_target(ftx, found->name);
+        const std::string to = S_ISLNK(found->status.st_mode) ? link_target(ftx, found->name) : std::string();
         if (to.empty()) {
             return 0;
         }
@@ -203,6 +206,20 @@ bool has_prefix(ftx_entry* ftx, ftx_elem* elem, const __ftx_restart_info& record
            check_fileConsistency(ftx, elem, record, &ignored) == 0;
 }
 
+// A file that has its final name already loses it while more is written, or half of it could be taken for the
+// whole. What is appended to keeps it, and so does what cannot be renamed.
+void take_final_name_back(ftx_entry* ftx, ftx_elem* elem) {
+    if (elem->dst_Temp_File == 1 || !is_repeat(ftx) || GetFtTempFile() != '1' ||
+        dst_ordered_overwrite(ftx) == ftx_append || !ftx_is_own_file(ftx->file.get())) {
+        return;
+    }
+    const std::string temp = create_TempPath(ftx, elem);
+    if (FTX_renameFile(ftx->folder.get(), ftx->final_name.c_str(), temp.c_str(), false) == 0) {
+        use_temp(ftx, elem, true);
+        ftx->may_replace = dst_ordered_overwrite(ftx) == ftx_yes;
+    }
+}
+
 int go_on(ftx_entry* ftx, ftx_elem* elem, const restart_item& restart) {
     const int64_t position = restart.record.rst_filepos;
     if (!restart.usable) {
@@ -210,7 +227,11 @@ int go_on(ftx_entry* ftx, ftx_elem* elem, const restart_item& restart) {
     }
     ftx->file.reset(FTX_openFileReadWrite(ftx->folder.get(), ftx->working_name.c_str()));
     if (!ftx->file.valid() || (elem->dst_Temp_File == 1 && !ftx_is_own_file(ftx->file.get())) ||
-        !has_prefix(ftx, elem, restart.record) || ftruncate(ftx->file.get(), position) != 0) {
+        !has_prefix(ftx, elem, restart.record)) {
+        return ask_anew(ftx, elem);
+    }
+    take_final_name_back(ftx, elem);
+    if (ftruncate(ftx->file.get(), position) != 0) {
         return ask_anew(ftx, elem);
     }
     elem->ftxe_transferedBytes = elem->ftxe_fileSize = position;
@@ -329,7 +350,7 @@ int dst_openFile(ftx_entry* ftx, ftx_elem* elem, std::string_view item, qx7_erro
     if (dst_file_names(ftx, elem, item, err) != 0) {
         return -1;
     }
-    __log(number_file_received, "%d|%s|", ftx->ftx_transfer_id, printable(elem->destination_name).c_str());
+    __log(number_file_received, "%d|%s", ftx->ftx_transfer_id, printable(elem->destination_name).c_str());
     const int64_t size = told_size(item);
     decide_digest(ftx, elem, size);
     if (check_room(ftx, elem, size, err) != 0) {

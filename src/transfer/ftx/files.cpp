@@ -7,7 +7,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
+#include "base/file_data.h"
 #include "base/files.h"
 #include "base/message_numbers.h"
 #include "base/paths.h"
@@ -20,6 +22,7 @@ namespace {
 // at.
 constexpr int careful = O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
 constexpr mode_t file_mode = 0666;  // less the umask
+constexpr size_t compared_piece = 32768;
 
 int give_up(int fd, int error_number) {
     close(fd);
@@ -52,6 +55,20 @@ bool is_made_up(int fd, dev_t device) {
     }
     good_device = device;
     return false;
+}
+
+bool same_bytes(int one, int other) {
+    char pieces[2][compared_piece];
+    for (;;) {
+        const ssize_t got = readn(one, pieces[0], compared_piece);
+        if (got < 0 || readn(other, pieces[1], compared_piece) != got ||
+            memcmp(pieces[0], pieces[1], static_cast<size_t>(got)) != 0) {
+            return false;
+        }
+        if (got == 0) {
+            return true;
+        }
+    }
 }
 
 }  // namespace
@@ -117,6 +134,14 @@ int FTX_renameFile(int folder, const char* from, const char* to, bool replace) {
         return -1;
     }
     return renameat(folder, from, folder, to);
+}
+
+bool FTX_sameContent(int folder, const char* one, const char* other, bool to_disk) {
+    struct stat of_one, of_other;
+    const qx_descriptor first(FTX_openFileRead(folder, one, false, &of_one));
+    const qx_descriptor second(FTX_openFileRead(folder, other, false, &of_other));
+    return first.valid() && second.valid() && of_one.st_size == of_other.st_size &&
+           same_bytes(first.get(), second.get()) && (!to_disk || fsync(second.get()) == 0);
 }
 
 std::string create_TempPath(const ftx_entry* ftx, const ftx_elem* elem) {

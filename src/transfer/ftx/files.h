@@ -25,6 +25,8 @@ int FTX_openFileAppend(int folder, const char* name, bool reading);
 int FTX_closeFdFile(qx_descriptor* file);
 // `replace` false: EEXIST when there is a file of that name, which stays.
 int FTX_renameFile(int folder, const char* from, const char* to, bool replace);
+// Whether two files hold the same; with `to_disk` also whether the other one is on the disk then.
+bool FTX_sameContent(int folder, const char* one, const char* other, bool to_disk);
 
 // The temporary name of a file, beside its destination.
 std::string create_TempPath(const ftx_entry* ftx, const ftx_elem* elem);

@@ -211,6 +211,49 @@ TEST_F(ftx_restart, repeat_prefers_its_temporary_file_and_spares_what_others_mad
     }
 }
 
+TEST_F(ftx_restart, what_an_earlier_run_completed_is_complete_though_it_could_not_tell) {
+    const std::string content = bytes_of(100000, 12);
+    folder.write("from/file", content);
+    for (const char letter : {'N', 'A'}) {
+        for (const bool same : {true, false}) {
+            std::string there = content;
+            there.back() = static_cast<char>(there.back() + (same ? 0 : 1));
+            folder.write("to/file", there);
+            folder.write("to/AAAAGZF_0.tmp", "begun by a repeat that was broken off");
+            ASSERT_TRUE(run({.overwrite = letter, .repeats = id}));
+            EXPECT_EQ(arrived().ftxe_status, same ? 'C' : 'E');
+            EXPECT_EQ(arrived().ftxe_msgnr, same ? 0 : number_destination_exists);
+            EXPECT_TRUE(folder.read("to/file") == there);
+            EXPECT_EQ(folder.exists("to/AAAAGZF_0.tmp"), !same);
+        }
+    }
+}
+
+TEST_F(ftx_restart, file_that_goes_on_has_no_final_name_meanwhile) {
+    const std::string content = bytes_of(2000000, 13);
+    folder.write("from/file", content);
+    const std::string temp = folder / "to/AAAAGZF_0.tmp";
+    for (const char letter : {'N', 'Y'}) {
+        const left_over left = cut({.overwrite = letter}, 1000000);
+        folder.write("to/file", content);  // a repeat completed it, and nobody heard
+        unlink(temp.c_str());
+        prepare({.overwrite = letter, .restart = ftx_resume, .repeats = id});
+        ControlStream item;
+        cbsPutInt(&item, "OID", 0);
+        cbsPutInt64(&item, "SIZ", 2000000);
+        cbsPutByteStream(&item, "RST", left.receiver_record.data(), left.receiver_record.size());
+        give(CTRL_FILE_OPEN, item);
+        EXPECT_EQ(arrived().ftxe_transferedBytes, left.position());
+        EXPECT_FALSE(folder.exists("to/file"));
+        dst_closeUnfinished(destination.get());
+        ASSERT_TRUE(go_on({.overwrite = letter}, left));
+        EXPECT_EQ(arrived().ftxe_status, 'C');
+        EXPECT_TRUE(folder.read("to/file") == content);
+        EXPECT_LT(stream.size(), content.size());
+        unlink((folder / "to/file").c_str());
+    }
+}
+
 TEST_F(ftx_restart, digest_of_a_position_leaves_the_running_one_alone) {
     const std::string content = bytes_of(100000, 11);
     prepare({});
