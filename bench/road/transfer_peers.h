@@ -102,7 +102,7 @@ struct peers {
     void start_ssh() {
         for (const char* program : {"/usr/sbin/sshd", "/usr/bin/scp", "/usr/bin/ssh-keygen"}) {
             if (access(program, X_OK) != 0) {
-                ssh.missing = std::string(program) + " is not there (scripts/setup --bench)";
+                ssh.missing = std::string(program) + " is not there (scripts/setup --peers)";
                 return;
             }
         }

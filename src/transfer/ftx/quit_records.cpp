@@ -73,6 +73,13 @@ void report_failure(ftx_entry* ftx, const ftx_elem* elem) {
 
 // ---- The letters
 
+void save_changed(ftx_entry* ftx, ftx_elem* elem) {
+    qx7_error err;
+    if ((elem->ftxe_flag & FTXE_MUST_SAVE) != 0 && ss_saveFTXE(ftx, elem, &err) != 0) {
+        __log_error(err);
+    }
+}
+
 void remove_source(ftx_entry* ftx, ftx_elem* elem) {
     qx7_error err;
     if (ftx->ftx_erase != ftx_yes || is_directory(elem) || FTX_removeFile(ftx, elem, &err) == 0) {
@@ -102,11 +109,13 @@ record_result take_complete(ftx_entry* ftx, ftx_elem* elem, const quit_record& r
         return RECORD_IMPOSSIBLE;
     }
     put_times(elem);
+    elem->ftxe_flag |= FTXE_REPORTED;
+    update_FtxStatus(ftx, elem, FTXE_COMPLETE);
+    // A line that a crash leaves out comes with the next run, a file that was told of must not be sent again.
+    save_changed(ftx, elem);
     if (record.fixed.msl_id != -1) {
         ftx_report_arrived(ftx, elem);
     }
-    elem->ftxe_flag |= FTXE_REPORTED;
-    update_FtxStatus(ftx, elem, FTXE_COMPLETE);
     remove_source(ftx, elem);
     return RECORD_TAKEN;
 }
@@ -258,10 +267,7 @@ record_result process_ftxquitt_record(ftx_entry* ftx, const quit_record& record)
         return result;
     }
     take_restart(elem, record.restart);
-    qx7_error err;
-    if ((elem->ftxe_flag & FTXE_MUST_SAVE) != 0 && ss_saveFTXE(ftx, elem, &err) != 0) {
-        __log_error(err);
-    }
+    save_changed(ftx, elem);
     return RECORD_TAKEN;
 }
 
