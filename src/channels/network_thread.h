@@ -28,6 +28,10 @@ int ccm_receive_message_until(ccm_context_t* ccm, time_t due, ccm_msg_t** out, c
 int ccm_wait_processor(ccm_context_t* ccm, int seconds, ccm_error_t* err);
 // Whether the receive queue is empty.
 bool ccm_recvq_empty(ccm_context_t* ccm);
+// Whether a message waits there for which `wanted` is true. That is called with the queue's lock held, and only
+// looks. Main thread.
+bool ccm_message_waits(ccm_context_t* ccm, bool (*wanted)(const ccm_msg_t* msg, const void* context),
+                       const void* context);
 
 // Wakes the thread and waits until it has ended a cycle that began after the call: what was marked before is
 // in force then. 0, or -1 after `milliseconds` or without a thread. Main thread.

@@ -173,6 +173,17 @@ bool ccm_recvq_empty(ccm_context_t* ccm) {
     return ccm->recvq.first == nullptr;
 }
 
+bool ccm_message_waits(ccm_context_t* ccm, bool (*wanted)(const ccm_msg_t* msg, const void* context),
+                       const void* context) {
+    spin_guard guard(&ccm->queue_lock);
+    for (const ccm_msg_t* msg = ccm->recvq.first; msg != nullptr; msg = msg->nxt) {
+        if (wanted(msg, context)) {
+            return true;
+        }
+    }
+    return false;
+}
+
 int ccm_network_sync(ccm_context_t* ccm, int milliseconds) {
     if (ccm->thread_started.load() == 0) {
         return -1;

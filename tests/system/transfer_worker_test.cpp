@@ -130,6 +130,31 @@ TEST_F(transfer_workers, end_with_their_agent) {
     EXPECT_TRUE(wait(15000, [&] { return target(run) < 0; })) << tale(run);
 }
 
+// A source of nothing packs so well that a block takes long to fill, and its end is hours away.
+TEST_F(transfer_workers, stop_reading_when_they_are_told_to) {
+    start_agents();
+    write_file(from("from/endless"), "");
+    ASSERT_EQ(truncate(from("from/endless").c_str(), off_t{1} << 42), 0);
+    for (const char compress : {'1', 'S'}) {
+        cp_transfer wanted = wish("from/endless", "to/");
+        wanted.compress = compress;
+        const int run = order(wanted);
+        ASSERT_TRUE(wait(20000, [&] { return source(run) > 0; })) << tale(run);
+        wait(1500, [] { return false; });
+        std::string error;
+        ASSERT_TRUE(cp_cancel_transfer(server.get(), run, error)) << error;
+        EXPECT_TRUE(wait_over(run, 4000)) << compress << tale(run);
+        EXPECT_EQ(state(run), "cancelled") << tale(run);
+        EXPECT_FALSE(reported(run, 63028));
+    }
+    const int run = order(wish("from/endless", "to/"));
+    ASSERT_TRUE(wait(20000, [&] { return source(run) > 0; })) << tale(run);
+    wait(1500, [] { return false; });
+    const pid_t worker = source(run);
+    send_signal(worker, SIGTERM);
+    EXPECT_TRUE(wait(4000, [&] { return source(run) != worker; })) << tale(run);
+}
+
 TEST_F(transfer_workers, are_waited_for_when_the_operator_wants_it) {
     first.ini["FILETRANSFER"]["ft_delayed_shutdown"] = "60";
     start_agents();

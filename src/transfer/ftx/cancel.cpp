@@ -49,6 +49,15 @@ int cancel_in_agent(EX_PCX* pcx, const ccm_msg_t* msg, int ah_idnr) {
     return 0;
 }
 
+// The list of files was given up for this; the server has no answer to its order yet.
+int cancel_order(EX_PCX* pcx, ftx_entry* ftx) {
+    ftx_drop_channel(pcx, ftx->partnerID);
+    tell_cancelled(pcx, ftx_asker_of(ftx));
+    ftx_process_shutdown(pcx, ftx);
+    FreeFtxEntry(ftx);
+    return 0;
+}
+
 int cancel_in_worker(EX_PCX* pcx, const ccm_msg_t* msg, int ah_idnr) {
     ftx_entry* ftx = getFtxByIdnr(ah_idnr);
     if (ftx == nullptr) {
@@ -58,6 +67,9 @@ int cancel_in_worker(EX_PCX* pcx, const ccm_msg_t* msg, int ah_idnr) {
         // A receiver has nothing of its own to tell; its sender sees the end of the connection.
         ccm_channel_deletebyID(pcx->ccm, ftx->partnerID);
         return 0;
+    }
+    if (ftx_lists_in_vain(ftx)) {
+        return cancel_order(pcx, ftx);
     }
     putFtxLog(ftx, number_cancel_ordered, "%d|", ah_idnr);
     if (ftx->ftx_progress == FTX_FINISHED || ftx->end_sent) {

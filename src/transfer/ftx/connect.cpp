@@ -124,7 +124,14 @@ void sender_alone(EX_PCX* pcx, ftx_entry* ftx, const ccm_channel_image_t& channe
     }
     __log(number_transfer_connection_lost, "%d|", ftx->ftx_transfer_id);
     putFtxLog(ftx, number_transfer_connection_lost, "%d|", ftx->ftx_transfer_id);
-    ftx_set_message(ftx, number_transfer_connection_closed, std::to_string(ftx->ftx_transfer_id) + "|");
+    const std::string insert = std::to_string(ftx->ftx_transfer_id) + "|";
+    if (ftx_lists_in_vain(ftx)) {
+        ftx_answer_order(pcx, ftx_asker_of(ftx), number_transfer_connection_closed, insert);
+        ftx_process_shutdown(pcx, ftx);
+        FreeFtxEntry(ftx);
+        return;
+    }
+    ftx_set_message(ftx, number_transfer_connection_closed, insert);
     ftx_end_with_error(pcx, ftx);
 }
 

@@ -39,7 +39,7 @@ int take_file_open(ftx_entry* ftx, std::string_view item) {
     qx7_error error;
     if (dst_openFile(ftx, elem, item, &error) != 0) {
         ftx->file.reset();
-        return failed(ftx, elem, error);
+        return ftx->interrupted ? DST_FAILED : failed(ftx, elem, error);
     }
     elem->ftxe_flag &= ~FTXE_REPORTED;
     if (elem->ftxe_status != FTXE_AGAIN) {
@@ -147,9 +147,10 @@ bool dst_control(ftx_entry* ftx, const char* buf, int len, int ctrl, ErrMsg* err
     if (ctrl == CTRL_DATA || ctrl == CTRL_RECORD_END) {
         return false;
     }
-    if (dst_processControlData(ftx, {buf, static_cast<size_t>(len)}, ctrl) == DST_VIOLATION) {
+    const int result = dst_processControlData(ftx, {buf, static_cast<size_t>(len)}, ctrl);
+    if (result == DST_VIOLATION || ftx->interrupted) {
         copy_text(err->text, std::to_string(ftx->ftx_transfer_id) + "|");
-        err->code = number_partner_misbehaves;
+        err->code = ftx->interrupted ? number_transfer_connection_closed : number_partner_misbehaves;
     }
     return true;
 }

@@ -217,6 +217,9 @@ struct ftx_entry : FTX_AREA {
     std::unique_ptr<unsigned char[]> buffer;  // ftx_fiob
     md5_context md5 = {};
 
+    bool interrupted = false;  // worker: what ends the transfer waits (transfer/ftx/interrupt.h)
+    int64_t next_look_ms = 0;  // and when that is looked for again, on the alarm clock
+
     int connecting_ID = 0;      // agent: channel that this order opened, 0 without one
     int64_t waits_since = 0;    // agent: when FTXRECV went out, on the alarm clock
     bool end_sent = false;      // sender: FTXEND is out

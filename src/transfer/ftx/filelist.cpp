@@ -15,6 +15,7 @@
 #include "log/log.h"
 #include "transfer/ftx/entry.h"
 #include "transfer/ftx/folders.h"
+#include "transfer/ftx/interrupt.h"
 #include "transfer/ftx/module.h"
 #include "transfer/ftx/protocol.h"
 #include "transfer/ftx/source.h"
@@ -113,6 +114,9 @@ bool is_left_out(const _My_Area& area, const walk_entry& entry) {
 int ftx_filelist_callback_handler(_My_Area* area, const std::string& name, const walk_entry& entry,
                                   folder_walk_event event) {
     auto* const list = static_cast<list_context*>(area->my_struct);
+    if (ftx_is_interrupted(list->ftx)) {
+        return 1;
+    }
     if (event == WALK_FOLDER_FAILED) {
         return take_failed_folder(list, name, entry.error_number);
     }

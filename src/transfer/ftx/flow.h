@@ -51,6 +51,11 @@ int ftx_answer_order(EX_PCX* pcx, const ftx_asker& asker, int number, std::strin
 
 // ---- The sender's state
 
+// Its list of files was interrupted, so that the order has no answer and the store no list.
+inline bool ftx_lists_in_vain(const ftx_entry* ftx) {
+    return ftx->interrupted && ftx->is_sender() && (ftx->ftx_send_flag & FTX_SEND_ANSWERED) == 0;
+}
+
 // In quit_records.cpp: one FTXQUIT. 0, or -1 for what no receiver says.
 int ftx_take_quit_records(EX_PCX* pcx, ftx_entry* ftx, const message_view& view, int count);
 // In window.cpp: the receiver has taken another group of blocks.

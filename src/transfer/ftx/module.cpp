@@ -45,7 +45,7 @@ void close_files(ftx_entry* entry) {
 }
 
 void note_break(ftx_entry* entry) {
-    __log(number_transfer_connection_closed, "%d", entry->ftx_transfer_id);
+    __log(number_transfer_connection_closed, "%d|", entry->ftx_transfer_id);
     entry->ftx_flag |= FTX_END_LOGGED;
     entry->ftx_status_flag = FTX_STATUS_ERROR;
     entry->ftx_progress = FTX_FINISHED;

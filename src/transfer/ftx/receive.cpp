@@ -123,7 +123,7 @@ int take_block(EX_PCX* pcx, ftx_entry* ftx, std::span<const unsigned char> block
     }
     dcsWrite(ftx->decompressor.get(), reinterpret_cast<const char*>(block.data()),
              static_cast<int>(block.size()), &ftx->message);
-    if (log_compression(ftx->message)) {
+    if (ftx->interrupted || log_compression(ftx->message)) {
         return -1;
     }
     ++ftx->ftx_nof_unquitted;

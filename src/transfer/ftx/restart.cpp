@@ -12,6 +12,7 @@
 #include "base/file_data.h"
 #include "base/message_numbers.h"
 #include "base/text.h"
+#include "transfer/ftx/interrupt.h"
 #include "transfer/ftx/protocol.h"
 
 namespace {
@@ -62,6 +63,9 @@ int64_t ftx_digest_prefix(ftx_entry* ftx, const ftx_elem* elem, int64_t length, 
     posix_fadvise(fd, 0, length, POSIX_FADV_SEQUENTIAL);
     int64_t taken = 0;
     while (taken < length) {
+        if (ftx_is_interrupted(ftx)) {
+            return read_failed_error(ftx, name, ECANCELED, err);
+        }
         const auto wanted = static_cast<size_t>(std::min<int64_t>(length - taken, prefix_piece));
         const ssize_t got = readn(fd, piece.get(), wanted);
         if (got < 0) {

@@ -131,8 +131,11 @@ int ftx_send_ftxdata(EX_PCX* pcx, ftx_entry* ftx) {
     memcpy(msg->msg_start, &head, sizeof head);
     const int length = csRead(ftx->compressor.get(), reinterpret_cast<char*>(msg->msg_start) + sizeof head,
                               static_cast<int>(ftx_data_max - sizeof head), &ftx->message);
-    if (ftx->message.code != 0 || length <= 0) {
+    if (ftx->interrupted || ftx->message.code != 0 || length <= 0) {
         ccm_msg_free(pcx->ccm, msg);
+    }
+    if (ftx->interrupted) {
+        return -1;
     }
     if (ftx->message.code != 0) {
         __log(ftx->message.code, "%s", ftx->message.text);

@@ -81,6 +81,8 @@ int connect_back(EX_PCX* pcx, const ccm_msg_t* msg, ftx_entry* ftx) {
 
 int connect_directly(EX_PCX* pcx, const ccm_msg_t* msg, std::unique_ptr<ftx_entry> entry) {
     if (pcx->upgrade_ah_idnr != 0) {
+        __log(number_upgrade_running, "%s", "");
+        __log(number_transfer_failed, "%d|", entry->ftx_transfer_id);
         ftx_answer_order(pcx, ftx_asker_of(entry.get()), number_upgrade_running, "");
         return -1;
     }
@@ -146,6 +148,9 @@ int prepare(ftx_entry* ftx, const MSG_TYPE_FTXRECVQ& answer, qx7_error* err) {
 int begin_as_worker(EX_PCX* pcx, ftx_entry* ftx, const MSG_TYPE_FTXRECVQ& answer) {
     qx7_error err;
     if (prepare(ftx, answer, &err) != 0) {
+        if (ftx->interrupted) {
+            return 0;  // what waits says how it ends
+        }
         __log_error(err);
         __log(number_transfer_failed, "%d|", ftx->ftx_transfer_id);
         ftx_send_ftxsendq(pcx, ftx, err.qx_msgnr, err.qx_msgInsert);

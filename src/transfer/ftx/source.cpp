@@ -16,6 +16,7 @@
 #include "log/log.h"
 #include "transfer/ftx/files.h"
 #include "transfer/ftx/folders.h"
+#include "transfer/ftx/interrupt.h"
 #include "transfer/ftx/module.h"
 #include "transfer/ftx/protocol.h"
 #include "transfer/ftx/restart.h"
@@ -105,11 +106,14 @@ ssize_t src_readFile(ftx_entry* ftx, void* to, size_t size, const char* simulati
     return got;
 }
 
-int src_binRead(void* hIn, char* buf, int size, int, int*, int* ctrl, ErrMsg*) {
+int src_binRead(void* hIn, char* buf, int size, int, int*, int* ctrl, ErrMsg* err) {
     auto* const ftx = static_cast<ftx_entry*>(hIn);
     const src_item item{buf, size, ctrl};
+    if (ftx_is_interrupted(ftx)) {
+        return src_breakOff(ftx, err);
+    }
     if (ftx->ftx_progress != FTX_IN_FILE) {
-        return src_openNextFile(ftx, item);
+        return src_openNextFile(ftx, item, err);
     }
     if (src_restart_due(ftx, 1)) {
         return send_restartInfo(ftx, item);

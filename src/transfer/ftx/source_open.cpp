@@ -99,6 +99,10 @@ int set_position(ftx_entry* ftx, ftx_elem* elem, int64_t size_then, ControlStrea
         resume(elem, cbs);
         return 0;
     }
+    if (ftx->interrupted) {
+        errno = ECANCELED;
+        return -1;
+    }
     begin_anew(elem);
     md5_init(&ftx->md5);
     return lseek(ftx->file.get(), 0, SEEK_SET) == 0 ? 0 : -1;
@@ -190,6 +194,12 @@ int src_give(const ControlStream& cbs, int control, const src_item& item) {
     return static_cast<int>(length);
 }
 
+int src_breakOff(const ftx_entry* ftx, ErrMsg* err) {
+    err->code = number_cancel_begun;
+    copy_text(err->text, std::to_string(ftx->ftx_transfer_id));
+    return -1;
+}
+
 int src_fileEof(ftx_entry* ftx, const src_item& item) {
     ftx_elem* const elem = ftx->current;
     ftx->ftx_progress = FTX_BETWEEN_FILES;
@@ -247,7 +257,7 @@ int src_openFile(ftx_entry* ftx, ftx_elem* elem, ControlStream* cbs, qx7_error* 
     return 0;
 }
 
-int src_openNextFile(ftx_entry* ftx, const src_item& item) {
+int src_openNextFile(ftx_entry* ftx, const src_item& item, ErrMsg* err) {
     if (ftx->ftx_progress == FTX_SYNC_ISSUED) {
         return -1;
     }
@@ -267,6 +277,9 @@ int src_openNextFile(ftx_entry* ftx, const src_item& item) {
         if (src_openFile(ftx, elem, &cbs, &error) == 0) {
             ++ftx->items;
             return give_file(ftx, elem, cbs, item);
+        }
+        if (ftx->interrupted) {
+            return src_breakOff(ftx, err);
         }
         report_failed_open(ftx, elem, error);
         if (ftx->has(FTX_ABORT_ON_ERROR)) {

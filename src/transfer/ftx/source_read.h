@@ -18,8 +18,9 @@ int src_textRead(void* ftx, char* buf, int size, int mode, int* rest, int* ctrl,
 
 // ---- Between files (source_open.cpp)
 
-// Opens the next file and gives its file_open; or make_dir, or the sync behind the last; -1 behind that.
-int src_openNextFile(ftx_entry* ftx, const src_item& item);
+// Opens the next file and gives its file_open; or make_dir, or the sync behind the last; -1 behind that, and with
+// `err` when it was interrupted.
+int src_openNextFile(ftx_entry* ftx, const src_item& item, ErrMsg* err);
 // Opens the folder that holds a source, whose name in there is `last`. What lies behind the order's own folder
 // is reached without links. 0 or -1 with errno.
 int src_enterFolder(ftx_entry* ftx, const std::string& name, std::string* last);
@@ -28,6 +29,8 @@ int src_openFile(ftx_entry* ftx, ftx_elem* elem, ControlStream* cbs, qx7_error* 
 // The file has ended, or cannot be read: its file_close.
 int src_fileEof(ftx_entry* ftx, const src_item& item);
 int src_fileError(ftx_entry* ftx, int error_number, const src_item& item);
+// The stream cannot go on, since the transfer ends here. -1 with `err`.
+int src_breakOff(const ftx_entry* ftx, ErrMsg* err);
 // Gives a control stream as item of that type.
 int src_give(const ControlStream& cbs, int control, const src_item& item);
 

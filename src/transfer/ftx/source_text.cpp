@@ -12,6 +12,7 @@
 #include "base/file_data.h"
 #include "base/message_numbers.h"
 #include "base/text.h"
+#include "transfer/ftx/interrupt.h"
 #include "transfer/ftx/source.h"
 #include "transfer/ftx/source_read.h"
 
@@ -203,7 +204,7 @@ int src_textRead(void* hIn, char* buf, int size, int, int*, int* ctrl, ErrMsg* e
     auto* const ftx = static_cast<ftx_entry*>(hIn);
     const src_item item{buf, size, ctrl};
     if (ftx->ftx_progress != FTX_IN_FILE) {
-        return src_openNextFile(ftx, item);
+        return ftx_is_interrupted(ftx) ? src_breakOff(ftx, err) : src_openNextFile(ftx, item, err);
     }
     for (bool at_end = false;;) {
         const text_line line = next_line(ftx, at_end);
@@ -215,6 +216,9 @@ int src_textRead(void* hIn, char* buf, int size, int, int*, int* ctrl, ErrMsg* e
         }
         if (ftx->rb_pos == ftx->rb_len && src_restart_due(ftx, 0)) {
             return send_restartInfo(ftx, item);
+        }
+        if (ftx_is_interrupted(ftx)) {
+            return src_breakOff(ftx, err);
         }
         const ssize_t got = fill(ftx);
         if (got < 0) {

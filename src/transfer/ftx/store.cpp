@@ -151,7 +151,7 @@ int ss_saveFTX(ftx_entry* ftx, qx7_error* err) {
         if (ss_open_file(ftx, SS_FOR_RUN, err) != 0) {
             return -1;
         }
-    } else if (ftx->ftx_max_oid == list_not_whole) {
+    } else if (ftx->ftx_max_oid == list_not_whole && !ftx->interrupted) {
         ftx->ftx_max_oid = static_cast<int32_t>(ftx->elements.size());
     }
     memcpy(ftx->ftxsend_addr, &ftx->order_address, sizeof ftx->ftxsend_addr);

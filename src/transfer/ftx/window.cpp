@@ -136,6 +136,9 @@ bool must_wait(const ftx_entry* ftx) {
 void ftx_transfer_data(EX_PCX* pcx, ftx_entry* ftx) {
     while (ftx->ftx_nof_unquitted < ftx->ftx_async_quit_max && (!exhausted(ftx) || resend_wanted(ftx))) {
         const int sent = send_next(pcx, ftx);
+        if (ftx->interrupted) {
+            return;  // what waits ends the transfer
+        }
         if (sent < 0) {
             fail(pcx, ftx);
             return;
@@ -148,7 +151,7 @@ void ftx_transfer_data(EX_PCX* pcx, ftx_entry* ftx) {
 
 void ftx_group_quitted(EX_PCX* pcx, ftx_entry* ftx) {
     count_quit(ftx);
-    if (ftx->ftx_status_flag != FTX_STATUS_RUNNING || judge_end(pcx, ftx)) {
+    if (ftx->interrupted || ftx->ftx_status_flag != FTX_STATUS_RUNNING || judge_end(pcx, ftx)) {
         return;
     }
     if (exhausted(ftx) && !resend_wanted(ftx)) {

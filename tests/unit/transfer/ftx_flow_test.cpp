@@ -1,5 +1,7 @@
 // The flow between sender and receiver: the window, resends, ends, cancel, and partners that lie.
 #include "base/message_numbers.h"
+#include "channels/internal.h"
+#include "channels/ipc.h"
 #include "ftx_pair.h"
 
 namespace {
@@ -210,6 +212,106 @@ TEST_F(flow_test, ACancelEndsOnceAndLeavesNoFileWithItsFinalName) {
     EXPECT_EQ(ftxe_getbyOID(sender.get(), 0)->ftxe_status, 'X');
     EXPECT_FALSE(std::filesystem::exists(folder / "destination"));
     EXPECT_TRUE(logged(number_transfer_cancelled));
+}
+
+// ---- What cuts long work short
+
+// A message that waits until the worker's loop comes by.
+void let_wait(ccm_context_t* ccm, const message_bytes& body, int type, int origin) {
+    ccm_msg_t* msg = message_of(ccm, built_message(std::span<const unsigned char>(body)));
+    msg->type = type;
+    msg->origin = origin;
+    queue_append(&ccm->recvq, msg);
+}
+
+template <class Record>
+message_bytes order_about(int id) {
+    auto order = new_message<Record>(module_test::client, module_test::number);
+    order.ah_idnr = id;
+    return built_message(order).bytes();
+}
+
+message_bytes end_of_channel(int id, const char* name) {
+    ipcmsg_channel_close_t record{};
+    memcpy(record.header.msgtype, ipc_channel_close, sizeof record.header.msgtype);
+    record.ccmch.ID = id;
+    copy_text(record.ccmch.name, name);
+    const auto* bytes = reinterpret_cast<const unsigned char*>(&record);
+    return {bytes, bytes + sizeof record};
+}
+
+TEST_F(flow_test, WhatEndsATransferStopsItsReading) {
+    const message_bytes cancel = order_about<MSG_TYPE_FTXCANC>(4711);
+    const struct {
+        const char* what;
+        message_bytes waits;
+        int type;
+        int origin;
+        int pending;
+        bool stops;
+    } cases[] = {
+        {"nothing", {}, 0, 0, 0, false},
+        {"a cancel", cancel, CCM_MSG_NAT, CCM_FROM_AGENT, 0, true},
+        {"another's cancel", order_about<MSG_TYPE_FTXCANC>(4712), CCM_MSG_NAT, CCM_FROM_AGENT, 0, false},
+        {"a partner's cancel", cancel, CCM_MSG_NAT, CCM_FROM_PARTNER, 0, false},
+        {"a delete", order_about<MSG_TYPE_FTXDEL>(4711), CCM_MSG_NAT, CCM_FROM_AGENT, 0, true},
+        {"the partner", end_of_channel(partner_of_sender, "FAR"), CCM_MSG_IPC, CCM_FROM_SELF, 0, true},
+        {"the agent", end_of_channel(7, ccm_name_ipc_agent), CCM_MSG_IPC, CCM_FROM_SELF, 0, true},
+        {"another channel", end_of_channel(7, "FAR"), CCM_MSG_IPC, CCM_FROM_SELF, 0, false},
+        {"a signal", {}, 0, 0, SIGNAL_PENDING_TERM, true},
+    };
+    for (const char type : {'B', 'T'}) {
+        for (const auto& one : cases) {
+            module_test_log.clear();
+            pcx->running_mode = MODE_AGENT;
+            ordered order = one_file(300000);
+            order.type = type;
+            make_pair(order);
+            if (!one.waits.empty()) {
+                let_wait(ccm, one.waits, one.type, one.origin);
+            }
+            pcx->flag_signal = one.pending;
+            start();
+            EXPECT_EQ(to_receiver_queue.empty(), one.stops) << type << one.what;
+            EXPECT_NE(sender->ftx_progress, FTX_FINISHED) << one.what;
+            EXPECT_FALSE(logged(number_transfer_read_failed)) << one.what;
+            to_receiver_queue.clear();
+            if (&one == cases + 1) {
+                sender->ftx_send_flag |= FTX_SEND_ANSWERED;
+                as_worker(&sender,
+                          [&](ftx_entry*) { hand_over(ftx_process_ftxcancel, cancel, CCM_FROM_AGENT, 1); });
+                EXPECT_EQ(count_sent(to_receiver_queue, "FTXEND  "), 1U);
+                std::mt19937 seed(1);
+                while (step(&seed)) {
+                }
+                EXPECT_EQ(last_status().status_flag, 'C');
+            }
+            pcx->flag_signal = 0;
+            queue_free_all(ccm, &ccm->recvq, &ccm->queue_lock);
+        }
+    }
+}
+
+TEST_F(flow_test, ACancelStopsTheListAndLeavesNoStoreThatLooksWhole) {
+    const message_bytes cancel = order_about<MSG_TYPE_FTXCANC>(4711);
+    make_pair(many_files(5));
+    ftx_entry* ftx = AddFtxEntry(std::move(sender));
+    ftx->ftx_progress = FTX_BETWEEN_FILES;
+    qx7_error err;
+    ASSERT_EQ(ss_saveFTX(ftx, &err), 0) << err.qx_msgInsert;
+    let_wait(ccm, cancel, CCM_MSG_NAT, CCM_FROM_AGENT);
+    EXPECT_EQ(ftx_create_filelist(ftx, &err), -1);
+    EXPECT_EQ(ss_saveFTX(ftx, &err), 0) << err.qx_msgInsert;
+    EXPECT_EQ(ss_closeFile(ftx, &err), 0) << err.qx_msgInsert;
+    EXPECT_FALSE(ss_usable(ftx));
+    hand_over(ftx_process_ftxcancel, cancel, CCM_FROM_AGENT, 1);
+    EXPECT_EQ(getFtxByIdnr(4711), nullptr);
+    EXPECT_TRUE(logged(number_transfer_cancelled));
+    for (const sent_message& message : sent()) {
+        take_routed(message);
+    }
+    ASSERT_FALSE(to_server_list.empty());
+    EXPECT_EQ(to_server_list.back().as<MSG_TYPE_FTXSENDQ>().msl_no, number_transfer_cancelled);
 }
 
 // ---- What no partner says
