@@ -95,7 +95,8 @@ void find_server(EX_PCX* pcx, time_t now) {
 // An upgrade waits for the moment in which nothing would be interrupted.
 void restart_when_quiet(EX_PCX* pcx) {
     if (pcx->upgrade_exit_code == exit_code_upgrade && getCommandCount() == 0 && jpGetJobCount() == 0 &&
-        get_fileReqCount(pcx) == 0 && ftx_get_nof_ftx_processes() == 0 && !FT_IsActive()) {
+        get_fileReqCount(pcx) == 0 && ftx_get_nof_ftx_processes() == 0 && !transfers_wait(pcx) &&
+        !FT_IsActive()) {
         initiate_agent_shutdown(pcx);
     }
 }

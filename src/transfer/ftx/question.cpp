@@ -141,7 +141,11 @@ int ftx_process_ftxinf(EX_PCX* pcx, ccm_msg_t* msg, int) {
     if (ftx == nullptr) {
         qx7_error error;
         qx_error_set(&error, -1, 0, number_transfer_unknown, "%d|FTXINF", question.ah_idnr);
-        answer_bad(pcx, msg, error);
+        if (has_asker(msg)) {
+            answer_bad(pcx, msg, error);
+        } else {
+            __log_error(error);
+        }
         ftx_process_shutdown(pcx, nullptr);
         return -1;
     }
