@@ -111,6 +111,7 @@ void receiver_alone(EX_PCX* pcx, ftx_entry* ftx) {
         __log(number_transfer_connection_closed, "%d|", ftx->ftx_transfer_id);
     }
     dst_closeUnfinished(ftx);
+    dst_settle(ftx);
     ftx_process_shutdown(pcx, ftx);
     FreeFtxEntry(ftx);
 }

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "base/error_text.h"
@@ -30,12 +31,21 @@ int failed(ftx_entry* ftx, ftx_elem* elem, const qx7_error& error) {
     return DST_FAILED;
 }
 
+// Whatever else comes for a file, the one that is whole ends first.
+void settle_before_reuse(ftx_entry* ftx, const ftx_elem* elem) {
+    const auto is_it = [elem](const ftx_unsynced& one) { return one.oid == elem->ftxe_oId; };
+    if (std::any_of(ftx->unsynced.begin(), ftx->unsynced.end(), is_it)) {
+        dst_settle(ftx);
+    }
+}
+
 int take_file_open(ftx_entry* ftx, std::string_view item) {
     dst_closeUnfinished(ftx);
     ftx_elem* const elem = dst_element(ftx, item);
     if (elem == nullptr) {
         return DST_VIOLATION;
     }
+    settle_before_reuse(ftx, elem);
     qx7_error error;
     if (dst_openFile(ftx, elem, item, &error) != 0) {
         ftx->file.reset();
@@ -54,6 +64,7 @@ int take_make_dir(ftx_entry* ftx, std::string_view item) {
     if (elem == nullptr) {
         return DST_VIOLATION;
     }
+    settle_before_reuse(ftx, elem);
     qx7_error error;
     if (dst_createDir(ftx, elem, item, &error) != 0) {
         return failed(ftx, elem, error);

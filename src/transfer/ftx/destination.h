@@ -11,3 +11,5 @@ int dst_closeCompress(ftx_entry* ftx, qx7_error* err);
 
 // Flushes and closes an open file without completing it: temporary name and status stay.
 void dst_closeUnfinished(ftx_entry* ftx);
+// Files that wait for the disk get there, their names and their status. To be called before any status is told.
+void dst_settle(ftx_entry* ftx);

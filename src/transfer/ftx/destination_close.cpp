@@ -1,17 +1,25 @@
 // A file of the receiver ends: it gets its final name when all of it has come.
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <map>
+#include <utility>
+#include <vector>
 
 #include "base/error_text.h"
 #include "base/message_numbers.h"
 #include "base/text.h"
 #include "log/log.h"
 #include "transfer/control_stream.h"
+#include "transfer/ftx/destination.h"
 #include "transfer/ftx/destination_write.h"
 #include "transfer/ftx/files.h"
 
 namespace {
+
+constexpr size_t unsynced_most = 64;  // with two descriptors each
 
 void fail(ftx_entry* ftx, ftx_elem* elem, const qx7_error& error) {
     __log_error(error);
@@ -27,14 +35,14 @@ void close_failed(ftx_entry* ftx, ftx_elem* elem, int error_number) {
     fail(ftx, elem, error);
 }
 
-void rename_failed(ftx_entry* ftx, ftx_elem* elem, int error_number) {
+void rename_failed(ftx_entry* ftx, ftx_elem* elem, const ftx_unsynced& whole, int error_number) {
     qx7_error error;
     if (error_number == EEXIST) {
         qx_error_set(&error, -1, EEXIST, number_destination_exists, "%s|",
                      printable(elem->destination_name).c_str());
     } else {
         qx_error_set(&error, -1, error_number, number_system_call, "rename(%s, %s)|%d|%s|",
-                     printable(ftx->working_name).c_str(), printable(ftx->final_name).c_str(), error_number,
+                     printable(whole.working_name).c_str(), printable(whole.final_name).c_str(), error_number,
                      error_text(error_number).c_str());
     }
     fail(ftx, elem, error);
@@ -49,51 +57,96 @@ void take_source_error(ftx_entry* ftx, ftx_elem* elem, std::string_view item, in
     update_FtxStatus(ftx, elem, FTXE_ERROR);
 }
 
-// Closes the written file; with an erase of the source only what is on the disk may count as arrived.
-int close_written(ftx_entry* ftx, bool to_disk) {
-    const int synced = to_disk ? fsync(ftx->file.get()) : 0;
-    const int error_number = errno;
-    if (FTX_closeFdFile(&ftx->file) != 0) {
-        return -1;
-    }
-    errno = error_number;
-    return synced;
-}
-
 // Gives the file its final name. When a repeat finds it taken by the same content, an earlier run has completed
 // the file and could not tell. 0 or -1 with errno.
-int give_final_name(const ftx_entry* ftx, bool to_disk) {
-    const int folder = ftx->folder.get();
-    const char* const temp = ftx->working_name.c_str();
-    const char* const name = ftx->final_name.c_str();
-    if (FTX_renameFile(folder, temp, name, ftx->may_replace) == 0) {
+int give_final_name(const ftx_entry* ftx, const ftx_unsynced& whole, int folder) {
+    const char* const temp = whole.working_name.c_str();
+    const char* const name = whole.final_name.c_str();
+    if (FTX_renameFile(folder, temp, name, whole.may_replace) == 0) {
         return 0;
     }
     if (errno != EEXIST || ftx->ftx_ah_idnr2 == 0) {
         return -1;
     }
-    if (!FTX_sameContent(folder, temp, name, to_disk)) {
+    if (!FTX_sameContent(folder, temp, name, ftx->ftx_erase == ftx_yes)) {
         errno = EEXIST;
         return -1;
     }
     return unlinkat(folder, temp, 0);
 }
 
+// The file is closed and, if that went well, gets its name.
+void name_closed(ftx_entry* ftx, ftx_elem* elem, const ftx_unsynced& whole, int folder, int closed) {
+    if (closed != 0) {
+        close_failed(ftx, elem, errno);
+    } else if (elem->dst_Temp_File == 1 && give_final_name(ftx, whole, folder) != 0) {
+        rename_failed(ftx, elem, whole, errno);
+    }
+}
+
+// The source goes when the receiver says 'C': until then nothing may be left to chance.
+void complete_on_disk(ftx_entry* ftx, ftx_elem* elem, ftx_unsynced whole) {
+    whole.folder.reset(fcntl(ftx->folder.get(), F_DUPFD_CLOEXEC, 0));
+    if (!whole.folder.valid()) {
+        close_failed(ftx, elem, errno);
+        return;
+    }
+    ftx->unsynced.push_back(std::move(whole));
+    // The next file may be appended to this one.
+    if (ftx->unsynced.size() >= unsynced_most || dst_ordered_overwrite(ftx) == ftx_append) {
+        dst_settle(ftx);
+    }
+}
+
 void complete(ftx_entry* ftx, ftx_elem* elem) {
-    const bool to_disk = ftx->ftx_erase == ftx_yes;
-    if (close_written(ftx, to_disk) != 0) {
-        close_failed(ftx, elem, errno);
+    ftx_unsynced whole{.oid = elem->ftxe_oId,
+                       .file = std::move(ftx->file),
+                       .folder = {},
+                       .working_name = std::move(ftx->working_name),
+                       .final_name = std::move(ftx->final_name),
+                       .may_replace = ftx->may_replace};
+    if (ftx->ftx_erase == ftx_yes) {
+        complete_on_disk(ftx, elem, std::move(whole));
         return;
     }
-    if (elem->dst_Temp_File == 1 && give_final_name(ftx, to_disk) != 0) {
-        rename_failed(ftx, elem, errno);
-        return;
+    name_closed(ftx, elem, whole, ftx->folder.get(), FTX_closeFdFile(&whole.file));
+    if (elem->ftxe_status == FTXE_ACTIVE) {
+        update_FtxStatus(ftx, elem, FTXE_COMPLETE);
     }
-    if (to_disk && ftx_sync_folder(ftx->folder.get()) != 0) {
-        close_failed(ftx, elem, errno);
-        return;
+}
+
+// ---- Down to the disk
+
+std::vector<int> sync_files(const std::vector<ftx_unsynced>& files) {
+    std::vector<int> descriptors;
+    for (const ftx_unsynced& one : files) {
+        descriptors.push_back(one.file.get());
     }
-    update_FtxStatus(ftx, elem, FTXE_COMPLETE);
+    return ftx_sync_all(descriptors);
+}
+
+// The folders behind the files, each once; for each file: 0, or the errno of its folder's failure.
+std::vector<int> sync_folders(const std::vector<ftx_unsynced>& files) {
+    std::map<std::pair<dev_t, ino_t>, size_t> places;
+    std::vector<size_t> place_of;
+    std::vector<qx_descriptor> folders;
+    std::vector<int> descriptors;
+    for (const ftx_unsynced& one : files) {
+        struct stat status = {};
+        fstat(one.folder.get(), &status);
+        const auto [found, fresh] = places.try_emplace({status.st_dev, status.st_ino}, folders.size());
+        place_of.push_back(found->second);
+        if (fresh) {
+            folders.emplace_back(openat(one.folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+            descriptors.push_back(folders.back().get());
+        }
+    }
+    const std::vector<int> of_folders = ftx_sync_all(descriptors);
+    std::vector<int> failures;
+    for (const size_t place : place_of) {
+        failures.push_back(of_folders[place]);
+    }
+    return failures;
 }
 
 }  // namespace
@@ -113,5 +166,25 @@ void dst_closeFile(ftx_entry* ftx, std::string_view item) {
     ftx->file.reset();
     if (failed_at_source && elem->ftxe_status == FTXE_ACTIVE) {
         take_source_error(ftx, elem, item, number);
+    }
+}
+
+void dst_settle(ftx_entry* ftx) {
+    std::vector<ftx_unsynced> files = std::exchange(ftx->unsynced, {});
+    const std::vector<int> of_files = sync_files(files);
+    for (size_t i = 0; i < files.size(); ++i) {
+        const int closed = FTX_closeFdFile(&files[i].file);
+        errno = of_files[i] != 0 ? of_files[i] : errno;
+        name_closed(ftx, &ftx->elements.at(files[i].oid), files[i], files[i].folder.get(),
+                    of_files[i] != 0 ? -1 : closed);
+    }
+    const std::vector<int> of_folders = sync_folders(files);
+    for (size_t i = 0; i < files.size(); ++i) {
+        ftx_elem* const elem = &ftx->elements.at(files[i].oid);
+        if (elem->ftxe_status == FTXE_ACTIVE && of_folders[i] != 0) {
+            close_failed(ftx, elem, of_folders[i]);
+        } else if (elem->ftxe_status == FTXE_ACTIVE) {
+            update_FtxStatus(ftx, elem, FTXE_COMPLETE);
+        }
     }
 }

@@ -162,6 +162,16 @@ struct ftx_log_line {
     std::string insert;
 };
 
+// Receiver: a file that is whole and waits, with others, to be brought to the disk before it is told as complete.
+struct ftx_unsynced {
+    int oid;
+    qx_descriptor file;
+    qx_descriptor folder;  // a place
+    std::string working_name;
+    std::string final_name;  // which it gets then
+    bool may_replace;
+};
+
 struct compress_closer {
     void operator()(CompressFile* file) const { csClose(file); }
 };
@@ -213,6 +223,7 @@ struct ftx_entry : FTX_AREA {
     std::string working_name;  // receiver: what is written there, the final name or a temporary one
     std::string final_name;
     bool may_replace = false;                 // receiver: what has the final name when the file is complete
+    std::vector<ftx_unsynced> unsynced;       // receiver, with an erase of the source only
     int64_t restart_position = -1;            // sender: of the last restart item
     std::unique_ptr<unsigned char[]> buffer;  // ftx_fiob
     md5_context md5 = {};

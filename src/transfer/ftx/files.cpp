@@ -1,13 +1,17 @@
 #include "transfer/ftx/files.h"
 
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 
 #include "base/file_data.h"
 #include "base/files.h"
@@ -23,6 +27,25 @@ namespace {
 constexpr int careful = O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
 constexpr mode_t file_mode = 0666;  // less the umask
 constexpr size_t compared_piece = 32768;
+
+// So few go to the disk one by one, without waiting for what others write to the same file system.
+constexpr size_t many_files = 8;
+
+// Whether a sync of the file system is one of each of its files, down to the disk. Others may send their servers
+// less than with fsync.
+bool syncs_whole(int fd) {
+    constexpr decltype(statfs::f_type) known[] = {EXT4_SUPER_MAGIC, XFS_SUPER_MAGIC, BTRFS_SUPER_MAGIC,
+                                                  TMPFS_MAGIC};
+    struct statfs status;
+    return fstatfs(fd, &status) == 0 &&
+           std::find(std::begin(known), std::end(known), status.f_type) != std::end(known);
+}
+
+// Which device is on the disk now; 0 when that failed.
+dev_t sync_file_system(int fd) {
+    struct stat status;
+    return fstat(fd, &status) == 0 && syncfs(fd) == 0 ? status.st_dev : 0;
+}
 
 int give_up(int fd, int error_number) {
     close(fd);
@@ -159,6 +182,23 @@ bool ftx_is_own_file(int fd) {
 int ftx_sync_folder(int folder) {
     const qx_descriptor open_folder(openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return open_folder.valid() ? fsync(open_folder.get()) : -1;
+}
+
+std::vector<int> ftx_sync_all(const std::vector<int>& descriptors) {
+    std::vector<int> failures;
+    const bool together = descriptors.size() >= many_files && syncs_whole(descriptors.front());
+    const dev_t synced = together ? sync_file_system(descriptors.front()) : 0;
+    for (const int fd : descriptors) {
+        struct stat status;
+        const bool there = synced != 0 && fstat(fd, &status) == 0 && status.st_dev == synced;
+        // A failure to write is told to each descriptor of the file, without another flush of the disk.
+        int result = there ? sync_file_range(fd, 0, 0, SYNC_FILE_RANGE_WAIT_BEFORE) : fsync(fd);
+        if (there && result != 0 && errno == ENOSYS) {
+            result = fsync(fd);
+        }
+        failures.push_back(result == 0 ? 0 : errno);
+    }
+    return failures;
 }
 
 int ftx_check_space(const ftx_entry* ftx, const std::string& path, const std::string& file, int64_t size,

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <string>
+#include <vector>
 
 #include "base/descriptor.h"
 #include "base/error.h"
@@ -34,6 +35,8 @@ std::string create_TempPath(const ftx_entry* ftx, const ftx_elem* elem);
 bool ftx_is_own_file(int fd);
 // So that what was written and renamed is there after a crash.
 int ftx_sync_folder(int folder);
+// The same for open files or folders, in one go where that is sure. For each: 0, or the errno of its failure.
+std::vector<int> ftx_sync_all(const std::vector<int>& descriptors);
 // 0, or -1 with 11482 when the file system of the folder that is, or would be, `path` has less room than
 // `size` bytes.
 int ftx_check_space(const ftx_entry* ftx, const std::string& path, const std::string& file, int64_t size,

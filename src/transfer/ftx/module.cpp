@@ -41,6 +41,7 @@ void close_files(ftx_entry* entry) {
         src_closeFile(entry);
     } else {
         dst_closeUnfinished(entry);
+        dst_settle(entry);
     }
 }
 

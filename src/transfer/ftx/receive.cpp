@@ -227,8 +227,9 @@ int ftx_process_ftxend(EX_PCX* pcx, ccm_msg_t* msg, int) {
         return ftx_refuse_partner(pcx, msg, end.ah_idnr);
     }
     ftx->end_seen = true;
-    take_status(ftx, end, view_text(view, end.msl_dist, end.msl_len));
     dst_closeUnfinished(ftx);
+    dst_settle(ftx);
+    take_status(ftx, end, view_text(view, end.msl_dist, end.msl_len));
     ftx->decompressor.reset();
     if (something_untold(ftx)) {
         quit_group(pcx, ftx);

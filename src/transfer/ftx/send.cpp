@@ -8,6 +8,7 @@
 #include "channels/replies.h"
 #include "log/log.h"
 #include "messages/records_transfer.h"
+#include "transfer/ftx/destination.h"
 #include "transfer/ftx/flow.h"
 #include "transfer/ftx/source.h"
 
@@ -224,6 +225,7 @@ int send_quit(EX_PCX* pcx, ftx_entry* ftx, const message_builder<MSG_TYPE_FTXQUI
 }  // namespace
 
 int ftx_send_ftxquitt(EX_PCX* pcx, ftx_entry* ftx) {
+    dst_settle(ftx);
     auto quit = begin_quit(ftx);
     for (auto next = ftx->elements.begin(); next != ftx->elements.end();) {
         ftx_elem* elem = &next->second;

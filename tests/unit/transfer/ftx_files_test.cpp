@@ -229,11 +229,32 @@ TEST_F(ftx_files, only_a_file_close_without_an_error_gives_the_final_name) {
         std::filesystem::remove_all(folder / "to");
         std::filesystem::create_directory(folder / "to");
     }
-    begin();
-    destination->ftx_erase = 'Y';  // to the disk, too
-    EXPECT_EQ(give(CTRL_FILE_CLOSE, ""), 0);
-    EXPECT_EQ(arrived(3).ftxe_status, 'C');
-    EXPECT_EQ(tree("to"), (tree_of{{"file", "part"}}));
+}
+
+TEST_F(ftx_files, file_whose_source_will_go_is_complete_when_it_is_on_the_disk) {
+    constexpr int count = 70;  // more than wait at a time
+    prepare({.source = "from/*", .destination = "to/*", .wildcard = true});
+    destination->ftx_erase = 'Y';
+    const auto name = [](int oid) { return "name" + std::to_string(oid); };
+    for (int oid = 0; oid < count; ++oid) {
+        give_open(oid, "from/" + name(oid));
+        give_data(std::to_string(oid));
+        EXPECT_EQ(give(CTRL_FILE_CLOSE, ""), 0);
+    }
+    EXPECT_EQ(arrived(0).ftxe_status, 'C');
+    EXPECT_EQ(arrived(count - 1).ftxe_status, 'A');
+    EXPECT_FALSE(folder.exists("to/" + name(count - 1)));
+    folder.write("to/" + name(count - 2), "theirs");
+    dst_settle(destination.get());
+    for (int oid = 0; oid < count; ++oid) {
+        const bool lost = oid == count - 2;
+        EXPECT_EQ(arrived(oid).ftxe_status, lost ? 'E' : 'C') << oid;
+        EXPECT_EQ(folder.read("to/" + name(oid)), lost ? "theirs" : std::to_string(oid));
+    }
+    give_open(count, "from/again");
+    give(CTRL_FILE_CLOSE, "");
+    give_open(count, "from/again");
+    EXPECT_EQ(folder.read("to/again"), "") << "the first one has ended";
 }
 
 TEST_F(ftx_files, name_that_appears_meanwhile_is_not_replaced_without_leave) {
