@@ -85,7 +85,7 @@ void write_store(byte_source* source) {
 
 void check_elements(const ftx_entry* ftx) {
     for (const auto& [oid, elem] : ftx->elements) {
-        check(elem.ftxe_oId == oid && elem.source_name.size() <= ftx_name_max &&
+        check(elem.ftxe_oId == oid && elem.source_name.size() <= ftx_name_max + 1 &&
               elem.destination_name.size() <= ftx_name_max && elem.insert.size() <= 1023 &&
               elem.sender_record.size() <= ftx_restart_item_max &&
               elem.receiver_record.size() <= ftx_restart_item_max &&

@@ -31,7 +31,7 @@ void append(ftx_entry* ftx, std::string_view text, bool translate) {
         for (size_t i = 0; i < text.size(); ++i) {
             to[i] = ftx->code_table[static_cast<unsigned char>(text[i])];
         }
-    } else {
+    } else if (!text.empty()) {
         memcpy(to, text.data(), text.size());
     }
     ftx->ftx_fiob_size += static_cast<int>(text.size());

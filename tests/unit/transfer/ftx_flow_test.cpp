@@ -138,7 +138,8 @@ TEST_F(flow_test, AFileIsSentAgainInAStreamOfItsOwn) {
         std::map<int, int> wanted = {{0, 1}, {7, 2}, {39, 1}};
         change_quit = [&wanted](message_bytes* quit) {
             each_record(quit, [&wanted](MSG_TYPE_FTXQUIT_RECORD* record) {
-                if (record->status_flag == 'C' && wanted[record->file_id]-- > 0) {
+                const int oid = record->file_id;
+                if (record->status_flag == 'C' && wanted[oid]-- > 0) {
                     record->status_flag = 'R';
                 }
             });
