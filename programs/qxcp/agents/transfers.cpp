@@ -120,6 +120,21 @@ cp_report_block block_of(message_view view, const MSG_TYPE_FTXWRITE& message) {
     return block;
 }
 
+void send_cancel(cp_server& server, cp_agent& agent, const cp_transfer& transfer) {
+    auto order = new_message<MSG_TYPE_FTXCANC>(transfer.client, transfer.user_id);
+    order.ah_idnr = transfer.run;
+    cp_send(&server, agent, module_transfers, order);
+}
+
+// A cancel that went to the destination while the order was on its way to the source did not end it: only a sender
+// can end a transfer so that its files are accounted for.
+void repeat_cancel(cp_server& server, const cp_transfer& transfer) {
+    cp_agent* source = cp_find_agent(&server, transfer.source.agent);
+    if (transfer.reverse && transfer.cancel_ordered && source != nullptr) {
+        send_cancel(server, *source, transfer);
+    }
+}
+
 void agent_knows_nothing(cp_server& server, cp_transfer& transfer, int bit, const cp_answer& answer) {
     transfer.unknown_to |= bit;
     const bool both = transfer.reverse && transfer.state == cp_transfer_state::ordered;
@@ -204,6 +219,9 @@ void cp_take_transfer_start(cp_server& server, cp_agent& agent, message_view vie
         cp_end_transfer(server, *transfer, state, answer.msl_no, insert);
         return;
     }
+    if (transfer->state == cp_transfer_state::ordered) {
+        repeat_cancel(server, *transfer);
+    }
     transfer->state = cp_transfer_state::running;
     transfer->figures.files_total = answer.files_total;
     transfer->figures.file_size = answer.size_total;
@@ -228,6 +246,9 @@ void cp_take_transfer_status(cp_server& server, cp_agent& agent, message_view vi
         ask_for_report(server, *transfer);  // FTXSENDQ was lost with the agent that relays it
     }
     take_figures(*transfer, status);
+    if (transfer->state == cp_transfer_state::ordered && status.status_flag == letter_running) {
+        repeat_cancel(server, *transfer);
+    }
     transfer->state = state_of_letter(status.status_flag);
     if (status.msl_no != 0) {
         transfer->message_number = status.msl_no;
@@ -313,9 +334,7 @@ bool cp_cancel_transfer(cp_server* server, int run, std::string& error) {
     if (transfer->legacy) {
         cp_cancel_legacy(*server, *transfer, *agent);
     } else {
-        auto order = new_message<MSG_TYPE_FTXCANC>(transfer->client, transfer->user_id);
-        order.ah_idnr = run;
-        cp_send(server, *agent, module_transfers, order);
+        send_cancel(*server, *agent, *transfer);
     }
     if (transfer->cancel_ordered && !transfer->legacy) {
         // An order for what is unknown gets no answer, a question does.

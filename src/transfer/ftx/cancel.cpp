@@ -64,8 +64,9 @@ int cancel_in_worker(EX_PCX* pcx, const ccm_msg_t* msg, int ah_idnr) {
         return unknown(msg, ah_idnr);
     }
     if (!ftx->is_sender()) {
-        // A receiver has nothing of its own to tell; its sender sees the end of the connection.
-        ccm_channel_deletebyID(pcx->ccm, ftx->partnerID);
+        // An order that came too early to find the sender. It is the sender who ends a transfer; to him a lost
+        // connection would be an error.
+        __log(number_cancel_ordered, "%d|", ah_idnr);
         return 0;
     }
     if (ftx_lists_in_vain(ftx)) {
