@@ -222,9 +222,12 @@ struct ftx_entry : FTX_AREA {
     qx_descriptor folder;      // that holds it, kept for the next file
     std::string working_name;  // receiver: what is written there, the final name or a temporary one
     std::string final_name;
-    bool may_replace = false;                 // receiver: what has the final name when the file is complete
-    std::vector<ftx_unsynced> unsynced;       // receiver, with an erase of the source only
-    int64_t restart_position = -1;            // sender: of the last restart item
+    bool may_replace = false;            // receiver: what has the final name when the file is complete
+    std::vector<ftx_unsynced> unsynced;  // receiver, with an erase of the source only
+    int64_t restart_position = -1;       // sender: of the last restart item
+    bool prefix_unproven = false;        // sender: the file goes on if its prefix is what `prefix` tells
+    int prefix_padding = 0;              // items that go out before it is read
+    __ftx_restart_info prefix = {};
     std::unique_ptr<unsigned char[]> buffer;  // ftx_fiob
     md5_context md5 = {};
 

@@ -72,6 +72,7 @@ void src_closeCompress(ftx_entry* ftx) {
 
 void src_closeFile(ftx_entry* ftx) {
     ftx->file.reset();
+    ftx->prefix_unproven = false;
     ftx->rb_pos = ftx->rb_len = 0;
 }
 
@@ -114,6 +115,11 @@ int src_binRead(void* hIn, char* buf, int size, int, int*, int* ctrl, ErrMsg* er
     }
     if (ftx->ftx_progress != FTX_IN_FILE) {
         return src_openNextFile(ftx, item, err);
+    }
+    if (ftx->prefix_unproven) {
+        if (const int length = src_provePrefix(ftx, item, err); length != 0) {
+            return length;
+        }
     }
     if (src_restart_due(ftx, 1)) {
         return send_restartInfo(ftx, item);

@@ -16,7 +16,6 @@
 #include "transfer/ftx/folders.h"
 #include "transfer/ftx/module.h"
 #include "transfer/ftx/protocol.h"
-#include "transfer/ftx/restart.h"
 #include "transfer/ftx/source.h"
 #include "transfer/ftx/source_read.h"
 
@@ -57,55 +56,6 @@ void decide_digest(ftx_entry* ftx, ftx_elem* elem, int64_t size) {
     const bool wanted = size > ftx_digest_from && ftx_glb().ft_use_md5 && ftx->has(FTX_CAN_CONTINUE);
     elem->ftxe_flag = (elem->ftxe_flag & ~FTXE_MD5) | (wanted ? FTXE_MD5 : 0);
     md5_init(&ftx->md5);
-}
-
-// Whether there is a record of an earlier run that the receiver has one for as well.
-bool has_records(const ftx_entry* ftx, const ftx_elem* elem) {
-    return ftx->ftx_restart == ftx_resume && elem->sender_record.size() == sizeof(__ftx_restart_info) &&
-           !elem->receiver_record.empty();
-}
-
-// Whether the file still is what the sender's record tells of; it stands at the record's position then.
-bool is_as_recorded(ftx_entry* ftx, ftx_elem* elem, int64_t size_now, int64_t size_then) {
-    __ftx_restart_info record;
-    memcpy(&record, elem->sender_record.data(), sizeof record);
-    const bool proven = (elem->ftxe_flag & FTXE_MD5) != 0 && ftx_has_digest(record);
-    if (record.rst_filepos > size_now || (!proven && size_now != size_then)) {
-        return false;
-    }
-    qx7_error ignored;  // a prefix that cannot be read is sent anew, and fails then
-    return check_fileConsistency(ftx, elem, record, &ignored) == 0;
-}
-
-void resume(ftx_elem* elem, ControlStream* cbs) {
-    cbsPutByteStream(cbs, "RST", elem->receiver_record.data(), elem->receiver_record.size());
-    memcpy(&elem->ftxe_transferedBytes, elem->sender_record.data(), sizeof elem->ftxe_transferedBytes);
-    elem->ftxe_records = elem->ftxe_rss_records;
-}
-
-void begin_anew(ftx_elem* elem) {
-    elem->sender_record.clear();
-    elem->receiver_record.clear();
-    elem->ftxe_text_coding = TEXT_CODE_BINARY;
-}
-
-// Resumes, or goes to the file's beginning. 0 or -1 with errno.
-int set_position(ftx_entry* ftx, ftx_elem* elem, int64_t size_then, ControlStream* cbs) {
-    if (!has_records(ftx, elem)) {
-        begin_anew(elem);
-        return 0;
-    }
-    if (is_as_recorded(ftx, elem, elem->ftxe_fileSize, size_then)) {
-        resume(elem, cbs);
-        return 0;
-    }
-    if (ftx->interrupted) {
-        errno = ECANCELED;
-        return -1;
-    }
-    begin_anew(elem);
-    md5_init(&ftx->md5);
-    return lseek(ftx->file.get(), 0, SEEK_SET) == 0 ? 0 : -1;
 }
 
 // ---- The next item
@@ -233,6 +183,12 @@ int src_fileError(ftx_entry* ftx, int error_number, const src_item& item) {
     return src_give(cbs, CTRL_FILE_CLOSE, item);
 }
 
+void src_describe(const ftx_elem* elem, ControlStream* cbs) {
+    cbsPutInt(cbs, "OID", elem->ftxe_oId);
+    cbsPutString(cbs, "FNAME", elem->source_name);
+    cbsPutInt64(cbs, "SIZ", elem->ftxe_fileSize);
+}
+
 int src_openFile(ftx_entry* ftx, ftx_elem* elem, ControlStream* cbs, qx7_error* err) {
     qx_error_clear(err);
     src_closeFile(ftx);
@@ -246,10 +202,8 @@ int src_openFile(ftx_entry* ftx, ftx_elem* elem, ControlStream* cbs, qx7_error* 
     ftx->ftx_rst_timeStamp = alarm_now() + ftx->ftx_rstrt_interval;
     ftx->restart_position = 0;
     decide_digest(ftx, elem, status.st_size);
-    cbsPutInt(cbs, "OID", elem->ftxe_oId);
-    cbsPutString(cbs, "FNAME", elem->source_name);
-    cbsPutInt64(cbs, "SIZ", status.st_size);
-    if (set_position(ftx, elem, size_then, cbs) != 0) {
+    src_describe(elem, cbs);
+    if (src_setPosition(ftx, elem, size_then, cbs) != 0) {
         return open_failed(ftx, elem, errno, err);
     }
     elem->ftxe_startStamp = static_cast<int32_t>(time(nullptr));

@@ -26,6 +26,8 @@ int src_openNextFile(ftx_entry* ftx, const src_item& item, ErrMsg* err);
 int src_enterFolder(ftx_entry* ftx, const std::string& name, std::string* last);
 // Opens one, and fills what tells the receiver of it. 0 or -1 with `err`.
 int src_openFile(ftx_entry* ftx, ftx_elem* elem, ControlStream* cbs, qx7_error* err);
+// What a file_open tells of each file.
+void src_describe(const ftx_elem* elem, ControlStream* cbs);
 // The file has ended, or cannot be read: its file_close.
 int src_fileEof(ftx_entry* ftx, const src_item& item);
 int src_fileError(ftx_entry* ftx, int error_number, const src_item& item);
@@ -33,6 +35,15 @@ int src_fileError(ftx_entry* ftx, int error_number, const src_item& item);
 int src_breakOff(const ftx_entry* ftx, ErrMsg* err);
 // Gives a control stream as item of that type.
 int src_give(const ControlStream& cbs, int control, const src_item& item);
+
+// ---- Going on (source_resume.cpp)
+
+// From where the file that was just opened is sent: on from where an earlier run has come, which the item tells,
+// or from its beginning. `size_then` is its size in the earlier run. 0 or -1 with errno.
+int src_setPosition(ftx_entry* ftx, ftx_elem* elem, int64_t size_then, ControlStream* cbs);
+// For a file with ftx->prefix_unproven: the next item that comes before its data, or 0 when data come next; -1 with
+// `err` when it was interrupted.
+int src_provePrefix(ftx_entry* ftx, const src_item& item, ErrMsg* err);
 
 // ---- In a file (source.cpp)
 

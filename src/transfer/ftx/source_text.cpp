@@ -206,6 +206,11 @@ int src_textRead(void* hIn, char* buf, int size, int, int*, int* ctrl, ErrMsg* e
     if (ftx->ftx_progress != FTX_IN_FILE) {
         return ftx_is_interrupted(ftx) ? src_breakOff(ftx, err) : src_openNextFile(ftx, item, err);
     }
+    if (ftx->prefix_unproven) {
+        if (const int length = src_provePrefix(ftx, item, err); length != 0) {
+            return length;
+        }
+    }
     for (bool at_end = false;;) {
         const text_line line = next_line(ftx, at_end);
         if (line.length != 0 || line.whole) {

@@ -35,7 +35,11 @@ struct ftx_restart : transfer_files {
     }
 
     // The next run over the same files, with the list of the store.
-    bool go_on(file_order order, const left_over& left, int send_flag = 0) {
+    bool go_on(file_order order, const left_over& left) {
+        take_up(order, left);
+        return send();
+    }
+    void take_up(file_order order, const left_over& left) {
         order.restart = ftx_resume;
         order.repeats = id;
         prepare(order);
@@ -45,8 +49,6 @@ struct ftx_restart : transfer_files {
         elem->receiver_record = left.receiver_record;
         elem->ftxe_fileSize = left.size;
         elem->ftxe_text_coding = left.coding;
-        source->ftx_send_flag = send_flag;
-        return send();
     }
 
     // The stream after an 'R', as the sender makes it.
@@ -130,6 +132,39 @@ TEST_F(ftx_restart, changed_files_are_sent_from_their_beginning) {
         EXPECT_GE(stream.size(), first.size());
         unlink((folder / "to/file").c_str());
     }
+}
+
+TEST_F(ftx_restart, both_sides_read_a_long_prefix_at_the_same_time) {
+    std::string content = bytes_of(20000000, 14);
+    folder.write("from/file", content);
+    const left_over left = cut({}, 19000000);
+    ASSERT_GT(left.position(), 17000000);
+    const std::string half = folder.read("to/AAAAGZF_0.tmp");
+    for (const char compress : {'0', '1'}) {
+        take_up({.compress = compress}, left);
+        qx7_error error;
+        ASSERT_EQ(src_openCompress(source.get(), &error) + dst_openCompress(destination.get(), &error), 0);
+        std::vector<char> block(32236);
+        const int length =
+            csRead(source->compressor.get(), block.data(), static_cast<int>(block.size()), &source->message);
+        dcsWrite(destination->decompressor.get(), block.data(), length, &destination->message);
+        EXPECT_EQ(arrived().ftxe_transferedBytes, left.position());
+        EXPECT_EQ(lseek(source->file.get(), 0, SEEK_CUR), 0);  // with a block out, it has read nothing yet
+        source.reset();
+        ASSERT_TRUE(go_on({.compress = compress}, left));
+        EXPECT_EQ(arrived().ftxe_status, 'C');
+        EXPECT_LT(stream.size(), 4000000U);
+        EXPECT_TRUE(folder.read("to/file") == content);
+        unlink((folder / "to/file").c_str());
+        folder.write("to/AAAAGZF_0.tmp", half);
+    }
+    content[10] = static_cast<char>(content[10] + 1);
+    folder.write("from/file", content);
+    ASSERT_TRUE(go_on({}, left));
+    EXPECT_EQ(arrived().ftxe_status, 'C');
+    EXPECT_GT(stream.size(), content.size());
+    EXPECT_TRUE(folder.read("to/file") == content);
+    EXPECT_EQ(source->items, source->items_of_ended);
 }
 
 TEST_F(ftx_restart, destination_that_differs_asks_for_the_file_anew) {
