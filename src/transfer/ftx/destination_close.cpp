@@ -53,7 +53,8 @@ void take_source_error(ftx_entry* ftx, ftx_elem* elem, std::string_view item, in
     std::string insert;
     cbsGetString(item, "ERROR_INSERT", &insert);
     ftxe_set_message(elem, number > 0 ? number : number_transfer_read_failed, 0, insert);
-    __log(elem->ftxe_msgnr, "%s", printable(elem->insert).c_str());
+    // The number is the partner's; in this log it would speak for this agent.
+    __log(-1, "%d|%s", elem->ftxe_msgnr, printable(elem->insert).c_str());
     update_FtxStatus(ftx, elem, FTXE_ERROR);
 }
 
