@@ -167,6 +167,21 @@ TEST_F(ftx_restart, both_sides_read_a_long_prefix_at_the_same_time) {
     EXPECT_EQ(source->items, source->items_of_ended);
 }
 
+TEST_F(ftx_restart, prefix_that_is_not_read_to_its_end_says_nothing_of_the_file) {
+    folder.write("from/file", bytes_of(2000000, 9));
+    ftx_glb().ft_use_md5 = true;
+    const left_over left = cut({}, 1500000);
+    const auto size = std::filesystem::file_size(folder / "to/AAAAGZF_0.tmp");
+    take_up({}, left);
+    destination->interrupted = true;
+    EXPECT_FALSE(send());
+    EXPECT_EQ(std::filesystem::file_size(folder / "to/AAAAGZF_0.tmp"), size);
+    ASSERT_TRUE(go_on({}, left));
+    EXPECT_EQ(arrived().ftxe_status, 'C');
+    EXPECT_TRUE(folder.read("to/file") == folder.read("from/file"));
+    EXPECT_LT(stream.size(), 1900000U);
+}
+
 TEST_F(ftx_restart, destination_that_differs_asks_for_the_file_anew) {
     const std::string content = bytes_of(2000000, 7);
     folder.write("from/file", content);
