@@ -42,7 +42,7 @@ TEST_F(ftx_files, names_of_any_bytes_go_through_masks_and_subfolders) {
           std::string("sub \xFF/x/y.txt"), std::string("sub \xFF/not.bin")}) {
         folder.write("from/" + name, name);
     }
-    symlink("sub \xFF", (folder / "from/link").c_str());
+    ASSERT_EQ(symlink("sub \xFF", (folder / "from/link").c_str()), 0);
     struct {
         std::string from, to;
         bool folders;
@@ -75,8 +75,8 @@ TEST_F(ftx_files, list_follows_the_order) {
     folder.write("from/b", "22");
     std::filesystem::create_directories(folder / "from/sub/sub");
     folder.write("from/sub/sub/a", "333");
-    symlink("b", (folder / "from/link").c_str());
-    symlink("nowhere", (folder / "from/broken").c_str());
+    ASSERT_EQ(symlink("b", (folder / "from/link").c_str()), 0);
+    ASSERT_EQ(symlink("nowhere", (folder / "from/broken").c_str()), 0);
     ASSERT_EQ(mkfifo((folder / "from/pipe").c_str(), 0600), 0);
     struct {
         char subdir;
@@ -107,7 +107,7 @@ TEST_F(ftx_files, list_follows_the_order) {
 
 TEST_F(ftx_files, missing_folder_of_a_mask_is_told_by_number) {
     folder.write("file", "");
-    symlink("nowhere", (folder / "broken").c_str());
+    ASSERT_EQ(symlink("nowhere", (folder / "broken").c_str()), 0);
     const std::string long_name(600, 'd');
     struct {
         std::string mask;
@@ -129,7 +129,7 @@ TEST_F(ftx_files, missing_folder_of_a_mask_is_told_by_number) {
 TEST_F(ftx_files, source_that_cannot_be_opened_is_an_element_with_its_reason) {
     std::filesystem::create_directory(folder / "from/folder");
     folder.write("from/target", "x");
-    symlink("target", (folder / "from/link").c_str());
+    ASSERT_EQ(symlink("target", (folder / "from/link").c_str()), 0);
     struct {
         std::string name;
         std::string reason;
@@ -456,7 +456,7 @@ TEST_F(ftx_files, prepared_temporary_names_lead_nowhere) {
     const std::string victim = folder.write("victim", "precious");
     folder.write("from/file", "content");
     const std::string temp = folder / "to/AAAAGZF_0.tmp";
-    symlink(victim.c_str(), temp.c_str());
+    ASSERT_EQ(symlink(victim.c_str(), temp.c_str()), 0);
     ASSERT_TRUE(run({}));  // to the destination itself
     EXPECT_EQ(arrived().ftxe_status, 'C');
     EXPECT_EQ(folder.read("to/file"), "content");
@@ -475,8 +475,8 @@ TEST_F(ftx_files, links_of_others_are_not_followed_and_own_ones_are) {
     std::filesystem::create_directory(folder / "secret");
     folder.write("secret/file", "precious");
     folder.write("from/file", "content");
-    symlink("../secret", (folder / "to/sub").c_str());
-    symlink("../secret/file", (folder / "to/link").c_str());
+    ASSERT_EQ(symlink("../secret", (folder / "to/sub").c_str()), 0);
+    ASSERT_EQ(symlink("../secret/file", (folder / "to/link").c_str()), 0);
     ASSERT_TRUE(run({.destination = "to/sub/new"}));
     EXPECT_EQ(folder.read("secret/new"), "content");
     ASSERT_TRUE(run({.destination = "to/link", .overwrite = 'Y'}));
@@ -502,7 +502,7 @@ TEST_F(ftx_files, folder_that_becomes_a_link_is_not_entered_for_its_files) {
     prepare({.source = "from/*", .destination = "to/*", .wildcard = true});
     ASSERT_EQ(list(), 0);
     std::filesystem::remove_all(folder / "from/sub");
-    symlink("../secret", (folder / "from/sub").c_str());
+    ASSERT_EQ(symlink("../secret", (folder / "from/sub").c_str()), 0);
     ASSERT_TRUE(send());
     EXPECT_EQ(sent_file().insert, "4711|from/sub/file|errno 40, Too many levels of symbolic links");
     EXPECT_TRUE(tree("to").empty());
@@ -516,7 +516,7 @@ TEST_F(ftx_files, folder_that_becomes_a_link_is_not_entered_to_erase) {
     ftx_leave_folder(source.get());
     rename((folder / "from/sub/file").c_str(), (folder / "precious/file").c_str());
     std::filesystem::remove(folder / "from/sub");
-    symlink("../precious", (folder / "from/sub").c_str());
+    ASSERT_EQ(symlink("../precious", (folder / "from/sub").c_str()), 0);
     qx7_error error;
     EXPECT_EQ(FTX_removeFile(source.get(), &source->elements.at(0), &error), -1);
     EXPECT_EQ(error.qx_errno, ELOOP);

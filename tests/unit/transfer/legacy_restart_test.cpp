@@ -78,8 +78,8 @@ TEST_F(legacy_restart, begins_anew_where_it_cannot_go_on) {
     const std::string temporary = place + "/TAAAAAAB.tmp";
     const std::function<void()> faults[] = {
         [&] { unlink(temporary.c_str()); },
-        [&] { truncate(temporary.c_str(), 5); },
-        [&] { unlink(temporary.c_str()), symlink(source.c_str(), temporary.c_str()); },
+        [&] { ASSERT_EQ(truncate(temporary.c_str(), 5), 0); },
+        [&] { ASSERT_EQ(unlink(temporary.c_str()) | symlink(source.c_str(), temporary.c_str()), 0); },
         [&] { write_text(source, content + "grown"); },
         [&] { order.destination = place + "/another"; },
         [&] { told.clear(); },  // the server gives no restart data back
