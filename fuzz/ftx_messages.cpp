@@ -80,18 +80,6 @@ constexpr fuzz_order to_receiving[] = {{ftx_module, "FTXEND  ", number_only},
 constexpr fuzz_order direct_order = {ftx_module, "FTXSEND ", direct};
 constexpr fuzz_order receive_order = {ftx_module, "FTXRECV ", to_receiver};
 
-void connect_partner(EX_PCX& pcx) {
-    ccm_channel_t* made = nullptr;
-    if (ccm_channel_new_entry(pcx.ccm, &made, nullptr) != 0) {
-        abort();
-    }
-    made->type = CH_TYPE_AGENT;
-    made->flag |= CH_FLAG_SEALED;
-    copy_text(made->name, "PEER");
-    channel = made->ID;
-    ccm_channel_chain(pcx.ccm, made);
-}
-
 void give(EX_PCX& pcx, const message_bytes& body, int origin = CCM_FROM_PARTNER) {
     ccm_msg_t* msg = fuzz_receive(ftx_module, body);
     if (msg == nullptr) {
@@ -269,7 +257,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     byte_source source(data, size);
     make_sources();
     fuzz_begin();
-    connect_partner(pcx);
+    channel = fuzz_connect_partner(pcx);
     switch (source.byte() % 3) {
         case 0:
             run_agent(pcx, &source);

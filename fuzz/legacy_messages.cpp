@@ -47,18 +47,6 @@ constexpr fuzz_order end_order = {module_name, "FT_END  ", number_only};
 constexpr fuzz_order quit_order = {module_name, "FT_QUIT ", number_only};
 constexpr fuzz_order send_order = {module_name, "FT_SEND ", sender};
 
-void connect_partner(EX_PCX& pcx) {
-    ccm_channel_t* made = nullptr;
-    if (ccm_channel_new_entry(pcx.ccm, &made, nullptr) != 0) {
-        abort();
-    }
-    made->type = CH_TYPE_AGENT;
-    made->flag |= CH_FLAG_SEALED;
-    copy_text(made->name, "PEER");
-    channel = made->ID;
-    ccm_channel_chain(pcx.ccm, made);
-}
-
 int waiting(const EX_PCX& pcx) {
     int count = 0;
     for (const ccm_msg_t* msg = pcx.ccm->sendq.first; msg != nullptr; msg = msg->nxt) {
@@ -164,7 +152,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FT_Open(&pcx, 32256);
     const int before = lowest_descriptor();
     fuzz_begin();
-    connect_partner(pcx);
+    channel = fuzz_connect_partner(pcx);
     for (int i = 0; i < 20 && source.left() > 0; ++i) {
         one_message(pcx, &source);
     }

@@ -275,6 +275,19 @@ void add_data(message_bytes* message, const char* type, const char* prefix, std:
     message->insert(message->end(), data.begin(), data.end());
 }
 
+int fuzz_connect_partner(EX_PCX& pcx) {
+    ccm_channel_t* made = nullptr;
+    if (ccm_channel_new_entry(pcx.ccm, &made, nullptr) != 0) {
+        abort();
+    }
+    made->type = CH_TYPE_AGENT;
+    made->flag |= CH_FLAG_SEALED;
+    copy_text(made->name, "PEER");
+    const int id = made->ID;
+    ccm_channel_chain(pcx.ccm, made);
+    return id;
+}
+
 message_bytes fuzz_message(byte_source* source, const fuzz_order& order) {
     const uint8_t flags = source->byte();
     const int version = (flags & 4) != 0 ? 1 : highest_version(definition_of(order.type));

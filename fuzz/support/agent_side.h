@@ -45,6 +45,9 @@ struct fuzz_order {
 // as does a process that was really started.
 EX_PCX& fuzz_agent();
 
+// A sealed connection of the agent "PEER" that no socket stands behind: its ID.
+int fuzz_connect_partner(EX_PCX& pcx);
+
 // A message of `order` by the source: a flag byte, the number of items, and the items. With bit 0 of the
 // flags the message behind its head is the rest of the source as it is. An item is a byte that names a field,
 // and a text. It fills the field; or, where the field is a distance and bit 7 of the byte is set, the text

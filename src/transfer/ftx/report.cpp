@@ -15,6 +15,7 @@
 #include "messages/records_transfer.h"
 #include "messages/timestamp.h"
 #include "transfer/ftx/entry.h"
+#include "transfer/ftx/flow.h"
 #include "transfer/ftx/module.h"
 #include "transfer/ftx/protocol.h"
 #include "transfer/ftx/server_orders.h"
@@ -164,8 +165,8 @@ int ftx_send_ftxwrite(EX_PCX* pcx, ftx_entry* ftx, int mode) {
     if (message->count == 0) {
         message->last_id = ++ftx->ftx_last_log_nr;
     }
-    const int result = send_built(pcx->ccm, message,
-                                  to_server(pcx, "JPEXEC_R", "QXFTXEX", static_cast<int>(ftx->ftx_srv_acv)));
+    const int result = send_built(
+        pcx->ccm, message, to_server(pcx, ftx_server_module, ftx_module, static_cast<int>(ftx->ftx_srv_acv)));
     ftx->ftx_rep_timeStamp = alarm_now() + pcx->ftx_report_intervall;
     qx7_error error;
     if (ftx->store != nullptr && ss_saveFTX(ftx, &error) != 0) {

@@ -11,6 +11,7 @@
 #include "messages/records_transfer.h"
 #include "messages/timestamp.h"
 #include "transfer/ftx/entry.h"
+#include "transfer/ftx/flow.h"
 #include "transfer/ftx/module.h"
 #include "transfer/ftx/protocol.h"
 #include "transfer/ftx/store.h"
@@ -134,8 +135,8 @@ int ftx_send_ftxsta(EX_PCX* pcx, ftx_entry* ftx) {
     if (ftx_glb().fgx_ftxinf_simulation) {
         return 0;
     }
-    const int result = send_built(pcx->ccm, status,
-                                  to_server(pcx, "JPEXEC_R", "QXFTXEX", static_cast<int>(ftx->ftx_srv_acv)));
+    const int result = send_built(
+        pcx->ccm, status, to_server(pcx, ftx_server_module, ftx_module, static_cast<int>(ftx->ftx_srv_acv)));
     ftx->ftx_sta_timeStamp = alarm_now() + pcx->ftx_sta_intervall;
     return result;
 }

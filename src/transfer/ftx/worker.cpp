@@ -16,14 +16,12 @@
 #include "log/log.h"
 #include "messages/records_transfer.h"
 #include "transfer/ftx/entry.h"
+#include "transfer/ftx/flow.h"
 #include "transfer/ftx/module.h"
 #include "transfer/ftx/protocol.h"
 #include "transfer/ftx/worker_internal.h"
 
 namespace {
-
-constexpr char transfer_module[] = "QXFTXEX";
-constexpr char server_module[] = "JPEXEC_R";
 
 std::list<__ftx_process>& processes() {
     return ftx_glb().ftxpq;
@@ -126,7 +124,7 @@ void ask_replacement(EX_PCX* pcx, const __ftx_process& lost, int channel) {
     message_builder<MSG_TYPE_FTXINF> question(lost.client, lost.userid);
     question->ah_idnr = static_cast<int>(lost.ah_idnr);
     question->ref_ah_idnr = static_cast<int>(lost.ah_idnr2);
-    send_built(pcx->ccm, question, {.dst_ID = channel, .dst_name = transfer_module});
+    send_built(pcx->ccm, question, {.dst_ID = channel, .dst_name = ftx_module});
 }
 
 // An empty piece of the report: the server then asks for the rest, which the replacement has.
@@ -137,7 +135,7 @@ void send_empty_report(EX_PCX* pcx, const __ftx_process& lost) {
     report->last_id = -1;
     report->count = 0;
     send_built(pcx->ccm, report,
-               to_server(pcx, server_module, transfer_module, static_cast<int>(lost.srv_acv)));
+               to_server(pcx, ftx_server_module, ftx_module, static_cast<int>(lost.srv_acv)));
 }
 
 void replace_sender(EX_PCX* pcx, const __ftx_process& lost, const std::string& insert) {
